@@ -1,0 +1,42 @@
+#include "Misc/timedcall.h"
+
+#include <cerrno>
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: timedcall.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+void sigalarm(int)
+{
+}
+
+TimedCall::TimedCall(long seconds)
+{
+    const int savedErrno = errno;
+    struct itimerval off = {};
+    setitimer(ITIMER_REAL, &off, &earlierAlarm);
+
+    struct sigaction action = {};
+    action.sa_handler = sigalarm; // without SA_RESTART: the call must fail with EINTR
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGALRM, &action, &earlierAction);
+
+    if (seconds > 0) {
+        struct itimerval limit = {};
+        limit.it_value.tv_sec = seconds;
+        limit.it_interval.tv_sec = 1;
+        setitimer(ITIMER_REAL, &limit, nullptr);
+    }
+    errno = savedErrno;
+}
+
+TimedCall::~TimedCall()
+{
+    const int savedErrno = errno;
+    struct itimerval off = {};
+    setitimer(ITIMER_REAL, &off, nullptr); // first: the caller's handler must not see this alarm
+    sigaction(SIGALRM, &earlierAction, nullptr);
+    setitimer(ITIMER_REAL, &earlierAlarm, nullptr);
+    errno = savedErrno;
+}

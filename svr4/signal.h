@@ -1,0 +1,31 @@
+// Signals as System V has them.
+#ifndef SVR4_SIGNAL_H
+#define SVR4_SIGNAL_H
+
+#include <csignal>
+
+namespace svr4 {
+
+typedef void (*SignalHandler)(int);
+
+/// signal(2) of System V: sets the disposition of `sig` and returns the earlier one (SIG_ERR with `errno` on
+/// failure). A handler is one-shot: the disposition is the default again when it runs, and `sig` itself is not
+/// blocked meanwhile. A call that the signal interrupts fails with EINTR; it is not restarted.
+SignalHandler signal(int sig, SignalHandler handler);
+
+/// Keeps the whole disposition of a signal (flags and mask included) and restores it when it dies.
+class SavedSignal {
+public:
+    explicit SavedSignal(int sig);
+    ~SavedSignal();
+    SavedSignal(const SavedSignal&) = delete;
+    SavedSignal& operator=(const SavedSignal&) = delete;
+
+private:
+    int sig;
+    struct sigaction earlier;
+};
+
+} // namespace svr4
+
+#endif

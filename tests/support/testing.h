@@ -1,0 +1,78 @@
+// What the tests share: captured output, child processes, files and a syslog daemon's socket.
+#ifndef TESTS_SUPPORT_TESTING_H
+#define TESTS_SUPPORT_TESTING_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace testing_support {
+
+/// What `body` writes to a file descriptor, through streams, stdio or write(2).
+std::string CaptureOutput(int fd, const std::function<void()>& body);
+inline std::string CaptureStdout(const std::function<void()>& body) { return CaptureOutput(1, body); }
+inline std::string CaptureStderr(const std::function<void()>& body) { return CaptureOutput(2, body); }
+
+/// How a child process ended and what it wrote.
+struct ChildResult {
+    int exitCode = -1; // -1 when a signal ended it
+    int signal = 0;    // the signal that ended it, or 0
+    std::string out;
+    std::string err;
+};
+
+/// Runs `body` in a forked child with its output captured, and waits for its end. The child leaves with _exit(0)
+/// when `body` returns; it runs no test clean-up. A child still alive after `seconds` is killed.
+ChildResult RunInChild(const std::function<void()>& body, int seconds = 60);
+
+/// Forks a child that runs `body` and leaves with _exit(0). The caller reaps it (see WaitForExit).
+pid_t StartChild(const std::function<void()>& body);
+/// Waits for a child; its exit code, or 128 + the signal that ended it. A child alive after `seconds` is killed.
+int WaitForExit(pid_t pid, int seconds = 60);
+/// Waits until `condition` holds, looking every few milliseconds. False when it does not within `seconds`.
+bool WaitUntil(const std::function<bool()>& condition, double seconds = 20);
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);
+
+/// A directory that goes with the object, contents included.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    const std::string& Path() const { return path; }
+    std::string File(const std::string& name) const { return path + "/" + name; }
+
+private:
+    std::string path;
+};
+
+/// Whether the test runs in a sandbox of its own, where the fixed paths of the library are private.
+bool InSandbox();
+
+/// Creates the key file of a server name under /opt/orv/bin.
+void MakeKeyFile(const std::string& serverName);
+
+/// The number of open descriptors of this process.
+int OpenDescriptors();
+
+/// The receiving end of syslog: binds /dev/log (of the sandbox) and collects the datagrams sent to it.
+class SyslogSink {
+public:
+    SyslogSink();
+    ~SyslogSink();
+    /// The records received since the last call, without the "<PRI>Mon DD hh:mm:ss " that the C library puts first.
+    std::vector<std::string> Records();
+
+private:
+    int fd;
+};
+
+/// The line of an error report that begins with `label` in what Display wrote, without the label; the first one.
+std::string ReportField(const std::string& output, const std::string& label);
+
+} // namespace testing_support
+
+#endif
