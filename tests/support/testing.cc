@@ -133,6 +133,8 @@ bool WaitUntil(const std::function<bool()>& condition, double seconds)
 
 std::string ReadFile(const std::string& path)
 {
+    if (!std::filesystem::is_regular_file(path))
+        return ""; // a device such as /dev/full would never end
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
@@ -182,12 +184,14 @@ int OpenDescriptors()
     return count - 1; // less the one that reads the directory
 }
 
+static const char SetAside[] = "/dev/log.set-aside";
+
 SyslogSink::SyslogSink() : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
 {
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, "/dev/log");
-    unlink(address.sun_path);
+    rename(address.sun_path, SetAside); // on the real paths this is the socket of the host's own daemon
     const int size = 1 << 20;
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
     if (bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0)
@@ -198,6 +202,7 @@ SyslogSink::~SyslogSink()
 {
     close(fd);
     unlink("/dev/log");
+    rename(SetAside, "/dev/log");
 }
 
 std::vector<std::string> SyslogSink::Records()

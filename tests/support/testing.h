@@ -34,6 +34,7 @@ int WaitForExit(pid_t pid, int seconds = 60);
 /// Waits until `condition` holds, looking every few milliseconds. False when it does not within `seconds`.
 bool WaitUntil(const std::function<bool()>& condition, double seconds = 20);
 
+/// The whole content of a regular file; empty when there is none.
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);
 

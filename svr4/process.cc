@@ -1,0 +1,88 @@
+#include "svr4/process.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: process.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+namespace svr4 {
+
+int setpgrp()
+{
+    return static_cast<int>(setsid()); // the host's setpgrp makes a group only and keeps the terminal
+}
+
+int execvp(const char* file, char* const argv[])
+{
+    if (file == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    ::execvp(file, argv);
+    if (errno == ENOENT && std::strcmp(file, "/sbin/sh") == 0)
+        ::execvp("/bin/sh", argv);
+    return -1;
+}
+
+static uintptr_t CurrentBreak()
+{
+    return reinterpret_cast<uintptr_t>(sbrk(0));
+}
+
+// The break when the program was loaded. Whatever was initialised earlier may have moved it already, so this is only
+// the second choice.
+static const uintptr_t breakAtLoad = CurrentBreak();
+
+// The value of field `number` of /proc/self/stat, counted from 1; 0 when it cannot be read. The second field, the
+// program's name in parentheses, may itself hold blanks and parentheses: fields are counted from its end.
+static uintptr_t StatusField(int number)
+{
+    char text[2048];
+    const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    const ssize_t length = read(fd, text, sizeof text - 1);
+    close(fd);
+    if (length <= 0)
+        return 0;
+    text[length] = '\0';
+
+    const char* at = std::strrchr(text, ')');
+    for (int field = 2; at != nullptr && field < number; field++)
+        at = std::strchr(at + 1, ' ');
+    return at == nullptr ? 0 : std::strtoull(at, nullptr, 10);
+}
+
+// Where the break began. The host puts it at a random distance behind the data segment.
+static uintptr_t StartOfBreak()
+{
+    static uintptr_t start = 0; // the same for the whole life of the process and for its forked children
+    if (start == 0) {
+        const int savedErrno = errno;
+        start = StatusField(47);
+        if (start == 0 || start > CurrentBreak())
+            start = breakAtLoad;
+        errno = savedErrno;
+    }
+    return start;
+}
+
+long heap_size()
+{
+    const uintptr_t start = StartOfBreak();
+    const uintptr_t now = CurrentBreak();
+    if (start == 0 || now <= start)
+        return 0;
+    return now - start > INT_MAX ? INT_MAX : static_cast<long>(now - start);
+}
+
+} // namespace svr4

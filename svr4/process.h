@@ -1,0 +1,22 @@
+// Processes as System V has them.
+#ifndef SVR4_PROCESS_H
+#define SVR4_PROCESS_H
+
+namespace svr4 {
+
+/// setpgrp(2) of System V: the caller becomes the leader of a new session and of a new process group, without a
+/// controlling terminal. Returns the new group id, or -1 with `errno` when the caller leads a group already.
+int setpgrp();
+
+/// execvp(3), for a program text written for a host with /sbin/sh: where the host has no such file, "/sbin/sh" runs
+/// /bin/sh. The arguments are passed on as they are. Returns only on failure: -1 with `errno` (EFAULT when `file` is
+/// null).
+int execvp(const char* file, char* const argv[]);
+
+/// The heap in use, in bytes: the current program break less the place where the break began. Never negative, and at
+/// most INT_MAX, since callers keep it in an int. Memory that the allocator maps outside the break does not count.
+long heap_size();
+
+} // namespace svr4
+
+#endif
