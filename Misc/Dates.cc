@@ -1,0 +1,151 @@
+#include "Misc/Dates.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: Dates.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+static const long SecondsPerMinute = 60;
+static const long SecondsPerHour = 3600;
+static const long SecondsPerDay = 86400;
+
+static char DateText[12];
+static char TimeText[12];
+static char DurationText[20];
+
+// Writes a text into its buffer, cut to what fits.
+template <size_t N>
+[[gnu::format(printf, 2, 3)]] static const char* Fill(char (&buffer)[N], const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(buffer, N, format, arguments);
+    va_end(arguments);
+    return buffer;
+}
+
+long Dates::CurrentTime()
+{
+    return time(nullptr);
+}
+
+long Dates::CurrentTime(tm* TMstruct)
+{
+    return mktime(TMstruct);
+}
+
+tm Dates::CurrentTm()
+{
+    return CurrentTm(CurrentTime());
+}
+
+tm Dates::CurrentTm(long moment)
+{
+    const time_t seconds = moment;
+    const tm* local = localtime(&seconds);
+    return local != nullptr ? *local : tm(); // null: the year does not fit its field
+}
+
+const char* Dates::GetDate(tm* TMstruct)
+{
+    return Fill(DateText, "%02ld/%02d/%04ld", TMstruct->tm_mon + 1L, TMstruct->tm_mday, TMstruct->tm_year + 1900L);
+}
+
+const char* Dates::GetDate()
+{
+    return GetDate(CurrentTime());
+}
+
+const char* Dates::GetDate(long moment)
+{
+    tm local = CurrentTm(moment);
+    return GetDate(&local);
+}
+
+const char* Dates::GetTime(tm* TMstruct)
+{
+    return Fill(TimeText, "%02d:%02d:%02d", TMstruct->tm_hour, TMstruct->tm_min, TMstruct->tm_sec);
+}
+
+const char* Dates::GetTime()
+{
+    return GetTime(CurrentTime());
+}
+
+const char* Dates::GetTime(long moment)
+{
+    tm local = CurrentTm(moment);
+    return GetTime(&local);
+}
+
+const char* Dates::GetDateTime(tm* TMstruct)
+{
+    static char text[sizeof DateText + sizeof TimeText];
+    return Fill(text, "%s %s", GetDate(TMstruct), GetTime(TMstruct));
+}
+
+const char* Dates::GetDateTime()
+{
+    return GetDateTime(CurrentTime());
+}
+
+const char* Dates::GetDateTime(long moment)
+{
+    tm local = CurrentTm(moment);
+    return GetDateTime(&local);
+}
+
+long Dates::GetDateTime(const char* datetime)
+{
+    int month = 0, day = 0, year = 0, hour = 0, minute = 0, second = 0;
+    // The widths of the format bound the numbers; what it does not find stays 0, and mktime normalises the rest.
+    (void)sscanf(datetime, "%02d/%02d/%04d %02d:%02d:%02d", &month, &day, &year, &hour, &minute, &second);
+    tm local = {};
+    local.tm_mon = month - 1;
+    local.tm_mday = day;
+    local.tm_year = year - 1900;
+    local.tm_hour = hour;
+    local.tm_min = minute;
+    local.tm_sec = second;
+    local.tm_isdst = -1;
+    return CurrentTime(&local);
+}
+
+long Dates::Secs_Into_Today()
+{
+    const tm now = CurrentTm();
+    return now.tm_hour * SecondsPerHour + now.tm_min * SecondsPerMinute + now.tm_sec;
+}
+
+void Dates::Secs_to_DDHHMMSS(long totaltime, int* dd, int* hh, int* mm, int* ss)
+{
+    *dd = static_cast<int>(totaltime / SecondsPerDay);
+    *hh = static_cast<int>(totaltime % SecondsPerDay / SecondsPerHour);
+    *mm = static_cast<int>(totaltime % SecondsPerHour / SecondsPerMinute);
+    *ss = static_cast<int>(totaltime % SecondsPerMinute);
+}
+
+const char* Dates::Secs_to_Format(long totaltime)
+{
+    int dd, hh, mm, ss;
+    Secs_to_DDHHMMSS(totaltime, &dd, &hh, &mm, &ss);
+    return Fill(DurationText, "%3dd %2dh %2dm %2ds", dd, hh, mm, ss);
+}
+
+long Dates::DaysBetween(long d1, long d2)
+{
+    return d1 / SecondsPerDay - d2 / SecondsPerDay; // intended: day boundaries in universal time, not elapsed days
+}
+
+long Dates::MinsBetween(long s1, long s2)
+{
+    return SecsBetween(s1, s2) / SecondsPerMinute;
+}
+
+long Dates::SecsBetween(long s1, long s2)
+{
+    return s1 - s2;
+}

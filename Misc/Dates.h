@@ -1,0 +1,52 @@
+// Times in seconds since the epoch, their fixed text forms, and differences between them.
+#ifndef MISC_DATES_H
+#define MISC_DATES_H
+
+#include <ctime>
+
+/// Static functions on times. A time is a number of seconds since the epoch or a broken-down local time. Each
+/// function that gives a text returns a static buffer that the next call of the same function, in any of its forms,
+/// overwrites; GetDateTime overwrites those of GetDate and GetTime as well. A text longer than its buffer is cut.
+class Dates {
+public:
+    /// The time now.
+    static long CurrentTime();
+    /// The time of a broken-down local time, which is normalised in place (mktime).
+    static long CurrentTime(tm* TMstruct);
+    /// The broken-down local time now, and at `moment`; all zero when the year of `moment` does not fit.
+    static tm CurrentTm();
+    static tm CurrentTm(long moment);
+
+    /// The date as MM/DD/YYYY, of a broken-down time, of now and of a moment. Up to 11 characters.
+    static const char* GetDate(tm* TMstruct);
+    static const char* GetDate();
+    static const char* GetDate(long moment);
+    /// The time of day as hh:mm:ss on the 24-hour clock, in the same three forms. Up to 11 characters.
+    static const char* GetTime(tm* TMstruct);
+    static const char* GetTime();
+    static const char* GetTime(long moment);
+    /// The date, a blank and the time of day, in the same three forms.
+    static const char* GetDateTime(tm* TMstruct);
+    static const char* GetDateTime();
+    static const char* GetDateTime(long moment);
+    /// The time that a text of GetDateTime stands for; the host decides whether daylight-saving time was in force.
+    /// Nothing is checked: what the text does not have counts as 0, and fields out of range carry over into the next
+    /// larger one (month 13 is January of the next year).
+    static long GetDateTime(const char* datetime);
+
+    /// The seconds on the local clock since midnight.
+    static long Secs_Into_Today();
+    /// Splits a duration in seconds into days, hours, minutes and seconds; a negative one gives negative parts.
+    static void Secs_to_DDHHMMSS(long totaltime, int* dd, int* hh, int* mm, int* ss);
+    /// A duration in seconds as "  1d  2h  3m  4s": the days in three columns, the rest in two. Up to 19 characters.
+    static const char* Secs_to_Format(long totaltime);
+
+    /// The number of midnights in universal time from `d2` to `d1`: two moments a minute apart can be a day apart.
+    static long DaysBetween(long d1, long d2);
+    /// The whole minutes from `s2` to `s1`, truncated toward zero.
+    static long MinsBetween(long s1, long s2);
+    /// The seconds from `s2` to `s1`.
+    static long SecsBetween(long s1, long s2);
+};
+
+#endif

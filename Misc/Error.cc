@@ -1,0 +1,385 @@
+#include "Misc/Error.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include <syslog.h>
+
+#include "Misc/Dates.h"
+#include "Misc/proginfo.h"
+#include "Misc/text.h"
+
+using zeloo::CopyText;
+using zeloo::TextOrEmpty;
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: Error.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+short ErrorReporter::ReturnStatus = 0;
+int ErrorReporter::ErrorCount = 0;
+short ErrorReporter::ErrType = 0;
+short ErrorReporter::ErrorCode = 0;
+char ErrorReporter::ModuleName[60];
+char ErrorReporter::Description[150];
+char ErrorReporter::TimeStamp[25];
+long ErrorReporter::Line = 0;
+
+static const char NotSpecified[] = "NOT_SPECIFIED";
+static const char Reserved[] = "This error code is reserved";
+
+// The messages of the types OUT_OF_MEMORY to MISCONFIGURATION_NODES; programs and logs rely on their exact wording.
+static const char* const Messages[] = {
+    "Memory allocation failed.",
+    "Failed to open a file.",
+    Reserved,
+    "System call link() failed.",
+    "System call unlink() failed.",
+    "Failed to read from a file.",
+    "Failed to write to a file.",
+    "Fault to open a pipe.",
+    Reserved,
+    "Error occurred while reading from pipe.",
+    "OTHER",
+    "Error occurred while processing thresholds.",
+    "Invalid data was encountered.",
+    Reserved,
+    Reserved,
+    Reserved,
+    "An invalid transition was encountered.",
+    "An invalid state was encountered.",
+    "An invalid fault ID was encountered.",
+    "An invalid recommendation ID was encountered.",
+    Reserved,
+    "The requested SSS is not in the knowledge library.",
+    "The SSSIndex file does not exist or cannot be opened.",
+    Reserved,
+    "The SSSBase file does not exist or cannot be opened.",
+    "Version number is not greater than installed version.",
+    "A new SSSIndex file could not be created.",
+    "A new SSSBase file could not be created.",
+    "The requested data was not found in the SSS.",
+    Reserved,
+    Reserved,
+    Reserved,
+    Reserved,
+    Reserved,
+    "Permission denied.",
+    "An undefined option was read - used default value.",
+    Reserved,
+    "An unsupported feature was encountered.",
+    "Bad ipc response event received.",
+    "Recommendation record list already exists.",
+    "Server is busy and has queued the termination request.",
+    "An invalid SFR command was encountered - ignored.",
+    "Recommendation template variable has no value.",
+    "Insufficient number of arguments to a CLIPS user function.",
+    "System call fork() failed",
+    "System call exec() failed",
+    "Cannot find the data item, it does not exist.",
+    "Cannote create a directory: system call mkdirp failed.",
+    "This feature does not work properly",
+    "Errors occurred when running CLIPS",
+    "An ipc message queue error occurred",
+    "The ipc queue max size is too small (MSGMNB).",
+    "A tcp error occurred",
+    "Invalid SFR file",
+    "Invalid SSS file",
+    "server process no longer exists.",
+    "connection to server has been lost.",
+    "process to send message to no longer exists.",
+    "process to receive message from no longer exists.",
+    "time out waiting for response.",
+    "time out sending message.",
+    "Detected too many faults - new faults are ignored.",
+    "The SFR file for an active fault has been deleted - fault disposed.",
+    "This fault currently has no outstanding recommendations.",
+    "Fault database created by a different server version.",
+    "Child process run time exceeded max time to run.",
+    "File System Full.",
+    "Invalid IPC event parameter received.",
+    "Failed to contact Kelvaro via modem.",
+    "Attempt to propagate client package failed.",
+    "Attempt to memory load awk pattern failed.",
+    "request for service was rejected.",
+    "Customer information is needed to contact Kelvaro",
+    "State action unable to be executed",
+    "Failed to contact Kelvaro via network.",
+    "Failed to lock necessary files.",
+    "Received a package from Remote Support",
+    "Move of KBASE file from install directory failed",
+    "Received a file from Remote Support",
+    "Already communicating with Brantel Remote Support.",
+    "Monitoring reenabled.",
+    "Monitoring off.",
+    "Receiving fault message from an invalid node",
+};
+static_assert(sizeof Messages / sizeof *Messages ==
+                  ErrorReporter::MISCONFIGURATION_NODES - ErrorReporter::OUT_OF_MEMORY + 1,
+              "every error type has a message");
+
+static const char* ProgramName()
+{
+    return TextOrEmpty(ProgInfo::GetFullProgramName());
+}
+
+// The formatted text in a block of its own, which the caller releases with delete[]; null when memory fails.
+[[gnu::format(printf, 1, 2)]] static char* NewFormatted(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = vsnprintf(nullptr, 0, format, arguments);
+    char* text = length >= 0 ? new (std::nothrow) char[length + size_t(1)] : nullptr;
+    if (text != nullptr)
+        vsnprintf(text, length + size_t(1), format, again);
+    va_end(again);
+    va_end(arguments);
+    return text;
+}
+
+ErrorReporter::ErrorReporter() : DisplayInfo(1)
+{
+    // Intended: making a reporter, also as the base of another object, clears both.
+    errno = 0;
+    ReturnStatus = 0;
+}
+
+ErrorReporter::~ErrorReporter()
+{
+}
+
+void ErrorReporter::_ReportError(short const sev, short const errorkind, char const* description,
+                                 char const* moduleid, long const theLine) const
+{
+    _ReportErrorExt(sev, errorkind, description, moduleid, theLine, "");
+}
+
+[[noreturn]] static void Panic()
+{
+    std::cerr << "********************************************\n"
+              << "Fatal Error detected...Exiting " << ProgramName() << " program\n"
+              << "********************************************\n";
+    abort();
+}
+
+void ErrorReporter::_ReportErrorExt(short const sev, short const errorkind, char const* description,
+                                    char const* moduleid, long const theLine, char const* addition) const
+{
+    const int error = errno; // before any call can change it
+    ErrorCode = static_cast<short>(error);
+    CopyText(TimeStamp, Dates::GetDateTime());
+    ErrType = errorkind;
+    CopyText(Description, description);
+    CopyText(ModuleName, moduleid);
+    Line = theLine;
+    ReturnStatus = sev;
+    ErrorCount++;
+    Display();
+
+    if (sev == NOTICE_WITH_LOG || sev == WARNING_WITH_LOG || sev == PANIC) {
+        const char* more = TextOrEmpty(addition);
+        char* text = NewFormatted("errno=%d, %s|%s|%s%s%s", ErrorCode, GetErrorDesc(ErrorCode), GetErrorType(ErrType),
+                                  TextOrEmpty(description), *more != '\0' ? "|" : "", more);
+        errno = error; // a %m in the text means the error that is reported
+        if (text != nullptr)
+            MakeErrorLogEntry(sev, errorkind, text, moduleid, theLine);
+        delete[] text;
+    }
+    if (sev == PANIC)
+        Panic();
+    errno = error;
+}
+
+void ErrorReporter::Display() const
+{
+    if (DisplayInfo == 0 || !std::cerr.good())
+        return;
+    // Built without allocation, since it may be the lack of memory that is reported, and written in few pieces. Only
+    // the program name has no limit of its own; it goes between them.
+    char text[1024];
+    int length = snprintf(text, sizeof text, "\nErrorReporter: %s  Total Error Count= %d\n  Program=", TimeStamp,
+                          ErrorCount);
+    std::cerr.write(text, length);
+    std::cerr << ProgramName();
+
+    char code[200];
+    if (ErrorCode != 0)
+        snprintf(code, sizeof code, "%d : %s", ErrorCode, GetErrorDesc(ErrorCode));
+    else
+        CopyText(code, ReturnStatus != 0 ? "Application Error." : "No Error.");
+    length = snprintf(text, sizeof text,
+                      "\n  Severity Level=%s\n  Error Type= %s\n  Error Code= %s\n  Module= %s\n  Line= %ld\n"
+                      "  Description= %s\n\n",
+                      GetErrorSeverity(ReturnStatus), GetErrorType(ErrType), code, ModuleName, Line, Description);
+    std::cerr.write(text, length);
+}
+
+namespace {
+
+// The fields of one logged report.
+struct E_Header {
+    int32_t E_Tag;
+    const char* E_Type = "Appl";
+    unsigned char E_Version = '1';
+    unsigned char E_Cause = 'S';
+    unsigned char E_Severity;
+    unsigned char E_Level = '1';
+    unsigned char E_NodeNumber = 0;
+    unsigned char E_ProcessorNumber = 0;
+    unsigned char E_BusType = '0';
+    unsigned char E_BusNumber = 0;
+    unsigned char E_BusSlotNumber = 0;
+    char E_SoftwareModule[24];
+    unsigned short E_Temperature = 0;
+    unsigned short E_Voltage = 0;
+    unsigned short E_Speed = 0;
+    unsigned short E_Count = 1;
+};
+
+} // namespace
+
+static unsigned char SeverityLetter(short severity)
+{
+    if (severity == ErrorReporter::PANIC)
+        return 'F';
+    return severity == ErrorReporter::WARNING || severity == ErrorReporter::WARNING_WITH_LOG ? 'W' : 'I';
+}
+
+// The source file's name in a module identification: what stands between its first blank and the comma behind it.
+static void CopySoftwareModule(char (&field)[24], const char* moduleid)
+{
+    const char* blank = strchr(moduleid, ' ');
+    CopyText(field, blank != nullptr ? blank + 1 : "Unknown");
+    if (blank != nullptr)
+        field[strcspn(field, ",")] = '\0';
+}
+
+// A copy of `line` for use as a format without arguments: %% and %m stay as they are, any other % is doubled and so
+// stands for itself. The caller releases it with delete[]; null when memory fails.
+static char* NewFormatOf(const char* line)
+{
+    char* format = new (std::nothrow) char[2 * strlen(line) + 1];
+    if (format == nullptr)
+        return nullptr;
+    char* to = format;
+    for (const char* from = line; *from != '\0'; from++) {
+        *to++ = *from;
+        if (*from != '%')
+            continue;
+        if (from[1] == '%' || from[1] == 'm')
+            *to++ = *++from;
+        else
+            *to++ = '%';
+    }
+    *to = '\0';
+    return format;
+}
+
+// Sends one record. The line is the format: the host puts in the text of `error` where it says %m.
+static void SendToLog(const char* line, int error)
+{
+    char* format = NewFormatOf(line);
+    if (format == nullptr)
+        return;
+    openlog(ProgInfo::GetProgramName(), 0, LOG_USER);
+    errno = error;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+    syslog(LOG_INFO, format);
+#pragma GCC diagnostic pop
+    closelog();
+    delete[] format;
+}
+
+void ErrorReporter::MakeErrorLogEntry(short const SeverityLevel, int const ErrCode, char const* Description,
+                                      char const* ModuleName, long const theLine) const
+{
+    const int error = errno;
+    E_Header header;
+    header.E_Tag = static_cast<int32_t>(410000000u + 10000u * static_cast<uint32_t>(ErrCode) +
+                                        static_cast<uint32_t>(theLine));
+    header.E_Severity = SeverityLetter(SeverityLevel);
+    CopySoftwareModule(header.E_SoftwareModule, TextOrEmpty(ModuleName));
+    char* line = NewFormatted("%d|%s|%c|%c|%c|%c|%d|%d|%c|%d|%d|%s|%d|%d|%d|%d#%s %s|%s", header.E_Tag, header.E_Type,
+                              header.E_Version, header.E_Cause, header.E_Severity, header.E_Level,
+                              header.E_NodeNumber, header.E_ProcessorNumber, header.E_BusType, header.E_BusNumber,
+                              header.E_BusSlotNumber, header.E_SoftwareModule, header.E_Temperature,
+                              header.E_Voltage, header.E_Speed, header.E_Count, ProgramName(),
+                              ProgInfo::GetLongVersion(), TextOrEmpty(Description));
+    if (line != nullptr)
+        SendToLog(line, error);
+    delete[] line;
+    errno = error;
+}
+
+short ErrorReporter::GetErrorCode()
+{
+    return ErrorCode;
+}
+
+const char* ErrorReporter::GetErrorType(short type)
+{
+    return type >= OUT_OF_MEMORY && type <= MISCONFIGURATION_NODES ? Messages[type - OUT_OF_MEMORY] : NotSpecified;
+}
+
+const char* ErrorReporter::GetErrorSeverity(short severity)
+{
+    switch (severity) {
+    case NOTICE: return "NOTICE";
+    case NOTICE_WITH_LOG: return "NOTICE_WITH_LOG";
+    case WARNING: return "WARNING";
+    case WARNING_WITH_LOG: return "WARNING_WITH_LOG";
+    case PANIC: return "PANIC";
+    default: return "UNRECOGNIZED";
+    }
+}
+
+const char* ErrorReporter::GetErrorDesc(short errcode)
+{
+    return strerror(errcode);
+}
+
+short ErrorReporter::SetReturnStatus(short status)
+{
+    return ReturnStatus = status;
+}
+
+short ErrorReporter::GetReturnStatus()
+{
+    return ReturnStatus;
+}
+
+void ErrorReporter::ClearError()
+{
+    errno = 0;
+    ErrorCode = 0;
+}
+
+int ErrorReporter::GetErrorCount()
+{
+    return ErrorCount;
+}
+
+void ErrorReporter::dumpErrorCodesOn(std::ostream& os)
+{
+    const short end = 1000;
+    const auto specified = [](short code) { return strcmp(GetErrorType(code), NotSpecified) != 0; };
+    os << "\nDump of all error codes and general messages from ErrorReporter:\n";
+    short code = 0;
+    while (code < end && !specified(code))
+        code++;
+    for (; code < end && specified(code); code++) {
+        char line[128];
+        snprintf(line, sizeof line, "%4d\t%s\n", code, GetErrorType(code));
+        os << line;
+    }
+    os << "End of ErrorReporter dump.\n";
+}

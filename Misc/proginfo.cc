@@ -1,0 +1,219 @@
+#include "Misc/proginfo.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include "Misc/fileinfo.h"
+#include "Misc/ipctli.h"
+#include "Misc/text.h"
+#include "svr4/process.h"
+#include "svr4/systeminfo.h"
+
+using zeloo::NewText;
+using zeloo::TextOrEmpty;
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: proginfo.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+static const char BuildLetter[] = "P";
+static const char RevisionKeyword[] = "$Revision:";
+static const char Separator[] = "---------------------------------------------------\n";
+
+static int argc;
+static char* const* argv;
+static char* const* envp;
+static char* fullProgramName;
+static char* programName;
+static char* version;
+
+// Filled on first use.
+static char* loginName;
+static char* nodeName;
+static char* nodeNameLongVersion;
+static char* translatedNodeName;
+static char* systemName;
+static char* osRelease;
+static char* osVersion;
+static char* machine;
+static char* architecture;
+
+static void Replace(char** kept, char* text)
+{
+    delete[] *kept;
+    *kept = text;
+}
+
+void ProgInfo::Initialize(int argc_p, char* const* argv_p, char* const* envp_p, const char* pVersion)
+{
+    argc = argc_p;
+    argv = argv_p;
+    envp = envp_p;
+    // All copies are made before the old ones go, and before the base name is taken: the arguments may be those.
+    const char* name = argv_p != nullptr ? argv_p[0] : nullptr;
+    char* newFullName = NewText(name);
+    char* newVersion = NewText(pVersion);
+    char* newName = name != nullptr ? NewText(FileInfo::FileBaseName(name)) : nullptr;
+    Replace(&fullProgramName, newFullName);
+    Replace(&programName, newName);
+    Replace(&version, newVersion);
+}
+
+const char* ProgInfo::GetFullProgramName()
+{
+    return fullProgramName;
+}
+
+const char* ProgInfo::GetProgramName()
+{
+    return programName;
+}
+
+const char* ProgInfo::GetVersion()
+{
+    return version;
+}
+
+const char* ProgInfo::GetLongVersion()
+{
+    static char text[PATH_MAX + 1024];
+    const char* shown = TextOrEmpty(version);
+    size_t length = strlen(shown);
+    const size_t keyword = sizeof RevisionKeyword - 1;
+    if (strncmp(shown, RevisionKeyword, keyword) == 0) {
+        // The blank behind the keyword and the closing dollar sign go; the blank before the latter stays, intended.
+        const size_t skipped = length > keyword ? keyword + 1 : keyword;
+        shown += skipped;
+        length -= skipped;
+        if (length > 0)
+            length--;
+    }
+    snprintf(text, sizeof text, "%s: v%.*s(%s) [%s]", TextOrEmpty(fullProgramName), static_cast<int>(length), shown,
+             BuildLetter, GetNodeNameLongVersion());
+    return text;
+}
+
+static const char* UserName(uid_t uid)
+{
+    const struct passwd* entry = getpwuid(uid);
+    return entry != nullptr ? entry->pw_name : "";
+}
+
+static const char* GroupName(gid_t gid)
+{
+    const struct group* entry = getgrgid(gid);
+    return entry != nullptr ? entry->gr_name : "";
+}
+
+const char* ProgInfo::GetLoginName()
+{
+    if (loginName == nullptr)
+        loginName = NewText(UserName(getuid()));
+    return TextOrEmpty(loginName);
+}
+
+const char* ProgInfo::GetNodeName()
+{
+    return GetSysInfoString(svr4::SI_HOSTNAME, &nodeName);
+}
+
+const char* ProgInfo::GetSystemName()
+{
+    return GetSysInfoString(svr4::SI_SYSNAME, &systemName);
+}
+
+const char* ProgInfo::GetOSRelease()
+{
+    return GetSysInfoString(svr4::SI_RELEASE, &osRelease);
+}
+
+const char* ProgInfo::GetOSVersion()
+{
+    return GetSysInfoString(svr4::SI_VERSION, &osVersion);
+}
+
+const char* ProgInfo::GetMachine()
+{
+    return GetSysInfoString(svr4::SI_MACHINE, &machine);
+}
+
+const char* ProgInfo::GetArchitecture()
+{
+    return GetSysInfoString(svr4::SI_ARCHITECTURE, &architecture);
+}
+
+const char* ProgInfo::GetNodeNameLongVersion()
+{
+    const char* node = GetSysInfoString(svr4::SI_HOSTNAME, &nodeNameLongVersion);
+    if (translatedNodeName == nullptr) // kept once found: a log record must not wait for a name server each time
+        translatedNodeName = NewText(IPCTli::TcptoName(node));
+    return translatedNodeName != nullptr ? translatedNodeName : node;
+}
+
+const char* ProgInfo::GetSysInfoString(int sysinfo_id, char** str)
+{
+    char text[257];
+    if (*str == nullptr && svr4::sysinfo(sysinfo_id, text, sizeof text) >= 0)
+        *str = NewText(text);
+    return TextOrEmpty(*str);
+}
+
+int ProgInfo::GetMaxDynamicMemoryUsed()
+{
+    const long size = svr4::heap_size();
+    return size < INT_MAX ? static_cast<int>(size) : INT_MAX;
+}
+
+static void ShowProgram(std::ostream& os)
+{
+    os << "Program Name:      " << TextOrEmpty(ProgInfo::GetProgramName()) << '\n'
+       << "Full Program Name: " << TextOrEmpty(ProgInfo::GetFullProgramName()) << '\n'
+       << "Version:           " << TextOrEmpty(ProgInfo::GetVersion()) << '\n'
+       << "Long Version:      " << ProgInfo::GetLongVersion() << '\n'
+       << "Login Name:        " << ProgInfo::GetLoginName() << '\n'
+       << "uid:               " << getuid() << ' ' << UserName(getuid()) << '\n'
+       << "euid:              " << geteuid() << ' ' << UserName(geteuid()) << '\n'
+       << "gid:               " << getgid() << ' ' << GroupName(getgid()) << '\n'
+       << "egid:              " << getegid() << ' ' << GroupName(getegid()) << '\n';
+}
+
+static void ShowHost(std::ostream& os)
+{
+    os << "NodeName:          " << ProgInfo::GetNodeName() << '\n'
+       << "SystemName:        " << ProgInfo::GetSystemName() << '\n'
+       << "Unix Release:      " << ProgInfo::GetOSRelease() << '\n'
+       << "Unix Version:      " << ProgInfo::GetOSVersion() << '\n'
+       << "Machine:           " << ProgInfo::GetMachine() << '\n'
+       << "Architecture:      " << ProgInfo::GetArchitecture() << '\n'
+       << "Current Dynamic Memory Max: " << ProgInfo::GetMaxDynamicMemoryUsed() << '\n';
+}
+
+void ProgInfo::ShowProgramInfo(std::ostream& os)
+{
+    os << Separator << "Program Information\n" << Separator;
+    ShowProgram(os);
+    ShowHost(os);
+    os << Separator << "Command Line Parameters\n" << Separator;
+    for (int i = 0; argv != nullptr && i < argc && argv[i] != nullptr; i++)
+        os << "argv[" << i << "]: " << argv[i] << '\n';
+    os << Separator << Separator << "Environment:\n" << Separator;
+    for (char* const* entry = envp; entry != nullptr && *entry != nullptr; entry++)
+        os << *entry << '\n';
+    os << Separator;
+}
+
+char* const* ProgInfo::Getargv()
+{
+    return argv;
+}
+
+int ProgInfo::Getargc()
+{
+    return argc;
+}

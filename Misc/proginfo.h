@@ -1,0 +1,50 @@
+// What every diagnostic needs to say about the running program and its host.
+#ifndef MISC_PROGINFO_H
+#define MISC_PROGINFO_H
+
+#include <ostream>
+
+/// The command line, name and version of the running program, and the names of its host and user. The first call of
+/// every program is Initialize. Before it the program's names and version are null, the argument count is 0 and its
+/// vectors are null; everything else works, with the missing texts left empty. Facts about host and user are read
+/// once, on first use. Returned texts belong to the class.
+class ProgInfo {
+public:
+    /// Keeps the three pointers (the vectors are not copied and must stay) and copies of argv_p[0], of its base name
+    /// and of the version, which replace earlier ones. A null argv_p[0] or pVersion leaves the matching texts null.
+    static void Initialize(int argc_p, char* const* argv_p, char* const* envp_p, const char* pVersion);
+
+    /// The name that the program was started by, as it is, and its last path component. They and the version are
+    /// valid until the next Initialize.
+    static const char* GetFullProgramName();
+    static const char* GetProgramName();
+    /// The version as it was given.
+    static const char* GetVersion();
+    /// "PROGRAM: vVERSION(P) [NODE]" in a static buffer that the next call overwrites; cut at its end, some 5000
+    /// characters. A version that is an expanded $Revision: keyword is reduced to the revision number and the blank
+    /// behind it.
+    static const char* GetLongVersion();
+    /// The user name of the real user id; empty when it has none.
+    static const char* GetLoginName();
+    static const char* GetNodeName();
+    static const char* GetSystemName();
+    static const char* GetOSRelease();
+    static const char* GetOSVersion();
+    static const char* GetMachine();
+    static const char* GetArchitecture();
+    /// The node name as the host tables and the name service translate it (IPCTli::TcptoName), or the node name
+    /// itself while they do not. The first call may wait for the name service.
+    static const char* GetNodeNameLongVersion();
+    /// The text of svr4::sysinfo for `sysinfo_id`, up to 256 characters. It is read when `*str` is null, and `*str`
+    /// then gets a copy that the caller releases with delete[]. Empty when the text cannot be had.
+    static const char* GetSysInfoString(int sysinfo_id, char** str);
+    /// The size of the heap, in bytes.
+    static int GetMaxDynamicMemoryUsed();
+    /// Writes all of the above with the user and group ids, the command line and the environment.
+    static void ShowProgramInfo(std::ostream& os);
+    /// What Initialize was given.
+    static char* const* Getargv();
+    static int Getargc();
+};
+
+#endif

@@ -1,0 +1,48 @@
+// Small helpers for C texts, used inside the library.
+#ifndef MISC_TEXT_H
+#define MISC_TEXT_H
+
+#include <cstddef>
+#include <cstring>
+#include <new>
+
+namespace zeloo {
+
+/// `s`, or the empty text for null. A stream that is given a null text goes bad, and a null name is no reason for
+/// that.
+inline const char* TextOrEmpty(const char* s)
+{
+    return s != nullptr ? s : "";
+}
+
+/// A copy of the first `n` characters of `s`, terminated. The caller releases it with delete[]. Null when memory
+/// fails.
+inline char* NewText(const char* s, std::size_t n)
+{
+    char* copy = new (std::nothrow) char[n + 1];
+    if (copy != nullptr) {
+        std::memcpy(copy, s, n);
+        copy[n] = '\0';
+    }
+    return copy;
+}
+
+/// A copy of `s`, as above; null for null.
+inline char* NewText(const char* s)
+{
+    return s != nullptr ? NewText(s, std::strlen(s)) : nullptr;
+}
+
+/// Copies `s` (null counts as empty) into a fixed field, cut to what fits and always terminated.
+template <std::size_t N>
+void CopyText(char (&field)[N], const char* s)
+{
+    const std::size_t n = strnlen(TextOrEmpty(s), N - 1);
+    if (n > 0)
+        std::memmove(field, s, n);
+    field[n] = '\0';
+}
+
+} // namespace zeloo
+
+#endif
