@@ -1,0 +1,295 @@
+#include "Misc/ZELstream.h"
+
+#include "Misc/buffer.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <climits>
+#include <cstring>
+#include <istream>
+#include <new>
+#include <ostream>
+#include <type_traits>
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: ZELstream.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+static const unsigned StagingSize = 1024;
+static const unsigned LongestChunk = 2147483647; // of one read or write on a standard stream
+
+// ZELostream
+
+template <class N>
+void ZELostream::putNumber(N n, const char* delimiter)
+{
+    if (mystrm != nullptr) {
+        *mystrm << n << '|';
+        return;
+    }
+    char text[32]; // a sign, 19 digits or none and 20, and the delimiter
+    char* end = std::to_chars(text, text + sizeof text, n).ptr;
+    while (*delimiter != '\0')
+        *end++ = *delimiter++;
+    localbuf_add(text, static_cast<unsigned>(end - text));
+}
+
+void ZELostream::put(char c)
+{
+    if (mystrm != nullptr)
+        mystrm->put(c);
+    else
+        localbuf_add(&c, 1);
+}
+
+void ZELostream::put(short n)
+{
+    putNumber(n, "|");
+}
+
+void ZELostream::put(int n)
+{
+    putNumber(n, "|");
+}
+
+void ZELostream::put(long n)
+{
+    putNumber(n, "|");
+}
+
+void ZELostream::put(unsigned char c)
+{
+    if (mystrm != nullptr)
+        mystrm->put(static_cast<char>(c));
+    else
+        localbuf_add(&c, 1);
+}
+
+void ZELostream::put(unsigned short n)
+{
+    putNumber(n, "|");
+}
+
+void ZELostream::put(unsigned int n)
+{
+    putNumber(n, "|");
+}
+
+void ZELostream::put(unsigned long n)
+{
+    putNumber(n, "l|"); // the `l` is intended
+}
+
+ZELostream::~ZELostream()
+{
+    flush();
+    delete localbuf;
+}
+
+int ZELostream::write(const char* p, unsigned n)
+{
+    if (mystrm != nullptr) {
+        const unsigned first = std::min(n, LongestChunk);
+        mystrm->write(p, first);
+        if (first < n)
+            mystrm->write(p + first, n - first);
+    } else {
+        localbuf_add(p, n);
+    }
+    return static_cast<int>(n);
+}
+
+ZELostream::ZELostream(std::ostream& s) : mystrm(&s), buf(nullptr), localbufpos(0), localbuf(nullptr)
+{
+}
+
+ZELostream::ZELostream(Buffer& theBuf)
+    : mystrm(nullptr), buf(&theBuf), localbufpos(0), localbuf(new (std::nothrow) Buffer(StagingSize))
+{
+}
+
+void ZELostream::localbuf_add(const void* p, const unsigned n)
+{
+    if (localbuf == nullptr) { // no memory for it
+        buf->Append(p, n);
+        return;
+    }
+    if (uint64_t{localbufpos} + n > localbuf->Size())
+        flush();
+    localbuf->PutDataAt(localbufpos, p, n);
+    if (uint64_t{localbufpos} + n <= localbuf->Size())
+        localbufpos += n;
+    else
+        buf->Append(p, n); // the staging area is empty and cannot grow
+}
+
+void ZELostream::flush()
+{
+    if (mystrm != nullptr) {
+        mystrm->flush();
+    } else if (localbufpos != 0) {
+        buf->Append(localbuf->operator const void*(), localbufpos);
+        localbufpos = 0;
+    }
+}
+
+int ZELostream::good()
+{
+    return mystrm == nullptr || mystrm->good();
+}
+
+// ZEListream
+
+// Stores the number of the text from `at` to `end` as sscanf would; returns its end, or null when there is none.
+template <class N>
+static const char* parseNumber(const char* at, const char* end, N& n)
+{
+    while (at != end && std::isspace(static_cast<unsigned char>(*at)))
+        at++;
+    const bool isNegative = at != end && *at == '-';
+    if (at != end && (*at == '-' || *at == '+'))
+        at++;
+    unsigned long magnitude = 0;
+    const std::from_chars_result digits = std::from_chars(at, end, magnitude);
+    if (digits.ec == std::errc::invalid_argument)
+        return nullptr;
+    const bool isTooLarge = digits.ec == std::errc::result_out_of_range;
+    if (std::is_signed<N>::value) {
+        const unsigned long limit = isNegative ? -static_cast<unsigned long>(LONG_MIN) : LONG_MAX;
+        if (isTooLarge || magnitude > limit)
+            magnitude = limit;
+    } else if (isTooLarge) {
+        n = static_cast<N>(ULONG_MAX); // whatever the sign
+        return digits.ptr;
+    }
+    n = static_cast<N>(isNegative ? -magnitude : magnitude);
+    return digits.ptr;
+}
+
+template <class N>
+void ZEListream::getNumber(N& n)
+{
+    if (mystrm != nullptr) {
+        char delimiter;
+        *mystrm >> n >> delimiter;
+        return;
+    }
+    if (buf == nullptr || position >= buf->Size())
+        return;
+    const char* start = static_cast<const char*>(buf->operator const void*());
+    const char* end = start + buf->Size();
+    const char* at = parseNumber(start + position, end, n);
+    if (at != nullptr && at != end && *at == '|')
+        position = static_cast<uint32_t>(at + 1 - start);
+}
+
+void ZEListream::get(char& c)
+{
+    if (mystrm != nullptr)
+        mystrm->get(c);
+    else
+        read(&c, 1);
+}
+
+void ZEListream::get(short& n)
+{
+    getNumber(n);
+}
+
+void ZEListream::get(int& n)
+{
+    getNumber(n);
+}
+
+void ZEListream::get(long& n)
+{
+    getNumber(n);
+}
+
+void ZEListream::get(unsigned char& c)
+{
+    char& byte = reinterpret_cast<char&>(c);
+    if (mystrm != nullptr)
+        mystrm->get(byte);
+    else
+        read(&byte, 1);
+}
+
+void ZEListream::get(unsigned short& n)
+{
+    getNumber(n);
+}
+
+void ZEListream::get(unsigned int& n)
+{
+    getNumber(n);
+}
+
+void ZEListream::get(unsigned long& n)
+{
+    getNumber(n);
+}
+
+ZEListream::~ZEListream()
+{
+}
+
+int ZEListream::read(char* p, unsigned n)
+{
+    if (mystrm != nullptr) {
+        const unsigned first = std::min(n, LongestChunk);
+        mystrm->read(p, first);
+        std::streamsize got = mystrm->gcount();
+        if (first < n) {
+            mystrm->read(p + first, n - first);
+            got += mystrm->gcount();
+        }
+        return static_cast<int>(got);
+    }
+    if (buf == nullptr)
+        return 0;
+    const uint32_t size = buf->Size();
+    const uint32_t available = size - position + 1; // one more than there are, in 32 bits: intended
+    const uint32_t count = std::min(n, available);
+    const uint32_t inside = position < size ? std::min(count, size - position) : 0;
+    buf->GetDataAt(position, p, inside);
+    if (inside < count)
+        std::memset(p + inside, (*buf)[size], count - inside); // the spare byte
+    position += count;
+    return static_cast<int>(count);
+}
+
+ZEListream::ZEListream(std::istream& s) : read_error(0), mystrm(&s), buf(nullptr), position(0)
+{
+}
+
+ZEListream::ZEListream(Buffer& theBuf) : read_error(0), mystrm(nullptr), buf(&theBuf), position(0)
+{
+}
+
+unsigned ZEListream::tellg()
+{
+    return mystrm == nullptr ? position : static_cast<unsigned>(static_cast<std::streamoff>(mystrm->tellg()));
+}
+
+void ZEListream::seekg(long offset, seek_dir dir)
+{
+    if (mystrm != nullptr)
+        mystrm->seekg(offset, dir);
+    else
+        position = static_cast<uint32_t>(offset);
+}
+
+int ZEListream::good()
+{
+    return read_error == 0 && (mystrm == nullptr || mystrm->good());
+}
+
+int ZEListream::eof()
+{
+    if (mystrm != nullptr)
+        return mystrm->eof();
+    return buf == nullptr || position > buf->Size();
+}

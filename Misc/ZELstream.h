@@ -1,0 +1,130 @@
+// Object streams: numbers as decimal text with a delimiter, characters and byte runs as they are.
+#ifndef MISC_ZELSTREAM_H
+#define MISC_ZELSTREAM_H
+
+#include <cstdint>
+#include <ios>
+#include <iosfwd>
+
+class Buffer;
+
+/// Writes objects to an ostream or into a Buffer. The encoding of an object is that of its members, one after the
+/// other: a number is its decimal text and `|`; a character or a run of bytes is itself. There is no framing, type
+/// tag or version. A derived stream changes the encoding by overriding the virtual operations.
+///
+/// Into a Buffer the bytes go by way of a staging area of 1,024 bytes: nothing reaches the Buffer before the staging
+/// area would overflow or the stream is flushed or destroyed.
+class ZELostream {
+public:
+    virtual void put(char c);
+    virtual void put(short n);
+    virtual void put(int n);
+    virtual void put(long n);
+    virtual void put(unsigned char c);
+    virtual void put(unsigned short n);
+    virtual void put(unsigned int n);
+    /// In a Buffer the letter `l` stands between the number and its `|` (`42l|`), which ZEListream does not read
+    /// back: this is intended.
+    virtual void put(unsigned long n);
+    /// Flushes.
+    virtual ~ZELostream();
+    /// Writes `n` bytes and returns `n`.
+    virtual int write(const char* p, unsigned n);
+
+    /// Writes to `s`, which must outlive the stream. Numbers go through the inserter of `s` and its manipulators.
+    explicit ZELostream(std::ostream& s);
+    /// Appends to `theBuf`, which must outlive the stream.
+    explicit ZELostream(Buffer& theBuf);
+    /// Stages `n` bytes, after a flush when they do not fit behind those already staged. A longer run than the
+    /// staging area makes that grow. REQUIRES: a stream into a Buffer.
+    void localbuf_add(const void* p, const unsigned n);
+    /// Flushes the ostream, or appends the staged bytes to the Buffer.
+    void flush();
+    /// Non-zero while the ostream is good; 1 for a Buffer.
+    int good();
+    ZELostream(const ZELostream&) = delete;
+    ZELostream& operator=(const ZELostream&) = delete;
+
+    ZELostream& operator<<(char c) { put(c); return *this; }
+    ZELostream& operator<<(short n) { put(n); return *this; }
+    ZELostream& operator<<(int n) { put(n); return *this; }
+    ZELostream& operator<<(long n) { put(n); return *this; }
+    ZELostream& operator<<(unsigned char c) { put(c); return *this; }
+    ZELostream& operator<<(unsigned short n) { put(n); return *this; }
+    ZELostream& operator<<(unsigned int n) { put(n); return *this; }
+    ZELostream& operator<<(unsigned long n) { put(n); return *this; }
+
+private:
+    template <class N>
+    void putNumber(N n, const char* delimiter);
+
+    std::ostream* mystrm; // null for a Buffer
+    Buffer* buf;          // not owned; null for an ostream
+    uint32_t localbufpos; // bytes staged
+    Buffer* localbuf;     // owned, the staging area; null for an ostream
+};
+
+/// Reads what a ZELostream wrote, from an istream or a Buffer. The source is not trusted: no byte outside the Buffer
+/// is read, whatever it holds.
+///
+/// A number in a Buffer may have white space and a sign before it, for the unsigned types too, and is taken as
+/// `sscanf` takes it: one beyond the range of `long` counts as the nearest `long` (or `unsigned long`), and a
+/// narrower type keeps the low bits. The position moves behind the `|` that must follow at once. Without it the
+/// position stays, but the target has the number; without a number the target keeps its value. Either way no error
+/// shows.
+class ZEListream {
+public:
+    typedef std::ios_base::seekdir seek_dir;
+
+    virtual void get(char& c);
+    virtual void get(short& n);
+    virtual void get(int& n);
+    virtual void get(long& n);
+    virtual void get(unsigned char& c);
+    virtual void get(unsigned short& n);
+    virtual void get(unsigned int& n);
+    virtual void get(unsigned long& n);
+    virtual ~ZEListream();
+    /// Reads up to `n` bytes and returns how many. A Buffer has one byte more than its size to give, a spare byte of
+    /// no particular value: this is intended, readers rely on the lengths they were given. A position further beyond
+    /// the end gives spare bytes.
+    virtual int read(char* p, unsigned n);
+
+    /// Reads from `s`, which must outlive the stream. Numbers go through the extractor of `s`.
+    explicit ZEListream(std::istream& s);
+    /// Reads from the start of `theBuf`, which must outlive the stream.
+    explicit ZEListream(Buffer& theBuf);
+    unsigned tellg();
+    /// Goes to `offset`, which for a Buffer counts from its start whatever `dir` says.
+    void seekg(long offset, seek_dir dir);
+    /// 0 when the read error flag is set or the istream is not good; otherwise non-zero.
+    int good();
+    /// Non-zero at the end of the istream, or when the position is beyond the Buffer's size: at the size it is 0.
+    int eof();
+    /// The flag is for readers of objects to set when `read` gives less than a length promised; the stream itself
+    /// never sets it.
+    void SetReadErrorFlag() { read_error = 1; }
+    void ClearReadErrorFlag() { read_error = 0; }
+    ZEListream(const ZEListream&) = delete;
+    ZEListream& operator=(const ZEListream&) = delete;
+
+    ZEListream& operator>>(char& c) { get(c); return *this; }
+    ZEListream& operator>>(short& n) { get(n); return *this; }
+    ZEListream& operator>>(int& n) { get(n); return *this; }
+    ZEListream& operator>>(long& n) { get(n); return *this; }
+    ZEListream& operator>>(unsigned char& c) { get(c); return *this; }
+    ZEListream& operator>>(unsigned short& n) { get(n); return *this; }
+    ZEListream& operator>>(unsigned int& n) { get(n); return *this; }
+    ZEListream& operator>>(unsigned long& n) { get(n); return *this; }
+
+private:
+    template <class N>
+    void getNumber(N& n);
+
+    int16_t read_error;
+    std::istream* mystrm; // null for a Buffer
+    Buffer* buf;          // not owned; null for an istream
+    uint32_t position;    // in the Buffer
+};
+
+#endif

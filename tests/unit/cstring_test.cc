@@ -1,0 +1,1087 @@
+#include "Misc/cstring.h"
+
+#include "Misc/ZELstream.h"
+#include "Misc/buffer.h"
+#include "tests/support/testing.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+using testing_support::CaptureStdout;
+using testing_support::ChildResult;
+using testing_support::RunInChild;
+
+// Memory fails on demand: the library allocates with the nothrow forms, everything else with the others.
+static long allocationsLeft = -1; // -1: no limit
+
+static bool MemoryFails()
+{
+    if (allocationsLeft < 0)
+        return false;
+    return allocationsLeft == 0 || allocationsLeft-- == 0;
+}
+
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept
+{
+    return MemoryFails() ? nullptr : ::operator new(n);
+}
+
+void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
+{
+    return MemoryFails() ? nullptr : ::operator new[](n);
+}
+
+namespace {
+
+// Made before main and destroyed after it.
+CString globalEmpty;
+CString globalText("made before main");
+CString globalCopy(globalText);
+
+class OutOfMemory {
+public:
+    explicit OutOfMemory(long allowed = 0) { allocationsLeft = allowed; }
+    ~OutOfMemory() { allocationsLeft = -1; }
+};
+
+const char* Text(const CString& s)
+{
+    return s;
+}
+
+std::string Str(const CString& s)
+{
+    return Text(s);
+}
+
+std::string Dump(const CString& s)
+{
+    std::ostringstream os;
+    s.dumpOn(os);
+    return os.str();
+}
+
+int Users(const CString& s)
+{
+    return std::atoi(Dump(s).c_str() + std::strlen("CStringRep::dumpOn() \ncount <"));
+}
+
+std::string Streamed(const CString& s)
+{
+    Buffer b;
+    {
+        ZELostream out(b);
+        out << s;
+    }
+    return std::string(static_cast<const char*>(b.operator const void*()), b.Size());
+}
+
+Buffer BufferOf(const std::string& bytes)
+{
+    Buffer b;
+    b.Append(bytes.data(), static_cast<unsigned>(bytes.size()));
+    return b;
+}
+
+TEST(CStringRep, Constructors)
+{
+    CStringRep empty;
+    EXPECT_EQ(empty.count, 1);
+    EXPECT_EQ(empty.len, 0u);
+    EXPECT_STREQ(empty.rep, "");
+
+    CStringRep abc("abc");
+    EXPECT_EQ(abc.count, 1);
+    EXPECT_EQ(abc.len, 3u);
+    EXPECT_STREQ(abc.rep, "abc");
+
+    char* taken = new char[3]{'x', 'y', '\0'};
+    char* const block = taken;
+    CStringRep over(&taken);
+    EXPECT_EQ(taken, nullptr);
+    EXPECT_EQ(over.rep, block);
+    EXPECT_EQ(over.len, 2u);
+    EXPECT_EQ(over.count, 1);
+
+    CStringRep copy(abc);
+    EXPECT_NE(copy.rep, abc.rep);
+    EXPECT_STREQ(copy.rep, "abc");
+    EXPECT_EQ(copy.len, 3u);
+
+    CStringRep room(5u);
+    EXPECT_EQ(room.len, 5u);
+    std::memset(room.rep, 'a', 5);
+    EXPECT_STREQ(room.rep, "aaaaa");
+}
+
+TEST(CStringRep, WithoutMemoryTheLengthIsZero)
+{
+    CStringRep abc("abc");
+    OutOfMemory none;
+    CStringRep text("abc");
+    EXPECT_EQ(text.rep, nullptr);
+    EXPECT_EQ(text.len, 0u);
+    CStringRep room(5u);
+    EXPECT_EQ(room.rep, nullptr);
+    EXPECT_EQ(room.len, 0u);
+    CStringRep copy(abc);
+    EXPECT_EQ(copy.rep, nullptr);
+    EXPECT_EQ(copy.len, 0u);
+    CStringRep copyOfNothing(copy);
+    EXPECT_EQ(copyOfNothing.rep, nullptr);
+    EXPECT_EQ(copyOfNothing.len, 0u);
+}
+
+TEST(CStringRep, Clone)
+{
+    CStringRep r("abc");
+    EXPECT_EQ(r.clone(1), &r);
+    EXPECT_EQ(r.clone(0), &r);
+    r.count = 2;
+    CStringRep* copy = r.clone(1);
+    ASSERT_NE(copy, &r);
+    EXPECT_EQ(copy->count, 1);
+    EXPECT_STREQ(copy->rep, "abc");
+    CStringRep* room = r.clone(0);
+    ASSERT_NE(room, &r);
+    EXPECT_EQ(room->count, 1);
+    EXPECT_EQ(room->len, 3u);
+    EXPECT_EQ(r.count, 2) << "the old count is the caller's business";
+    delete copy;
+    delete room;
+}
+
+TEST(CStringRep, CloneStopsTheProcessWithoutMemory)
+{
+    for (const int copy : {0, 1}) {
+        for (const int allowed : {0, 1}) {
+            const ChildResult child = RunInChild([copy, allowed] {
+                CStringRep r("abc");
+                r.count = 2;
+                OutOfMemory limit(allowed);
+                r.clone(copy);
+            });
+            EXPECT_EQ(child.signal, SIGABRT);
+            const std::string expected = "Assertion failed: t != NULL, file Misc/cstring, line ";
+            EXPECT_EQ(child.err.substr(0, expected.size()), expected);
+        }
+    }
+}
+
+TEST(CStringRep, Dump)
+{
+    CStringRep r("some text");
+    r.count = 7;
+    std::ostringstream os;
+    r.dumpOn(os);
+    EXPECT_EQ(os.str(), "CStringRep::dumpOn() \ncount <7> rep <some text> \n");
+}
+
+TEST(CString, StaticStringsWorkBeforeAndAfterMain)
+{
+    EXPECT_EQ(Str(globalEmpty), "");
+    EXPECT_EQ(Str(globalCopy), "made before main");
+    EXPECT_EQ(Text(globalCopy), Text(globalText));
+    const ChildResult child = RunInChild([] {
+        static CString* late = nullptr;
+        static CString local("local");
+        std::atexit([] {
+            late = new CString; // made when some static strings are gone
+            std::_Exit(late->strlen() == 0 && *late == "" ? 0 : 1);
+        });
+        std::exit(2);
+    });
+    EXPECT_EQ(child.exitCode, 0);
+}
+
+TEST(CString, EmptyStringsShareOneRepresentation)
+{
+    const int before = Users(globalEmpty);
+    {
+        CString a, b(""), c(static_cast<const char*>(nullptr)), d("abc", 0), e("", 5), f(nullptr, 5), g("text");
+        g = "";
+        CString h(Buffer(0)), i(b);
+        CString j("x");
+        j = static_cast<const char*>(nullptr);
+        for (const CString* s : {&a, &b, &c, &d, &e, &f, &g, &h, &i, &j}) {
+            EXPECT_EQ(Text(*s), Text(globalEmpty));
+            EXPECT_EQ(s->strlen(), 0u);
+        }
+        EXPECT_EQ(Users(a), before + 10);
+    }
+    EXPECT_EQ(Users(globalEmpty), before);
+}
+
+TEST(CString, TheEmptyRepresentationGoesWithItsLastUser)
+{
+    const ChildResult child = RunInChild([] {
+        const auto allocationsOfAnEmptyString = [] {
+            OutOfMemory many(100);
+            CString s;
+            return 100 - allocationsLeft;
+        };
+        if (allocationsOfAnEmptyString() != 0)
+            _Exit(1); // shared with globalEmpty
+        globalEmpty = "not empty";
+        if (allocationsOfAnEmptyString() != 2 || allocationsOfAnEmptyString() != 2)
+            _Exit(2); // made and freed each time
+        CString keeper;
+        if (Users(keeper) != 1 || allocationsOfAnEmptyString() != 0)
+            _Exit(3);
+    });
+    EXPECT_EQ(child.exitCode, 0);
+}
+
+TEST(CString, Construction)
+{
+    EXPECT_EQ(Str(CString("abc")), "abc");
+    EXPECT_EQ(CString("abc").strlen(), 3u);
+    EXPECT_EQ(Str(CString("abcdef", 3)), "abc");
+    const CString shorter("ab", 4294967295u);
+    EXPECT_EQ(Str(shorter), "ab");
+    EXPECT_EQ(shorter.strlen(), 2u);
+    const char unterminated[3] = {'x', 'y', 'z'};
+    EXPECT_EQ(Str(CString(unterminated, 3)), "xyz");
+}
+
+TEST(CString, FromABuffer)
+{
+    EXPECT_EQ(Str(CString(BufferOf("abc"))), "abc");
+    EXPECT_EQ(Str(CString(BufferOf(std::string("ab\0cd", 5)))), "ab");
+    EXPECT_EQ(Str(CString(BufferOf(std::string("\0cd", 3)))), "");
+    EXPECT_EQ(CString(BufferOf(std::string("abc\0", 4))).strlen(), 3u);
+}
+
+TEST(CString, CopiesShareAndChangesDoNot)
+{
+    CString b("text");
+    CString a(b);
+    EXPECT_EQ(Text(a), Text(b));
+    EXPECT_EQ(Dump(a), "CStringRep::dumpOn() \ncount <2> rep <text> \n");
+    a += "x";
+    EXPECT_EQ(Str(b), "text");
+    EXPECT_EQ(Str(a), "textx");
+    EXPECT_EQ(Users(b), 1);
+    a = b;
+    EXPECT_EQ(Users(b), 2);
+    a.toUpper();
+    EXPECT_EQ(Str(b), "text");
+    EXPECT_EQ(Str(a), "TEXT");
+    EXPECT_EQ(Users(a), 1);
+    const char* before = a;
+    a.toLower();
+    EXPECT_EQ(Text(a), before) << "a private text is converted in place";
+}
+
+TEST(CString, AssignmentToItself)
+{
+    CString a("abc");
+    const char* text = a;
+    CString& same = a;
+    a = same;
+    EXPECT_EQ(Text(a), text);
+    EXPECT_EQ(Users(a), 1);
+    const CString b(a);
+    a = b;
+    EXPECT_EQ(Users(a), 2) << "already shared";
+    a = static_cast<const char*>(a) + 1;
+    EXPECT_EQ(Str(a), "bc");
+    EXPECT_EQ(Str(b), "abc");
+}
+
+TEST(CString, WritingThroughTheIndexChangesAllSharers)
+{
+    CString a("abc");
+    const CString b(a);
+    a[1] = 'X';
+    EXPECT_EQ(Str(b), "aXc");
+    EXPECT_EQ(b[3], '\0');
+}
+
+TEST(CString, AZeroByteIsACharacterForEditing)
+{
+    const auto make = [] {
+        CString s("abcdef");
+        s[2] = '\0';
+        return s;
+    };
+    CString s = make();
+    EXPECT_EQ(s.strlen(), 6u);
+    EXPECT_TRUE(s == "ab");
+    s.ReplaceAll('\0', "c");
+    EXPECT_TRUE(s == "abcdef");
+
+    s = make();
+    s.Delete(2, 1);
+    EXPECT_EQ(Str(s), "abdef");
+
+    s = make();
+    s.Insert(6, "g");
+    EXPECT_EQ(s.strlen(), 2u) << "the result's length ends at the zero byte";
+    EXPECT_EQ(std::memcmp(Text(s), "ab\0defg", 8), 0);
+
+    s = make();
+    s += 'g';
+    EXPECT_EQ(std::memcmp(Text(s), "ab\0defg", 8), 0);
+
+    s = make();
+    s.toUpper();
+    EXPECT_EQ(s.strlen(), 6u);
+    EXPECT_EQ(std::memcmp(Text(s), "AB\0DEF", 7), 0);
+
+    s = make();
+    s.flatten();
+    EXPECT_EQ(Str(s), "ab def");
+
+    s = make();
+    EXPECT_EQ(Streamed(s), std::string("6|ab\0def", 8));
+
+    s = make();
+    CString t("x");
+    t.Insert(0, s);
+    EXPECT_EQ(std::memcmp(Text(t), "ab\0defx", 8), 0);
+}
+
+TEST(CString, Comparison)
+{
+    const CString a("abc"), b("abc"), c("abd"), d("abcd"), e(a);
+    EXPECT_TRUE(a == b);
+    EXPECT_TRUE(a == e);
+    EXPECT_FALSE(a == c);
+    EXPECT_FALSE(a == d);
+    EXPECT_TRUE(a != c);
+    EXPECT_FALSE(a != b);
+    EXPECT_TRUE(a == "abc");
+    EXPECT_FALSE(a == "abcd");
+    EXPECT_TRUE(a != "ab");
+    EXPECT_FALSE(a != "abc");
+
+    CString cut("abcd");
+    cut[3] = '\0';
+    EXPECT_FALSE(cut == a) << "stored lengths differ";
+    EXPECT_TRUE(cut == "abc");
+
+    const CString *pa = &a, *pb = &b, *pc = &c;
+    EXPECT_EQ(CString::compare(&pa, &pb), 0);
+    EXPECT_LT(CString::compare(&pa, &pc), 0);
+    EXPECT_GT(CString::compare(&pc, &pa), 0);
+}
+
+TEST(CString, CompareStopsOnNull)
+{
+    static const CString text("x");
+    static const CString* good = &text;
+    static const CString* null = nullptr;
+    const struct {
+        const CString **a, **b;
+        const char* expression;
+    } cases[] = {
+        {nullptr, nullptr, "a != NULL"},
+        {&null, nullptr, "*a != NULL"},
+        {&good, nullptr, "b != NULL"},
+        {&good, &null, "*b != NULL"},
+    };
+    for (const auto& c : cases) {
+        const ChildResult child = RunInChild([&c] { CString::compare(c.a, c.b); });
+        EXPECT_EQ(child.signal, SIGABRT);
+        const std::string expected = std::string("Assertion failed: ") + c.expression + ", file Misc/cstring, line ";
+        EXPECT_EQ(child.err.substr(0, expected.size()), expected);
+    }
+}
+
+TEST(CString, Concatenation)
+{
+    const CString a("ab"), b("cd"), empty;
+    EXPECT_EQ(Str(a + b), "abcd");
+    EXPECT_EQ(Str(a + "x"), "abx");
+    EXPECT_EQ(Text(a + empty), Text(a));
+    EXPECT_EQ(Text(a + ""), Text(a));
+    EXPECT_EQ(Text(empty + b), Text(b));
+    EXPECT_EQ(Str(empty + empty), "");
+    EXPECT_EQ(Str(a), "ab");
+
+    CString c(a);
+    c += empty;
+    c += "";
+    c += static_cast<const char*>(nullptr);
+    EXPECT_EQ(Text(c), Text(a));
+    c += b;
+    EXPECT_EQ(Str(c), "abcd");
+    c += c;
+    EXPECT_EQ(Str(c), "abcdabcd");
+    c += static_cast<const char*>(c) + 6;
+    EXPECT_EQ(Str(c), "abcdabcdcd");
+    c += c[1];
+    EXPECT_EQ(Str(c), "abcdabcdcdb");
+    const char* before = c;
+    c += '\0';
+    EXPECT_NE(Text(c), before) << "always a new text";
+    EXPECT_EQ(c.strlen(), 11u);
+}
+
+TEST(CString, Delete)
+{
+    CString s("abcdef");
+    s.Delete(1, 2);
+    EXPECT_EQ(Str(s), "adef");
+    const char* before = s;
+    s.Delete(4, 1);
+    s.Delete(5, 1);
+    s.Delete(4294967295u, 4294967295u);
+    s.Delete(1, 0);
+    EXPECT_EQ(Text(s), before);
+    s.Delete(2, 4294967295u);
+    EXPECT_EQ(Str(s), "ad");
+    s.Delete(0, 2);
+    EXPECT_EQ(s.strlen(), 0u);
+}
+
+TEST(CString, Insert)
+{
+    CString s("ad");
+    s.Insert(1, "bc");
+    EXPECT_EQ(Str(s), "abcd");
+    s.Insert(4, "x");
+    s.Insert(5, 'y');
+    s.Insert(0, CString("<"));
+    EXPECT_EQ(Str(s), "<abcdxy");
+    const char* before = s;
+    s.Insert(8, "x");
+    s.Insert(8, 'x');
+    s.Insert(8, CString("x"));
+    s.Insert(0, CString());
+    s.Insert(0, static_cast<const char*>(nullptr));
+    EXPECT_EQ(Text(s), before);
+    s.Insert(0, "");
+    EXPECT_NE(Text(s), before) << "an empty C string still makes an equal copy";
+    EXPECT_EQ(Str(s), "<abcdxy");
+    before = s;
+    s.Insert(1, '\0');
+    EXPECT_NE(Text(s), before);
+    EXPECT_EQ(Str(s), "<abcdxy");
+    s.Insert(1, s);
+    EXPECT_EQ(Str(s), "<<abcdxyabcdxy");
+}
+
+TEST(CString, ReplaceAll)
+{
+    CString s("a.b..c");
+    const char* before = s;
+    s.ReplaceAll('x', "y");
+    s.ReplaceAll('.', nullptr);
+    s.ReplaceAll('\0', "y");
+    EXPECT_EQ(Text(s), before);
+    s.ReplaceAll('.', "--");
+    EXPECT_EQ(Str(s), "a--b----c");
+    s.ReplaceAll('-', "");
+    EXPECT_EQ(Str(s), "abc");
+    s.ReplaceAll('b', s);
+    EXPECT_EQ(Str(s), "aabcc");
+    CString empty;
+    empty.ReplaceAll('a', "b");
+    EXPECT_EQ(Text(empty), Text(globalEmpty));
+}
+
+TEST(CString, Trim)
+{
+    CString s(" \t\r\n\v\fa b \n");
+    s.lTrim();
+    EXPECT_EQ(Str(s), "a b \n");
+    const char* before = s;
+    s.lTrim();
+    EXPECT_EQ(Text(s), before);
+    s.rTrim();
+    EXPECT_EQ(Str(s), "a b");
+    before = s;
+    s.rTrim();
+    EXPECT_EQ(Text(s), before);
+    for (void (CString::*trim)() : {&CString::lTrim, &CString::rTrim}) {
+        CString blank("   ");
+        (blank.*trim)();
+        EXPECT_EQ(Str(blank), "");
+        EXPECT_EQ(blank.strlen(), 0u);
+        (blank.*trim)();
+        EXPECT_EQ(Str(blank), "");
+    }
+    CString high("\xa0x\xa0");
+    high.lTrim();
+    high.rTrim();
+    EXPECT_EQ(Str(high), "\xa0x\xa0");
+}
+
+TEST(CString, Conversions)
+{
+    CString s("aZ1\xe4");
+    s.toUpper();
+    EXPECT_EQ(Str(s), "AZ1\xe4");
+    s.toLower();
+    EXPECT_EQ(Str(s), "az1\xe4");
+
+    const CString source("a\tb\nc\x01\x7f\xff d");
+    CString flat(source), print(source);
+    flat.flatten();
+    EXPECT_EQ(Str(flat), "a b c    d");
+    print.makeprintable();
+    EXPECT_EQ(Str(print), "a\tb\nc    d");
+    EXPECT_EQ(Str(source), "a\tb\nc\x01\x7f\xff d");
+    const char* before = flat;
+    flat.flatten();
+    EXPECT_EQ(Text(flat), before);
+    CString empty;
+    empty.toUpper();
+    empty.flatten();
+    EXPECT_EQ(Str(empty), "");
+}
+
+TEST(CString, LineEnds)
+{
+    CString dos("a\r\nb\nc\r"), unix("a\r\nb\nc\r");
+    dos.toDos();
+    EXPECT_EQ(Str(dos), "a\r\nb\r\nc\r");
+    unix.toUnix();
+    EXPECT_EQ(Str(unix), "a\nb\nc\r");
+    CString feeds("\n\n\r\r\n");
+    feeds.toDos();
+    EXPECT_EQ(Str(feeds), "\r\n\r\n\r\r\n");
+    feeds.toUnix();
+    EXPECT_EQ(Str(feeds), "\n\n\r\n");
+    EXPECT_EQ(feeds.strlen(), 4u);
+    CString empty;
+    empty.toDos();
+    empty.toUnix();
+    EXPECT_EQ(Str(empty), "");
+}
+
+TEST(CString, Escape)
+{
+    CString s("a.b*");
+    s.toEscape(1);
+    EXPECT_EQ(Str(s), "a.b*");
+    s.toEscape(0);
+    EXPECT_EQ(Str(s), "a.b\\*");
+
+    CString all("'\"\\\b\t\n\v\f\r!$?[]|/()*+ ~{\x01\x07\x0e\x7f\x80\xff");
+    CString bare(all);
+    all.toEscape(0);
+    EXPECT_EQ(Str(all), "\\'\\\"\\\\\\b\\t\\n\\v\\f\\r\\!\\$\\?\\[\\]\\|\\/\\(\\)\\*\\+ ~{"
+                        "\\001\\007\\016\\177\\200\\377");
+    bare.toEscape(2);
+    EXPECT_EQ(Str(bare), "\\'\\\"\\\\\\b\\t\\n\\v\\f\\r!$?[]|/()*+ ~{\\001\\007\\016\\177\\200\\377");
+    CString empty;
+    empty.toEscape(0);
+    empty.toLiteral();
+    EXPECT_EQ(Text(empty), Text(globalEmpty));
+}
+
+TEST(CString, EscapeLengthsAndRoundTripOfEveryByte)
+{
+    for (const short mode : {0, 1}) {
+        for (int c = 1; c < 256; c++) {
+            const char source[] = {'a', static_cast<char>(c), '7', '\0'};
+            char escaped[16];
+            std::memset(escaped, '#', sizeof escaped);
+            EXPECT_EQ(CString::literal_to_escape(escaped, source, mode), escaped);
+            EXPECT_EQ(std::strlen(escaped), CString::literal_to_escape_strlen(source, mode)) << c;
+            char back[16];
+            EXPECT_EQ(CString::escape_to_literal(back, escaped), back);
+            EXPECT_STREQ(back, source) << c;
+        }
+    }
+}
+
+TEST(CString, Literal)
+{
+    const struct {
+        const char *escaped, *literal;
+    } cases[] = {
+        {"\\101\\x41\\x\\q", "AAxq"},
+        {"\\1234", "S4"},
+        {"plain", "plain"},
+        {"\\!\\\"\\$\\'\\(\\)\\*\\+\\/\\?\\[\\\\\\]\\|", "!\"$'()*+/?[\\]|"},
+        {"\\b\\f\\n\\r\\t\\v", "\b\f\n\r\t\v"},
+        {"\\8\\~\\ \\\xff", "8~ \xff"},
+        {"\\18\\1", "\x01" "8\x01"},
+        {"\\777", "\xff"},
+        {"\\x4a\\x4A\\x414\\xag\\x\\x41", "JJA4\ngxA"},
+        {"text\\", "text"},
+        {"\\", ""},
+        {"\\\\\\", "\\"},
+        {"a\\0b", "a"}, // the text ends at the zero byte
+    };
+    for (const auto& c : cases) {
+        CString s(c.escaped);
+        s.toLiteral();
+        EXPECT_EQ(Str(s), c.literal) << c.escaped;
+    }
+    char inPlace[] = "\\101\\t\\x42";
+    CString::escape_to_literal(inPlace, inPlace);
+    EXPECT_STREQ(inPlace, "A\tB");
+    char bytes[8];
+    CString::escape_to_literal(bytes, "a\\0b");
+    EXPECT_EQ(std::memcmp(bytes, "a\0b", 4), 0);
+}
+
+TEST(CString, ExtractToken)
+{
+    const struct {
+        const char *text, *delimiters, *token, *rest;
+    } cases[] = {
+        {"abc def", " ", "abc", "def"},
+        {"\"abc\" def", " ", "abc", " def"},
+        {"'a b' c", " ", "a b", " c"},
+        {"\"'a' b", " ", "a", " b"},
+        {"abc", " ", "abc", ""},
+        {"a,b;c", ";,", "a", "b;c"},
+        {"  abc def", " ", "abc", "c def"}, // skipped delimiters are not counted
+        {"   ", " ", "", "   "},
+        {"", " ", "", ""},
+        {"\"", " ", "", ""},
+        {"\"\" x", " ", " x", ""},
+        {"a b", "", "a b", ""},
+    };
+    for (const auto& c : cases) {
+        CString s(c.text), token("old");
+        s.ExtractToken(token, c.delimiters);
+        EXPECT_EQ(Str(token), c.token) << c.text;
+        EXPECT_EQ(Str(s), c.rest) << c.text;
+    }
+    CString s("a:b"), token(":");
+    s.ExtractToken(token, token);
+    EXPECT_EQ(Str(token), "a");
+    EXPECT_EQ(Str(s), "b");
+    s.ExtractToken(s, ":");
+    EXPECT_EQ(Str(s), "");
+}
+
+TEST(CString, FindAwkChars)
+{
+    EXPECT_EQ(CString("a.b").find_awk_chars(), 1);
+    EXPECT_EQ(CString("^").find_awk_chars(), 1);
+    EXPECT_EQ(CString("a*b$").find_awk_chars(), 0);
+    EXPECT_EQ(CString().find_awk_chars(), 0);
+}
+
+TEST(CString, EncloseWithQuotes)
+{
+    std::unique_ptr<char[]> quoted(CString::EncloseWithQuotes("a b"));
+    EXPECT_STREQ(quoted.get(), "\"a b\"");
+    quoted.reset(CString::EncloseWithQuotes(""));
+    EXPECT_STREQ(quoted.get(), "\"\"");
+    OutOfMemory none;
+    EXPECT_EQ(CString::EncloseWithQuotes("a"), nullptr);
+}
+
+TEST(CString, FileNameToCharPtr)
+{
+    testing_support::TemporaryDirectory dir;
+    const std::string path = dir.File("f");
+    testing_support::WriteFile(path, std::string("two\nlines\0and a zero", 20));
+    const int descriptors = testing_support::OpenDescriptors();
+    std::unique_ptr<char[]> text(CString::FileNameToCharPtr(path.c_str()));
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::memcmp(text.get(), "two\nlines\0and a zero", 21), 0);
+    testing_support::WriteFile(path, "");
+    text.reset(CString::FileNameToCharPtr(path.c_str()));
+    EXPECT_STREQ(text.get(), "");
+    EXPECT_EQ(CString::FileNameToCharPtr(dir.File("none").c_str()), nullptr);
+    EXPECT_EQ(CString::FileNameToCharPtr(dir.Path().c_str()), nullptr) << "a directory has no content to read";
+    {
+        OutOfMemory none;
+        EXPECT_EQ(CString::FileNameToCharPtr(path.c_str()), nullptr);
+    }
+    EXPECT_EQ(testing_support::OpenDescriptors(), descriptors);
+}
+
+TEST(CString, WithoutMemoryTextsStayAsTheyAre)
+{
+    for (const int allowed : {0, 1}) { // no text, or a text but no representation
+        CString s("a\n*\\x41 ");
+        const char* before = s;
+        const CString other("other");
+        {
+            OutOfMemory limit(allowed);
+            const auto again = [allowed] { allocationsLeft = allowed; };
+            s += "x";
+            again();
+            s += other;
+            again();
+            s += 'x';
+            again();
+            s.Insert(0, "x");
+            again();
+            s.Insert(0, other);
+            again();
+            s.ReplaceAll('a', "x");
+            again();
+            s.Delete(0, 1);
+            again();
+            s.rTrim();
+            again();
+            s.toDos();
+            again();
+            s.toUnix();
+            again();
+            s.toEscape(0);
+            again();
+            s.toLiteral();
+        }
+        EXPECT_EQ(Text(s), before);
+        EXPECT_EQ(Str(s), "a\n*\\x41 ");
+    }
+}
+
+TEST(CString, WithoutMemoryNewTextsAreEmpty)
+{
+    for (const int allowed : {0, 1}) {
+        CString assigned("abc");
+        const Buffer buffer = BufferOf("abc");
+        OutOfMemory limit(allowed);
+        CString a("abc");
+        allocationsLeft = allowed;
+        CString b("abc", 2);
+        allocationsLeft = allowed;
+        CString c(buffer);
+        allocationsLeft = allowed;
+        assigned = "def";
+        allocationsLeft = -1;
+        for (const CString* s : {&a, &b, &c, &assigned})
+            EXPECT_EQ(Text(*s), Text(globalEmpty));
+    }
+}
+
+TEST(CString, ThereIsAnEmptyStringEvenWithoutAnyMemory)
+{
+    for (const int allowed : {0, 1}) { // no representation, or one without its text
+        const ChildResult child = RunInChild([allowed] {
+            globalEmpty = "not empty";
+            {
+                OutOfMemory limit(allowed);
+                CString a;
+                allocationsLeft = 0;
+                CString b("text");
+                if (a.strlen() != 0 || !(a == "") || Text(a) != Text(b))
+                    _Exit(1);
+            }
+            CString again;
+            again += "x";
+            CString other;
+            if (!(again == "x") || !(other == ""))
+                _Exit(2);
+        });
+        EXPECT_EQ(child.exitCode, 0);
+    }
+}
+
+TEST(CString, Dump)
+{
+    const std::string out = CaptureStdout([] {
+        EXPECT_EQ(Dump(CString("abc")), "CStringRep::dumpOn() \ncount <1> rep <abc> \n");
+    });
+    EXPECT_EQ(out, "");
+}
+
+TEST(CStringStream, WritesLengthAndBytes)
+{
+    EXPECT_EQ(Streamed("abc"), "3|abc");
+    EXPECT_EQ(Streamed(""), "0|");
+    const std::string longest(65535, 'x');
+    std::string streamed;
+    const std::string out = CaptureStdout([&] { streamed = Streamed(longest.c_str()); });
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(streamed, "65535|" + longest);
+}
+
+TEST(CStringStream, CutsALongTextWithAWarning)
+{
+    std::string text(70000, 'a');
+    text[4463] = 'y';
+    text[4464] = 'z';
+    std::string streamed;
+    std::string out = CaptureStdout([&] { streamed = Streamed(text.c_str()); });
+    EXPECT_EQ(out, "Warning: data will be truncated in Cstring printOn. \nwriting 4464 of 70000 bytes.\n");
+    EXPECT_EQ(streamed, "4464|" + text.substr(0, 4464));
+
+    out = CaptureStdout([&] { streamed = Streamed(std::string(65536, 'b').c_str()); });
+    EXPECT_EQ(out, "Warning: data will be truncated in Cstring printOn. \nwriting 0 of 65536 bytes.\n");
+    EXPECT_EQ(streamed, "0|");
+}
+
+TEST(CStringStream, ReadsBack)
+{
+    Buffer b = BufferOf("3|abc0|2|de");
+    ZEListream in(b);
+    CString s("old"), t("old"), u("old");
+    const CString shared(s);
+    in >> s >> t >> u;
+    EXPECT_EQ(Str(s), "abc");
+    EXPECT_EQ(Text(t), Text(globalEmpty));
+    EXPECT_EQ(Str(u), "de");
+    EXPECT_EQ(Str(shared), "old");
+    EXPECT_TRUE(in.good());
+
+    std::stringstream stream;
+    ZELostream out(stream);
+    out << CString("a b") << CString();
+    EXPECT_EQ(stream.str(), "3|a b0|");
+    ZEListream back(stream);
+    back >> s >> t;
+    EXPECT_EQ(Str(s), "a b");
+    EXPECT_EQ(Str(t), "");
+}
+
+TEST(CStringStream, ShortReadKeepsWhatCame)
+{
+    Buffer b = BufferOf("8|abc");
+    ZEListream in(b);
+    b[b.Size()] = '!'; // the spare byte, which a buffer gives as its last
+    CString s;
+    std::string out = CaptureStdout([&] { in >> s; });
+    EXPECT_EQ(out, "Error: short read in Cstring scanFrom. \nread: 4 expected: 8\n");
+    EXPECT_EQ(Str(s), "abc!");
+    EXPECT_FALSE(in.good());
+    in.ClearReadErrorFlag();
+    EXPECT_TRUE(in.good());
+
+    std::istringstream stream("8|abc");
+    ZEListream from(stream);
+    out = CaptureStdout([&] { from >> s; });
+    EXPECT_EQ(out, "Error: short read in Cstring scanFrom. \nread: 3 expected: 8\n");
+    EXPECT_EQ(Str(s), "abc");
+}
+
+TEST(CStringStream, LengthsAreNotTrusted)
+{
+    for (const char* bad : {"x|abc", "", "|abc", "-|abc", "\x01\x02"}) {
+        Buffer b = BufferOf(bad);
+        ZEListream in(b);
+        CString s("old");
+        EXPECT_EQ(CaptureStdout([&] { in >> s; }), "") << bad;
+        EXPECT_EQ(Str(s), "") << bad;
+        EXPECT_EQ(in.tellg(), 0u) << bad;
+    }
+    Buffer b = BufferOf("-1|abc"); // 65535 as an unsigned short
+    ZEListream in(b);
+    b[b.Size()] = '\0';
+    CString s;
+    EXPECT_EQ(CaptureStdout([&] { in >> s; }), "Error: short read in Cstring scanFrom. \nread: 4 expected: 65535\n");
+    EXPECT_EQ(Str(s), "abc");
+}
+
+// A stream whose `read` claims a count of its own.
+class LyingStream : public ZEListream {
+public:
+    LyingStream(Buffer& b, int theClaim) : ZEListream(b), claim(theClaim) {}
+    int read(char* p, unsigned n) override
+    {
+        std::memset(p, 'x', n);
+        return claim;
+    }
+
+private:
+    int claim;
+};
+
+TEST(CStringStream, CountsReadAreBounded)
+{
+    Buffer b = BufferOf("3|");
+    CString s;
+    LyingStream more(b, 70000);
+    EXPECT_EQ(CaptureStdout([&] { more >> s; }), "");
+    EXPECT_EQ(Str(s), "xxx");
+    LyingStream less(b, -1);
+    EXPECT_EQ(CaptureStdout([&] { less >> s; }), "Error: short read in Cstring scanFrom. \nread: 0 expected: 3\n");
+    EXPECT_EQ(Str(s), "");
+    EXPECT_FALSE(less.good());
+}
+
+TEST(CStringStream, WithoutMemoryTheStringIsEmpty)
+{
+    Buffer b = BufferOf("3|abc");
+    for (const int allowed : {0, 1}) {
+        ZEListream in(b);
+        CString s("old");
+        {
+            OutOfMemory limit(allowed);
+            in >> s;
+        }
+        EXPECT_EQ(Str(s), "");
+    }
+}
+
+// A derived class decides what the entry points of the streams read and write.
+class Bracketed : public CString {
+public:
+    using CString::CString;
+    void printOn(ZELostream& s) const override
+    {
+        s.put('<');
+        CString::printOn(s);
+    }
+    void scanFrom(ZEListream& s) override
+    {
+        char c;
+        s.get(c);
+        CString::scanFrom(s);
+    }
+};
+
+TEST(CStringStream, EntryPointsAreVirtual)
+{
+    Buffer b;
+    const Bracketed written("ab");
+    const CString& base = written;
+    {
+        ZELostream out(b);
+        EXPECT_EQ(&base.ObjectWrite(out), &out);
+        EXPECT_EQ(&(out << base), &out);
+    }
+    EXPECT_EQ(std::string(b.GetCString()), "<2|ab<2|ab");
+    ZEListream in(b);
+    Bracketed read;
+    CString& target = read;
+    EXPECT_EQ(&target.ObjectRead(in), &in);
+    EXPECT_EQ(Str(read), "ab");
+    target = "";
+    in >> target;
+    EXPECT_EQ(Str(read), "ab");
+}
+
+template <class How>
+std::vector<std::string> Lines(const char* text, How how)
+{
+    CString source(text);
+    std::vector<std::string> lines;
+    for (CStringIter iter(source, how); iter() && lines.size() < 20; ++iter)
+        lines.push_back(Str(iter));
+    return lines;
+}
+
+typedef std::vector<std::string> Texts;
+
+TEST(CStringIter, Fields)
+{
+    EXPECT_EQ(Lines("a::b", ':'), (Texts{"a", "", "b"}));
+    EXPECT_EQ(Lines("a:b:", ':'), (Texts{"a", "b"}));
+    EXPECT_EQ(Lines(":", ':'), (Texts{""}));
+    EXPECT_EQ(Lines("abc", ':'), (Texts{"abc"}));
+    EXPECT_EQ(Lines("", ':'), (Texts{}));
+    EXPECT_EQ(Lines("\na:\nb\nc", ':'), (Texts{"a", "b\nc"})) << "a line feed at a field's start is skipped";
+    EXPECT_EQ(Lines("a\nb\n\nc", '\n'), (Texts{"a", "b", "c"}));
+    EXPECT_EQ(Lines("\n", ':'), (Texts{""}));
+}
+
+TEST(CStringIter, LinesOfLimitedLength)
+{
+    EXPECT_EQ(Lines("abcdefg\nxy", 3), (Texts{"abc", "def", "g", "xy"}));
+    EXPECT_EQ(Lines("abc\nd", 3), (Texts{"abc", "d"})) << "a line of just the length is not cut";
+    EXPECT_EQ(Lines("abcd\ne", 3), (Texts{"abc", "d", "e"}));
+    EXPECT_EQ(Lines("abc", 3), (Texts{"abc"}));
+    EXPECT_EQ(Lines("a\n\nb", 3), (Texts{"a", "", "b"}));
+    EXPECT_EQ(Lines("a\n", 3), (Texts{"a", ""}));
+    EXPECT_EQ(Lines("\na", 3), (Texts{"a"}));
+    EXPECT_EQ(Lines("", 3), (Texts{}));
+    EXPECT_EQ(Lines("abc", 2147483647), (Texts{"abc"}));
+    EXPECT_EQ(Lines("ab", 0), (Texts{"a", "b"})) << "every step moves on";
+    EXPECT_EQ(Lines("ab", -5), (Texts{"a", "b"}));
+}
+
+TEST(CStringIter, SetupLineGivesTheNextPosition)
+{
+    CString fields("ab:c");
+    CStringIter f(fields, ':');
+    EXPECT_EQ(f.setupLine(0), 3u);
+    EXPECT_EQ(f.setupLine(1), 3u);
+    EXPECT_EQ(Str(f), "b");
+    EXPECT_EQ(f.setupLine(3), 4u);
+    EXPECT_EQ(f.setupLine(4), 0u);
+    EXPECT_EQ(f(), 0);
+    EXPECT_EQ(Str(f), "c") << "the end leaves the line";
+    EXPECT_EQ(f.setupLine(0), 0u) << "done is for good";
+
+    CString lines("ab\ncdef");
+    CStringIter l(lines, 3);
+    EXPECT_EQ(l.setupLine(0), 2u);
+    EXPECT_EQ(l.setupLine(2), 6u);
+    EXPECT_EQ(Str(l), "cde");
+    EXPECT_EQ(l.setupLine(4294967295u), 0u);
+    EXPECT_EQ(l(), 0);
+}
+
+std::string Dump(const CStringBuff& b)
+{
+    std::ostringstream os;
+    b.dumpOn(os);
+    return os.str();
+}
+
+TEST(CStringBuff, CollectsInChunks)
+{
+    CStringBuff b(4);
+    for (char c = 'a'; c <= 'j'; c++)
+        b += c;
+    EXPECT_EQ(Dump(b), "CStringChBuff::dumOn\nBuffSize = 4\nBuff = ij\nIndex = 2\nFinalString = abcdefgh\n");
+    EXPECT_EQ(Str(b.GetCString()), "abcdefghij");
+    b.ResetBuff();
+    EXPECT_EQ(Str(b.GetCString()), "abcdefgh") << "what was flushed stays";
+    EXPECT_EQ(Dump(b), "CStringChBuff::dumOn\nBuffSize = 4\nBuff = \nIndex = 0\nFinalString = abcdefgh\n");
+    b += CString("12345");
+    EXPECT_EQ(Dump(b), "CStringChBuff::dumOn\nBuffSize = 4\nBuff = 5\nIndex = 1\nFinalString = abcdefgh1234\n");
+    b = 'x';
+    EXPECT_EQ(Dump(b), "CStringChBuff::dumOn\nBuffSize = 4\nBuff = \nIndex = 0\nFinalString = x\n");
+    b += 'y';
+    b = CString("whole");
+    EXPECT_EQ(Str(b.GetCString()), "whole");
+    b = '\0';
+    EXPECT_EQ(Str(b.GetCString()), "");
+}
+
+TEST(CStringBuff, FlushesOnlyWhenTheNextCharacterComes)
+{
+    CStringBuff b(2);
+    b += CString("ab");
+    EXPECT_EQ(Dump(b), "CStringChBuff::dumOn\nBuffSize = 2\nBuff = ab\nIndex = 2\nFinalString = \n");
+    EXPECT_EQ(Str(b.GetCString()), "ab");
+}
+
+TEST(CStringBuff, CountsZeroBytesInTheChunk)
+{
+    CStringBuff b(4);
+    b += 'a';
+    b += '\0';
+    b += 'b';
+    EXPECT_EQ(Dump(b), "CStringChBuff::dumOn\nBuffSize = 4\nBuff = a\nIndex = 3\nFinalString = \n");
+    EXPECT_EQ(Str(b.GetCString()), "a");
+}
+
+TEST(CStringBuff, SizesBelowOne)
+{
+    for (const int size : {0, -1, -2147483647}) {
+        CStringBuff b(size);
+        b += CString("abc");
+        EXPECT_EQ(Str(b.GetCString()), "abc");
+        EXPECT_EQ(Dump(b), "CStringChBuff::dumOn\nBuffSize = 1\nBuff = c\nIndex = 1\nFinalString = ab\n");
+    }
+}
+
+TEST(CStringBuff, WorksWithoutMemoryForTheChunk)
+{
+    std::unique_ptr<CStringBuff> b;
+    {
+        OutOfMemory none;
+        b = std::make_unique<CStringBuff>(4);
+    }
+    *b += CString("abcdef");
+    EXPECT_EQ(Str(b->GetCString()), "abcdef");
+    b->ResetBuff();
+    EXPECT_EQ(Dump(*b), "CStringChBuff::dumOn\nBuffSize = 4\nBuff = \nIndex = 0\nFinalString = abcdef\n");
+}
+
+} // namespace
