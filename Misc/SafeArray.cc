@@ -1,0 +1,271 @@
+#include "Misc/SafeArray.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include <search.h>
+
+#include "Misc/Error.h"
+#include "Misc/assertion.h"
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: SafeArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+static const unsigned MaxCapacity = 256000;
+static const unsigned FirstCapacity = 32;
+static const unsigned BinarySearchQuantity = 16; // from here on search() trusts the order of the elements
+
+// ---- SafeArrayBase
+
+SafeArrayBase::SafeArrayBase(unsigned initialCapacity) : isPurgeable(0), myQuantity(0), myCapacity(0), list(nullptr)
+{
+    Expand(static_cast<int>(initialCapacity));
+}
+
+SafeArrayBase::~SafeArrayBase()
+{
+    delete[] list;
+}
+
+void SafeArrayBase::dumpOn(std::ostream& os) const
+{
+    os << "Capacity: " << myCapacity << '\n';
+    os << "Quantity: " << myQuantity << '\n';
+    for (unsigned i = 0; i < myQuantity; i++)
+        os << "list[" << i << "] = " << list[i] << '\n';
+}
+
+void SafeArrayBase::AddPtr(void* v)
+{
+    ZELOO_ASSERT(v != NULL, "Misc/SafeArray");
+    if (myQuantity >= myCapacity)
+        Expand(static_cast<int>(Growth(myCapacity)));
+    ZELOO_ASSERT(myQuantity < myCapacity, "Misc/SafeArray");
+    if (myQuantity < myCapacity)
+        list[myQuantity++] = v;
+}
+
+void SafeArrayBase::InsertAt(unsigned index, void* NewItem)
+{
+    ZELOO_ASSERT(index <= myQuantity, "Misc/SafeArray");
+    ZELOO_ASSERT(NewItem != NULL, "Misc/SafeArray");
+    if (index > myQuantity)
+        std::cerr << "Warning: invalid index to SafeArrayBase::InsertAt()..." << std::endl;
+    if (index >= myQuantity) {
+        AddPtr(NewItem);
+        return;
+    }
+    if (myQuantity >= myCapacity)
+        Expand(static_cast<int>(Growth(myCapacity)));
+    if (myQuantity >= myCapacity)
+        return; // at the ceiling; unlike an append this is no assertion, as intended
+    std::memmove(list + index + 1, list + index, (myQuantity - index) * sizeof(void*));
+    list[index] = NewItem;
+    myQuantity++;
+}
+
+void SafeArrayBase::InsertPtr(void* after, void* NewItem)
+{
+    ZELOO_ASSERT(NewItem != NULL, "Misc/SafeArray");
+    if (after == nullptr) {
+        InsertAt(0, NewItem);
+        return;
+    }
+    void** end = list + myQuantity;
+    void** place = std::find(list, end, after);
+    if (place == end)
+        std::cerr << "Error: invalid index to SafeArrayBase::InsertPtr()" << std::endl;
+    else
+        InsertAt(static_cast<unsigned>(place - list) + 1, NewItem);
+}
+
+void SafeArrayBase::RemoveAt(unsigned index)
+{
+    ZELOO_ASSERT(index < myQuantity, "Misc/SafeArray");
+    if (index >= myQuantity)
+        return;
+    if (isPurgeable == 0)
+        DeleteItem(list[index]);
+    std::memmove(list + index, list + index + 1, (myQuantity - index - 1) * sizeof(void*));
+    list[--myQuantity] = nullptr;
+}
+
+void SafeArrayBase::RemovePtr(void* ptr)
+{
+    ZELOO_ASSERT(ptr != NULL, "Misc/SafeArray");
+    void** end = list + myQuantity;
+    void** place = std::find(list, end, ptr);
+    if (place != end)
+        RemoveAt(static_cast<unsigned>(place - list));
+}
+
+void SafeArrayBase::DeleteAllItems()
+{
+    if (isPurgeable == 1)
+        return;
+    for (unsigned i = 0; i < myQuantity; i++) {
+        if (list[i] != nullptr)
+            DeleteItem(list[i]);
+        list[i] = nullptr;
+    }
+    myQuantity = 0;
+}
+
+void SafeArrayBase::Expand(int delta)
+{
+    if (delta == 0)
+        return;
+    // A negative delta shrinks by wrapping; one below minus the capacity wraps to a huge value, which is clipped.
+    unsigned capacity = std::min(myCapacity + static_cast<unsigned>(delta), MaxCapacity);
+    capacity = std::max(capacity, myQuantity);
+    if (capacity == myCapacity)
+        return;
+
+    void** slots = nullptr;
+    if (capacity != 0) {
+        slots = new (std::nothrow) void*[capacity];
+        if (slots == nullptr) {
+            ErrorReporter()._ReportError(ErrorReporter::PANIC, ErrorReporter::OUT_OF_MEMORY,
+                                         "Memory allocation failure in SafeArray::Expand().", ModuleId(), __LINE__);
+            return;
+        }
+        std::copy_n(list, myQuantity, slots);
+        std::fill(slots + myQuantity, slots + capacity, nullptr);
+    }
+    delete[] list;
+    list = slots;
+    myCapacity = capacity;
+}
+
+void SafeArrayBase::ShrinkToFit()
+{
+    Expand(static_cast<int>(myQuantity - myCapacity));
+}
+
+void SafeArrayBase::reverse()
+{
+    std::reverse(list, list + myQuantity);
+}
+
+void** SafeArrayBase::GetPointers() const
+{
+    if (myQuantity == 0)
+        return nullptr;
+    void** copy = new (std::nothrow) void*[myQuantity];
+    if (copy != nullptr)
+        std::copy_n(list, myQuantity, copy);
+    return copy;
+}
+
+// The C library's functions get the address of the key, so that both arguments of `fptr` are pointers to element
+// pointers. They may not be called with a null array.
+
+void* SafeArrayBase::bsearch(const void* key, int (*fptr)(const void*, const void*)) const
+{
+    ZELOO_REQUIRE(key != NULL, "Misc/SafeArray");
+    ZELOO_REQUIRE(fptr != NULL, "Misc/SafeArray");
+    if (myQuantity == 0)
+        return nullptr;
+    void* place = ::bsearch(&key, list, myQuantity, sizeof(void*), fptr);
+    return place != nullptr ? *static_cast<void**>(place) : nullptr;
+}
+
+void* SafeArrayBase::lfind(const void* key, int (*fptr)(const void*, const void*)) const
+{
+    ZELOO_REQUIRE(key != NULL, "Misc/SafeArray");
+    ZELOO_REQUIRE(fptr != NULL, "Misc/SafeArray");
+    if (myQuantity == 0)
+        return nullptr;
+    size_t quantity = myQuantity;
+    void* place = ::lfind(&key, list, &quantity, sizeof(void*), fptr);
+    return place != nullptr ? *static_cast<void**>(place) : nullptr;
+}
+
+void* SafeArrayBase::search(const void* key, int (*fptr)(const void*, const void*)) const
+{
+    return myQuantity < BinarySearchQuantity ? lfind(key, fptr) : bsearch(key, fptr);
+}
+
+void SafeArrayBase::qsort(int (*fptr)(const void*, const void*))
+{
+    ZELOO_REQUIRE(fptr != NULL, "Misc/SafeArray");
+    if (myQuantity != 0)
+        ::qsort(list, myQuantity, sizeof(void*), fptr);
+}
+
+void SafeArrayBase::printAs(const char* element, std::ostream& os) const
+{
+    os << "SafeArray(" << element << ")***************\n";
+    os << "********** Capacity =" << myCapacity << '\n';
+    os << "********** Quantity =" << myQuantity << '\n';
+    os << "********** This SafeArray is " << (isPurgeable != 0 ? "NOT " : "") << "purgable.\n";
+    for (unsigned i = 0; i < myQuantity; i++) {
+        os << "****SafeArray(" << element << ")[" << i << "] address = " << list[i] << '\n';
+        if (list[i] == nullptr)
+            os << "NULL SafeArray entry\n";
+    }
+}
+
+unsigned SafeArrayBase::Growth(unsigned n)
+{
+    return n == 0 ? FirstCapacity : std::min(n, MaxCapacity);
+}
+
+// ---- SafeArrayIterBase
+
+SafeArrayIterBase::SafeArrayIterBase(const SafeArrayBase& a) : MyArray(a)
+{
+    resetBackward();
+}
+
+SafeArrayIterBase::SafeArrayIterBase(const SafeArrayIterBase& other)
+    : wrapForward(other.wrapForward), wrapBackward(other.wrapBackward), index(other.index),
+      ptr(other.MyArray.at(other.index)), MyArray(other.MyArray)
+{
+}
+
+void SafeArrayIterBase::next()
+{
+    if (wrapBackward) {
+        resetBackward();
+    } else if (!wrapForward) {
+        if (MyArray.Quantity() != 0 && index < MyArray.Quantity() - 1) {
+            ptr = MyArray.at(++index);
+        } else {
+            wrapForward = 1;
+            ptr = nullptr;
+        }
+    }
+}
+
+void SafeArrayIterBase::prev()
+{
+    if (wrapForward) {
+        resetForward();
+    } else if (!wrapBackward) {
+        if (MyArray.Quantity() != 0 && index > 0) {
+            ptr = MyArray.at(--index);
+        } else {
+            wrapBackward = 1;
+            ptr = nullptr;
+        }
+    }
+}
+
+void SafeArrayIterBase::resetBackward()
+{
+    index = 0;
+    ptr = MyArray.at(index);
+    wrapForward = wrapBackward = 0;
+}
+
+void SafeArrayIterBase::resetForward()
+{
+    index = MyArray.Quantity() != 0 ? MyArray.Quantity() - 1 : 0;
+    ptr = MyArray.at(index);
+    wrapForward = wrapBackward = 0;
+}
