@@ -24,7 +24,7 @@ SignalHandler signal(int sig, SignalHandler handler)
     return earlier.sa_handler;
 }
 
-SavedSignal::SavedSignal(int sig_p) : sig(sig_p)
+SavedSignal::SavedSignal(int sig_p) : sig(sig_p), earlier()
 {
     const int savedErrno = errno;
     sigaction(sig, nullptr, &earlier);

@@ -8,12 +8,20 @@ namespace svr4 {
 
 typedef void (*SignalHandler)(int);
 
+/// SIGEMT of System V, or 0 (which is no signal) on a host that has none.
+#ifdef SIGEMT
+constexpr int sigemt = SIGEMT;
+#else
+constexpr int sigemt = 0;
+#endif
+
 /// signal(2) of System V: sets the disposition of `sig` and returns the earlier one (SIG_ERR with `errno` on
 /// failure). A handler is one-shot: the disposition is the default again when it runs, and `sig` itself is not
 /// blocked meanwhile. A call that the signal interrupts fails with EINTR; it is not restarted.
 SignalHandler signal(int sig, SignalHandler handler);
 
-/// Keeps the whole disposition of a signal (flags and mask included) and restores it when it dies.
+/// Keeps the whole disposition of a signal (flags and mask included) and restores it when it dies. `errno` is kept
+/// by both. A `sig` that the host does not have is kept as nothing.
 class SavedSignal {
 public:
     explicit SavedSignal(int sig);

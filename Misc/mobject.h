@@ -1,0 +1,101 @@
+// The registry of live objects that is dumped after a crash, and the process's signal handlers.
+#ifndef MISC_MOBJECT_H
+#define MISC_MOBJECT_H
+
+#include <ostream>
+
+#include "Misc/SafeArray.h"
+
+class MonitoredObjectSafeArray;
+
+/// The base class of every long-lived object whose state matters after a crash. Each object has a serial number, its
+/// tag, and is kept in a registry of the process from its construction to its destruction. The first object to be
+/// constructed creates the registry and installs the process's signal handlers:
+///
+/// - SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGXFSZ and SIGXCPU call SigTermProc for every object, in the order
+///   of their tags, and end the process with exit(0).
+/// - SIGABRT, SIGILL, SIGBUS, SIGSEGV, SIGSYS, SIGEMT, SIGFPE, SIGTRAP and SIGUSR2 append a report to the crash file
+///   "/var/orv/data/NAME.sig", where NAME is the program's name ("mobject" while that is not known): date, signal,
+///   command line, registers, call trace, stack and the dump of every object. A file that has passed 65536 bytes is
+///   first moved to the same name with ".old" behind it. Then SigTermProc is called for every object, SigRestartProc
+///   is called for every object, and the process ends with a core image (SIGABRT). A fault in a dump is skipped. The
+///   same signal a second time ends the process at once; so does a crash within 60 seconds of the last report while
+///   a dump-state file name is set. These handlers run on a stack of their own, so that an overflow of the stack is
+///   reported as well.
+/// - SIGUSR1 writes the dump of every object to the dump-state file, when one is set, and the program goes on.
+///
+/// When the last object dies the registry goes with it; the handlers stay, and the next first object installs them
+/// again. The registry may be used by objects that are constructed before main or destroyed after it. Registry and
+/// handlers are made for a process of one thread.
+class MonitoredObject {
+public:
+    /// Takes the next tag (0 for the first object of the process; a tag is never used twice) and enters the object
+    /// in the registry.
+    MonitoredObject();
+    /// A copy is a new object: it takes the next tag and is registered like any other.
+    MonitoredObject(const MonitoredObject&);
+    /// An object keeps its tag and its place in the registry.
+    MonitoredObject& operator=(const MonitoredObject&) { return *this; }
+    /// Takes the object out of the registry.
+    virtual ~MonitoredObject();
+
+    /// The object's tag.
+    virtual long myObjectTag();
+    /// Writes the object's state for a dump. Called from a signal handler: what it follows may be damaged, and a
+    /// fault in it ends the dump of the objects. The default writes "not avail" and a newline.
+    virtual void dumpOn(std::ostream& os) const;
+    /// Releases what must not outlive the process. Called from a signal handler with the signal that ends the
+    /// process. The default does nothing.
+    virtual void SigTermProc(int sig);
+    /// Prepares a restart of the program after a fault; called when SigTermProc has been called for every object.
+    /// The default does nothing.
+    virtual void SigRestartProc(int sig);
+
+    /// Gives every signal that the library handles its default action again, for a forked process that is not to
+    /// clean up after its parent. The registry stays, and so do the default actions while it does.
+    static void UnMonitor();
+
+    /// Names the file for the dump on SIGUSR1; null clears the name. The name is copied.
+    static void SetDumpStateFileName(const char* name);
+    /// The name of that file, or null; the library's, and valid until the next SetDumpStateFileName.
+    static const char* GetDumpStateFileName() { return DumpStateFileName; }
+
+    /// Writes the tags of the first and the last object, their number, and the dump of every object in the order of
+    /// their tags.
+    static void DumpState(std::ostream& os);
+
+    /// The debug level of the process, 0 at first. Higher levels make parts of the library print what they do.
+    static short debug() { return DebugLevel; }
+    static void SetDebugLevel(short level) { DebugLevel = level; }
+
+private:
+    void Register();
+    static void InstallHandlers();
+    static unsigned IndexBehind(long tag);
+    static void ForEach(void (MonitoredObject::*operation)(int), int sig);
+    static void sigterm(int sig);
+    static void sigusr(int sig);
+    [[noreturn]] static void sigrestart(int sig);
+
+    long ObjectTag;
+
+    static short DebugLevel;
+    static long InstanceCounter;               // the next tag
+    static MonitoredObjectSafeArray* Registry; // in the order of the tags; null while there are no objects
+    static char* DumpStateFileName;            // owned
+};
+
+template <> const char* SafeArray<MonitoredObject>::ElementName();
+extern template class SafeArray<MonitoredObject>;
+
+class MonitoredObjectSafeArray : public SafeArray<MonitoredObject> {
+public:
+    using SafeArray<MonitoredObject>::SafeArray;
+};
+
+class MonitoredObjectSafeArrayIter : public SafeArrayIter<MonitoredObject> {
+public:
+    using SafeArrayIter<MonitoredObject>::SafeArrayIter;
+};
+
+#endif

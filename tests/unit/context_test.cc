@@ -1,0 +1,322 @@
+#include "svr4/context.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include <setjmp.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/testing.h"
+
+using namespace testing_support;
+
+// The faults of these tests are theirs to handle. <sanitizer/...> need not be there for this.
+extern "C" const char* __asan_default_options()
+{
+    return "handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:use_sigaltstack=0";
+}
+
+namespace {
+
+const uintptr_t kPage = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+
+uintptr_t Address(const void* p) { return reinterpret_cast<uintptr_t>(p); }
+
+int SaveNothing(int sig) { return svr4::capture_signal(sig, [](int) {}); }
+
+TEST(MappingOf, TheBoundsOfAMapping)
+{
+    char* memory = static_cast<char*>(mmap(nullptr, 5 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(memory, MAP_FAILED);
+    ASSERT_EQ(mprotect(memory + kPage, 3 * kPage, PROT_READ | PROT_WRITE), 0);
+    const uintptr_t first = Address(memory) + kPage;
+    const uintptr_t behind = first + 3 * kPage;
+    for (const uintptr_t address : {first, first + 1, first + kPage, behind - 1}) {
+        uintptr_t low = 0, high = 0;
+        EXPECT_EQ(svr4::mapping_of(address, &low, &high), 0);
+        EXPECT_EQ(low, first);
+        EXPECT_EQ(high, behind);
+    }
+    for (const uintptr_t address : {first - 1, behind}) {
+        uintptr_t low = 1, high = 2;
+        EXPECT_EQ(svr4::mapping_of(address, &low, &high), -1) << "mapped, but not readable";
+        EXPECT_EQ(low, 1u);
+        EXPECT_EQ(high, 2u);
+    }
+    munmap(memory, 5 * kPage);
+    uintptr_t low, high;
+    EXPECT_EQ(svr4::mapping_of(first, &low, &high), -1);
+}
+
+TEST(MappingOf, TheStackAndWhatIsNoMemory)
+{
+    int local = 0;
+    uintptr_t low, high;
+    ASSERT_EQ(svr4::mapping_of(Address(&local), &low, &high), 0);
+    EXPECT_LE(low, Address(&local));
+    EXPECT_GT(high, Address(&local));
+    EXPECT_EQ(low % kPage, 0u);
+    EXPECT_EQ(high % kPage, 0u);
+    ASSERT_EQ(svr4::mapping_of(reinterpret_cast<uintptr_t>(&SaveNothing), &low, &high), 0) << "code can be read";
+    EXPECT_EQ(svr4::mapping_of(0, &low, &high), -1);
+    EXPECT_EQ(svr4::mapping_of(UINTPTR_MAX, &low, &high), -1);
+}
+
+TEST(MappingOf, FindsTheLastOfManyMappings)
+{
+    // Neighbours of different protection are not merged: the list is much longer than one read of it.
+    char* memory = static_cast<char*>(mmap(nullptr, 2000 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(memory, MAP_FAILED);
+    for (int i = 0; i < 2000; i += 2)
+        ASSERT_EQ(mprotect(memory + i * kPage, kPage, PROT_READ), 0);
+    for (int i = 0; i < 2000; i++) {
+        const uintptr_t page = Address(memory) + i * kPage;
+        uintptr_t low = 0, high = 0;
+        if (i % 100 > 1)
+            continue;
+        ASSERT_EQ(svr4::mapping_of(page + 17, &low, &high), i % 2 == 0 ? 0 : -1) << i;
+        if (i % 2 == 0 && i != 0) {
+            EXPECT_EQ(low, page);
+            EXPECT_EQ(high, page + kPage);
+        }
+    }
+    munmap(memory, 2000 * kPage);
+}
+
+TEST(MappingOf, KeepsErrnoAndLeavesNoDescriptor)
+{
+    const int before = OpenDescriptors();
+    uintptr_t low, high;
+    errno = EXDEV;
+    svr4::mapping_of(Address(&low), &low, &high);
+    EXPECT_EQ(errno, EXDEV);
+    svr4::mapping_of(0, &low, &high);
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST(MappingOf, FailsWithoutADescriptor)
+{
+    EXPECT_EQ(RunInChild([] {
+                  const struct rlimit none = {0, 0};
+                  setrlimit(RLIMIT_NOFILE, &none);
+                  uintptr_t low, high;
+                  errno = EXDEV;
+                  const int result = svr4::mapping_of(Address(&low), &low, &high);
+                  _exit(result == -1 && errno == EXDEV ? 7 : 1);
+              }).exitCode,
+              7);
+}
+
+TEST(CopyMemory, CopiesOtherFrames)
+{
+    char text[] = "0123456789";
+    char copy[sizeof text] = {};
+    svr4::copy_memory(Address(text) + 2, copy, 4);
+    EXPECT_STREQ(copy, "2345");
+    svr4::copy_memory(Address(text), copy, 0);
+    EXPECT_STREQ(copy, "2345");
+    // Everything above this frame, whatever lies between the objects there.
+    uintptr_t low, high;
+    ASSERT_EQ(svr4::mapping_of(Address(text), &low, &high), 0);
+    const size_t length = std::min<size_t>(high - Address(text), 65536);
+    std::vector<char> all(length);
+    svr4::copy_memory(Address(text), all.data(), length);
+    EXPECT_EQ(memcmp(all.data(), text, sizeof text), 0);
+}
+
+TEST(AlternateStack, IsLargeAndGuarded)
+{
+    const ChildResult result = RunInChild([] {
+        stack_t before;
+        sigaltstack(nullptr, &before);
+        if ((before.ss_flags & SS_DISABLE) == 0)
+            _exit(1);
+        if (svr4::use_alternate_stack() != 0)
+            _exit(2);
+        stack_t now;
+        sigaltstack(nullptr, &now);
+        if ((now.ss_flags & SS_DISABLE) != 0 || now.ss_size < 256 * 1024)
+            _exit(3);
+        uintptr_t low, high;
+        if (svr4::mapping_of(Address(now.ss_sp), &low, &high) != 0 || low != Address(now.ss_sp)
+            || high != low + now.ss_size)
+            _exit(4);
+        if (svr4::mapping_of(low - 1, &low, &high) != -1)
+            _exit(5);
+        // Again: the same memory; and back in its place when another stack was put there.
+        if (svr4::use_alternate_stack() != 0)
+            _exit(6);
+        static char mine[65536];
+        stack_t other = {};
+        other.ss_sp = mine;
+        other.ss_size = sizeof mine;
+        sigaltstack(&other, nullptr);
+        if (svr4::use_alternate_stack() != 0)
+            _exit(7);
+        stack_t after;
+        sigaltstack(nullptr, &after);
+        _exit(after.ss_sp == now.ss_sp && after.ss_size == now.ss_size ? 0 : 8);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+volatile sig_atomic_t handled = 0;
+
+TEST(CaptureSignal, RefusesWhatIsNoSignal)
+{
+    for (const int sig : {-1, 0, NSIG, SIGKILL}) {
+        errno = 0;
+        EXPECT_EQ(SaveNothing(sig), -1) << sig;
+        EXPECT_EQ(errno, EINVAL) << sig;
+    }
+}
+
+TEST(CaptureSignal, TheHandlerMayReturn)
+{
+    const ChildResult result = RunInChild([] {
+        svr4::UserRegisters registers;
+        memset(&registers, 0xff, sizeof registers);
+        if (svr4::signalled_registers(&registers) != -1 || registers.eip != 0 || registers.ss != 0)
+            _exit(1);
+        svr4::use_alternate_stack();
+        stack_t before, after;
+        sigaltstack(nullptr, &before);
+        svr4::capture_signal(SIGUSR2, [](int sig) {
+            sigset_t mask;
+            sigprocmask(SIG_BLOCK, nullptr, &mask);
+            for (int other = 1; other < NSIG; other++)
+                if (sigismember(&mask, other) != (other == sig ? 1 : 0))
+                    _exit(2);
+            stack_t now;
+            sigaltstack(nullptr, &now);
+            if (svr4::use_alternate_stack() != 0)
+                _exit(3);
+            handled = handled + sig;
+            errno = EXDEV;
+        });
+        for (int i = 1; i <= 2; i++) {
+            errno = EAGAIN;
+            raise(SIGUSR2);
+            if (errno != EAGAIN || handled != i * SIGUSR2)
+                _exit(4);
+            sigaltstack(nullptr, &after);
+            if (after.ss_sp != before.ss_sp || (after.ss_flags & SS_DISABLE) != 0)
+                _exit(5);
+        }
+        _exit(svr4::signalled_registers(&registers) == 0 && registers.eip != 0 ? 0 : 6);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+sigjmp_buf back;
+
+// An overflow of the stack by real recursion, through a pointer that the compiler cannot see through. Frames that a
+// jump leaves behind must not stay marked for AddressSanitizer.
+__attribute__((no_sanitize("address"))) int Overflow(int n);
+int (*volatile again)(int) = Overflow;
+
+int Overflow(int n)
+{
+    volatile char block[4096];
+    block[n % 4096] = static_cast<char>(n);
+    return again(n + 1) + block[n % 4096];
+}
+
+void SmallStack()
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_STACK, &limit);
+    limit.rlim_cur = 1024 * 1024;
+    setrlimit(RLIMIT_STACK, &limit);
+}
+
+TEST(CaptureSignal, AnOverflowOfTheStackIsHandled)
+{
+    const ChildResult result = RunInChild([] {
+        SmallStack();
+        svr4::use_alternate_stack();
+        svr4::capture_signal(SIGSEGV, [](int) {
+            svr4::UserRegisters registers;
+            svr4::signalled_registers(&registers);
+            uintptr_t low, high, own;
+            if (svr4::mapping_of(static_cast<uintptr_t>(registers.ebp), &low, &high) != 0)
+                _exit(1);
+            const uintptr_t here = Address(__builtin_frame_address(0));
+            if (here >= low && here < high)
+                _exit(2);
+            if (svr4::mapping_of(here, &own, &high) != 0 || high - own < 256 * 1024)
+                _exit(3);
+            _exit(0);
+        });
+        Overflow(1);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST(CaptureSignal, AnOverflowOfTheAlternateStackIsHandledOnTheReserveStack)
+{
+    const ChildResult result = RunInChild([] {
+        SmallStack();
+        svr4::use_alternate_stack();
+        svr4::capture_signal(SIGSEGV, [](int) {
+            struct sigaction action = {};
+            action.sa_flags = SA_ONSTACK;
+            sigemptyset(&action.sa_mask);
+            action.sa_handler = [](int) { siglongjmp(back, 1); };
+            sigaction(SIGSEGV, &action, nullptr);
+            sigset_t own;
+            sigemptyset(&own);
+            sigaddset(&own, SIGSEGV);
+            sigprocmask(SIG_UNBLOCK, &own, nullptr);
+            for (volatile int i = 0; i < 3; i = i + 1)
+                if (sigsetjmp(back, 1) == 0)
+                    Overflow(1);
+            _exit(5);
+        });
+        Overflow(1);
+    });
+    EXPECT_EQ(result.exitCode, 5) << result.err;
+}
+
+#if defined(__x86_64__)
+
+TEST(SignalledRegisters, HoldWhatTheRegistersHeld)
+{
+    const ChildResult result = RunInChild([] {
+        svr4::use_alternate_stack();
+        svr4::capture_signal(SIGILL, [](int) {
+            svr4::UserRegisters r;
+            if (svr4::signalled_registers(&r) != 0)
+                _exit(1);
+            if (r.eax != 0x1111222233334444 || r.ebx != 2 || r.ecx != 3 || r.edx != 4 || r.esi != 5 || r.edi != 6)
+                _exit(2);
+            if (r.trapno != 6 || r.err != 0)
+                _exit(3);
+            if (*reinterpret_cast<const unsigned short*>(r.eip) != 0x0b0f) // the illegal instruction itself
+                _exit(4);
+            if (r.uesp != r.esp || r.uesp == 0 || r.ebp != r.esp)
+                _exit(5);
+            unsigned short cs, ss;
+            asm("mov %%cs, %0" : "=r"(cs));
+            asm("mov %%ss, %0" : "=r"(ss));
+            if (r.cs != cs || r.ss != ss || r.efl == 0)
+                _exit(6);
+            _exit(0);
+        });
+        asm volatile("movabs $0x1111222233334444, %%rax\n\tmov $2, %%ebx\n\tmov $3, %%ecx\n\tmov $4, %%edx\n\t"
+                     "mov $5, %%esi\n\tmov $6, %%edi\n\tmov %%rsp, %%rbp\n\tud2" ::
+                         : "rax", "rbx", "rcx", "rdx", "rsi", "rdi", "memory");
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+#endif
+
+} // namespace

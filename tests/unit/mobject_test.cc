@@ -1,0 +1,1345 @@
+#include "Misc/mobject.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <regex.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <gtest/gtest.h>
+
+#include "Misc/mobject_dump.h"
+#include "Misc/proginfo.h"
+#include "tests/support/testing.h"
+
+using namespace testing_support;
+
+// The faults of these tests are the library's to handle, not a sanitizer's.
+extern "C" const char* __asan_default_options()
+{
+    return "handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:use_sigaltstack=0:"
+           "detect_stack_use_after_return=0";
+}
+
+// The tests commit what the undefined-behaviour checker would stop.
+#if defined(__clang__)
+#define UNCHECKED __attribute__((noinline, no_sanitize("undefined", "address")))
+#else
+#define UNCHECKED __attribute__((noinline, no_sanitize("undefined"), no_sanitize("address")))
+#endif
+
+namespace {
+
+const std::string kDirectory = "/var/orv/data";
+
+// --- Objects -------------------------------------------------------------------------------------------------
+
+// An object whose operations are given as functions, for one test each.
+class Probe : public MonitoredObject {
+public:
+    explicit Probe(const std::string& name_p) : name(name_p) {}
+    void dumpOn(std::ostream& os) const override
+    {
+        if (onDump)
+            onDump(os);
+        else
+            os << "probe " << name << "\n";
+    }
+    void SigTermProc(int sig) override
+    {
+        if (onTerm)
+            onTerm(sig);
+        else if (talks)
+            std::cerr << "SigTermProc(" << sig << ") of " << name << "\n";
+    }
+    void SigRestartProc(int sig) override
+    {
+        if (onRestart)
+            onRestart(sig);
+        else if (talks)
+            std::cerr << "SigRestartProc(" << sig << ") of " << name << "\n";
+    }
+
+    std::string name;
+    bool talks = true;
+    std::function<void(std::ostream&)> onDump;
+    std::function<void(int)> onTerm;
+    std::function<void(int)> onRestart;
+};
+
+std::string DumpedState()
+{
+    std::ostringstream os;
+    MonitoredObject::DumpState(os);
+    return os.str();
+}
+
+std::string ObjectDump(long tag, const std::string& text)
+{
+    const std::string number = std::to_string(tag);
+    return "\n\n*** Begin dump of object tag: " + number + "\n" + text + "\n*** End dump of object tag:   " + number
+        + "\n";
+}
+
+std::string StateDump(long first, long last, long resident, const std::string& objects)
+{
+    return "Monitored Objects: \nFirst tag: " + std::to_string(first) + "\nLast tag:  " + std::to_string(last)
+        + "\nTotal still resident: " + std::to_string(resident) + "\n*** Dump of all Monitored Objects ***\n" + objects
+        + "*** End Dump of all Monitored Objects ***\n";
+}
+
+// Objects constructed before main and destroyed after it, on demand: see StaticObjects.
+struct StaticObject {
+    StaticObject()
+    {
+        if (getenv("ZELOO_TEST_STATIC_OBJECT") != nullptr)
+            object = std::make_unique<MonitoredObject>();
+    }
+    ~StaticObject()
+    {
+        if (object == nullptr)
+            return;
+        object.reset();
+        std::cout << DumpedState();
+    }
+    std::unique_ptr<MonitoredObject> object;
+};
+StaticObject first;
+StaticObject second;
+
+// --- Crashes ---------------------------------------------------------------------------------------------------
+
+// Lets the process be the program `name` with two arguments.
+void BecomeProgram(const std::string& name)
+{
+    static std::string full;
+    static char one[] = "-d";
+    static char two[] = "two words";
+    static char* argv[] = {nullptr, one, two, nullptr};
+    static char* envp[] = {nullptr};
+    full = "/opt/orv/bin/" + name;
+    argv[0] = &full[0];
+    ProgInfo::Initialize(3, argv, envp, "1.0");
+}
+
+std::string CrashFile(const std::string& name) { return kDirectory + "/" + name + ".sig"; }
+
+struct Crash {
+    ChildResult child;
+    std::string report; // the crash file, dates as DATE
+    std::string err;    // standard error, dates as DATE
+};
+
+// An extended regular expression.
+class Pattern {
+public:
+    explicit Pattern(const std::string& text) { regcomp(&compiled, text.c_str(), REG_EXTENDED); }
+    ~Pattern() { regfree(&compiled); }
+    Pattern(const Pattern&) = delete;
+    Pattern& operator=(const Pattern&) = delete;
+
+    // The match in `text` (element 0) and its groups; empty when there is none.
+    std::vector<std::string> Match(const std::string& text) const
+    {
+        regmatch_t found[4];
+        std::vector<std::string> groups;
+        if (regexec(&compiled, text.c_str(), 4, found, 0) != 0)
+            return groups;
+        for (const regmatch_t& f : found)
+            if (f.rm_so >= 0)
+                groups.push_back(text.substr(f.rm_so, f.rm_eo - f.rm_so));
+        return groups;
+    }
+
+private:
+    regex_t compiled;
+};
+
+std::string WithoutDates(const std::string& text)
+{
+    static const Pattern date("^[0-9]{2}/[0-9]{2}/[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}");
+    const size_t length = sizeof "mm/dd/yyyy hh:mm:ss" - 1;
+    std::string result;
+    for (size_t i = 0; i < text.size();) {
+        if (isdigit(static_cast<unsigned char>(text[i])) && !date.Match(text.substr(i, length)).empty()) {
+            result += "DATE";
+            i += length;
+        } else {
+            result += text[i++];
+        }
+    }
+    return result;
+}
+
+// Standard error without what AddressSanitizer says about stacks that it does not know.
+std::string WithoutSanitizer(const std::string& text)
+{
+    std::string kept;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        if (line.compare(0, 2, "==") != 0 && line.find("False positive error reports") == std::string::npos
+            && line.find("For details see https://github.com/google/sanitizers") == std::string::npos)
+            kept += line + "\n";
+    return kept;
+}
+
+Crash CrashAs(const std::string& name, const std::function<void()>& body)
+{
+    Crash crash;
+    crash.child = RunInChild([&] {
+        BecomeProgram(name);
+        body();
+    });
+    struct stat status;
+    if (stat(CrashFile(name).c_str(), &status) == 0 && S_ISREG(status.st_mode))
+        crash.report = WithoutDates(ReadFile(CrashFile(name)));
+    crash.err = WithoutDates(WithoutSanitizer(crash.child.err));
+    return crash;
+}
+
+// What every capture that goes well says on standard error.
+std::string CaptureMessages(const std::string& name, int sig)
+{
+    return "\n\nError: DATE. SIGNAL " + std::to_string(sig)
+        + " detected....\nCall trace and dump of monitored objects in " + CrashFile(name) + "\n";
+}
+
+std::string Skipped(int sig)
+{
+    return "\n\nSignal " + std::to_string(sig) + " detected processing state caputre. siglongjmp out..\n\n";
+}
+
+// The parts of one report of a crash file.
+struct Report {
+    std::string heading;                                        // up to the registers
+    std::vector<std::pair<std::string, unsigned long>> registers;
+    std::vector<std::pair<unsigned long, unsigned long>> frames; // bp and ip
+    unsigned long stackStart = 0, stackSize = 0;
+    unsigned long rowBytes = 0; // what the rows and the counts of equal rows stand for
+    std::string objects;        // the rest
+    std::string problem;        // the first line that is not as it should be
+
+    unsigned long Register(const std::string& name) const
+    {
+        for (const auto& r : registers)
+            if (r.first == name)
+                return r.second;
+        return 0;
+    }
+};
+
+unsigned long Hex(const std::string& text) { return std::stoul(text, nullptr, 16); }
+
+class Lines {
+public:
+    explicit Lines(const std::string& text_p) : text(text_p) {}
+    std::string Peek() const
+    {
+        const size_t end = text.find('\n', at);
+        return end == std::string::npos ? text.substr(at) : text.substr(at, end - at);
+    }
+    void Skip() { at = std::min(text.size(), at + Peek().size() + 1); }
+    // Takes a line that matches; what the groups of the pattern matched goes into `groups`, from element 1 on.
+    bool Take(const std::string& pattern, std::vector<std::string>* groups)
+    {
+        if (at >= text.size())
+            return false;
+        *groups = Pattern("^" + pattern + "$").Match(Peek());
+        if (groups->empty())
+            return false;
+        Skip();
+        return true;
+    }
+    std::string Rest() const { return text.substr(at); }
+
+private:
+    std::string text;
+    size_t at = 0;
+};
+
+void ParseRows(Lines& lines, Report* report)
+{
+    std::vector<std::string> match;
+    unsigned long address = report->stackStart;
+    const unsigned long end = report->stackStart + report->stackSize;
+    while (lines.Peek() != "") {
+        const std::string line = lines.Peek();
+        if (lines.Take("\t dup ([0-9]+) line\\(s\\)", &match)) {
+            address += 16 * std::stoul(match[1]);
+        } else if (lines.Take("([0-9a-f]+):( [0-9a-f]{8}){4} \\[[ -~]{16}\\]", &match)) {
+            if (Hex(match[1]) != address)
+                report->problem = "address: " + line;
+            if (address < end)
+                address += 16;
+        } else {
+            report->problem = "row: " + line;
+            return;
+        }
+    }
+    report->rowBytes = address - report->stackStart;
+}
+
+Report Parse(const std::string& text)
+{
+    Report report;
+    Lines lines(text);
+    std::vector<std::string> match;
+    while (lines.Peek().compare(0, 6, "u_ar0[") != 0 && !lines.Rest().empty()) {
+        report.heading += lines.Peek() + "\n";
+        lines.Skip();
+    }
+    while (lines.Take("u_ar0\\[([A-Z]+)\\]=([0-9a-f]{8,})", &match))
+        report.registers.emplace_back(match[1], Hex(match[2]));
+    if (!lines.Take("Dynamic link:\tReturn Address:", &match)) {
+        report.problem = lines.Peek();
+        return report;
+    }
+    while (lines.Take("bp=([0-9a-f]{8,})\tip=([0-9a-f]{8,})", &match))
+        report.frames.emplace_back(Hex(match[1]), Hex(match[2]));
+    const bool hasEmptyLine = lines.Peek().empty();
+    lines.Skip();
+    if (!hasEmptyLine || !lines.Take("Stack: 0x([0-9a-f]+) -- \\[size ([0-9]+)\\[0x([0-9a-f]+)\\] bytes\\]", &match)) {
+        report.problem = lines.Peek();
+        return report;
+    }
+    report.stackStart = Hex(match[1]);
+    report.stackSize = std::stoul(match[2]);
+    if (report.stackSize != Hex(match[3]))
+        report.problem = "size: " + match[0];
+    ParseRows(lines, &report);
+    lines.Skip();
+    report.objects = lines.Rest();
+    return report;
+}
+
+std::string Heading(const std::string& name, int sig)
+{
+    return "\nDATE. SIGNAL " + std::to_string(sig) + " detected. ProgInfo=/opt/orv/bin/" + name
+        + " -d two words \n\n......initiating dump...\n\n";
+}
+
+const std::vector<std::string> kLabels = {"SS",  "UESP", "EFL", "CS",  "EIP", "ERR", "TRAPNO", "EAX", "ECX", "EDX",
+                                          "EBX", "ESP",  "EBP", "ESI", "EDI", "DS",  "ES",     "FS",  "GS"};
+
+// Checks one whole report but for the object dump, which it returns.
+std::string CheckReport(const std::string& text, const std::string& name, int sig)
+{
+    const Report report = Parse(text);
+    EXPECT_EQ(report.problem, "");
+    EXPECT_EQ(report.heading, Heading(name, sig));
+    std::vector<std::string> labels;
+    for (const auto& r : report.registers)
+        labels.push_back(r.first);
+    EXPECT_EQ(labels, kLabels);
+    EXPECT_NE(report.Register("EIP"), 0u);
+    EXPECT_EQ(report.Register("ESP"), report.Register("UESP"));
+    unsigned long below = report.Register("UESP") - 1;
+    for (const auto& frame : report.frames) {
+        EXPECT_GT(frame.first, below);
+        below = frame.first;
+    }
+    if (!report.frames.empty()) {
+        EXPECT_EQ(report.frames[0].first, report.Register("EBP"));
+    }
+    EXPECT_EQ(report.rowBytes, report.stackSize);
+    return report.objects;
+}
+
+int* volatile nowhere = nullptr; // not for the compiler to see
+
+UNCHECKED void WriteToNull() { *nowhere = 1; }
+
+UNCHECKED void WriteBehindAFile()
+{
+    const int fd = open((kDirectory + "/empty").c_str(), O_RDWR | O_CREAT, 0600);
+    unlink((kDirectory + "/empty").c_str());
+    volatile char* memory = static_cast<char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    memory[0] = 1;
+}
+
+volatile int dividend = 7, zero = 0, quotient;
+
+UNCHECKED void DivideByZero() { quotient = dividend / zero; }
+
+UNCHECKED int Overflow(int n);
+int (*volatile overflowAgain)(int) = Overflow;
+int Overflow(int n)
+{
+    volatile char block[4096];
+    block[n % 4096] = static_cast<char>(n);
+    return overflowAgain(n + 1) + block[n % 4096];
+}
+
+void SmallStack()
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_STACK, &limit);
+    limit.rlim_cur = 1024 * 1024;
+    setrlimit(RLIMIT_STACK, &limit);
+}
+
+struct Fault {
+    const char* name;
+    int sig;
+    void (*commit)();
+    bool aboveFrames; // the frame pointer at the fault is that of a function compiled with frame pointers
+};
+
+void PrintTo(const Fault& fault, std::ostream* os) { *os << fault.name; }
+
+const Fault kFaults[] = {
+    {"segv", SIGSEGV, WriteToNull, true},
+    {"bus", SIGBUS, WriteBehindAFile, true},
+#if defined(__x86_64__)
+    {"fpe", SIGFPE, DivideByZero, true},
+    {"ill", SIGILL, [] { asm volatile("ud2"); }, true},
+    {"trap", SIGTRAP, [] { asm volatile("int3"); }, true},
+#endif
+    {"abrt", SIGABRT, [] { abort(); }, false},
+    {"sys", SIGSYS, [] { kill(getpid(), SIGSYS); }, false},
+    {"usr2", SIGUSR2, [] { kill(getpid(), SIGUSR2); }, false},
+    {"killed", SIGSEGV, [] { kill(getpid(), SIGSEGV); }, false},
+};
+
+// --- The registry ------------------------------------------------------------------------------------------------
+
+void Expect(bool condition, int code)
+{
+    if (!condition)
+        _exit(code);
+}
+
+TEST(MonitoredObject, TagsGrowFromZeroAndTheDumpNamesTheResidents)
+{
+    const ChildResult result = RunInChild([] {
+        std::cout << DumpedState();
+        auto one = std::make_unique<MonitoredObject>();
+        auto two = std::make_unique<Probe>("two");
+        auto three = std::make_unique<Probe>("three");
+        Expect(one->myObjectTag() == 0 && two->myObjectTag() == 1 && three->myObjectTag() == 2, 1);
+        std::cout << DumpedState();
+        two.reset();
+        std::cout << DumpedState();
+        one.reset();
+        three.reset();
+        std::cout << DumpedState();
+        MonitoredObject next;
+        Expect(next.myObjectTag() == 3, 2);
+        std::cout << DumpedState();
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "");
+    const std::string none = "Monitored Objects: \nNo objects currently being monitored...\n";
+    const std::string one = ObjectDump(0, "not avail\n"), two = ObjectDump(1, "probe two\n"),
+                      three = ObjectDump(2, "probe three\n");
+    EXPECT_EQ(result.out,
+              none + StateDump(0, 2, 3, one + two + three) + StateDump(0, 2, 2, one + three) + none
+                  + StateDump(3, 3, 1, ObjectDump(3, "not avail\n")));
+}
+
+TEST(MonitoredObject, ACopyIsANewObjectAndAnAssignmentIsNot)
+{
+    const ChildResult result = RunInChild([] {
+        MonitoredObject original;
+        MonitoredObject copy(original);
+        Expect(original.myObjectTag() == 0 && copy.myObjectTag() == 1, 1);
+        copy = original;
+        const MonitoredObject& same = original;
+        original = same;
+        Expect(original.myObjectTag() == 0 && copy.myObjectTag() == 1, 2);
+        std::cout << DumpedState();
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, StateDump(0, 1, 2, ObjectDump(0, "not avail\n") + ObjectDump(1, "not avail\n")));
+}
+
+TEST(MonitoredObject, StaticObjects)
+{
+    const ChildResult result = RunInChild([] {
+        setenv("ZELOO_TEST_STATIC_OBJECT", "1", 1);
+        execl("/proc/self/exe", "mobject_test", "--gtest_filter=None", "--gtest_brief=1", nullptr);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    const size_t dump = result.out.find("Monitored Objects:");
+    ASSERT_NE(dump, std::string::npos) << result.out;
+    EXPECT_EQ(result.out.substr(dump),
+              StateDump(0, 0, 1, ObjectDump(0, "not avail\n"))
+                  + "Monitored Objects: \nNo objects currently being monitored...\n");
+}
+
+TEST(MonitoredObject, TheArrayRefersAndPrintsItsName)
+{
+    const ChildResult result = RunInChild([] {
+        MonitoredObjectSafeArray array;
+        array.SetPurgeMode(1);
+        array.print(std::cout);
+    });
+    EXPECT_EQ(result.out,
+              "SafeArray(MonitoredObject)***************\n********** Capacity =0\n********** Quantity =0\n"
+              "********** This SafeArray is NOT purgable.\n");
+}
+
+TEST(MonitoredObject, ManyObjects)
+{
+    const ChildResult result = RunInChild([] {
+        std::vector<std::unique_ptr<MonitoredObject>> objects;
+        for (int i = 0; i < 1000; i++)
+            objects.push_back(std::make_unique<MonitoredObject>());
+        for (int i = 0; i < 1000; i += 2)
+            objects[i].reset();
+        std::string expected;
+        for (int i = 1; i < 1000; i += 2)
+            expected += ObjectDump(i, "not avail\n");
+        Expect(DumpedState() == StateDump(1, 999, 500, expected), 1);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST(MonitoredObject, DebugLevel)
+{
+    EXPECT_EQ(MonitoredObject::debug(), 0);
+    MonitoredObject::SetDebugLevel(5);
+    EXPECT_EQ(MonitoredObject::debug(), 5);
+    MonitoredObject::SetDebugLevel(-1);
+    EXPECT_EQ(MonitoredObject::debug(), -1);
+    MonitoredObject::SetDebugLevel(0);
+}
+
+TEST(MonitoredObject, TheDumpStateFileNameIsACopy)
+{
+    EXPECT_EQ(MonitoredObject::GetDumpStateFileName(), nullptr);
+    char name[] = "/tmp/one";
+    MonitoredObject::SetDumpStateFileName(name);
+    name[5] = 'X';
+    EXPECT_STREQ(MonitoredObject::GetDumpStateFileName(), "/tmp/one");
+    MonitoredObject::SetDumpStateFileName(MonitoredObject::GetDumpStateFileName());
+    EXPECT_STREQ(MonitoredObject::GetDumpStateFileName(), "/tmp/one");
+    MonitoredObject::SetDumpStateFileName("");
+    EXPECT_STREQ(MonitoredObject::GetDumpStateFileName(), "");
+    MonitoredObject::SetDumpStateFileName(nullptr);
+    EXPECT_EQ(MonitoredObject::GetDumpStateFileName(), nullptr);
+}
+
+// --- Handlers ----------------------------------------------------------------------------------------------------
+
+const int kHandled[] = {SIGTERM, SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE, SIGXFSZ, SIGXCPU, SIGABRT,
+                        SIGILL,  SIGBUS,  SIGSEGV, SIGSYS,  SIGFPE,  SIGTRAP, SIGUSR2, SIGUSR1};
+
+// The signals with a handler.
+std::vector<int> Handled()
+{
+    std::vector<int> signals;
+    for (int sig = 1; sig < 32; sig++) {
+        struct sigaction action;
+        sigaction(sig, nullptr, &action);
+        if (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN)
+            signals.push_back(sig);
+    }
+    return signals;
+}
+
+TEST(Handlers, AreInstalledByTheFirstObjectAndStay)
+{
+    const ChildResult result = RunInChild([] {
+        std::vector<int> expected(std::begin(kHandled), std::end(kHandled));
+#ifdef SIGEMT
+        expected.push_back(SIGEMT);
+#endif
+        std::sort(expected.begin(), expected.end());
+        Expect(Handled().empty(), 1);
+        auto one = std::make_unique<MonitoredObject>();
+        Expect(Handled() == expected, 2);
+        signal(SIGTERM, SIG_DFL);
+        auto two = std::make_unique<MonitoredObject>();
+        Expect(Handled() != expected, 3); // only the first object installs
+        one.reset();
+        two.reset();
+        signal(SIGTERM, SIG_IGN);
+        one = std::make_unique<MonitoredObject>(); // the registry is made anew
+        Expect(Handled() == expected, 4);
+        one.reset();
+        Expect(Handled() == expected, 5); // and the handlers stay
+
+        one = std::make_unique<MonitoredObject>();
+        MonitoredObject::UnMonitor();
+        Expect(Handled().empty(), 6);
+        std::cout << DumpedState(); // the registry stays
+        two = std::make_unique<MonitoredObject>();
+        Expect(Handled().empty(), 7);
+        std::cout.flush();
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(result.exitCode, -1);
+    EXPECT_EQ(result.signal, SIGTERM);
+    EXPECT_EQ(result.out, StateDump(3, 3, 1, ObjectDump(3, "not avail\n")));
+}
+
+TEST(Handlers, ConstructionAndDestructionKeepTheSignalMask)
+{
+    const ChildResult result = RunInChild([] {
+        sigset_t mask, now;
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGHUP);
+        sigprocmask(SIG_SETMASK, &mask, nullptr);
+        for (int i = 0; i < 2; i++) {
+            MonitoredObject object;
+            sigprocmask(SIG_BLOCK, nullptr, &now);
+            Expect(sigismember(&now, SIGHUP) == 1 && sigismember(&now, SIGTERM) == 0, 1);
+        }
+        sigprocmask(SIG_BLOCK, nullptr, &now);
+        Expect(sigismember(&now, SIGHUP) == 1 && sigismember(&now, SIGTERM) == 0, 2);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+class Terminate : public testing::TestWithParam<int> {};
+
+TEST_P(Terminate, CallsEveryObjectInOrderAndExitsWithZero)
+{
+    const int sig = GetParam();
+    const ChildResult result = RunInChild([sig] {
+        atexit([] { std::cerr << "exit\n"; });
+        MonitoredObject plain;
+        Probe one("one"), two("two"), three("three");
+        two.onTerm = [&](int number) {
+            std::cerr << "two " << number << "\n";
+            sigset_t mask;
+            sigprocmask(SIG_BLOCK, nullptr, &mask);
+            for (int other = 1; other < 32; other++)
+                if (other != SIGKILL && other != SIGSTOP)
+                    Expect(sigismember(&mask, other) == 1, 3);
+        };
+        kill(getpid(), sig);
+        _exit(4);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    const std::string number = std::to_string(sig);
+    EXPECT_EQ(result.err,
+              "SigTermProc(" + number + ") of one\ntwo " + number + "\nSigTermProc(" + number + ") of three\nexit\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, Terminate,
+                         testing::Values(SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGXFSZ, SIGXCPU));
+
+TEST(Terminate, ObjectsMayComeAndGoMeanwhile)
+{
+    const ChildResult result = RunInChild([] {
+        auto one = std::make_unique<Probe>("one"), two = std::make_unique<Probe>("two"),
+             three = std::make_unique<Probe>("three"), four = std::make_unique<Probe>("four");
+        std::unique_ptr<Probe> late;
+        two->onTerm = [&](int) {
+            std::cerr << "two\n";
+            one.reset();
+            three.reset();
+            late = std::make_unique<Probe>("late");
+        };
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    const std::string number = std::to_string(SIGTERM);
+    EXPECT_EQ(result.err, "SigTermProc(" + number + ") of one\ntwo\nSigTermProc(" + number + ") of four\n");
+}
+
+TEST(DumpAndContinue, WithoutAFileNameWritesNothing)
+{
+    const ChildResult result = RunInChild([] {
+        Probe object("object");
+        raise(SIGUSR1);
+        raise(SIGUSR1);
+        MonitoredObject::SetDumpStateFileName("/nonexistent/file");
+        raise(SIGUSR1);
+        raise(SIGUSR1);
+        std::cout << "going on\n";
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, "going on\n");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST(DumpAndContinue, ReplacesTheFile)
+{
+    TemporaryDirectory directory;
+    const std::string name = directory.File("state");
+    WriteFile(name, std::string(100000, 'x'));
+    const std::string start = "SIGNAL " + std::to_string(SIGUSR1) + " caught...initiating dump...\n";
+    const ChildResult result = RunInChild([&] {
+        const int descriptors = OpenDescriptors();
+        Probe one("one");
+        one.onDump = [](std::ostream& os) {
+            sigset_t mask;
+            sigprocmask(SIG_BLOCK, nullptr, &mask);
+            os << "blocked: " << sigismember(&mask, SIGTERM) << sigismember(&mask, SIGUSR1) << "\n";
+        };
+        MonitoredObject::SetDumpStateFileName(name.c_str());
+        errno = EXDEV;
+        raise(SIGUSR1);
+        Expect(errno == EXDEV, 1);
+        Expect(ReadFile(name) == start + StateDump(0, 0, 1, ObjectDump(0, "blocked: 11\n")), 2);
+        sigset_t mask;
+        sigprocmask(SIG_BLOCK, nullptr, &mask);
+        Expect(sigismember(&mask, SIGTERM) == 0 && sigismember(&mask, SIGUSR1) == 0, 3);
+        one.onDump = [](std::ostream& os) { os << "again\n"; };
+        raise(SIGUSR1);
+        Expect(ReadFile(name) == start + StateDump(0, 0, 1, ObjectDump(0, "again\n")), 4);
+        one.onDump = [](std::ostream& os) { os << std::string(20000, 'y') << "\n"; };
+        raise(SIGUSR1);
+        Expect(ReadFile(name) == start + StateDump(0, 0, 1, ObjectDump(0, std::string(20000, 'y') + "\n")), 5);
+        Expect(OpenDescriptors() == descriptors, 6);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "");
+}
+
+TEST(DumpAndContinue, WithNoObjectsLeft)
+{
+    TemporaryDirectory directory;
+    const std::string name = directory.File("state");
+    const ChildResult result = RunInChild([&] {
+        { MonitoredObject object; }
+        MonitoredObject::SetDumpStateFileName(name.c_str());
+        raise(SIGUSR1);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(ReadFile(name),
+              "SIGNAL " + std::to_string(SIGUSR1)
+                  + " caught...initiating dump...\nMonitored Objects: \nNo objects currently being monitored...\n");
+}
+
+TEST(DumpAndContinue, InterruptsACallAndSurvivesABurst)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t child = StartChild([&] {
+        MonitoredObject object;
+        char byte;
+        for (int interrupted = 0; interrupted < 100; interrupted++)
+            Expect(read(ends[0], &byte, 1) == -1 && errno == EINTR, 1);
+        _exit(5);
+    });
+    ASSERT_TRUE(WaitUntil([&] {
+        const std::string status = ReadFile("/proc/" + std::to_string(child) + "/status");
+        const std::string caught = ReportField(status, "SigCgt:\t");
+        return !caught.empty() && (std::stoull(caught, nullptr, 16) >> (SIGUSR1 - 1) & 1) != 0;
+    }));
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0)
+        kill(child, SIGUSR1);
+    EXPECT_TRUE(WIFEXITED(status)) << "a signal met no handler";
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// --- Captures ------------------------------------------------------------------------------------------------------
+
+class Capture : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (access(kDirectory.c_str(), W_OK) != 0)
+            GTEST_SKIP() << kDirectory << " is not there";
+    }
+};
+
+class CaptureFault : public Capture, public testing::WithParamInterface<Fault> {};
+
+TEST_P(CaptureFault, LeavesAReportAndACore)
+{
+    const Fault fault = GetParam();
+    const std::string name = std::string("fault-") + fault.name;
+    const Crash crash = CrashAs(name, [&] {
+        Probe one("one"), two("two");
+        fault.commit();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.child.out, "");
+    const std::string number = std::to_string(fault.sig);
+    EXPECT_EQ(crash.err,
+              CaptureMessages(name, fault.sig) + "SigTermProc(" + number + ") of one\nSigTermProc(" + number
+                  + ") of two\nSigRestartProc(" + number + ") of one\nSigRestartProc(" + number + ") of two\n");
+    EXPECT_EQ(CheckReport(crash.report, name, fault.sig),
+              StateDump(0, 1, 2, ObjectDump(0, "probe one\n") + ObjectDump(1, "probe two\n")));
+    if (fault.aboveFrames) {
+        const Report report = Parse(crash.report);
+        EXPECT_GE(report.frames.size(), 3u);
+        EXPECT_EQ(report.stackStart, report.Register("UESP") & ~15ul);
+        EXPECT_LE(report.stackSize, (report.Register("EBP") - report.stackStart + 5120) & ~15ul);
+        EXPECT_GT(report.stackSize, 0u);
+    }
+    struct stat status;
+    ASSERT_EQ(stat(CrashFile(name).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0666u);
+    unlink(CrashFile(name).c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, CaptureFault, testing::ValuesIn(kFaults),
+                         [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
+
+TEST_F(Capture, AnOverflowOfTheStack)
+{
+    const Crash crash = CrashAs("overflow", [] {
+        Probe one("one");
+        SmallStack();
+        Overflow(1);
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    const std::string number = std::to_string(SIGSEGV);
+    EXPECT_EQ(crash.err, CaptureMessages("overflow", SIGSEGV) + "SigTermProc(" + number + ") of one\nSigRestartProc("
+                  + number + ") of one\n");
+    EXPECT_EQ(CheckReport(crash.report, "overflow", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "probe one\n")));
+    const Report report = Parse(crash.report);
+    EXPECT_GT(report.frames.size(), 100u);
+    EXPECT_GT(report.stackSize, 0u);
+    unlink(CrashFile("overflow").c_str());
+}
+
+unsigned long* seenReturnAddress; // shared with the child
+
+__attribute__((noinline)) void Inner(void (*commit)())
+{
+    *seenReturnAddress = reinterpret_cast<unsigned long>(__builtin_return_address(0));
+    commit();
+    asm volatile(""); // keeps the frame: the call above is not the last thing done
+}
+
+__attribute__((noinline)) void Outer(void (*commit)())
+{
+    Inner(commit);
+    asm volatile("");
+}
+
+TEST_F(Capture, TheCallTraceHoldsTheProgramsFrames)
+{
+    void* shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    seenReturnAddress = static_cast<unsigned long*>(shared);
+    const Crash crash = CrashAs("trace", [] {
+        MonitoredObject object;
+        Outer(WriteToNull);
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    int found = 0;
+    for (const auto& frame : Parse(crash.report).frames)
+        found += frame.second == *seenReturnAddress;
+    EXPECT_EQ(found, 1) << std::hex << *seenReturnAddress << "\n" << crash.report;
+    munmap(shared, 4096);
+    unlink(CrashFile("trace").c_str());
+}
+
+#if defined(__x86_64__)
+
+// Faults with a frame pointer that `value` gives from the stack pointer.
+Crash CrashWithFramePointer(const std::string& name, unsigned long value, bool relative)
+{
+    return CrashAs(name, [=] {
+        MonitoredObject object;
+        if (relative)
+            asm volatile("mov %0, %%rax\n\tlea (%%rsp,%%rax), %%rbp\n\tud2" ::"r"(value) : "rax", "memory");
+        else
+            asm volatile("mov %0, %%rbp\n\tud2" ::"r"(value) : "memory");
+    });
+}
+
+TEST_F(Capture, AFramePointerThatIsNone)
+{
+    const struct {
+        const char* name;
+        unsigned long value;
+        bool relative;
+    } cases[] = {{"bp-zero", 0, false}, {"bp-small", 16, false}, {"bp-below", static_cast<unsigned long>(-64), true}};
+    for (const auto& c : cases) {
+        const Crash crash = CrashWithFramePointer(c.name, c.value, c.relative);
+        EXPECT_EQ(crash.child.signal, SIGABRT) << c.name;
+        EXPECT_EQ(CheckReport(crash.report, c.name, SIGILL), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
+        const Report report = Parse(crash.report);
+        EXPECT_TRUE(report.frames.empty()) << c.name;
+        EXPECT_EQ(report.stackStart, report.Register("UESP") & ~15ul) << c.name;
+        EXPECT_EQ(report.stackSize, 0u) << c.name;
+        unlink(CrashFile(c.name).c_str());
+    }
+}
+
+TEST_F(Capture, AFramePointerThatLeavesTheStackOrIsMisaligned)
+{
+    const struct {
+        const char* name;
+        unsigned long value;
+        bool relative;
+    } cases[] = {{"bp-high", ~0ul, false},
+                 {"bp-high-aligned", ~15ul, false},
+                 {"bp-kernel", 0xffff800000000000ul, false},
+                 {"bp-odd", 65, true}};
+    for (const auto& c : cases) {
+        const Crash crash = CrashWithFramePointer(c.name, c.value, c.relative);
+        EXPECT_EQ(crash.child.signal, SIGABRT) << c.name;
+        EXPECT_EQ(crash.err, CaptureMessages(c.name, SIGILL)) << c.name;
+        EXPECT_EQ(CheckReport(crash.report, c.name, SIGILL), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
+        const Report report = Parse(crash.report);
+        EXPECT_TRUE(report.frames.empty()) << c.name;
+        EXPECT_GT(report.stackSize, 0u) << c.name;
+        unlink(CrashFile(c.name).c_str());
+    }
+}
+
+TEST_F(Capture, AFrameThatPointsToItself)
+{
+    const Crash crash = CrashAs("bp-self", [] {
+        MonitoredObject object;
+        asm volatile("sub $512, %%rsp\n\tand $-16, %%rsp\n\tlea 64(%%rsp), %%rbp\n\tmov %%rbp, (%%rbp)\n\t"
+                     "movq $0x1234, 8(%%rbp)\n\tud2" ::
+                         : "memory");
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    const Report report = Parse(crash.report);
+    EXPECT_EQ(report.problem, "");
+    ASSERT_EQ(report.frames.size(), 1u);
+    EXPECT_EQ(report.frames[0].first, report.Register("EBP"));
+    EXPECT_EQ(report.frames[0].second, 0x1234u);
+    EXPECT_EQ(report.stackSize, std::min(report.stackSize, 64ul + 5120));
+    unlink(CrashFile("bp-self").c_str());
+}
+
+// On a stack of its own with nothing readable above it, the dump ends with the stack.
+TEST_F(Capture, TheStackDumpStaysWithinTheStack)
+{
+    const Crash crash = CrashAs("small-stack", [] {
+        MonitoredObject object;
+        char* memory = static_cast<char*>(mmap(nullptr, 3 * 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(memory + 4096, 4096, PROT_READ | PROT_WRITE);
+        asm volatile("mov %0, %%rsp\n\tlea 40(%%rsp), %%rbp\n\tmovq $0, (%%rbp)\n\tud2" ::"r"(memory + 8192 - 104)
+                     : "memory");
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.err, CaptureMessages("small-stack", SIGILL));
+    EXPECT_EQ(CheckReport(crash.report, "small-stack", SIGILL), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
+    const Report report = Parse(crash.report);
+    ASSERT_EQ(report.frames.size(), 1u);
+    EXPECT_EQ(report.frames[0].second, 0u);
+    EXPECT_EQ(report.stackSize, 112u);
+    EXPECT_EQ((report.stackStart + report.stackSize) % 4096, 0u);
+    unlink(CrashFile("small-stack").c_str());
+}
+
+#endif
+
+TEST_F(Capture, AFaultInAnObjectsDumpIsSkipped)
+{
+    const struct {
+        const char* name;
+        int sig;
+        void (*commit)();
+    } faults[] = {{"dump-segv", SIGSEGV, WriteToNull},
+                  {"dump-bus", SIGBUS, WriteBehindAFile},
+                  {"dump-overflow", SIGSEGV, [] { Overflow(1); }}};
+    for (const auto& fault : faults)
+        for (const int sig : {SIGSEGV, SIGABRT}) {
+            const std::string name = std::string(fault.name) + std::to_string(sig);
+            const Crash crash = CrashAs(name, [&] {
+                Probe one("one"), two("two"), three("three");
+                two.onDump = [&](std::ostream& os) {
+                    os << "begun\n";
+                    fault.commit();
+                };
+                if (sig == SIGABRT)
+                    abort();
+                WriteToNull();
+            });
+            EXPECT_EQ(crash.child.signal, SIGABRT) << name;
+            const std::string number = std::to_string(sig);
+            std::string messages = CaptureMessages(name, sig) + Skipped(fault.sig);
+            for (const char* operation : {"SigTermProc(", "SigRestartProc("})
+                for (const char* object : {"one", "two", "three"})
+                    messages += operation + number + ") of " + object + "\n";
+            EXPECT_EQ(crash.err, messages);
+            const std::string whole = StateDump(
+                0, 2, 3, ObjectDump(0, "probe one\n") + "\n\n*** Begin dump of object tag: 1\nbegun\n");
+            EXPECT_EQ(CheckReport(crash.report, name, sig),
+                      whole.substr(0, whole.rfind("*** End Dump of all"))) << name;
+            unlink(CrashFile(name).c_str());
+        }
+}
+
+TEST_F(Capture, TheSameSignalAgainEndsTheProcess)
+{
+    const std::string number = std::to_string(SIGSEGV);
+    const std::string exit
+        = "Error Exit. SIGNAL " + number + " detected while processing SIGNAL " + number + ".\n";
+    const Crash inTerm = CrashAs("again", [] {
+        Probe one("one"), two("two");
+        two.onTerm = [](int) { WriteToNull(); };
+        WriteToNull();
+    });
+    EXPECT_EQ(inTerm.child.signal, SIGABRT);
+    EXPECT_EQ(inTerm.err, CaptureMessages("again", SIGSEGV) + "SigTermProc(" + number + ") of one\n" + exit);
+    EXPECT_EQ(CheckReport(inTerm.report, "again", SIGSEGV),
+              StateDump(0, 1, 2, ObjectDump(0, "probe one\n") + ObjectDump(1, "probe two\n")));
+    unlink(CrashFile("again").c_str());
+
+    const Crash overflow = CrashAs("again", [] {
+        Probe one("one");
+        one.onRestart = [](int) { Overflow(1); };
+        WriteToNull();
+    });
+    EXPECT_EQ(overflow.child.signal, SIGABRT);
+    EXPECT_EQ(overflow.err, CaptureMessages("again", SIGSEGV) + "SigTermProc(" + number + ") of one\n" + exit);
+    unlink(CrashFile("again").c_str());
+
+    const std::string aborted = std::to_string(SIGABRT);
+    const Crash inDump = CrashAs("again", [] {
+        Probe one("one"), two("two");
+        two.onDump = [](std::ostream& os) {
+            os << "begun" << std::endl;
+            abort();
+        };
+        abort();
+    });
+    EXPECT_EQ(inDump.child.signal, SIGABRT);
+    EXPECT_EQ(inDump.err, CaptureMessages("again", SIGABRT) + "Error Exit. SIGNAL " + aborted
+                  + " detected while processing SIGNAL " + aborted + ".\n");
+    const std::string objects = CheckReport(inDump.report, "again", SIGABRT);
+    const std::string end = ObjectDump(0, "probe one\n") + "\n\n*** Begin dump of object tag: 1\nbegun\n";
+    ASSERT_GE(objects.size(), end.size());
+    EXPECT_EQ(objects.substr(objects.size() - end.size()), end) << "what was dumped so far is in the file";
+    unlink(CrashFile("again").c_str());
+}
+
+// A different fault signal during a capture starts a capture of its own.
+TEST_F(Capture, AnotherSignalDuringTheCapture)
+{
+    const Crash crash = CrashAs("nested", [] {
+        Probe one("one");
+        one.onTerm = [](int) { abort(); };
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    const std::string number = std::to_string(SIGABRT);
+    EXPECT_EQ(crash.err, CaptureMessages("nested", SIGSEGV) + CaptureMessages("nested", SIGABRT) + "Error Exit. SIGNAL "
+                  + number + " detected while processing SIGNAL " + number + ".\n");
+    const std::string heading = "\nDATE. SIGNAL ";
+    const size_t nested = crash.report.find(heading, 1);
+    ASSERT_NE(nested, std::string::npos);
+    const std::string objects = StateDump(0, 0, 1, ObjectDump(0, "probe one\n"));
+    EXPECT_EQ(CheckReport(crash.report.substr(0, nested), "nested", SIGSEGV), objects);
+    EXPECT_EQ(CheckReport(crash.report.substr(nested), "nested", SIGABRT), objects);
+    unlink(CrashFile("nested").c_str());
+}
+
+TEST_F(Capture, ACrashWithinAMinuteIsCutShortWhenThereIsADumpStateFile)
+{
+    const std::string name = CrashFile("loops");
+    const std::string number = std::to_string(SIGSEGV);
+    const auto crash = [](bool dumpState) {
+        return CrashAs("loops", [=] {
+            MonitoredObject object;
+            if (dumpState)
+                MonitoredObject::SetDumpStateFileName("/tmp/unused");
+            WriteToNull();
+        });
+    };
+    WriteFile(name, "earlier\n");
+    const Crash cut = crash(true);
+    EXPECT_EQ(cut.child.signal, SIGABRT);
+    EXPECT_EQ(cut.err, "\n\nError: DATE. SIGNAL " + number + " detected....\nHandle of signal " + number
+                  + " exit: Previous sighandler probably failed.\n");
+    EXPECT_EQ(cut.report, "earlier\n");
+
+    EXPECT_EQ(crash(false).err, CaptureMessages("loops", SIGSEGV)) << "not without a dump-state file";
+
+    const struct utimbuf old = {time(nullptr) - 61, time(nullptr) - 61};
+    ASSERT_EQ(utime(name.c_str(), &old), 0);
+    EXPECT_EQ(crash(true).err, CaptureMessages("loops", SIGSEGV)) << "nor after a minute";
+    unlink(name.c_str());
+}
+
+TEST_F(Capture, ReportsAccumulate)
+{
+    const auto body = [] {
+        MonitoredObject object;
+        WriteToNull();
+    };
+    const Crash once = CrashAs("twice", body);
+    const Crash twice = CrashAs("twice", body);
+    EXPECT_EQ(twice.report.compare(0, once.report.size(), once.report), 0);
+    EXPECT_EQ(CheckReport(twice.report.substr(once.report.size()), "twice", SIGSEGV),
+              StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
+    unlink(CrashFile("twice").c_str());
+}
+
+TEST_F(Capture, ALargeFileIsMovedAway)
+{
+    const std::string name = CrashFile("large");
+    const auto body = [] {
+        Probe object("object");
+        object.talks = false;
+        WriteToNull();
+    };
+    WriteFile(name, std::string(65536, 'x'));
+    EXPECT_EQ(CrashAs("large", body).err, CaptureMessages("large", SIGSEGV)) << "65536 bytes are not yet too many";
+    EXPECT_NE(access((name + ".old").c_str(), F_OK), 0);
+
+    for (const size_t size : {70000, 65537}) {
+        const std::string content(size, 'y');
+        WriteFile(name, content);
+        const Crash crash = CrashAs("large", body);
+        EXPECT_EQ(crash.child.signal, SIGABRT);
+        const std::string number = std::to_string(SIGSEGV);
+        EXPECT_EQ(crash.err, "\n\nError: DATE. SIGNAL " + number + " detected....\n/usr/bin/mv " + name + " " + name
+                      + ".old\nCall trace and dump of monitored objects in " + name + "\n");
+        EXPECT_EQ(ReadFile(name + ".old"), content);
+        EXPECT_EQ(CheckReport(crash.report, "large", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "probe object\n")));
+    }
+    unlink(name.c_str());
+    unlink((name + ".old").c_str());
+}
+
+// The command runs in a process object, which must not undo the handlers of the capture when it is the only one.
+TEST_F(Capture, ALargeFileIsMovedAwayWithNoObjectsLeft)
+{
+    const std::string name = CrashFile("none left");
+    WriteFile(name, std::string(70000, 'y'));
+    const Crash crash = CrashAs("none left", [] {
+        { MonitoredObject object; }
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(ReadFile(name + ".old"), std::string(70000, 'y')) << "a blank in the name is part of the name";
+    EXPECT_EQ(CheckReport(crash.report, "none left", SIGSEGV),
+              "Monitored Objects: \nNo objects currently being monitored...\n");
+    unlink(name.c_str());
+    unlink((name + ".old").c_str());
+}
+
+TEST_F(Capture, AProgramWithoutAName)
+{
+    const ChildResult result = RunInChild([] {
+        MonitoredObject object;
+        WriteToNull();
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_EQ(WithoutDates(WithoutSanitizer(result.err)), CaptureMessages("mobject", SIGSEGV));
+    const Report report = Parse(WithoutDates(ReadFile(CrashFile("mobject"))));
+    EXPECT_EQ(report.problem, "");
+    EXPECT_EQ(report.heading, "\nDATE. SIGNAL " + std::to_string(SIGSEGV)
+                  + " detected. ProgInfo=\n\n......initiating dump...\n\n");
+    unlink(CrashFile("mobject").c_str());
+}
+
+std::string Left(int sig, const std::string& message)
+{
+    return "Handle of signal " + std::to_string(sig) + " exit: " + message + "\n";
+}
+
+TEST_F(Capture, ACrashFileThatCannotBeOpened)
+{
+    ASSERT_EQ(mkdir(CrashFile("no-open").c_str(), 0755), 0);
+    const Crash crash = CrashAs("no-open", [] {
+        Probe object("object");
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.err, CaptureMessages("no-open", SIGSEGV)
+                  + Left(SIGSEGV, std::string("open of sighandler file failed. ") + strerror(EISDIR)));
+    rmdir(CrashFile("no-open").c_str());
+}
+
+TEST_F(Capture, ACrashFileThatCannotBeWritten)
+{
+    ASSERT_EQ(symlink("/dev/full", CrashFile("no-write").c_str()), 0);
+    const Crash crash = CrashAs("no-write", [] {
+        Probe object("object");
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.err, CaptureMessages("no-write", SIGSEGV)
+                  + Left(SIGSEGV, std::string("write of sighandler file failed. ") + strerror(ENOSPC)));
+    unlink(CrashFile("no-write").c_str());
+}
+
+TEST_F(Capture, ACrashFileThatFillsUp)
+{
+    const Crash crash = CrashAs("fills-up", [] {
+        Probe object("object");
+        const struct rlimit limit = {600, 600};
+        setrlimit(RLIMIT_FSIZE, &limit); // SIGXFSZ must not end the process before its report
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.child.err.find("SigTermProc"), std::string::npos);
+    EXPECT_EQ(crash.report.size(), 600 - std::string("01/01/2000 00:00:00").size() + 4);
+    // The messages are beyond 600 bytes of a file as well: what standard error shows depends on its size.
+    EXPECT_EQ(crash.err, CaptureMessages("fills-up", SIGSEGV)
+                  + Left(SIGSEGV, "write of " + CrashFile("fills-up") + " file failed. " + strerror(EFBIG)));
+    unlink(CrashFile("fills-up").c_str());
+}
+
+TEST_F(Capture, RequestsToEndDoNotDisturbIt)
+{
+    const Crash crash = CrashAs("disturbed", [] {
+        Probe one("one");
+        one.onDump = [](std::ostream& os) {
+            for (const int sig : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGXCPU, SIGXFSZ, SIGUSR1, SIGUSR2})
+                raise(sig);
+            os << "dumped\n";
+        };
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    const std::string number = std::to_string(SIGSEGV);
+    EXPECT_EQ(crash.err, CaptureMessages("disturbed", SIGSEGV) + "SigTermProc(" + number + ") of one\nSigRestartProc("
+                  + number + ") of one\n");
+    EXPECT_EQ(CheckReport(crash.report, "disturbed", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "dumped\n")));
+    unlink(CrashFile("disturbed").c_str());
+}
+
+TEST_F(Capture, AStandardErrorThatNobodyReads)
+{
+    const Crash crash = CrashAs("unread", [] {
+        MonitoredObject object;
+        int ends[2];
+        Expect(pipe(ends) == 0, 1);
+        dup2(ends[1], 2);
+        close(ends[0]);
+        close(ends[1]);
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(CheckReport(crash.report, "unread", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
+    unlink(CrashFile("unread").c_str());
+}
+
+TEST_F(Capture, StandardErrorIsUsedWhateverItsState)
+{
+    const Crash crash = CrashAs("state", [] {
+        MonitoredObject object;
+        std::cerr << std::hex << std::showbase;
+        std::cerr.width(20);
+        std::cerr.setstate(std::ios::failbit | std::ios::badbit);
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.err, CaptureMessages("state", SIGSEGV));
+    unlink(CrashFile("state").c_str());
+}
+
+// --- The hex dump --------------------------------------------------------------------------------------------------
+
+// A page between two that cannot be touched.
+class GuardedPage {
+public:
+    GuardedPage()
+        : memory(static_cast<char*>(mmap(nullptr, 3 * 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)))
+    {
+        mprotect(memory + 4096, 4096, PROT_READ | PROT_WRITE);
+    }
+    ~GuardedPage() { munmap(memory, 3 * 4096); }
+    char* Start() { return memory + 4096; }
+    char* End() { return memory + 8192; }
+
+private:
+    char* memory;
+};
+
+std::string Dumped(const char* from, unsigned long length, const char* label)
+{
+    std::ostringstream os;
+    dumpmem(reinterpret_cast<uintptr_t>(from), length, label, os);
+    return os.str();
+}
+
+std::string At(const char* p)
+{
+    std::ostringstream os;
+    os << std::hex << reinterpret_cast<uintptr_t>(p);
+    return os.str();
+}
+
+const std::string kZeroRow = ": 00000000 00000000 00000000 00000000 [                ]\n";
+
+TEST(DumpMem, Nothing)
+{
+    GuardedPage page;
+    EXPECT_EQ(Dumped(page.Start(), 0, "Empty"), "Empty: 0x" + At(page.Start()) + " -- [size 0[0x0] bytes]\n");
+}
+
+TEST(DumpMem, RowsOfWordsAndCharacters)
+{
+    GuardedPage page;
+    char* p = page.Start();
+    memcpy(p, "\x01\x02\x03\x04" "ABCD" "\xc1\xe2\xff\x7f" "\0 ~\x9f", 16);
+    memcpy(p + 16, "abcdefghijklmnop", 16);
+    EXPECT_EQ(Dumped(p, 32, "Text"),
+              "Text: 0x" + At(p) + " -- [size 32[0x20] bytes]\n" + At(p)
+                  + ": 04030201 44434241 7fffe2c1 9f7e2000 [    ABCDAb    ~ ]\n" + At(p + 16)
+                  + ": 64636261 68676665 6c6b6a69 706f6e6d [abcdefghijklmnop]\n");
+}
+
+TEST(DumpMem, EqualRowsAreCounted)
+{
+    GuardedPage page;
+    char* p = page.Start();
+    memset(p + 32, 'A', 64);
+    memset(p + 96, 'B', 16);
+    memset(p + 112, 'A', 16);
+    memset(p + 128, 'A', 15);
+    const std::string as = ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n";
+    EXPECT_EQ(Dumped(p, 144, "Rows"),
+              "Rows: 0x" + At(p) + " -- [size 144[0x90] bytes]\n\t dup 2 line(s)\n" + At(p + 32) + as
+                  + "\t dup 3 line(s)\n" + At(p + 96) + ": 42424242 42424242 42424242 42424242 [BBBBBBBBBBBBBBBB]\n"
+                  + At(p + 112) + as + At(p + 128) + ": 41414141 41414141 41414141 00414141 [AAAAAAAAAAAAAAA ]\n");
+}
+
+TEST(DumpMem, ARegionThatEndsInARunShowsTheNextRow)
+{
+    GuardedPage page;
+    char* p = page.Start();
+    EXPECT_EQ(Dumped(p, 64, "Zero"), "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64)
+                  + kZeroRow);
+    memset(p + 64, 'A', 64);
+    EXPECT_EQ(Dumped(p, 64, "Zero"), "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64)
+                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
+    EXPECT_EQ(Dumped(p + 64, 32, "Run"), "Run: 0x" + At(p + 64) + " -- [size 32[0x20] bytes]\n" + At(p + 64)
+                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 1 line(s)\n" + At(p + 96)
+                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
+}
+
+TEST(DumpMem, TheRowPastTheMemoryIsShownAsZero)
+{
+    GuardedPage page;
+    char* p = page.End() - 64;
+    EXPECT_EQ(Dumped(p, 64, "Last"), "Last: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n"
+                  + At(page.End()) + kZeroRow);
+    memset(p, 'A', 56); // the next row is only partly there
+    EXPECT_EQ(Dumped(p + 8, 32, "Part"), "Part: 0x" + At(p + 8) + " -- [size 32[0x20] bytes]\n" + At(p + 8)
+                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 1 line(s)\n" + At(p + 40)
+                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
+    EXPECT_EQ(Dumped(p + 8, 48, "Edge"), "Edge: 0x" + At(p + 8) + " -- [size 48[0x30] bytes]\n" + At(p + 8)
+                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 2 line(s)\n" + At(p + 56)
+                  + kZeroRow);
+}
+
+TEST(DumpMem, ALongRegion)
+{
+    GuardedPage page;
+    memset(page.Start(), 'x', 4096);
+    EXPECT_EQ(Dumped(page.Start(), 4096, "Stack"),
+              "Stack: 0x" + At(page.Start()) + " -- [size 4096[0x1000] bytes]\n" + At(page.Start())
+                  + ": 78787878 78787878 78787878 78787878 [xxxxxxxxxxxxxxxx]\n\t dup 255 line(s)\n" + At(page.End())
+                  + kZeroRow);
+}
+
+} // namespace

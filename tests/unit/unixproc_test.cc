@@ -1,0 +1,1340 @@
+#include "Misc/unixproc.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/testing.h"
+
+using testing_support::CaptureStderr;
+using testing_support::CaptureStdout;
+using testing_support::ChildResult;
+using testing_support::OpenDescriptors;
+using testing_support::ReadFile;
+using testing_support::ReportField;
+using testing_support::RunInChild;
+using testing_support::StartChild;
+using testing_support::TemporaryDirectory;
+using testing_support::WaitForExit;
+using testing_support::WaitUntil;
+using testing_support::WriteFile;
+
+// ---- What the tests below share
+
+// The process id in an object, to give it values that no fork gives.
+template <long UnixProcess::*member>
+struct PidAccess {
+    friend long& PidOf(UnixProcess& process) { return process.*member; }
+};
+long& PidOf(UnixProcess& process);
+template struct PidAccess<&UnixProcess::mypid>;
+
+namespace {
+
+const std::string Banner = "\n\n******** Process max wait time exceeded **********\n";
+
+// How a child that nobody has waited for ends: its exit code, or minus the signal that ended it. -1000 when it is no
+// child, or no more.
+int Reap(long pid)
+{
+    int status = 0;
+    if (waitpid(static_cast<pid_t>(pid), &status, 0) != pid)
+        return -1000;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+void KillAndReap(long pid)
+{
+    kill(static_cast<pid_t>(pid), SIGKILL);
+    Reap(pid);
+}
+
+bool Running(long pid)
+{
+    return kill(static_cast<pid_t>(pid), 0) == 0 && waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG) == 0;
+}
+
+std::string Bytes(const Buffer& buffer)
+{
+    return std::string(static_cast<const char*>(static_cast<const void*>(buffer)), buffer.Size());
+}
+
+std::string Dump(const MonitoredObject& object)
+{
+    std::ostringstream out;
+    object.dumpOn(out);
+    return out.str();
+}
+
+// `output` is one report and nothing else.
+void ExpectReport(const std::string& output, const std::string& type, int error, const std::string& description)
+{
+    const std::string code =
+        error == 0 ? "Application Error." : std::to_string(error) + " : " + ErrorReporter::GetErrorDesc(error);
+    EXPECT_EQ(output, "\nErrorReporter: " + ReportField(output, "ErrorReporter: ") +                    //
+                          "\n  Program=" + ReportField(output, "  Program=") +                          //
+                          "\n  Severity Level=WARNING\n  Error Type= " + type +                         //
+                          "\n  Error Code= " + code +                                                   //
+                          "\n  Module= $Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n  Line= " + //
+                          ReportField(output, "  Line= ") + "\n  Description= " + description + "\n\n");
+    EXPECT_GT(std::atol(ReportField(output, "  Line= ").c_str()), 0);
+}
+
+// From here on every fork of this process fails: its first child is the init of a new process id namespace, and
+// that is gone. False where the host refuses this.
+bool MakeForksFail()
+{
+    if (unshare(CLONE_NEWPID) != 0)
+        return false;
+    const pid_t init = fork();
+    if (init == 0)
+        _exit(0);
+    waitpid(init, nullptr, 0);
+    return true;
+}
+
+// From here on this process may not signal the others, as though they belonged to another user.
+bool BecomeAStranger()
+{
+    if (setuid(65534) == 0)
+        return true;
+    struct { // the host's header may be older than the member `scoped`
+        uint64_t handledFileAccess, handledNetAccess, scoped;
+    } rules = {0, 0, 2 /* signals */};
+    const long fd = syscall(SYS_landlock_create_ruleset, &rules, sizeof rules, 0);
+    return fd >= 0 && prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && syscall(SYS_landlock_restrict_self, fd, 0) == 0;
+}
+
+volatile sig_atomic_t seen = 0;
+void Count(int)
+{
+    seen = seen + 1;
+}
+
+void Handle(int sig, void (*handler)(int), int flags)
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigemptyset(&action.sa_mask);
+    sigaddset(&action.sa_mask, SIGUSR1);
+    ASSERT_EQ(sigaction(sig, &action, nullptr), 0);
+}
+
+// The whole disposition of a signal, as text.
+std::string Disposition(int sig)
+{
+    struct sigaction action;
+    sigaction(sig, nullptr, &action);
+    std::ostringstream out;
+    out << reinterpret_cast<uintptr_t>(action.sa_handler) << " flags " << (action.sa_flags & 0xf8ffffff) << " mask";
+    for (int other = 1; other < 65; other++)
+        if (sigismember(&action.sa_mask, other) == 1)
+            out << " " << other;
+    return out.str();
+}
+
+const char* Sleeper[] = {"sleep", "60", nullptr};
+
+// ---- Starting and waiting
+
+TEST(UnixProcess, RunsAnArgumentVector)
+{
+    const char* argv[] = {"echo", "a  b", "", "c", nullptr};
+    const std::string out = CaptureStdout([&] {
+        UnixProcess process(argv, UnixProcess::wait_at_construction);
+        EXPECT_STREQ(process.cmd(), "echo a  b  c");
+        EXPECT_GT(process.pid(), 1);
+        EXPECT_EQ(process.wait(), 0);
+        EXPECT_EQ(Reap(process.pid()), -1000) << "waited for already";
+    });
+    EXPECT_EQ(out, "a  b  c\n");
+}
+
+TEST(UnixProcess, RunsACommandTextThroughTheShell)
+{
+    const std::string out = CaptureStdout([&] {
+        UnixProcess process("echo $0 \"$HOME\" | tr a-z A-Z; exit 7", UnixProcess::wait_at_construction);
+        EXPECT_STREQ(process.cmd(), "/sbin/sh -c echo $0 \"$HOME\" | tr a-z A-Z; exit 7");
+        EXPECT_EQ(process.wait(), 7);
+    });
+    std::string expected = std::string("/sbin/sh ") + (getenv("HOME") ? getenv("HOME") : "") + "\n";
+    std::transform(expected.begin(), expected.end(), expected.begin(), toupper);
+    EXPECT_EQ(out, expected);
+}
+
+TEST(UnixProcess, AConstructorWithoutWaitReturnsAtOnce)
+{
+    UnixProcess process(Sleeper);
+    EXPECT_TRUE(process.exists());
+    EXPECT_TRUE(Running(process.pid()));
+    KillAndReap(process.pid());
+    EXPECT_FALSE(process.exists());
+}
+
+TEST(UnixProcess, WaitGivesTheExitCode)
+{
+    for (const int code : {0, 1, 7, 127, 128, 255}) {
+        UnixProcess process(("exit " + std::to_string(code)).c_str(), UnixProcess::leave_alone_at_destruction);
+        EXPECT_EQ(process.wait(), code);
+    }
+}
+
+TEST(UnixProcess, AChildEndedByASignalHasStatus0)
+{
+    UnixProcess process("kill -KILL $$", UnixProcess::leave_alone_at_destruction);
+    EXPECT_EQ(process.wait(), 0);
+    Buffer output;
+    UnixProcess captured("echo x; kill -KILL $$", output);
+    EXPECT_EQ(captured.wait(), 0);
+    EXPECT_EQ(Bytes(output), "x\n");
+}
+
+TEST(UnixProcess, WaitCollectsOnce)
+{
+    UnixProcess process("exit 5", UnixProcess::leave_alone_at_destruction, 20);
+    EXPECT_EQ(process.wait(), 5);
+    EXPECT_EQ(process.wait(), 5) << "a second waitpid would fail and give -1";
+    EXPECT_GT(process.pid(), 1) << "the process id stays";
+}
+
+TEST(UnixProcess, WaitForAChildThatEndedBefore)
+{
+    UnixProcess process("exit 6", UnixProcess::leave_alone_at_destruction, 20);
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(process.pid()), &info, WEXITED | WNOWAIT), 0);
+    alarm(100);
+    EXPECT_EQ(process.wait(), 6);
+    EXPECT_GE(alarm(0), 99u);
+}
+
+TEST(UnixProcess, AWaitThatFailsGivesMinusOneAndKillsNothing)
+{
+    const std::string err = CaptureStderr([] {
+        UnixProcess process("exit 5", UnixProcess::leave_alone_at_destruction, 20);
+        EXPECT_EQ(Reap(process.pid()), 5);
+        EXPECT_EQ(process.wait(), -1);
+        EXPECT_EQ(process.wait(), -1);
+        EXPECT_EQ(ReportField(Dump(process), "exit status: "), "-1");
+    });
+    EXPECT_EQ(err, "");
+}
+
+TEST(UnixProcess, AVectorOfManyArgumentsIsJoinedWhole)
+{
+    std::vector<const char*> argv(100001, "x");
+    argv[0] = "true";
+    argv.push_back(nullptr);
+    UnixProcess process(argv.data(), UnixProcess::wait_at_construction);
+    EXPECT_EQ(process.wait(), 0);
+    std::string expected = "true";
+    for (int i = 0; i < 100000; i++)
+        expected += " x";
+    EXPECT_EQ(static_cast<const char*>(process.cmd()), expected);
+}
+
+TEST(UnixProcess, ANullVectorStopsTheProgram)
+{
+    const ChildResult child = RunInChild([] { UnixProcess process(static_cast<const char**>(nullptr)); });
+    EXPECT_EQ(child.signal, SIGABRT);
+    EXPECT_EQ(child.err.substr(0, child.err.find(", line")),
+              "Assertion failed: argv != NULL, file Misc/unixproc");
+}
+
+// ---- A command that cannot be executed
+
+TEST(UnixProcess, ACommandThatDoesNotExistEndsWithStatus0)
+{
+    const char* argv[] = {"/no/such/program", "x", nullptr};
+    const ChildResult child = RunInChild([&] {
+        UnixProcess process(argv, UnixProcess::wait_at_construction);
+        std::cout << process.wait() << " " << (process.pid() > 1);
+    });
+    EXPECT_EQ(child.out, "0 1");
+    ExpectReport(child.err, "System call exec() failed", ENOENT, "exec() failed attempting: /no/such/program x");
+}
+
+TEST(UnixProcess, ACapturedCommandThatDoesNotExistHasNoOutput)
+{
+    const char* argv[] = {"no-such-program-on-the-path", nullptr};
+    const ChildResult child = RunInChild([&] {
+        Buffer output;
+        UnixProcess process(argv, output);
+        std::cout << process.wait() << " " << output.Size();
+    });
+    EXPECT_EQ(child.out, "0 0");
+    ExpectReport(child.err, "System call exec() failed", ENOENT,
+                 "exec() failed attempting: no-such-program-on-the-path");
+}
+
+TEST(UnixProcess, AnEmptyVectorCannotBeExecuted)
+{
+    const char* argv[] = {nullptr};
+    const ChildResult child = RunInChild([&] {
+        UnixProcess process(argv, UnixProcess::wait_at_construction);
+        std::cout << process.wait() << "<" << process.cmd() << ">";
+    });
+    EXPECT_EQ(child.out, "0<>");
+    ExpectReport(child.err, "System call exec() failed", EFAULT, "exec() failed attempting: ");
+}
+
+TEST(UnixProcess, TheBufferedOutputOfTheParentIsWrittenOnce)
+{
+    const char* argv[] = {"/no/such/program", nullptr};
+    const ChildResult child = RunInChild([&] {
+        std::ios::sync_with_stdio(false);
+        std::cout << "streams ";
+        std::printf("stdio ");
+        Buffer output;
+        UnixProcess plain(argv, UnixProcess::wait_at_construction);
+        UnixProcess captured(argv, output);
+        std::cout << output.Size() << " ";
+    });
+    EXPECT_TRUE(child.out == "streams 0 stdio " || child.out == "stdio streams 0 ") << child.out;
+}
+
+// ---- Time limits
+
+TEST(UnixProcess, AChildThatOutlivesTheLimitOfWaitIsKilled)
+{
+    UnixProcess process(Sleeper, UnixProcess::leave_alone_at_destruction, 1);
+    const std::string err = CaptureStderr([&] { EXPECT_EQ(process.wait(), -1); });
+    ExpectReport(err, ErrorReporter::GetErrorType(ErrorReporter::WAIT_TIME_EXCEEDED), EINTR,
+                 "Process killed: sleep 60");
+    EXPECT_EQ(process.wait(), -1);
+    EXPECT_EQ(Reap(process.pid()), -SIGKILL) << "killed, but not waited for";
+}
+
+TEST(UnixProcess, AChildThatOutlivesTheLimitOfTheCaptureIsKilled)
+{
+    Buffer output;
+    output.Append("old");
+    const std::string err = CaptureStderr([&] {
+        UnixProcess process("printf 'a\\000b\\n'; exec sleep 60", output, 1);
+        EXPECT_EQ(process.wait(), -1);
+        EXPECT_EQ(Reap(process.pid()), -SIGKILL) << "killed, but not waited for";
+    });
+    EXPECT_EQ(Bytes(output), std::string("a\0b\n", 4) + Banner);
+    ExpectReport(err, ErrorReporter::GetErrorType(ErrorReporter::WAIT_TIME_EXCEEDED), EINTR,
+                 "Process killed: /sbin/sh -c printf 'a\\000b\\n'; exec sleep 60");
+}
+
+TEST(UnixProcess, ACaptureThatTimesOutWithoutOutputHoldsTheBannerOnly)
+{
+    Buffer output;
+    CaptureStderr([&] {
+        UnixProcess process(Sleeper, output, 1);
+        EXPECT_EQ(Reap(process.pid()), -SIGKILL);
+    });
+    EXPECT_EQ(Bytes(output), Banner);
+}
+
+TEST(UnixProcess, ALimitOf0StandsForTheGlobalLimit)
+{
+    EXPECT_EQ(UnixProcess::GlobalUnixProcessMaxWaitTime, 0);
+    const char* argv[] = {"true", nullptr};
+    const auto limitOf = [](UnixProcess& process) {
+        const std::string dump = Dump(process);
+        return ReportField(dump, "maxwaittime: ");
+    };
+    {
+        UnixProcess process(argv, UnixProcess::wait_at_construction);
+        EXPECT_EQ(limitOf(process), "0");
+    }
+    UnixProcess::SetGlobalMaxWaitTime(17);
+    EXPECT_EQ(UnixProcess::GlobalUnixProcessMaxWaitTime, 17);
+    {
+        Buffer output;
+        UnixProcess vector(argv, UnixProcess::wait_at_construction, 0);
+        UnixProcess text("true", UnixProcess::wait_at_construction, 0);
+        UnixProcess vectorCaptured(argv, output, 0);
+        UnixProcess textCaptured("true", output, 0);
+        UnixProcess ownLimit(argv, UnixProcess::wait_at_construction, 5);
+        UnixProcess::SetGlobalMaxWaitTime(0);
+        EXPECT_EQ(limitOf(vector), "17");
+        EXPECT_EQ(limitOf(text), "17");
+        EXPECT_EQ(limitOf(vectorCaptured), "17");
+        EXPECT_EQ(limitOf(textCaptured), "17");
+        EXPECT_EQ(limitOf(ownLimit), "5");
+    }
+}
+
+TEST(UnixProcess, WithoutALimitAnyInterruptingSignalEndsTheWait)
+{
+    Handle(SIGALRM, Count, 0);
+    seen = 0;
+    struct itimerval soon = {{0, 0}, {0, 200000}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    const std::string err = CaptureStderr([&] {
+        UnixProcess process(Sleeper, UnixProcess::wait_at_construction);
+        EXPECT_EQ(seen, 1) << "the caller's alarm goes on";
+        EXPECT_EQ(process.wait(), -1);
+        EXPECT_EQ(Reap(process.pid()), -SIGKILL);
+    });
+    ExpectReport(err, ErrorReporter::GetErrorType(ErrorReporter::WAIT_TIME_EXCEEDED), EINTR,
+                 "Process killed: sleep 60");
+
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    Buffer output;
+    CaptureStderr([&] {
+        UnixProcess process(Sleeper, output);
+        EXPECT_EQ(seen, 2);
+        EXPECT_EQ(Reap(process.pid()), -SIGKILL);
+    });
+    EXPECT_EQ(Bytes(output), Banner);
+    signal(SIGALRM, SIG_DFL);
+}
+
+TEST(UnixProcess, WithoutALimitItWaitsForTheEnd)
+{
+    Handle(SIGALRM, Count, SA_RESTART);
+    seen = 0;
+    struct itimerval soon = {{0, 0}, {0, 100000}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    Buffer output;
+    UnixProcess process("sleep 0.5; echo end", output);
+    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(Bytes(output), "end\n");
+    signal(SIGALRM, SIG_DFL);
+}
+
+// ---- What is restored
+
+struct Operation {
+    const char* name;
+    std::function<void()> body;
+};
+
+std::vector<Operation> EveryOperation()
+{
+    return {
+        {"wait", [] { UnixProcess("exit 3", UnixProcess::wait_at_destruction, 20); }},
+        {"wait that blocks", [] { UnixProcess("sleep 0.3", UnixProcess::wait_at_construction, 20); }},
+        {"wait that times out",
+         [] {
+             UnixProcess process(Sleeper, UnixProcess::wait_at_construction, 1);
+             Reap(process.pid());
+         }},
+        {"capture",
+         [] {
+             Buffer output;
+             UnixProcess("echo x", output, 20);
+         }},
+        {"capture that times out",
+         [] {
+             Buffer output;
+             UnixProcess process(Sleeper, output, 1);
+             Reap(process.pid());
+         }},
+        {"capture without a pipe",
+         [] {
+             struct rlimit limit, none = {3, 3};
+             getrlimit(RLIMIT_NOFILE, &limit);
+             none.rlim_max = limit.rlim_max;
+             setrlimit(RLIMIT_NOFILE, &none);
+             Buffer output;
+             UnixProcess("echo x", output, 20);
+             setrlimit(RLIMIT_NOFILE, &limit);
+         }},
+        {"no waiting",
+         [] {
+             UnixProcess process(Sleeper, UnixProcess::leave_alone_at_destruction, 1);
+             KillAndReap(process.pid());
+         }},
+    };
+}
+
+TEST(UnixProcess, SignalsAndAlarmAreRestored)
+{
+    for (const Operation& operation : EveryOperation()) {
+        SCOPED_TRACE(operation.name);
+        Handle(SIGALRM, Count, SA_NODEFER | SA_RESTART);
+        Handle(SIGCLD, SIG_DFL, SA_NOCLDSTOP);
+        const std::string alarmBefore = Disposition(SIGALRM);
+        const std::string childBefore = Disposition(SIGCLD);
+        sigset_t maskBefore, maskAfter;
+        sigprocmask(SIG_BLOCK, nullptr, &maskBefore);
+        seen = 0;
+        alarm(100);
+        CaptureStderr(operation.body);
+        EXPECT_GE(alarm(0), 99u);
+        EXPECT_EQ(seen, 0);
+        EXPECT_EQ(Disposition(SIGALRM), alarmBefore);
+        EXPECT_EQ(Disposition(SIGCLD), childBefore);
+        sigprocmask(SIG_BLOCK, nullptr, &maskAfter);
+        for (int sig = 1; sig < 65; sig++)
+            EXPECT_EQ(sigismember(&maskAfter, sig), sigismember(&maskBefore, sig)) << sig;
+        signal(SIGALRM, SIG_DFL);
+        signal(SIGCLD, SIG_DFL);
+    }
+}
+
+TEST(UnixProcess, ACallerThatIgnoresItsChildrenGetsTheStatus)
+{
+    for (const int flags : {0, SA_NOCLDWAIT}) {
+        Handle(SIGCLD, SIG_IGN, flags);
+        const std::string before = Disposition(SIGCLD);
+        UnixProcess process("exit 3", UnixProcess::wait_at_construction);
+        EXPECT_EQ(process.wait(), 3);
+        Buffer output;
+        UnixProcess captured("exit 4", output);
+        EXPECT_EQ(captured.wait(), 4);
+        EXPECT_EQ(Disposition(SIGCLD), before);
+        signal(SIGCLD, SIG_DFL);
+    }
+}
+
+volatile sig_atomic_t slowForks = 0;
+void AfterFork()
+{
+    if (slowForks != 0)
+        usleep(300000);
+}
+
+TEST(UnixProcess, TheStatusOfAChildThatEndsAtOnceIsKept)
+{
+    ASSERT_EQ(pthread_atfork(nullptr, AfterFork, nullptr), 0);
+    signal(SIGCLD, SIG_IGN);
+    slowForks = 1; // the child has ended before fork returns
+    UnixProcess process("exit 3", UnixProcess::wait_at_construction);
+    Buffer output;
+    UnixProcess captured("exit 4", output);
+    slowForks = 0;
+    signal(SIGCLD, SIG_DFL);
+    EXPECT_EQ(process.wait(), 3);
+    EXPECT_EQ(captured.wait(), 4);
+}
+
+TEST(UnixProcess, ACallerWithAHandlerForItsChildrenIsNotDisturbed)
+{
+    Handle(SIGCLD, Count, SA_RESTART | SA_NOCLDWAIT);
+    seen = 0;
+    const std::string before = Disposition(SIGCLD);
+    UnixProcess process("exit 3", UnixProcess::wait_at_construction, 20);
+    EXPECT_EQ(process.wait(), 3);
+    Buffer output;
+    UnixProcess captured("exit 4", output);
+    EXPECT_EQ(captured.wait(), 4);
+    EXPECT_EQ(seen, 0);
+    EXPECT_EQ(Disposition(SIGCLD), before);
+    signal(SIGCLD, SIG_DFL);
+}
+
+TEST(UnixProcess, TheStatusOfAChildThatTheCallerIgnoredIsLost)
+{
+    signal(SIGCLD, SIG_IGN);
+    UnixProcess process("exit 3", UnixProcess::leave_alone_at_destruction);
+    EXPECT_TRUE(WaitUntil([&] { return !process.exists(); }));
+    EXPECT_EQ(process.wait(), -1);
+    signal(SIGCLD, SIG_DFL);
+}
+
+TEST(UnixProcess, NoDescriptorIsLeftOpen)
+{
+    const int before = OpenDescriptors();
+    for (const Operation& operation : EveryOperation())
+        CaptureStderr(operation.body);
+    for (int i = 0; i < 100; i++) {
+        Buffer output;
+        UnixProcess captured("echo x", output);
+        UnixProcess plain("true", UnixProcess::wait_at_construction);
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+// ---- Captured output
+
+TEST(UnixProcess, CapturesMuchOutputWholeWithItsZeroBytes)
+{
+    std::string pattern(10 << 20, '\0');
+    uint32_t value = 1;
+    for (char& byte : pattern) {
+        value = value * 1664525 + 1013904223;
+        byte = static_cast<char>(value >> 24);
+    }
+    pattern.append("tail");
+    TemporaryDirectory directory;
+    WriteFile(directory.File("pattern"), pattern);
+    const std::string file = directory.File("pattern");
+    const char* argv[] = {"cat", file.c_str(), nullptr};
+    Buffer output;
+    UnixProcess process(argv, output, 60);
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_EQ(output.Size(), pattern.size());
+    EXPECT_TRUE(Bytes(output) == pattern);
+    std::free(output.ReleasePtr());
+}
+
+TEST(UnixProcess, TheOutputReplacesTheContents)
+{
+    Buffer output;
+    output.Append("old contents");
+    const std::string err = CaptureStderr([&] {
+        UnixProcess process("echo out; echo err >&2; exit 9", output);
+        EXPECT_EQ(process.wait(), 9);
+        EXPECT_STREQ(process.cmd(), "/sbin/sh -c echo out; echo err >&2; exit 9");
+    });
+    EXPECT_EQ(Bytes(output), "out\n");
+    EXPECT_EQ(err, "err\n") << "standard error is the caller's";
+
+    UnixProcess silent("true", output);
+    EXPECT_EQ(output.Size(), 0u);
+    EXPECT_EQ(static_cast<const void*>(output), nullptr);
+}
+
+TEST(UnixProcess, CapturesWhileTheCallersOwnStandardStreamsAreClosed)
+{
+    for (const std::vector<int>& closed : {std::vector<int>{1}, {0}, {0, 1}, {0, 1, 2}}) {
+        TemporaryDirectory directory;
+        const std::string file = directory.File("seen");
+        const ChildResult child = RunInChild([&] {
+            for (const int fd : closed)
+                close(fd);
+            Buffer output;
+            UnixProcess process("echo hello", output, 20);
+            WriteFile(file, Bytes(output) + std::to_string(process.wait()));
+        });
+        EXPECT_EQ(ReadFile(file), "hello\n0") << closed.size();
+    }
+}
+
+TEST(UnixProcess, OutputThatFindsNoMemoryIsLeftOut)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "no limit on the address space under the sanitizer";
+#else
+    const ChildResult child = RunInChild([] {
+        std::ifstream self("/proc/self/statm");
+        rlim_t pages = 0;
+        self >> pages;
+        const rlim_t space = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (8 << 20);
+        struct rlimit limit = {space, RLIM_INFINITY};
+        setrlimit(RLIMIT_AS, &limit);
+        Buffer output;
+        UnixProcess process("ulimit -v unlimited; yes | head -c 40000000; exit 5", output);
+        limit.rlim_cur = RLIM_INFINITY;
+        setrlimit(RLIMIT_AS, &limit);
+        bool right = output.Size() > 1000000 && output.Size() < 40000000;
+        for (unsigned i = 0; i < output.Size(); i++)
+            right = right && output[i] == (i % 2 == 0 ? 'y' : '\n');
+        std::cout << right << " " << process.wait();
+    });
+    EXPECT_EQ(child.out, "1 5");
+#endif
+}
+
+// ---- What the child inherits
+
+TEST(UnixProcess, TheChildLeadsItsOwnSessionAndGroup)
+{
+    UnixProcess process(Sleeper);
+    EXPECT_TRUE(WaitUntil([&] { return getpgid(static_cast<pid_t>(process.pid())) == process.pid(); }));
+    EXPECT_EQ(getsid(static_cast<pid_t>(process.pid())), process.pid());
+    EXPECT_EQ(kill(static_cast<pid_t>(-process.pid()), SIGKILL), 0);
+    EXPECT_EQ(Reap(process.pid()), -SIGKILL);
+
+    Buffer output;
+    UnixProcess captured("cut -d ' ' -f 5,6 /proc/$$/stat", output);
+    const std::string pid = std::to_string(captured.pid());
+    EXPECT_EQ(Bytes(output), pid + " " + pid + "\n");
+}
+
+TEST(UnixProcess, DescriptorsAreClosedWithoutAPipeOnly)
+{
+    const int null = open("/dev/null", O_RDONLY);
+    for (const int fd : {20, 59, 60})
+        ASSERT_EQ(dup2(null, fd), fd);
+    close(null);
+    const char* command = "for n in 0 1 2 20 59 60; do if [ -e /proc/$$/fd/$n ]; then printf '%s ' $n; fi; done";
+    EXPECT_EQ(CaptureStdout([&] { UnixProcess process(command, UnixProcess::wait_at_construction); }), "0 1 2 60 ");
+    Buffer output;
+    UnixProcess captured(command, output);
+    EXPECT_EQ(Bytes(output), "0 1 2 20 59 60 ");
+    for (const int fd : {20, 59, 60})
+        close(fd);
+}
+
+TEST(UnixProcess, NoPipeEndStaysOpenInTheChild)
+{
+    Buffer output;
+    UnixProcess captured("for f in /proc/$$/fd/*; do if [ -p $f ]; then echo ${f##*/}; fi; done", output);
+    EXPECT_NE(Bytes(output).find("1\n"), std::string::npos);
+    const ChildResult child = RunInChild([] {
+        close(0);
+        open("/dev/null", O_RDONLY);
+        for (int fd = 3; fd < 100; fd++)
+            close(fd);
+        Buffer pipes;
+        UnixProcess process("for n in 0 1 2 3 4 5 6 7 8 9; do if [ -p /proc/$$/fd/$n ]; then echo $n; fi; done", pipes);
+        std::cout << Bytes(pipes);
+    });
+    EXPECT_EQ(child.out, "1\n");
+}
+
+TEST(UnixProcess, TheChildIgnoresSigcldAndHasTheMaskOfTheCaller)
+{
+    sigset_t mask, before;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGWINCH);
+    sigprocmask(SIG_SETMASK, &mask, &before);
+    const char* argv[] = {"grep", "-E", "^Sig(Blk|Ign)", "/proc/self/status", nullptr};
+    char expected[100];
+    const unsigned long long earlier = 1ull << (SIGCLD - 1);
+    std::snprintf(expected, sizeof expected, "SigBlk:\t%016llx\nSigIgn:\t%016llx\n", 1ull << (SIGWINCH - 1), earlier);
+    EXPECT_EQ(CaptureStdout([&] { UnixProcess process(argv, UnixProcess::wait_at_construction); }), expected);
+    Buffer output;
+    UnixProcess captured(argv, output);
+    EXPECT_EQ(Bytes(output), expected);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+// An object that notes when the program is told to end.
+class Witness : public MonitoredObject {
+public:
+    explicit Witness(const std::string& file) : myFile(file) {}
+    void SigTermProc(int sig) override { WriteFile(myFile, std::to_string(sig)); }
+
+private:
+    std::string myFile;
+};
+
+TEST(UnixProcess, ASignalForANewbornChildNeverRunsTheHandlersOfTheParent)
+{
+    TemporaryDirectory directory;
+    Witness witness(directory.File("witness"));
+    for (int i = 0; i < 200; i++) {
+        UnixProcess process(Sleeper);
+        const long pid = process.pid();
+        process.terminate();
+        ASSERT_EQ(Reap(pid), -SIGTERM);
+    }
+    EXPECT_EQ(ReadFile(directory.File("witness")), "");
+}
+
+// ---- Failures of the start
+
+TEST(UnixProcess, AForkThatFailsLeavesAnObjectWithoutAChild)
+{
+    for (const auto flag : {UnixProcess::wait_at_construction, UnixProcess::terminate_at_destruction}) {
+        const ChildResult child = RunInChild([&] {
+            if (!MakeForksFail()) {
+                std::cout << "refused";
+                return;
+            }
+            Handle(SIGCLD, SIG_IGN, SA_NOCLDWAIT);
+            const std::string before = Disposition(SIGCLD);
+            UnixProcess process("echo never", flag, 5);
+            std::cout << process.pid() << " " << process.wait() << " " << process.exists() << "\n" << Dump(process);
+            process.terminate();
+            std::cout << (Disposition(SIGCLD) == before);
+        });
+        if (child.out == "refused")
+            GTEST_SKIP() << "no way to make fork fail here";
+        EXPECT_EQ(child.out, "-1 -1 0\nDumping UnixProcess Object:\ncommand: </sbin/sh -c echo never>\n"
+                             "process id: -1\nmaxwaittime: 5\nexit status: -1\n1");
+        ExpectReport(child.err, "System call fork() failed", ENOMEM,
+                     "fork failed attempting: /sbin/sh -c echo never");
+        EXPECT_EQ(child.exitCode, 0);
+    }
+}
+
+TEST(UnixProcess, AForkThatFailsForACaptureClosesThePipe)
+{
+    const ChildResult child = RunInChild([] {
+        if (!MakeForksFail()) {
+            std::cout << "refused";
+            return;
+        }
+        Handle(SIGCLD, SIG_IGN, SA_NOCLDWAIT);
+        const std::string before = Disposition(SIGCLD);
+        const int descriptors = OpenDescriptors();
+        Buffer output;
+        output.Append("old");
+        UnixProcess process("echo never", output, 5);
+        std::cout << ReportField(Dump(process), "exit status: ") << " ";
+        std::cout << process.pid() << " " << process.wait() << " " << output.Size() << " "
+                  << OpenDescriptors() - descriptors << " " << (Disposition(SIGCLD) == before);
+    });
+    if (child.out == "refused")
+        GTEST_SKIP() << "no way to make fork fail here";
+    EXPECT_EQ(child.out, "-1 -1 -1 0 0 1");
+    ExpectReport(child.err, "System call fork() failed", ENOMEM,
+                 "fork failed attempting to execute: /sbin/sh -c echo never");
+}
+
+TEST(UnixProcess, APipeThatFailsLeavesAnObjectWithoutAChild)
+{
+    const ChildResult child = RunInChild([] {
+        struct rlimit limit = {3, 3};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        Handle(SIGCLD, SIG_IGN, SA_NOCLDWAIT);
+        const std::string before = Disposition(SIGCLD);
+        Buffer output;
+        output.Append("old");
+        UnixProcess process("echo never", output, 5);
+        std::cout << ReportField(Dump(process), "exit status: ") << " ";
+        std::cout << process.pid() << " " << process.wait() << " " << output.Size() << " " << process.cmd() << " "
+                  << (Disposition(SIGCLD) == before);
+    });
+    EXPECT_EQ(child.out, "-1 -1 -1 0 /sbin/sh -c echo never 1");
+    ExpectReport(child.err, "Fault to open a pipe.", EMFILE, "pipe command failed");
+}
+
+// ---- The end of the object
+
+TEST(UnixProcess, TerminateSendsSigtermOnce)
+{
+    UnixProcess process(Sleeper, UnixProcess::leave_alone_at_destruction);
+    const long pid = process.pid();
+    process.terminate();
+    EXPECT_EQ(process.pid(), -1);
+    EXPECT_FALSE(process.exists());
+    EXPECT_EQ(Reap(pid), -SIGTERM);
+    process.terminate();
+    EXPECT_EQ(process.pid(), -1);
+    EXPECT_EQ(process.wait(), -1);
+}
+
+TEST(UnixProcess, WaitWithoutAChildTakesNoOtherChild)
+{
+    UnixProcess other("exit 8", UnixProcess::leave_alone_at_destruction);
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(other.pid()), &info, WEXITED | WNOWAIT), 0);
+    for (const long pid : {-1L, 0L, 1L}) {
+        UnixProcess process(other);
+        PidOf(process) = pid;
+        EXPECT_EQ(process.wait(), -1);
+    }
+    EXPECT_EQ(other.wait(), 8);
+}
+
+TEST(UnixProcess, TerminateDoesNotWait)
+{
+    TemporaryDirectory directory;
+    const std::string ready = directory.File("ready");
+    UnixProcess process(("trap '' TERM; echo >" + ready + "; while :; do sleep 1; done").c_str());
+    ASSERT_TRUE(WaitUntil([&] { return !ReadFile(ready).empty(); }));
+    const long pid = process.pid();
+    process.terminate();
+    EXPECT_TRUE(Running(pid));
+    kill(static_cast<pid_t>(-pid), SIGKILL);
+    Reap(pid);
+}
+
+TEST(UnixProcess, NothingIsSentToTheProcessIds0And1)
+{
+    const ChildResult child = RunInChild([] {
+        if (unshare(CLONE_NEWPID) != 0) {
+            std::cout << "refused";
+            return;
+        }
+        // The child is process 1 of its namespace and would see its SIGTERM; the grandchild uses the objects.
+        WaitForExit(StartChild([] {
+            setsid();
+            Handle(SIGTERM, Count, 0);
+            seen = 0;
+            const int code = WaitForExit(StartChild([] {
+                for (const long pid : {0L, 1L, -1L}) {
+                    UnixProcess process("true", UnixProcess::wait_at_construction);
+                    UnixProcess same(process);
+                    PidOf(same) = pid;
+                    same.terminate();
+                    std::cout << same.pid() << same.wait() << " ";
+                }
+            }));
+            std::cout << code << seen;
+        }));
+    });
+    if (child.out == "refused")
+        GTEST_SKIP() << "no process id namespace here";
+    EXPECT_EQ(child.out, "0-1 1-1 -1-1 00");
+}
+
+TEST(UnixProcess, TheDestructorTerminates)
+{
+    long pid;
+    {
+        UnixProcess process(Sleeper); // by default
+        pid = process.pid();
+    }
+    EXPECT_EQ(Reap(pid), -SIGTERM);
+}
+
+TEST(UnixProcess, TheDestructorWaits)
+{
+    TemporaryDirectory directory;
+    long pid;
+    {
+        UnixProcess process(("sleep 0.5; echo >" + directory.File("end")).c_str(), UnixProcess::wait_at_destruction);
+        pid = process.pid();
+        EXPECT_EQ(ReadFile(directory.File("end")), "");
+    }
+    EXPECT_EQ(ReadFile(directory.File("end")), "\n");
+    EXPECT_EQ(Reap(pid), -1000);
+}
+
+TEST(UnixProcess, TheDestructorWaitsWithTheLimit)
+{
+    long pid = 0;
+    const std::string err = CaptureStderr([&] {
+        UnixProcess process(Sleeper, UnixProcess::wait_at_destruction, 1);
+        pid = process.pid();
+    });
+    EXPECT_EQ(Reap(pid), -SIGKILL);
+    ExpectReport(err, ErrorReporter::GetErrorType(ErrorReporter::WAIT_TIME_EXCEEDED), EINTR,
+                 "Process killed: sleep 60");
+}
+
+TEST(UnixProcess, TheDestructorLeavesAlone)
+{
+    long pid;
+    {
+        UnixProcess process(Sleeper, UnixProcess::leave_alone_at_destruction);
+        pid = process.pid();
+    }
+    EXPECT_TRUE(Running(pid));
+    KillAndReap(pid);
+}
+
+TEST(UnixProcess, AnUnknownFlagIsNamedAndWaits)
+{
+    TemporaryDirectory directory;
+    const std::string out = CaptureStdout([&] {
+        UnixProcess process(("sleep 0.3; echo >" + directory.File("end")).c_str(),
+                            static_cast<UnixProcess::ctor_dtor_flag>(50));
+    });
+    EXPECT_EQ(out, "Error: Unknown at_destroy function 50\n");
+    EXPECT_EQ(ReadFile(directory.File("end")), "\n");
+}
+
+TEST(UnixProcess, TheFlagsHaveTheirNumbers)
+{
+    EXPECT_EQ(static_cast<int>(UnixProcess::terminate_at_destruction), 10);
+    EXPECT_EQ(static_cast<int>(UnixProcess::wait_at_destruction), 20);
+    EXPECT_EQ(static_cast<int>(UnixProcess::leave_alone_at_destruction), 30);
+    EXPECT_EQ(static_cast<int>(UnixProcess::wait_at_construction), 40);
+    EXPECT_EQ(static_cast<int>(failP), 0);
+    EXPECT_EQ(static_cast<int>(parentP), 1);
+    EXPECT_EQ(static_cast<int>(childP), 2);
+}
+
+TEST(UnixProcess, SigTermProcTerminatesTheChildrenThatTheObjectAnswersFor)
+{
+    const struct {
+        UnixProcess::ctor_dtor_flag flag;
+        bool terminates;
+    } rules[] = {{UnixProcess::terminate_at_destruction, true},
+                 {UnixProcess::wait_at_destruction, true},
+                 {static_cast<UnixProcess::ctor_dtor_flag>(50), true},
+                 {UnixProcess::leave_alone_at_destruction, false}};
+    for (const auto& rule : rules) {
+        SCOPED_TRACE(rule.flag);
+        CaptureStdout([&] { // for the complaint about the unknown flag
+            UnixProcess process(Sleeper, rule.flag);
+            const long pid = process.pid();
+            process.SigTermProc(SIGTERM);
+            EXPECT_EQ(process.pid(), rule.terminates ? -1 : pid);
+            if (!rule.terminates)
+                kill(static_cast<pid_t>(pid), SIGKILL);
+            EXPECT_EQ(Reap(pid), rule.terminates ? -SIGTERM : -SIGKILL);
+        });
+    }
+    UnixProcess waited("true", UnixProcess::wait_at_construction);
+    const long pid = waited.pid();
+    waited.SigTermProc(SIGTERM);
+    EXPECT_EQ(waited.pid(), pid);
+}
+
+TEST(UnixProcess, AProgramThatIsToldToEndTellsItsChildren)
+{
+    TemporaryDirectory directory;
+    const std::string file = directory.File("pids");
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t program = StartChild([&] {
+        UnixProcess terminated(Sleeper, UnixProcess::terminate_at_destruction);
+        UnixProcess waited(Sleeper, UnixProcess::wait_at_destruction);
+        UnixProcess alone(Sleeper, UnixProcess::leave_alone_at_destruction);
+        std::ostringstream pids;
+        pids << terminated.pid() << " " << waited.pid() << " " << alone.pid() << " .";
+        WriteFile(file, pids.str());
+        pause();
+        _exit(9);
+    });
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(file).find('.') != std::string::npos; }));
+    long pids[3] = {};
+    std::istringstream(ReadFile(file)) >> pids[0] >> pids[1] >> pids[2];
+    kill(program, SIGTERM);
+    EXPECT_EQ(WaitForExit(program), 0);
+    EXPECT_EQ(Reap(pids[0]), -SIGTERM);
+    EXPECT_EQ(Reap(pids[1]), -SIGTERM);
+    EXPECT_TRUE(Running(pids[2]));
+    KillAndReap(pids[2]);
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+// ---- Copies, dumps, arrays
+
+TEST(UnixProcess, DumpsItself)
+{
+    UnixProcess process("exit 4", UnixProcess::leave_alone_at_destruction, 33);
+    const std::string text = "Dumping UnixProcess Object:\ncommand: </sbin/sh -c exit 4>\nprocess id: " +
+                             std::to_string(process.pid()) + "\nmaxwaittime: 33\n";
+    EXPECT_EQ(Dump(process), text);
+    process.wait();
+    EXPECT_EQ(Dump(process), text + "exit status: 4\n");
+}
+
+TEST(UnixProcess, ACopyLeavesTheChildAlone)
+{
+    UnixProcess process(Sleeper, UnixProcess::terminate_at_destruction, 44);
+    {
+        UnixProcess copy(process);
+        EXPECT_EQ(copy.pid(), process.pid());
+        EXPECT_TRUE(copy.cmd() == process.cmd());
+        EXPECT_EQ(Dump(copy), Dump(process));
+        EXPECT_NE(copy.myObjectTag(), process.myObjectTag());
+        copy.SigTermProc(SIGTERM);
+        EXPECT_EQ(copy.pid(), process.pid());
+    }
+    EXPECT_TRUE(Running(process.pid()));
+
+    UnixProcess waiting(Sleeper, UnixProcess::wait_at_destruction);
+    delete new UnixProcess(waiting);
+    EXPECT_TRUE(Running(waiting.pid()));
+    KillAndReap(waiting.pid());
+    KillAndReap(process.pid());
+}
+
+TEST(UnixProcess, ACopyDoesNotKnowTheExitStatus)
+{
+    UnixProcess process("exit 4", UnixProcess::wait_at_construction);
+    UnixProcess copy(process);
+    EXPECT_EQ(Dump(copy).find("exit status"), std::string::npos);
+    EXPECT_EQ(copy.wait(), -1) << "the child was waited for already";
+}
+
+TEST(UnixProcessSafeArray, PrintsItself)
+{
+    UnixProcessSafeArray array;
+    UnixProcess* process = new UnixProcess("true", UnixProcess::wait_at_construction);
+    array.AddItem(process);
+    std::ostringstream address, out;
+    address << static_cast<void*>(process);
+    array.print(out);
+    EXPECT_EQ(out.str(), "SafeArray(UnixProcess)***************\n********** Capacity =32\n********** Quantity =1\n"
+                         "********** This SafeArray is purgable.\n****SafeArray(UnixProcess)[0] address = " +
+                             address.str() + "\n");
+}
+
+TEST(UnixProcessSafeArray, DroppingAnElementActsOnItsFlag)
+{
+    std::vector<long> pids;
+    {
+        UnixProcessSafeArray array;
+        for (const auto flag : {UnixProcess::terminate_at_destruction, UnixProcess::leave_alone_at_destruction,
+                                UnixProcess::terminate_at_destruction}) {
+            array.AddItem(new UnixProcess(Sleeper, flag));
+            pids.push_back(array.last()->pid());
+        }
+        array.RemoveAt(0);
+        EXPECT_EQ(Reap(pids[0]), -SIGTERM);
+        UnixProcessSafeArrayIter iter(array);
+        EXPECT_EQ(iter()->pid(), pids[1]);
+        ++iter;
+        EXPECT_EQ(iter()->pid(), pids[2]);
+        ++iter;
+        EXPECT_EQ(iter(), nullptr);
+    }
+    EXPECT_TRUE(Running(pids[1]));
+    EXPECT_EQ(Reap(pids[2]), -SIGTERM);
+    KillAndReap(pids[1]);
+}
+
+TEST(UnixProcessSafeArray, ADuplicateLeavesTheChildAlone)
+{
+    UnixProcess process(Sleeper);
+    {
+        UnixProcessSafeArray array;
+        array.SetPurgeMode(1);
+        array.AddItem(process);
+        delete static_cast<UnixProcess*>(array.duplicateItem(&process));
+        UnixProcessSafeArray copy(array);
+        EXPECT_EQ(copy.Quantity(), 1u);
+        EXPECT_EQ(copy[0]->pid(), process.pid());
+    }
+    EXPECT_TRUE(Running(process.pid()));
+    KillAndReap(process.pid());
+}
+
+// ---- Questions about other processes
+
+TEST(UnixProcess, ProcessExists)
+{
+    EXPECT_FALSE(UnixProcess::ProcessExists(-5));
+    EXPECT_FALSE(UnixProcess::ProcessExists(-1));
+    EXPECT_FALSE(UnixProcess::ProcessExists(LONG_MIN));
+    EXPECT_FALSE(UnixProcess::ProcessExists(LONG_MAX));
+    EXPECT_FALSE(UnixProcess::ProcessExists((1L << 32) + getpid())) << "not cut to the width of a process id";
+    EXPECT_TRUE(UnixProcess::ProcessExists(getpid()));
+    EXPECT_TRUE(UnixProcess::ProcessExists(0));
+
+    const pid_t child = StartChild([] {});
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_TRUE(UnixProcess::ProcessExists(child)) << "ended, but not waited for";
+    Reap(child);
+    EXPECT_FALSE(UnixProcess::ProcessExists(child));
+}
+
+TEST(UnixProcess, AProcessThatMayNotBeSignalledExists)
+{
+    const pid_t parent = getpid();
+    const ChildResult child = RunInChild([&] {
+        if (!BecomeAStranger()) {
+            std::cout << "refused";
+            return;
+        }
+        const int refused = kill(parent, 0) == -1 && errno == EPERM;
+        std::cout << refused << UnixProcess::ProcessExists(parent);
+    });
+    if (child.out == "refused")
+        GTEST_SKIP() << "no other user and no signal domain here";
+    EXPECT_EQ(child.out, "11");
+}
+
+class WaitForProcessToStart : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (access("/usr/bin/ps", X_OK) != 0 || access("/usr/bin/grep", X_OK) != 0)
+            GTEST_SKIP() << "no /usr/bin/ps here";
+        MonitoredObject::SetDebugLevel(2);
+    }
+    void TearDown() override { MonitoredObject::SetDebugLevel(0); }
+
+    // A name that is never found and whose search adds a line to `file`.
+    static std::string CountingName(const std::string& file) { return "q;echo>>" + file + ";false"; }
+
+    TemporaryDirectory directory;
+};
+
+TEST_F(WaitForProcessToStart, LooksExactlyOnceWithATimeOf0)
+{
+    const std::string name = CountingName(directory.File("n"));
+    ASSERT_LE(name.size(), 48u);
+    const std::string out = CaptureStdout(
+        [&] { EXPECT_EQ(UnixProcess::WaitForProcessToStart(name.c_str(), 0, 5), 0); });
+    EXPECT_EQ(ReadFile(directory.File("n")), "\n");
+    EXPECT_EQ(out, "Waiting for process " + name + " to start...\nWaited a total of 0 seconds...\n" +
+                       "Time expired waiting for " + name + " to start...\n");
+}
+
+TEST_F(WaitForProcessToStart, LooksEveryTwoSecondsUntilTheTimeIsReached)
+{
+    const std::string name = CountingName(directory.File("n"));
+    const std::string out = CaptureStdout(
+        [&] { EXPECT_EQ(UnixProcess::WaitForProcessToStart(name.c_str(), 3, 0), 0); });
+    EXPECT_EQ(ReadFile(directory.File("n")), "\n\n\n");
+    EXPECT_EQ(out, "Waiting for process " + name + " to start...\nWaited a total of 4 seconds...\n" +
+                       "Time expired waiting for " + name + " to start...\n");
+}
+
+TEST_F(WaitForProcessToStart, FindsARunningProgramAtOnce)
+{
+    UnixProcess process(Sleeper);
+    ASSERT_TRUE(WaitUntil([&] {
+        return ReadFile("/proc/" + std::to_string(process.pid()) + "/comm") == "sleep\n";
+    }));
+    const std::string out =
+        CaptureStdout([] { EXPECT_EQ(UnixProcess::WaitForProcessToStart("lee", 10, 1000), 1); });
+    EXPECT_EQ(out, "Waiting for process lee to start...\nWaited a total of 0 seconds...\n");
+
+    // The name is cut behind its 48th character.
+    const std::string cut = "sleep" + std::string(43, ' ');
+    MonitoredObject::SetDebugLevel(0);
+    EXPECT_EQ(UnixProcess::WaitForProcessToStart((cut + "/no/such/file").c_str(), 0, 0), 1);
+    const std::string err = CaptureStderr([&] {
+        EXPECT_EQ(UnixProcess::WaitForProcessToStart((cut.substr(1) + "/no/such/file").c_str(), 0, 0), 0);
+    });
+    EXPECT_EQ(err, "/usr/bin/grep: /: Is a directory\n");
+    KillAndReap(process.pid());
+}
+
+TEST_F(WaitForProcessToStart, FindsAProgramThatStartsLaterAndLetsItSettle)
+{
+    const pid_t later = StartChild([] {
+        usleep(700000);
+        prctl(PR_SET_NAME, "latecomer");
+        pause();
+    });
+    struct timespec start, end;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    const std::string out =
+        CaptureStdout([] { EXPECT_EQ(UnixProcess::WaitForProcessToStart("latecomer", 20, 2), 1); });
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    EXPECT_EQ(out, "Waiting for process latecomer to start...\nWaited a total of 2 seconds...\n");
+    EXPECT_GE(end.tv_sec - start.tv_sec, 3) << "two seconds of waiting and two to settle";
+    KillAndReap(later);
+}
+
+TEST_F(WaitForProcessToStart, IsSilentBelowDebugLevel2)
+{
+    MonitoredObject::SetDebugLevel(1);
+    const std::string out = CaptureStdout([] { UnixProcess::WaitForProcessToStart("nosuchprogram", 0, 0); });
+    EXPECT_EQ(out, "");
+}
+
+TEST_F(WaitForProcessToStart, UsesTheGlobalLimitForTheSearch)
+{
+    const ChildResult child = RunInChild([] {
+        MonitoredObject::SetDebugLevel(0);
+        UnixProcess::SetGlobalMaxWaitTime(1);
+        std::cout << UnixProcess::WaitForProcessToStart("q;exec sleep 60", 0, 0);
+        int status = 0;
+        std::cout << (::wait(&status) > 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    });
+    EXPECT_EQ(child.out, "01");
+    ExpectReport(child.err, ErrorReporter::GetErrorType(ErrorReporter::WAIT_TIME_EXCEEDED), EINTR,
+                 "Process killed: /sbin/sh -c /usr/bin/ps -e | /usr/bin/grep q;exec sleep 60");
+}
+
+TEST(WaitForProcessToTerminate, ReturnsWhenTheProcessIsGone)
+{
+    signal(SIGCLD, SIG_IGN);
+    UnixProcess process("sleep 1", UnixProcess::leave_alone_at_destruction);
+    UnixProcess::WaitForProcessToTerminate(process.pid(), 1000, 1);
+    EXPECT_FALSE(process.exists());
+    UnixProcess::WaitForProcessToTerminate(process.pid(), 1000, 1);
+    UnixProcess::WaitForProcessToTerminate(-1, 1000, 1);
+    signal(SIGCLD, SIG_DFL);
+}
+
+TEST(WaitForProcessToTerminate, DoesNotWaitWithoutTime)
+{
+    UnixProcess process(Sleeper);
+    UnixProcess::WaitForProcessToTerminate(process.pid(), 0, 1);
+    UnixProcess::WaitForProcessToTerminate(process.pid(), -7, 1);
+    EXPECT_TRUE(Running(process.pid()));
+    KillAndReap(process.pid());
+}
+
+// The first SIGTERM goes out after 20 seconds. The waits for it run beside all other tests, from the start of the
+// program on, and write their results into pipes.
+class LongWaits : public testing::Environment {
+public:
+    struct Wait {
+        const char* name;
+        long time;
+        short sendKill;
+        bool ignoresSigterm;
+        const char* expected; // seconds at the least, and how the process was found
+        pid_t pid;
+        int result;
+    };
+
+    void SetUp() override
+    {
+        for (Wait& wait : waits) {
+            int ends[2];
+            if (pipe(ends) != 0)
+                continue;
+            wait.result = ends[0];
+            wait.pid = StartChild([&] {
+                const std::string text = Perform(wait);
+                if (write(ends[1], text.data(), text.size()) < 0)
+                    _exit(1);
+            });
+            close(ends[1]);
+        }
+    }
+    void TearDown() override
+    {
+        for (Wait& wait : waits)
+            Result(wait);
+    }
+    static std::string Result(Wait& wait)
+    {
+        std::string text;
+        if (wait.pid > 0) {
+            char byte;
+            while (read(wait.result, &byte, 1) == 1)
+                text += byte;
+            close(wait.result);
+            Reap(wait.pid); // a test that ignored SIGCLD when it ended has done so already
+            wait.pid = 0;
+        }
+        return text;
+    }
+
+    std::vector<Wait> waits = {
+        {"at the tenth step", 19, 1, false, "20 ended by SIGTERM", 0, -1},
+        {"not at the ninth step", 18, 1, false, "18 running", 0, -1},
+        {"not without being told to", 21, 0, false, "22 running", 0, -1},
+        {"never more than SIGTERM", 22, 1, true, "22 running", 0, -1},
+    };
+
+private:
+    static std::string Perform(const Wait& wait)
+    {
+        int ready[2];
+        if (pipe(ready) != 0)
+            return "no pipe";
+        const pid_t target = StartChild([&] {
+            signal(SIGTERM, wait.ignoresSigterm ? SIG_IGN : SIG_DFL);
+            if (write(ready[1], "", 1) == 1)
+                for (;;)
+                    pause();
+        });
+        char byte;
+        if (read(ready[0], &byte, 1) != 1)
+            return "no target";
+        struct timespec start, end;
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        UnixProcess::WaitForProcessToTerminate(target, wait.time, wait.sendKill);
+        clock_gettime(CLOCK_MONOTONIC, &end);
+        usleep(300000); // for the signal of the last step
+        const bool running = Running(target);
+        std::string how = "running";
+        if (running)
+            KillAndReap(target);
+        else
+            how = "ended by SIGTERM";
+        // The steps are whole seconds of sleep: a busy machine only adds to them.
+        const long passed = end.tv_sec - start.tv_sec + (end.tv_nsec < start.tv_nsec ? -1 : 0);
+        return std::to_string(passed / 2 * 2) + " " + how;
+    }
+};
+
+LongWaits* const longWaits =
+    static_cast<LongWaits*>(testing::AddGlobalTestEnvironment(new LongWaits)); // owned by the framework
+
+TEST(WaitForProcessToTerminate, SendsSigtermEvery20Seconds)
+{
+    for (LongWaits::Wait& wait : longWaits->waits)
+        EXPECT_EQ(longWaits->Result(wait), wait.expected) << wait.name;
+}
+
+} // namespace
