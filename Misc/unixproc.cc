@@ -1,5 +1,6 @@
 #include "Misc/unixproc.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -349,22 +350,28 @@ public:
 private:
     static const size_t BlockSize = 16384;
 
-    bool MakeRoom();
+    bool MakeRoom(size_t size);
     bool Grow(size_t size);
 
     char* block;
     size_t used;
     size_t capacity;
-    char dropped[BlockSize];
+    char spare[BlockSize];
 };
 
 ssize_t CollectedOutput::ReadFrom(int fd)
 {
-    if (!MakeRoom())
-        return read(fd, dropped, BlockSize);
-    const ssize_t n = read(fd, block + used, BlockSize);
-    if (n > 0)
+    if (capacity - used >= BlockSize) {
+        const ssize_t n = read(fd, block + used, BlockSize);
+        if (n > 0)
+            used += static_cast<size_t>(n);
+        return n;
+    }
+    const ssize_t n = read(fd, spare, BlockSize); // the block need not grow only to find the end
+    if (n > 0 && MakeRoom(static_cast<size_t>(n))) {
+        std::memcpy(block + used, spare, static_cast<size_t>(n));
         used += static_cast<size_t>(n);
+    }
     return n;
 }
 
@@ -378,15 +385,15 @@ void CollectedOutput::HandTo(Buffer& output)
     used = capacity = 0;
 }
 
-// Doubles the block when it is full; with little memory left, takes what the next read needs.
-bool CollectedOutput::MakeRoom()
+// Doubles a block without room for `size` more bytes; with little memory left, takes just these.
+bool CollectedOutput::MakeRoom(size_t size)
 {
-    const size_t needed = used + BlockSize;
+    const size_t needed = used + size;
     if (needed <= capacity)
         return true;
     if (needed > UINT32_MAX) // no Buffer holds more
         return false;
-    return Grow(2 * needed) || Grow(needed);
+    return Grow(std::max(2 * capacity, 4 * BlockSize)) || Grow(needed);
 }
 
 bool CollectedOutput::Grow(size_t size)
@@ -401,6 +408,22 @@ bool CollectedOutput::Grow(size_t size)
     return true;
 }
 
+// Collects what comes from `fd`, for at most `limit` seconds unless that is 0. False when the time ran out.
+static bool ReadToEnd(int fd, long limit, CollectedOutput& collected)
+{
+    std::optional<TimedCall> timed;
+    if (limit != 0)
+        timed.emplace(limit);
+    for (;;) {
+        const ssize_t n = collected.ReadFrom(fd);
+        if (n == 0)
+            return true;
+        if (n < 0 && errno == EINTR)
+            return false;
+        // Any other error: reads again, without limit. This is intended.
+    }
+}
+
 void UnixProcess::dopipe(const char** argv, Buffer& Output)
 {
     ZELOO_REQUIRE(argv != NULL, "Misc/unixproc");
@@ -412,29 +435,17 @@ void UnixProcess::dopipe(const char** argv, Buffer& Output)
     if (fd < 0)
         return;
 
-    bool timeExceeded = false;
-    {
-        std::optional<TimedCall> timed;
-        if (maxwaittime != 0)
-            timed.emplace(maxwaittime);
-        CollectedOutput collected;
-        for (;;) {
-            const ssize_t n = collected.ReadFrom(fd);
-            timeExceeded = n < 0 && errno == EINTR;
-            if (n == 0 || timeExceeded)
-                break; // any other error: reads again, which is intended
-        }
-        timed.reset();
-        collected.HandTo(Output);
-    }
+    CollectedOutput collected;
+    const bool ended = ReadToEnd(fd, maxwaittime, collected);
+    collected.HandTo(Output);
     close(fd);
 
     exitstatus = NoStatus;
     int status = 0;
-    if (!timeExceeded && waitpid(static_cast<pid_t>(mypid), &status, 0) != -1)
+    if (ended && waitpid(static_cast<pid_t>(mypid), &status, 0) != -1)
         exitstatus = ExitCode(status);
     sigcld.reset();
-    if (timeExceeded) {
+    if (!ended) {
         kill(static_cast<pid_t>(mypid), SIGKILL);
         ReportCommand(*this, WAIT_TIME_EXCEEDED, "Process killed: ", mycmd, __LINE__);
         Output.Append(TimeExceededBanner);

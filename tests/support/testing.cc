@@ -14,6 +14,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <regex.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -225,6 +226,25 @@ std::string ReportField(const std::string& output, const std::string& label)
         return "";
     const size_t start = at + label.size();
     return output.substr(start, output.find('\n', start) - start);
+}
+
+std::string Replaced(const std::string& text, const char* pattern, const std::string& with)
+{
+    regex_t expression;
+    regmatch_t match;
+    if (regcomp(&expression, pattern, REG_EXTENDED) != 0)
+        return "not a regular expression: " + std::string(pattern);
+    std::string result;
+    const char* at = text.c_str();
+    for (; regexec(&expression, at, 1, &match, 0) == 0 && match.rm_eo > 0; at += match.rm_eo)
+        result.append(at, static_cast<size_t>(match.rm_so)).append(with);
+    regfree(&expression);
+    return result + at;
+}
+
+std::string WithoutTimes(const std::string& text)
+{
+    return Replaced(text, "[0-9]{2}/[0-9]{2}/[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}", "<time>");
 }
 
 } // namespace testing_support

@@ -74,6 +74,12 @@ private:
 /// The line of an error report that begins with `label` in what Display wrote, without the label; the first one.
 std::string ReportField(const std::string& output, const std::string& label);
 
+/// `text` with every match of a POSIX extended regular expression replaced.
+std::string Replaced(const std::string& text, const char* pattern, const std::string& with);
+
+/// `text` with every "MM/DD/YYYY hh:mm:ss" replaced by "<time>".
+std::string WithoutTimes(const std::string& text);
+
 } // namespace testing_support
 
 #endif

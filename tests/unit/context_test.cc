@@ -299,7 +299,9 @@ TEST(SignalledRegisters, HoldWhatTheRegistersHeld)
                 _exit(2);
             if (r.trapno != 6 || r.err != 0)
                 _exit(3);
-            if (*reinterpret_cast<const unsigned short*>(r.eip) != 0x0b0f) // the illegal instruction itself
+            unsigned short instruction; // at any address, so aligned or not
+            std::memcpy(&instruction, reinterpret_cast<const void*>(r.eip), sizeof instruction);
+            if (instruction != 0x0b0f) // the illegal instruction itself
                 _exit(4);
             if (r.uesp != r.esp || r.uesp == 0 || r.ebp != r.esp)
                 _exit(5);
@@ -314,7 +316,7 @@ TEST(SignalledRegisters, HoldWhatTheRegistersHeld)
                      "mov $5, %%esi\n\tmov $6, %%edi\n\tmov %%rsp, %%rbp\n\tud2" ::
                          : "rax", "rbx", "rcx", "rdx", "rsi", "rdi", "memory");
     });
-    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
 }
 
 #endif
