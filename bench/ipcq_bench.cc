@@ -1,0 +1,225 @@
+// A message queue with the library's protocol beside the same bytes over msgsnd and msgrcv alone: a request with its
+// response, and 1 MiB in blocks. Both ends run on one core.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+
+#include "Misc/ipcq.h"
+#include "Misc/proginfo.h"
+
+namespace {
+
+const int HeaderSize = IPCMessageNonDataSize;
+const int BlockSize = 1700;
+const int RequestSize = 100;
+const int TransferSize = 1 << 20;
+const short ExitEvent = 99;
+const char KeyFile[] = "/tmp/zeloo-ipcq-bench";
+
+void PinToOneCore()
+{
+    cpu_set_t allowed;
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    int core = 0;
+    while (core < CPU_SETSIZE - 1 && !CPU_ISSET(core, &allowed))
+        core++;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(core, &one);
+    sched_setaffinity(0, sizeof one, &one);
+}
+
+pid_t Fork(const std::function<void()>& body)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(0);
+    }
+    return pid;
+}
+
+// Answers every event with an event without data.
+void Serve(int ready)
+{
+    IPCQServer server(KeyFile);
+    char byte = server.Created() ? '1' : '0';
+    if (write(ready, &byte, 1) != 1 || !server.Created())
+        return;
+    short event, response, ack;
+    Buffer data;
+    while (server.receive_event(event, data, response, ack) == -1 && event != ExitEvent)
+        if (response)
+            server.send_response(event, 0, nullptr, 0);
+}
+
+// A server in a process of its own, and a client of it.
+class LibraryEnds {
+public:
+    LibraryEnds()
+    {
+        static char name[] = "ipcq_bench";
+        static char* arguments[] = {name, nullptr};
+        ProgInfo::Initialize(1, arguments, arguments + 1, "1.0");
+        close(open(KeyFile, O_CREAT | O_WRONLY, 0600));
+        int ready[2];
+        char byte = 0;
+        if (pipe(ready) != 0)
+            std::abort();
+        server = Fork([&] { Serve(ready[1]); });
+        if (read(ready[0], &byte, 1) != 1 || byte != '1')
+            std::abort();
+        close(ready[0]);
+        close(ready[1]);
+        client = new IPCQClient(0, KeyFile);
+    }
+    ~LibraryEnds()
+    {
+        client->send_event(ExitEvent, nullptr, 0);
+        delete client;
+        waitpid(server, nullptr, 0);
+        unlink(KeyFile);
+    }
+    IPCQClient& Client() { return *client; }
+
+    static unsigned long QueueBytes()
+    {
+        struct msqid_ds status = {};
+        msgctl(msgget(ftok_orvm(KeyFile), 0), IPC_STAT, &status);
+        return status.msg_qbytes;
+    }
+
+private:
+    pid_t server;
+    IPCQClient* client;
+};
+
+struct RawMessage {
+    long type;
+    int last; // the block after which the other end answers; the first bytes of the text
+    char text[HeaderSize + BlockSize];
+};
+
+const long ToServer = 1;
+const long ToClient = 2;
+
+// The other end of the floor: takes messages and answers those that are the last of something.
+void ServeRaw(int queue)
+{
+    RawMessage message;
+    while (msgrcv(queue, &message, sizeof message - sizeof(long), ToServer, 0) >= 0)
+        if (message.last) {
+            message.type = ToClient;
+            if (msgsnd(queue, &message, HeaderSize, 0) < 0)
+                return;
+        }
+}
+
+class RawEnds {
+public:
+    explicit RawEnds(unsigned long bytes) : queue(msgget(IPC_PRIVATE, IPC_CREAT | 0600))
+    {
+        struct msqid_ds status;
+        msgctl(queue, IPC_STAT, &status);
+        status.msg_qbytes = bytes;
+        msgctl(queue, IPC_SET, &status);
+        std::memset(&message, 0, sizeof message);
+        server = Fork([this] { ServeRaw(queue); });
+    }
+    ~RawEnds()
+    {
+        msgctl(queue, IPC_RMID, nullptr);
+        waitpid(server, nullptr, 0);
+    }
+
+    bool Send(const char* data, size_t length, bool last)
+    {
+        message.type = ToServer;
+        message.last = last;
+        std::memcpy(message.text + HeaderSize - sizeof message.last, data, length);
+        return msgsnd(queue, &message, HeaderSize + length, 0) == 0;
+    }
+    bool TakeAnswer() { return msgrcv(queue, &message, sizeof message - sizeof(long), ToClient, 0) >= 0; }
+
+private:
+    int queue;
+    pid_t server;
+    RawMessage message;
+};
+
+void RoundTrip(benchmark::State& state)
+{
+    PinToOneCore();
+    LibraryEnds ends;
+    const std::string request(RequestSize, 'r');
+    short event;
+    Buffer data;
+    for (auto _ : state)
+        if (ends.Client().send_event_with_response(1, request.data(), RequestSize) != 0 ||
+            ends.Client().receive_response(event, data) != 0)
+            state.SkipWithError("no response");
+}
+BENCHMARK(RoundTrip)->UseRealTime();
+
+void RoundTripFloor(benchmark::State& state)
+{
+    PinToOneCore();
+    RawEnds ends(16384);
+    const std::string request(RequestSize, 'r');
+    for (auto _ : state)
+        if (!ends.Send(request.data(), request.size(), true) || !ends.TakeAnswer())
+            state.SkipWithError("no response");
+}
+BENCHMARK(RoundTripFloor)->UseRealTime();
+
+void Transfer(benchmark::State& state)
+{
+    PinToOneCore();
+    LibraryEnds ends;
+    const std::string block(TransferSize, 't');
+    short event;
+    Buffer data;
+    IPCMessageMaxDataLen = BlockSize;
+    for (auto _ : state)
+        if (ends.Client().send_event_with_response(1, block.data(), TransferSize) != 0 ||
+            ends.Client().receive_response(event, data) != 0)
+            state.SkipWithError("no response");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
+}
+BENCHMARK(Transfer)->UseRealTime();
+
+void TransferFloor(benchmark::State& state)
+{
+    PinToOneCore();
+    unsigned long bytes;
+    {
+        LibraryEnds sized;
+        bytes = LibraryEnds::QueueBytes();
+    }
+    RawEnds ends(bytes);
+    const std::string block(TransferSize, 't');
+    for (auto _ : state)
+        for (size_t sent = 0; sent < block.size(); sent += BlockSize) {
+            const size_t length = std::min<size_t>(BlockSize, block.size() - sent);
+            const bool last = sent + length == block.size();
+            if (!ends.Send(block.data() + sent, length, last) || (last && !ends.TakeAnswer()))
+                state.SkipWithError("no response");
+        }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
+}
+BENCHMARK(TransferFloor)->UseRealTime();
+
+} // namespace

@@ -1,0 +1,545 @@
+#include "tests/unit/ipcq_testing.h"
+
+#include <sstream>
+#include <vector>
+
+namespace {
+
+using namespace ipcq_testing;
+
+class IpcqServer : public IpcqTest {
+protected:
+    short event = 0, response = 0, ack = 0;
+    Buffer data;
+};
+
+std::string Dump(const IPCQBase& object)
+{
+    std::ostringstream out;
+    object.dumpOn(out);
+    return out.str();
+}
+
+int SetOf(const char* name) { return semget(ftok_orvm(name), 0, 0660); }
+
+TEST_F(IpcqServer, TheOnlyServerOfItsName)
+{
+    MakeKeyFile("only");
+    Server server("only");
+    EXPECT_EQ(server.Created(), 1);
+    EXPECT_EQ(server.is_a_server(), 1);
+    EXPECT_EQ(server.GetServerPID(), getpid());
+    EXPECT_EQ(semctl(SetOf("only"), 0, GETVAL), getpid());
+    EXPECT_EQ(Reports([] {
+        const Server second("only");
+        EXPECT_EQ(second.Created(), 0) << "also in the same process";
+        EXPECT_EQ(second.GetServerPID(), -1);
+    }),
+              "");
+    EXPECT_EQ(WaitForExit(StartChild([] {
+                  CHILD_CHECK(Reports([] { CHILD_CHECK(!Server("only").Created()); }).empty());
+              })),
+              0);
+    EXPECT_TRUE(QueueExists(server.Queue())) << "the refused ones leave it alone";
+    const int queue = server.Queue();
+    server.Shutdown();
+    EXPECT_EQ(server.Created(), 0);
+    EXPECT_FALSE(QueueExists(queue));
+    EXPECT_LT(SetOf("only"), 0);
+    Server next("only");
+    EXPECT_EQ(next.Created(), 1);
+}
+
+TEST_F(IpcqServer, AServerWithoutAKeyFile)
+{
+    EXPECT_EQ(Reports([] { EXPECT_FALSE(Server("nokeyfile").Created()); }),
+              IpcWarning("ftok of \"nokeyfile\" failed, can't create unique queue"));
+    EXPECT_EQ(Reports([] { EXPECT_FALSE(Server(nullptr).Created()); }),
+              IpcWarning("ftok of \"\" failed, can't create unique queue"));
+}
+
+TEST_F(IpcqServer, AKilledServerIsFoundDeadByItsSuccessor)
+{
+    const pid_t killed = StartServer("successor", [](Server&) { pause(); });
+    const int queue = msgget(ftok_orvm("successor"), 0660);
+    SendRecord(queue, killed, Event(1, getpid()));
+    kill(killed, SIGKILL);
+    WaitForExit(killed);
+    EXPECT_TRUE(QueueExists(queue));
+    Server next("successor");
+    EXPECT_TRUE(next.Created());
+    EXPECT_NE(next.Queue(), queue);
+    EXPECT_FALSE(QueueExists(queue));
+    EXPECT_EQ(Waiting(next.Queue()), 0u);
+    EXPECT_EQ(ObjectsOf("msg"), 1);
+    EXPECT_EQ(ObjectsOf("sem"), 1);
+}
+
+TEST_F(IpcqServer, AKilledServerIsFoundDeadByAClient)
+{
+    const pid_t killed = StartServer("found", [](Server&) { pause(); });
+    Client earlier("found");
+    EXPECT_TRUE(earlier.Connected());
+    kill(killed, SIGKILL);
+    WaitForExit(killed);
+    EXPECT_EQ(earlier.send_event(1, nullptr, 0), ErrorReporter::IPC_SEND_PROCESS_GONE);
+    EXPECT_FALSE(earlier.Connected());
+    EXPECT_EQ(earlier.send_event(1, nullptr, 0), ErrorReporter::IPC_CONNECTION_LOST);
+    EXPECT_EQ(Reports([] { EXPECT_FALSE(Client("found").Connected()); }), "");
+    EXPECT_EQ(ObjectsOf("msg"), 0);
+    EXPECT_EQ(ObjectsOf("sem"), 0);
+}
+
+TEST_F(IpcqServer, AServerJoinsAQueueWithAFreeSlot)
+{
+    // Two slots, as an administrator may have made them.
+    MakeKeyFile("joined");
+    const int queue = msgget(ftok_orvm("joined"), IPC_CREAT | 0660);
+    const int set = semget(ftok_orvm("joined"), 2, IPC_CREAT | 0660);
+    ASSERT_EQ(add_serverpid_to_queue(queue, 1), 0);
+    {
+        Server second("joined");
+        EXPECT_TRUE(second.Created());
+        EXPECT_EQ(second.Queue(), queue);
+        EXPECT_EQ(semctl(set, 1, GETVAL), getpid());
+        Client client("joined", 0, getpid());
+        EXPECT_EQ(client.GetServerPID(), getpid());
+        EXPECT_EQ(Client("joined").GetServerPID(), 1) << "the first server by default";
+    }
+    EXPECT_EQ(semctl(set, 1, GETVAL), 0);
+    EXPECT_TRUE(QueueExists(queue)) << "another server is registered";
+    delete_q_and_semaphore(queue);
+}
+
+TEST_F(IpcqServer, RequestAndResponse)
+{
+    const pid_t pid = StartServer("talk", [](Server& server) {
+        short event, response, ack;
+        Buffer data;
+        CHILD_CHECK(server.receive_event(event, data, response, ack) == -1); // what clients send
+        CHILD_CHECK(event == 3 && response == 1 && ack == 0 && Contents(data) == "question");
+        CHILD_CHECK(std::strcmp(server.LastSendersProgramName(), "/opt/orv/bin/tester") == 0);
+        CHILD_CHECK(std::strcmp(server.LastSendersNodeName(), ProgInfo::GetNodeName()) == 0);
+        CHILD_CHECK(server.send_response(4, 45, "answer", 6) == 0);
+        CHILD_CHECK(server.receive_event(event, data, response, ack) == -1);
+        CHILD_CHECK(event == 5 && response == 0 && ack == 1);
+        CHILD_CHECK(std::strcmp(server.LastSendersProgramName(), "prog") == 0);
+        CHILD_CHECK(std::strcmp(server.LastSendersNodeName(), "node") == 0);
+        CHILD_CHECK(server.send_response(6, 81, "ignored", 7) == 0);
+        CHILD_CHECK(server.receive_event(event, data, response, ack) == -1);
+        CHILD_CHECK(event == 7 && response == 0 && ack == 0);
+    });
+    Client client("talk");
+    ASSERT_TRUE(client.Connected());
+    EXPECT_EQ(client.is_a_server(), 0);
+    EXPECT_EQ(client.GetServerPID(), pid);
+    EXPECT_EQ(client.send_event_with_response(3, "question", 8), 0);
+    EXPECT_EQ(client.receive_response(event, data), 45) << "the server's status";
+    EXPECT_EQ(event, 4) << "with its event";
+    EXPECT_EQ(Contents(data), "answer") << "and data";
+    EXPECT_STREQ(client.LastSendersProgramName(), "/opt/orv/bin/tester");
+    client.RegisterProgramName("prog");
+    client.RegisterNodeName("node");
+    client.RegisterVersion("9");
+    EXPECT_EQ(client.send_event_wait_ack(5, nullptr, 0), 81);
+    EXPECT_TRUE(client.Connected());
+    EXPECT_EQ(client.send_event(7, nullptr, 0), 0);
+    EXPECT_EQ(WaitForExit(pid), 0);
+    EXPECT_EQ(ObjectsOf("msg"), 0);
+}
+
+TEST_F(IpcqServer, TheResponseOnTheQueue)
+{
+    MakeKeyFile("answer");
+    Server server("answer");
+    const pid_t peer = StartChild([] { pause(); });
+    IPCQMessage msg = Event(9, peer);
+    SendRecord(server.Queue(), getpid(), msg);
+    EXPECT_EQ(server.receive_event(event, data, response, ack), -1);
+    EXPECT_EQ(server.send_response(4, 45, "answer", 6), 0);
+    EXPECT_EQ(TakeRecord(server.Queue(), peer, &msg), 306);
+    EXPECT_STREQ(msg.senders_version, "3.4");
+    EXPECT_EQ(msg.senders_pid, getpid());
+    EXPECT_EQ(msg.object, -1);
+    EXPECT_EQ(msg.event, 4);
+    EXPECT_STREQ(msg.destprog, "program");
+    EXPECT_STREQ(msg.origprog, "/opt/orv/bin/tester");
+    EXPECT_STREQ(msg.orignode, ProgInfo::GetNodeName());
+    EXPECT_EQ(msg.response_rqd, 0);
+    EXPECT_EQ(msg.ack_rqd, 0);
+    EXPECT_EQ(msg.result_code, 45);
+    kill(peer, SIGKILL);
+    WaitForExit(peer);
+    EXPECT_EQ(server.send_response(4, 45, "answer", 6), ErrorReporter::IPC_SEND_PROCESS_GONE);
+    EXPECT_TRUE(server.Created());
+}
+
+TEST_F(IpcqServer, NobodyToAnswer)
+{
+    MakeKeyFile("nobody");
+    Server server("nobody");
+    EXPECT_STREQ(server.LastSendersProgramName(), "");
+    EXPECT_STREQ(server.LastSendersNodeName(), "");
+    EXPECT_EQ(server.send_response(4, 45, nullptr, 0), ErrorReporter::IPC_SEND_PROCESS_GONE);
+}
+
+TEST_F(IpcqServer, TimeOutEvents)
+{
+    MakeKeyFile("timed");
+    Server server("timed");
+    server.SetReceiveTimeOut(1);
+    EXPECT_EQ(server.receive_event(event, data, response, ack), 0) << "not -1";
+    EXPECT_EQ(event, 0);
+    server.SetReceiveTimeOutEvent(55);
+    EXPECT_EQ(server.receive_event(event, data, response, ack), 0);
+    EXPECT_EQ(event, 55);
+    EXPECT_STREQ(server.LastSendersProgramName(), "Internal");
+    EXPECT_STREQ(server.LastSendersNodeName(), ProgInfo::GetNodeName());
+}
+
+TEST_F(IpcqServer, AServerWaitsForEverByDefault)
+{
+    const pid_t pid = StartServer("patient", [](Server& server) {
+        alarm(100);
+        short event, response, ack;
+        Buffer data;
+        CHILD_CHECK(server.receive_event(event, data, response, ack) == -1 && event == 2);
+        CHILD_CHECK(alarm(0) >= 98);
+    });
+    usleep(1200000);
+    Client client("patient");
+    EXPECT_EQ(client.send_event(2, nullptr, 0), 0);
+    EXPECT_EQ(WaitForExit(pid), 0);
+}
+
+TEST_F(IpcqServer, AClientWhoseResponseDoesNotCome)
+{
+    const pid_t pid = StartServer("silent", [](Server&) { pause(); });
+    const pid_t child = StartChild([] {
+        Client client("silent");
+        client.SetReceiveTimeOut(10);
+        short event = 9;
+        Buffer data;
+        CHILD_CHECK(client.receive_response(event, data) == 0 && event == 0);
+        CHILD_CHECK(client.Connected());
+    });
+    const pid_t dying = StartServer("dying", [](Server&) { pause(); });
+    const pid_t other = StartChild([] {
+        Client client("dying");
+        short event = 9;
+        Buffer data;
+        CHILD_CHECK(client.receive_response(event, data) == ErrorReporter::IPC_RECV_PROCESS_GONE && event == 0);
+    });
+    usleep(300000);
+    kill(dying, SIGKILL);
+    WaitForExit(dying);
+    EXPECT_EQ(WaitForExit(other), 0);
+    EXPECT_EQ(WaitForExit(child), 0);
+    kill(pid, SIGTERM);
+    EXPECT_EQ(WaitForExit(pid), 0);
+    Client("dying"); // clears what the dead one left
+}
+
+TEST_F(IpcqServer, InternalEventsAndTheirStatus)
+{
+    MakeKeyFile("inside");
+    Server server("inside");
+    Client client("inside"); // of the same process
+    EXPECT_TRUE(client.Connected());
+    EXPECT_EQ(client.send_event(8, "note", 4), 0);
+    EXPECT_EQ(Waiting(server.Queue()), 0u) << "never on the queue";
+    EXPECT_EQ(server.receive_event(event, data, response, ack), -1);
+    EXPECT_EQ(event, 8);
+    EXPECT_EQ(Contents(data), "note");
+    EXPECT_EQ(Reports([&] {
+        EXPECT_EQ(client.send_event_wait_ack(8, nullptr, 0), ErrorReporter::IPC_ERROR);
+    }),
+              IpcWarning("IPCSend deadlock condition."));
+    EXPECT_FALSE(client.Connected());
+
+    Client inside("inside");
+    SendRecord(server.Queue(), getpid(), Event(1, getppid()));
+    inside.IPCDrain();
+    EXPECT_EQ(inside.Saved().Quantity(), 0u) << "it does not take the server's mail";
+    EXPECT_EQ(Waiting(server.Queue()), 1u);
+    server.IPCDrain();
+    EXPECT_EQ(server.Saved().Quantity(), 1u);
+}
+
+TEST_F(IpcqServer, ShutdownDropsInternalEventsInEveryCase)
+{
+    MakeKeyFile("drops");
+    Server server("drops");
+    EXPECT_EQ(Client("drops").send_event(8, nullptr, 0), 0);
+    ASSERT_NE(InternalQMsgsPtr, nullptr);
+    Server refused("drops");
+    EXPECT_FALSE(refused.Created());
+    refused.Shutdown();
+    EXPECT_EQ(InternalQMsgsPtr, nullptr) << "also that of a server without a queue";
+    EXPECT_TRUE(server.Created());
+}
+
+TEST_F(IpcqServer, ShutdownShowsStrandedMessagesWhenDebugging)
+{
+    MakeKeyFile("stranded");
+    IPCQMessage msg = Event(1, 2, "abc");
+    msg.mtype = 4711;
+    std::ostringstream expected;
+    expected << "Message stranded on queue:\n";
+    DumpIPCMessage(&msg, expected);
+    for (const short level : {0, 1, 2, 3}) {
+        Server server("stranded");
+        ASSERT_TRUE(server.Created());
+        SendRecord(server.Queue(), 4711, msg);
+        MonitoredObject::SetDebugLevel(level);
+        EXPECT_EQ(CaptureStdout([&] { server.Shutdown(); }), level >= 2 ? expected.str() : "");
+        MonitoredObject::SetDebugLevel(0);
+        EXPECT_EQ(ObjectsOf("msg"), 0);
+    }
+}
+
+TEST_F(IpcqServer, SignalsUnregister)
+{
+    const pid_t pid = StartServer("signalled", [](Server&) { pause(); });
+    kill(pid, SIGTERM);
+    EXPECT_EQ(WaitForExit(pid), 0);
+    EXPECT_EQ(ObjectsOf("msg"), 0);
+    EXPECT_EQ(ObjectsOf("sem"), 0);
+
+    MakeKeyFile("hook");
+    Server server("hook");
+    server.SigTermProc(SIGTERM);
+    EXPECT_FALSE(server.Created());
+}
+
+TEST_F(IpcqServer, AQueueThatGoesIsAPanic)
+{
+    MakeKeyFile("panic");
+    const ChildResult result = RunInChild([] {
+        Server server("panic");
+        msgctl(server.Queue(), IPC_RMID, nullptr);
+        short event = 9, response, ack;
+        Buffer data;
+        server.receive_event(event, data, response, ack);
+    });
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_EQ(ReportField(result.err, "  Severity Level="), "PANIC");
+    EXPECT_EQ(ReportField(result.err, "  Error Type= "), ErrorReporter::GetErrorType(ErrorReporter::SERVER_GONE));
+    const std::string text = ReportField(result.err, "  Description= ");
+    EXPECT_TRUE(text == "Unable to receive data via ipc because the ipc queue no longer exists" ||
+                text == "Unable to receive data via ipc because of an invalid argument or the queue does not exist")
+        << text;
+    EXPECT_EQ(ObjectsOf("msg"), 0);
+    semctl(SetOf("panic"), 0, IPC_RMID); // without its queue nobody finds the set, until the next server
+}
+
+TEST_F(IpcqServer, AQueueThatFailsIsRemovedWithAPanic)
+{
+    MakeKeyFile("refusing");
+    const pid_t closer = StartChild([] { // takes every right away from the queue as soon as it is there
+        int queue = -1;
+        CHILD_CHECK(WaitUntil([&] { return (queue = msgget(ftok_orvm("refusing"), 0660)) >= 0; }));
+        struct msqid_ds status = QueueStatus(queue);
+        status.msg_perm.mode = 0;
+        CHILD_CHECK(msgctl(queue, IPC_SET, &status) == 0);
+    });
+    const ChildResult result = RunInChild([&] {
+        if (!DropPrivileges(false))
+            _exit(77);
+        Server server("refusing");
+        struct msqid_ds status;
+        CHILD_CHECK(WaitUntil([&] { return msgctl(server.Queue(), IPC_STAT, &status) < 0 && errno == EACCES; }));
+        short event = 9, response, ack;
+        Buffer data;
+        server.receive_event(event, data, response, ack);
+    });
+    EXPECT_EQ(WaitForExit(closer), 0);
+    if (result.exitCode == 77)
+        GTEST_SKIP() << "no user namespace within the sandbox";
+    EXPECT_EQ(result.signal, SIGABRT) << result.err;
+    EXPECT_NE(result.err.find("  Severity Level=PANIC\n  Error Type= " +
+                              std::string(ErrorReporter::GetErrorType(ErrorReporter::IPC_ERROR)) + "\n"),
+              std::string::npos);
+    EXPECT_NE(result.err.find("  Description= Unable to receive data via ipc because of invalid access permission\n"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(ObjectsOf("msg"), 0);
+    semctl(SetOf("refusing"), 0, IPC_RMID); // the key of a queue that may not be read is not known
+}
+
+TEST_F(IpcqServer, AMalformedMessageDoesNotTakeTheServerDown)
+{
+    MakeKeyFile("sturdy");
+    Server server("sturdy");
+    char bytes[2001] = {};
+    SendRaw(server.Queue(), getpid(), bytes, 2001);
+    SendRaw(server.Queue(), getpid(), bytes, 10);
+    SendRecord(server.Queue(), getpid(), Event(3, getppid(), "good"));
+    const std::string warning =
+        IpcWarning("Malformed message dropped from queue " + std::to_string(server.Queue()) + ".");
+    EXPECT_EQ(Reports([&] { EXPECT_EQ(server.receive_event(event, data, response, ack), -1); }), warning + warning);
+    EXPECT_EQ(event, 3);
+    EXPECT_TRUE(server.Created());
+}
+
+TEST_F(IpcqServer, ClientsWithoutAServer)
+{
+    MakeKeyFile("nobodyhome");
+    Client client("nobodyhome");
+    EXPECT_EQ(client.Connected(), 0);
+    EXPECT_EQ(client.GetServerPID(), -1);
+    EXPECT_EQ(client.send_event(1, nullptr, 0), ErrorReporter::IPC_CONNECTION_LOST);
+    EXPECT_EQ(client.send_event_wait_ack(1, nullptr, 0), ErrorReporter::IPC_CONNECTION_LOST);
+    event = 9;
+    EXPECT_EQ(client.receive_response(event, data), ErrorReporter::IPC_CONNECTION_LOST);
+    EXPECT_EQ(event, 0);
+    Client null(nullptr);
+    EXPECT_EQ(null.Connected(), 0);
+    EXPECT_EQ(Client("nokeyfile").Connected(), 0);
+}
+
+TEST_F(IpcqServer, AClientLeavesNoMailBehind)
+{
+    MakeKeyFile("mail");
+    Server server("mail");
+    EXPECT_EQ(WaitForExit(StartChild([&] {
+                  const int queue = server.Queue();
+                  Client client("mail");
+                  SendRecord(queue, getpid(), Event(1, getppid()));
+                  SendRecord(queue, getpid(), Event(2, getppid()));
+                  client.Shutdown();
+                  CHILD_CHECK(Waiting(queue) == 0 && client.Saved().Quantity() == 2);
+                  CHILD_CHECK(client.Connected());
+                  SendRecord(queue, getpid(), Event(3, getppid()));
+                  client.SigTermProc(SIGTERM);
+                  CHILD_CHECK(Waiting(queue) == 0);
+              })),
+              0);
+}
+
+TEST_F(IpcqServer, LongNamesAreCut)
+{
+    MakeKeyFile("cut");
+    Server server("cut");
+    const std::string longName(200, 'n');
+    const std::string text = [&] {
+        TemporaryDirectory directory;
+        WaitForExit(StartChild([&] {
+            Client client("cut");
+            client.RegisterVersion(longName.c_str());
+            client.RegisterProgramName(longName.c_str());
+            client.RegisterNodeName(longName.c_str());
+            CHILD_CHECK(client.send_event(1, nullptr, 0) == 0);
+            WriteFile(directory.File("dump"), Dump(client));
+            client.RegisterNodeName(nullptr);
+        }));
+        return ReadFile(directory.File("dump"));
+    }();
+    EXPECT_NE(text.find("IPCQClient::ClientVersion: " + std::string(19, 'n') + "\n"), std::string::npos);
+    EXPECT_NE(text.find("IPCQClient::ClientProgram: " + std::string(79, 'n') + "\n"), std::string::npos);
+    EXPECT_NE(text.find("IPCQClient::ClientNode   : " + std::string(79, 'n') + "\n"), std::string::npos);
+    EXPECT_EQ(server.receive_event(event, data, response, ack), -1);
+    EXPECT_EQ(server.LastSendersProgramName(), std::string(79, 'n'));
+    EXPECT_EQ(server.LastSendersNodeName(), std::string(79, 'n'));
+}
+
+TEST_F(IpcqServer, Dumps)
+{
+    MakeKeyFile("dumped");
+    Server server("dumped");
+    server.SetReceiveTimeOut(30);
+    server.SetSendTimeOut(20);
+    server.SetReceiveTimeOutEvent(5);
+    SendRecord(server.Queue(), getpid(), Event(1, 99));
+    server.receive_event(event, data, response, ack);
+    const std::string pid = std::to_string(getpid());
+    const std::string queue = std::to_string(server.Queue());
+    EXPECT_EQ(Dump(server), "IPCQServer Object Begin\n"
+                            "IPCQBase::ServerName     : dumped\n"
+                            "IPCQBase::ServerPID      : " + pid + "\n"
+                            "IPCQBase::MyQueueID      : " + queue + "\n"
+                            "IPCQBase::ReceiveTimeOut : 30\n"
+                            "IPCQBase::SendTimeOut    : 20\n"
+                            "IPCQBase::MyPID          : " + pid + "\n"
+                            "IPCQBase::SendersPID     : 99\n"
+                            "IPCQBase::SendersProgram : program\n"
+                            "IPCQBase::SendersNodeName: node\n"
+                            "IPCQServer::ReceiveTimeOutEvent: 5\n"
+                            "IPCQServer Object End\n");
+    Client client("dumped");
+    client.RegisterNodeName("mynode");
+    EXPECT_EQ(Dump(client), "IPCQClient Object Begin\n"
+                            "IPCQBase::ServerName     : dumped\n"
+                            "IPCQBase::ServerPID      : " + pid + "\n"
+                            "IPCQBase::MyQueueID      : " + queue + "\n"
+                            "IPCQBase::ReceiveTimeOut : 900\n"
+                            "IPCQBase::SendTimeOut    : 60\n"
+                            "IPCQBase::MyPID          : " + pid + "\n"
+                            "IPCQBase::SendersPID     : -1\n"
+                            "IPCQBase::SendersProgram : \n"
+                            "IPCQBase::SendersNodeName: \n"
+                            "IPCQClient::DestObject   : 7\n"
+                            "IPCQClient::ClientVersion: 3.4\n"
+                            "IPCQClient::ClientProgram: /opt/orv/bin/tester\n"
+                            "IPCQClient::ClientNode   : mynode\n"
+                            "IPCQClient Object End\n");
+    EXPECT_EQ(Dump(Client(nullptr)), "IPCQClient Object Begin\n"
+                                     "IPCQBase::ServerName     : \n"
+                                     "IPCQBase::ServerPID      : -1\n"
+                                     "IPCQBase::MyQueueID      : -1\n"
+                                     "IPCQBase::ReceiveTimeOut : 900\n"
+                                     "IPCQBase::SendTimeOut    : 60\n"
+                                     "IPCQBase::MyPID          : " + pid + "\n"
+                                     "IPCQBase::SendersPID     : -1\n"
+                                     "IPCQBase::SendersProgram : \n"
+                                     "IPCQBase::SendersNodeName: \n"
+                                     "IPCQClient::DestObject   : 7\n"
+                                     "IPCQClient::ClientVersion: \n"
+                                     "IPCQClient::ClientProgram: \n"
+                                     "IPCQClient::ClientNode   : \n"
+                                     "IPCQClient Object End\n");
+}
+
+TEST_F(IpcqServer, QueueInfoDump)
+{
+    MakeKeyFile("info");
+    Server server("info");
+    Client client("info");
+    SetQueueBytes(server.Queue(), 16384);
+    IPCMessageMaxDataLen = 1092;
+    IPCQMessage msg = Event(1, 2, "abc");
+    msg.mtype = 4711;
+    SendRecord(server.Queue(), 4711, msg);
+    std::ostringstream expected;
+    expected << "Dumping queue: " << server.Queue() << "\n"
+             << "Server: info ServerPID: " << getpid() << "\n"
+             << "IPC Status: \n"
+                "msg_qbytes = 16384\n"
+                "msg_cbytes = 303\n"
+                "msg_qnum   = 1\n"
+                "IPCMessageDataSize =    2000\n"
+                "IPCMessageNonDataSize = 300\n"
+                "IPCMessageMaxDataLen =  1092\n"
+                "Outstanding Messages:\n"
+                "Message stranded on queue:\n";
+    DumpIPCMessage(&msg, expected);
+    std::ostringstream out;
+    client.dumpQueueInfoOn(out);
+    EXPECT_EQ(out.str(), expected.str());
+    EXPECT_EQ(Waiting(server.Queue()), 0u);
+}
+
+TEST_F(IpcqServer, NoDescriptorsAreLeft)
+{
+    MakeKeyFile("tidy");
+    const int before = OpenDescriptors();
+    {
+        Server server("tidy");
+        Client client("tidy");
+        client.send_event(1, nullptr, 0);
+        server.receive_event(event, data, response, ack);
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+} // namespace
