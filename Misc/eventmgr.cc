@@ -1,0 +1,335 @@
+#include "Misc/eventmgr.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+#include <sys/statvfs.h>
+#include <sys/times.h>
+#include <unistd.h>
+
+#include "Misc/Dates.h"
+#include "Misc/proginfo.h"
+
+[[maybe_unused]] static const char* ModuleId() { return "$Id: eventmgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
+
+static const short Unset = -1; // in the trace: no event in the slot, or no result yet
+
+static const char WatchedFileSystem[] = "/var";
+static const int LeastPercentFree = 10;
+
+// A stream fails for good on a null text, so one from a derived class must not reach it.
+static const char* TextOf(const char* text) { return text != nullptr ? text : ""; }
+
+EventManager::EventManager(const char* ServerName, std::ostream* DebugStrm)
+    : myInBasket(ServerName),
+      traceNext(0),
+      CurrentEvent(0),
+      CurrentEventTime(0),
+      CurrentEventResponseRqd(0),
+      CurrentEventError(0),
+      EventCount(0),
+      ExitPending(0),
+      CoprocessFlag(0),
+      myPid(getpid()),
+      myParentPid(getppid()),
+      LogStreamPtr(DebugStrm)
+{
+    for (int slot = 0; slot < TraceSlots; slot++) {
+        traceEvents[slot] = Unset;
+        traceStatus[slot] = Unset;
+        traceTimes[slot] = 0;
+    }
+}
+
+EventManager::~EventManager() = default;
+
+short EventManager::GetNextEvent(short& event, Buffer& data, short& responseRqd, short& AckRqd, short& error)
+{
+    error = InBasket().receive_event(event, data, responseRqd, AckRqd);
+    return error;
+}
+
+short EventManager::AcceptEvent(short theEvent, const char* FromProgram, const char* FromNode)
+{
+    const bool known = theEvent >= 0 && theEvent <= LastEventCode();
+    return known && *TextOf(FromProgram) != '\0' && *TextOf(FromNode) != '\0';
+}
+
+short EventManager::Handle_NULL_event()
+{
+    return 0;
+}
+
+short EventManager::Handle_UNSUPPORTED_event()
+{
+    char text[256];
+    std::snprintf(text, sizeof text, "Unsupported Event: number=%d, name=%s", CurrentEvent,
+                  TextOf(Event_to_Name(CurrentEvent)));
+    _ReportError(WARNING, UNSUPPORTED_FEATURE, text, ModuleId(), __LINE__);
+    if (CurrentEventResponseRqd)
+        InBasket().send_response(0, UNSUPPORTED_FEATURE, nullptr, 0);
+    return UNSUPPORTED_FEATURE;
+}
+
+short EventManager::IsPendingExitOkNow(short& exitnow)
+{
+    exitnow = 1;
+    return 0;
+}
+
+short EventManager::Handle_EXIT_event(short& exitnow)
+{
+    exitnow = 1;
+    return 0;
+}
+
+void EventManager::HandlePostEvent() {}
+
+void EventManager::HandlePreEvent() {}
+
+int EventManager::logEvents()
+{
+    return 1;
+}
+
+int EventManager::isCoprocess()
+{
+    return CoprocessFlag;
+}
+
+// Whether the watched file system has too few free blocks.
+static int DiskIsFull(int oldFileFull, long timeFileFull)
+{
+    struct statvfs disk;
+    if (statvfs(WatchedFileSystem, &disk) != 0) {
+        std::cout << Dates::GetDateTime() << " can't statvfs " << WatchedFileSystem << std::endl;
+        return 1;
+    }
+    // The share is rounded to single precision, so one that is a hair below a whole percentage counts as that
+    // percentage; this is intended. A file system without blocks has no room.
+    float share = 0;
+    if (disk.f_blocks != 0)
+        share = static_cast<float>(static_cast<double>(disk.f_bfree) / static_cast<double>(disk.f_blocks));
+    const int available = static_cast<int>(100.0 * share);
+    if (MonitoredObject::debug() >= 5) {
+        std::cout << "f_bfree = " << disk.f_bfree << ". " << "f_blocks = " << disk.f_blocks << ". "
+                  << "available = " << available << "%. " << std::endl;
+        std::cout << "OldFileFull = " << oldFileFull << ". " << "TimeFileFull = " << Dates::GetDateTime(timeFileFull)
+                  << std::endl;
+    }
+    return available < LeastPercentFree;
+}
+
+int EventManager::FileSystemFull()
+{
+    static int OldFileFull = 0;   // the previous result
+    static long TimeFileFull = 0; // when fullness was first seen
+
+    if (std::cerr.good() && std::cout.good() && GetErrorCode() != ENOSPC && OldFileFull != 1)
+        return 0;
+    const int full = DiskIsFull(OldFileFull, TimeFileFull);
+    if (!full) {
+        std::cout.clear();
+        std::cerr.clear();
+        ClearError();
+    }
+    if (OldFileFull == 1 && !full) {
+        char text[150];
+        std::snprintf(text, sizeof text, "File system full detected at %s, but its ok now.",
+                      Dates::GetDateTime(TimeFileFull));
+        _ReportError(WARNING, FILE_SYSTEM_FULL, text, ModuleId(), __LINE__);
+    }
+    if (OldFileFull == 0 && full)
+        TimeFileFull = Dates::CurrentTime();
+    OldFileFull = full;
+    return full;
+}
+
+void EventManager::dumpOn(std::ostream& out) const
+{
+    // The names are a service of the derived class that changes nothing, though it is not declared const.
+    EventManager* self = const_cast<EventManager*>(this);
+
+    out << "Dumping EventManager data structures:" << std::endl;
+    out << "EventCount: " << EventCount << std::endl;
+    out << "CurrentEvent: " << TextOf(self->Event_to_Name(CurrentEvent)) << " (" << CurrentEvent << ")" << std::endl;
+    out << "EventTime: " << Dates::GetDateTime(CurrentEventTime) << std::endl;
+    dumpTraceOn(out);
+    out << "EventManager child process information:\n";
+    myChildren.print(out);
+    for (UnixProcessSafeArrayIter child(myChildren); child() != nullptr; ++child)
+        child()->dumpOn(out);
+}
+
+void EventManager::dumpTraceOn(std::ostream& out) const
+{
+    EventManager* self = const_cast<EventManager*>(this); // as in dumpOn
+
+    out << "\nTrace of the most recent events:\n";
+    out << "--- Time Stamp --  Status Event\n";
+    for (int i = 1; i <= TraceSlots; i++) {
+        const int slot = (traceNext + i) % TraceSlots;
+        if (traceEvents[slot] == Unset)
+            continue;
+        char status[8] = "---";
+        if (traceStatus[slot] != Unset)
+            std::snprintf(status, sizeof status, "%.3d", traceStatus[slot]);
+        out << Dates::GetDateTime(traceTimes[slot]) << "  " << status << "    "
+            << TextOf(self->Event_to_Name(traceEvents[slot])) << std::endl;
+    }
+    out << "End of trace of most recent events.\n\n";
+}
+
+short EventManager::main()
+{
+    short status = 0;
+    short exitnow = InBasket().Created() ? 0 : 1;
+    while (!exitnow) {
+        short AckRqd = 0;
+        GetNextEvent(CurrentEvent, CurrentEventData, CurrentEventResponseRqd, AckRqd, CurrentEventError);
+        BeginTrace();
+        if (FileSystemFull()) {
+            status = RefuseEvent(AckRqd, exitnow);
+            EndTrace(status);
+            if (ExitPending)
+                IsPendingExitOkNow(exitnow);
+            continue;
+        }
+        const bool logging = logEvents() && LogStreamPtr != nullptr;
+        if (logging)
+            TimeStampS(CurrentEvent, InBasket().LastSendersProgramName(), InBasket().LastSendersNodeName(),
+                       *LogStreamPtr);
+        const bool accepted = AcceptEvent(CurrentEvent, InBasket().LastSendersProgramName(),
+                                          InBasket().LastSendersNodeName());
+        status = accepted ? HandleAcceptedEvent(exitnow) : RejectEvent(logging);
+        EndTrace(status);
+        if (AckRqd == 1)
+            InBasket().send_response(StatusEventCode(), status, nullptr, 0);
+        if (logging)
+            TimeStampE(CurrentEvent, *LogStreamPtr);
+        if (!exitnow && accepted)
+            HandlePostEvent();
+        if (!exitnow && ExitPending)
+            status = IsPendingExitOkNow(exitnow);
+    }
+    return status;
+}
+
+void EventManager::BeginTrace()
+{
+    CurrentEventTime = Dates::CurrentTime();
+    EventCount++;
+    if (traceNext >= TraceSlots)
+        traceNext = 0;
+    traceEvents[traceNext] = CurrentEvent;
+    traceTimes[traceNext] = CurrentEventTime;
+    traceStatus[traceNext] = Unset;
+}
+
+void EventManager::EndTrace(short status)
+{
+    traceStatus[traceNext] = status;
+    traceNext++;
+}
+
+// Answers the current event while the file system is full.
+short EventManager::RefuseEvent(short AckRqd, short& exitnow)
+{
+    short status = FILE_SYSTEM_FULL;
+    if (IsExitEvent(CurrentEvent) &&
+        std::strcmp(InBasket().LastSendersNodeName(), TextOf(ProgInfo::GetNodeName())) == 0) {
+        exitnow = 1;
+        status = 0;
+    }
+    // A sender that asked for both gets both.
+    if (AckRqd)
+        InBasket().send_response(0, status, nullptr, 0);
+    if (CurrentEventResponseRqd)
+        InBasket().send_response(0, status, nullptr, 0);
+    return status;
+}
+
+short EventManager::RejectEvent(bool logging)
+{
+    if (logging)
+        RejectEventStamp(*LogStreamPtr);
+    if (CurrentEventResponseRqd)
+        InBasket().send_response(0, EVENT_REJECTED, nullptr, 0);
+    return EVENT_REJECTED;
+}
+
+short EventManager::HandleAcceptedEvent(short& exitnow)
+{
+    HandlePreEvent();
+    if (IsNullEvent(CurrentEvent))
+        return Handle_NULL_event();
+    if (IsExitEvent(CurrentEvent))
+        return Handle_EXIT_event(exitnow);
+    return HandleEvent(CurrentEvent);
+}
+
+EventManager::coprocess_types EventManager::InitiateCoprocess()
+{
+    const pid_t pid = fork();
+    if (pid < 0)
+        return failP;
+    if (pid > 0)
+        return parentP;
+    MonitoredObject::UnMonitor();
+    CoprocessFlag = 1;
+    myParentPid = myPid;
+    myPid = getpid();
+    return childP;
+}
+
+void EventManager::CoprocessExit(int status)
+{
+    _exit(status);
+}
+
+void EventManager::Compact()
+{
+    if (MonitoredObject::debug() >= 2)
+        std::cout << "EventManager::Compact()" << std::endl;
+    for (unsigned i = 0; i < myChildren.Quantity();) {
+        if (myChildren[static_cast<int>(i)]->exists())
+            i++;
+        else
+            myChildren.RemoveAt(i);
+    }
+    myChildren.ShrinkToFit();
+}
+
+// The start mark of the event that is being timed.
+static clock_t StartClock = 0;
+static struct tms StartTimes;
+
+void EventManager::TimeStampS(short const event, const char* FromProgram, const char* FromNode, std::ostream& out)
+{
+    if (MonitoredObject::debug() < 1)
+        return;
+    out << "----\nEventBeg: " << TextOf(Event_to_Name(event)) << "\nFrom: [" << TextOf(FromProgram) << "] ("
+        << TextOf(FromNode) << ")" << std::endl;
+    StartClock = times(&StartTimes);
+}
+
+void EventManager::TimeStampE(short const event, std::ostream& out)
+{
+    if (MonitoredObject::debug() < 1)
+        return;
+    static const double rate = static_cast<double>(sysconf(_SC_CLK_TCK));
+    struct tms now;
+    const clock_t clock = times(&now);
+    out << "EventEnd: " << "Real=" << static_cast<double>(clock - StartClock) / rate << ", "
+        << "User=" << static_cast<double>(now.tms_utime - StartTimes.tms_utime) / rate << ", "
+        << "Sys=" << static_cast<double>(now.tms_stime - StartTimes.tms_stime) / rate << ". " << Dates::GetDateTime()
+        << " " << TextOf(Event_to_Name(event)) << std::endl;
+}
+
+void EventManager::RejectEventStamp(std::ostream& out)
+{
+    if (MonitoredObject::debug() >= 1)
+        out << "Event REJECTED..." << std::endl;
+}
