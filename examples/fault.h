@@ -1,0 +1,107 @@
+// What faultd and faultctl agree on: the events, and the objects that travel as their data.
+#ifndef EXAMPLES_FAULT_H
+#define EXAMPLES_FAULT_H
+
+#include <vector>
+
+#include "Misc/ZELstream.h"
+#include "Misc/buffer.h"
+#include "Misc/cstring.h"
+
+const char FaultServerName[] = "orvd";
+const char FaultKeyFile[] = "/opt/orv/bin/orvd"; // names the queue of the server
+const char FaultVersion[] = "1.0";
+
+/// The events of faultd, with the object that each takes as its data and the one that answers it.
+enum FaultEvent : short {
+    NoEvent,      // nothing                    nothing; a sign of life
+    StatusEvent,  // nothing                    the state of the server, a plain text
+    RaiseEvent,   // FaultRecord                nothing; a fault that is there already is replaced
+    ListEvent,    // nothing                    FaultList
+    FetchEvent,   // FaultKey                   FaultRecord
+    ClearEvent,   // FaultKey                   nothing
+    RunEvent,     // FaultCommand               CommandResult
+    ExitEvent,    // nothing                    nothing; the server ends
+    FaultEvents   // their number
+};
+
+/// The name of an event; "(unknown)" for a number that is none.
+const char* FaultEventName(short event);
+/// The event of that name; -1 when there is none.
+short FaultEventNumber(const char* name);
+
+const unsigned FaultNodeLimit = 79;   // characters of a node name
+const unsigned FaultTextLimit = 4000; // characters of a text or a command
+
+/// What identifies a fault: a node, and a number on that node.
+struct FaultKey {
+    CString node;
+    int number = 0;
+
+    /// "node/00000042"
+    CString Name() const;
+    bool operator<(const FaultKey& other) const;
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+struct FaultSummary {
+    FaultKey key;
+    long raised = 0; // seconds since the epoch
+    CString text;
+    int attached = 0; // bytes of the attachment
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+struct FaultRecord {
+    FaultSummary summary;
+    Buffer attachment; // of summary.attached bytes
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+struct FaultList {
+    std::vector<FaultSummary> faults;
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+/// A shell command to be run for a fault.
+struct FaultCommand {
+    FaultKey key;
+    CString command;
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+struct CommandResult {
+    int exitStatus = 0; // -1 when the command was killed for its time
+    Buffer output;
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+/// Appends `object` to `data`.
+template <class Object>
+void Pack(const Object& object, Buffer& data)
+{
+    ZELostream out(data); // its end flushes it
+    object.printOn(out);
+}
+
+/// Reads `object` from `data`, which came from another process. False when that is not exactly one whole object.
+template <class Object>
+bool Unpack(Buffer& data, Object& object)
+{
+    ZEListream in(data);
+    object.scanFrom(in);
+    return in.good() && in.tellg() == data.Size();
+}
+
+#endif

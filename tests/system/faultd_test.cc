@@ -1,0 +1,482 @@
+// The example programs, run for real: faultd with faultctl, and the hello pair.
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Misc/ZELstream.h"
+#include "Misc/ipcq.h"
+#include "Misc/proginfo.h"
+#include "tests/support/testing.h"
+
+using namespace testing_support;
+
+namespace {
+
+const char KeyFile[] = "/opt/orv/bin/orvd";
+const char CrashFile[] = "/var/orv/data/faultd.sig";
+
+[[noreturn]] void Execute(const std::string& program, const std::vector<std::string>& arguments)
+{
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+}
+
+/// Runs a program to its end, with the file `input` as its standard input.
+ChildResult RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                       const std::string& input = "/dev/null")
+{
+    return RunInChild([&] {
+        dup2(open(input.c_str(), O_RDONLY), 0);
+        Execute(program, arguments);
+    });
+}
+
+ChildResult Ctl(const std::vector<std::string>& arguments, const std::string& input = "/dev/null")
+{
+    return RunProgram(FAULTCTL, arguments, input);
+}
+
+/// Starts a server with its output in a file.
+pid_t Start(const std::string& program, const std::vector<std::string>& arguments, const std::string& output)
+{
+    return StartChild([&] {
+        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        close(fd);
+        Execute(program, arguments);
+    });
+}
+
+/// `count` bytes of every value, zeros and line ends included.
+std::string Bytes(size_t count, unsigned seed)
+{
+    std::string bytes(count, '\0');
+    for (char& byte : bytes) {
+        seed = seed * 1103515245 + 12345;
+        byte = static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
+int QueuesOnTheHost()
+{
+    std::istringstream table(ReadFile("/proc/sysvipc/msg"));
+    int lines = 0;
+    for (std::string line; std::getline(table, line);)
+        lines++;
+    return lines - 1;
+}
+
+std::string NodeName()
+{
+    struct utsname host;
+    uname(&host);
+    return host.nodename;
+}
+
+class FaultdTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!InSandbox())
+            GTEST_SKIP() << "needs a private /var and /opt/orv/bin";
+        std::remove(CrashFile);
+        MakeKeyFile("orvd");
+    }
+    void TearDown() override
+    {
+        if (server > 0) {
+            kill(server, SIGTERM);
+            WaitForExit(server);
+        }
+    }
+
+    void StartServer(const std::vector<std::string>& arguments = {})
+    {
+        server = Start(FAULTD, arguments, log());
+        ASSERT_TRUE(WaitUntil([] { return Ctl({"list"}).exitCode == 0; })) << ReadFile(log());
+    }
+    int EndOfServer()
+    {
+        const int code = WaitForExit(server);
+        server = 0;
+        return code;
+    }
+    std::string log() const { return directory.File("faultd.log"); }
+
+    TemporaryDirectory directory;
+    pid_t server = 0;
+};
+
+#define EXPECT_RESULT(result, code, stdout_text, stderr_text) \
+    do {                                                      \
+        const ChildResult ran = (result);                     \
+        EXPECT_EQ(ran.exitCode, code);                        \
+        EXPECT_EQ(ran.out, stdout_text);                      \
+        EXPECT_EQ(ran.err, stderr_text);                      \
+    } while (0)
+
+TEST_F(FaultdTest, RaisesListsShowsAndClears)
+{
+    StartServer();
+    EXPECT_RESULT(Ctl({"list"}), 0, "", "");
+    EXPECT_RESULT(Ctl({"raise", "beta", "3", "fan 1 stopped"}), 0, "", "");
+    EXPECT_RESULT(Ctl({"raise", "alpha", "123456789", "big number"}), 0, "", "");
+    EXPECT_RESULT(Ctl({"raise", "alpha", "7", "two\nlines\tand a tab"}), 0, "", "");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\t0\ttwo lines and a tab\n"
+                                               "alpha/123456789\t<time>\t0\tbig number\n"
+                                               "beta/00000003\t<time>\t0\tfan 1 stopped\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"show", "beta", "3"}).out), "Fault:    beta/00000003\n"
+                                                            "Raised:   <time>\n"
+                                                            "Attached: 0 bytes\n"
+                                                            "Text:     fan 1 stopped\n");
+    EXPECT_RESULT(Ctl({"raise", "beta", "3", "fan 1 stopped again"}), 0, "", "");
+    EXPECT_RESULT(Ctl({"clear", "alpha", "7"}), 0, "", "");
+    EXPECT_RESULT(Ctl({"clear", "alpha", "123456789"}), 0, "", "");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "beta/00000003\t<time>\t0\tfan 1 stopped again\n");
+
+    const std::string missing = "Cannot find the data item, it does not exist. (56)\n";
+    EXPECT_RESULT(Ctl({"clear", "alpha", "7"}), 1, "", "faultctl: CLEAR: " + missing);
+    EXPECT_RESULT(Ctl({"show", "beta", "4"}), 1, "", "faultctl: FETCH: " + missing);
+    EXPECT_RESULT(Ctl({"run", "gamma", "3", "true"}), 1, "", "faultctl: RUN: " + missing);
+}
+
+TEST_F(FaultdTest, CarriesAttachmentsByteForByte)
+{
+    StartServer();
+    const std::string file = directory.File("attachment");
+    const std::string copy = directory.File("copy");
+    // Around the block sizes of the queue, and a megabyte.
+    for (size_t size : {size_t(0), size_t(1), size_t(1092), size_t(1700), size_t(3400), size_t(1) << 20}) {
+        const std::string bytes = Bytes(size, static_cast<unsigned>(size));
+        WriteFile(file, bytes);
+        EXPECT_RESULT(Ctl({"raise", "alpha", "1", "with a dump", "--attach", file}), 0, "", "");
+        const ChildResult shown = Ctl({"show", "alpha", "1", "--save", copy});
+        EXPECT_EQ(shown.exitCode, 0);
+        EXPECT_NE(shown.out.find("Attached: " + std::to_string(size) + " bytes\n"), std::string::npos) << shown.out;
+        EXPECT_TRUE(ReadFile(copy) == bytes) << size << " bytes";
+    }
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000001\t<time>\t1048576\twith a dump\n");
+    EXPECT_RESULT(Ctl({"raise", "alpha", "2", "t", "--attach", directory.File("missing")}), 1, "",
+                  "faultctl: cannot read " + directory.File("missing") + "\n");
+    const ChildResult unsaved = Ctl({"show", "alpha", "1", "--save", "/proc/no/such/place"});
+    EXPECT_EQ(unsaved.exitCode, 1);
+    EXPECT_NE(unsaved.err.find("faultctl: cannot write /proc/no/such/place\n"), std::string::npos);
+}
+
+TEST_F(FaultdTest, RunsCommandsForAFault)
+{
+    StartServer({"--time-limit", "1"});
+    Ctl({"raise", "alpha", "7", "t"});
+    EXPECT_RESULT(Ctl({"run", "alpha", "7", "echo $FAULT_NODE $FAULT_NUMBER"}), 0, "alpha 7\n", "");
+    EXPECT_RESULT(Ctl({"run", "alpha", "7", "true"}), 0, "", "");
+    EXPECT_RESULT(Ctl({"run", "alpha", "7", "echo half; exit 9"}), 1, "half\n",
+                  "faultctl: the command ended with status 9\n");
+    const ChildResult large = Ctl({"run", "alpha", "7", "head -c 300000 /dev/zero | tr '\\0' x"});
+    EXPECT_EQ(large.exitCode, 0);
+    EXPECT_TRUE(large.out == std::string(300000, 'x'));
+    // The command and what it started are gone when the time is over.
+    EXPECT_RESULT(Ctl({"run", "alpha", "7", "echo begun; sleep 60 & sleep 60; true"}), 1,
+                  "begun\n\n\n******** Process max wait time exceeded **********\n",
+                  "faultctl: RUN: Child process run time exceeded max time to run. (75)\n");
+    EXPECT_RESULT(Ctl({"run", "alpha", "7", "echo still here"}), 0, "still here\n", "");
+}
+
+TEST_F(FaultdTest, LoadsTheErrorLinesOfALog)
+{
+    StartServer();
+    std::ifstream log(SAMPLE_LOG);
+    regex_t telling;
+    ASSERT_EQ(regcomp(&telling, "(^|[^a-z])(error|fail|panic|fault|segfault)", REG_EXTENDED | REG_ICASE), 0);
+    std::string expected;
+    int number = 0, faults = 0;
+    for (std::string line; std::getline(log, line);) {
+        number++;
+        if (regexec(&telling, line.c_str(), 0, nullptr, 0) != 0)
+            continue;
+        faults++;
+        char name[32];
+        std::snprintf(name, sizeof name, "/%08d", number);
+        expected += NodeName() + name + "\t<time>\t0\t" + line + "\n";
+    }
+    regfree(&telling);
+    EXPECT_EQ(faults, 12) << "the sample is what this test was made for";
+    const ChildResult loaded = Ctl({"load", SAMPLE_LOG});
+    EXPECT_EQ(loaded.exitCode, 0);
+    EXPECT_EQ(WithoutTimes(loaded.out), expected);
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), expected);
+
+    const std::string other = directory.File("log");
+    WriteFile(other, "by default nothing\nfaultless\n\nNO PANIC here");
+    EXPECT_EQ(WithoutTimes(Ctl({"load", "-"}, other).out), NodeName() + "/00000002\t<time>\t0\tfaultless\n" +
+                                                               NodeName() + "/00000004\t<time>\t0\tNO PANIC here\n");
+    EXPECT_RESULT(Ctl({"load", directory.File("missing")}), 1, "",
+                  "faultctl: cannot read " + directory.File("missing") + "\n");
+    EXPECT_RESULT(Ctl({"load", directory.Path()}), 1, "", "faultctl: cannot read " + directory.Path() + "\n");
+}
+
+TEST_F(FaultdTest, TellsItsStatus)
+{
+    StartServer();
+    Ctl({"raise", "alpha", "7", "disk", "--attach", KeyFile});
+    Ctl({"clear", "alpha", "8"});
+    const ChildResult status = Ctl({"status"});
+    EXPECT_EQ(status.exitCode, 0);
+    EXPECT_EQ(status.err, "");
+    const std::string text = WithoutTimes(status.out);
+    EXPECT_EQ(text.substr(text.find("--- Time Stamp")), "--- Time Stamp --  Status Event\n"
+                                                        "<time>  000    LIST\n"
+                                                        "<time>  000    RAISE\n"
+                                                        "<time>  056    CLEAR\n"
+                                                        "<time>  ---    STATUS\n"
+                                                        "End of trace of most recent events.\n\n"
+                                                        "EventManager child process information:\n"
+                                                        "SafeArray(UnixProcess)***************\n"
+                                                        "********** Capacity =0\n"
+                                                        "********** Quantity =0\n"
+                                                        "********** This SafeArray is purgable.\n"
+                                                        "Faults: 1\n"
+                                                        "alpha/00000007: disk (0 bytes attached)\n");
+    EXPECT_EQ(text.find("Dumping EventManager data structures:\nEventCount: 4\nCurrentEvent: STATUS (1)\n"), 0u);
+}
+
+TEST_F(FaultdTest, ComplainsOfWrongUsage)
+{
+    const std::string hint = "; see faultctl --help\n";
+    EXPECT_RESULT(Ctl({}), 2, "", "faultctl: no command" + hint);
+    EXPECT_RESULT(Ctl({"rise"}), 2, "", "faultctl: unknown command rise" + hint);
+    EXPECT_RESULT(Ctl({"raise", "n", "1"}), 2, "",
+                  "faultctl: raise takes NODE NUMBER TEXT [--attach FILE]" + hint);
+    EXPECT_RESULT(Ctl({"raise", "n", "1", "t", "--attach"}), 2, "",
+                  "faultctl: raise takes NODE NUMBER TEXT [--attach FILE]" + hint);
+    EXPECT_RESULT(Ctl({"show", "n", "1", "--attach", "f"}), 2, "",
+                  "faultctl: show takes NODE NUMBER [--save FILE]" + hint);
+    EXPECT_RESULT(Ctl({"list", "all"}), 2, "", "faultctl: list takes no arguments" + hint);
+    EXPECT_RESULT(Ctl({"load"}), 2, "", "faultctl: load takes FILE" + hint);
+    const std::string badKey = "faultctl: NODE must be 1 to 79 characters, NUMBER a number from 0 on" + hint;
+    for (const char* number : {"", "x", "1x", "-1", " 1", "99999999999"})
+        EXPECT_RESULT(Ctl({"clear", "n", number}), 2, "", badKey);
+    EXPECT_RESULT(Ctl({"show", "", "1"}), 2, "", badKey);
+    EXPECT_RESULT(Ctl({"run", std::string(80, 'n'), "1", "true"}), 2, "", badKey);
+    EXPECT_RESULT(Ctl({"run", "n", "1", ""}), 2, "", "faultctl: COMMAND must be 1 to 4000 characters" + hint);
+    EXPECT_RESULT(Ctl({"raise", "n", "1", std::string(4001, 't')}), 2, "",
+                  "faultctl: TEXT is longer than 4000 characters" + hint);
+
+    const ChildResult help = Ctl({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_NE(help.out.find("Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no server.\n"),
+              std::string::npos);
+    EXPECT_EQ(RunProgram(FAULTD, {"--help"}).exitCode, 0);
+    const std::vector<std::string> wrong[] = {{"--debug"}, {"--debug", "x"}, {"--time-limit", "0"}, {"--other", "1"}};
+    for (const std::vector<std::string>& arguments : wrong) {
+        const ChildResult daemon = RunProgram(FAULTD, arguments);
+        EXPECT_EQ(daemon.exitCode, 2);
+        EXPECT_EQ(daemon.err.find("usage: faultd "), 0u);
+    }
+}
+
+TEST_F(FaultdTest, SaysWhenThereIsNoServer)
+{
+    EXPECT_RESULT(Ctl({"list"}), 3, "", "faultctl: no server: faultd is not running\n");
+    unlink(KeyFile);
+    EXPECT_RESULT(Ctl({"exit"}), 3, "", "faultctl: no server: the key file /opt/orv/bin/orvd is missing\n");
+    EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "",
+                  "faultd: the key file /opt/orv/bin/orvd is missing; create it with `touch`\n");
+}
+
+TEST_F(FaultdTest, ASecondServerGivesWay)
+{
+    StartServer();
+    Ctl({"raise", "alpha", "7", "t"});
+    EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "",
+                  "faultd: no message queue: another faultd is running, or the host refuses one\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\t0\tt\n") << "the first one works on";
+}
+
+TEST_F(FaultdTest, EndsOnTheExitEventAndOnSigterm)
+{
+    StartServer();
+    EXPECT_EQ(QueuesOnTheHost(), 1);
+    EXPECT_RESULT(Ctl({"exit"}), 0, "", "");
+    EXPECT_EQ(EndOfServer(), 0);
+    EXPECT_EQ(QueuesOnTheHost(), 0);
+
+    StartServer();
+    kill(server, SIGTERM);
+    EXPECT_EQ(EndOfServer(), 0);
+    EXPECT_EQ(QueuesOnTheHost(), 0);
+    EXPECT_EQ(Ctl({"list"}).exitCode, 3);
+}
+
+TEST_F(FaultdTest, ServesTwoClientsAtOnce)
+{
+    StartServer();
+    const int rounds = 5;
+    std::vector<pid_t> clients;
+    for (const char* node : {"alpha", "beta"})
+        clients.push_back(StartChild([&, node] {
+            for (int i = 0; i < rounds; i++) {
+                const std::string file = directory.File(node + std::to_string(i));
+                WriteFile(file, Bytes(100000 + static_cast<size_t>(i), static_cast<unsigned>(node[0] + i)));
+                const std::string number = std::to_string(i);
+                if (Ctl({"raise", node, number, "t", "--attach", file}).exitCode != 0)
+                    _exit(1);
+                if (Ctl({"show", node, number, "--save", file + ".copy"}).exitCode != 0)
+                    _exit(2);
+                if (ReadFile(file) != ReadFile(file + ".copy"))
+                    _exit(3);
+            }
+        }));
+    for (pid_t client : clients)
+        EXPECT_EQ(WaitForExit(client), 0);
+    EXPECT_NE(Ctl({"status"}).out.find("Faults: 10\n"), std::string::npos);
+}
+
+TEST_F(FaultdTest, ACrashLeavesItsStateAndNoQueue)
+{
+    StartServer();
+    Ctl({"raise", "alpha", "7", "seen in the crash file"});
+    kill(server, SIGSEGV);
+    EXPECT_EQ(EndOfServer(), 128 + SIGABRT);
+    const std::string crash = WithoutTimes(ReadFile(CrashFile));
+    const std::string command = FAULTD;
+    EXPECT_NE(crash.find("\n<time>. SIGNAL 11 detected. ProgInfo=" + command + " \n"), std::string::npos) << crash;
+    EXPECT_NE(crash.find("Dumping EventManager data structures:\n"), std::string::npos);
+    EXPECT_NE(crash.find("Faults: 1\nalpha/00000007: seen in the crash file (0 bytes attached)\n"), std::string::npos);
+    EXPECT_NE(crash.find("IPCQServer Object Begin\n"), std::string::npos);
+    EXPECT_EQ(QueuesOnTheHost(), 0);
+}
+
+TEST_F(FaultdTest, Sigusr1WritesItsState)
+{
+    StartServer();
+    Ctl({"raise", "alpha", "7", "t"});
+    for (int i = 0; i < 2; i++) { // more than once
+        std::remove("/var/orv/data/faultd.state");
+        kill(server, SIGUSR1);
+        EXPECT_TRUE(WaitUntil([] {
+            const std::string state = ReadFile("/var/orv/data/faultd.state");
+            return state.find("Faults: 1\n") != std::string::npos &&
+                   state.find("*** End Dump of all Monitored Objects ***") != std::string::npos;
+        }));
+    }
+    EXPECT_EQ(Ctl({"list"}).exitCode, 0);
+}
+
+TEST_F(FaultdTest, ARestartReplacesTheQueueOfAKilledServer)
+{
+    StartServer();
+    Ctl({"raise", "alpha", "7", "t"});
+    kill(server, SIGKILL);
+    EXPECT_EQ(EndOfServer(), 128 + SIGKILL);
+    EXPECT_EQ(QueuesOnTheHost(), 1) << "it had no chance";
+    StartServer();
+    EXPECT_EQ(QueuesOnTheHost(), 1);
+    EXPECT_RESULT(Ctl({"list"}), 0, "", "");
+
+    // A client clears it away as well.
+    kill(server, SIGKILL);
+    EndOfServer();
+    EXPECT_RESULT(Ctl({"list"}), 3, "", "faultctl: no server: faultd is not running\n");
+    EXPECT_EQ(QueuesOnTheHost(), 0);
+}
+
+TEST_F(FaultdTest, LogsEventsAtDebugLevelOne)
+{
+    StartServer({"--debug", "1"});
+    Ctl({"raise", "alpha", "7", "t"});
+    Ctl({"exit"});
+    EXPECT_EQ(EndOfServer(), 0);
+    const std::string text = ReadFile(log());
+    EXPECT_NE(text.find("----\nEventBeg: RAISE\nFrom: [" FAULTCTL "] (" + NodeName() + ")\nEventEnd: Real="),
+              std::string::npos)
+        << text;
+}
+
+/// What faultd answers to data that no faultctl would send.
+short Status(short event, const std::string& data)
+{
+    IPCQClient client(0, "orvd");
+    short answered = -1;
+    Buffer answer;
+    EXPECT_EQ(client.send_event_with_response(event, data.data(), static_cast<long>(data.size())), 0);
+    return client.receive_response(answered, answer);
+}
+
+TEST_F(FaultdTest, RefusesBadPayloads)
+{
+    static char name[] = "faultd_test";
+    static char* argv[] = {name, nullptr};
+    ProgInfo::Initialize(1, argv, argv + 1, "1.0");
+    StartServer();
+    enum { Raise = 2, Fetch = 4, Clear = 5, Run = 6 };
+    // A whole record: node, number, time, text, attachment's length and bytes.
+    EXPECT_EQ(Status(Raise, "5|alpha7|0|4|text3|abc"), 0);
+    const char* const bad[] = {
+        "",                                   // nothing
+        "5|alpha",                            // the end is missing
+        "5|alpha7|0|4|text",                  //
+        "5|alpha7|0|4|text4|abc",             // an attachment of one byte less
+        "5|alpha7|0|4|text3|abcd",            // of one byte more
+        "5|alpha7|0|4|text-1|",               // of less than nothing
+        "5|alpha7|0|4|text2147483647|abc",    // of nearly everything
+        "5|alpha7|0|4|text99999999999999999999|abc", // of more than that
+        "5|alpha7|0|60000|text3|abc",         // a text that is not there
+        "5|alpha7|0|9|text3|abc",             // a text that is one byte short
+        "5|alphaseven|0|4|text3|abc",         // no number
+        "5|alpha-7|0|4|text3|abc",            // a number below 0
+        "0|7|0|4|text3|abc",                  // no node
+        "alpha|7|0|4|text3|abc",              // another form
+    };
+    for (const char* data : bad)
+        EXPECT_EQ(Status(Raise, data), 22) << data;
+    EXPECT_EQ(Status(Raise, "80|" + std::string(80, 'n') + "7|0|4|text0|"), 22) << "a long node name";
+    EXPECT_EQ(Status(Raise, "1|n7|0|4001|" + std::string(4001, 't') + "0|"), 22) << "a long text";
+    for (short event : {short(Fetch), short(Clear), short(Run)}) {
+        EXPECT_EQ(Status(event, ""), 22);
+        EXPECT_EQ(Status(event, "5|alph"), 22);
+        EXPECT_EQ(Status(event, "5|alpha7"), 22);
+    }
+    EXPECT_EQ(Status(Fetch, "5|alpha7|x"), 22) << "more than a key";
+    EXPECT_EQ(Status(Run, "5|alpha7|0|"), 22) << "an empty command";
+    EXPECT_EQ(Status(8, ""), 81) << "no such event";
+    EXPECT_EQ(Status(0, ""), 0) << "a sign of life";
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\t3\ttext\n");
+    EXPECT_EQ(Ctl({"exit"}).exitCode, 0);
+    EXPECT_EQ(EndOfServer(), 0);
+}
+
+TEST_F(FaultdTest, TheHelloPairWorks)
+{
+    MakeKeyFile("hello");
+    const ChildResult alone = RunProgram(HELLO_CLIENT, {});
+    EXPECT_EQ(alone.exitCode, 1);
+    EXPECT_EQ(alone.err, "hello_client: no answer: is hello_server running?\n");
+    server = Start(HELLO_SERVER, {}, log());
+    ASSERT_TRUE(WaitUntil([] { return RunProgram(HELLO_CLIENT, {}).out == "Hello, world!\n"; }));
+    EXPECT_RESULT(RunProgram(HELLO_CLIENT, {"operator"}), 0, "Hello, operator!\n", "");
+    const std::string longName(5000, 'x');
+    EXPECT_RESULT(RunProgram(HELLO_CLIENT, {longName}), 0, "Hello, " + longName + "!\n", "");
+    const ChildResult second = RunProgram(HELLO_SERVER, {});
+    EXPECT_EQ(second.exitCode, 1);
+    kill(server, SIGTERM);
+    EXPECT_EQ(EndOfServer(), 0);
+    EXPECT_EQ(QueuesOnTheHost(), 0);
+}
+
+} // namespace

@@ -1,0 +1,49 @@
+#!/bin/sh
+# package_test BUILD SOURCE: installs BUILD into a new prefix and uses it as a new user would: every public header
+# compiles alone, CMake's find_package and pkg-config both lead to a program that runs, and the programs printed in
+# README.md are the ones in examples/.
+set -eu
+build=$(cd "$1" && pwd)
+source=$(cd "$2" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/usr
+compiler="${CXX:-c++} -std=c++17 -Wall -Wextra -Wpedantic -Werror"
+fail() { echo "package_test: $*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+
+echo "== every public header compiles alone"
+cd "$prefix/include/zeloo"
+for header in Misc/*.h; do
+    echo "#include \"$header\"" | $compiler -I. -fsyntax-only -x c++ - || fail "$header does not compile alone"
+done
+
+echo "== headers keep their internals and namespaces to themselves"
+if grep -n 'using namespace' Misc/*.h; then fail "a header drags in a namespace"; fi
+for header in assertion.h text.h timedcall.h; do
+    [ ! -e "Misc/$header" ] || fail "$header is not public"
+done
+
+echo "== find_package: the examples build on the installed library"
+cmake -S "$source/examples" -B "$work/examples" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/examples" >/dev/null
+"$work/examples/faultctl" --help >/dev/null
+
+echo "== pkg-config: a program built by hand runs"
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zeloo.pc)")
+export PKG_CONFIG_PATH
+libraries=$(dirname "$(find "$prefix" -name libzeloo.so)")
+# shellcheck disable=SC2046 # one word a flag
+$compiler "$source/examples/hello_client.cc" -o "$work/hello_client" $(pkg-config --cflags --libs zeloo)
+LD_LIBRARY_PATH=$libraries "$work/hello_client" >/dev/null 2>&1 && fail "hello_client found a server where none runs"
+
+echo "== README.md prints the programs of examples/"
+block=0
+for program in hello_server hello_client; do
+    block=$((block + 1))
+    awk -v want=$block '/^```$/ { inside = 0 } inside { print } /^```cpp$/ { inside = (++seen == want) }' \
+        "$source/README.md" >"$work/$program.cc"
+    cmp "$work/$program.cc" "$source/examples/$program.cc" || fail "README.md and examples/$program.cc differ"
+done
+echo "1 passed, 0 failed"
