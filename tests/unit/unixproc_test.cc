@@ -281,6 +281,7 @@ TEST(UnixProcess, ACapturedCommandThatDoesNotExistHasNoOutput)
 {
     const char* argv[] = {"no-such-program-on-the-path", nullptr};
     const ChildResult child = RunInChild([&] {
+        setenv("PATH", "/usr/bin:/bin", 1); // a directory that may not be searched would change the error
         Buffer output;
         UnixProcess process(argv, output);
         std::cout << process.wait() << " " << output.Size();
