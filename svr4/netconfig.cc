@@ -1,0 +1,262 @@
+#include "svr4/netconfig.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "svr4/tli.h"
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: netconfig.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+namespace svr4 {
+
+int _nderror = ND_OK;
+
+namespace {
+
+constexpr struct netconfig kTransports[] = {
+    {"tcp", NC_TPI_COTS_ORD, NC_VISIBLE, "inet", "tcp", "/dev/tcp"},
+    {"tcp6", NC_TPI_COTS_ORD, NC_NOFLAG, "inet6", "tcp", "/dev/tcp6"},
+};
+constexpr size_t kTransportCount = sizeof kTransports / sizeof *kTransports;
+
+// A selection path on its way.
+struct NetPath {
+    char* copy;         // of NETPATH, or null without one
+    char* names;        // what is left of it, or null at its end
+    size_t nextVisible; // without NETPATH: the next transport to look at
+};
+
+int Fail(int code)
+{
+    _nderror = code;
+    return code;
+}
+
+const struct netconfig* FindTransport(const char* netid)
+{
+    for (const struct netconfig& transport : kTransports) {
+        if (strcmp(netid, transport.nc_netid) == 0) {
+            return &transport;
+        }
+    }
+    return nullptr;
+}
+
+// The address family of a transport, or AF_UNSPEC when it is none of this host.
+int Family(const struct netconfig* config)
+{
+    const struct netconfig* const known =
+        config != nullptr && config->nc_netid != nullptr ? FindTransport(config->nc_netid) : nullptr;
+    if (known == nullptr) {
+        return AF_UNSPEC;
+    }
+    return strcmp(known->nc_protofmly, "inet6") == 0 ? AF_INET6 : AF_INET;
+}
+
+// Whether `service` is left to the host: a name, or a port number in range. The host takes signs, blanks and any
+// number, and cuts it to 16 bits.
+bool IsService(const char* service)
+{
+    char* end;
+    const unsigned long port = strtoul(service, &end, 10);
+    if (*end != '\0') {
+        return true;
+    }
+    return strspn(service, "0123456789") == strlen(service) && port >= 1 && port <= 65535;
+}
+
+int ResolverFailure(int error)
+{
+    switch (error) {
+    case EAI_SERVICE:
+        return Fail(ND_NOSERV);
+    case EAI_MEMORY:
+        return Fail(ND_NOMEM);
+    case EAI_SYSTEM:
+    case EAI_AGAIN:
+    case EAI_FAIL:
+        return Fail(ND_SYSTEM);
+    default:
+        return Fail(ND_NOHOST);
+    }
+}
+
+bool Contains(const struct nd_addrlist& list, const struct addrinfo& found)
+{
+    for (int i = 0; i < list.n_cnt; i++) {
+        const struct netbuf& address = list.n_addrs[i];
+        if (address.len == found.ai_addrlen && memcmp(address.buf, found.ai_addr, address.len) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A list of the addresses `found`, once each; null when memory fails.
+struct nd_addrlist* MakeList(const struct addrinfo* found)
+{
+    size_t count = 0;
+    for (const struct addrinfo* next = found; next != nullptr; next = next->ai_next) {
+        count++;
+    }
+    struct nd_addrlist* const list = static_cast<struct nd_addrlist*>(calloc(1, sizeof *list));
+    if (list == nullptr) {
+        return nullptr;
+    }
+    list->n_addrs = static_cast<struct netbuf*>(calloc(count, sizeof *list->n_addrs));
+    for (; list->n_addrs != nullptr && found != nullptr; found = found->ai_next) {
+        if (Contains(*list, *found)) {
+            continue;
+        }
+        struct netbuf* const address = &list->n_addrs[list->n_cnt];
+        address->buf = static_cast<char*>(malloc(found->ai_addrlen));
+        if (address->buf == nullptr) {
+            break;
+        }
+        memcpy(address->buf, found->ai_addr, found->ai_addrlen);
+        address->len = address->maxlen = found->ai_addrlen;
+        list->n_cnt++;
+    }
+    if (list->n_addrs == nullptr || found != nullptr) {
+        netdir_free(list, ND_ADDRLIST);
+        return nullptr;
+    }
+    return list;
+}
+
+} // namespace
+
+void* setnetpath()
+{
+    NetPath* const path = static_cast<NetPath*>(calloc(1, sizeof(NetPath)));
+    if (path == nullptr) {
+        return nullptr;
+    }
+    const char* const names = getenv("NETPATH");
+    if (names == nullptr) {
+        return path;
+    }
+    path->copy = path->names = strdup(names);
+    path->nextVisible = kTransportCount;
+    if (path->copy == nullptr) {
+        free(path);
+        return nullptr;
+    }
+    return path;
+}
+
+const struct netconfig* getnetpath(void* handlep)
+{
+    NetPath* const path = static_cast<NetPath*>(handlep);
+    if (path == nullptr) {
+        return nullptr;
+    }
+    while (path->names != nullptr) {
+        const char* const netid = strsep(&path->names, ":");
+        if (const struct netconfig* const transport = FindTransport(netid)) {
+            return transport;
+        }
+    }
+    while (path->nextVisible < kTransportCount) {
+        const struct netconfig* const transport = &kTransports[path->nextVisible++];
+        if ((transport->nc_flag & NC_VISIBLE) != 0) {
+            return transport;
+        }
+    }
+    return nullptr;
+}
+
+int endnetpath(void* handlep)
+{
+    if (handlep == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    free(static_cast<NetPath*>(handlep)->copy);
+    free(handlep);
+    return 0;
+}
+
+int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* service, struct nd_addrlist** addrs)
+{
+    if (addrs == nullptr) {
+        return Fail(ND_BADARG);
+    }
+    *addrs = nullptr;
+    const int family = Family(config);
+    if (family == AF_UNSPEC || service == nullptr || service->h_host == nullptr || service->h_serv == nullptr) {
+        return Fail(ND_BADARG);
+    }
+    if (!IsService(service->h_serv)) {
+        return Fail(ND_NOSERV);
+    }
+    struct addrinfo hints = {};
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_protocol = IPPROTO_TCP;
+    hints.ai_flags = AI_PASSIVE; // no host: the wildcard address
+    const bool isSelf = strcmp(service->h_host, HOST_SELF) == 0;
+    struct addrinfo* found = nullptr;
+    const int error = getaddrinfo(isSelf ? nullptr : service->h_host, service->h_serv, &hints, &found);
+    if (error != 0) {
+        return ResolverFailure(error);
+    }
+    *addrs = MakeList(found);
+    freeaddrinfo(found);
+    return *addrs == nullptr ? Fail(ND_NOMEM) : ND_OK;
+}
+
+void netdir_free(void* ptr, int struct_type)
+{
+    if (ptr == nullptr || struct_type != ND_ADDRLIST) {
+        return;
+    }
+    struct nd_addrlist* const list = static_cast<struct nd_addrlist*>(ptr);
+    for (int i = 0; i < list->n_cnt; i++) {
+        free(list->n_addrs[i].buf);
+    }
+    free(list->n_addrs);
+    free(list);
+}
+
+char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
+{
+    const int family = Family(config);
+    struct sockaddr_in6 address = {}; // the larger of the two; family and port are at the same place in both
+    const size_t length = family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in);
+    if (family == AF_UNSPEC || addr == nullptr || addr->buf == nullptr || addr->len < length) {
+        Fail(ND_BADARG);
+        return nullptr;
+    }
+    memcpy(&address, addr->buf, length);
+    if (address.sin6_family != family) {
+        Fail(ND_BADARG);
+        return nullptr;
+    }
+    char host[INET6_ADDRSTRLEN];
+    const void* const bytes = family == AF_INET6
+        ? static_cast<const void*>(&address.sin6_addr)
+        : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
+    inet_ntop(family, bytes, host, sizeof host);
+    const unsigned port = ntohs(address.sin6_port);
+    constexpr size_t size = INET6_ADDRSTRLEN + sizeof ".255.255";
+    char* const text = static_cast<char*>(malloc(size));
+    if (text == nullptr) {
+        Fail(ND_NOMEM);
+        return nullptr;
+    }
+    snprintf(text, size, "%s.%u.%u", host, port >> 8, port & 255);
+    return text;
+}
+
+} // namespace svr4
