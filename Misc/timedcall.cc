@@ -37,6 +37,7 @@ TimedCall::~TimedCall()
     struct itimerval off = {};
     setitimer(ITIMER_REAL, &off, nullptr); // first: the caller's handler must not see this alarm
     sigaction(SIGALRM, &earlierAction, nullptr);
-    setitimer(ITIMER_REAL, &earlierAlarm, nullptr);
+    if (earlierAlarm.it_value.tv_sec != 0 || earlierAlarm.it_value.tv_usec != 0)
+        setitimer(ITIMER_REAL, &earlierAlarm, nullptr);
     errno = savedErrno;
 }
