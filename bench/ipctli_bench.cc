@@ -1,0 +1,231 @@
+// A connection with the library's protocol beside the same bytes over sockets alone: a request with its response, and
+// 1 MiB in records. Both ends run on one core.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+
+#include "Misc/ipctli.h"
+#include "Misc/proginfo.h"
+
+namespace {
+
+const int RecordSize = sizeof(TliMsgStruct);
+const int BlockSize = sizeof(TliMsgStruct::msg_data);
+const int RequestSize = 100;
+const int TransferSize = 1 << 20;
+const char Service[] = "47117"; // a port by its number: no table of services is needed
+const uint16_t RawPort = 47118;
+
+void PinToOneCore()
+{
+    cpu_set_t allowed;
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    int core = 0;
+    while (core < CPU_SETSIZE - 1 && !CPU_ISSET(core, &allowed))
+        core++;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(core, &one);
+    sched_setaffinity(0, sizeof one, &one);
+}
+
+pid_t Fork(const std::function<void()>& body)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(0);
+    }
+    return pid;
+}
+
+// Answers every event with an event without data, until the client closes.
+void Serve(IPCTli& listener)
+{
+    IPCTli end;
+    if (!listener.Tlisten() || !end.Taccept(listener))
+        return;
+    TliMsgStruct record;
+    Buffer data;
+    while (end.recv_block(&record, data) == 0) {
+        record.result_code = 0;
+        if (record.response_rqd && end.send_block(&record, nullptr, 0) != 0)
+            return;
+    }
+}
+
+// A server in a process of its own, and a client of it.
+class LibraryEnds {
+public:
+    LibraryEnds()
+    {
+        static char name[] = "ipctli_bench";
+        static char* arguments[] = {name, nullptr};
+        ProgInfo::Initialize(1, arguments, arguments + 1, "1.0");
+        IPCTli listener;
+        if (!listener.Tprelisten("localhost", Service))
+            std::abort();
+        server = Fork([&] { Serve(listener); });
+        listener.Tclose();
+        client = new IPCTliClient(0, Service, "localhost", 0);
+        if (!client->Connected())
+            std::abort();
+    }
+    ~LibraryEnds()
+    {
+        delete client;
+        waitpid(server, nullptr, 0);
+    }
+    IPCTliClient& Client() { return *client; }
+
+private:
+    pid_t server;
+    IPCTliClient* client;
+};
+
+bool SendAll(int fd, const char* bytes, size_t length)
+{
+    while (length > 0) {
+        const ssize_t n = send(fd, bytes, length, MSG_NOSIGNAL);
+        if (n <= 0)
+            return false;
+        bytes += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool ReceiveAll(int fd, char* bytes, size_t length)
+{
+    while (length > 0) {
+        const ssize_t n = recv(fd, bytes, length, 0);
+        if (n <= 0)
+            return false;
+        bytes += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// The other end of the floor: takes records, and answers those that are the last of something.
+void ServeRaw(int listener)
+{
+    const int fd = accept(listener, nullptr, nullptr);
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    char record[RecordSize];
+    while (ReceiveAll(fd, record, sizeof record))
+        if (record[0] && !SendAll(fd, record, sizeof record))
+            break;
+    close(fd);
+}
+
+class RawEnds {
+public:
+    RawEnds()
+    {
+        struct sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(RawPort);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const struct sockaddr* const generic = reinterpret_cast<struct sockaddr*>(&address);
+        const int on = 1;
+        const int listener = socket(AF_INET, SOCK_STREAM, 0);
+        setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        if (bind(listener, generic, sizeof address) != 0 || listen(listener, 5) != 0)
+            std::abort();
+        server = Fork([&] { ServeRaw(listener); });
+        fd = socket(AF_INET, SOCK_STREAM, 0);
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        if (connect(fd, generic, sizeof address) != 0)
+            std::abort();
+        close(listener);
+    }
+    ~RawEnds()
+    {
+        close(fd);
+        waitpid(server, nullptr, 0);
+    }
+
+    bool Send(const char* data, size_t length, bool last)
+    {
+        record[0] = last;
+        std::memcpy(record + RecordSize - BlockSize, data, length);
+        return SendAll(fd, record, sizeof record);
+    }
+    bool TakeAnswer() { return ReceiveAll(fd, record, sizeof record); }
+
+private:
+    pid_t server;
+    int fd;
+    char record[RecordSize] = {};
+};
+
+void RoundTrip(benchmark::State& state)
+{
+    PinToOneCore();
+    LibraryEnds ends;
+    const std::string request(RequestSize, 'r');
+    short event;
+    Buffer data;
+    for (auto _ : state)
+        if (ends.Client().send_event_with_response(1, request.data(), RequestSize) != 0 ||
+            ends.Client().receive_response(event, data) != 0)
+            state.SkipWithError("no response");
+}
+BENCHMARK(RoundTrip)->UseRealTime();
+
+void RoundTripFloor(benchmark::State& state)
+{
+    PinToOneCore();
+    RawEnds ends;
+    const std::string request(RequestSize, 'r');
+    for (auto _ : state)
+        if (!ends.Send(request.data(), request.size(), true) || !ends.TakeAnswer())
+            state.SkipWithError("no response");
+}
+BENCHMARK(RoundTripFloor)->UseRealTime();
+
+void Transfer(benchmark::State& state)
+{
+    PinToOneCore();
+    LibraryEnds ends;
+    const std::string block(TransferSize, 't');
+    short event;
+    Buffer data;
+    for (auto _ : state)
+        if (ends.Client().send_event_with_response(1, block.data(), TransferSize) != 0 ||
+            ends.Client().receive_response(event, data) != 0)
+            state.SkipWithError("no response");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
+}
+BENCHMARK(Transfer)->UseRealTime();
+
+void TransferFloor(benchmark::State& state)
+{
+    PinToOneCore();
+    RawEnds ends;
+    const std::string block(TransferSize, 't');
+    for (auto _ : state)
+        for (size_t sent = 0; sent < block.size(); sent += BlockSize) {
+            const size_t length = std::min<size_t>(BlockSize, block.size() - sent);
+            const bool last = sent + length == block.size();
+            if (!ends.Send(block.data() + sent, length, last) || (last && !ends.TakeAnswer()))
+                state.SkipWithError("no response");
+        }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
+}
+BENCHMARK(TransferFloor)->UseRealTime();
+
+} // namespace

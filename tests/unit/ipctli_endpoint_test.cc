@@ -1,0 +1,809 @@
+// Endpoints: names and addresses, connecting, listening and accepting, time limits, and every line that they print.
+#include <cstdlib>
+#include <new>
+#include <sstream>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+
+#include "svr4/tli.h"
+#include "tests/unit/ipctli_testing.h"
+
+#if !defined(__SANITIZE_ADDRESS__) // which replaces the allocator itself
+#define CAN_FAIL_MEMORY 1
+
+// The allocation that fails: one of `callocSize` bytes for one structure, or of a text.
+static size_t callocSize = 0;
+static bool failText = false;
+
+extern "C" void* __libc_calloc(size_t n, size_t size);
+extern "C" void* calloc(size_t n, size_t size)
+{
+    return n == 1 && size == callocSize ? nullptr : __libc_calloc(n, size);
+}
+
+void* operator new[](size_t size, const std::nothrow_t&) noexcept
+{
+    return failText ? nullptr : std::malloc(size);
+}
+void operator delete[](void* p) noexcept
+{
+    std::free(p);
+}
+void operator delete[](void* p, size_t) noexcept
+{
+    std::free(p);
+}
+#endif
+
+namespace {
+
+using namespace ipctli_testing;
+
+class IpctliEndpoint : public IpctliTest {};
+
+void ExpectSilence(const std::function<void()>& body)
+{
+    const Output output = Capture(body);
+    EXPECT_EQ(output.out, "");
+    EXPECT_EQ(output.err, "");
+}
+
+// ---- The closed endpoint ----
+
+TEST_F(IpctliEndpoint, AClosedEndpoint)
+{
+    ExpectSilence([] {
+        IPCTli end;
+        EXPECT_EQ(Descriptor(end), -1);
+        EXPECT_EQ(end.Tclose(), -1);
+        EXPECT_EQ(Descriptor(end), -1);
+        end.Tshutdown();
+        EXPECT_EQ(end.send("x", 1), TcpError);
+        EXPECT_EQ(end.send("x", 0), 0);
+        char byte = 'x';
+        EXPECT_EQ(end.recv(&byte, 0), 0);
+        EXPECT_EQ(end.recv(&byte, -1), 0);
+        EXPECT_EQ(byte, 'x');
+        end.SigTermProc(SIGTERM);
+        end.SigTermProc(SIGTERM);
+    });
+}
+
+TEST_F(IpctliEndpoint, ReceivingOnAClosedEndpoint)
+{
+    IPCTli end;
+    char bytes[4] = "xxx";
+    const Output output = Capture([&] { EXPECT_EQ(end.recv(bytes, 3), TcpError); });
+    EXPECT_EQ(WithoutErrno(output.out.substr(output.out.find('\n') + 1)), "errno: N t_errno: 4\ntlook is: -1\n");
+    EXPECT_EQ(output.out.substr(0, output.out.find('\n') + 1), "t_recv failed: \n");
+    EXPECT_EQ(output.err, "error on recv:: Illegal file descriptor\n");
+    EXPECT_EQ(std::string(bytes, 3), std::string(3, '\0'));
+}
+
+// ---- Connecting ----
+
+TEST_F(IpctliEndpoint, AHostThatIsThisNodeIsTheLocalHost)
+{
+    RawSocket listener;
+    ASSERT_TRUE(listener.Listen());
+    ExpectSilence([&] {
+        for (const char* host : {static_cast<const char*>(nullptr), "thisnode", "\\1", "localhost", "127.0.0.1"}) {
+            IPCTli end;
+            EXPECT_EQ(end.Topen(host, "orvd"), 1) << (host != nullptr ? host : "null");
+            EXPECT_GE(Descriptor(end), 0);
+            RawSocket peer(listener.Accept());
+            EXPECT_EQ(end.send("abc", 3), 0);
+            char bytes[3];
+            EXPECT_EQ(recv(peer.fd, bytes, 3, MSG_WAITALL), 3);
+        }
+        IPCTli end; // the node is in no table: only its replacement can be found
+        EXPECT_EQ(end.get_addrs_and_provider("thisnode", "orvd"), 0);
+        EXPECT_EQ(end.get_addrs_and_provider("\\1", "orvd"), 1);
+        EXPECT_EQ(end.get_addrs_and_provider("localhost", "orvd"), 1);
+    });
+}
+
+TEST_F(IpctliEndpoint, FailuresToConnectPrintNothing)
+{
+    RawSocket listener;
+    ASSERT_TRUE(listener.Listen());
+    ExpectSilence([] {
+        IPCTli end;
+        EXPECT_EQ(end.Topen("localhost", "other"), 0); // nobody listens
+        EXPECT_EQ(Descriptor(end), -1);
+        EXPECT_EQ(end.Topen("localhost", "nosuchservice"), 0);
+        EXPECT_EQ(end.Topen("nosuchhost.invalid", "orvd"), 0);
+        EXPECT_EQ(end.Topen("localhost", nullptr), 0);
+        EXPECT_EQ(end.Topen("", "nosuchservice"), 0);
+        setenv("NETPATH", "", 1);
+        EXPECT_EQ(end.Topen("localhost", "orvd"), 0);
+        EXPECT_EQ(end.get_addrs_and_provider("localhost", "orvd"), 0);
+        setenv("NETPATH", "nosuchtransport:tcp", 1);
+        EXPECT_EQ(end.Topen("localhost", "orvd"), 1);
+        unsetenv("NETPATH");
+        EXPECT_EQ(end.Topen("localhost", "other"), 0);
+        EXPECT_EQ(Descriptor(end), -1);
+    });
+}
+
+TEST_F(IpctliEndpoint, OpeningAgainClosesTheFirstConnection)
+{
+    RawSocket listener;
+    ASSERT_TRUE(listener.Listen());
+    IPCTli end;
+    ASSERT_EQ(end.Topen("localhost", "orvd"), 1);
+    const int open = OpenDescriptors();
+    RawSocket first(listener.Accept());
+    ASSERT_EQ(end.Topen("localhost", "orvd"), 1);
+    RawSocket second(listener.Accept());
+    EXPECT_TRUE(first.AtEnd());
+    EXPECT_EQ(end.send("a", 1), 0);
+    char byte;
+    EXPECT_EQ(recv(second.fd, &byte, 1, 0), 1);
+    EXPECT_EQ(OpenDescriptors(), open + 2);
+    end.Tprelisten("localhost", "other");
+    EXPECT_TRUE(second.AtEnd());
+    EXPECT_EQ(OpenDescriptors(), open + 2);
+}
+
+// A connection that the peer does not complete: its backlog is full.
+TEST_F(IpctliEndpoint, ConnectingIsLimitedTo120Seconds)
+{
+    RawSocket listener;
+    ASSERT_TRUE(listener.Listen(0));
+    RawSocket filler[4];
+    for (RawSocket& socket : filler) {
+        socket.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        const struct sockaddr_in address = RawSocket::Loopback(Port);
+        connect(socket.fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address);
+    }
+    IPCTli end;
+    {
+        Handling handling(SIGUSR2);
+        Nagger nagger(SIGUSR2);
+        ExpectSilence([&] { EXPECT_EQ(end.Topen("localhost", "orvd"), 0); });
+        EXPECT_GT(Handling::secondsLeft, 115);
+        EXPECT_LE(Handling::secondsLeft, 120);
+    }
+    EXPECT_EQ(Descriptor(end), -1);
+    Handling alarms(SIGALRM);
+    alarm(500);
+    {
+        Nagger nagger(SIGALRM);
+        ExpectSilence([&] { EXPECT_EQ(end.Topen("localhost", "orvd"), 0); });
+    }
+    EXPECT_GT(alarm(0), 490u); // the caller's alarm is armed again
+    struct sigaction now;
+    sigaction(SIGALRM, nullptr, &now);
+    EXPECT_NE(now.sa_handler, sigalarm);
+    EXPECT_EQ(now.sa_flags & SA_RESTART, SA_RESTART);
+}
+
+// ---- Listening ----
+
+TEST_F(IpctliEndpoint, ListeningLookUpFailures)
+{
+    IPCTli end;
+    Output output = Capture([&] { EXPECT_EQ(end.Tprelisten("nosuchhost.invalid", "orvd"), 0); });
+    EXPECT_EQ(output.out, "get info failed for host: nosuchhost.invalid service: orvd\n");
+    EXPECT_EQ(output.err, "");
+    output = Capture([&] { EXPECT_EQ(end.Tprelisten(nullptr, "nosuchservice"), 0); });
+    EXPECT_EQ(output.out, "get info failed for host: \\1 service: nosuchservice\n");
+    output = Capture([&] { EXPECT_EQ(end.Tprelisten("thisnode", "nosuchservice"), 0); });
+    EXPECT_EQ(output.out, "get info failed for host: \\1 service: nosuchservice\n");
+    output = Capture([&] { EXPECT_EQ(end.Tprelisten(nullptr, nullptr), 0); });
+    EXPECT_EQ(output.out, "get info failed for host: \\1 service: \n");
+    setenv("NETPATH", "", 1);
+    output = Capture([&] { EXPECT_EQ(end.Tprelisten("localhost", "orvd"), 0); });
+    unsetenv("NETPATH");
+    EXPECT_EQ(output.out, "get info failed for host: localhost service: orvd\n");
+    EXPECT_EQ(Descriptor(end), -1);
+}
+
+TEST_F(IpctliEndpoint, ListeningAtATakenAddress)
+{
+    IPCTli first;
+    ASSERT_EQ(first.Tprelisten("localhost", "orvd"), 1);
+    IPCTli second;
+    const Output output = Capture([&] { EXPECT_EQ(second.Tprelisten("localhost", "orvd"), 0); });
+    EXPECT_EQ(output.out.substr(0, output.out.find('\n') + 1), "Tprelisten t_bind failed: \n");
+    EXPECT_EQ(WithoutErrno(output.out.substr(output.out.find('\n') + 1)), "errno: N t_errno: 23\n");
+    EXPECT_EQ(output.err, "Tprelisten t_bind failed:: Transport address is in use\n");
+    EXPECT_EQ(Descriptor(second), -1);
+}
+
+TEST_F(IpctliEndpoint, ListeningWithoutADescriptor)
+{
+    const ChildResult child = RunInChild([] {
+        IPCTli end;
+        const int next = dup(0);
+        close(next);
+        const struct rlimit limit = {rlim_t(next), rlim_t(next)};
+        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+        CHILD_CHECK(end.Tprelisten(nullptr, "4711") == 0);
+        CHILD_CHECK(end.Topen(nullptr, "4711") == 0);
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.err;
+    EXPECT_EQ(child.out, "Tprelisten t_open failure\n");
+}
+
+TEST_F(IpctliEndpoint, ListeningWithoutMemory)
+{
+#if CAN_FAIL_MEMORY
+    IPCTli end;
+    failText = true;
+    Output output = Capture([&] {
+        EXPECT_EQ(end.Tprelisten("localhost", "orvd"), 0);
+        failText = false;
+    });
+    EXPECT_EQ(output.out, "no address or provider to Tprelisten\n");
+    EXPECT_EQ(Descriptor(end), -1);
+    output = Capture([&] {
+        callocSize = sizeof(struct sockaddr_storage); // the request's address
+        EXPECT_EQ(end.Tprelisten("localhost", "orvd"), 0);
+        callocSize = 0;
+    });
+    EXPECT_EQ(output.out, "Allocation of req failed\n");
+    EXPECT_EQ(Descriptor(end), -1);
+    output = Capture([&] {
+        callocSize = sizeof(struct svr4::t_call);
+        EXPECT_EQ(end.Tprelisten("localhost", "orvd"), 0);
+        callocSize = 0;
+    });
+    EXPECT_EQ(output.out, "unable to alloc a t_call structure in t_listen\n");
+    EXPECT_EQ(output.err, "");
+    EXPECT_EQ(Descriptor(end), -1);
+    ASSERT_EQ(end.Tprelisten("localhost", "orvd"), 1);
+
+    IPCTli client;
+    ExpectSilence([&] {
+        failText = true;
+        EXPECT_EQ(client.Topen("localhost", "orvd"), 0);
+        failText = false;
+        callocSize = sizeof(struct svr4::t_call);
+        EXPECT_EQ(client.Topen("localhost", "orvd"), 0);
+        callocSize = 0;
+        EXPECT_EQ(Descriptor(client), -1);
+        EXPECT_EQ(client.Topen("localhost", "orvd"), 1);
+    });
+#endif
+}
+
+TEST_F(IpctliEndpoint, FiveRequestsMayWait)
+{
+    IPCTli listener;
+    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
+    RawSocket clients[5];
+    for (RawSocket& client : clients)
+        ASSERT_TRUE(client.Connect());
+    for (char number = '0'; number < '5'; number++)
+        ASSERT_TRUE(clients[number - '0'].Send(std::string(1, number)));
+    for (char number = '0'; number < '5'; number++) { // in the order in which they came
+        IPCTli end;
+        ASSERT_EQ(listener.Tlisten(), 1);
+        ASSERT_EQ(end.Taccept(listener), 1);
+        char byte;
+        EXPECT_EQ(end.recv(&byte, 1), 0);
+        EXPECT_EQ(byte, number);
+        EXPECT_EQ(end.send("!", 1), 0);
+        EXPECT_EQ(recv(clients[number - '0'].fd, &byte, 1, 0), 1);
+    }
+}
+
+TEST_F(IpctliEndpoint, AServerComesBackAtOnce)
+{
+    for (int i = 0; i < 3; i++) {
+        RawPeerConnection connection; // which the server closes first
+        EXPECT_EQ(connection.end.send("x", 1), 0);
+    }
+}
+
+TEST_F(IpctliEndpoint, ListeningAgain)
+{
+    IPCTli end;
+    const int open = OpenDescriptors();
+    ASSERT_EQ(end.Tprelisten(nullptr, "orvd"), 1);
+    ASSERT_EQ(end.Tprelisten(nullptr, "orvd"), 1);
+    EXPECT_EQ(OpenDescriptors(), open + 1);
+    RawSocket client;
+    EXPECT_TRUE(client.Connect());
+    EXPECT_EQ(end.Tlisten(), 1);
+    Output output = Capture([&] { EXPECT_EQ(end.Tprelisten(nullptr, "nosuchservice"), 0); });
+    EXPECT_TRUE(client.AtEnd());
+    output = Capture([&] { EXPECT_EQ(end.Tlisten(), 0); });
+    EXPECT_EQ(output.out, "no callptr provied to Tlisten function\n");
+}
+
+TEST_F(IpctliEndpoint, ListenWithoutPrelisten)
+{
+    IPCTli end;
+    Output output = Capture([&] { EXPECT_EQ(end.Tlisten(), 0); });
+    EXPECT_EQ(output.out, "no callptr provied to Tlisten function\n");
+    EXPECT_EQ(output.err, "");
+
+    RawSocket listener;
+    ASSERT_TRUE(listener.Listen());
+    ASSERT_EQ(end.Topen("localhost", "orvd"), 1);
+    output = Capture([&] { EXPECT_EQ(end.Tlisten(), 0); });
+    EXPECT_EQ(output.out, "no callptr provied to Tlisten function\n");
+    EXPECT_EQ(Descriptor(end), -1);
+}
+
+TEST_F(IpctliEndpoint, ListenIsInterrupted)
+{
+    IPCTli listener;
+    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
+    Handling handling(SIGUSR2);
+    Output output;
+    {
+        Nagger nagger(SIGUSR2);
+        output = Capture([&] { EXPECT_EQ(listener.Tlisten(), 0); });
+    }
+    EXPECT_EQ(output.out, "Tprelisten t_listen failed: \nerrno: 4 t_errno: 8\n");
+    EXPECT_EQ(output.err, "t_listen failed:: System error: Interrupted system call\n");
+    EXPECT_EQ(Descriptor(listener), -1);
+}
+
+TEST_F(IpctliEndpoint, ListenFindsThatAClientHasGone)
+{
+    IPCTli listener;
+    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
+    RawSocket client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_EQ(listener.Tlisten(), 1);
+    client.Reset();
+    const Output output = Capture([&] { EXPECT_EQ(listener.Tlisten(), 0); });
+    const size_t second = output.out.find('\n') + 1;
+    EXPECT_EQ(output.out.substr(0, second), "Tprelisten t_listen failed: \n");
+    EXPECT_EQ(WithoutErrno(output.out.substr(second)), "errno: N t_errno: 9\n"
+                                                       "Tlisten t_listen failed tlook is: 16\n");
+    EXPECT_EQ(output.err, "t_listen failed:: An event requires attention\n");
+    EXPECT_EQ(Descriptor(listener), -1);
+}
+
+// ---- Accepting ----
+
+TEST_F(IpctliEndpoint, AcceptFromAnEndpointWithoutAProvider)
+{
+    IPCTli listener;
+    IPCTli end;
+    const Output output = Capture([&] { EXPECT_EQ(end.Taccept(listener), 0); });
+    EXPECT_EQ(output.out, "Taccept t_open failed: 21\n");
+    EXPECT_EQ(output.err, "");
+    EXPECT_EQ(Descriptor(end), -1);
+}
+
+TEST_F(IpctliEndpoint, AcceptWithoutARequest)
+{
+    IPCTli listener;
+    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
+    IPCTli end;
+    const Output output = Capture([&] { EXPECT_EQ(end.Taccept(listener), 0); });
+    EXPECT_EQ(WithoutErrno(output.out), "Taccept t_accept failed: 6\nTaccept t_accept errno:N\n");
+    EXPECT_EQ(output.err, "Taccept t_accept failed:: Routine will place interface out of state\n");
+    EXPECT_EQ(Descriptor(end), -1);
+    EXPECT_GE(Descriptor(listener), 0);
+}
+
+TEST_F(IpctliEndpoint, AcceptFindsThatTheClientHasGone)
+{
+    IPCTli listener;
+    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
+    RawSocket client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_EQ(listener.Tlisten(), 1);
+    client.Reset();
+    IPCTli end;
+    const Output output = Capture([&] { EXPECT_EQ(end.Taccept(listener), 0); });
+    EXPECT_EQ(WithoutErrno(output.out), "Taccept t_accept failed: 9\n"
+                                        "Taccept t_accept errno:N\n"
+                                        "Taccept t_accept failed tlook is: 16\n");
+    EXPECT_EQ(output.err, "Taccept t_accept failed:: An event requires attention\n");
+    EXPECT_EQ(Descriptor(end), -1);
+
+    RawSocket next; // the event was taken: the server goes on
+    ASSERT_TRUE(next.Connect());
+    ASSERT_EQ(listener.Tlisten(), 1);
+    EXPECT_EQ(end.Taccept(listener), 1);
+}
+
+// ---- Transfer ----
+
+TEST_F(IpctliEndpoint, ReceivesPieceByPiece)
+{
+    RawPeerConnection connection;
+    const std::string text = Pattern(1904);
+    const pid_t sender = StartChild([&] {
+        for (size_t i = 0; i < text.size(); i += 17) {
+            CHILD_CHECK(connection.peer.Send(text.substr(i, 17)));
+            if (i % 10 == 0)
+                usleep(1000);
+        }
+    });
+    std::string received(1904, 'x');
+    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&received[0], 1904), 0); });
+    EXPECT_TRUE(received == text);
+    EXPECT_EQ(WaitForExit(sender), 0);
+}
+
+TEST_F(IpctliEndpoint, APeerThatClosesInOrder)
+{
+    RawPeerConnection connection;
+    ASSERT_TRUE(connection.peer.Send("half"));
+    connection.peer.Close();
+    std::string received(8, 'x');
+    ExpectSilence([&] {
+        EXPECT_EQ(connection.end.recv(&received[0], 8), ServerGone);
+        EXPECT_EQ(received, std::string("half\0\0\0\0", 8));
+        EXPECT_EQ(connection.end.recv(&received[0], 8), ServerGone);
+    });
+    EXPECT_EQ(received, std::string(8, '\0'));
+    EXPECT_GE(Descriptor(connection.end), 0);
+}
+
+TEST_F(IpctliEndpoint, APeerThatResets)
+{
+    RawPeerConnection connection;
+    ASSERT_TRUE(connection.peer.Send("half"));
+    connection.peer.Reset();
+    std::string received(8, 'x');
+    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&received[0], 8), ServerGone); });
+    ExpectSilence([&] { EXPECT_EQ(connection.end.send("x", 1), TcpError); });
+}
+
+// Neither a signal nor a line: a code.
+TEST_F(IpctliEndpoint, SendingToAPeerThatHasGone)
+{
+    RawPeerConnection connection;
+    connection.peer.Close();
+    const std::string block(1 << 16, 'b');
+    ExpectSilence([&] {
+        short code = 0;
+        EXPECT_TRUE(WaitUntil([&] { return (code = connection.end.send(block.data(), long(block.size()))) != 0; }));
+        EXPECT_EQ(code, TcpError);
+    });
+}
+
+TEST_F(IpctliEndpoint, AReceiveIsLimitedTo900Seconds)
+{
+    RawPeerConnection connection;
+    ASSERT_TRUE(connection.peer.Send("half"));
+    std::string received(8, 'x');
+    Handling handling(SIGUSR2);
+    Nagger nagger(SIGUSR2);
+    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&received[0], 8), ReceiveTimeOut); });
+    EXPECT_EQ(received, std::string("half\0\0\0\0", 8));
+    EXPECT_GT(Handling::secondsLeft, 890);
+    EXPECT_LE(Handling::secondsLeft, 900);
+    EXPECT_GE(Descriptor(connection.end), 0);
+}
+
+TEST_F(IpctliEndpoint, TheAlarmEndsAReceive)
+{
+    RawPeerConnection connection;
+    char byte;
+    Handling alarms(SIGALRM);
+    alarm(500);
+    {
+        Nagger nagger(SIGALRM);
+        ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&byte, 1), ReceiveTimeOut); });
+    }
+    EXPECT_GT(alarm(0), 490u);
+    struct sigaction now;
+    sigaction(SIGALRM, nullptr, &now);
+    EXPECT_NE(now.sa_handler, sigalarm);
+    EXPECT_EQ(now.sa_flags & SA_RESTART, SA_RESTART);
+
+    ASSERT_TRUE(connection.peer.Send("x")); // what is there is received under any number of alarms
+    Nagger nagger(SIGALRM);
+    EXPECT_TRUE(WaitUntil([] { return Handling::calls > 2; }));
+    EXPECT_EQ(connection.end.recv(&byte, 1), 0);
+    EXPECT_EQ(byte, 'x');
+}
+
+// The limit counts for a record, not for each piece of it.
+TEST_F(IpctliEndpoint, TheLimitIsNotRenewedByData)
+{
+    RawPeerConnection connection;
+    Handling handling(SIGUSR2);
+    const pid_t sender = StartChild([&] {
+        for (int i = 0; i < 15; i++) {
+            usleep(100000);
+            CHILD_CHECK(connection.peer.Send("x"));
+        }
+        for (;;) { // again and again: one that comes between two waits interrupts nothing
+            CHILD_CHECK(kill(getppid(), SIGUSR2) == 0);
+            usleep(20000);
+        }
+    });
+    std::string received(100, '?');
+    EXPECT_EQ(connection.end.recv(&received[0], 100), ReceiveTimeOut);
+    EXPECT_GT(Handling::secondsLeft, 880);
+    EXPECT_LT(Handling::secondsLeft, 900);
+    kill(sender, SIGKILL);
+    WaitForExit(sender);
+}
+
+// ---- Ending ----
+
+TEST_F(IpctliEndpoint, ShutdownDeliversWhatWasSent)
+{
+    RawPeerConnection connection;
+    const std::string block(100000, 'b');
+    ASSERT_EQ(connection.end.send(block.data(), long(block.size())), 0);
+    connection.end.Tshutdown();
+    EXPECT_EQ(connection.end.send("x", 1), TcpError);
+    EXPECT_EQ(connection.end.Tclose(), 0);
+    EXPECT_EQ(Descriptor(connection.end), -1);
+    EXPECT_EQ(connection.end.Tclose(), -1);
+    std::string received(block.size(), '?');
+    EXPECT_EQ(recv(connection.peer.fd, &received[0], received.size(), MSG_WAITALL), ssize_t(block.size()));
+    EXPECT_TRUE(received == block);
+    EXPECT_TRUE(connection.peer.AtEnd());
+}
+
+TEST_F(IpctliEndpoint, SigTermProcReleasesEverything)
+{
+    RawPeerConnection connection;
+    connection.end.SigTermProc(SIGTERM);
+    EXPECT_EQ(Descriptor(connection.end), -1);
+    EXPECT_TRUE(connection.peer.AtEnd());
+    connection.listener.SigTermProc(SIGTERM);
+    EXPECT_EQ(Descriptor(connection.listener), -1);
+    const Output output = Capture([&] { EXPECT_EQ(connection.listener.Tlisten(), 0); });
+    EXPECT_EQ(output.out, "no callptr provied to Tlisten function\n");
+    connection.listener.SigTermProc(SIGTERM);
+    RawSocket late;
+    EXPECT_FALSE(late.Connect());
+}
+
+TEST_F(IpctliEndpoint, ASignalEndsAProcessWithOpenEndpoints)
+{
+    IPCTli listener;
+    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
+    const pid_t server = StartChild([&] {
+        IPCTli end;
+        CHILD_CHECK(listener.Tlisten() && end.Taccept(listener));
+        CHILD_CHECK(end.send("up", 2) == 0);
+        char byte;
+        end.recv(&byte, 1);
+    });
+    listener.Tclose();
+    RawSocket client;
+    ASSERT_TRUE(client.Connect());
+    char up[2];
+    ASSERT_EQ(recv(client.fd, up, 2, MSG_WAITALL), 2);
+    kill(server, SIGTERM);
+    EXPECT_EQ(WaitForExit(server), 0);
+    EXPECT_EQ(recv(client.fd, up, 1, 0), 0); // in order, not by a reset
+    RawSocket late;
+    EXPECT_FALSE(late.Connect());
+}
+
+// A forked process that is not to use the connection closes its copy alone.
+TEST_F(IpctliEndpoint, CloseLeavesAnotherProcessItsConnection)
+{
+    RawPeerConnection connection;
+    const pid_t child = StartChild([&] { CHILD_CHECK(connection.end.Tclose() == 0); });
+    EXPECT_EQ(WaitForExit(child), 0);
+    EXPECT_EQ(connection.end.send("x", 1), 0);
+    char byte = 0;
+    EXPECT_EQ(recv(connection.peer.fd, &byte, 1, 0), 1);
+    ASSERT_TRUE(connection.peer.Send("y"));
+    EXPECT_EQ(connection.end.recv(&byte, 1), 0);
+    EXPECT_EQ(byte, 'y');
+}
+
+// ---- Names ----
+
+std::string DefaultHost(const char* server)
+{
+    const char* host = IPCTli::get_default_hostname(server);
+    return host != nullptr ? host : "(null)";
+}
+
+TEST_F(IpctliEndpoint, TheDefaultHost)
+{
+    const char* const file = "/var/orv/data/orvdserver.host";
+    EXPECT_EQ(DefaultHost("orvd"), "(null)");
+    EXPECT_EQ(DefaultHost("pexserver"), "(null)");
+    EXPECT_EQ(DefaultHost("orvpmd"), "(null)");
+    EXPECT_EQ(DefaultHost("else where"), "else where");
+    EXPECT_EQ(DefaultHost("ORVD"), "ORVD");
+    EXPECT_EQ(DefaultHost(""), "");
+    EXPECT_EQ(DefaultHost(nullptr), "(null)");
+
+    WriteFile(file, "alpha beta\ngamma\n");
+    for (const char* server : {"orvd", "pexserver", "orvpmd"})
+        EXPECT_EQ(DefaultHost(server), "alpha");
+    EXPECT_EQ(DefaultHost("orvsys"), "orvsys");
+    const struct {
+        std::string content;
+        std::string host;
+    } cases[] = {
+        {"", ""},
+        {"\nsecond\n", ""},
+        {" leading\n", ""},
+        {"\tleading\n", ""},
+        {"noend", "noend"},
+        {"tab\tx\n", "tab"},
+        {"return\r\n", "return"},
+        {"feed\f\n", "feed"},
+        {"vertical\v\n", "vertical"},
+        {std::string(255, 'h') + "\n", std::string(255, 'h')},
+        {std::string(256, 'h') + "\n", std::string(256, 'h')},
+        {std::string(257, 'h') + "\n", std::string(256, 'h')},
+        {std::string(5000, 'h'), std::string(256, 'h')},
+        {std::string("nul\0x\n", 6), "nul"},
+    };
+    for (const auto& each : cases) {
+        WriteFile(file, each.content);
+        EXPECT_EQ(DefaultHost("orvd"), each.host) << each.content;
+    }
+    EXPECT_EQ(DefaultHost(std::string(300, 'x').c_str()), std::string(256, 'x'));
+    const char* first = IPCTli::get_default_hostname("one");
+    EXPECT_EQ(IPCTli::get_default_hostname("two"), first);
+    EXPECT_STREQ(first, "two");
+    EXPECT_STREQ(IPCTli::get_default_hostname(first), "two");
+}
+
+std::string Address(const char* host, const char* service)
+{
+    char addr[IPCTli::AsciiAddrSize];
+    std::memset(addr, 'x', sizeof addr);
+    IPCTli::get_ascii_addr(host, service, addr);
+    return addr;
+}
+
+TEST_F(IpctliEndpoint, PrintableAddresses)
+{
+    EXPECT_EQ(Address("localhost", "orvd"), "127.0.0.1.18.103");
+    EXPECT_EQ(Address("there", "other"), "127.0.0.9.18.104");
+    EXPECT_EQ(Address("\\1", "orvd"), "0.0.0.0.18.103");
+    EXPECT_EQ(Address("thisnode", "orvd"), "");
+    EXPECT_EQ(Address("localhost", "nosuchservice"), "");
+    EXPECT_EQ(Address(nullptr, "orvd"), "");
+    EXPECT_EQ(Address("localhost", nullptr), "");
+    setenv("NETPATH", "tcp:tcp6", 1); // the last one wins
+    EXPECT_EQ(Address("\\1", "orvd"), "::.18.103");
+    EXPECT_EQ(Address("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "65535"),
+              "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff.255.255");
+    setenv("NETPATH", "tcp6:tcp", 1);
+    EXPECT_EQ(Address("\\1", "orvd"), "0.0.0.0.18.103");
+    setenv("NETPATH", "", 1);
+    EXPECT_EQ(Address("\\1", "orvd"), "");
+    unsetenv("NETPATH");
+}
+
+TEST_F(IpctliEndpoint, ConfiguredServices)
+{
+    EXPECT_EQ(IPCTli::configured_ok("localhost", "orvd"), 1);
+    EXPECT_EQ(IPCTli::configured_ok(nullptr, "orvd"), 1);
+    EXPECT_EQ(IPCTli::configured_ok("thisnode", "orvd"), 1);
+    EXPECT_EQ(IPCTli::configured_ok("nosuchhost.invalid", "orvd"), 0);
+    EXPECT_EQ(IPCTli::configured_ok("localhost", "nosuchservice"), 0);
+    EXPECT_EQ(IPCTli::configured_ok(nullptr, "nosuchservice"), 0);
+}
+
+TEST_F(IpctliEndpoint, NodeNames)
+{
+    EXPECT_EQ(IPCTli::NodeNamesEqual("localhost", "localhost"), 1);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("nosuchhost.invalid", "nosuchhost.invalid"), 1);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "alsohere"), 1);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "127.0.0.1"), 1);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "there"), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "nosuchhost.invalid"), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("nosuchhost.invalid", "here"), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("a.invalid", "b.invalid"), 0); // both unknown are not equal
+    EXPECT_EQ(IPCTli::NodeNamesEqual(nullptr, "here"), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("here", nullptr), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual(nullptr, nullptr), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("", ""), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("", "here"), 0);
+    WriteFile("/etc/services", services); // without the service there are no addresses to compare
+    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "alsohere"), 0);
+}
+
+std::string Information(const char* host, const char* service)
+{
+    std::ostringstream out;
+    IPCTli::info(host, service, out);
+    EXPECT_TRUE(out.good());
+    return out.str();
+}
+
+std::string HexDump(const std::string& bytes)
+{
+    std::ostringstream out;
+    Buffer::hexdumpOn(bytes.data(), static_cast<unsigned>(bytes.size()), out);
+    return out.str();
+}
+
+std::string InternetAddress(const std::string& host)
+{
+    return std::string("\2\0\x12\x67", 4) + host + std::string(8, '\0');
+}
+
+TEST_F(IpctliEndpoint, InformationAboutAService)
+{
+    const std::string transport = "===================================================\n"
+                                  "Transport provider name:      tcp\n"
+                                  "Transport protocol family:    inet\n"
+                                  "The transport device file:    /dev/tcp\n"
+                                  "Transport provider semantics: connection-oriented transport with orderly release\n";
+    EXPECT_EQ(Information("there", "orvd"),
+              "Information for host: there service: orvd\n" + transport +
+                  "There are <1> addresses for the orvd service on there\n"
+                  "127.0.0.9.18.103\n"
+                  "Hex dump of address: " +
+                  HexDump(InternetAddress(std::string("\x7f\0\0\x09", 4))));
+    EXPECT_EQ(Information(nullptr, "orvd"),
+              "Information for host: \\1 service: orvd\n" + transport +
+                  "There are <1> addresses for the orvd service on \\1\n"
+                  "0.0.0.0.18.103\n"
+                  "Hex dump of address: " +
+                  HexDump(InternetAddress(std::string(4, '\0'))));
+    WriteFile("/etc/hosts", "127.0.0.5 several\n127.0.0.6 several\n");
+    const std::string several = Information("several", "orvd");
+    EXPECT_EQ(several.substr(several.find("There")),
+              "There are <2> addresses for the orvd service on several\n"
+              "127.0.0.5.18.103\n"
+              "Hex dump of address: " +
+                  HexDump(InternetAddress(std::string("\x7f\0\0\x05", 4))) + "127.0.0.6.18.103\n" +
+                  "Hex dump of address: " + HexDump(InternetAddress(std::string("\x7f\0\0\x06", 4))));
+}
+
+TEST_F(IpctliEndpoint, InformationAboutTwoTransports)
+{
+    setenv("NETPATH", "tcp6:tcp", 1);
+    const std::string text = Information("\\1", "orvd");
+    unsetenv("NETPATH");
+    const size_t second = text.rfind("====\nTransport provider name:      tcp\n");
+    ASSERT_NE(second, std::string::npos);
+    EXPECT_NE(text.find("====\nTransport provider name:      tcp6\nTransport protocol family:    inet6\n"
+                        "The transport device file:    /dev/tcp6\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("\n::.18.103\nHex dump of address: HexDump for 28 "), std::string::npos);
+}
+
+TEST_F(IpctliEndpoint, InformationAboutNothing)
+{
+    const std::string nothing = "No valid addresses found.\n check network files (ie. /etc/hosts, /etc/services)\n";
+    EXPECT_EQ(Information("nosuchhost.invalid", "orvd"),
+              "Information for host: nosuchhost.invalid service: orvd\n" + nothing);
+    EXPECT_EQ(Information("localhost", nullptr), "Information for host: localhost service: \n" + nothing);
+    setenv("NETPATH", "", 1);
+    EXPECT_EQ(Information("localhost", "orvd"), "Information for host: localhost service: orvd\n" + nothing);
+    unsetenv("NETPATH");
+}
+
+TEST_F(IpctliEndpoint, InformationWithoutASelectionPath)
+{
+#if CAN_FAIL_MEMORY
+    setenv("NETPATH", "tcp", 1);
+    callocSize = 24; // of the path; no structure of this size is made before it
+    const std::string text = Information("localhost", "orvd");
+    IPCTli end;
+    EXPECT_EQ(end.get_addrs_and_provider("localhost", "orvd"), 0);
+    callocSize = 0;
+    unsetenv("NETPATH");
+    EXPECT_EQ(text, "Information for host: localhost service: orvd\nUnable to setnetpath()\n");
+#endif
+}
+
+TEST_F(IpctliEndpoint, LookUpsLeaveNothingOpen)
+{
+    IPCTli end;
+    const int open = OpenDescriptors();
+    for (int i = 0; i < 10; i++) {
+        end.get_addrs_and_provider("localhost", "orvd");
+        IPCTli::NodeNamesEqual("here", "there");
+        Information("localhost", "orvd");
+        end.Topen("localhost", "orvd");
+    }
+    EXPECT_EQ(OpenDescriptors(), open);
+}
+
+} // namespace
