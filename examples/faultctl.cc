@@ -1,23 +1,29 @@
-// The command-line client of faultd: each command is one event, sent with its data and answered.
+// The command-line client of faultd, on its host or another. Each command is one event, sent with data and answered.
 #include <cctype>
 #include <charconv>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <strings.h>
-#include <unistd.h>
 
 #include "Misc/Dates.h"
-#include "Misc/ipcq.h"
+#include "Misc/Error.h"
+#include "Misc/ipcobject.h"
 #include "Misc/proginfo.h"
 
 #include "fault.h"
 
 static const char Usage[] =
-    "usage: faultctl COMMAND\n"
+    "usage: faultctl [--host NAME] COMMAND\n"
+    "  --host NAME  the host of the server, which a relayd there makes accessible; without it the server is sought on\n"
+    "               this host and then on the one named in /var/orv/data/orvdserver.host\n"
+    "Commands:\n"
     "  raise NODE NUMBER TEXT [--attach FILE]  raise a fault, or replace the one that is there\n"
     "  list                                    one fault a line: id, time, attached bytes and text, between tabs\n"
     "  show NODE NUMBER [--save FILE]          show a fault; save its attachment\n"
@@ -28,6 +34,9 @@ static const char Usage[] =
     "                                          error, numbered by line; - reads standard input\n"
     "  status                                  print the state of the server\n"
     "  exit                                    end the server\n"
+    "  batch                                   run the commands on standard input, one a line, over one connection;\n"
+    "                                          words with blanks stand in double quotes; the exit code is that of the\n"
+    "                                          last command that failed\n"
     "Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no server.\n";
 
 enum ExitCode { Done = 0, Failed = 1, WrongUsage = 2, NoServer = 3 };
@@ -45,25 +54,44 @@ static ExitCode Misused(const std::string& message)
     return Complain(WrongUsage, message + "; see faultctl --help");
 }
 
+/// The server. It is connected to when the first command needs it, and again when it was started again.
+class Server {
+public:
+    CString host;         // empty: wherever it is
+    bool patient = false; // waits a little for a server that is being started again
+
+    ReconnectClient& Client()
+    {
+        if (client == nullptr) {
+            client = std::make_unique<ReconnectClient>(0, FaultServerName, host);
+            client->SetRetryCount(patient ? 3 : 1);
+            client->SetRetryWaitTime(1);
+        }
+        return *client;
+    }
+    ExitCode Missing() const
+    {
+        if (host.strlen() > 0)
+            return Complain(NoServer, "no server: none on " + std::string(host) + ", or no relay to it");
+        return Complain(NoServer, "no server: faultd is not running here, and there is no relay to another host");
+    }
+
+private:
+    std::unique_ptr<ReconnectClient> client;
+};
+
 // Sends `event` to the server and waits for its answer. Says on standard error what went wrong, if anything did; the
 // answer's data may be of use even then.
-static ExitCode Ask(short event, const Buffer& request, Buffer& answer)
+static ExitCode Ask(Server& server, short event, const Buffer& request, Buffer& answer)
 {
-    if (access(FaultKeyFile, F_OK) != 0)
-        return Complain(NoServer, std::string("no server: the key file ") + FaultKeyFile + " is missing");
-    IPCQClient server(0, FaultServerName);
-    if (!server.Connected())
-        return Complain(NoServer, "no server: faultd is not running");
-
-    short answered = event;
-    short code = server.send_event_with_response(event, request, static_cast<long>(request.Size()));
+    ReconnectClient& client = server.Client();
+    const bool wasThere = client.ServerConnected();
+    const short code = client.SendEventWithResponse(event, answer, event, request, static_cast<long>(request.Size()));
     if (code == 0)
-        code = server.receive_response(answered, answer);
-    if (code == 0 && answered != event) // NoEvent is what a time-out gives
-        code = answered == NoEvent ? ErrorReporter::IPC_RECV_TIME_OUT : ErrorReporter::IPC_BAD_RESPONSE_EVENT;
-    if (event == ExitEvent && code == ErrorReporter::SERVER_GONE) // the queue may go before the answer is read
-        code = 0;
-    if (code == 0)
+        return Done;
+    if (!wasThere && !client.ServerConnected())
+        return server.Missing();
+    if (event == ExitEvent && code == ErrorReporter::SERVER_GONE) // it may go before the answer is read
         return Done;
     const bool gone = code >= ErrorReporter::SERVER_GONE && code <= ErrorReporter::IPC_RECV_PROCESS_GONE;
     const std::string message = ErrorReporter::GetErrorType(code);
@@ -73,10 +101,10 @@ static ExitCode Ask(short event, const Buffer& request, Buffer& answer)
 
 // Asks for an object, which may come with a failure too.
 template <class Object>
-static ExitCode AskFor(short event, const Buffer& request, Object& object)
+static ExitCode AskFor(Server& server, short event, const Buffer& request, Object& object)
 {
     Buffer answer;
-    const ExitCode code = Ask(event, request, answer);
+    const ExitCode code = Ask(server, event, request, answer);
     if (answer.Size() == 0 && code != Done)
         return code;
     return Unpack(answer, object) ? code : Complain(Failed, "the server's answer cannot be read");
@@ -108,7 +136,7 @@ static void PrintLine(const FaultSummary& fault)
               << fault.text << "\n";
 }
 
-static ExitCode Raise(const Arguments& arguments, const std::string& file)
+static ExitCode Raise(Server& server, const Arguments& arguments, const std::string& file)
 {
     FaultRecord fault;
     if (!ReadKey(arguments, fault.summary.key))
@@ -121,19 +149,19 @@ static ExitCode Raise(const Arguments& arguments, const std::string& file)
     fault.summary.attached = static_cast<int>(fault.attachment.Size());
     Buffer request, answer;
     Pack(fault, request);
-    return Ask(RaiseEvent, request, answer);
+    return Ask(server, RaiseEvent, request, answer);
 }
 
-static ExitCode List(const Arguments&, const std::string&)
+static ExitCode List(Server& server, const Arguments&, const std::string&)
 {
     FaultList list;
-    const ExitCode code = AskFor(ListEvent, Buffer(), list);
+    const ExitCode code = AskFor(server, ListEvent, Buffer(), list);
     for (const FaultSummary& fault : list.faults)
         PrintLine(fault);
     return code;
 }
 
-static ExitCode Show(const Arguments& arguments, const std::string& file)
+static ExitCode Show(Server& server, const Arguments& arguments, const std::string& file)
 {
     FaultKey key;
     if (!ReadKey(arguments, key))
@@ -141,7 +169,7 @@ static ExitCode Show(const Arguments& arguments, const std::string& file)
     Buffer request;
     Pack(key, request);
     FaultRecord fault;
-    const ExitCode code = AskFor(FetchEvent, request, fault);
+    const ExitCode code = AskFor(server, FetchEvent, request, fault);
     if (code != Done)
         return code;
     std::cout << "Fault:    " << fault.summary.key.Name() << "\n"
@@ -153,17 +181,17 @@ static ExitCode Show(const Arguments& arguments, const std::string& file)
     return Done;
 }
 
-static ExitCode Clear(const Arguments& arguments, const std::string&)
+static ExitCode Clear(Server& server, const Arguments& arguments, const std::string&)
 {
     FaultKey key;
     if (!ReadKey(arguments, key))
         return BadKey();
     Buffer request, answer;
     Pack(key, request);
-    return Ask(ClearEvent, request, answer);
+    return Ask(server, ClearEvent, request, answer);
 }
 
-static ExitCode Run(const Arguments& arguments, const std::string&)
+static ExitCode Run(Server& server, const Arguments& arguments, const std::string&)
 {
     FaultCommand command;
     if (!ReadKey(arguments, command.key))
@@ -174,7 +202,7 @@ static ExitCode Run(const Arguments& arguments, const std::string&)
     Buffer request;
     Pack(command, request);
     CommandResult result;
-    const ExitCode code = AskFor(RunEvent, request, result);
+    const ExitCode code = AskFor(server, RunEvent, request, result);
     PrintBytes(result.output);
     if (code == Done && result.exitStatus != 0)
         return Complain(Failed, "the command ended with status " + std::to_string(result.exitStatus));
@@ -194,7 +222,7 @@ static bool TellsOfError(const std::string& line)
     return false;
 }
 
-static ExitCode Load(const Arguments& arguments, const std::string&)
+static ExitCode Load(Server& server, const Arguments& arguments, const std::string&)
 {
     std::ifstream file;
     if (arguments[0] != "-")
@@ -214,7 +242,7 @@ static ExitCode Load(const Arguments& arguments, const std::string&)
         fault.summary.raised = Dates::CurrentTime();
         Buffer request, answer;
         Pack(fault, request);
-        const ExitCode code = Ask(RaiseEvent, request, answer);
+        const ExitCode code = Ask(server, RaiseEvent, request, answer);
         if (code != Done)
             return code;
         PrintLine(fault.summary);
@@ -224,26 +252,28 @@ static ExitCode Load(const Arguments& arguments, const std::string&)
     return Done;
 }
 
-static ExitCode Status(const Arguments&, const std::string&)
+static ExitCode Status(Server& server, const Arguments&, const std::string&)
 {
     Buffer answer;
-    const ExitCode code = Ask(StatusEvent, Buffer(), answer);
+    const ExitCode code = Ask(server, StatusEvent, Buffer(), answer);
     PrintBytes(answer);
     return code;
 }
 
-static ExitCode Exit(const Arguments&, const std::string&)
+static ExitCode Exit(Server& server, const Arguments&, const std::string&)
 {
     Buffer answer;
-    return Ask(ExitEvent, Buffer(), answer);
+    return Ask(server, ExitEvent, Buffer(), answer);
 }
+
+static ExitCode Batch(Server& server, const Arguments&, const std::string&);
 
 struct Command {
     const char* name;
     const char* takes;
     size_t count;       // of its arguments
     const char* option; // that may be given with a file, or null
-    ExitCode (*run)(const Arguments& arguments, const std::string& file);
+    ExitCode (*run)(Server& server, const Arguments& arguments, const std::string& file);
 };
 
 static const Command Commands[] = {
@@ -255,33 +285,62 @@ static const Command Commands[] = {
     {"load", "FILE", 1, nullptr, Load},
     {"status", "no arguments", 0, nullptr, Status},
     {"exit", "no arguments", 0, nullptr, Exit},
+    {"batch", "no arguments", 0, nullptr, Batch},
 };
 
-static ExitCode Execute(const Command& command, Arguments arguments)
+// Runs the command in the first of the words.
+static ExitCode Execute(Server& server, Arguments words)
 {
-    std::string file;
-    const size_t count = arguments.size();
-    if (command.option != nullptr && count == command.count + 2 && arguments[count - 2] == command.option) {
-        file = arguments[count - 1];
-        arguments.resize(count - 2);
+    if (words.empty())
+        return Misused("no command");
+    for (const Command& command : Commands) {
+        if (words[0] != command.name)
+            continue;
+        words.erase(words.begin());
+        std::string file;
+        const size_t count = words.size();
+        if (command.option != nullptr && count == command.count + 2 && words[count - 2] == command.option) {
+            file = words[count - 1];
+            words.resize(count - 2);
+        }
+        if (words.size() != command.count)
+            return Misused(std::string(command.name) + " takes " + command.takes);
+        return command.run(server, words, file);
     }
-    if (arguments.size() != command.count)
-        return Misused(std::string(command.name) + " takes " + command.takes);
-    return command.run(arguments, file);
+    return Misused("unknown command " + words[0]);
+}
+
+static ExitCode Batch(Server& server, const Arguments&, const std::string&)
+{
+    server.patient = true;
+    ExitCode result = Done;
+    for (std::string line; std::getline(std::cin, line);) {
+        std::istringstream text(line);
+        Arguments words;
+        for (std::string word; text >> std::quoted(word);)
+            words.push_back(word);
+        if (words.empty())
+            continue;
+        const ExitCode code = Execute(server, words);
+        std::cout.flush(); // whoever writes the next command may want to see what came of this one
+        if (code != Done)
+            result = code;
+    }
+    return result;
 }
 
 int main(int argc, char** argv, char** envp)
 {
     ProgInfo::Initialize(argc, argv, envp, FaultVersion);
-    const std::string name = argc > 1 ? argv[1] : "";
-    if (name == "--help") {
+    Arguments words(argv + 1, argv + argc);
+    if (!words.empty() && words[0] == "--help") {
         std::cout << Usage;
         return Done;
     }
-    if (name.empty())
-        return Misused("no command");
-    for (const Command& command : Commands)
-        if (name == command.name)
-            return Execute(command, Arguments(argv + 2, argv + argc));
-    return Misused("unknown command " + name);
+    Server server;
+    if (words.size() >= 2 && words[0] == "--host") {
+        server.host = words[1].c_str();
+        words.erase(words.begin(), words.begin() + 2);
+    }
+    return Execute(server, words);
 }

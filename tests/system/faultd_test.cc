@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Misc/Error.h"
 #include "Misc/ZELstream.h"
 #include "Misc/ipcq.h"
 #include "Misc/proginfo.h"
@@ -24,6 +25,7 @@ namespace {
 
 const char KeyFile[] = "/opt/orv/bin/orvd";
 const char CrashFile[] = "/var/orv/data/faultd.sig";
+const char NoServer[] = "faultctl: no server: faultd is not running here, and there is no relay to another host\n";
 
 [[noreturn]] void Execute(const std::string& program, const std::vector<std::string>& arguments)
 {
@@ -259,6 +261,7 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
 {
     const std::string hint = "; see faultctl --help\n";
     EXPECT_RESULT(Ctl({}), 2, "", "faultctl: no command" + hint);
+    EXPECT_RESULT(Ctl({"--host"}), 2, "", "faultctl: unknown command --host" + hint);
     EXPECT_RESULT(Ctl({"rise"}), 2, "", "faultctl: unknown command rise" + hint);
     EXPECT_RESULT(Ctl({"raise", "n", "1"}), 2, "",
                   "faultctl: raise takes NODE NUMBER TEXT [--attach FILE]" + hint);
@@ -292,11 +295,52 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
 
 TEST_F(FaultdTest, SaysWhenThereIsNoServer)
 {
-    EXPECT_RESULT(Ctl({"list"}), 3, "", "faultctl: no server: faultd is not running\n");
+    EXPECT_RESULT(Ctl({"list"}), 3, "", NoServer);
     unlink(KeyFile);
-    EXPECT_RESULT(Ctl({"exit"}), 3, "", "faultctl: no server: the key file /opt/orv/bin/orvd is missing\n");
+    EXPECT_RESULT(Ctl({"exit"}), 3, "", NoServer);
     EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "",
                   "faultd: the key file /opt/orv/bin/orvd is missing; create it with `touch`\n");
+}
+
+TEST_F(FaultdTest, FindsTheServerOfANamedHost)
+{
+    StartServer();
+    EXPECT_RESULT(Ctl({"--host", NodeName(), "raise", "alpha", "7", "t"}), 0, "", "");
+    EXPECT_EQ(WithoutTimes(Ctl({"--host", NodeName(), "list"}).out), "alpha/00000007\t<time>\t0\tt\n");
+    EXPECT_RESULT(Ctl({"--host", "nowhere", "list"}), 3, "",
+                  "faultctl: no server: none on nowhere, or no relay to it\n");
+    EXPECT_RESULT(Ctl({"--host", "nowhere"}), 2, "", "faultctl: no command; see faultctl --help\n");
+}
+
+TEST_F(FaultdTest, RunsABatchOfCommands)
+{
+    StartServer();
+    const std::string commands = directory.File("commands");
+    const std::string answers = directory.File("answers");
+    ASSERT_EQ(mkfifo(commands.c_str(), 0600), 0);
+    const pid_t batch = StartChild([&] {
+        dup2(open(commands.c_str(), O_RDONLY), 0);
+        const int out = open(answers.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        dup2(out, 1);
+        dup2(out, 2);
+        Execute(FAULTCTL, {"batch"});
+    });
+    const int in = open(commands.c_str(), O_WRONLY | O_CLOEXEC); // the next server is not to hold it open
+    const auto order = [in](const std::string& lines) { return write(in, lines.data(), lines.size()) > 0; };
+    EXPECT_TRUE(order("raise alpha 7 \"two  words and \\\"quotes\\\"\"\n\n   list\nclear alpha 8\nrise\n"));
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(answers).find("rise") != std::string::npos; }));
+    kill(server, SIGKILL);
+    EndOfServer();
+    StartServer();
+    EXPECT_TRUE(order("list\nraise alpha 9 t\nlist")); // the last line need not end
+    close(in);
+    EXPECT_EQ(WaitForExit(batch), 2) << "the code of the last one that failed";
+    EXPECT_EQ(WithoutTimes(ReadFile(answers)),
+              "alpha/00000007\t<time>\t0\ttwo  words and \"quotes\"\n"
+              "faultctl: CLEAR: Cannot find the data item, it does not exist. (56)\n"
+              "faultctl: unknown command rise; see faultctl --help\n"
+              "alpha/00000009\t<time>\t0\tt\n");
+    EXPECT_RESULT(Ctl({"batch"}), 0, "", "");
 }
 
 TEST_F(FaultdTest, ASecondServerGivesWay)
@@ -392,7 +436,7 @@ TEST_F(FaultdTest, ARestartReplacesTheQueueOfAKilledServer)
     // A client clears it away as well.
     kill(server, SIGKILL);
     EndOfServer();
-    EXPECT_RESULT(Ctl({"list"}), 3, "", "faultctl: no server: faultd is not running\n");
+    EXPECT_RESULT(Ctl({"list"}), 3, "", NoServer);
     EXPECT_EQ(QueuesOnTheHost(), 0);
 }
 

@@ -1,0 +1,727 @@
+// Clients on other hosts: relayd, run for real, between TCP connections and a server's queue.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Misc/ipcobject.h"
+#include "Misc/ipctli.h"
+#include "tests/support/echo_server.h"
+#include "tests/unit/ipcq_testing.h"
+
+using namespace ipcq_testing;
+
+namespace {
+
+const char HostFile[] = "/var/orv/data/orvdserver.host";
+const char FarHost[] = "far"; // another address of this host, so that it counts as another host
+const uint16_t Port = 4711;
+const short GoneEvent = -1;
+
+/// Starts a program with its output in a file.
+pid_t Start(const std::string& program, const std::vector<std::string>& arguments, const std::string& output)
+{
+    return StartChild([&] {
+        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        close(fd);
+        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+        for (const std::string& argument : arguments)
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        execv(program.c_str(), argv.data());
+        _exit(127);
+    });
+}
+
+/// The children of a process; zombies count.
+std::vector<pid_t> ChildrenOf(pid_t pid)
+{
+    std::vector<pid_t> children;
+    const std::string number = std::to_string(pid);
+    std::ifstream in("/proc/" + number + "/task/" + number + "/children");
+    for (pid_t child; in >> child;)
+        children.push_back(child);
+    return children;
+}
+
+/// A connection made by hand.
+class RawConnection {
+public:
+    RawConnection() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        struct sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(Port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected = connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~RawConnection() { close(fd); }
+    RawConnection(const RawConnection&) = delete;
+    RawConnection& operator=(const RawConnection&) = delete;
+
+    bool Send(const void* bytes, size_t n)
+    {
+        return ::send(fd, bytes, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n);
+    }
+    bool Send(const TliMsgStruct& record) { return Send(&record, sizeof record); }
+    /// Receives a record; false when the connection has ended.
+    bool Receive(TliMsgStruct& record)
+    {
+        return ::recv(fd, &record, sizeof record, MSG_WAITALL) == static_cast<ssize_t>(sizeof record);
+    }
+    /// Whether the relay has closed the connection, in order or not, without sending anything.
+    bool IsClosedByPeer()
+    {
+        char byte;
+        return ::recv(fd, &byte, 1, 0) <= 0;
+    }
+    void Reset()
+    {
+        const struct linger now = {1, 0};
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+        close(fd);
+        fd = -1;
+    }
+
+    bool connected;
+
+private:
+    int fd;
+};
+
+TliMsgStruct Record(short event, const std::string& data = "", bool response = false, bool ack = false)
+{
+    TliMsgStruct record = {};
+    std::strcpy(record.senders_version, "2.1");
+    std::strcpy(record.origprog, "raw");
+    std::strcpy(record.orignode, "faraway");
+    record.event = event;
+    record.response_rqd = response;
+    record.ack_rqd = ack;
+    record.result_code = -1;
+    record.alloc_data_length = static_cast<int32_t>(data.size());
+    record.send_data_length = static_cast<int16_t>(data.size());
+    std::memcpy(record.msg_data, data.data(), data.size());
+    return record;
+}
+
+TliMsgStruct ProbeRecord(short object = 0)
+{
+    TliMsgStruct record = {};
+    record.object = object;
+    record.QueueExistCheck = 1;
+    return record;
+}
+
+class RelaydTest : public IpcqTest {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (!InSandbox())
+            return;
+        std::ofstream("/etc/services", std::ios::app) << "\norvd 4711/tcp\nhello 4712/tcp\n";
+        std::ofstream("/etc/hosts", std::ios::app) << "\n127.0.0.2 " << FarHost << "\n";
+    }
+    void SetUp() override
+    {
+        if (!InSandbox())
+            GTEST_SKIP() << "needs a private /etc, /var and /opt/orv/bin";
+        IpcqTest::SetUp();
+        unlink(HostFile);
+    }
+    void TearDown() override
+    {
+        EndServer();
+        if (relay > 0) {
+            EXPECT_EQ(EndRelay(), 0) << Log();
+        }
+    }
+
+    void StartRelay(const std::vector<std::string>& arguments = {})
+    {
+        relay = Start(RELAYD, arguments, directory.File("relayd.log"));
+        ASSERT_TRUE(WaitUntil([] { return RawConnection().connected; })) << Log();
+        { // it is answered when the ones before it have got their processes
+            RawConnection last;
+            TliMsgStruct answer;
+            EXPECT_TRUE(last.Send(ProbeRecord()) && last.Receive(answer));
+        }
+        EXPECT_TRUE(Serves(0));
+    }
+    int EndRelay(int signal = SIGTERM)
+    {
+        kill(relay, signal);
+        const int code = WaitForExit(relay);
+        relay = 0;
+        return code;
+    }
+    void StartEchoes(const char* name = "orvd") { server = StartServer(name, ServeEchoes); }
+    void EndServer(int signal = SIGTERM)
+    {
+        if (server <= 0)
+            return;
+        kill(server, signal);
+        WaitForExit(server);
+        server = 0;
+    }
+    std::string Log() const { return ReadFile(directory.File("relayd.log")); }
+    /// Waits until the relay serves `n` connections.
+    bool Serves(size_t n) const
+    {
+        return WaitUntil([&] { return ChildrenOf(relay).size() == n; });
+    }
+
+    TemporaryDirectory directory;
+    pid_t relay = 0;
+    pid_t server = 0;
+    short event = -1;
+    Buffer data;
+};
+
+std::unique_ptr<IPCClient> FarClient(short object = 0, const char* name = "orvd")
+{
+    return std::make_unique<IPCClient>(object, name, FarHost);
+}
+
+// ---- The same over both transports ------------------------------------------------------------------------------
+
+class BothTransports : public RelaydTest, public ::testing::WithParamInterface<IPCClient::client_types> {
+protected:
+    void SetUp() override
+    {
+        RelaydTest::SetUp();
+        if (!IsSkipped()) {
+            StartEchoes();
+            StartRelay();
+        }
+    }
+    static const char* Node() { return GetParam() == IPCClient::TLIClient ? FarHost : nullptr; }
+};
+
+INSTANTIATE_TEST_SUITE_P(, BothTransports, ::testing::Values(IPCClient::QueueClient, IPCClient::TLIClient),
+                         [](const auto& instance) {
+                             return std::string(instance.param == IPCClient::QueueClient ? "Queue" : "Tcp");
+                         });
+
+TEST_P(BothTransports, CarriesEventsOfAllSizes)
+{
+    IPCClient client(0, "orvd", Node(), GetParam());
+    ASSERT_TRUE(client.Connected());
+    EXPECT_EQ(client.GetServerPID(), GetParam() == IPCClient::QueueClient ? server : -1);
+    for (size_t size : {0u, 1u, 1699u, 1700u, 1701u, 3400u, 1u << 20, 10u << 20}) {
+        const std::string text = Pattern(size);
+        EXPECT_EQ(client.send_event_with_response(Echo, text.data(), static_cast<long>(size)), 0);
+        EXPECT_EQ(client.receive_response(event, data), 0) << size << " bytes";
+        EXPECT_EQ(event, Echo);
+        EXPECT_TRUE(Contents(data) == text) << size << " bytes, " << data.Size() << " came";
+    }
+}
+
+TEST_P(BothTransports, BringsBackStatusAndEvent)
+{
+    IPCClient client(0, "orvd", Node(), GetParam());
+    EXPECT_EQ(client.send_event_with_response(Refuse, "why", 3), 0);
+    EXPECT_EQ(client.receive_response(event, data), Refused);
+    EXPECT_EQ(event, Refuse);
+    EXPECT_EQ(Contents(data), "why");
+    EXPECT_EQ(client.send_event_with_response(AnswerOddly, nullptr, 0), 0);
+    EXPECT_EQ(client.receive_response(event, data), 0);
+    EXPECT_EQ(event, OddEvent);
+    for (const char* status : {"\x01", "\x2d", "\x7f"})
+        EXPECT_EQ(client.send_event_wait_ack(Echo, status, 1), status[0]);
+    EXPECT_EQ(client.send_event_wait_ack(Echo, nullptr, 0), 0);
+    const std::string large = "\x05" + Pattern(100000);
+    EXPECT_EQ(client.send_event_wait_ack(Echo, large.data(), 100001), 5);
+    EXPECT_TRUE(client.Connected());
+}
+
+TEST_P(BothTransports, NamesTheSender)
+{
+    IPCClient client(0, "orvd", Node(), GetParam());
+    client.RegisterProgramName("/opt/orv/bin/client");
+    client.RegisterNodeName("the node");
+    EXPECT_EQ(client.send_event_with_response(Who, nullptr, 0), 0);
+    EXPECT_EQ(client.receive_response(event, data), 0);
+    EXPECT_EQ(Contents(data), "/opt/orv/bin/client|the node");
+}
+
+TEST_P(BothTransports, KeepsTheOrderOfEvents)
+{
+    IPCClient client(0, "orvd", Node(), GetParam());
+    for (int i = 0; i < 50; i++) {
+        const std::string text = std::to_string(i);
+        EXPECT_EQ(client.send_event(Echo, text.data(), static_cast<long>(text.size())), 0) << "nothing comes back";
+        EXPECT_EQ(client.send_event_with_response(Echo, text.data(), static_cast<long>(text.size())), 0);
+        EXPECT_EQ(client.receive_response(event, data), 0);
+        EXPECT_EQ(Contents(data), text);
+    }
+}
+
+TEST_P(BothTransports, ReconnectClientFindsARestartedServer)
+{
+    ReconnectClient client(0, "orvd", Node());
+    client.SetRetryCount(1);
+    EXPECT_NE(client.ServerConnected(), 0);
+    for (int signal : {SIGTERM, SIGKILL}) {
+        EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "before", 6), 0);
+        EndServer(signal);
+        StartEchoes();
+        EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "after", 5), 0);
+        EXPECT_EQ(Contents(data), "after");
+        EXPECT_EQ(client.SendEventWaitAck(Echo, "\x09", 1), 9);
+    }
+}
+
+TEST_P(BothTransports, ServesSeveralClientsAtOnce)
+{
+    std::vector<pid_t> clients;
+    const IPCClient::client_types kind = GetParam();
+    const char* node = Node();
+    for (int i = 0; i < 4; i++)
+        clients.push_back(StartChild([=] {
+            IPCClient client(0, "orvd", node, kind);
+            CHILD_CHECK(client.Connected());
+            const std::string text = Pattern(static_cast<size_t>(20000 + i));
+            for (int round = 0; round < 10; round++) {
+                short answered;
+                Buffer answer;
+                CHILD_CHECK(client.send_event_with_response(Echo, text.data(), static_cast<long>(text.size())) == 0);
+                CHILD_CHECK(client.receive_response(answered, answer) == 0);
+                CHILD_CHECK(answered == Echo && Contents(answer) == text);
+            }
+        }));
+    for (pid_t client : clients)
+        EXPECT_EQ(WaitForExit(client), 0);
+}
+
+// ---- The relay --------------------------------------------------------------------------------------------------
+
+TEST_F(RelaydTest, TheProbeTellsWhetherTheServerLives)
+{
+    MakeKeyFile("orvd");
+    StartRelay();
+    EXPECT_FALSE(IPCClient::IPCServerExists(0, "orvd", FarHost));
+    EXPECT_TRUE(IPCClient::TLIServerExists(0, "orvd", FarHost)) << "the host is there";
+    EXPECT_TRUE(IPCClient(0, "orvd", FarHost, IPCClient::TLIClient, 0, 0).Connected()) << "not asked";
+    StartEchoes();
+    EXPECT_TRUE(IPCClient::IPCServerExists(0, "orvd", FarHost));
+    EXPECT_TRUE(IPCClient::IPCServerExists(0, "orvpmd", FarHost)) << "reached through the same service";
+    EndServer(SIGKILL);
+    EXPECT_FALSE(IPCClient::IPCServerExists(0, "orvd", FarHost));
+    EXPECT_TRUE(Serves(0)) << "no zombie either";
+}
+
+TEST_F(RelaydTest, AnswersProbesAndEventsWithWholeRecords)
+{
+    StartEchoes();
+    StartRelay();
+    RawConnection connection;
+    TliMsgStruct expected = {};
+    std::strcpy(expected.senders_version, "1.0");
+    std::strcpy(expected.origprog, RELAYD);
+    std::strcpy(expected.orignode, ProgInfo::GetNodeName());
+    expected.object = 12;
+    expected.result_code = 1;
+    TliMsgStruct answer;
+    EXPECT_TRUE(connection.Send(ProbeRecord(12)));
+    ASSERT_TRUE(connection.Receive(answer));
+    EXPECT_EQ(std::memcmp(&answer, &expected, sizeof answer), 0);
+
+    // What asks for nothing gets nothing: the next answer is that of the next question.
+    TliMsgStruct silent = Record(Echo, "no answer");
+    EXPECT_TRUE(connection.Send(silent));
+    TliMsgStruct question = Record(Echo, "answer", true);
+    question.object = 12;
+    EXPECT_TRUE(connection.Send(question));
+    expected.event = Echo;
+    expected.result_code = 0;
+    expected.alloc_data_length = 6;
+    expected.send_data_length = 6;
+    std::memcpy(expected.msg_data, "answer", 6);
+    ASSERT_TRUE(connection.Receive(answer));
+    EXPECT_EQ(std::memcmp(&answer, &expected, sizeof answer), 0);
+
+    EXPECT_TRUE(connection.Send(Record(Who, "\x21", true, true)));
+    ASSERT_TRUE(connection.Receive(answer));
+    EXPECT_EQ(answer.event, AckEvent);
+    EXPECT_EQ(answer.result_code, 0x21);
+    ASSERT_TRUE(connection.Receive(answer));
+    EXPECT_EQ(answer.event, Who) << "asked for both, it gets both";
+    EXPECT_EQ(std::string(answer.msg_data, 11), "raw|faraway");
+}
+
+TEST_F(RelaydTest, TellsItsClientThatTheServerHasGone)
+{
+    StartEchoes();
+    StartRelay();
+    for (int form = 0; form < 3; form++) {
+        RawConnection connection;
+        TliMsgStruct answer;
+        EXPECT_TRUE(connection.Send(ProbeRecord()));
+        ASSERT_TRUE(connection.Receive(answer));
+        EXPECT_EQ(answer.result_code, 1);
+        EndServer(form == 0 ? SIGTERM : SIGKILL);
+        EXPECT_TRUE(connection.Send(Record(Echo, "", form == 1, form == 2)));
+        ASSERT_TRUE(connection.Receive(answer));
+        EXPECT_EQ(answer.event, GoneEvent) << "form " << form;
+        EXPECT_TRUE(connection.IsClosedByPeer());
+        StartEchoes();
+    }
+}
+
+TEST_F(RelaydTest, AServerThatDiesBeforeItAnswersIs65)
+{
+    StartEchoes();
+    StartRelay();
+    // The relay and a local client look every ten seconds whether the server lives: wait for both at once.
+    std::vector<pid_t> clients;
+    const std::string ready[] = {directory.File("response"), directory.File("ack")};
+    for (bool ack : {false, true})
+        clients.push_back(StartChild([&ready, ack] {
+            const std::unique_ptr<IPCClient> client = FarClient();
+            CHILD_CHECK(client->Connected());
+            WriteFile(ready[ack], "");
+            if (ack) {
+                CHILD_CHECK(client->send_event_wait_ack(Hang, nullptr, 0) == 65);
+            } else {
+                short answered = -1;
+                Buffer answer;
+                CHILD_CHECK(client->send_event_with_response(Hang, nullptr, 0) == 0);
+                CHILD_CHECK(client->receive_response(answered, answer) == 65);
+                CHILD_CHECK(answered == 0);
+            }
+            CHILD_CHECK(!client->Connected());
+            CHILD_CHECK(client->send_event(Echo, nullptr, 0) == 66);
+        }));
+    EXPECT_TRUE(WaitUntil([&] {
+        return access(ready[0].c_str(), F_OK) == 0 && access(ready[1].c_str(), F_OK) == 0;
+    }));
+    usleep(200000); // for their events to arrive
+    EndServer(SIGKILL);
+    for (pid_t client : clients)
+        EXPECT_EQ(WaitForExit(client), 0);
+}
+
+TEST_F(RelaydTest, AReconnectClientRecovers)
+{
+    StartEchoes();
+    StartRelay();
+    ReconnectClient client(0, "orvd", FarHost);
+    client.SetRetryCount(1);
+    EndServer();
+    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, nullptr, 0), 65) << "by the event 0xFFFF";
+    EXPECT_EQ(client.ServerConnected(), 0);
+    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, nullptr, 0), 65) << "by the probe";
+    EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 65);
+    StartEchoes();
+    EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 0);
+    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "again", 5), 0);
+    EXPECT_EQ(Contents(data), "again");
+
+    // The relay goes: its connections go with it.
+    EXPECT_EQ(EndRelay(), 0);
+    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, nullptr, 0), 65);
+    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, nullptr, 0), 65) << "refused";
+    StartRelay();
+    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "again", 5), 0) << "at once, on the same port";
+
+    // Killed without a chance, it leaves the open connections to the processes that serve them.
+    const std::vector<pid_t> serving = ChildrenOf(relay);
+    EXPECT_EQ(EndRelay(SIGKILL), 128 + SIGKILL);
+    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "again", 5), 0);
+    EXPECT_FALSE(IPCClient::TLIServerExists(0, "orvd", FarHost));
+    client.SetServerNode("nowhere");
+    client.CreateClient();
+    for (pid_t pid : serving)
+        EXPECT_TRUE(WaitUntil([&] { return !process_exists(pid); })) << "it ends with its connection";
+    StartRelay();
+    client.SetServerNode(FarHost);
+    EXPECT_EQ(client.SendEventWaitAck(Echo, "\x03", 1), 3);
+}
+
+TEST_F(RelaydTest, ALostConnectionIsMadeAgainBySends)
+{
+    StartEchoes();
+    StartRelay();
+    ReconnectClient client(0, "orvd", FarHost);
+    client.SetRetryCount(1);
+    for (bool ack : {false, true}) {
+        EXPECT_EQ(EndRelay(), 0);
+        StartRelay();
+        EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 0) << "taken by a connection that nobody reads";
+        usleep(50000); // for the host to find out
+        EXPECT_EQ(ack ? client.SendEventWaitAck(Echo, nullptr, 0) : client.SendEvent(Echo, nullptr, 0), 0);
+        EXPECT_TRUE(Serves(1)) << "after 62, on a new connection";
+    }
+    EndServer();
+    EXPECT_EQ(EndRelay(), 0);
+    EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 0);
+    usleep(50000);
+    EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 65) << "of reconnecting, not 62";
+}
+
+TEST_F(RelaydTest, DumpsTheConnection)
+{
+    StartEchoes();
+    StartRelay();
+    IPCClient client(3, "orvd", FarHost);
+    client.RegisterVersion("9.9");
+    client.RegisterProgramName("prog");
+    client.RegisterNodeName("there");
+    client.SetReceiveTimeOut(1);
+    client.SetSendTimeOut(1);
+    std::ostringstream out;
+    client.dumpOn(out);
+    EXPECT_EQ(Replaced(out.str(), "fd      : [0-9]+", "fd      : N"), "IPCClient Object Begin\n"
+                                                                      "TLI CLIENT\n"
+                                                                      "IPCTliClient Object Begin\n"
+                                                                      "IPCTliClient::DestObject   : 3\n"
+                                                                      "IPCTliClient::ClientVersion: 9.9\n"
+                                                                      "IPCTliClient::ClientProgram: prog\n"
+                                                                      "IPCTliClient::ClientNode   : there\n"
+                                                                      "IPCTli::fd      : N\n"
+                                                                      "IPCTliClient Object End\n"
+                                                                      "IPCClient Object End\n");
+    client.Disconnect();
+    EXPECT_EQ(client.send_event(Echo, nullptr, 0), 66);
+    EXPECT_TRUE(Serves(0));
+}
+
+TEST_F(RelaydTest, LeavesNothingOpenInItsClients)
+{
+    StartEchoes();
+    StartRelay();
+    const int descriptors = OpenDescriptors();
+    for (int i = 0; i < 10; i++) {
+        ReconnectClient client(0, "orvd", FarHost);
+        EXPECT_EQ(client.SendEventWaitAck(Echo, nullptr, 0), 0);
+        client.CreateClient();
+        EXPECT_FALSE(IPCClient(0, "unknown", FarHost).Connected());
+    }
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST_F(RelaydTest, AServerOnThisHostNeedsNoConnection)
+{
+    StartEchoes();
+    StartRelay();
+    WriteFile(HostFile, "far\n");
+    const IPCClient client(0, "orvd");
+    EXPECT_EQ(client.GetServerPID(), server);
+    std::ostringstream out;
+    client.dumpOn(out);
+    EXPECT_EQ(out.str().find("TLI CLIENT"), std::string::npos);
+    EXPECT_TRUE(ChildrenOf(relay).empty());
+    const IPCClient asked(0, "orvd", nullptr, IPCClient::TLIClient);
+    EXPECT_TRUE(asked.Connected());
+    EXPECT_EQ(asked.GetServerPID(), -1);
+    EXPECT_TRUE(Serves(1));
+}
+
+TEST_F(RelaydTest, FindsTheHostInItsFile)
+{
+    const pid_t other = StartServer("hello", ServeEchoes);
+    MakeKeyFile("orvd");
+    StartRelay({"--object", "4", "hello"});
+    const auto answers = [&](short object) {
+        IPCClient client(object, "orvd");
+        short code = client.send_event_with_response(Echo, "x", 1);
+        return code == 0 ? client.receive_response(event, data) : code;
+    };
+    EXPECT_EQ(answers(4), 66) << "no host is configured";
+    WriteFile(HostFile, " far\n");
+    EXPECT_EQ(answers(4), 66) << "an empty name";
+    WriteFile(HostFile, "nowhere\n");
+    EXPECT_EQ(answers(4), 66);
+    WriteFile(HostFile, "far from here\n");
+    EXPECT_EQ(answers(4), 0);
+    EXPECT_EQ(answers(5), 66) << "no server of that object";
+    EXPECT_EQ(IPCClient::AmIontheORVDServerHost(), 0);
+    kill(other, SIGTERM);
+    EXPECT_EQ(WaitForExit(other), 0);
+}
+
+TEST_F(RelaydTest, ServesOtherServices)
+{
+    const pid_t other = StartServer("hello", ServeEchoes);
+    const pid_t service = Start(RELAYD, {"--service", "hello"}, directory.File("hello.log"));
+    EXPECT_TRUE(WaitUntil([] { return IPCClient::TLIServerExists(0, "hello", FarHost); }));
+    EXPECT_TRUE(IPCClient::IPCServerExists(0, "hello", FarHost));
+    EXPECT_FALSE(IPCClient::IPCServerExists(0, "orvd", FarHost)) << "nobody listens there";
+    EXPECT_FALSE(IPCClient::IPCServerExists(0, "unknown", FarHost)) << "an unknown service";
+    EXPECT_FALSE(IPCClient::IPCServerExists(0, "hello", "nowhere"));
+    for (pid_t pid : {other, service}) {
+        kill(pid, SIGTERM);
+        EXPECT_EQ(WaitForExit(pid), 0);
+    }
+}
+
+TEST_F(RelaydTest, OutlivesWhatItsClientsDo)
+{
+    StartEchoes();
+    StartRelay();
+    const std::unique_ptr<IPCClient> client = FarClient(); // works throughout
+    const auto works = [&] {
+        return client->send_event_with_response(Echo, "still", 5) == 0 && client->receive_response(event, data) == 0 &&
+               Contents(data) == "still";
+    };
+    ASSERT_TRUE(works());
+
+    std::vector<TliMsgStruct> malformed;
+    const auto add = [&](const std::function<void(TliMsgStruct&)>& spoil) {
+        malformed.push_back(Record(Echo, "data", true));
+        spoil(malformed.back());
+    };
+    add([](TliMsgStruct& record) { record.send_data_length = 1701; });
+    add([](TliMsgStruct& record) { record.send_data_length = -1; });
+    add([](TliMsgStruct& record) { record.alloc_data_length = -1; });
+    add([](TliMsgStruct& record) { record.alloc_data_length = 3; });
+    add([](TliMsgStruct& record) { record.alloc_data_length = INT32_MAX; });
+    add([](TliMsgStruct& record) { record.curr_data_offset = 1; });
+    add([](TliMsgStruct& record) { record.curr_data_offset = INT32_MIN; });
+    add([](TliMsgStruct& record) { record.parts_left = -1; });
+    add([](TliMsgStruct& record) { record.alloc_data_length = 0, record.send_data_length = 0, record.parts_left = 1; });
+    add([](TliMsgStruct& record) { std::memset(record.origprog, 'x', sizeof record.origprog); });
+    add([](TliMsgStruct& record) { std::memset(record.orignode, 'x', sizeof record.orignode); });
+    add([](TliMsgStruct& record) { std::memset(record.senders_version, 'x', sizeof record.senders_version); });
+    add([](TliMsgStruct& record) { std::memset(static_cast<void*>(&record), 0xFF, sizeof record); });
+    for (const TliMsgStruct& record : malformed) {
+        RawConnection connection;
+        EXPECT_TRUE(connection.Send(record));
+        EXPECT_TRUE(connection.IsClosedByPeer()) << "record " << &record - malformed.data();
+        EXPECT_TRUE(works());
+    }
+    { // half a record
+        RawConnection connection;
+        EXPECT_TRUE(connection.Send(&malformed[0], 1000));
+    }
+    { // half an event
+        RawConnection connection;
+        TliMsgStruct first = Record(Echo, std::string(1700, 'x'), true);
+        first.alloc_data_length = 5000;
+        first.parts_left = 2;
+        EXPECT_TRUE(connection.Send(first));
+    }
+    { // broken off in the middle of an answer
+        RawConnection connection;
+        EXPECT_TRUE(connection.Send(Record(Echo, "data", true)));
+        connection.Reset();
+    }
+    RawConnection silent;
+    EXPECT_TRUE(Serves(2)) << "this one and the client's; the others left no zombie";
+    EXPECT_TRUE(works());
+}
+
+TEST_F(RelaydTest, SignalsForADumpEndNothing)
+{
+    StartEchoes();
+    StartRelay();
+    const std::unique_ptr<IPCClient> client = FarClient();
+    ASSERT_TRUE(Serves(1));
+    kill(relay, SIGUSR1);
+    kill(ChildrenOf(relay)[0], SIGUSR1); // ends a wait, as an idle quarter of an hour does
+    usleep(50000);
+    EXPECT_EQ(client->send_event_wait_ack(Echo, "\x08", 1), 8);
+    EXPECT_TRUE(WaitUntil([] { return FarClient()->Connected() != 0; }));
+}
+
+TEST_F(RelaydTest, APulledCableOnlyDelays)
+{
+    StartEchoes();
+    StartRelay();
+    const auto reached = [&](const char* step) { return access(directory.File(step).c_str(), F_OK) == 0; };
+    const auto await = [&](const char* step) { return WaitUntil([&] { return reached(step); }); };
+    const auto reach = [&](const char* step) { WriteFile(directory.File(step), ""); };
+    const pid_t client = StartChild([&] { // on a host of its own
+        CHILD_CHECK(unshare(CLONE_NEWNET) == 0);
+        reach("unshared");
+        CHILD_CHECK(await("cabled"));
+        ReconnectClient client(0, "orvd", "192.0.2.1");
+        client.SetRetryCount(1);
+        Buffer answer;
+        CHILD_CHECK(client.SendEventWithResponse(Echo, answer, Echo, "1", 1) == 0);
+        reach("connected");
+        CHILD_CHECK(await("pulled"));
+        CHILD_CHECK(client.SendEventWithResponse(Echo, answer, Echo, "2", 1) == 0);
+        CHILD_CHECK(Contents(answer) == "2");
+        CHILD_CHECK(reached("put back"));
+        CHILD_CHECK(system("ip link set cable down") == 0); // the network is unreachable: no waiting
+        CHILD_CHECK(!IPCClient(0, "orvd", "192.0.2.1").Connected());
+    });
+    ASSERT_TRUE(await("unshared"));
+    const std::string pid = std::to_string(client);
+    const std::string cable = "ip link add cable type veth peer name cable netns " + pid +
+                              " && ip address add 192.0.2.1/24 dev cable && ip link set cable up"
+                              " && nsenter --net --target " + pid +
+                              " sh -c 'ip address add 192.0.2.2/24 dev cable && ip link set cable up'";
+    ASSERT_EQ(system(cable.c_str()), 0);
+    reach("cabled");
+    ASSERT_TRUE(await("connected"));
+    EXPECT_EQ(system("ip link set cable down"), 0);
+    reach("pulled");
+    usleep(700000);
+    reach("put back");
+    EXPECT_EQ(system("ip link set cable up"), 0);
+    EXPECT_EQ(WaitForExit(client), 0);
+}
+
+TEST_F(RelaydTest, ManyConnectionsComeAndGo)
+{
+    StartEchoes();
+    StartRelay();
+    std::vector<std::unique_ptr<IPCClient>> clients;
+    for (int i = 0; i < 30; i++) {
+        clients.push_back(FarClient());
+        EXPECT_TRUE(clients.back()->Connected());
+    }
+    EXPECT_TRUE(Serves(30));
+    for (const auto& client : clients)
+        EXPECT_EQ(client->send_event_wait_ack(Echo, "\x01", 1), 1);
+    clients.resize(10);
+    EXPECT_TRUE(Serves(10));
+    const std::vector<pid_t> children = ChildrenOf(relay);
+    EXPECT_EQ(EndRelay(), 0);
+    for (pid_t child : children)
+        EXPECT_TRUE(WaitUntil([&] { return !process_exists(child); })) << "they end with the relay";
+    for (const auto& client : clients)
+        EXPECT_EQ(client->send_event_wait_ack(Echo, nullptr, 0), 65);
+}
+
+TEST_F(RelaydTest, ComplainsOfWrongUsage)
+{
+    const auto run = [&](const std::vector<std::string>& arguments) {
+        return WaitForExit(Start(RELAYD, arguments, directory.File("relayd.log")));
+    };
+    EXPECT_EQ(run({"--help"}), 0);
+    EXPECT_NE(Log().find("Exit codes: 0 ended as asked, 1 could not listen, 2 wrong usage.\n"), std::string::npos);
+    const std::vector<std::string> wrong[] = {
+        {"orvd"}, {"--service"}, {"--object", "1"}, {"--object", "x", "n"}, {"--object", "99999", "n"}};
+    for (const std::vector<std::string>& arguments : wrong) {
+        EXPECT_EQ(run(arguments), 2);
+        EXPECT_EQ(Log().find("usage: relayd "), 0u);
+    }
+    EXPECT_EQ(run({"--service", "unknown"}), 1);
+    EXPECT_EQ(Log(), "get info failed for host: \\1 service: unknown\nrelayd: cannot listen for service unknown\n");
+    StartRelay();
+    EXPECT_EQ(WaitForExit(Start(RELAYD, {}, directory.File("second.log"))), 1);
+    EXPECT_NE(ReadFile(directory.File("second.log")).find("relayd: cannot listen for service orvd\n"),
+              std::string::npos);
+}
+
+} // namespace
