@@ -1,0 +1,178 @@
+#include "Misc/lockedfile.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Misc/unixproc.h"
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: lockedfile.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+static const char LockSuffix[] = ".lock";
+static const mode_t LockPermissions = 0666;
+static const size_t LockSize = 64; // bytes in a lock file
+static const long LastSystemId = 2; // processes up to this id are the system's and own no locks
+
+LockFile::LockFile(CString& name, int max_retries)
+    : BaseName(name), FileLocked(0), LockName(name + LockSuffix), owner(getpid())
+{
+    if (LockName.strlen() > BaseName.strlen()) // without memory the name could be that of the protected file
+        TakeLock(max_retries);
+}
+
+LockFile::~LockFile()
+{
+    Cleanup();
+}
+
+void LockFile::Cleanup()
+{
+    if (!FileLocked)
+        return;
+    FileLocked = 0; // before the file goes: a signal handler that comes now must not delete the next owner's lock
+    if (getpid() == owner)
+        unlink(LockName);
+}
+
+void LockFile::SigTermProc(int)
+{
+    Cleanup();
+}
+
+// Gets the record lock on the lock file `fd` that guards it against being judged or filled in by two processes at a
+// time; it ends when `fd` is closed. False when another process has it.
+static bool Guard(int fd)
+{
+    return lockf(fd, F_TLOCK, 0) == 0 || (errno != EACCES && errno != EAGAIN);
+}
+
+void LockFile::TakeLock(int max_retries)
+{
+    for (int tries = 0;;) {
+        const int fd = open(LockName, O_RDWR | O_CREAT | O_EXCL, LockPermissions);
+        if (fd >= 0) {
+            // While it is empty, other processes may take the new file for a stale one and delete it.
+            const bool isMine = Guard(fd) && IsLockFile(fd);
+            if (isMine)
+                WriteOwner(fd);
+            close(fd);
+            if (isMine)
+                return;
+        } else if (errno != EEXIST) {
+            ReportCreationError(errno);
+            return;
+        } else if (tries < max_retries) {
+            tries++;
+            sleep(1);
+        } else if (!BreakStaleLock()) {
+            return;
+        }
+    }
+}
+
+// A directory that does not exist is nothing to complain about.
+void LockFile::ReportCreationError(int error) const
+{
+    if (error == ENOENT)
+        return;
+    const CString text = CString("Error creating lock file ") + LockName;
+    errno = error;
+    perror(text);
+}
+
+// Whether the content of the lock file `fd` names no live owner. A file that cannot be read may have one.
+static bool IsStale(int fd)
+{
+    char text[LockSize + 1];
+    const ssize_t n = pread(fd, text, LockSize, 0);
+    if (n < 0)
+        return false;
+    text[n] = '\0';
+    const long number = strtol(text, nullptr, 10); // one that is too large becomes one that no process has
+    return number <= LastSystemId || !UnixProcess::ProcessExists(number);
+}
+
+// Deletes a stale lock file. True when it is worth trying to create the lock file again.
+bool LockFile::BreakStaleLock() const
+{
+    const int fd = open(LockName, O_RDWR);
+    if (fd < 1) { // intended: descriptor 0 counts as a failure here
+        if (fd == 0)
+            close(fd);
+        return false;
+    }
+    bool isGone = false;
+    // Whoever has the guard is taking this lock. With it the file is examined once more: only now nobody can have
+    // replaced it, or fill it in, before it is deleted.
+    if (IsStale(fd) && Guard(fd))
+        isGone = !IsLockFile(fd) || (IsStale(fd) && unlink(LockName) == 0);
+    close(fd);
+    return isGone;
+}
+
+// Whether `fd` is the file that bears the name of the lock file now.
+bool LockFile::IsLockFile(int fd) const
+{
+    struct stat opened, named;
+    return fstat(fd, &opened) == 0 && stat(LockName, &named) == 0 && opened.st_dev == named.st_dev
+        && opened.st_ino == named.st_ino;
+}
+
+// Takes possession of the new lock file `fd`, which this process guards.
+void LockFile::WriteOwner(int fd)
+{
+    char text[LockSize] = "";
+    FileLocked = 1;
+    snprintf(text, sizeof text, "%ul", static_cast<unsigned>(owner)); // intended: the letter l is part of the content
+    if (write(fd, text, sizeof text) != static_cast<ssize_t>(sizeof text))
+        Cleanup();
+}
+
+// The file `name`, created with exactly these permissions. A file that has appeared meanwhile is opened as it is.
+static int CreateFile(const char* name, int permissions)
+{
+    const mode_t mask = umask(0);
+    const int fd = open(name, O_RDWR | O_CREAT, static_cast<mode_t>(permissions));
+    umask(mask);
+    return fd;
+}
+
+LockedFileDesc::LockedFileDesc(CString& name, int max_retries, int createperm)
+    : LockFile(name, max_retries), myfd(-1), newfile(0)
+{
+    if (!LockFile::Locked())
+        return;
+    myfd = open(BaseName, O_RDWR);
+    if (myfd == -1 && errno == ENOENT) {
+        myfd = CreateFile(BaseName, createperm);
+        newfile = myfd != -1;
+    }
+    if (myfd == -1)
+        Cleanup();
+}
+
+LockedFileDesc::~LockedFileDesc()
+{
+    Cleanup();
+}
+
+void LockedFileDesc::Cleanup()
+{
+    const int fd = myfd;
+    myfd = -1; // before it is closed: a signal handler that comes now must not close another file
+    if (fd != -1)
+        close(fd);
+    LockFile::Cleanup();
+}
+
+void LockedFileDesc::SigTermProc(int)
+{
+    Cleanup();
+}

@@ -1,0 +1,255 @@
+#include "Misc/state.h"
+
+#include <climits>
+#include <cstring>
+#include <new>
+
+#include "Misc/assertion.h"
+#include "Misc/text.h"
+
+using zeloo::TextOrEmpty;
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: state.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+// The state that an object may stay in whatever the table says.
+static const char WaitingEscalation[] = "waiting_escalation";
+
+static const char ListSeparator = '|';
+
+State::State(const char* Abbrev, const char* Title) : abbrev(Abbrev), title(Title)
+{
+}
+
+State& State::operator=(const State& s)
+{
+    if (this != &s) {
+        abbrev = s.abbrev;
+        title = s.title;
+    }
+    return *this;
+}
+
+void State::init(const char* Abbrev, const char* Title)
+{
+    const CString newTitle(Title); // `Title` may be the text of `abbrev`, which goes first
+    abbrev = Abbrev;
+    title = newTitle;
+}
+
+void State::dumpOn(std::ostream& os) const
+{
+    os << "State: " << Name() << ", abbrev: " << Abbrev() << '\n';
+}
+
+template <> const char* SafeArray<State>::ElementName()
+{
+    return "State";
+}
+
+template class SafeArray<State>;
+
+Transition::Transition(State& from, State& to, short v) : OldState(from), NewState(to), Visible(v)
+{
+}
+
+void Transition::dumpOn(std::ostream& os) const
+{
+    os << "Transition: {\n";
+    OldState.dumpOn(os);
+    NewState.dumpOn(os);
+    os << "}\n";
+}
+
+template <> const char* SafeArray<Transition>::ElementName()
+{
+    return "Transition";
+}
+
+template class SafeArray<Transition>;
+
+void StateMachine::AddState(State& s1)
+{
+    if (FindState(s1) >= 0)
+        return;
+    State* copy = new (std::nothrow) State(s1);
+    if (copy != nullptr)
+        States.AddItem(copy);
+}
+
+void StateMachine::AddTransition(State& stateFrom, State& stateTo, short v)
+{
+    AddState(stateFrom);
+    AddState(stateTo);
+    Transition wanted(stateFrom, stateTo, v);
+    if (FindTransition(wanted) >= 0)
+        return;
+    Transition* added = new (std::nothrow) Transition(wanted);
+    if (added != nullptr)
+        Transitions.AddItem(added);
+}
+
+int StateMachine::FindState(State& ThisState) const
+{
+    return FindState(ThisState.Abbrev());
+}
+
+int StateMachine::FindState(const char* Abbrev) const
+{
+    Abbrev = TextOrEmpty(Abbrev);
+    StateSafeArrayIter state(States);
+    for (; state(); ++state)
+        if (std::strcmp(state()->Abbrev(), Abbrev) == 0)
+            return static_cast<int>(state.getCurrentIterIndex());
+    return -1;
+}
+
+int StateMachine::FindTransition(Transition& t) const
+{
+    TransitionSafeArrayIter transition(Transitions);
+    for (; transition(); ++transition)
+        if (*transition() == t)
+            return static_cast<int>(transition.getCurrentIterIndex());
+    return -1;
+}
+
+short StateMachine::IsValidState(const char* stateAbbrev) const
+{
+    return FindState(stateAbbrev) >= 0;
+}
+
+State& StateMachine::GetState(const char* NewStateAbbrev)
+{
+    ZELOO_REQUIRE(States.Quantity() > 0, "Misc/state");
+    const int index = FindState(NewStateAbbrev);
+    if (index >= 0)
+        return *States[index];
+    const CString text = CString("Invalid state: ") + TextOrEmpty(NewStateAbbrev);
+    _ReportError(WARNING, INVALID_STATE, text, ModuleId(), __LINE__);
+    return *States.first();
+}
+
+short StateMachine::ValidTransition(State& OldState, State& NewState) const
+{
+    const bool isStay = OldState == NewState;
+    if (isStay && std::strcmp(OldState.Abbrev(), WaitingEscalation) == 0)
+        return 1;
+    Transition wanted(OldState, NewState, 0);
+    if (FindTransition(wanted) >= 0)
+        return 1;
+    if (isStay) { // intended: a refused move to another state is not reported
+        const CString text =
+            CString("Invalid state transition: ") + OldState.Abbrev() + " -> " + NewState.Abbrev() + ".";
+        _ReportError(WARNING, INVALID_TRANSITION, text, ModuleId(), __LINE__);
+    }
+    return 0;
+}
+
+// Whether `transition` may be offered to a user from `state`.
+static bool IsOffered(const Transition& transition, const State& state)
+{
+    return transition.IsVisible() && transition.GetOldState() == state;
+}
+
+short StateMachine::GetVisibleTransitionCount(State& state) const
+{
+    int count = 0;
+    for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition)
+        if (IsOffered(*transition(), state))
+            count++;
+    return static_cast<short>(count < SHRT_MAX ? count : SHRT_MAX);
+}
+
+// Writes `text` and a separator to `to`; the place behind them.
+static char* WriteField(char* to, const char* text)
+{
+    const size_t length = std::strlen(text);
+    std::memcpy(to, text, length);
+    to[length] = ListSeparator;
+    return to + length + 1;
+}
+
+void StateMachine::GetVisibleTransitionList(State& state, char* TList) const
+{
+    ZELOO_REQUIRE(TList != nullptr, "Misc/state");
+    for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition) {
+        if (!IsOffered(*transition(), state))
+            continue;
+        TList = WriteField(TList, transition()->GetNewState().Abbrev());
+        TList = WriteField(TList, transition()->GetNewState().Name());
+    }
+    *TList = '\0';
+}
+
+unsigned StateMachine::GetVisibleTransitionListLength(State& state) const
+{
+    size_t length = 1;
+    for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition) {
+        if (!IsOffered(*transition(), state))
+            continue;
+        const State& offered = transition()->GetNewState();
+        length += std::strlen(offered.Abbrev()) + 1 + std::strlen(offered.Name()) + 1;
+    }
+    return static_cast<unsigned>(length);
+}
+
+// Appends the abbreviation of `state`.
+static void AddName(CStringSafeArray& Names, const State& state)
+{
+    CString* name = new (std::nothrow) CString(state.Abbrev());
+    if (name != nullptr)
+        Names.AddItem(name);
+}
+
+void StateMachine::GetValidStateNames(CStringSafeArray& Names) const
+{
+    Names.DeleteAllItems();
+    for (StateSafeArrayIter state(States); state(); ++state)
+        AddName(Names, *state());
+}
+
+void StateMachine::GetValidInitialStateNames(CStringSafeArray& Names) const
+{
+    Names.DeleteAllItems();
+    for (StateSafeArrayIter state(States); state(); ++state)
+        if (!IsEntered(*state()))
+            AddName(Names, *state());
+}
+
+void StateMachine::GetValidLastStateNames(CStringSafeArray& Names) const
+{
+    Names.DeleteAllItems();
+    for (StateSafeArrayIter state(States); state(); ++state)
+        if (!IsLeft(*state()))
+            AddName(Names, *state());
+}
+
+void StateMachine::dumpOn(std::ostream& os) const
+{
+    os << "Dumping valid States:\n";
+    for (StateSafeArrayIter state(States); state(); ++state)
+        state()->dumpOn(os);
+    os << "Dumping Valid Transition:\n";
+    for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition)
+        transition()->dumpOn(os);
+}
+
+// Whether a transition leads to `state` from another one.
+bool StateMachine::IsEntered(const State& state) const
+{
+    for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition)
+        if (transition()->GetNewState() == state && transition()->GetOldState() != state)
+            return true;
+    return false;
+}
+
+// Whether a transition leads from `state` to another one.
+bool StateMachine::IsLeft(const State& state) const
+{
+    for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition)
+        if (transition()->GetOldState() == state && transition()->GetNewState() != state)
+            return true;
+    return false;
+}

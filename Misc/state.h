@@ -1,0 +1,152 @@
+// A table of states and of the moves allowed between them.
+#ifndef MISC_STATE_H
+#define MISC_STATE_H
+
+#include <ostream>
+
+#include "Misc/CstrArray.h"
+#include "Misc/Error.h"
+#include "Misc/SafeArray.h"
+#include "Misc/cstring.h"
+
+/// A state that an object may be in: a short abbreviation, which is its key, and a title for display. Two states with
+/// the same abbreviation are the same state, whatever their titles. A null text counts as empty.
+class State {
+public:
+    /// A state with an empty abbreviation and an empty title.
+    State() = default;
+    State(const char* Abbrev, const char* Title);
+    State(const State& s) = default;
+    /// Assigning a state to itself does nothing.
+    State& operator=(const State& s);
+    /// Sets both texts, which may be those of this state.
+    void init(const char* Abbrev, const char* Title);
+
+    /// The texts, never null; each is valid until it is set again or the state goes.
+    const char* Abbrev() const { return abbrev; }
+    const char* Name() const { return title; }
+    void SetAbbrev(const char* Abbrev) { abbrev = Abbrev; }
+    void SetName(const char* Title) { title = Title; }
+
+    bool operator==(const State& s) const { return abbrev == s.abbrev; }
+    bool operator!=(const State& s) const { return abbrev != s.abbrev; }
+    /// Writes title and abbreviation in one line.
+    void dumpOn(std::ostream& os) const;
+
+private:
+    CString abbrev;
+    CString title;
+};
+
+template <> const char* SafeArray<State>::ElementName();
+extern template class SafeArray<State>;
+
+class StateSafeArray : public SafeArray<State> {
+public:
+    using SafeArray<State>::SafeArray;
+};
+
+/// The iterator over a StateSafeArray, which walks backwards too.
+class StateSafeArrayIter : public SafeArrayIter<State> {
+public:
+    using SafeArrayIter<State>::SafeArrayIter;
+    void operator--() { prev(); }
+};
+
+/// A move from one state to another, possibly to the same one. Two transitions are equal when they lead from equal
+/// states to equal states; whether they are visible does not matter.
+class Transition {
+public:
+    /// Copies both states. A `v` other than 0 makes the transition visible: it may be offered to a user.
+    Transition(State& from, State& to, short v);
+    Transition(const Transition& t) = default;
+
+    /// The flag as it was given.
+    short IsVisible() const { return Visible; }
+    State& GetOldState() { return OldState; }
+    const State& GetOldState() const { return OldState; }
+    State& GetNewState() { return NewState; }
+    const State& GetNewState() const { return NewState; }
+
+    bool operator==(const Transition& t) const { return OldState == t.OldState && NewState == t.NewState; }
+    bool operator!=(const Transition& t) const { return !(*this == t); }
+    /// Writes the old state and the new one, each in a line, between a line that opens a brace and one that closes it.
+    void dumpOn(std::ostream& os) const;
+
+private:
+    State OldState;
+    State NewState;
+    short Visible;
+};
+
+template <> const char* SafeArray<Transition>::ElementName();
+extern template class SafeArray<Transition>;
+
+class TransitionSafeArray : public SafeArray<Transition> {
+public:
+    using SafeArray<Transition>::SafeArray;
+};
+
+class TransitionSafeArrayIter : public SafeArrayIter<Transition> {
+public:
+    using SafeArrayIter<Transition>::SafeArrayIter;
+};
+
+/// The states that the objects of a program may be in and the moves allowed between them. A program builds the tables
+/// at its start with AddTransition and asks them afterwards; the state of each object is kept by its owner. States and
+/// transitions stay in the order in which they were added, and all searches go through them in that order, comparing
+/// abbreviations exactly. A null abbreviation counts as the empty one. The tables are the machine's own copies; what
+/// finds no memory is left out of them.
+class StateMachine : public ErrorReporter {
+public:
+    /// Appends a copy of `s1`, unless a state with its abbreviation is there: the first title stays.
+    void AddState(State& s1);
+    /// Adds both states, the old one first, and then the transition, unless an equal one is there: the first flag
+    /// stays.
+    void AddTransition(State& stateFrom, State& stateTo, short v);
+
+    /// The index of the state with the abbreviation of `ThisState`, or of that abbreviation; -1 when there is none.
+    int FindState(State& ThisState) const;
+    int FindState(const char* Abbrev) const;
+    /// The index of the transition that equals `t`; -1 when there is none.
+    int FindTransition(Transition& t) const;
+    /// 1 when there is a state with that abbreviation, else 0.
+    short IsValidState(const char* stateAbbrev) const;
+    /// The machine's state with that abbreviation. When there is none this is reported (WARNING, INVALID_STATE) and
+    /// the first state of the table stands in, so that the caller always has a state to go on with. REQUIRES: the
+    /// machine has a state, which is checked with assertions off too.
+    State& GetState(const char* NewStateAbbrev);
+    /// 1 when the machine has a transition from `OldState` to `NewState`, visible or not, else 0. A stay in the state
+    /// "waiting_escalation" is always valid. A refused stay in the same state is reported (WARNING,
+    /// INVALID_TRANSITION); a refused move between different states is not, which is intended.
+    short ValidTransition(State& OldState, State& NewState) const;
+
+    /// The number of visible transitions from `state`; 32767 when there are more.
+    short GetVisibleTransitionCount(State& state) const;
+    /// Writes the moves that may be offered from `state`: for each visible transition, in the order of the table, the
+    /// abbreviation of the new state, "|", its title and "|". REQUIRES: `TList` has room for
+    /// GetVisibleTransitionListLength(`state`) characters, which is for the caller to see to; no bound is known here.
+    void GetVisibleTransitionList(State& state, char* TList) const;
+    /// The number of characters that GetVisibleTransitionList writes, the terminator included; at least 1.
+    unsigned GetVisibleTransitionListLength(State& state) const;
+
+    /// Put the abbreviations of states, in the order of the table, in the place of the elements of `Names`: of all
+    /// states; of those that no transition leads to from another state; of those that no transition leaves for another
+    /// state. A state without transitions is both of the latter. REQUIRES: `Names` owns its elements.
+    void GetValidStateNames(CStringSafeArray& Names) const;
+    void GetValidInitialStateNames(CStringSafeArray& Names) const;
+    void GetValidLastStateNames(CStringSafeArray& Names) const;
+
+    /// Writes the states and then the transitions, each group under a title line.
+    virtual void dumpOn(std::ostream& os) const;
+
+protected:
+    TransitionSafeArray Transitions;
+    StateSafeArray States;
+
+private:
+    bool IsEntered(const State& state) const;
+    bool IsLeft(const State& state) const;
+};
+
+#endif
