@@ -17,6 +17,9 @@
 #include "Misc/unixproc.h"
 #include "svr4/ipc.h"
 
+using zeloo::DumpText;
+using zeloo::Terminated;
+
 [[maybe_unused]] static const char* ModuleId()
 {
     return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
@@ -157,12 +160,6 @@ static bool BlockFits(const IPCQMessage& msg, int32_t received, int32_t total)
     return rest <= int64_t(msg.parts_left) * MaxBlockSize;
 }
 
-template <size_t N>
-static bool Terminated(const char (&field)[N])
-{
-    return std::memchr(field, '\0', N) != nullptr;
-}
-
 // Whether a record is a sound first block. Every block but the last carries something, so a total has a most number
 // of blocks; a transfer is tied to its sender's process id.
 static bool FirstBlockFits(const RecordArea& record)
@@ -204,13 +201,6 @@ static void DiscardMessages(int qid, long channel)
     svr4::MessageArea<int32_t> area;
     while (svr4::msgrcv(qid, &area.record, 0, channel, IPC_NOWAIT | MSG_NOERROR) >= 0) {
     }
-}
-
-template <size_t N>
-static void DumpText(const char* label, const char (&field)[N], std::ostream& out)
-{
-    out << label;
-    out.write(field, static_cast<std::streamsize>(strnlen(field, N))) << '\n';
 }
 
 static const char* SpecialEventName(int16_t event)

@@ -25,6 +25,9 @@
 
 using namespace svr4;
 
+using zeloo::DumpText;
+using zeloo::Terminated;
+
 [[maybe_unused]] static const char* ModuleId()
 {
     return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
@@ -61,13 +64,6 @@ static const int16_t ServerGoingEvent = -1;
 
 // ---- Records ----------------------------------------------------------------------------------------------------
 
-template <size_t N>
-static void DumpText(const char* label, const char (&field)[N], std::ostream& out)
-{
-    out << label;
-    out.write(field, static_cast<std::streamsize>(strnlen(field, N))) << '\n';
-}
-
 void DumpTliMessage(const TliMsgStruct* pmsg, std::ostream& out)
 {
     out << "TliMessage\n\n";
@@ -87,12 +83,6 @@ void DumpTliMessage(const TliMsgStruct* pmsg, std::ostream& out)
     out << "msg_data = ";
     const int length = std::clamp<int>(pmsg->send_data_length, 0, BlockSize);
     Buffer::hexdumpOn(pmsg->msg_data, static_cast<unsigned>(length), out);
-}
-
-template <size_t N>
-static bool Terminated(const char (&field)[N])
-{
-    return std::memchr(field, '\0', N) != nullptr;
 }
 
 // Whether a record carries on after `received` of `total` bytes, and the records after it can carry the rest.

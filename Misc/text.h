@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 #include <new>
+#include <ostream>
 
 namespace zeloo {
 
@@ -41,6 +42,21 @@ void CopyText(char (&field)[N], const char* s)
     if (n > 0)
         std::memmove(field, s, n);
     field[n] = '\0';
+}
+
+/// Whether a fixed field holds a terminator.
+template <std::size_t N>
+bool Terminated(const char (&field)[N])
+{
+    return std::memchr(field, '\0', N) != nullptr;
+}
+
+/// Writes a line of `label` and a fixed field, which need not be terminated.
+template <std::size_t N>
+void DumpText(const char* label, const char (&field)[N], std::ostream& out)
+{
+    out << label;
+    out.write(field, static_cast<std::streamsize>(strnlen(field, N))) << '\n';
 }
 
 } // namespace zeloo
