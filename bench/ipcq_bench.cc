@@ -19,6 +19,7 @@
 
 #include "Misc/ipcq.h"
 #include "Misc/proginfo.h"
+#include "bench/two_processes.h"
 
 namespace {
 
@@ -28,29 +29,6 @@ const int RequestSize = 100;
 const int TransferSize = 1 << 20;
 const short ExitEvent = 99;
 const char KeyFile[] = "/tmp/zeloo-ipcq-bench";
-
-void PinToOneCore()
-{
-    cpu_set_t allowed;
-    sched_getaffinity(0, sizeof allowed, &allowed);
-    int core = 0;
-    while (core < CPU_SETSIZE - 1 && !CPU_ISSET(core, &allowed))
-        core++;
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(core, &one);
-    sched_setaffinity(0, sizeof one, &one);
-}
-
-pid_t Fork(const std::function<void()>& body)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        body();
-        _exit(0);
-    }
-    return pid;
-}
 
 // Answers every event with an event without data.
 void Serve(int ready)

@@ -240,6 +240,7 @@ TEST_F(QueueSystem, NonsenseIsDroppedAndTheServerGoesOn)
         size_t length;
         void (*spoil)(RawRecord&);
     };
+    // Each record is wrong in one thing alone, so that no other rule catches it.
     const Nonsense all[] = {
         {"no header", 0, [](RawRecord&) {}},
         {"half a header", 299, [](RawRecord&) {}},
@@ -248,9 +249,9 @@ TEST_F(QueueSystem, NonsenseIsDroppedAndTheServerGoesOn)
         {"block longer than what came", 310, [](RawRecord& r) { r.Put32(280, 100); r.Put32(300, 100); }},
         {"block longer than the event", 310, [](RawRecord& r) { r.Put32(280, 5); r.Put32(300, 10); }},
         {"negative total", 300, [](RawRecord& r) { r.Put32(280, -5); }},
-        {"negative offset", 310, [](RawRecord& r) { r.Put32(280, 100); r.Put32(288, -10); r.Put32(300, 10); }},
-        {"offset beyond the event", 310, [](RawRecord& r) { r.Put32(280, 100); r.Put32(288, 95); r.Put32(300, 10); }},
-        {"offset that wraps", 310, [](RawRecord& r) { r.Put32(280, 100); r.Put32(288, 0x7FFFFFFF); r.Put32(300, 10); }},
+        {"negative offset", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(288, -10); r.Put32(300, 10); }},
+        {"offset beyond the event", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(288, 5); r.Put32(300, 10); }},
+        {"offset that wraps", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(288, 0x7FFFFFFF); r.Put32(300, 10); }},
         {"negative count", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(300, 10); r.Put16(284, -1); }},
         {"a total larger than memory", 2000,
          [](RawRecord& r) { r.Put32(280, 0x7FFFFFFF); r.Put32(300, 1700); r.Put16(284, 32767); }},
