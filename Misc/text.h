@@ -34,6 +34,26 @@ inline char* NewText(const char* s)
     return s != nullptr ? NewText(s, std::strlen(s)) : nullptr;
 }
 
+/// The texts of a null-terminated vector with one blank between them, terminated. The caller releases it with delete[].
+/// Null when memory fails.
+inline char* NewJoinedText(const char* const* texts)
+{
+    std::size_t length = 1;
+    for (const char* const* text = texts; *text != nullptr; text++)
+        length += std::strlen(*text) + 1;
+    char* joined = new (std::nothrow) char[length];
+    if (joined == nullptr)
+        return nullptr;
+    char* end = joined;
+    for (const char* const* text = texts; *text != nullptr; text++) {
+        if (text != texts)
+            *end++ = ' ';
+        end = stpcpy(end, *text);
+    }
+    *end = '\0';
+    return joined;
+}
+
 /// Copies `s` (null counts as empty) into a fixed field, cut to what fits and always terminated.
 template <std::size_t N>
 void CopyText(char (&field)[N], const char* s)

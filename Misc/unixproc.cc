@@ -48,20 +48,7 @@ static long LimitFor(long maxtime)
 // The arguments with one blank between them; empty when memory fails.
 static CString JoinArguments(const char** argv)
 {
-    size_t length = 0;
-    for (const char** argument = argv; *argument != nullptr; argument++)
-        length += std::strlen(*argument) + 1;
-    char* text = new (std::nothrow) char[length + 1];
-    if (text == nullptr)
-        return CString();
-
-    char* end = text;
-    for (const char** argument = argv; *argument != nullptr; argument++) {
-        if (argument != argv)
-            *end++ = ' ';
-        end = stpcpy(end, *argument);
-    }
-    *end = '\0';
+    char* text = zeloo::NewJoinedText(argv);
     CString joined(text);
     delete[] text;
     return joined;

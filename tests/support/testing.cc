@@ -15,10 +15,13 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <regex.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "Misc/Error.h"
 
 namespace testing_support {
 
@@ -226,6 +229,38 @@ std::string ReportField(const std::string& output, const std::string& label)
         return "";
     const size_t start = at + label.size();
     return output.substr(start, output.find('\n', start) - start);
+}
+
+std::string WarningReport(const std::string& unit, const std::string& type, int error, const std::string& description)
+{
+    const std::string code =
+        error == 0 ? "Application Error." : std::to_string(error) + " : " + ErrorReporter::GetErrorDesc(error);
+    return "\nErrorReporter: <time>  Total Error Count= <count>\n"
+           "  Program=\n"
+           "  Severity Level=WARNING\n"
+           "  Error Type= " + type + "\n"
+           "  Error Code= " + code + "\n"
+           "  Module= $Id: " + unit + ".cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n"
+           "  Line= <line>\n"
+           "  Description= " + description + "\n\n";
+}
+
+std::string WithoutVariables(const std::string& reports)
+{
+    const std::string text = Replaced(WithoutTimes(reports), "Count= [0-9]+", "Count= <count>");
+    return Replaced(text, "Line= [1-9][0-9]*", "Line= <line>");
+}
+
+bool MakeForksFail()
+{
+    // The first child in a new process id namespace is its init; when that is gone there can be no others.
+    if (unshare(CLONE_NEWPID) != 0)
+        return false;
+    const pid_t init = fork();
+    if (init == 0)
+        _exit(0);
+    waitpid(init, nullptr, 0);
+    return true;
 }
 
 std::string Replaced(const std::string& text, const char* pattern, const std::string& with)

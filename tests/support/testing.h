@@ -74,6 +74,15 @@ private:
 /// The line of an error report that begins with `label` in what Display wrote, without the label; the first one.
 std::string ReportField(const std::string& output, const std::string& label);
 
+/// The WARNING report of a unit of Misc as Display writes it in a program without ProgInfo, with the places of time,
+/// count and line taken by "<time>", "<count>" and "<line>". `error` is the `errno` of the report.
+std::string WarningReport(const std::string& unit, const std::string& type, int error, const std::string& description);
+/// `reports` with the same replacements.
+std::string WithoutVariables(const std::string& reports);
+
+/// From here on every fork of this process fails (with ENOMEM). False where the host refuses this. For RunInChild.
+bool MakeForksFail();
+
 /// `text` with every match of a POSIX extended regular expression replaced.
 std::string Replaced(const std::string& text, const char* pattern, const std::string& with);
 

@@ -32,6 +32,7 @@
 using testing_support::CaptureStderr;
 using testing_support::CaptureStdout;
 using testing_support::ChildResult;
+using testing_support::MakeForksFail;
 using testing_support::OpenDescriptors;
 using testing_support::ReadFile;
 using testing_support::ReportField;
@@ -40,6 +41,8 @@ using testing_support::StartChild;
 using testing_support::TemporaryDirectory;
 using testing_support::WaitForExit;
 using testing_support::WaitUntil;
+using testing_support::WarningReport;
+using testing_support::WithoutVariables;
 using testing_support::WriteFile;
 
 // ---- What the tests below share
@@ -92,28 +95,7 @@ std::string Dump(const MonitoredObject& object)
 // `output` is one report and nothing else.
 void ExpectReport(const std::string& output, const std::string& type, int error, const std::string& description)
 {
-    const std::string code =
-        error == 0 ? "Application Error." : std::to_string(error) + " : " + ErrorReporter::GetErrorDesc(error);
-    EXPECT_EQ(output, "\nErrorReporter: " + ReportField(output, "ErrorReporter: ") +                    //
-                          "\n  Program=" + ReportField(output, "  Program=") +                          //
-                          "\n  Severity Level=WARNING\n  Error Type= " + type +                         //
-                          "\n  Error Code= " + code +                                                   //
-                          "\n  Module= $Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n  Line= " + //
-                          ReportField(output, "  Line= ") + "\n  Description= " + description + "\n\n");
-    EXPECT_GT(std::atol(ReportField(output, "  Line= ").c_str()), 0);
-}
-
-// From here on every fork of this process fails: its first child is the init of a new process id namespace, and
-// that is gone. False where the host refuses this.
-bool MakeForksFail()
-{
-    if (unshare(CLONE_NEWPID) != 0)
-        return false;
-    const pid_t init = fork();
-    if (init == 0)
-        _exit(0);
-    waitpid(init, nullptr, 0);
-    return true;
+    EXPECT_EQ(WithoutVariables(output), WarningReport("unixproc", type, error, description));
 }
 
 // From here on this process may not signal the others, as though they belonged to another user.
