@@ -52,8 +52,8 @@ public:
     /// Reads the three, whether they agree or not. What the stream does not hold becomes empty; a number that is not
     /// there is what the stream makes of it.
     void scanFrom(ZEListream& s) override;
-    /// Writes number and node name, a line each. Not virtual: through a CString it is the dump of the string.
-    void dumpOn(std::ostream& os) const;
+    /// Writes number and node name, a line each. Through a CString it is the dump of the string, which is not virtual.
+    virtual void dumpOn(std::ostream& os) const;
 
 private:
     friend class FaultIdList;
@@ -72,6 +72,7 @@ public:
     using SafeArray<FaultId>::SafeArray;
 };
 
+/// The iterator over a FaultIdSafeArray.
 class FaultIdSafeArrayIter : public SafeArrayIter<FaultId> {
 public:
     using SafeArrayIter<FaultId>::SafeArrayIter;

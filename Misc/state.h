@@ -41,6 +41,7 @@ private:
 template <> const char* SafeArray<State>::ElementName();
 extern template class SafeArray<State>;
 
+/// The array of State; it owns its elements.
 class StateSafeArray : public SafeArray<State> {
 public:
     using SafeArray<State>::SafeArray;
@@ -82,11 +83,13 @@ private:
 template <> const char* SafeArray<Transition>::ElementName();
 extern template class SafeArray<Transition>;
 
+/// The array of Transition; it owns its elements.
 class TransitionSafeArray : public SafeArray<Transition> {
 public:
     using SafeArray<Transition>::SafeArray;
 };
 
+/// The iterator over a TransitionSafeArray.
 class TransitionSafeArrayIter : public SafeArrayIter<Transition> {
 public:
     using SafeArrayIter<Transition>::SafeArrayIter;

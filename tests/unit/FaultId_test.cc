@@ -336,6 +336,17 @@ TEST(FaultId, DumpsAsAStringThroughItsBase)
     EXPECT_EQ(os.str(), expected.str());
 }
 
+class MarkedFaultId : public FaultId {
+public:
+    using FaultId::FaultId;
+    void dumpOn(std::ostream& os) const override { os << "marked " << GetId(); }
+};
+
+TEST(FaultId, TheDumpIsVirtual)
+{
+    EXPECT_EQ(Dump(static_cast<const FaultId&>(MarkedFaultId(42, "alpha"))), "marked 42");
+}
+
 TEST(FaultId, PrintsAsItsText)
 {
     std::ostringstream os;

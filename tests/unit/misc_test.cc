@@ -8,14 +8,17 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
+#include <new>
 #include <string>
 #include <vector>
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <netdb.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -32,6 +35,45 @@
 #include "tests/support/testing.h"
 
 using namespace testing_support;
+
+// How many of the next blocks of a CString cannot be had, and whether the next block of `calloc` can.
+static int refusedStrings = 0;
+static bool refuseCalloc = false;
+
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept
+{
+    if (n == sizeof(CString) && refusedStrings > 0) {
+        refusedStrings--;
+        return nullptr;
+    }
+    return ::operator new(n);
+}
+
+void* calloc(std::size_t n, std::size_t size) noexcept
+{
+    std::size_t bytes;
+    if (refuseCalloc || __builtin_mul_overflow(n, size, &bytes)) {
+        refuseCalloc = false;
+        errno = ENOMEM;
+        return nullptr;
+    }
+    void* (*volatile allocate)(std::size_t) = std::malloc; // which the compiler must not turn into this function
+    void* block = allocate(bytes);
+    if (block != nullptr)
+        std::memset(block, 0, bytes);
+    return block;
+}
+
+// The resolver of this host gives Internet addresses only; of this one name it gives those of another family.
+hostent* gethostbyname(const char* name)
+{
+    static const auto resolve = reinterpret_cast<hostent* (*)(const char*)>(dlsym(RTLD_NEXT, "gethostbyname"));
+    static char official[] = "foreign.example";
+    static char address[] = "\1\2\3\4";
+    static char* addresses[] = {address, nullptr};
+    static hostent foreign = {official, addresses + 1, 25, 4, addresses};
+    return std::strcmp(name, "foreign") == 0 ? &foreign : resolve(name);
+}
 
 namespace {
 
@@ -59,6 +101,20 @@ struct EarlyUser {
         std::fflush(stdout);
     }
 } earlyUser;
+
+// From here on the system refuses this process and its children the call `number` with `error`.
+void Refuse(unsigned number, unsigned error)
+{
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {static_cast<unsigned short>(sizeof program / sizeof *program), program};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        _exit(77);
+}
 
 // ---- Descriptors
 
@@ -214,6 +270,23 @@ TEST_F(RedirectTest, ADescriptorThatCannotBeRedirected)
         EXPECT_EQ(child.exitCode, 0);
         EXPECT_EQ(child.err, text);
     }
+}
+
+// Standard input is the log file by then, so that only a refusal of the system shows this text.
+TEST_F(RedirectTest, AnInputThatCannotBeRedirected)
+{
+#ifdef SYS_dup2
+    const ChildResult child = RunInChild([this] {
+        Refuse(SYS_dup2, EBUSY);
+        _exit(Redirect(1) == -1 ? 0 : 1);
+    });
+    if (child.exitCode == 77)
+        GTEST_SKIP() << "no system call filters here";
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.err, "Error redirecting stdin.: Device or resource busy\n");
+#else
+    GTEST_SKIP() << "no such system call here";
+#endif
 }
 
 // ---- daemonize
@@ -463,20 +536,6 @@ TEST_F(DaemonTest, AChildOfProcessOneIsTold)
     EXPECT_EQ(ReadFile(err), "Already a daemon. ppid is 1.\n");
 }
 
-// From here on the system refuses this process and its children the call `number` with `error`.
-void Refuse(unsigned number, unsigned error)
-{
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {static_cast<unsigned short>(sizeof program / sizeof *program), program};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-        _exit(77);
-}
-
 TEST_F(DaemonTest, AForkThatFails)
 {
     const ChildResult child = RunDaemon([this] {
@@ -491,6 +550,26 @@ TEST_F(DaemonTest, AForkThatFails)
         GTEST_SKIP() << "no system call filters here";
     EXPECT_EQ(child.out, "-1 0 0\n");
     EXPECT_EQ(child.err, "Can't fork first child: Resource temporarily unavailable\n");
+    EXPECT_NE(access(log.c_str(), F_OK), 0);
+}
+
+TEST_F(DaemonTest, ASecondForkThatFails)
+{
+    if (RunInChild([] { Refuse(SYS_clone, EAGAIN); }).exitCode == 77)
+        GTEST_SKIP() << "no system call filters here";
+    const std::string told = directory.File("told");
+    const std::string err = directory.File("err");
+    const ChildResult child = RunDaemon([&] {
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0644), 2);
+        pthread_atfork(nullptr, nullptr, [] { Refuse(SYS_clone, EAGAIN); }); // in the first child
+        const int before = NumberOfOpenFiles();
+        const short result = daemonize(log.c_str(), 0);
+        WriteFile(told, std::to_string(result) + " " + std::to_string(before - NumberOfOpenFiles()) + " " +
+                            std::to_string(getsid(0) == getpid()) + " " + std::to_string(Ignored(SIGHUP)));
+    });
+    EXPECT_EQ(child.exitCode, 0) << "that of the caller, which is gone";
+    EXPECT_EQ(ReadFile(told), "-1 0 1 1");
+    EXPECT_EQ(ReadFile(err), "Can't fork second child: Resource temporarily unavailable\n");
     EXPECT_NE(access(log.c_str(), F_OK), 0);
 }
 
@@ -601,6 +680,7 @@ std::string Rejection(int count, const std::string& node)
                   "ORV rejected message from invalid node " + node);
 }
 
+const char* const OutOfMemory = "Memory allocation failed.";
 const char* const NoFile = "No orvnodes.dat file.";
 const char* const NoFileCode = "2 : No such file or directory";
 
@@ -647,6 +727,34 @@ TEST_F(NodesTest, AddrEqualComparesEveryAddress)
     EXPECT_EQ(AddrEqual("nosuchhost", "nosuchhost"), 0);
     EXPECT_EQ(AddrEqual(nullptr, "alpha"), 0);
     EXPECT_EQ(AddrEqual("alpha", nullptr), 0);
+}
+
+TEST_F(NodesTest, AddressesOfAnotherFamilyAreReported)
+{
+    const ChildResult child = RunInChild([] {
+        MonitoredObject::SetDebugLevel(4); // the name did resolve
+        std::printf("%d %d %d\n", GetHost("foreign") == nullptr, AddrEqual("foreign", "alpha"),
+                    AddrEqual("alpha", "foreign"));
+    });
+    EXPECT_EQ(child.out, "1 0 0\n");
+    std::string reports;
+    for (const int count : {1, 2, 3})
+        reports += Report(count, "WARNING", "Invalid data was encountered.", "<code>",
+                          "Invalid address type: (foreign.example) 25.");
+    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)), reports);
+}
+
+TEST_F(NodesTest, WithoutMemoryForAddressesTheyDiffer)
+{
+    const ChildResult child = RunInChild([] {
+        GetHost("many"); // the resolver has its memory
+        refuseCalloc = true;
+        std::printf("%d", AddrEqual("many", "many"));
+        std::printf(" %d\n", AddrEqual("many", "many"));
+    });
+    EXPECT_EQ(child.out, "0 1\n");
+    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)),
+              Report(1, "WARNING", OutOfMemory, "<code>", "calloc failed for 8 bytes."));
 }
 
 TEST_F(NodesTest, GlobalAcceptsWithoutReadingTheFile)
@@ -927,8 +1035,58 @@ TEST_F(NodesTest, AFileOfMoreLinesThanAListHoldsIsReadAsFarAsThat)
     SetNodes(lines, 1000);
     const ChildResult child = RunInChild([] { Ask("within"); });
     EXPECT_EQ(child.out, "0 [a]\n");
-    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)), Report(1, "WARNING", "Memory allocation failed.", "<code>",
-                                                            "failed to allocate memory for ValidNodes."));
+    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)),
+              Report(1, "WARNING", OutOfMemory, "<code>", "failed to allocate memory for ValidNodes."));
+}
+
+TEST_F(NodesTest, WithoutMemoryForAnEntryTheReadingGoesOn)
+{
+    SetNodes("beta left out\nalpha full\n", 1000);
+    const ChildResult child = RunInChild([] {
+        refusedStrings = 1;
+        Ask("alpha");
+        Ask("beta");
+    });
+    EXPECT_EQ(child.out, "0 [full]\n1 [none]\n");
+    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)),
+              Report(1, "WARNING", OutOfMemory, "<code>", "failed to allocate memory for ValidNodes.") +
+                  Rejection(2, "beta"));
+}
+
+TEST_F(NodesTest, WithoutMemoryNothingIsLearned)
+{
+    SetNodes("alpha full\n", 1000);
+    const ChildResult child = RunInChild([] {
+        Ask("alpha");
+        refusedStrings = 1;
+        Ask("alias");
+        Ask("alias");
+        MonitoredObject::SetDebugLevel(4);
+        Ask("alpha", "standard");
+    });
+    EXPECT_EQ(child.out, "0 [full]\n0 [full]\n0 [full]\n"
+                         "Checking node [alpha] for access permission.\n"
+                         "Valid node: [alpha full]\nValid node: [alias full]\n" // by the second time
+                         "DefaultVal: remote_access option = standard\n0 [full]\n");
+    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)),
+              Report(1, "WARNING", OutOfMemory, "<code>", "failed to allocate memory for ValidNodes."));
+}
+
+TEST_F(NodesTest, ARejectionWithoutMemoryIsNotLogged)
+{
+    SyslogSink sink;
+    SetNodes("alpha full\n", 1000);
+    const ChildResult child = RunInChild([] {
+        Ask("alpha");
+        refusedStrings = 1;
+        Ask("stranger");
+        Ask("stranger");
+    });
+    EXPECT_EQ(child.out, "0 [full]\n0 [none]\n1 [none]\n");
+    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)),
+              Report(1, "WARNING", OutOfMemory, "<code>", "failed to allocate memory for InValidNodes.") +
+                  Rejection(2, "stranger"));
+    EXPECT_EQ(sink.Records().size(), 1u);
 }
 
 TEST_F(NodesTest, ReadingLeavesNoDescriptorOpen)

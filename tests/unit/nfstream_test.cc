@@ -99,8 +99,12 @@ TEST(ByteAccess, LivesBesideTheFunctionsOfTheHost)
     EXPECT_EQ(ByteAccess::ntohs(port), ntohs(port));
     EXPECT_EQ(ByteAccess::htonl(static_cast<unsigned long>(address)), htonl(address));
     EXPECT_EQ(ByteAccess::ntohl(static_cast<unsigned long>(address)), ::ntohl(address));
-    unsigned short (*conversion)(unsigned short) = &ByteAccess::htons;
-    EXPECT_EQ(conversion(port), 0x901F);
+    unsigned short (*const shorts[])(unsigned short) = {&ByteAccess::htons, &ByteAccess::ntohs};
+    for (const auto conversion : shorts)
+        EXPECT_EQ(conversion(port), 0x901F);
+    unsigned long (*const longs[])(unsigned long) = {&ByteAccess::htonl, &ByteAccess::ntohl};
+    for (const auto conversion : longs)
+        EXPECT_EQ(conversion(address), 0x0100007FUL);
     std::ostringstream bytes;
     onfstream s(bytes);
     EXPECT_EQ(s.htons(port), 0x901F) << "as a member of the streams too";
@@ -241,6 +245,16 @@ TEST(Infstream, AShortReadLeavesNoneOfAnEarlierNumber)
     EXPECT_EQ(s.good(), 0);
     s >> n;
     EXPECT_EQ(n, 0UL);
+
+    std::istringstream shorter("\x11\x22\x33");
+    infstream t(shorter);
+    unsigned short h = 0;
+    t >> h;
+    EXPECT_EQ(h, 0x1122);
+    t >> h;
+    EXPECT_EQ(h, 0x3300);
+    t >> h;
+    EXPECT_EQ(h, 0);
 }
 
 TEST(Infstream, ReadsCharactersAsTheyAre)
@@ -255,6 +269,8 @@ TEST(Infstream, ReadsCharactersAsTheyAre)
     char rest[4] = "";
     EXPECT_EQ(s.read(rest, 3), 1);
     EXPECT_STREQ(rest, "|");
+    EXPECT_EQ(Get<char>("\n"), '\n');
+    EXPECT_EQ(Get<unsigned char>("\xFE"), 0xFE);
 }
 
 TEST(NetworkStreams, FailuresOfAFileShow)

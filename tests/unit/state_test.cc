@@ -51,6 +51,7 @@ std::string Warning(const std::string& type, const std::string& description)
 }
 
 const char InvalidState[] = "An invalid state was encountered.";
+const char InvalidTransition[] = "An invalid transition was encountered.";
 
 std::string List(const StateMachine& machine, State& state)
 {
@@ -350,10 +351,9 @@ TEST_F(MachineTest, ARefusedStayIsReportedOnce)
     machine.AddTransition(a, b, 1);
     State titled("a", "Other");
     EXPECT_EQ(Reports([&] { EXPECT_EQ(machine.ValidTransition(a, titled), 0); }),
-              Warning(ErrorReporter::GetErrorType(ErrorReporter::INVALID_TRANSITION),
-                      "Invalid state transition: a -> a."));
-    EXPECT_EQ(ErrorReporter::GetErrorType(26), ErrorReporter::GetErrorType(ErrorReporter::INVALID_TRANSITION));
-    EXPECT_EQ(ErrorReporter::GetErrorType(27), ErrorReporter::GetErrorType(ErrorReporter::INVALID_STATE));
+              Warning(InvalidTransition, "Invalid state transition: a -> a."));
+    EXPECT_STREQ(ErrorReporter::GetErrorType(26), InvalidTransition);
+    EXPECT_STREQ(ErrorReporter::GetErrorType(27), InvalidState);
 }
 
 TEST_F(MachineTest, StayingInWaitingForEscalationIsAlwaysValid)
