@@ -211,16 +211,16 @@ void ProcMgr::dumpOn(std::ostream& out)
 {
     out << "Dumping ProcMgr Object:" << std::endl;
     out << "Number of Pending Processes = " << PendingCount() << std::endl;
-    CmdLineSafeArrayIter pending(commands);
-    for (; const CmdLine* line = pending(); ++pending) {
-        out << "command: <" << line->cmd << "> Retry = " << line->retry_count << std::endl;
-        out << " Comming FaultId is " << line->Cur_fid << std::endl;
+    for (unsigned i = 0; i < commands.Quantity(); i++) {
+        const CmdLine& line = *commands[static_cast<int>(i)];
+        out << "command: <" << line.cmd << "> Retry = " << line.retry_count << std::endl;
+        out << " Comming FaultId is " << line.Cur_fid << std::endl;
     }
     out << "Number of Active Processes = " << ActiveCount() << std::endl;
-    ProcInfoSafeArrayIter active(processes);
-    for (; const ProcInfo* process = active(); ++active) {
-        out << "process: " << process->pid << ", timestamp: " << process->timestamp << std::endl;
-        out << "AssociateFaultId is " << process->AssociateFaultId << std::endl;
+    for (unsigned i = 0; i < processes.Quantity(); i++) {
+        const ProcInfo& process = *processes[static_cast<int>(i)];
+        out << "process: " << process.pid << ", timestamp: " << process.timestamp << std::endl;
+        out << "AssociateFaultId is " << process.AssociateFaultId << std::endl;
     }
     out << "MaxActive = " << MaxActive << std::endl;
     out << "MaxRetry = " << MaxRetry << std::endl;

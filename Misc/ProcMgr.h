@@ -19,14 +19,10 @@ struct CmdLine {
 template <> const char* SafeArray<CmdLine>::ElementName();
 extern template class SafeArray<CmdLine>;
 
+/// The array of CmdLine; it owns its elements.
 class CmdLineSafeArray : public SafeArray<CmdLine> {
 public:
     using SafeArray<CmdLine>::SafeArray;
-};
-
-class CmdLineSafeArrayIter : public SafeArrayIter<CmdLine> {
-public:
-    using SafeArrayIter<CmdLine>::SafeArrayIter;
 };
 
 /// A command that was started.
@@ -39,14 +35,10 @@ struct ProcInfo {
 template <> const char* SafeArray<ProcInfo>::ElementName();
 extern template class SafeArray<ProcInfo>;
 
+/// The array of ProcInfo; it owns its elements.
 class ProcInfoSafeArray : public SafeArray<ProcInfo> {
 public:
     using SafeArray<ProcInfo>::SafeArray;
-};
-
-class ProcInfoSafeArrayIter : public SafeArrayIter<ProcInfo> {
-public:
-    using SafeArrayIter<ProcInfo>::SafeArrayIter;
 };
 
 /// The commands of this process: those that wait, in the order in which they were submitted, and those that run, at

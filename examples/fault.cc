@@ -1,9 +1,11 @@
 #include "fault.h"
 
-#include <cstdio>
+#include <cctype>
+#include <climits>
 #include <cstring>
 
-static const char* const EventNames[FaultEvents] = {"NONE", "STATUS", "RAISE", "LIST", "FETCH", "CLEAR", "RUN", "EXIT"};
+static const char* const EventNames[FaultEvents] = {"NONE", "STATUS", "RAISE", "LIST",  "FETCH", "CLEAR",
+                                                    "RUN",  "START",  "MOVE",  "MOVES", "EXIT"};
 
 const char* FaultEventName(short event)
 {
@@ -16,6 +18,25 @@ short FaultEventNumber(const char* name)
         if (std::strcmp(EventNames[event], name) == 0)
             return event;
     return -1;
+}
+
+bool IsFaultId(const FaultId& id)
+{
+    const CString& node = id.GetNodeName();
+    if (node.strlen() == 0 || node.strlen() > FaultNodeLimit || id.GetId() < 0 || id.GetId() > INT_MAX)
+        return false;
+    for (const char* c = node; *c != '\0'; c++)
+        if (!std::isgraph(static_cast<unsigned char>(*c)) || *c == '/' || *c == ':')
+            return false;
+    return id == FaultId(id.GetId(), node);
+}
+
+// What is not the name of a fault, or does not come whole, is noted as a read error.
+static void ScanId(ZEListream& in, FaultId& id)
+{
+    id.scanFrom(in);
+    if (!IsFaultId(id))
+        in.SetReadErrorFlag();
 }
 
 // Reads one number or text. A stream leaves its position alone when it cannot read one, and can move it one beyond
@@ -61,41 +82,44 @@ static void PrintBytes(ZELostream& out, const Buffer& bytes)
     out.write(static_cast<const char*>(static_cast<const void*>(bytes)), bytes.Size());
 }
 
-CString FaultKey::Name() const
+// Options travel behind their number.
+static void PrintOptions(ZELostream& out, const OptionSafeArray& options)
 {
-    char digits[16];
-    std::snprintf(digits, sizeof digits, "/%08d", number);
-    return node + digits;
+    out << static_cast<int>(options.Quantity());
+    for (unsigned i = 0; i < options.Quantity(); i++)
+        out << *options[static_cast<int>(i)];
 }
 
-bool FaultKey::operator<(const FaultKey& other) const
+static void ScanOptions(ZEListream& in, OptionSafeArray& options)
 {
-    const int order = std::strcmp(node, other.node);
-    return order != 0 ? order < 0 : number < other.number;
-}
-
-void FaultKey::printOn(ZELostream& out) const
-{
-    out << node << number;
-}
-
-void FaultKey::scanFrom(ZEListream& in)
-{
-    Scan(in, node);
-    Scan(in, number);
+    unsigned count = 0;
+    Scan(in, count);
+    options.DeleteAllItems();
+    if (count > FaultOptionLimit)
+        in.SetReadErrorFlag();
+    for (unsigned i = 0; i < count && in.good(); i++) {
+        Option* option = new Option;
+        options.AddItem(option);
+        Scan(in, option->Name);
+        Scan(in, option->Value);
+    }
 }
 
 void FaultSummary::printOn(ZELostream& out) const
 {
-    key.printOn(out);
-    out << raised << text << attached;
+    hdr.myId.printOn(out);
+    out << raised << state << text;
+    PrintOptions(out, options);
+    out << attached;
 }
 
 void FaultSummary::scanFrom(ZEListream& in)
 {
-    key.scanFrom(in);
+    ScanId(in, hdr.myId);
     Scan(in, raised);
+    Scan(in, state);
     Scan(in, text);
+    ScanOptions(in, options);
     Scan(in, attached);
 }
 
@@ -124,22 +148,33 @@ void FaultList::scanFrom(ZEListream& in)
     Scan(in, count);
     faults.clear();
     for (int i = 0; i < count && in.good(); i++) {
-        FaultSummary fault;
-        fault.scanFrom(in);
-        faults.push_back(fault);
+        faults.emplace_back();
+        faults.back().scanFrom(in);
     }
 }
 
 void FaultCommand::printOn(ZELostream& out) const
 {
-    key.printOn(out);
+    id.printOn(out);
     out << command;
 }
 
 void FaultCommand::scanFrom(ZEListream& in)
 {
-    key.scanFrom(in);
+    ScanId(in, id);
     Scan(in, command);
+}
+
+void FaultMove::printOn(ZELostream& out) const
+{
+    id.printOn(out);
+    out << state;
+}
+
+void FaultMove::scanFrom(ZEListream& in)
+{
+    ScanId(in, id);
+    Scan(in, state);
 }
 
 void CommandResult::printOn(ZELostream& out) const

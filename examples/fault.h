@@ -4,6 +4,8 @@
 
 #include <vector>
 
+#include "Misc/FaultId.h"
+#include "Misc/Option.h"
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "Misc/cstring.h"
@@ -11,6 +13,7 @@
 const char FaultServerName[] = "orvd";
 const char FaultKeyFile[] = "/opt/orv/bin/orvd"; // names the queue of the server
 const char FaultVersion[] = "1.0";
+const char FirstFaultState[] = "new"; // of a fault that was raised
 
 /// The events of faultd, with the object that each takes as its data and the one that answers it.
 enum FaultEvent : short {
@@ -18,9 +21,12 @@ enum FaultEvent : short {
     StatusEvent,  // nothing                    the state of the server, a plain text
     RaiseEvent,   // FaultRecord                nothing; a fault that is there already is replaced
     ListEvent,    // nothing                    FaultList
-    FetchEvent,   // FaultKey                   FaultRecord
-    ClearEvent,   // FaultKey                   nothing
+    FetchEvent,   // FaultId                    FaultRecord
+    ClearEvent,   // FaultId                    nothing
     RunEvent,     // FaultCommand               CommandResult
+    StartEvent,   // FaultCommand               nothing; the command runs when its turn comes
+    MoveEvent,    // FaultMove                  nothing
+    MovesEvent,   // FaultId                    a plain text: abbreviation "|" title "|" of each state to move to
     ExitEvent,    // nothing                    nothing; the server ends
     FaultEvents   // their number
 };
@@ -30,25 +36,21 @@ const char* FaultEventName(short event);
 /// The event of that name; -1 when there is none.
 short FaultEventNumber(const char* name);
 
-const unsigned FaultNodeLimit = 79;   // characters of a node name
-const unsigned FaultTextLimit = 4000; // characters of a text or a command
+const unsigned FaultNodeLimit = 79;    // characters of a node name or of the name of an option
+const unsigned FaultTextLimit = 4000;  // characters of a text, a command or the value of an option
+const unsigned FaultOptionLimit = 100; // options of a fault
 
-/// What identifies a fault: a node, and a number on that node.
-struct FaultKey {
-    CString node;
-    int number = 0;
+/// Whether `id` can be the name of a fault: a node name of 1 to FaultNodeLimit visible characters other than / and :,
+/// a number from 0 to 2147483647, and the text that belongs to them.
+bool IsFaultId(const FaultId& id);
 
-    /// "node/00000042"
-    CString Name() const;
-    bool operator<(const FaultKey& other) const;
-    void printOn(ZELostream& out) const;
-    void scanFrom(ZEListream& in);
-};
-
-struct FaultSummary {
-    FaultKey key;
+/// A fault as it is listed; `hdr.myId` names it.
+class FaultSummary : public Fault {
+public:
     long raised = 0; // seconds since the epoch
+    CString state;   // the abbreviation; see FaultLife
     CString text;
+    OptionSafeArray options;
     int attached = 0; // bytes of the attachment
 
     void printOn(ZELostream& out) const;
@@ -70,10 +72,19 @@ struct FaultList {
     void scanFrom(ZEListream& in);
 };
 
-/// A shell command to be run for a fault.
+/// A shell command for a fault.
 struct FaultCommand {
-    FaultKey key;
+    FaultId id;
     CString command;
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+/// A state that a fault is to move to, by its abbreviation.
+struct FaultMove {
+    FaultId id;
+    CString state;
 
     void printOn(ZELostream& out) const;
     void scanFrom(ZEListream& in);

@@ -24,12 +24,17 @@ static const char Usage[] =
     "  --host NAME  the host of the server, which a relayd there makes accessible; without it the server is sought on\n"
     "               this host and then on the one named in /var/orv/data/orvdserver.host\n"
     "Commands:\n"
-    "  raise NODE NUMBER TEXT [--attach FILE]  raise a fault, or replace the one that is there\n"
-    "  list                                    one fault a line: id, time, attached bytes and text, between tabs\n"
+    "  raise NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]...\n"
+    "                                          raise a fault, or replace the one that is there\n"
+    "  list                                    one fault a line: id, time, state, attached bytes, text, between tabs\n"
     "  show NODE NUMBER [--save FILE]          show a fault; save its attachment\n"
+    "  move NODE NUMBER STATE                  move a fault to another state\n"
+    "  moves NODE NUMBER                       the states that a fault can be moved to, and their titles\n"
     "  clear NODE NUMBER                       remove a fault\n"
     "  run NODE NUMBER COMMAND                 run a shell command for a fault on the server and print its output;\n"
     "                                          it finds the fault in FAULT_NODE and FAULT_NUMBER\n"
+    "  start NODE NUMBER COMMAND               the same without waiting for it: at most eight run at once, the others\n"
+    "                                          wait for their turn; the output goes to the log of the server\n"
     "  load FILE                               raise a fault on this node for each line of a log that tells of an\n"
     "                                          error, numbered by line; - reads standard input\n"
     "  status                                  print the state of the server\n"
@@ -41,7 +46,16 @@ static const char Usage[] =
 
 enum ExitCode { Done = 0, Failed = 1, WrongUsage = 2, NoServer = 3 };
 
-typedef std::vector<std::string> Arguments; // what follows the command, without its option
+typedef std::vector<std::string> Words;
+
+/// What follows the command.
+struct Arguments {
+    Words words;  // as many as the command takes
+    std::string file;
+    Words options; // "NAME=VALUE"
+
+    const std::string& operator[](size_t i) const { return words[i]; }
+};
 
 static ExitCode Complain(ExitCode code, const std::string& message)
 {
@@ -111,18 +125,33 @@ static ExitCode AskFor(Server& server, short event, const Buffer& request, Objec
 }
 
 // Reads NODE and NUMBER, the first two arguments.
-static bool ReadKey(const Arguments& arguments, FaultKey& key)
+static bool ReadId(const Arguments& arguments, FaultId& id)
 {
-    key.node = arguments[0].c_str();
+    long number = 0;
     const char* end = arguments[1].data() + arguments[1].size();
-    const std::from_chars_result read = std::from_chars(arguments[1].data(), end, key.number);
-    return key.node.strlen() > 0 && key.node.strlen() <= FaultNodeLimit && read.ec == std::errc() && read.ptr == end &&
-           key.number >= 0;
+    const std::from_chars_result read = std::from_chars(arguments[1].data(), end, number);
+    if (arguments[0].empty() || read.ec != std::errc() || read.ptr != end)
+        return false;
+    id = FaultId(number, arguments[0].c_str());
+    return IsFaultId(id);
 }
 
-static ExitCode BadKey()
+static ExitCode BadId()
 {
-    return Misused("NODE must be 1 to " + std::to_string(FaultNodeLimit) + " characters, NUMBER a number from 0 on");
+    return Misused("NODE must be 1 to " + std::to_string(FaultNodeLimit) +
+                   " visible characters without / and :, NUMBER from 0 to 2147483647");
+}
+
+// Reads "NAME=VALUE" into an option.
+static bool ReadOption(const std::string& text, Option& option)
+{
+    const size_t equals = text.find('=');
+    if (equals == 0 || equals == std::string::npos || equals > FaultNodeLimit ||
+        text.size() - equals - 1 > FaultTextLimit)
+        return false;
+    option.Name = text.substr(0, equals).c_str();
+    option.Value = text.c_str() + equals + 1;
+    return true;
 }
 
 static void PrintBytes(const Buffer& bytes)
@@ -132,27 +161,36 @@ static void PrintBytes(const Buffer& bytes)
 
 static void PrintLine(const FaultSummary& fault)
 {
-    std::cout << fault.key.Name() << "\t" << Dates::GetDateTime(fault.raised) << "\t" << fault.attached << "\t"
-              << fault.text << "\n";
+    std::cout << fault.hdr.myId << "\t" << Dates::GetDateTime(fault.raised) << "\t" << fault.state << "\t"
+              << fault.attached << "\t" << fault.text << "\n";
 }
 
-static ExitCode Raise(Server& server, const Arguments& arguments, const std::string& file)
+static ExitCode Raise(Server& server, const Arguments& arguments)
 {
     FaultRecord fault;
-    if (!ReadKey(arguments, fault.summary.key))
-        return BadKey();
+    FaultSummary& summary = fault.summary;
+    if (!ReadId(arguments, summary.hdr.myId))
+        return BadId();
     if (arguments[2].size() > FaultTextLimit)
         return Misused("TEXT is longer than " + std::to_string(FaultTextLimit) + " characters");
-    fault.summary.text = arguments[2].c_str();
-    if (!file.empty() && !fault.attachment.LoadBufferFromFile(file.c_str()))
-        return Complain(Failed, "cannot read " + file);
-    fault.summary.attached = static_cast<int>(fault.attachment.Size());
+    if (arguments.options.size() > FaultOptionLimit)
+        return Misused("a fault has up to " + std::to_string(FaultOptionLimit) + " options");
+    summary.text = arguments[2].c_str();
+    for (const std::string& text : arguments.options) {
+        Option* option = new Option;
+        summary.options.AddItem(option);
+        if (!ReadOption(text, *option))
+            return Misused("--option takes NAME=VALUE, not " + text);
+    }
+    if (!arguments.file.empty() && !fault.attachment.LoadBufferFromFile(arguments.file.c_str()))
+        return Complain(Failed, "cannot read " + arguments.file);
+    summary.attached = static_cast<int>(fault.attachment.Size());
     Buffer request, answer;
     Pack(fault, request);
     return Ask(server, RaiseEvent, request, answer);
 }
 
-static ExitCode List(Server& server, const Arguments&, const std::string&)
+static ExitCode List(Server& server, const Arguments&)
 {
     FaultList list;
     const ExitCode code = AskFor(server, ListEvent, Buffer(), list);
@@ -161,52 +199,99 @@ static ExitCode List(Server& server, const Arguments&, const std::string&)
     return code;
 }
 
-static ExitCode Show(Server& server, const Arguments& arguments, const std::string& file)
+static ExitCode Show(Server& server, const Arguments& arguments)
 {
-    FaultKey key;
-    if (!ReadKey(arguments, key))
-        return BadKey();
+    FaultId id;
+    if (!ReadId(arguments, id))
+        return BadId();
     Buffer request;
-    Pack(key, request);
+    Pack(id, request);
     FaultRecord fault;
     const ExitCode code = AskFor(server, FetchEvent, request, fault);
     if (code != Done)
         return code;
-    std::cout << "Fault:    " << fault.summary.key.Name() << "\n"
-              << "Raised:   " << Dates::GetDateTime(fault.summary.raised) << "\n"
-              << "Attached: " << fault.summary.attached << " bytes\n"
-              << "Text:     " << fault.summary.text << "\n";
-    if (!file.empty() && fault.attachment.SaveBufferToFile(file.c_str(), 0) != 0)
-        return Complain(Failed, "cannot write " + file);
+    const FaultSummary& summary = fault.summary;
+    std::cout << "Fault:    " << summary.hdr.myId << "\n"
+              << "Raised:   " << Dates::GetDateTime(summary.raised) << "\n"
+              << "State:    " << summary.state << "\n"
+              << "Attached: " << summary.attached << " bytes\n"
+              << "Text:     " << summary.text << "\n";
+    for (unsigned i = 0; i < summary.options.Quantity(); i++) {
+        const Option& option = *summary.options[static_cast<int>(i)];
+        std::cout << "Option:   " << option.Name << "=" << option.Value << "\n";
+    }
+    if (!arguments.file.empty() && fault.attachment.SaveBufferToFile(arguments.file.c_str(), 0) != 0)
+        return Complain(Failed, "cannot write " + arguments.file);
     return Done;
 }
 
-static ExitCode Clear(Server& server, const Arguments& arguments, const std::string&)
+static ExitCode Move(Server& server, const Arguments& arguments)
 {
-    FaultKey key;
-    if (!ReadKey(arguments, key))
-        return BadKey();
+    FaultMove move;
+    if (!ReadId(arguments, move.id))
+        return BadId();
+    move.state = arguments[2].c_str();
     Buffer request, answer;
-    Pack(key, request);
+    Pack(move, request);
+    return Ask(server, MoveEvent, request, answer);
+}
+
+static ExitCode Moves(Server& server, const Arguments& arguments)
+{
+    FaultId id;
+    if (!ReadId(arguments, id))
+        return BadId();
+    Buffer request, answer;
+    Pack(id, request);
+    const ExitCode code = Ask(server, MovesEvent, request, answer);
+    std::istringstream list(answer.GetCString());
+    for (std::string state, title; std::getline(list, state, '|') && std::getline(list, title, '|');)
+        std::cout << state << "\t" << title << "\n";
+    return code;
+}
+
+static ExitCode Clear(Server& server, const Arguments& arguments)
+{
+    FaultId id;
+    if (!ReadId(arguments, id))
+        return BadId();
+    Buffer request, answer;
+    Pack(id, request);
     return Ask(server, ClearEvent, request, answer);
 }
 
-static ExitCode Run(Server& server, const Arguments& arguments, const std::string&)
+// Makes the request of a command for a fault.
+static ExitCode PackCommand(const Arguments& arguments, Buffer& request)
 {
     FaultCommand command;
-    if (!ReadKey(arguments, command.key))
-        return BadKey();
+    if (!ReadId(arguments, command.id))
+        return BadId();
     if (arguments[2].empty() || arguments[2].size() > FaultTextLimit)
         return Misused("COMMAND must be 1 to " + std::to_string(FaultTextLimit) + " characters");
     command.command = arguments[2].c_str();
-    Buffer request;
     Pack(command, request);
+    return Done;
+}
+
+static ExitCode Run(Server& server, const Arguments& arguments)
+{
+    Buffer request;
+    ExitCode code = PackCommand(arguments, request);
+    if (code != Done)
+        return code;
     CommandResult result;
-    const ExitCode code = AskFor(server, RunEvent, request, result);
+    code = AskFor(server, RunEvent, request, result);
     PrintBytes(result.output);
     if (code == Done && result.exitStatus != 0)
         return Complain(Failed, "the command ended with status " + std::to_string(result.exitStatus));
     return code;
+}
+
+static ExitCode Start(Server& server, const Arguments& arguments)
+{
+    Buffer request, answer;
+    const ExitCode code = PackCommand(arguments, request);
+    return code == Done ? Ask(server, StartEvent, request, answer) : code;
 }
 
 // Whether a log line tells of an error: whether one of its words begins like these.
@@ -222,7 +307,7 @@ static bool TellsOfError(const std::string& line)
     return false;
 }
 
-static ExitCode Load(Server& server, const Arguments& arguments, const std::string&)
+static ExitCode Load(Server& server, const Arguments& arguments)
 {
     std::ifstream file;
     if (arguments[0] != "-")
@@ -232,14 +317,16 @@ static ExitCode Load(Server& server, const Arguments& arguments, const std::stri
         return Complain(Failed, "cannot read " + arguments[0]);
 
     FaultRecord fault;
-    fault.summary.key.node = ProgInfo::GetNodeName();
+    long number = 0;
     for (std::string line; std::getline(log, line);) {
-        fault.summary.key.number++;
+        number++;
         if (!TellsOfError(line))
             continue;
+        fault.summary.hdr.myId = FaultId(number); // on this node
         fault.summary.text = line.substr(0, FaultTextLimit).c_str();
         fault.summary.text.flatten(); // as the server does
         fault.summary.raised = Dates::CurrentTime();
+        fault.summary.state = FirstFaultState;
         Buffer request, answer;
         Pack(fault, request);
         const ExitCode code = Ask(server, RaiseEvent, request, answer);
@@ -252,7 +339,7 @@ static ExitCode Load(Server& server, const Arguments& arguments, const std::stri
     return Done;
 }
 
-static ExitCode Status(Server& server, const Arguments&, const std::string&)
+static ExitCode Status(Server& server, const Arguments&)
 {
     Buffer answer;
     const ExitCode code = Ask(server, StatusEvent, Buffer(), answer);
@@ -260,63 +347,81 @@ static ExitCode Status(Server& server, const Arguments&, const std::string&)
     return code;
 }
 
-static ExitCode Exit(Server& server, const Arguments&, const std::string&)
+static ExitCode Exit(Server& server, const Arguments&)
 {
     Buffer answer;
     return Ask(server, ExitEvent, Buffer(), answer);
 }
 
-static ExitCode Batch(Server& server, const Arguments&, const std::string&);
+static ExitCode Batch(Server& server, const Arguments&);
 
 struct Command {
     const char* name;
     const char* takes;
-    size_t count;       // of its arguments
-    const char* option; // that may be given with a file, or null
-    ExitCode (*run)(Server& server, const Arguments& arguments, const std::string& file);
+    size_t count;           // of its words
+    const char* fileOption; // that may be given with a file, or null
+    bool hasOptions;        // --option may be given, several times
+    ExitCode (*run)(Server& server, const Arguments& arguments);
 };
 
 static const Command Commands[] = {
-    {"raise", "NODE NUMBER TEXT [--attach FILE]", 3, "--attach", Raise},
-    {"list", "no arguments", 0, nullptr, List},
-    {"show", "NODE NUMBER [--save FILE]", 2, "--save", Show},
-    {"clear", "NODE NUMBER", 2, nullptr, Clear},
-    {"run", "NODE NUMBER COMMAND", 3, nullptr, Run},
-    {"load", "FILE", 1, nullptr, Load},
-    {"status", "no arguments", 0, nullptr, Status},
-    {"exit", "no arguments", 0, nullptr, Exit},
-    {"batch", "no arguments", 0, nullptr, Batch},
+    {"raise", "NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]...", 3, "--attach", true, Raise},
+    {"list", "no arguments", 0, nullptr, false, List},
+    {"show", "NODE NUMBER [--save FILE]", 2, "--save", false, Show},
+    {"move", "NODE NUMBER STATE", 3, nullptr, false, Move},
+    {"moves", "NODE NUMBER", 2, nullptr, false, Moves},
+    {"clear", "NODE NUMBER", 2, nullptr, false, Clear},
+    {"run", "NODE NUMBER COMMAND", 3, nullptr, false, Run},
+    {"start", "NODE NUMBER COMMAND", 3, nullptr, false, Start},
+    {"load", "FILE", 1, nullptr, false, Load},
+    {"status", "no arguments", 0, nullptr, false, Status},
+    {"exit", "no arguments", 0, nullptr, false, Exit},
+    {"batch", "no arguments", 0, nullptr, false, Batch},
 };
 
+// Sorts what follows the command. False when it is not what the command takes.
+static bool ReadArguments(const Command& command, const Words& words, Arguments& arguments)
+{
+    if (words.size() < 1 + command.count)
+        return false;
+    const auto rest = words.begin() + 1 + static_cast<std::ptrdiff_t>(command.count);
+    arguments.words.assign(words.begin() + 1, rest);
+    for (auto word = rest; word != words.end(); word += 2) {
+        if (word + 1 == words.end())
+            return false;
+        if (command.fileOption != nullptr && *word == command.fileOption && arguments.file.empty())
+            arguments.file = word[1];
+        else if (command.hasOptions && *word == "--option")
+            arguments.options.push_back(word[1]);
+        else
+            return false;
+    }
+    return true;
+}
+
 // Runs the command in the first of the words.
-static ExitCode Execute(Server& server, Arguments words)
+static ExitCode Execute(Server& server, const Words& words)
 {
     if (words.empty())
         return Misused("no command");
     for (const Command& command : Commands) {
         if (words[0] != command.name)
             continue;
-        words.erase(words.begin());
-        std::string file;
-        const size_t count = words.size();
-        if (command.option != nullptr && count == command.count + 2 && words[count - 2] == command.option) {
-            file = words[count - 1];
-            words.resize(count - 2);
-        }
-        if (words.size() != command.count)
+        Arguments arguments;
+        if (!ReadArguments(command, words, arguments))
             return Misused(std::string(command.name) + " takes " + command.takes);
-        return command.run(server, words, file);
+        return command.run(server, arguments);
     }
     return Misused("unknown command " + words[0]);
 }
 
-static ExitCode Batch(Server& server, const Arguments&, const std::string&)
+static ExitCode Batch(Server& server, const Arguments&)
 {
     server.patient = true;
     ExitCode result = Done;
     for (std::string line; std::getline(std::cin, line);) {
         std::istringstream text(line);
-        Arguments words;
+        Words words;
         for (std::string word; text >> std::quoted(word);)
             words.push_back(word);
         if (words.empty())
@@ -332,7 +437,7 @@ static ExitCode Batch(Server& server, const Arguments&, const std::string&)
 int main(int argc, char** argv, char** envp)
 {
     ProgInfo::Initialize(argc, argv, envp, FaultVersion);
-    Arguments words(argv + 1, argv + argc);
+    Words words(argv + 1, argv + argc);
     if (!words.empty() && words[0] == "--help") {
         std::cout << Usage;
         return Done;

@@ -1,223 +1,132 @@
-// A fault daemon: keeps the faults of many nodes, with attachments, and runs commands for them. It ends on an exit
-// event and on SIGTERM; SIGUSR1 writes its state to a file, and a crash leaves the state in /var/orv/data/faultd.sig.
+// A fault daemon: keeps the faults of many nodes, with attachments, and runs commands for them. One runs on a host. It
+// ends on an exit event and on SIGTERM, and its faults are there again at its next start; SIGUSR1 writes its state to a
+// file, and a crash leaves the state in /var/orv/data/faultd.sig.
+#include <cerrno>
 #include <charconv>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <map>
-#include <sstream>
-#include <string>
 
-#include <sys/wait.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include "Misc/Dates.h"
-#include "Misc/eventmgr.h"
+#include "Misc/lockedfile.h"
+#include "Misc/misc.h"
 #include "Misc/mobject.h"
 #include "Misc/proginfo.h"
-#include "Misc/unixproc.h"
 
-#include "fault.h"
+#include "faultserver.h"
+#include "faultstore.h"
 
+static const char DataDirectory[] = "/var/orv/data";
 static const char StateFile[] = "/var/orv/data/faultd.state";
+static const char LockedName[] = "/var/orv/data/faultd"; // the lock file is that name with ".lock"
+static const char FaultDirectory[] = "/var/orv/data/faults";
 
 static const char Usage[] =
-    "usage: faultd [--debug LEVEL] [--time-limit SECONDS]\n"
-    "Keeps faults for faultctl, in the foreground, until `faultctl exit` or SIGTERM.\n"
-    "  --debug LEVEL         0 (the default) to 5; from 1 on every event is logged on standard error\n"
-    "  --time-limit SECONDS  how long a command may run (default 30)\n"
-    "Exit codes: 0 ended as asked, 1 could not start, 2 wrong usage.\n";
+    "usage: faultd [--foreground] [--log FILE] [--debug LEVEL] [--time-limit SECONDS] [--remote-access ACCESS]\n"
+    "Keeps faults for faultctl, as a daemon, until `faultctl exit` or SIGTERM.\n"
+    "  --foreground            stays with the terminal and writes there instead of the log\n"
+    "  --log FILE              what the daemon's messages go to the end of (default /var/orv/data/faultd.log)\n"
+    "  --debug LEVEL           0 (the default) to 5; from 1 on every event is logged\n"
+    "  --time-limit SECONDS    how long a command may run that a client waits for (default 30)\n"
+    "  --remote-access ACCESS  what nodes may do that /var/orv/data/orvnodes.dat does not list: none (the default),\n"
+    "                          read, full; or global: every node may do everything, the list does not matter\n"
+    "Environment: FAULT_MESSAGE is the template of the messages, CFTIME the format of the times in them.\n"
+    "Exit codes: 0 ended as asked, or gone into the background; 1 could not start; 2 wrong usage.\n";
 
-class FaultServer : public EventManager, public MonitoredObject {
-public:
-    explicit FaultServer(long commandSeconds)
-        : EventManager(FaultServerName, &std::clog), commandSeconds(commandSeconds) {}
-
-    const char* Event_to_Name(short event) override { return FaultEventName(event); }
-    short Name_to_Event(const char* name) override { return FaultEventNumber(name); }
-    short StatusEventCode() override { return StatusEvent; }
-    short LastEventCode() override { return FaultEvents - 1; }
-    short IsNullEvent(short event) override { return event == NoEvent; }
-    short IsExitEvent(short event) override { return event == ExitEvent; }
-    short Handle_NULL_event() override;
-    short Handle_EXIT_event(short& exitnow) override;
-    short HandleEvent(short event) override;
-    void dumpOn(std::ostream& out) const override; // what `faultctl status`, SIGUSR1 and a crash show
-
-private:
-    typedef std::map<FaultKey, FaultRecord> Faults;
-
-    short Status(Buffer& answer);
-    short Raise();
-    short List(Buffer& answer);
-    short Fetch(Buffer& answer);
-    short Clear();
-    short Run(Buffer& answer);
-    short Find(const FaultKey& key, Faults::iterator& at);
-    void Answer(short status, const Buffer& data);
-
-    Faults faults;
-    const long commandSeconds;
+struct Settings {
+    bool foreground = false;
+    const char* log = "/var/orv/data/faultd.log";
+    short debug = 0;
+    long seconds = 30;
+    const char* remoteAccess = "none";
 };
 
-short FaultServer::Handle_NULL_event()
+template <class Number>
+static bool ReadNumber(const char* text, Number& number)
 {
-    Answer(NO_ERRORS, Buffer());
-    return NO_ERRORS;
+    const char* end = text + std::strlen(text);
+    const std::from_chars_result read = std::from_chars(text, end, number);
+    return read.ptr == end && read.ec == std::errc();
 }
 
-short FaultServer::Handle_EXIT_event(short& exitnow)
+static bool ReadOption(const char* option, const char* value, Settings& settings)
 {
-    Answer(NO_ERRORS, Buffer());
-    exitnow = 1;
-    return NO_ERRORS;
-}
-
-short FaultServer::HandleEvent(short event)
-{
-    Buffer answer;
-    short status = NO_ERRORS;
-    switch (event) {
-    case StatusEvent: status = Status(answer); break;
-    case RaiseEvent: status = Raise(); break;
-    case ListEvent: status = List(answer); break;
-    case FetchEvent: status = Fetch(answer); break;
-    case ClearEvent: status = Clear(); break;
-    case RunEvent: status = Run(answer); break;
-    default: return Handle_UNSUPPORTED_event();
+    if (std::strcmp(option, "--log") == 0) {
+        settings.log = value;
+        return *value != '\0';
     }
-    Answer(status, answer);
-    return status;
-}
-
-// Answers the sender of the current event when it waits. The answer carries the event's own number.
-void FaultServer::Answer(short status, const Buffer& data)
-{
-    if (!CurrentEventResponseRqd)
-        return;
-    const short sent = InBasket().send_response(CurrentEvent, status, data, static_cast<long>(data.Size()));
-    if (sent == IPC_ERROR) // too much for a message; the sender need not wait for more
-        InBasket().send_response(CurrentEvent, sent, nullptr, 0);
-}
-
-short FaultServer::Status(Buffer& answer)
-{
-    std::ostringstream text;
-    dumpOn(text);
-    answer.Append(text.str().c_str());
-    return NO_ERRORS;
-}
-
-short FaultServer::Raise()
-{
-    FaultRecord fault;
-    if (!Unpack(CurrentEventData, fault))
-        return INVALID_DATA;
-    FaultSummary& summary = fault.summary;
-    if (summary.key.node.strlen() == 0 || summary.key.node.strlen() > FaultNodeLimit || summary.key.number < 0 ||
-        summary.text.strlen() > FaultTextLimit)
-        return INVALID_DATA;
-    summary.key.node.flatten(); // a fault is listed on one line
-    summary.text.flatten();
-    summary.raised = Dates::CurrentTime();
-    faults[summary.key] = fault;
-    return NO_ERRORS;
-}
-
-short FaultServer::List(Buffer& answer)
-{
-    FaultList list;
-    for (const auto& entry : faults)
-        list.faults.push_back(entry.second.summary);
-    Pack(list, answer);
-    return NO_ERRORS;
-}
-
-short FaultServer::Fetch(Buffer& answer)
-{
-    FaultKey key;
-    Faults::iterator at;
-    if (!Unpack(CurrentEventData, key))
-        return INVALID_DATA;
-    const short status = Find(key, at);
-    if (status == NO_ERRORS)
-        Pack(at->second, answer);
-    return status;
-}
-
-short FaultServer::Clear()
-{
-    FaultKey key;
-    Faults::iterator at;
-    if (!Unpack(CurrentEventData, key))
-        return INVALID_DATA;
-    const short status = Find(key, at);
-    if (status == NO_ERRORS)
-        faults.erase(at);
-    return status;
-}
-
-// Runs the command with the fault in FAULT_NODE and FAULT_NUMBER; the server waits for it.
-short FaultServer::Run(Buffer& answer)
-{
-    FaultCommand request;
-    Faults::iterator at;
-    if (!Unpack(CurrentEventData, request) || request.command.strlen() == 0)
-        return INVALID_DATA;
-    const short status = Find(request.key, at);
-    if (status != NO_ERRORS)
-        return status;
-
-    setenv("FAULT_NODE", request.key.node, 1);
-    setenv("FAULT_NUMBER", std::to_string(request.key.number).c_str(), 1);
-    CommandResult result;
-    UnixProcess process(static_cast<const char*>(request.command), result.output, commandSeconds);
-    result.exitStatus = process.wait();
-    Pack(result, answer);
-    if (process.pid() < 0)
-        return FORK_FAILED;
-    if (result.exitStatus >= 0)
-        return NO_ERRORS;
-    // Killed for its time: what it started leads no life of its own, and it is reaped here.
-    kill(static_cast<pid_t>(-process.pid()), SIGKILL);
-    waitpid(static_cast<pid_t>(process.pid()), nullptr, 0);
-    return WAIT_TIME_EXCEEDED;
-}
-
-short FaultServer::Find(const FaultKey& key, Faults::iterator& at)
-{
-    at = faults.find(key);
-    return at == faults.end() ? ITEM_DOES_NOT_EXIST : NO_ERRORS;
-}
-
-void FaultServer::dumpOn(std::ostream& out) const
-{
-    EventManager::dumpOn(out);
-    out << "Faults: " << faults.size() << std::endl;
-    for (const auto& entry : faults) {
-        const FaultSummary& fault = entry.second.summary;
-        out << entry.first.Name() << ": " << fault.text << " (" << fault.attached << " bytes attached)" << std::endl;
+    if (std::strcmp(option, "--debug") == 0)
+        return ReadNumber(value, settings.debug) && settings.debug >= 0;
+    if (std::strcmp(option, "--time-limit") == 0)
+        return ReadNumber(value, settings.seconds) && settings.seconds > 0;
+    if (std::strcmp(option, "--remote-access") == 0) {
+        settings.remoteAccess = value;
+        for (const char* access : {"none", "read", "full", "global"})
+            if (std::strcmp(value, access) == 0)
+                return true;
     }
+    return false;
 }
 
-// Reads "--NAME VALUE" options into `debug` and `seconds`. False when the command line is wrong.
-static bool ReadOptions(int argc, char** argv, short& debug, long& seconds)
+// False when the command line is wrong.
+static bool ReadOptions(int argc, char** argv, Settings& settings)
 {
-    for (int i = 1; i < argc; i += 2) {
-        if (i + 1 == argc)
+    for (int i = 1; i < argc; i++) {
+        if (std::strcmp(argv[i], "--foreground") == 0)
+            settings.foreground = true;
+        else if (i + 1 == argc || !ReadOption(argv[i], argv[i + 1], settings))
             return false;
-        const char* value = argv[i + 1];
-        const char* end = value + std::strlen(value);
-        std::from_chars_result read = {};
-        if (std::strcmp(argv[i], "--debug") == 0)
-            read = std::from_chars(value, end, debug);
-        else if (std::strcmp(argv[i], "--time-limit") == 0)
-            read = std::from_chars(value, end, seconds);
-        if (read.ptr != end || read.ec != std::errc())
-            return false;
+        else
+            i++;
     }
-    return debug >= 0 && seconds > 0;
+    return true;
+}
+
+static int Refuse(const char* reason)
+{
+    std::cerr << "faultd: " << reason << std::endl;
+    return 1;
+}
+
+static int RefuseSecond()
+{
+    return Refuse("another faultd is running: /var/orv/data/faultd.lock holds its process id");
+}
+
+// Serves until it is told to end.
+static int Serve(const Settings& settings)
+{
+    CString name(LockedName);
+    LockFile lock(name, 0);
+    if (!lock.Locked())
+        return RefuseSecond();
+    FaultStore store(FaultDirectory);
+    if (store.Load() != ErrorReporter::NO_ERRORS)
+        return Refuse("the faults cannot be kept in /var/orv/data/faults");
+    FaultServer server(store, settings.seconds, settings.remoteAccess);
+    if (!server.InBasket().Created())
+        return Refuse("no message queue: another server has it, or the host refuses one");
+    server.main();
+    return 0;
+}
+
+// Leaves the terminal. What would keep the daemon from starting is said while there still is one. The lock itself comes
+// later, since it must belong to the process that stays.
+static int Daemonize(const char* log)
+{
+    CString name(LockedName);
+    if (!LockFile(name, 0).Locked())
+        return RefuseSecond();
+    const int fd = open(log, O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (fd < 0) {
+        std::cerr << "faultd: no way to write the log " << log << ": " << std::strerror(errno) << std::endl;
+        return 1;
+    }
+    close(fd);
+    return daemonize(log, 1) == 0 ? 0 : 1;
 }
 
 int main(int argc, char** argv, char** envp)
@@ -227,24 +136,24 @@ int main(int argc, char** argv, char** envp)
         std::cout << Usage;
         return 0;
     }
-    short debug = 0;
-    long seconds = 30;
-    if (!ReadOptions(argc, argv, debug, seconds)) {
+    Settings settings;
+    if (!ReadOptions(argc, argv, settings)) {
         std::cerr << Usage;
         return 2;
     }
-    MonitoredObject::SetDebugLevel(debug);
-    MonitoredObject::SetDumpStateFileName(StateFile);
-
     if (access(FaultKeyFile, F_OK) != 0) {
         std::cerr << "faultd: the key file " << FaultKeyFile << " is missing; create it with `touch`" << std::endl;
         return 1;
     }
-    FaultServer server(seconds);
-    if (!server.InBasket().Created()) {
-        std::cerr << "faultd: no message queue: another faultd is running, or the host refuses one" << std::endl;
+    if (access(DataDirectory, W_OK) != 0) {
+        std::cerr << "faultd: no way to write into " << DataDirectory << ": " << std::strerror(errno) << std::endl;
         return 1;
     }
-    server.main();
-    return 0;
+    if (!settings.foreground && Daemonize(settings.log) != 0)
+        return 1;
+    umask(022);
+    std::signal(SIGCLD, SIG_IGN); // ProcMgr's commands are not waited for
+    MonitoredObject::SetDebugLevel(settings.debug);
+    MonitoredObject::SetDumpStateFileName(StateFile);
+    return Serve(settings);
 }

@@ -92,6 +92,35 @@ static bool WaitForStatus(pid_t pid, int seconds, int* status)
     return ended;
 }
 
+void Execute(const std::string& program, const std::vector<std::string>& arguments)
+{
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+}
+
+ChildResult RunProgram(const std::string& program, const std::vector<std::string>& arguments, const std::string& input)
+{
+    return RunInChild([&] {
+        dup2(open(input.c_str(), O_RDONLY), 0);
+        Execute(program, arguments);
+    });
+}
+
+pid_t StartProgram(const std::string& program, const std::vector<std::string>& arguments, const std::string& output)
+{
+    return StartChild([&] {
+        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, 1);
+        dup2(fd, 2);
+        close(fd);
+        Execute(program, arguments);
+    });
+}
+
 int WaitForExit(pid_t pid, int seconds)
 {
     int status = 0;

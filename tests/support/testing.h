@@ -29,6 +29,13 @@ ChildResult RunInChild(const std::function<void()>& body, int seconds = 60);
 
 /// Forks a child that runs `body` and leaves with _exit(0). The caller reaps it (see WaitForExit).
 pid_t StartChild(const std::function<void()>& body);
+/// Makes the process a program, with its path and arguments; the process ends with 127 when that fails.
+[[noreturn]] void Execute(const std::string& program, const std::vector<std::string>& arguments);
+/// Runs a program to its end, as RunInChild does, with the file `input` as its standard input.
+ChildResult RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                       const std::string& input = "/dev/null");
+/// Starts a program with its output in the file `output`.
+pid_t StartProgram(const std::string& program, const std::vector<std::string>& arguments, const std::string& output);
 /// Waits for a child; its exit code, or 128 + the signal that ended it. A child alive after `seconds` is killed.
 int WaitForExit(pid_t pid, int seconds = 60);
 /// Waits until `condition` holds, looking every few milliseconds. False when it does not within `seconds`.

@@ -2,13 +2,11 @@
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -17,121 +15,11 @@
 #include "Misc/ZELstream.h"
 #include "Misc/ipcq.h"
 #include "Misc/proginfo.h"
-#include "tests/support/testing.h"
+#include "tests/system/faultd_testing.h"
 
-using namespace testing_support;
+using namespace faultd_testing;
 
 namespace {
-
-const char KeyFile[] = "/opt/orv/bin/orvd";
-const char CrashFile[] = "/var/orv/data/faultd.sig";
-const char NoServer[] = "faultctl: no server: faultd is not running here, and there is no relay to another host\n";
-
-[[noreturn]] void Execute(const std::string& program, const std::vector<std::string>& arguments)
-{
-    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-    for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    execv(program.c_str(), argv.data());
-    _exit(127);
-}
-
-/// Runs a program to its end, with the file `input` as its standard input.
-ChildResult RunProgram(const std::string& program, const std::vector<std::string>& arguments,
-                       const std::string& input = "/dev/null")
-{
-    return RunInChild([&] {
-        dup2(open(input.c_str(), O_RDONLY), 0);
-        Execute(program, arguments);
-    });
-}
-
-ChildResult Ctl(const std::vector<std::string>& arguments, const std::string& input = "/dev/null")
-{
-    return RunProgram(FAULTCTL, arguments, input);
-}
-
-/// Starts a server with its output in a file.
-pid_t Start(const std::string& program, const std::vector<std::string>& arguments, const std::string& output)
-{
-    return StartChild([&] {
-        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, 1);
-        dup2(fd, 2);
-        close(fd);
-        Execute(program, arguments);
-    });
-}
-
-/// `count` bytes of every value, zeros and line ends included.
-std::string Bytes(size_t count, unsigned seed)
-{
-    std::string bytes(count, '\0');
-    for (char& byte : bytes) {
-        seed = seed * 1103515245 + 12345;
-        byte = static_cast<char>(seed >> 16);
-    }
-    return bytes;
-}
-
-int QueuesOnTheHost()
-{
-    std::istringstream table(ReadFile("/proc/sysvipc/msg"));
-    int lines = 0;
-    for (std::string line; std::getline(table, line);)
-        lines++;
-    return lines - 1;
-}
-
-std::string NodeName()
-{
-    struct utsname host;
-    uname(&host);
-    return host.nodename;
-}
-
-class FaultdTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (!InSandbox())
-            GTEST_SKIP() << "needs a private /var and /opt/orv/bin";
-        std::remove(CrashFile);
-        MakeKeyFile("orvd");
-    }
-    void TearDown() override
-    {
-        if (server > 0) {
-            kill(server, SIGTERM);
-            WaitForExit(server);
-        }
-    }
-
-    void StartServer(const std::vector<std::string>& arguments = {})
-    {
-        server = Start(FAULTD, arguments, log());
-        ASSERT_TRUE(WaitUntil([] { return Ctl({"list"}).exitCode == 0; })) << ReadFile(log());
-    }
-    int EndOfServer()
-    {
-        const int code = WaitForExit(server);
-        server = 0;
-        return code;
-    }
-    std::string log() const { return directory.File("faultd.log"); }
-
-    TemporaryDirectory directory;
-    pid_t server = 0;
-};
-
-#define EXPECT_RESULT(result, code, stdout_text, stderr_text) \
-    do {                                                      \
-        const ChildResult ran = (result);                     \
-        EXPECT_EQ(ran.exitCode, code);                        \
-        EXPECT_EQ(ran.out, stdout_text);                      \
-        EXPECT_EQ(ran.err, stderr_text);                      \
-    } while (0)
 
 TEST_F(FaultdTest, RaisesListsShowsAndClears)
 {
@@ -140,17 +28,18 @@ TEST_F(FaultdTest, RaisesListsShowsAndClears)
     EXPECT_RESULT(Ctl({"raise", "beta", "3", "fan 1 stopped"}), 0, "", "");
     EXPECT_RESULT(Ctl({"raise", "alpha", "123456789", "big number"}), 0, "", "");
     EXPECT_RESULT(Ctl({"raise", "alpha", "7", "two\nlines\tand a tab"}), 0, "", "");
-    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\t0\ttwo lines and a tab\n"
-                                               "alpha/123456789\t<time>\t0\tbig number\n"
-                                               "beta/00000003\t<time>\t0\tfan 1 stopped\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\tnew\t0\ttwo lines and a tab\n"
+                                               "alpha/123456789\t<time>\tnew\t0\tbig number\n"
+                                               "beta/00000003\t<time>\tnew\t0\tfan 1 stopped\n");
     EXPECT_EQ(WithoutTimes(Ctl({"show", "beta", "3"}).out), "Fault:    beta/00000003\n"
                                                             "Raised:   <time>\n"
+                                                            "State:    new\n"
                                                             "Attached: 0 bytes\n"
                                                             "Text:     fan 1 stopped\n");
     EXPECT_RESULT(Ctl({"raise", "beta", "3", "fan 1 stopped again"}), 0, "", "");
     EXPECT_RESULT(Ctl({"clear", "alpha", "7"}), 0, "", "");
     EXPECT_RESULT(Ctl({"clear", "alpha", "123456789"}), 0, "", "");
-    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "beta/00000003\t<time>\t0\tfan 1 stopped again\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "beta/00000003\t<time>\tnew\t0\tfan 1 stopped again\n");
 
     const std::string missing = "Cannot find the data item, it does not exist. (56)\n";
     EXPECT_RESULT(Ctl({"clear", "alpha", "7"}), 1, "", "faultctl: CLEAR: " + missing);
@@ -173,7 +62,7 @@ TEST_F(FaultdTest, CarriesAttachmentsByteForByte)
         EXPECT_NE(shown.out.find("Attached: " + std::to_string(size) + " bytes\n"), std::string::npos) << shown.out;
         EXPECT_TRUE(ReadFile(copy) == bytes) << size << " bytes";
     }
-    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000001\t<time>\t1048576\twith a dump\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000001\t<time>\tnew\t1048576\twith a dump\n");
     EXPECT_RESULT(Ctl({"raise", "alpha", "2", "t", "--attach", directory.File("missing")}), 1, "",
                   "faultctl: cannot read " + directory.File("missing") + "\n");
     const ChildResult unsaved = Ctl({"show", "alpha", "1", "--save", "/proc/no/such/place"});
@@ -214,7 +103,7 @@ TEST_F(FaultdTest, LoadsTheErrorLinesOfALog)
         faults++;
         char name[32];
         std::snprintf(name, sizeof name, "/%08d", number);
-        expected += NodeName() + name + "\t<time>\t0\t" + line + "\n";
+        expected += NodeName() + name + "\t<time>\tnew\t0\t" + line + "\n";
     }
     regfree(&telling);
     EXPECT_EQ(faults, 12) << "the sample is what this test was made for";
@@ -225,8 +114,8 @@ TEST_F(FaultdTest, LoadsTheErrorLinesOfALog)
 
     const std::string other = directory.File("log");
     WriteFile(other, "by default nothing\nfaultless\n\nNO PANIC here");
-    EXPECT_EQ(WithoutTimes(Ctl({"load", "-"}, other).out), NodeName() + "/00000002\t<time>\t0\tfaultless\n" +
-                                                               NodeName() + "/00000004\t<time>\t0\tNO PANIC here\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"load", "-"}, other).out), NodeName() + "/00000002\t<time>\tnew\t0\tfaultless\n" +
+                                                           NodeName() + "/00000004\t<time>\tnew\t0\tNO PANIC here\n");
     EXPECT_RESULT(Ctl({"load", directory.File("missing")}), 1, "",
                   "faultctl: cannot read " + directory.File("missing") + "\n");
     EXPECT_RESULT(Ctl({"load", directory.Path()}), 1, "", "faultctl: cannot read " + directory.Path() + "\n");
@@ -241,19 +130,32 @@ TEST_F(FaultdTest, TellsItsStatus)
     EXPECT_EQ(status.exitCode, 0);
     EXPECT_EQ(status.err, "");
     const std::string text = WithoutTimes(status.out);
-    EXPECT_EQ(text.substr(text.find("--- Time Stamp")), "--- Time Stamp --  Status Event\n"
-                                                        "<time>  000    LIST\n"
-                                                        "<time>  000    RAISE\n"
-                                                        "<time>  056    CLEAR\n"
-                                                        "<time>  ---    STATUS\n"
-                                                        "End of trace of most recent events.\n\n"
-                                                        "EventManager child process information:\n"
-                                                        "SafeArray(UnixProcess)***************\n"
-                                                        "********** Capacity =0\n"
-                                                        "********** Quantity =0\n"
-                                                        "********** This SafeArray is purgable.\n"
-                                                        "Faults: 1\n"
-                                                        "alpha/00000007: disk (0 bytes attached)\n");
+    const size_t life = text.find("Dumping valid States:");
+    ASSERT_NE(life, std::string::npos) << text;
+    const size_t trace = text.find("--- Time Stamp");
+    EXPECT_EQ(text.substr(trace, life - trace), "--- Time Stamp --  Status Event\n"
+                                                "<time>  000    LIST\n"
+                                                "<time>  000    RAISE\n"
+                                                "<time>  056    CLEAR\n"
+                                                "<time>  ---    STATUS\n"
+                                                "End of trace of most recent events.\n\n"
+                                                "EventManager child process information:\n"
+                                                "SafeArray(UnixProcess)***************\n"
+                                                "********** Capacity =0\n"
+                                                "********** Quantity =0\n"
+                                                "********** This SafeArray is purgable.\n");
+    EXPECT_EQ(text.substr(text.find("FaultIdList: ")), "FaultIdList: Quantity = 1; CurrIndex = 0\n"
+                                                       "alpha/00000007\n"
+                                                       "Faults: 1\n"
+                                                       "alpha/00000007: new, disk (0 bytes attached)\n"
+                                                       "Dumping ProcMgr Object:\n"
+                                                       "Number of Pending Processes = 0\n"
+                                                       "Number of Active Processes = 0\n"
+                                                       "MaxActive = 8\n"
+                                                       "MaxRetry = 4\n"
+                                                       "MaxTime = 1800\n"
+                                                       "Number of timed out processes = 0\n"
+                                                       "Number of retry exceeded processes = 0\n");
     EXPECT_EQ(text.find("Dumping EventManager data structures:\nEventCount: 4\nCurrentEvent: STATUS (1)\n"), 0u);
 }
 
@@ -264,17 +166,22 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
     EXPECT_RESULT(Ctl({"--host"}), 2, "", "faultctl: unknown command --host" + hint);
     EXPECT_RESULT(Ctl({"rise"}), 2, "", "faultctl: unknown command rise" + hint);
     EXPECT_RESULT(Ctl({"raise", "n", "1"}), 2, "",
-                  "faultctl: raise takes NODE NUMBER TEXT [--attach FILE]" + hint);
+                  "faultctl: raise takes NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]..." + hint);
     EXPECT_RESULT(Ctl({"raise", "n", "1", "t", "--attach"}), 2, "",
-                  "faultctl: raise takes NODE NUMBER TEXT [--attach FILE]" + hint);
+                  "faultctl: raise takes NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]..." + hint);
     EXPECT_RESULT(Ctl({"show", "n", "1", "--attach", "f"}), 2, "",
                   "faultctl: show takes NODE NUMBER [--save FILE]" + hint);
     EXPECT_RESULT(Ctl({"list", "all"}), 2, "", "faultctl: list takes no arguments" + hint);
     EXPECT_RESULT(Ctl({"load"}), 2, "", "faultctl: load takes FILE" + hint);
-    const std::string badKey = "faultctl: NODE must be 1 to 79 characters, NUMBER a number from 0 on" + hint;
-    for (const char* number : {"", "x", "1x", "-1", " 1", "99999999999"})
+    for (const char* option : {"", "name", "=value"})
+        EXPECT_RESULT(Ctl({"raise", "n", "1", "t", "--option", option}), 2, "",
+                      "faultctl: --option takes NAME=VALUE, not " + std::string(option) + hint);
+    const std::string badKey = "faultctl: NODE must be 1 to 79 visible characters without / and :, NUMBER from 0 to "
+                               "2147483647" + hint;
+    for (const char* number : {"", "x", "1x", "-1", " 1", "2147483648", "99999999999999999999"})
         EXPECT_RESULT(Ctl({"clear", "n", number}), 2, "", badKey);
-    EXPECT_RESULT(Ctl({"show", "", "1"}), 2, "", badKey);
+    for (const char* node : {"", "a/b", "a:b", "a b", "a\t"})
+        EXPECT_RESULT(Ctl({"show", node, "1"}), 2, "", badKey);
     EXPECT_RESULT(Ctl({"run", std::string(80, 'n'), "1", "true"}), 2, "", badKey);
     EXPECT_RESULT(Ctl({"run", "n", "1", ""}), 2, "", "faultctl: COMMAND must be 1 to 4000 characters" + hint);
     EXPECT_RESULT(Ctl({"raise", "n", "1", std::string(4001, 't')}), 2, "",
@@ -285,7 +192,9 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
     EXPECT_NE(help.out.find("Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no server.\n"),
               std::string::npos);
     EXPECT_EQ(RunProgram(FAULTD, {"--help"}).exitCode, 0);
-    const std::vector<std::string> wrong[] = {{"--debug"}, {"--debug", "x"}, {"--time-limit", "0"}, {"--other", "1"}};
+    const std::vector<std::string> wrong[] = {{"--debug"}, {"--debug", "x"}, {"--debug", "-1"}, {"--time-limit", "0"},
+                                              {"--other", "1"}, {"--log", ""}, {"--remote-access", "write"},
+                                              {"--foreground", "--log"}};
     for (const std::vector<std::string>& arguments : wrong) {
         const ChildResult daemon = RunProgram(FAULTD, arguments);
         EXPECT_EQ(daemon.exitCode, 2);
@@ -306,7 +215,7 @@ TEST_F(FaultdTest, FindsTheServerOfANamedHost)
 {
     StartServer();
     EXPECT_RESULT(Ctl({"--host", NodeName(), "raise", "alpha", "7", "t"}), 0, "", "");
-    EXPECT_EQ(WithoutTimes(Ctl({"--host", NodeName(), "list"}).out), "alpha/00000007\t<time>\t0\tt\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"--host", NodeName(), "list"}).out), "alpha/00000007\t<time>\tnew\t0\tt\n");
     EXPECT_RESULT(Ctl({"--host", "nowhere", "list"}), 3, "",
                   "faultctl: no server: none on nowhere, or no relay to it\n");
     EXPECT_RESULT(Ctl({"--host", "nowhere"}), 2, "", "faultctl: no command; see faultctl --help\n");
@@ -336,10 +245,12 @@ TEST_F(FaultdTest, RunsABatchOfCommands)
     close(in);
     EXPECT_EQ(WaitForExit(batch), 2) << "the code of the last one that failed";
     EXPECT_EQ(WithoutTimes(ReadFile(answers)),
-              "alpha/00000007\t<time>\t0\ttwo  words and \"quotes\"\n"
+              "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
               "faultctl: CLEAR: Cannot find the data item, it does not exist. (56)\n"
               "faultctl: unknown command rise; see faultctl --help\n"
-              "alpha/00000009\t<time>\t0\tt\n");
+              "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
+              "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
+              "alpha/00000009\t<time>\tnew\t0\tt\n");
     EXPECT_RESULT(Ctl({"batch"}), 0, "", "");
 }
 
@@ -347,9 +258,9 @@ TEST_F(FaultdTest, ASecondServerGivesWay)
 {
     StartServer();
     Ctl({"raise", "alpha", "7", "t"});
-    EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "",
-                  "faultd: no message queue: another faultd is running, or the host refuses one\n");
-    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\t0\tt\n") << "the first one works on";
+    EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "", SecondServer);
+    EXPECT_RESULT(RunProgram(FAULTD, {"--foreground"}), 1, "", SecondServer);
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\tnew\t0\tt\n") << "the first one works on";
 }
 
 TEST_F(FaultdTest, EndsOnTheExitEventAndOnSigterm)
@@ -391,21 +302,6 @@ TEST_F(FaultdTest, ServesTwoClientsAtOnce)
     EXPECT_NE(Ctl({"status"}).out.find("Faults: 10\n"), std::string::npos);
 }
 
-TEST_F(FaultdTest, ACrashLeavesItsStateAndNoQueue)
-{
-    StartServer();
-    Ctl({"raise", "alpha", "7", "seen in the crash file"});
-    kill(server, SIGSEGV);
-    EXPECT_EQ(EndOfServer(), 128 + SIGABRT);
-    const std::string crash = WithoutTimes(ReadFile(CrashFile));
-    const std::string command = FAULTD;
-    EXPECT_NE(crash.find("\n<time>. SIGNAL 11 detected. ProgInfo=" + command + " \n"), std::string::npos) << crash;
-    EXPECT_NE(crash.find("Dumping EventManager data structures:\n"), std::string::npos);
-    EXPECT_NE(crash.find("Faults: 1\nalpha/00000007: seen in the crash file (0 bytes attached)\n"), std::string::npos);
-    EXPECT_NE(crash.find("IPCQServer Object Begin\n"), std::string::npos);
-    EXPECT_EQ(QueuesOnTheHost(), 0);
-}
-
 TEST_F(FaultdTest, Sigusr1WritesItsState)
 {
     StartServer();
@@ -431,7 +327,7 @@ TEST_F(FaultdTest, ARestartReplacesTheQueueOfAKilledServer)
     EXPECT_EQ(QueuesOnTheHost(), 1) << "it had no chance";
     StartServer();
     EXPECT_EQ(QueuesOnTheHost(), 1);
-    EXPECT_RESULT(Ctl({"list"}), 0, "", "");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\tnew\t0\tt\n");
 
     // A client clears it away as well.
     kill(server, SIGKILL);
@@ -447,9 +343,10 @@ TEST_F(FaultdTest, LogsEventsAtDebugLevelOne)
     Ctl({"exit"});
     EXPECT_EQ(EndOfServer(), 0);
     const std::string text = ReadFile(log());
-    EXPECT_NE(text.find("----\nEventBeg: RAISE\nFrom: [" FAULTCTL "] (" + NodeName() + ")\nEventEnd: Real="),
-              std::string::npos)
-        << text;
+    const std::string from = "From: [" FAULTCTL "] (" + NodeName() + ")\n";
+    EXPECT_NE(text.find("----\nEventBeg: LIST\n" + from + "EventEnd: Real="), std::string::npos) << text;
+    EXPECT_NE(text.find("----\nEventBeg: RAISE\n" + from), std::string::npos) << text;
+    EXPECT_NE(text.find("alpha/00000007 raised, new: t\nEventEnd: Real="), std::string::npos) << text;
 }
 
 /// What faultd answers to data that no faultctl would send.
@@ -468,39 +365,56 @@ TEST_F(FaultdTest, RefusesBadPayloads)
     static char* argv[] = {name, nullptr};
     ProgInfo::Initialize(1, argv, argv + 1, "1.0");
     StartServer();
-    enum { Raise = 2, Fetch = 4, Clear = 5, Run = 6 };
-    // A whole record: node, number, time, text, attachment's length and bytes.
-    EXPECT_EQ(Status(Raise, "5|alpha7|0|4|text3|abc"), 0);
-    const char* const bad[] = {
-        "",                                   // nothing
-        "5|alpha",                            // the end is missing
-        "5|alpha7|0|4|text",                  //
-        "5|alpha7|0|4|text4|abc",             // an attachment of one byte less
-        "5|alpha7|0|4|text3|abcd",            // of one byte more
-        "5|alpha7|0|4|text-1|",               // of less than nothing
-        "5|alpha7|0|4|text2147483647|abc",    // of nearly everything
-        "5|alpha7|0|4|text99999999999999999999|abc", // of more than that
-        "5|alpha7|0|60000|text3|abc",         // a text that is not there
-        "5|alpha7|0|9|text3|abc",             // a text that is one byte short
-        "5|alphaseven|0|4|text3|abc",         // no number
-        "5|alpha-7|0|4|text3|abc",            // a number below 0
-        "0|7|0|4|text3|abc",                  // no node
-        "alpha|7|0|4|text3|abc",              // another form
+    enum { Raise = 2, Fetch = 4, Clear = 5, Run = 6, Start = 7, Move = 8, Moves = 9 };
+    // A whole record: number, node and name, time, state, text, options, attachment's length and bytes.
+    const std::string id = "7|5|alpha14|alpha/00000007";
+    EXPECT_EQ(Status(Raise, id + "0|3|new4|text1|4|name5|value3|abc"), 0);
+    const std::string bad[] = {
+        "",                                              // nothing
+        id,                                              // the end is missing
+        id + "0|3|new4|text0|",                          //
+        id + "0|3|new4|text0|4|abc",                     // an attachment of one byte less
+        id + "0|3|new4|text0|3|abcd",                    // of one byte more
+        id + "0|3|new4|text0|-1|",                       // of less than nothing
+        id + "0|3|new4|text0|2147483647|abc",            // of nearly everything
+        id + "0|3|new4|text0|99999999999999999999|abc",  // of more than that
+        id + "0|3|new60000|text0|3|abc",                 // a text that is not there
+        id + "0|3|new9|text0|3|abc",                     // a text that takes more than its own
+        id + "0|3|new4|text2|4|name5|value3|abc",        // an option that is not there
+        id + "0|3|new4|text1|4|name5|value|3|abc",       // another form
+        id + "0|3|new4|text1|0|5|value3|abc",            // an option without a name
+        id + "0|3|new4|text-1|3|abc",                    // less than no options
+        id + "0|3|new4|text101|" + std::string(101 * 4, 'x') + "3|abc", // too many
+        "5|alpha7|0|3|new4|text0|3|abc",                 // another form of a name
+        WireId("alpha", "-7", "alpha/-0000007") + "0|3|new4|text0|0|",          // a number below 0
+        WireId("alpha", "2147483648", "alpha/2147483648") + "0|3|new4|text0|0|", // too large a number
+        WireId("alpha", "7", "alpha/7") + "0|3|new4|text0|0|",                   // a text that is not the name's
+        WireId("alpha", "7", "beta/00000007") + "0|3|new4|text0|0|",             //
+        WireId("", "7", "/00000007") + "0|3|new4|text0|0|",                      // no node
+        WireId("a/b", "7", "a/b/00000007") + "0|3|new4|text0|0|",                // a path
+        WireId("a b", "7", "a b/00000007") + "0|3|new4|text0|0|",
+        WireId("a\nb", "7", "a\nb/00000007") + "0|3|new4|text0|0|",
+        WireId(std::string(80, 'n'), "7", std::string(80, 'n') + "/00000007") + "0|3|new4|text0|0|",
+        id + "0|3|new4001|" + std::string(4001, 't') + "0|0|",
+        id + "0|3|new4|text1|80|" + std::string(80, 'o') + "1|v0|",
+        id + "0|3|new4|text1|1|o4001|" + std::string(4001, 'v') + "0|",
     };
-    for (const char* data : bad)
+    for (const std::string& data : bad)
         EXPECT_EQ(Status(Raise, data), 22) << data;
-    EXPECT_EQ(Status(Raise, "80|" + std::string(80, 'n') + "7|0|4|text0|"), 22) << "a long node name";
-    EXPECT_EQ(Status(Raise, "1|n7|0|4001|" + std::string(4001, 't') + "0|"), 22) << "a long text";
-    for (short event : {short(Fetch), short(Clear), short(Run)}) {
+    for (short event : {short(Fetch), short(Clear), short(Run), short(Start), short(Move), short(Moves)}) {
         EXPECT_EQ(Status(event, ""), 22);
-        EXPECT_EQ(Status(event, "5|alph"), 22);
-        EXPECT_EQ(Status(event, "5|alpha7"), 22);
+        EXPECT_EQ(Status(event, "7|5|alph"), 22);
+        EXPECT_EQ(Status(event, "7|5|alpha"), 22);
     }
-    EXPECT_EQ(Status(Fetch, "5|alpha7|x"), 22) << "more than a key";
-    EXPECT_EQ(Status(Run, "5|alpha7|0|"), 22) << "an empty command";
-    EXPECT_EQ(Status(8, ""), 81) << "no such event";
+    EXPECT_EQ(Status(Fetch, id + "x"), 22) << "more than a name";
+    EXPECT_EQ(Status(Run, id + "0|"), 22) << "an empty command";
+    EXPECT_EQ(Status(Start, id + "0|"), 22) << "an empty command";
+    EXPECT_EQ(Status(Move, id + "9|working"), 22) << "a state that comes short";
+    EXPECT_EQ(Status(Move, id + "7|Working"), 27) << "no such state";
+    EXPECT_EQ(Status(11, ""), 81) << "no such event";
+    EXPECT_EQ(Status(-1, ""), 81) << "the server's own";
     EXPECT_EQ(Status(0, ""), 0) << "a sign of life";
-    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\t3\ttext\n");
+    EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\tnew\t3\ttext\n");
     EXPECT_EQ(Ctl({"exit"}).exitCode, 0);
     EXPECT_EQ(EndOfServer(), 0);
 }
@@ -511,7 +425,7 @@ TEST_F(FaultdTest, TheHelloPairWorks)
     const ChildResult alone = RunProgram(HELLO_CLIENT, {});
     EXPECT_EQ(alone.exitCode, 1);
     EXPECT_EQ(alone.err, "hello_client: no answer: is hello_server running?\n");
-    server = Start(HELLO_SERVER, {}, log());
+    server = StartProgram(HELLO_SERVER, {}, log());
     ASSERT_TRUE(WaitUntil([] { return RunProgram(HELLO_CLIENT, {}).out == "Hello, world!\n"; }));
     EXPECT_RESULT(RunProgram(HELLO_CLIENT, {"operator"}), 0, "Hello, operator!\n", "");
     const std::string longName(5000, 'x');

@@ -25,6 +25,13 @@ for header in assertion.h text.h timedcall.h; do
     [ ! -e "Misc/$header" ] || fail "$header is not public"
 done
 
+echo "== docs/classes.md names every public class with its header, and nothing else"
+awk '/^(class|struct|enum) [A-Za-z_]+( [:{].*)?$/ { print $2, FILENAME }
+     template && $1 == "class" { print $2, FILENAME }
+     { template = /^template <class X>$/ }' Misc/*.h | sort -u >"$work/declared"
+sed -n 's/^| `\([A-Za-z_]*\)` | `\(Misc\/[A-Za-z]*\.h\)` |.*/\1 \2/p' "$source/docs/classes.md" >"$work/listed"
+sort "$work/listed" | diff "$work/declared" - || fail "docs/classes.md and the headers differ"
+
 echo "== find_package: the examples build on the installed library"
 cmake -S "$source/examples" -B "$work/examples" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/examples" >/dev/null

@@ -32,23 +32,6 @@ const char FarHost[] = "far"; // another address of this host, so that it counts
 const uint16_t Port = 4711;
 const short GoneEvent = -1;
 
-/// Starts a program with its output in a file.
-pid_t Start(const std::string& program, const std::vector<std::string>& arguments, const std::string& output)
-{
-    return StartChild([&] {
-        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, 1);
-        dup2(fd, 2);
-        close(fd);
-        std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-        for (const std::string& argument : arguments)
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        argv.push_back(nullptr);
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    });
-}
-
 /// The children of a process; zombies count.
 std::vector<pid_t> ChildrenOf(pid_t pid)
 {
@@ -155,7 +138,7 @@ protected:
 
     void StartRelay(const std::vector<std::string>& arguments = {})
     {
-        relay = Start(RELAYD, arguments, directory.File("relayd.log"));
+        relay = StartProgram(RELAYD, arguments, directory.File("relayd.log"));
         ASSERT_TRUE(WaitUntil([] { return RawConnection().connected; })) << Log();
         { // it is answered when the ones before it have got their processes
             RawConnection last;
@@ -560,7 +543,7 @@ TEST_F(RelaydTest, FindsTheHostInItsFile)
 TEST_F(RelaydTest, ServesOtherServices)
 {
     const pid_t other = StartServer("hello", ServeEchoes);
-    const pid_t service = Start(RELAYD, {"--service", "hello"}, directory.File("hello.log"));
+    const pid_t service = StartProgram(RELAYD, {"--service", "hello"}, directory.File("hello.log"));
     EXPECT_TRUE(WaitUntil([] { return IPCClient::TLIServerExists(0, "hello", FarHost); }));
     EXPECT_TRUE(IPCClient::IPCServerExists(0, "hello", FarHost));
     EXPECT_FALSE(IPCClient::IPCServerExists(0, "orvd", FarHost)) << "nobody listens there";
@@ -706,7 +689,7 @@ TEST_F(RelaydTest, ManyConnectionsComeAndGo)
 TEST_F(RelaydTest, ComplainsOfWrongUsage)
 {
     const auto run = [&](const std::vector<std::string>& arguments) {
-        return WaitForExit(Start(RELAYD, arguments, directory.File("relayd.log")));
+        return WaitForExit(StartProgram(RELAYD, arguments, directory.File("relayd.log")));
     };
     EXPECT_EQ(run({"--help"}), 0);
     EXPECT_NE(Log().find("Exit codes: 0 ended as asked, 1 could not listen, 2 wrong usage.\n"), std::string::npos);
@@ -719,7 +702,7 @@ TEST_F(RelaydTest, ComplainsOfWrongUsage)
     EXPECT_EQ(run({"--service", "unknown"}), 1);
     EXPECT_EQ(Log(), "get info failed for host: \\1 service: unknown\nrelayd: cannot listen for service unknown\n");
     StartRelay();
-    EXPECT_EQ(WaitForExit(Start(RELAYD, {}, directory.File("second.log"))), 1);
+    EXPECT_EQ(WaitForExit(StartProgram(RELAYD, {}, directory.File("second.log"))), 1);
     EXPECT_NE(ReadFile(directory.File("second.log")).find("relayd: cannot listen for service orvd\n"),
               std::string::npos);
 }
