@@ -26,8 +26,8 @@ public:
     /// second each. Then it replaces the lock file if it is stale, and gives up otherwise. Locked() tells the result.
     /// A directory that does not exist ends the attempt at once; so does any other error than that the lock file
     /// exists, with a message on standard error. A stale lock file that cannot be read, written or deleted counts as
-    /// held.
-    LockFile(CString& name, int max_retries);
+    /// held. `name` is copied and not changed.
+    explicit LockFile(CString& name, int max_retries = 0);
     LockFile(const LockFile&) = delete;
     LockFile& operator=(const LockFile&) = delete;
     /// Calls Cleanup.

@@ -287,6 +287,16 @@ TEST(Dsa, ListsBlocksWithTheirState)
                        Total(3, 1, 22));
 }
 
+TEST(Dsa, TheListingIsFlushed)
+{
+    const std::string out = Printed([] {
+        New("abc");
+        DSA::show_allocated_blocks();
+        _exit(0);
+    });
+    EXPECT_EQ(out, Start + Listed("abc", 1) + End + Total(1, 0, 3));
+}
+
 TEST(Dsa, ABlockTakesTheFirstEmptySlot)
 {
     const std::string out = Printed([] {
