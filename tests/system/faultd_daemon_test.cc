@@ -71,6 +71,7 @@ protected:
     // Ends the daemon with a signal, or 0 for the exit event.
     void EndDaemon(int signal)
     {
+        ASSERT_GT(daemon, 1) << "there is none";
         if (signal != 0)
             kill(daemon, signal);
         else
@@ -308,8 +309,10 @@ TEST_F(FaultDaemonTest, AChangeThatCannotBeStoredIsRefused)
     ASSERT_EQ(mkdir((faults + "/list.new").c_str(), 0755), 0);
     EXPECT_EQ(Ctl({"clear", "alpha", "1"}).exitCode, 1);
     ASSERT_EQ(rmdir((faults + "/list.new").c_str()), 0);
+    EXPECT_RESULT(Ctl({"raise", "alpha", "3", "t"}), 0, "", "");
     for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000001\t<time>\tnew\t0\tt\n");
+        EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000001\t<time>\tnew\t0\tt\n"
+                                                   "alpha/00000003\t<time>\tnew\t0\tt\n");
         EndDaemon(SIGKILL);
         StartDaemon();
     }
