@@ -34,20 +34,12 @@ std::string Printed(const SafeArray<X>& array)
 // The reports that `body` makes, with what varies replaced.
 std::string Reports(const std::function<void()>& body)
 {
-    const std::string text = WithoutTimes(CaptureStderr(body));
-    return Replaced(Replaced(text, "Count= [0-9]+", "Count= <n>"), "Line= [0-9]+", "Line= <n>");
+    return WithoutVariables(CaptureStderr(body));
 }
 
 std::string Warning(const std::string& type, const std::string& description)
 {
-    return "\nErrorReporter: <time>  Total Error Count= <n>\n"
-           "  Program=\n"
-           "  Severity Level=WARNING\n"
-           "  Error Type= " + type + "\n"
-           "  Error Code= Application Error.\n"
-           "  Module= $Id: state.cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n"
-           "  Line= <n>\n"
-           "  Description= " + description + "\n\n";
+    return WarningReport("state", type, 0, description);
 }
 
 const char InvalidState[] = "An invalid state was encountered.";
