@@ -94,44 +94,39 @@ short IPCClient::Connected() const
     return 0;
 }
 
+// Performs `operation` on the client there is, if any.
+template <class Operation>
+static void OnClient(IPCQClient* queue, IPCTliClient* connection, const Operation& operation)
+{
+    if (queue != nullptr)
+        operation(*queue);
+    if (connection != nullptr)
+        operation(*connection);
+}
+
 void IPCClient::RegisterVersion(const char* version)
 {
-    if (pipcq != nullptr)
-        pipcq->RegisterVersion(version);
-    if (pipctli != nullptr)
-        pipctli->RegisterVersion(version);
+    OnClient(pipcq, pipctli, [&](auto& client) { client.RegisterVersion(version); });
 }
 
 void IPCClient::RegisterProgramName(const char* program)
 {
-    if (pipcq != nullptr)
-        pipcq->RegisterProgramName(program);
-    if (pipctli != nullptr)
-        pipctli->RegisterProgramName(program);
+    OnClient(pipcq, pipctli, [&](auto& client) { client.RegisterProgramName(program); });
 }
 
 void IPCClient::RegisterNodeName(const char* node)
 {
-    if (pipcq != nullptr)
-        pipcq->RegisterNodeName(node);
-    if (pipctli != nullptr)
-        pipctli->RegisterNodeName(node);
+    OnClient(pipcq, pipctli, [&](auto& client) { client.RegisterNodeName(node); });
 }
 
 void IPCClient::SetReceiveTimeOut(long t_out)
 {
-    if (pipcq != nullptr)
-        pipcq->SetReceiveTimeOut(t_out);
-    if (pipctli != nullptr)
-        pipctli->SetReceiveTimeOut(t_out);
+    OnClient(pipcq, pipctli, [&](auto& client) { client.SetReceiveTimeOut(t_out); });
 }
 
 void IPCClient::SetSendTimeOut(long t_out)
 {
-    if (pipcq != nullptr)
-        pipcq->SetSendTimeOut(t_out);
-    if (pipctli != nullptr)
-        pipctli->SetSendTimeOut(t_out);
+    OnClient(pipcq, pipctli, [&](auto& client) { client.SetSendTimeOut(t_out); });
 }
 
 long IPCClient::GetServerPID() const
@@ -142,10 +137,7 @@ long IPCClient::GetServerPID() const
 short IPCClient::send_event(short event, const void* ptr, long len)
 {
     short code = ErrorReporter::IPC_CONNECTION_LOST;
-    if (pipcq != nullptr)
-        code = pipcq->send_event(event, ptr, len);
-    if (pipctli != nullptr)
-        code = pipctli->send_event(event, ptr, len);
+    OnClient(pipcq, pipctli, [&](auto& client) { code = client.send_event(event, ptr, len); });
     if (code != ErrorReporter::NO_ERRORS)
         Disconnect();
     return code;
@@ -154,10 +146,7 @@ short IPCClient::send_event(short event, const void* ptr, long len)
 short IPCClient::send_event_with_response(short event, const void* ptr, long len)
 {
     short code = ErrorReporter::IPC_CONNECTION_LOST;
-    if (pipcq != nullptr)
-        code = pipcq->send_event_with_response(event, ptr, len);
-    if (pipctli != nullptr)
-        code = pipctli->send_event_with_response(event, ptr, len);
+    OnClient(pipcq, pipctli, [&](auto& client) { code = client.send_event_with_response(event, ptr, len); });
     if (code != ErrorReporter::NO_ERRORS)
         Disconnect();
     return code;
@@ -166,10 +155,7 @@ short IPCClient::send_event_with_response(short event, const void* ptr, long len
 short IPCClient::send_event_wait_ack(short event, const void* ptr, long len)
 {
     short code = ErrorReporter::IPC_CONNECTION_LOST;
-    if (pipcq != nullptr)
-        code = pipcq->send_event_wait_ack(event, ptr, len);
-    if (pipctli != nullptr)
-        code = pipctli->send_event_wait_ack(event, ptr, len);
+    OnClient(pipcq, pipctli, [&](auto& client) { code = client.send_event_wait_ack(event, ptr, len); });
     if (!Connected()) // the code alone does not tell: it may be the status that the server acknowledged with
         Disconnect();
     return code;
@@ -178,11 +164,9 @@ short IPCClient::send_event_wait_ack(short event, const void* ptr, long len)
 short IPCClient::receive_response(short& REvent, Buffer& Data)
 {
     REvent = 0;
-    if (pipcq != nullptr)
-        return pipcq->receive_response(REvent, Data);
-    if (pipctli != nullptr)
-        return pipctli->receive_response(REvent, Data);
-    return ErrorReporter::IPC_CONNECTION_LOST;
+    short code = ErrorReporter::IPC_CONNECTION_LOST;
+    OnClient(pipcq, pipctli, [&](auto& client) { code = client.receive_response(REvent, Data); });
+    return code;
 }
 
 short IPCClient::IPCServerExists(short Object, const char* IPCServerName, const char* ServerNodeName,

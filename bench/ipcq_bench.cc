@@ -1,21 +1,13 @@
 // A message queue with the library's protocol beside the same bytes over msgsnd and msgrcv alone: a request with its
 // response, and 1 MiB in blocks. Both ends run on one core.
-#include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <string>
 
 #include <fcntl.h>
-#include <sched.h>
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <benchmark/benchmark.h>
 
 #include "Misc/ipcq.h"
 #include "Misc/proginfo.h"
@@ -24,9 +16,6 @@
 namespace {
 
 const int HeaderSize = IPCMessageNonDataSize;
-const int BlockSize = 1700;
-const int RequestSize = 100;
-const int TransferSize = 1 << 20;
 const short ExitEvent = 99;
 const char KeyFile[] = "/tmp/zeloo-ipcq-bench";
 
@@ -63,6 +52,7 @@ public:
         close(ready[0]);
         close(ready[1]);
         client = new IPCQClient(0, KeyFile);
+        IPCMessageMaxDataLen = BlockSize;
     }
     ~LibraryEnds()
     {
@@ -73,8 +63,10 @@ public:
     }
     IPCQClient& Client() { return *client; }
 
+    /// The capacity of the library's queue.
     static unsigned long QueueBytes()
     {
+        const LibraryEnds ends;
         struct msqid_ds status = {};
         msgctl(msgget(ftok_orvm(KeyFile), 0), IPC_STAT, &status);
         return status.msg_qbytes;
@@ -108,11 +100,11 @@ void ServeRaw(int queue)
 
 class RawEnds {
 public:
-    explicit RawEnds(unsigned long bytes) : queue(msgget(IPC_PRIVATE, IPC_CREAT | 0600))
+    RawEnds() : queue(msgget(IPC_PRIVATE, IPC_CREAT | 0600))
     {
         struct msqid_ds status;
         msgctl(queue, IPC_STAT, &status);
-        status.msg_qbytes = bytes;
+        status.msg_qbytes = LibraryEnds::QueueBytes();
         msgctl(queue, IPC_SET, &status);
         std::memset(&message, 0, sizeof message);
         server = Fork([this] { ServeRaw(queue); });
@@ -138,66 +130,6 @@ private:
     RawMessage message;
 };
 
-void RoundTrip(benchmark::State& state)
-{
-    PinToOneCore();
-    LibraryEnds ends;
-    const std::string request(RequestSize, 'r');
-    short event;
-    Buffer data;
-    for (auto _ : state)
-        if (ends.Client().send_event_with_response(1, request.data(), RequestSize) != 0 ||
-            ends.Client().receive_response(event, data) != 0)
-            state.SkipWithError("no response");
-}
-BENCHMARK(RoundTrip)->UseRealTime();
-
-void RoundTripFloor(benchmark::State& state)
-{
-    PinToOneCore();
-    RawEnds ends(16384);
-    const std::string request(RequestSize, 'r');
-    for (auto _ : state)
-        if (!ends.Send(request.data(), request.size(), true) || !ends.TakeAnswer())
-            state.SkipWithError("no response");
-}
-BENCHMARK(RoundTripFloor)->UseRealTime();
-
-void Transfer(benchmark::State& state)
-{
-    PinToOneCore();
-    LibraryEnds ends;
-    const std::string block(TransferSize, 't');
-    short event;
-    Buffer data;
-    IPCMessageMaxDataLen = BlockSize;
-    for (auto _ : state)
-        if (ends.Client().send_event_with_response(1, block.data(), TransferSize) != 0 ||
-            ends.Client().receive_response(event, data) != 0)
-            state.SkipWithError("no response");
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
-}
-BENCHMARK(Transfer)->UseRealTime();
-
-void TransferFloor(benchmark::State& state)
-{
-    PinToOneCore();
-    unsigned long bytes;
-    {
-        LibraryEnds sized;
-        bytes = LibraryEnds::QueueBytes();
-    }
-    RawEnds ends(bytes);
-    const std::string block(TransferSize, 't');
-    for (auto _ : state)
-        for (size_t sent = 0; sent < block.size(); sent += BlockSize) {
-            const size_t length = std::min<size_t>(BlockSize, block.size() - sent);
-            const bool last = sent + length == block.size();
-            if (!ends.Send(block.data() + sent, length, last) || (last && !ends.TakeAnswer()))
-                state.SkipWithError("no response");
-        }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
-}
-BENCHMARK(TransferFloor)->UseRealTime();
+const bool registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
 
 } // namespace

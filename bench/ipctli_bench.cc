@@ -1,19 +1,13 @@
 // A connection with the library's protocol beside the same bytes over sockets alone: a request with its response, and
 // 1 MiB in records. Both ends run on one core.
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <string>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <benchmark/benchmark.h>
 
 #include "Misc/ipctli.h"
 #include "Misc/proginfo.h"
@@ -22,9 +16,7 @@
 namespace {
 
 const int RecordSize = sizeof(TliMsgStruct);
-const int BlockSize = sizeof(TliMsgStruct::msg_data);
-const int RequestSize = 100;
-const int TransferSize = 1 << 20;
+static_assert(BlockSize == sizeof(TliMsgStruct::msg_data), "the floor sends blocks of the same size");
 const char Service[] = "47117"; // a port by its number: no table of services is needed
 const uint16_t RawPort = 47118;
 
@@ -150,60 +142,6 @@ private:
     char record[RecordSize] = {};
 };
 
-void RoundTrip(benchmark::State& state)
-{
-    PinToOneCore();
-    LibraryEnds ends;
-    const std::string request(RequestSize, 'r');
-    short event;
-    Buffer data;
-    for (auto _ : state)
-        if (ends.Client().send_event_with_response(1, request.data(), RequestSize) != 0 ||
-            ends.Client().receive_response(event, data) != 0)
-            state.SkipWithError("no response");
-}
-BENCHMARK(RoundTrip)->UseRealTime();
-
-void RoundTripFloor(benchmark::State& state)
-{
-    PinToOneCore();
-    RawEnds ends;
-    const std::string request(RequestSize, 'r');
-    for (auto _ : state)
-        if (!ends.Send(request.data(), request.size(), true) || !ends.TakeAnswer())
-            state.SkipWithError("no response");
-}
-BENCHMARK(RoundTripFloor)->UseRealTime();
-
-void Transfer(benchmark::State& state)
-{
-    PinToOneCore();
-    LibraryEnds ends;
-    const std::string block(TransferSize, 't');
-    short event;
-    Buffer data;
-    for (auto _ : state)
-        if (ends.Client().send_event_with_response(1, block.data(), TransferSize) != 0 ||
-            ends.Client().receive_response(event, data) != 0)
-            state.SkipWithError("no response");
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
-}
-BENCHMARK(Transfer)->UseRealTime();
-
-void TransferFloor(benchmark::State& state)
-{
-    PinToOneCore();
-    RawEnds ends;
-    const std::string block(TransferSize, 't');
-    for (auto _ : state)
-        for (size_t sent = 0; sent < block.size(); sent += BlockSize) {
-            const size_t length = std::min<size_t>(BlockSize, block.size() - sent);
-            const bool last = sent + length == block.size();
-            if (!ends.Send(block.data() + sent, length, last) || (last && !ends.TakeAnswer()))
-                state.SkipWithError("no response");
-        }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * TransferSize);
-}
-BENCHMARK(TransferFloor)->UseRealTime();
+const bool registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
 
 } // namespace
