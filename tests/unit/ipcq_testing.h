@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <string>
 
 #include <fcntl.h>
@@ -110,10 +111,35 @@ inline bool QueueExists(int qid)
     return msgctl(qid, IPC_STAT, &status) == 0;
 }
 
-inline int ObjectsOf(const char* kind) // "msg", "sem" or "shm"
+/// The objects of a kind ("msg", "sem" or "shm") on this host.
+inline int AllObjectsOf(const std::string& kind)
 {
-    const std::string table = ReadFile(std::string("/proc/sysvipc/") + kind);
+    const std::string table = ReadFile("/proc/sysvipc/" + kind);
     return static_cast<int>(std::count(table.begin(), table.end(), '\n')) - 1;
+}
+
+/// Those that came since the program was started: on the real paths there may be others.
+inline int ObjectsOf(const std::string& kind)
+{
+    static std::map<std::string, int> atStart;
+    if (atStart.empty())
+        for (const char* each : {"msg", "sem", "shm"})
+            atStart[each] = AllObjectsOf(each);
+    return AllObjectsOf(kind) - atStart[kind];
+}
+
+inline const int countedBeforeMain = ObjectsOf("msg");
+
+/// Whether the host lets a queue hold so many bytes.
+inline bool QueuesMayHold(unsigned long bytes)
+{
+    const int qid = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+    struct msqid_ds status = {};
+    msgctl(qid, IPC_STAT, &status);
+    status.msg_qbytes = bytes;
+    const bool may = msgctl(qid, IPC_SET, &status) == 0;
+    msgctl(qid, IPC_RMID, nullptr);
+    return may;
 }
 
 /// A queue without a key.

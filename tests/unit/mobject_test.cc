@@ -1126,6 +1126,7 @@ TEST_F(Capture, ALargeFileIsMovedAwayWithNoObjectsLeft)
 
 TEST_F(Capture, AProgramWithoutAName)
 {
+    unlink(CrashFile("mobject").c_str()); // any test program that crashes leaves one
     const ChildResult result = RunInChild([] {
         MonitoredObject object;
         WriteToNull();
