@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -85,9 +86,10 @@ static bool ReadOptions(int argc, char** argv, Settings& settings)
     return true;
 }
 
-static int Refuse(const char* reason)
+// Tells why the daemon does not start, in one piece: several may be writing to the log.
+static int Refuse(const std::string& reason)
 {
-    std::cerr << "faultd: " << reason << std::endl;
+    std::cerr << "faultd: " + reason + "\n";
     return 1;
 }
 
@@ -121,10 +123,8 @@ static int Daemonize(const char* log)
     if (!LockFile(name, 0).Locked())
         return RefuseSecond();
     const int fd = open(log, O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (fd < 0) {
-        std::cerr << "faultd: no way to write the log " << log << ": " << std::strerror(errno) << std::endl;
-        return 1;
-    }
+    if (fd < 0)
+        return Refuse(std::string("no way to write the log ") + log + ": " + std::strerror(errno));
     close(fd);
     return daemonize(log, 1) == 0 ? 0 : 1;
 }
@@ -141,14 +141,10 @@ int main(int argc, char** argv, char** envp)
         std::cerr << Usage;
         return 2;
     }
-    if (access(FaultKeyFile, F_OK) != 0) {
-        std::cerr << "faultd: the key file " << FaultKeyFile << " is missing; create it with `touch`" << std::endl;
-        return 1;
-    }
-    if (access(DataDirectory, W_OK) != 0) {
-        std::cerr << "faultd: no way to write into " << DataDirectory << ": " << std::strerror(errno) << std::endl;
-        return 1;
-    }
+    if (access(FaultKeyFile, F_OK) != 0)
+        return Refuse(std::string("the key file ") + FaultKeyFile + " is missing; create it with `touch`");
+    if (access(DataDirectory, W_OK) != 0)
+        return Refuse(std::string("no way to write into ") + DataDirectory + ": " + std::strerror(errno));
     if (!settings.foreground && Daemonize(settings.log) != 0)
         return 1;
     umask(022);
