@@ -507,5 +507,7 @@ TEST_F(FaultDaemonTest, ACrashLeavesAllItsStateAndNoQueue)
         EXPECT_NE(crash.find(part), std::string::npos) << part;
     EXPECT_EQ(QueuesOnTheHost(), 0);
     EXPECT_FALSE(std::filesystem::exists(LockFileName)) << "held by " << crashed;
-    sleep(1); // the command ends
+    const pid_t command = static_cast<pid_t>(std::atol(ReportField(crash, "process: ").c_str()));
+    ASSERT_GT(command, 1);
+    EXPECT_TRUE(WaitUntil([&] { return IsGone(command); })) << "commands run to their end";
 }
