@@ -42,7 +42,11 @@ short FaultStore::Load()
     if (access(listFile, F_OK) != 0 && errno == ENOENT)
         return NO_ERRORS; // the first start
     FaultIdList saved(listFile);
-    saved.Load(); // reports what it cannot read
+    const int reports = GetErrorCount();
+    saved.Load(); // tells of a failure only in a report
+    const bool isWhole = GetErrorCount() == reports;
+    if (!isWhole)
+        std::rename(listFile, listFile + ".broken"); // whoever can mend it still has it
     while (const FaultId* id = saved.GetNext()) {
         if (!IsFaultId(*id))
             continue;
@@ -51,7 +55,7 @@ short FaultStore::Load()
         faults.emplace(*id, read ? fault : LostRecord(*id));
         ids.AddFaultId(*id);
     }
-    return NO_ERRORS;
+    return isWhole ? static_cast<short>(NO_ERRORS) : SaveList();
 }
 
 const FaultRecord* FaultStore::Find(const FaultId& id) const

@@ -24,8 +24,9 @@ public:
     /// An empty store in `directory`, an absolute path.
     explicit FaultStore(const char* directory);
 
-    /// Creates the directory, or reads the faults that are there. A fault whose file cannot be read is reported and
-    /// kept, with a text that says so.
+    /// Creates the directory, or reads the faults that are there. A list that cannot be read to its end is reported and
+    /// set aside as "list.broken", and what was read counts. A fault whose file cannot be read is reported and kept,
+    /// with a text that says so.
     short Load();
     const Faults& All() const { return faults; }
     /// The fault of that name, or null. It belongs to the store.

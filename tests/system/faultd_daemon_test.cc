@@ -284,6 +284,10 @@ TEST_F(FaultDaemonTest, AListThatWasCutShortKeepsWhatCouldBeRead)
     EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000001\t<time>\tnew\t0\tt\n"
                                                "alpha/00000002\t<time>\tnew\t0\tt\n");
     EXPECT_TRUE(Logs("  Description= " + list + "\n"));
+    EXPECT_TRUE(ReadFile(list + ".broken") == whole.substr(0, whole.size() - 1)) << "kept for whoever can mend it";
+    EndDaemon(SIGKILL);
+    StartDaemon();
+    EXPECT_EQ(CountOf(Ctl({"list"}).out, "\n"), 2);
     EndDaemon(0);
     WriteFile(list, std::string("\x7f\xff", 2) + std::string(1000, '\xff'));
     StartDaemon();
