@@ -143,7 +143,7 @@ public:
     /// backslash, and in mode 0 also the characters ! $ ? [ ] | / ( ) * + of shell and regular expressions. Returns
     /// `dst`, which must hold literal_to_escape_strlen + 1 characters.
     static char* literal_to_escape(char* dst, const char* src, short mode);
-    /// Undoes literal_to_escape; also takes octal (\101) and hexadecimal (\x41) forms. A backslash before another
+    /// Undoes literal_to_escape; also takes octal (`\101`) and hexadecimal (`\x41`) forms. A backslash before another
     /// character is dropped, as is one at the end. Returns `dst`, which is never longer than `src` and may be it.
     static char* escape_to_literal(char* dst, const char* src);
 
