@@ -2,7 +2,7 @@
 #ifndef MISC_ERROR_H
 #define MISC_ERROR_H
 
-#include <ostream>
+#include <iostream> // which makes the standard streams usable for the static objects of every including unit
 
 /// Reports failures and noteworthy events. A class that can fail derives from ErrorReporter; a free function uses a
 /// local one. A report carries a severity, an error type, a description, the reporting unit's identification and a

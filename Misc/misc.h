@@ -6,6 +6,8 @@
 #ifndef MISC_MISC_H
 #define MISC_MISC_H
 
+#include <iostream> // which makes the standard streams usable for the static objects of every including unit
+
 class CString;
 struct hostent;
 

@@ -1,8 +1,38 @@
 #include "Misc/ProcMgr.h"
+#include "Misc/mobject.h"
+
+#include <cstdlib>
+
+static const char StaticsVariable[] = "PROCMGR_TEST_STATICS";
+
+// Uses the queues and the standard streams before main and after it, in a program that is started with the variable
+// above. It stands before the other headers, so that nothing but the library's own has made the streams ready.
+static struct EarlyAndLate {
+    EarlyAndLate()
+    {
+        if (std::getenv(StaticsVariable) == nullptr)
+            return;
+        ProcMgr::SetMaxActive(0);
+        Submit("echo early");
+    }
+    ~EarlyAndLate()
+    {
+        if (std::getenv(StaticsVariable) == nullptr)
+            return;
+        Submit("echo late");
+        ProcMgr::dumpOn(std::cout);
+    }
+    static void Submit(const char* command)
+    {
+        MonitoredObject::SetDebugLevel(4);
+        ProcMgr submission(command, nullptr);
+        MonitoredObject::SetDebugLevel(0);
+        submission._ReportError(ErrorReporter::WARNING, ErrorReporter::OTHER, command, "$Id: ProcMgr.cc,v", 1);
+    }
+} earlyAndLate;
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <new>
@@ -16,7 +46,6 @@
 #include <gtest/gtest.h>
 
 #include "Misc/Dates.h"
-#include "Misc/mobject.h"
 #include "Misc/proginfo.h"
 #include "svr4/signal.h"
 #include "tests/support/assertions.h"
@@ -35,34 +64,12 @@ void* operator new(std::size_t n, const std::nothrow_t&) noexcept
     return nullptr;
 }
 
-static const char StaticsVariable[] = "PROCMGR_TEST_STATICS";
-
-std::string Dump()
+static std::string Dump()
 {
     std::ostringstream out;
     ProcMgr::dumpOn(out);
     return out.str();
 }
-
-// Uses the queues before main and after it, in a program that is started with the variable above.
-static struct EarlyAndLate {
-    EarlyAndLate()
-    {
-        if (getenv(StaticsVariable) == nullptr)
-            return;
-        ProcMgr::SetMaxActive(0);
-        ProcMgr("echo early", nullptr);
-    }
-    ~EarlyAndLate()
-    {
-        if (getenv(StaticsVariable) == nullptr)
-            return;
-        ProcMgr("echo late", nullptr);
-        const std::string dump = Dump();
-        if (write(1, dump.data(), dump.size()) < 0)
-            _exit(1);
-    }
-} earlyAndLate;
 
 namespace {
 
@@ -691,12 +698,16 @@ TEST(ProcMgr, TheQueuesServeStaticObjectsBeforeMainAndAfterIt)
         setenv(StaticsVariable, "1", 1);
         execl("/proc/self/exe", "ProcMgr_test", "--gtest_filter=none", "--gtest_brief=1", static_cast<char*>(nullptr));
     });
-    EXPECT_NE(child.out.find("Number of Pending Processes = 2\n"
-                             "command: <echo early> Retry = 0\n"
-                             " Comming FaultId is \n"
-                             "command: <echo late> Retry = 0\n"),
+    const std::string start = "ProcMgr::Active Processes = 0\nThe Coming FaultId is \nProcMgr::Pending Processes = ";
+    EXPECT_EQ(child.out.find(start + "1\n"), 0u) << child.out;
+    EXPECT_NE(child.out.find(start + "2\nDumping ProcMgr Object:\n"
+                                     "Number of Pending Processes = 2\n"
+                                     "command: <echo early> Retry = 0\n"
+                                     " Comming FaultId is \n"
+                                     "command: <echo late> Retry = 0\n"),
               std::string::npos)
         << child.out;
     EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(child.err, "");
+    EXPECT_NE(child.err.find("  Description= echo early\n"), std::string::npos) << child.err;
+    EXPECT_NE(child.err.find("  Description= echo late\n"), std::string::npos) << child.err;
 }
