@@ -226,8 +226,8 @@ short FaultServer::Start()
     if (status != NO_ERRORS)
         return status;
     Fault cause = fault->summary;
+    Tell("given a command", fault->summary); // before anything that the command writes
     ProcMgr(ForFault(request), &cause);
-    Tell("given a command", fault->summary);
     return NO_ERRORS;
 }
 
