@@ -76,7 +76,13 @@ private:
     uint32_t myFlagBits;
 };
 
-inline ZELostream& operator<<(ZELostream& s, const BitFlags& flags) { flags.printOn(s); return s; }
-inline ZEListream& operator>>(ZEListream& s, BitFlags& flags) { flags.scanFrom(s); return s; }
+inline ZELostream& operator<<(ZELostream& s, const BitFlags& flags)
+{
+    return flags.printOn(s), s;
+}
+inline ZEListream& operator>>(ZEListream& s, BitFlags& flags)
+{
+    return flags.scanFrom(s), s;
+}
 
 #endif

@@ -5,7 +5,8 @@
 #include "Misc/SafeArray.h"
 #include "Misc/cstring.h"
 
-template <> const char* SafeArray<CString>::ElementName();
+template <>
+const char* SafeArray<CString>::ElementName();
 extern template class SafeArray<CString>;
 
 /// The array of CString. Copying it copies the strings, which costs no copy of their texts: equal strings share one.

@@ -156,8 +156,8 @@ ErrorReporter::~ErrorReporter()
 {
 }
 
-void ErrorReporter::_ReportError(short const sev, short const errorkind, char const* description,
-                                 char const* moduleid, long const theLine) const
+void ErrorReporter::_ReportError(short const sev, short const errorkind, char const* description, char const* moduleid,
+                                 long const theLine) const
 {
     _ReportErrorExt(sev, errorkind, description, moduleid, theLine, "");
 }
@@ -205,8 +205,8 @@ void ErrorReporter::Display() const
     // Built without allocation, since it may be the lack of memory that is reported, and written in few pieces. Only
     // the program name has no limit of its own; it goes between them.
     char text[1024];
-    int length = snprintf(text, sizeof text, "\nErrorReporter: %s  Total Error Count= %d\n  Program=", TimeStamp,
-                          ErrorCount);
+    int length =
+        snprintf(text, sizeof text, "\nErrorReporter: %s  Total Error Count= %d\n  Program=", TimeStamp, ErrorCount);
     std::cerr.write(text, length);
     std::cerr << ProgramName();
 
@@ -304,16 +304,15 @@ void ErrorReporter::MakeErrorLogEntry(short const SeverityLevel, int const ErrCo
 {
     const int error = errno;
     E_Header header;
-    header.E_Tag = static_cast<int32_t>(410000000u + 10000u * static_cast<uint32_t>(ErrCode) +
-                                        static_cast<uint32_t>(theLine));
+    header.E_Tag =
+        static_cast<int32_t>(410000000u + 10000u * static_cast<uint32_t>(ErrCode) + static_cast<uint32_t>(theLine));
     header.E_Severity = SeverityLetter(SeverityLevel);
     CopySoftwareModule(header.E_SoftwareModule, TextOrEmpty(ModuleName));
     char* line = NewFormatted("%d|%s|%c|%c|%c|%c|%d|%d|%c|%d|%d|%s|%d|%d|%d|%d#%s %s|%s", header.E_Tag, header.E_Type,
-                              header.E_Version, header.E_Cause, header.E_Severity, header.E_Level,
-                              header.E_NodeNumber, header.E_ProcessorNumber, header.E_BusType, header.E_BusNumber,
-                              header.E_BusSlotNumber, header.E_SoftwareModule, header.E_Temperature,
-                              header.E_Voltage, header.E_Speed, header.E_Count, ProgramName(),
-                              ProgInfo::GetLongVersion(), TextOrEmpty(Description));
+                              header.E_Version, header.E_Cause, header.E_Severity, header.E_Level, header.E_NodeNumber,
+                              header.E_ProcessorNumber, header.E_BusType, header.E_BusNumber, header.E_BusSlotNumber,
+                              header.E_SoftwareModule, header.E_Temperature, header.E_Voltage, header.E_Speed,
+                              header.E_Count, ProgramName(), ProgInfo::GetLongVersion(), TextOrEmpty(Description));
     if (line != nullptr)
         SendToLog(line, error);
     delete[] line;

@@ -63,7 +63,8 @@ private:
     CString myNodename;
 };
 
-template <> const char* SafeArray<FaultId>::ElementName();
+template <>
+const char* SafeArray<FaultId>::ElementName();
 extern template class SafeArray<FaultId>;
 
 /// The array of FaultId; it owns its elements.

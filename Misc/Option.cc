@@ -5,7 +5,9 @@
     return "$Id: Option.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
 }
 
-Option::Option(const char* name, const char* value) : Name(name), Value(value) {}
+Option::Option(const char* name, const char* value) : Name(name), Value(value)
+{
+}
 
 template <>
 const char* SafeArray<Option>::ElementName()

@@ -37,7 +37,8 @@ inline ZEListream& operator>>(ZEListream& in, Option& This)
     return in >> This.Name >> This.Value;
 }
 
-template <> const char* SafeArray<Option>::ElementName();
+template <>
+const char* SafeArray<Option>::ElementName();
 extern template class SafeArray<Option>;
 
 /// An array of options. The order in which one is sorted for `bsearch` is the program's: it brings the comparison

@@ -16,7 +16,8 @@ struct CmdLine {
     FaultId Cur_fid;     // the fault it is run for; empty for a command given as an argument vector
 };
 
-template <> const char* SafeArray<CmdLine>::ElementName();
+template <>
+const char* SafeArray<CmdLine>::ElementName();
 extern template class SafeArray<CmdLine>;
 
 /// The array of CmdLine; it owns its elements.
@@ -32,7 +33,8 @@ struct ProcInfo {
     long timestamp = 0;       // of its start, in seconds since the epoch
 };
 
-template <> const char* SafeArray<ProcInfo>::ElementName();
+template <>
+const char* SafeArray<ProcInfo>::ElementName();
 extern template class SafeArray<ProcInfo>;
 
 /// The array of ProcInfo; it owns its elements.

@@ -45,14 +45,14 @@ public:
     ZELostream(const ZELostream&) = delete;
     ZELostream& operator=(const ZELostream&) = delete;
 
-    ZELostream& operator<<(char c) { put(c); return *this; }
-    ZELostream& operator<<(short n) { put(n); return *this; }
-    ZELostream& operator<<(int n) { put(n); return *this; }
-    ZELostream& operator<<(long n) { put(n); return *this; }
-    ZELostream& operator<<(unsigned char c) { put(c); return *this; }
-    ZELostream& operator<<(unsigned short n) { put(n); return *this; }
-    ZELostream& operator<<(unsigned int n) { put(n); return *this; }
-    ZELostream& operator<<(unsigned long n) { put(n); return *this; }
+    ZELostream& operator<<(char c) { return put(c), *this; }
+    ZELostream& operator<<(short n) { return put(n), *this; }
+    ZELostream& operator<<(int n) { return put(n), *this; }
+    ZELostream& operator<<(long n) { return put(n), *this; }
+    ZELostream& operator<<(unsigned char c) { return put(c), *this; }
+    ZELostream& operator<<(unsigned short n) { return put(n), *this; }
+    ZELostream& operator<<(unsigned int n) { return put(n), *this; }
+    ZELostream& operator<<(unsigned long n) { return put(n), *this; }
 
 private:
     template <class N>
@@ -108,14 +108,14 @@ public:
     ZEListream(const ZEListream&) = delete;
     ZEListream& operator=(const ZEListream&) = delete;
 
-    ZEListream& operator>>(char& c) { get(c); return *this; }
-    ZEListream& operator>>(short& n) { get(n); return *this; }
-    ZEListream& operator>>(int& n) { get(n); return *this; }
-    ZEListream& operator>>(long& n) { get(n); return *this; }
-    ZEListream& operator>>(unsigned char& c) { get(c); return *this; }
-    ZEListream& operator>>(unsigned short& n) { get(n); return *this; }
-    ZEListream& operator>>(unsigned int& n) { get(n); return *this; }
-    ZEListream& operator>>(unsigned long& n) { get(n); return *this; }
+    ZEListream& operator>>(char& c) { return get(c), *this; }
+    ZEListream& operator>>(short& n) { return get(n), *this; }
+    ZEListream& operator>>(int& n) { return get(n), *this; }
+    ZEListream& operator>>(long& n) { return get(n), *this; }
+    ZEListream& operator>>(unsigned char& c) { return get(c), *this; }
+    ZEListream& operator>>(unsigned short& n) { return get(n), *this; }
+    ZEListream& operator>>(unsigned int& n) { return get(n), *this; }
+    ZEListream& operator>>(unsigned long& n) { return get(n), *this; }
 
 private:
     template <class N>

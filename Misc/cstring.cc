@@ -451,9 +451,7 @@ void CString::makeprintable()
 
 void CString::toDos()
 {
-    const auto needsReturn = [this](uint32_t i) {
-        return cp->rep[i] == '\n' && (i == 0 || cp->rep[i - 1] != '\r');
-    };
+    const auto needsReturn = [this](uint32_t i) { return cp->rep[i] == '\n' && (i == 0 || cp->rep[i - 1] != '\r'); };
     uint64_t n = cp->len;
     for (uint32_t i = 0; i < cp->len; i++)
         n += needsReturn(i);
@@ -663,8 +661,7 @@ void CString::dumpOn(std::ostream& os) const
 
 // CStringIter
 
-CStringIter::CStringIter(CString& t, char delim)
-    : sourceText(t), method(0), count(0), pos(0), done(0), delimiter(delim)
+CStringIter::CStringIter(CString& t, char delim) : sourceText(t), method(0), count(0), pos(0), done(0), delimiter(delim)
 {
     pos = setupLine(0);
 }

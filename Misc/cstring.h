@@ -162,8 +162,14 @@ private:
     static CStringRep* emptyRep;
 };
 
-inline ZELostream& operator<<(ZELostream& s, const CString& c) { c.printOn(s); return s; }
-inline ZEListream& operator>>(ZEListream& s, CString& c) { c.scanFrom(s); return s; }
+inline ZELostream& operator<<(ZELostream& s, const CString& c)
+{
+    return c.printOn(s), s;
+}
+inline ZEListream& operator>>(ZEListream& s, CString& c)
+{
+    return c.scanFrom(s), s;
+}
 
 /// A walk over the lines or fields of a text, which must outlive it:
 ///
@@ -193,12 +199,12 @@ private:
     unsigned endOfField(unsigned start) const;
 
     const CString& sourceText;
-    int32_t method;  // 0: fields, 1: lines
-    int32_t count;   // the longest line of method 1
-    uint32_t pos;    // where the next line starts
-    int32_t done;    // the end has been passed
-    CString line;    // the current one
-    char delimiter;  // of method 0
+    int32_t method; // 0: fields, 1: lines
+    int32_t count;  // the longest line of method 1
+    uint32_t pos;   // where the next line starts
+    int32_t done;   // the end has been passed
+    CString line;   // the current one
+    char delimiter; // of method 0
 };
 
 /// Collects a text character by character with one string append for `size` characters.

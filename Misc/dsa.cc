@@ -83,7 +83,7 @@ DSA::~DSA()
     show_allocated_blocks();
 }
 
-void* (DSA::malloc)(unsigned int size)
+void*(DSA::malloc)(unsigned int size)
 {
     if (alloc_tag == abort_alloc_tag) {
         std::printf("DSA: Abort because alloc_tag matches\n");
@@ -120,7 +120,7 @@ void* (DSA::malloc)(unsigned int size)
     return p;
 }
 
-void (DSA::free)(void* p)
+void(DSA::free)(void* p)
 {
     if (p == nullptr) {
         std::printf("DSA: ERROR...Attempt to free a null ptr\n");

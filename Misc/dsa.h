@@ -31,10 +31,10 @@ public:
     /// memory fails and for a size within 12 bytes of 4 GB; the counters count such a call all the same. Aborts when
     /// `size` is 0, and, before anything is allocated or counted, when the block's tag is the one chosen by
     /// abort_on_alloc_tag.
-    static void* (malloc)(unsigned int size);
+    static void*(malloc)(unsigned int size);
     /// Releases a block. Aborts when `p` is null or no live block of DSA::malloc (one freed before included), and, with
     /// a dump of the contents, when the word behind the block has been overwritten.
-    static void (free)(void* p);
+    static void(free)(void* p);
 
     /// Sets the counts of allocations and deallocations to 0.
     static void mark();

@@ -12,7 +12,10 @@
 #include "Misc/Dates.h"
 #include "Misc/proginfo.h"
 
-[[maybe_unused]] static const char* ModuleId() { return "$Id: eventmgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: eventmgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
 
 static const short Unset = -1; // in the trace: no event in the slot, or no result yet
 
@@ -20,20 +23,14 @@ static const char WatchedFileSystem[] = "/var";
 static const int LeastPercentFree = 10;
 
 // A stream fails for good on a null text, so one from a derived class must not reach it.
-static const char* TextOf(const char* text) { return text != nullptr ? text : ""; }
+static const char* TextOf(const char* text)
+{
+    return text != nullptr ? text : "";
+}
 
 EventManager::EventManager(const char* ServerName, std::ostream* DebugStrm)
-    : myInBasket(ServerName),
-      traceNext(0),
-      CurrentEvent(0),
-      CurrentEventTime(0),
-      CurrentEventResponseRqd(0),
-      CurrentEventError(0),
-      EventCount(0),
-      ExitPending(0),
-      CoprocessFlag(0),
-      myPid(getpid()),
-      myParentPid(getppid()),
+    : myInBasket(ServerName), traceNext(0), CurrentEvent(0), CurrentEventTime(0), CurrentEventResponseRqd(0),
+      CurrentEventError(0), EventCount(0), ExitPending(0), CoprocessFlag(0), myPid(getpid()), myParentPid(getppid()),
       LogStreamPtr(DebugStrm)
 {
     for (int slot = 0; slot < TraceSlots; slot++) {
@@ -85,9 +82,13 @@ short EventManager::Handle_EXIT_event(short& exitnow)
     return 0;
 }
 
-void EventManager::HandlePostEvent() {}
+void EventManager::HandlePostEvent()
+{
+}
 
-void EventManager::HandlePreEvent() {}
+void EventManager::HandlePreEvent()
+{
+}
 
 int EventManager::logEvents()
 {
@@ -114,10 +115,11 @@ static int DiskIsFull(int oldFileFull, long timeFileFull)
         share = static_cast<float>(static_cast<double>(disk.f_bfree) / static_cast<double>(disk.f_blocks));
     const int available = static_cast<int>(100.0 * share);
     if (MonitoredObject::debug() >= 5) {
-        std::cout << "f_bfree = " << disk.f_bfree << ". " << "f_blocks = " << disk.f_blocks << ". "
+        std::cout << "f_bfree = " << disk.f_bfree << ". "
+                  << "f_blocks = " << disk.f_blocks << ". "
                   << "available = " << available << "%. " << std::endl;
-        std::cout << "OldFileFull = " << oldFileFull << ". " << "TimeFileFull = " << Dates::GetDateTime(timeFileFull)
-                  << std::endl;
+        std::cout << "OldFileFull = " << oldFileFull << ". "
+                  << "TimeFileFull = " << Dates::GetDateTime(timeFileFull) << std::endl;
     }
     return available < LeastPercentFree;
 }
@@ -201,8 +203,8 @@ short EventManager::main()
         if (logging)
             TimeStampS(CurrentEvent, InBasket().LastSendersProgramName(), InBasket().LastSendersNodeName(),
                        *LogStreamPtr);
-        const bool accepted = AcceptEvent(CurrentEvent, InBasket().LastSendersProgramName(),
-                                          InBasket().LastSendersNodeName());
+        const bool accepted =
+            AcceptEvent(CurrentEvent, InBasket().LastSendersProgramName(), InBasket().LastSendersNodeName());
         status = accepted ? HandleAcceptedEvent(exitnow) : RejectEvent(logging);
         EndTrace(status);
         if (AckRqd == 1)
@@ -322,7 +324,8 @@ void EventManager::TimeStampE(short const event, std::ostream& out)
     static const double rate = static_cast<double>(sysconf(_SC_CLK_TCK));
     struct tms now;
     const clock_t clock = times(&now);
-    out << "EventEnd: " << "Real=" << static_cast<double>(clock - StartClock) / rate << ", "
+    out << "EventEnd: "
+        << "Real=" << static_cast<double>(clock - StartClock) / rate << ", "
         << "User=" << static_cast<double>(now.tms_utime - StartTimes.tms_utime) / rate << ", "
         << "Sys=" << static_cast<double>(now.tms_stime - StartTimes.tms_stime) / rate << ". " << Dates::GetDateTime()
         << " " << TextOf(Event_to_Name(event)) << std::endl;

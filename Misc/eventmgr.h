@@ -125,7 +125,7 @@ protected:
     short CoprocessFlag;
     long myPid;
     long myParentPid;
-    std::ostream* LogStreamPtr;     // not owned; may be null
+    std::ostream* LogStreamPtr; // not owned; may be null
     UnixProcessSafeArray myChildren;
 
 private:

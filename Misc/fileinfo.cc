@@ -49,8 +49,8 @@ const char* FileInfo::FileMTime(const char* name)
     if (Examine(name, &status)) {
         CopyText(text, Dates::GetDateTime(status.st_mtime));
     } else {
-        std::cerr << TextOrEmpty(ProgInfo::GetProgramName()) << ": error in FileInfo::FileMTime ("
-                  << TextOrEmpty(name) << ")\n";
+        std::cerr << TextOrEmpty(ProgInfo::GetProgramName()) << ": error in FileInfo::FileMTime (" << TextOrEmpty(name)
+                  << ")\n";
         CopyText(text, "");
     }
     return text;
@@ -165,7 +165,7 @@ const char* FileInfo::ExpandFileName(const char* name)
 static const char* Renew(char** result, const char* s, size_t n)
 {
     char* copy = NewText(s, n);
-    delete[] *result;
+    delete[] * result;
     *result = copy;
     return TextOrEmpty(copy);
 }

@@ -52,8 +52,8 @@ IPCClient::IPCClient(short Object, const char* IPCServerName, const char* Server
     if (queueAllowed)
         pipcq = ConnectedOrNull(new (std::nothrow) IPCQClient(Object, IPCServerName, 0, -1));
     if (!Connected() && tliAllowed)
-        pipctli = ConnectedOrNull(new (std::nothrow)
-                                      IPCTliClient(Object, IPCServerName, ServerNodeName, CheckForIPCQueue));
+        pipctli =
+            ConnectedOrNull(new (std::nothrow) IPCTliClient(Object, IPCServerName, ServerNodeName, CheckForIPCQueue));
     if (!Connected() && queueAllowed && TimeOutValue > 0)
         pipcq = ConnectedOrNull(new (std::nothrow) IPCQClient(Object, IPCServerName, TimeOutValue, -1));
 }
@@ -263,8 +263,8 @@ void ReconnectClient::CreateClient()
 {
     delete Client;
     const char* node = ServerNode;
-    Client = new (std::nothrow)
-        IPCClient(Server, ServerName, *node != '\0' ? node : nullptr, IPCClient::AnyClient, 0, 1);
+    Client =
+        new (std::nothrow) IPCClient(Server, ServerName, *node != '\0' ? node : nullptr, IPCClient::AnyClient, 0, 1);
 }
 
 short ReconnectClient::AttemptReConnect()

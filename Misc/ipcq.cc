@@ -57,7 +57,7 @@ static const int RecommendedQueueBytes = 500736;
 static const int SystemMessageLimit = 2048;
 static const int BlocksOnAQueue = 15;
 static const int RetrySeconds = 2;
-static const long StepSeconds = 10; // after which a wait looks whether its peer still lives
+static const long StepSeconds = 10;   // after which a wait looks whether its peer still lives
 static const long LongestSlice = 128; // milliseconds between two drains of a wait
 static const long AckSeconds = 300;
 static const int MaxBlockSize = sizeof(IPCQMessage::msg_data);
@@ -682,8 +682,8 @@ short ipc_send(int qid, long ToChannel, IPCQMessage* pmsg, long CheckPID, long M
     return SendRecord(qid, &area.record, CheckPID, MaxTimeToWait, nullptr);
 }
 
-static short AwaitRecord(int qid, long channel, RecordArea& record, RecordCheck fits, long CheckPID,
-                         long MaxTimeToWait, IPCQBase* waiter)
+static short AwaitRecord(int qid, long channel, RecordArea& record, RecordCheck fits, long CheckPID, long MaxTimeToWait,
+                         IPCQBase* waiter)
 {
     const long interval = CheckPID != 0 ? StepSeconds : MaxTimeToWait;
     const long rounds = interval != 0 ? MaxTimeToWait / interval : 0;
@@ -916,8 +916,7 @@ short IPCQBase::AwaitAck(long ToPID)
 {
     RecordArea ack;
     IPCDrain();
-    const short code =
-        ReceiveRecord(MyQueueID, AckChannel(MyPID, ToPID), ack, RecordFits, ToPID, AckSeconds, this);
+    const short code = ReceiveRecord(MyQueueID, AckChannel(MyPID, ToPID), ack, RecordFits, ToPID, AckSeconds, this);
     if (code != NO_ERRORS)
         return code;
     return ack.msg().event == MultiBlockAck ? NO_ERRORS : IPC_ERROR;

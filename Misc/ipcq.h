@@ -63,7 +63,8 @@ struct IPCQMsg {
     IPCQMessage msg;
 };
 
-template <> const char* SafeArray<IPCQMsg>::ElementName();
+template <>
+const char* SafeArray<IPCQMsg>::ElementName();
 extern template class SafeArray<IPCQMsg>;
 
 class IPCQMsgSafeArray : public SafeArray<IPCQMsg> {
@@ -187,7 +188,8 @@ public:
     InternalQMessage& operator=(const InternalQMessage&) = delete;
 };
 
-template <> const char* SafeArray<InternalQMessage>::ElementName();
+template <>
+const char* SafeArray<InternalQMessage>::ElementName();
 extern template class SafeArray<InternalQMessage>;
 
 class InternalQMessageSafeArray : public SafeArray<InternalQMessage> {
@@ -216,9 +218,9 @@ public:
     /// `*InternalQMsgsPtr`; one that asks for a response or an acknowledgement is refused (60, with a report). So
     /// are, with a report of type BAD_IPC_PARAMETER, a negative length, a null `ptr` with a length, and data of more
     /// than 32768 blocks. Returns a code.
-    short IPCSend(const char* FromProg, const char* FromNode, const char* FromVersion, long ToPID,
-                  const char* ToProg, short Object, short event, const void* ptr, long len,
-                  short response_required, short ack_required, short status);
+    short IPCSend(const char* FromProg, const char* FromNode, const char* FromVersion, long ToPID, const char* ToProg,
+                  short Object, short event, const void* ptr, long len, short response_required, short ack_required,
+                  short status);
 
     /// Receives the next event and its data. `MessageSenderPID` 0 takes events from anybody, those of this process
     /// first; another value awaits a response from that process and watches it. Messages saved by IPCDrain come
@@ -264,8 +266,8 @@ protected:
 private:
     struct Transfer;
 
-    short SendInternal(const char* FromProg, const char* FromNode, short Object, short event, const void* ptr,
-                       long len, short status);
+    short SendInternal(const char* FromProg, const char* FromNode, short Object, short event, const void* ptr, long len,
+                       short status);
     short SendBlocks(long ToPID, const char* data, int blockSize);
     short SendLocalMsg(long channel, long ToPID);
     short AwaitAck(long ToPID);
@@ -321,8 +323,7 @@ public:
     /// Joins the queue of that name, for which it waits up to `TimeOutValue` seconds (see connect_to_queue), to talk
     /// to object `Object` of the server with process id `RequestedServerPID` (-1: whichever there is). The messages
     /// carry this program's version, full name and node. A null name joins nothing.
-    IPCQClient(short Object, const char* IPCServerName, unsigned short TimeOutValue = 0,
-               long RequestedServerPID = -1);
+    IPCQClient(short Object, const char* IPCServerName, unsigned short TimeOutValue = 0, long RequestedServerPID = -1);
     /// Shutdown.
     ~IPCQClient() override;
     short is_a_server() override { return 0; }

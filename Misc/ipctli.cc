@@ -666,8 +666,7 @@ void IPCTli::info(const char* host, const char* service, std::ostream& out)
 
 // ---- IPCTliClient -----------------------------------------------------------------------------------------------
 
-IPCTliClient::IPCTliClient(short Object, const char* IPCServerName, const char* ServerNodeName,
-                           short CheckForIPCQueue)
+IPCTliClient::IPCTliClient(short Object, const char* IPCServerName, const char* ServerNodeName, short CheckForIPCQueue)
     : DestObject(Object), ClientVersion(), ClientProgram(), ClientNode(), ReceiveTimeOut(900), SendTimeOut(60),
       SendersProgramName(), SendersNodeName(), ptli(nullptr)
 {

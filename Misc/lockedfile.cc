@@ -17,7 +17,7 @@
 
 static const char LockSuffix[] = ".lock";
 static const mode_t LockPermissions = 0666;
-static const size_t LockSize = 64; // bytes in a lock file
+static const size_t LockSize = 64;  // bytes in a lock file
 static const long LastSystemId = 2; // processes up to this id are the system's and own no locks
 
 LockFile::LockFile(CString& name, int max_retries)
@@ -121,8 +121,8 @@ bool LockFile::BreakStaleLock() const
 bool LockFile::IsLockFile(int fd) const
 {
     struct stat opened, named;
-    return fstat(fd, &opened) == 0 && stat(LockName, &named) == 0 && opened.st_dev == named.st_dev
-        && opened.st_ino == named.st_ino;
+    return fstat(fd, &opened) == 0 && stat(LockName, &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
 }
 
 // Takes possession of the new lock file `fd`, which this process guards.

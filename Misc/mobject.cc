@@ -27,7 +27,8 @@
     return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
 }
 
-template <> const char* SafeArray<MonitoredObject>::ElementName()
+template <>
+const char* SafeArray<MonitoredObject>::ElementName()
 {
     return "MonitoredObject";
 }
@@ -252,8 +253,8 @@ void ReadRowIfMapped(uintptr_t address, unsigned char* row)
 // the frame pointer tells.
 bool FindStack(const svr4::UserRegisters& registers, uintptr_t* low, uintptr_t* high)
 {
-    return svr4::mapping_of(static_cast<uintptr_t>(registers.uesp), low, high) == 0
-        || svr4::mapping_of(static_cast<uintptr_t>(registers.ebp), low, high) == 0;
+    return svr4::mapping_of(static_cast<uintptr_t>(registers.uesp), low, high) == 0 ||
+           svr4::mapping_of(static_cast<uintptr_t>(registers.ebp), low, high) == 0;
 }
 
 void WriteRegisters(const svr4::UserRegisters& r, std::ostream& file)
@@ -261,10 +262,10 @@ void WriteRegisters(const svr4::UserRegisters& r, std::ostream& file)
     const struct {
         const char* label;
         uint64_t value;
-    } lines[] = {{"SS", r.ss},   {"UESP", r.uesp}, {"EFL", r.efl}, {"CS", r.cs},   {"EIP", r.eip},
+    } lines[] = {{"SS", r.ss},   {"UESP", r.uesp},     {"EFL", r.efl}, {"CS", r.cs},   {"EIP", r.eip},
                  {"ERR", r.err}, {"TRAPNO", r.trapno}, {"EAX", r.eax}, {"ECX", r.ecx}, {"EDX", r.edx},
-                 {"EBX", r.ebx}, {"ESP", r.esp},   {"EBP", r.ebp}, {"ESI", r.esi}, {"EDI", r.edi},
-                 {"DS", r.ds},   {"ES", r.es},     {"FS", r.fs},   {"GS", r.gs}};
+                 {"EBX", r.ebx}, {"ESP", r.esp},       {"EBP", r.ebp}, {"ESI", r.esi}, {"EDI", r.edi},
+                 {"DS", r.ds},   {"ES", r.es},         {"FS", r.fs},   {"GS", r.gs}};
     for (const auto& item : lines) {
         char line[64];
         snprintf(line, sizeof line, "u_ar0[%s]=%08lx\n", item.label, static_cast<unsigned long>(item.value));
@@ -280,8 +281,8 @@ void WriteFrames(uintptr_t frame, uintptr_t floor, uintptr_t low, uintptr_t high
         uintptr_t caller;
         uintptr_t returnAddress;
     } saved;
-    while (frame >= floor && frame >= low && frame < high && high - frame >= sizeof saved
-           && frame % sizeof(uintptr_t) == 0) {
+    while (frame >= floor && frame >= low && frame < high && high - frame >= sizeof saved &&
+           frame % sizeof(uintptr_t) == 0) {
         svr4::copy_memory(frame, &saved, sizeof saved);
         char line[64];
         snprintf(line, sizeof line, "bp=%08lx\tip=%08lx\n", static_cast<unsigned long>(frame),

@@ -85,7 +85,8 @@ private:
     static char* DumpStateFileName;            // owned
 };
 
-template <> const char* SafeArray<MonitoredObject>::ElementName();
+template <>
+const char* SafeArray<MonitoredObject>::ElementName();
 extern template class SafeArray<MonitoredObject>;
 
 class MonitoredObjectSafeArray : public SafeArray<MonitoredObject> {

@@ -64,7 +64,7 @@ public:
 protected:
     uint16_t buffer_short; // the last 16-bit and 32-bit numbers put, as written
     uint32_t buffer_long;
-    uint8_t buffer_char;   // for the characters of derived streams
+    uint8_t buffer_char; // for the characters of derived streams
 
 private:
     void put16(uint16_t x);

@@ -46,7 +46,7 @@ static char* architecture;
 
 static void Replace(char** kept, char* text)
 {
-    delete[] *kept;
+    delete[] * kept;
     *kept = text;
 }
 

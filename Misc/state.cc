@@ -44,7 +44,8 @@ void State::dumpOn(std::ostream& os) const
     os << "State: " << Name() << ", abbrev: " << Abbrev() << '\n';
 }
 
-template <> const char* SafeArray<State>::ElementName()
+template <>
+const char* SafeArray<State>::ElementName()
 {
     return "State";
 }
@@ -63,7 +64,8 @@ void Transition::dumpOn(std::ostream& os) const
     os << "}\n";
 }
 
-template <> const char* SafeArray<Transition>::ElementName()
+template <>
+const char* SafeArray<Transition>::ElementName()
 {
     return "Transition";
 }

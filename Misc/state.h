@@ -38,7 +38,8 @@ private:
     CString title;
 };
 
-template <> const char* SafeArray<State>::ElementName();
+template <>
+const char* SafeArray<State>::ElementName();
 extern template class SafeArray<State>;
 
 /// The array of State; it owns its elements.
@@ -80,7 +81,8 @@ private:
     short Visible;
 };
 
-template <> const char* SafeArray<Transition>::ElementName();
+template <>
+const char* SafeArray<Transition>::ElementName();
 extern template class SafeArray<Transition>;
 
 /// The array of Transition; it owns its elements.

@@ -17,7 +17,9 @@ static const size_t maxTimeText = 40; // with its terminator
 static const char defaultTimeFormat[] = "%C";
 static const char timeFormatVariable[] = "CFTIME";
 
-EnvironmentValue::EnvironmentValue(const char* dflt, const char* tEnvVar) : EnvVarName(tEnvVar), DefaultValue(dflt) {}
+EnvironmentValue::EnvironmentValue(const char* dflt, const char* tEnvVar) : EnvVarName(tEnvVar), DefaultValue(dflt)
+{
+}
 
 CString EnvironmentValue::GetValue()
 {
@@ -41,18 +43,14 @@ StringTransformer::StringTransformer(const char* vocab, const char* format, cons
 
 StringTransformer::StringTransformer(const char* vocab, const char* format, const char* formatEnv,
                                      const char* timeFormat, const char* timeFormatEnv)
-    : Vocabulary(vocab),
-      MetaCharacters(format, formatEnv),
-      TimeMetaCharacters(timeFormat, timeFormatEnv),
+    : Vocabulary(vocab), MetaCharacters(format, formatEnv), TimeMetaCharacters(timeFormat, timeFormatEnv),
       OutputBuffer(initialOutputSize)
 {
     reset();
 }
 
 StringTransformer::StringTransformer(const StringTransformer& other)
-    : Vocabulary(other.Vocabulary),
-      MetaCharacters(other.MetaCharacters),
-      TimeMetaCharacters(other.TimeMetaCharacters),
+    : Vocabulary(other.Vocabulary), MetaCharacters(other.MetaCharacters), TimeMetaCharacters(other.TimeMetaCharacters),
       OutputBuffer(other.OutputBuffer)
 {
     reset();

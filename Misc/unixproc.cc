@@ -31,7 +31,8 @@ static const short NoStatus = -1;
 static const char Shell[] = "/sbin/sh";
 static const char TimeExceededBanner[] = "\n\n******** Process max wait time exceeded **********\n";
 
-template <> const char* SafeArray<UnixProcess>::ElementName()
+template <>
+const char* SafeArray<UnixProcess>::ElementName()
 {
     return "UnixProcess";
 }
@@ -129,18 +130,11 @@ UnixProcess::UnixProcess(UnixProcess& p)
 UnixProcess::~UnixProcess()
 {
     switch (cd_flag) {
-    case wait_at_destruction:
-        wait();
-        break;
-    case terminate_at_destruction:
-        terminate();
-        break;
+    case wait_at_destruction: wait(); break;
+    case terminate_at_destruction: terminate(); break;
     case leave_alone_at_destruction:
-    case wait_at_construction:
-        break;
-    default:
-        std::cout << "Error: Unknown at_destroy function " << static_cast<int>(cd_flag) << std::endl;
-        wait();
+    case wait_at_construction: break;
+    default: std::cout << "Error: Unknown at_destroy function " << static_cast<int>(cd_flag) << std::endl; wait();
     }
 }
 

@@ -96,14 +96,15 @@ private:
     void dopipe(const char** argv, Buffer& Output);
     [[noreturn]] void childexec(const char** argv);
 
-    long maxwaittime;     // seconds; 0 is no limit
-    short exitstatus;     // of the child, or -1 or -222 (see wait)
+    long maxwaittime; // seconds; 0 is no limit
+    short exitstatus; // of the child, or -1 or -222 (see wait)
     long mypid;
     CString mycmd;
     ctor_dtor_flag cd_flag;
 };
 
-template <> const char* SafeArray<UnixProcess>::ElementName();
+template <>
+const char* SafeArray<UnixProcess>::ElementName();
 extern template class SafeArray<UnixProcess>;
 
 /// An array of processes. An owning array that drops an element destroys it, which acts on its ctor_dtor_flag; a

@@ -17,18 +17,18 @@ const char FirstFaultState[] = "new"; // of a fault that was raised
 
 /// The events of faultd, with the object that each takes as its data and the one that answers it.
 enum FaultEvent : short {
-    NoEvent,      // nothing                    nothing; a sign of life
-    StatusEvent,  // nothing                    the state of the server, a plain text
-    RaiseEvent,   // FaultRecord                nothing; a fault that is there already is replaced
-    ListEvent,    // nothing                    FaultList
-    FetchEvent,   // FaultId                    FaultRecord
-    ClearEvent,   // FaultId                    nothing
-    RunEvent,     // FaultCommand               CommandResult
-    StartEvent,   // FaultCommand               nothing; the command runs when its turn comes
-    MoveEvent,    // FaultMove                  nothing
-    MovesEvent,   // FaultId                    a plain text: abbreviation "|" title "|" of each state to move to
-    ExitEvent,    // nothing                    nothing; the server ends
-    FaultEvents   // their number
+    NoEvent,     // nothing                    nothing; a sign of life
+    StatusEvent, // nothing                    the state of the server, a plain text
+    RaiseEvent,  // FaultRecord                nothing; a fault that is there already is replaced
+    ListEvent,   // nothing                    FaultList
+    FetchEvent,  // FaultId                    FaultRecord
+    ClearEvent,  // FaultId                    nothing
+    RunEvent,    // FaultCommand               CommandResult
+    StartEvent,  // FaultCommand               nothing; the command runs when its turn comes
+    MoveEvent,   // FaultMove                  nothing
+    MovesEvent,  // FaultId                    a plain text: abbreviation "|" title "|" of each state to move to
+    ExitEvent,   // nothing                    nothing; the server ends
+    FaultEvents  // their number
 };
 
 /// The name of an event; "(unknown)" for a number that is none.

@@ -50,7 +50,7 @@ typedef std::vector<std::string> Words;
 
 /// What follows the command.
 struct Arguments {
-    Words words;  // as many as the command takes
+    Words words; // as many as the command takes
     std::string file;
     Words options; // "NAME=VALUE"
 

@@ -63,10 +63,10 @@ void KeepRegisters(const ucontext_t& context)
 {
     const greg_t* g = context.uc_mcontext.gregs;
     const auto value = [g](int index) { return static_cast<uint64_t>(static_cast<uint32_t>(g[index])); };
-    kept = UserRegisters{value(REG_SS), value(REG_UESP), value(REG_EFL), value(REG_CS), value(REG_EIP),
+    kept = UserRegisters{value(REG_SS),  value(REG_UESP),   value(REG_EFL), value(REG_CS),  value(REG_EIP),
                          value(REG_ERR), value(REG_TRAPNO), value(REG_EAX), value(REG_ECX), value(REG_EDX),
-                         value(REG_EBX), value(REG_ESP), value(REG_EBP), value(REG_ESI), value(REG_EDI),
-                         value(REG_DS), value(REG_ES), value(REG_FS), value(REG_GS)};
+                         value(REG_EBX), value(REG_ESP),    value(REG_EBP), value(REG_ESI), value(REG_EDI),
+                         value(REG_DS),  value(REG_ES),     value(REG_FS),  value(REG_GS)};
     isKept = 1;
 }
 
@@ -98,8 +98,8 @@ int MakeStacks()
         return -1;
     char* first = static_cast<char*>(memory) + guard;
     char* second = first + kAlternateSize + guard;
-    if (mprotect(first, kAlternateSize, PROT_READ | PROT_WRITE) != 0
-        || mprotect(second, kReserveSize, PROT_READ | PROT_WRITE) != 0) {
+    if (mprotect(first, kAlternateSize, PROT_READ | PROT_WRITE) != 0 ||
+        mprotect(second, kReserveSize, PROT_READ | PROT_WRITE) != 0) {
         const int savedErrno = errno;
         munmap(memory, total);
         errno = savedErrno;

@@ -44,11 +44,9 @@ int Fail(int code)
 
 const struct netconfig* FindTransport(const char* netid)
 {
-    for (const struct netconfig& transport : kTransports) {
-        if (strcmp(netid, transport.nc_netid) == 0) {
+    for (const struct netconfig& transport : kTransports)
+        if (strcmp(netid, transport.nc_netid) == 0)
             return &transport;
-        }
-    }
     return nullptr;
 }
 
@@ -57,9 +55,8 @@ int Family(const struct netconfig* config)
 {
     const struct netconfig* const known =
         config != nullptr && config->nc_netid != nullptr ? FindTransport(config->nc_netid) : nullptr;
-    if (known == nullptr) {
+    if (known == nullptr)
         return AF_UNSPEC;
-    }
     return strcmp(known->nc_protofmly, "inet6") == 0 ? AF_INET6 : AF_INET;
 }
 
@@ -69,25 +66,20 @@ bool IsService(const char* service)
 {
     char* end;
     const unsigned long port = strtoul(service, &end, 10);
-    if (*end != '\0') {
+    if (*end != '\0')
         return true;
-    }
     return strspn(service, "0123456789") == strlen(service) && port >= 1 && port <= 65535;
 }
 
 int ResolverFailure(int error)
 {
     switch (error) {
-    case EAI_SERVICE:
-        return Fail(ND_NOSERV);
-    case EAI_MEMORY:
-        return Fail(ND_NOMEM);
+    case EAI_SERVICE: return Fail(ND_NOSERV);
+    case EAI_MEMORY: return Fail(ND_NOMEM);
     case EAI_SYSTEM:
     case EAI_AGAIN:
-    case EAI_FAIL:
-        return Fail(ND_SYSTEM);
-    default:
-        return Fail(ND_NOHOST);
+    case EAI_FAIL: return Fail(ND_SYSTEM);
+    default: return Fail(ND_NOHOST);
     }
 }
 
@@ -95,9 +87,8 @@ bool Contains(const struct nd_addrlist& list, const struct addrinfo& found)
 {
     for (int i = 0; i < list.n_cnt; i++) {
         const struct netbuf& address = list.n_addrs[i];
-        if (address.len == found.ai_addrlen && memcmp(address.buf, found.ai_addr, address.len) == 0) {
+        if (address.len == found.ai_addrlen && memcmp(address.buf, found.ai_addr, address.len) == 0)
             return true;
-        }
     }
     return false;
 }
@@ -106,23 +97,19 @@ bool Contains(const struct nd_addrlist& list, const struct addrinfo& found)
 struct nd_addrlist* MakeList(const struct addrinfo* found)
 {
     size_t count = 0;
-    for (const struct addrinfo* next = found; next != nullptr; next = next->ai_next) {
+    for (const struct addrinfo* next = found; next != nullptr; next = next->ai_next)
         count++;
-    }
     struct nd_addrlist* const list = static_cast<struct nd_addrlist*>(calloc(1, sizeof *list));
-    if (list == nullptr) {
+    if (list == nullptr)
         return nullptr;
-    }
     list->n_addrs = static_cast<struct netbuf*>(calloc(count, sizeof *list->n_addrs));
     for (; list->n_addrs != nullptr && found != nullptr; found = found->ai_next) {
-        if (Contains(*list, *found)) {
+        if (Contains(*list, *found))
             continue;
-        }
         struct netbuf* const address = &list->n_addrs[list->n_cnt];
         address->buf = static_cast<char*>(malloc(found->ai_addrlen));
-        if (address->buf == nullptr) {
+        if (address->buf == nullptr)
             break;
-        }
         memcpy(address->buf, found->ai_addr, found->ai_addrlen);
         address->len = address->maxlen = found->ai_addrlen;
         list->n_cnt++;
@@ -139,13 +126,11 @@ struct nd_addrlist* MakeList(const struct addrinfo* found)
 void* setnetpath()
 {
     NetPath* const path = static_cast<NetPath*>(calloc(1, sizeof(NetPath)));
-    if (path == nullptr) {
+    if (path == nullptr)
         return nullptr;
-    }
     const char* const names = getenv("NETPATH");
-    if (names == nullptr) {
+    if (names == nullptr)
         return path;
-    }
     path->copy = path->names = strdup(names);
     path->nextVisible = kTransportCount;
     if (path->copy == nullptr) {
@@ -158,20 +143,17 @@ void* setnetpath()
 const struct netconfig* getnetpath(void* handlep)
 {
     NetPath* const path = static_cast<NetPath*>(handlep);
-    if (path == nullptr) {
+    if (path == nullptr)
         return nullptr;
-    }
     while (path->names != nullptr) {
         const char* const netid = strsep(&path->names, ":");
-        if (const struct netconfig* const transport = FindTransport(netid)) {
+        if (const struct netconfig* const transport = FindTransport(netid))
             return transport;
-        }
     }
     while (path->nextVisible < kTransportCount) {
         const struct netconfig* const transport = &kTransports[path->nextVisible++];
-        if ((transport->nc_flag & NC_VISIBLE) != 0) {
+        if ((transport->nc_flag & NC_VISIBLE) != 0)
             return transport;
-        }
     }
     return nullptr;
 }
@@ -189,17 +171,14 @@ int endnetpath(void* handlep)
 
 int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* service, struct nd_addrlist** addrs)
 {
-    if (addrs == nullptr) {
+    if (addrs == nullptr)
         return Fail(ND_BADARG);
-    }
     *addrs = nullptr;
     const int family = Family(config);
-    if (family == AF_UNSPEC || service == nullptr || service->h_host == nullptr || service->h_serv == nullptr) {
+    if (family == AF_UNSPEC || service == nullptr || service->h_host == nullptr || service->h_serv == nullptr)
         return Fail(ND_BADARG);
-    }
-    if (!IsService(service->h_serv)) {
+    if (!IsService(service->h_serv))
         return Fail(ND_NOSERV);
-    }
     struct addrinfo hints = {};
     hints.ai_family = family;
     hints.ai_socktype = SOCK_STREAM;
@@ -208,9 +187,8 @@ int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* s
     const bool isSelf = strcmp(service->h_host, HOST_SELF) == 0;
     struct addrinfo* found = nullptr;
     const int error = getaddrinfo(isSelf ? nullptr : service->h_host, service->h_serv, &hints, &found);
-    if (error != 0) {
+    if (error != 0)
         return ResolverFailure(error);
-    }
     *addrs = MakeList(found);
     freeaddrinfo(found);
     return *addrs == nullptr ? Fail(ND_NOMEM) : ND_OK;
@@ -218,13 +196,11 @@ int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* s
 
 void netdir_free(void* ptr, int struct_type)
 {
-    if (ptr == nullptr || struct_type != ND_ADDRLIST) {
+    if (ptr == nullptr || struct_type != ND_ADDRLIST)
         return;
-    }
     struct nd_addrlist* const list = static_cast<struct nd_addrlist*>(ptr);
-    for (int i = 0; i < list->n_cnt; i++) {
+    for (int i = 0; i < list->n_cnt; i++)
         free(list->n_addrs[i].buf);
-    }
     free(list->n_addrs);
     free(list);
 }
@@ -244,9 +220,8 @@ char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
         return nullptr;
     }
     char host[INET6_ADDRSTRLEN];
-    const void* const bytes = family == AF_INET6
-        ? static_cast<const void*>(&address.sin6_addr)
-        : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
+    const void* const bytes = family == AF_INET6 ? static_cast<const void*>(&address.sin6_addr)
+                                                 : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
     inet_ntop(family, bytes, host, sizeof host);
     const unsigned port = ntohs(address.sin6_port);
     constexpr size_t size = INET6_ADDRSTRLEN + sizeof ".255.255";

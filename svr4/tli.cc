@@ -44,8 +44,7 @@ constexpr Provider kProviders[] = {
 class Socket {
 public:
     Socket() = default;
-    explicit Socket(int descriptor)
-        : fd(descriptor)
+    explicit Socket(int descriptor) : fd(descriptor)
     {
         struct stat status;
         if (fstat(fd, &status) == 0) {
@@ -109,9 +108,8 @@ int FailSystem(int error)
 
 void CloseRequest(Request* request)
 {
-    if (request->socket.IsOurs()) {
+    if (request->socket.IsOurs())
         close(request->socket.fd);
-    }
     delete request;
 }
 
@@ -145,16 +143,14 @@ Endpoint* Find(int fd)
 bool Provide(int fd)
 {
     if (fd < endpointCount) {
-        if (endpoints[fd] != nullptr) {
+        if (endpoints[fd] != nullptr)
             Drop(fd); // closed behind our back
-        }
         return true;
     }
     const int count = std::max(fd + 1, endpointCount < INT_MAX / 2 ? 2 * endpointCount : INT_MAX);
     void* const larger = realloc(endpoints, static_cast<size_t>(count) * sizeof *endpoints);
-    if (larger == nullptr) {
+    if (larger == nullptr)
         return false;
-    }
     endpoints = static_cast<Endpoint**>(larger);
     std::fill(endpoints + endpointCount, endpoints + count, nullptr);
     endpointCount = count;
@@ -184,15 +180,13 @@ Endpoint* FindIn(int fd, unsigned states)
 int NewSocket(const Provider& provider)
 {
     const int fd = socket(provider.family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    if (fd < 0)
         return -1;
-    }
     const int on = 1;
     // A record that follows another must not wait for the peer's delayed acknowledgement.
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (provider.family == AF_INET6) {
+    if (provider.family == AF_INET6)
         setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on); // "tcp" has the port for itself
-    }
     return fd;
 }
 
@@ -212,9 +206,8 @@ bool Replace(Endpoint* endpoint, int source)
     const int error = errno;
     close(source);
     errno = error;
-    if (result < 0) {
+    if (result < 0)
         return false;
-    }
     endpoint->socket = Socket(result);
     return true;
 }
@@ -223,9 +216,8 @@ bool Replace(Endpoint* endpoint, int source)
 bool Renew(Endpoint* endpoint)
 {
     const int fresh = NewSocket(*endpoint->provider);
-    if (fresh < 0 || !Replace(endpoint, fresh)) {
+    if (fresh < 0 || !Replace(endpoint, fresh))
         return false;
-    }
     endpoint->isSpent = false;
     return true;
 }
@@ -233,12 +225,10 @@ bool Renew(Endpoint* endpoint)
 // As Renew, with the address that the endpoint was bound to.
 bool RenewBound(Endpoint* endpoint)
 {
-    if (!Renew(endpoint)) {
+    if (!Renew(endpoint))
         return false;
-    }
-    if (endpoint->boundLength == 0) {
+    if (endpoint->boundLength == 0)
         return true;
-    }
     ReuseAddress(endpoint->socket.fd);
     const struct sockaddr* const address = reinterpret_cast<struct sockaddr*>(&endpoint->bound);
     endpoint->isSpent = bind(endpoint->socket.fd, address, endpoint->boundLength) < 0; // to be tried again then
@@ -267,10 +257,8 @@ bool MeansDisconnect(int error)
     case ENETDOWN:
     case ENETRESET:
     case ENOTCONN:
-    case EPROTO:
-        return true;
-    default:
-        return false;
+    case EPROTO: return true;
+    default: return false;
     }
 }
 
@@ -285,21 +273,18 @@ int TakeError(int fd)
 // Whether a T_DISCONNECT is pending; its reason is kept.
 bool IsDisconnected(Endpoint* endpoint)
 {
-    if (endpoint->reason == 0) {
+    if (endpoint->reason == 0)
         endpoint->reason = TakeError(endpoint->socket.fd);
-    }
     return endpoint->reason != 0;
 }
 
 // Reports the failure of a call on a connection: a pending T_DISCONNECT, or what the system says.
 int FailConnection(Endpoint* endpoint, int error)
 {
-    if (!MeansDisconnect(error)) {
+    if (!MeansDisconnect(error))
         return FailSystem(error);
-    }
-    if (endpoint->reason == 0) {
+    if (endpoint->reason == 0)
         endpoint->reason = error;
-    }
     return Fail(TLOOK);
 }
 
@@ -312,9 +297,8 @@ bool IsReady(int fd, short events)
 // Waits for `events`; fails with TSYSERR when interrupted, and with `code` when the endpoint does not wait.
 int Await(const Endpoint* endpoint, short events, int code)
 {
-    if (!endpoint->waits) {
+    if (!endpoint->waits)
         return Fail(code);
-    }
     struct pollfd descriptor = {endpoint->socket.fd, events, 0};
     return poll(&descriptor, 1, -1) < 0 ? Fail(TSYSERR) : 0;
 }
@@ -324,15 +308,12 @@ int Await(const Endpoint* endpoint, short events, int code)
 int PutAddress(const struct sockaddr_storage& address, socklen_t length, struct netbuf* to)
 {
     to->len = 0;
-    if (to->maxlen == 0) {
+    if (to->maxlen == 0)
         return 0;
-    }
-    if (to->maxlen < length) {
+    if (to->maxlen < length)
         return Fail(TBUFOVFLW);
-    }
-    if (to->buf == nullptr) {
+    if (to->buf == nullptr)
         return FailSystem(EFAULT);
-    }
     memcpy(to->buf, &address, length);
     to->len = length;
     return 0;
@@ -340,9 +321,8 @@ int PutAddress(const struct sockaddr_storage& address, socklen_t length, struct 
 
 int GetAddress(const Endpoint* endpoint, const struct netbuf& from, struct sockaddr_storage* address)
 {
-    if (from.buf == nullptr || from.len < endpoint->provider->addressLength || from.len > sizeof *address) {
+    if (from.buf == nullptr || from.len < endpoint->provider->addressLength || from.len > sizeof *address)
         return Fail(TBADADDR);
-    }
     *address = {};
     memcpy(address, from.buf, endpoint->provider->addressLength);
     return address->ss_family == endpoint->provider->family ? 0 : Fail(TBADADDR);
@@ -351,12 +331,10 @@ int GetAddress(const Endpoint* endpoint, const struct netbuf& from, struct socka
 // Refuses what this transport does not carry in its connect messages.
 int CheckCall(const struct t_call* call)
 {
-    if (call == nullptr) {
+    if (call == nullptr)
         return FailSystem(EFAULT);
-    }
-    if (call->opt.len > 0) {
+    if (call->opt.len > 0)
         return Fail(TBADOPT);
-    }
     return call->udata.len > 0 ? Fail(TBADDATA) : 0;
 }
 
@@ -365,27 +343,23 @@ int CheckCall(const struct t_call* call)
 // The place of the first outstanding request that is `sequence`, or for 0 whose client has gone; null: none.
 Request** FindRequest(Endpoint* endpoint, int sequence)
 {
-    for (Request** place = &endpoint->requests; *place != nullptr; place = &(*place)->next) {
-        if (sequence == 0 ? (*place)->reason != 0 : (*place)->sequence == sequence) {
+    for (Request** place = &endpoint->requests; *place != nullptr; place = &(*place)->next)
+        if (sequence == 0 ? (*place)->reason != 0 : (*place)->sequence == sequence)
             return place;
-        }
-    }
     return nullptr;
 }
 
 void LookAtRequest(Request* request)
 {
-    if (request->reason == 0) {
+    if (request->reason == 0)
         request->reason = request->socket.IsOurs() ? TakeError(request->socket.fd) : ECONNABORTED;
-    }
 }
 
 // The place of the first outstanding request whose client has gone, or null.
 Request** FindGone(Endpoint* endpoint)
 {
-    for (Request* request = endpoint->requests; request != nullptr; request = request->next) {
+    for (Request* request = endpoint->requests; request != nullptr; request = request->next)
         LookAtRequest(request);
-    }
     return FindRequest(endpoint, 0);
 }
 
@@ -393,9 +367,8 @@ Request* TakeRequest(Endpoint* endpoint, Request** place)
 {
     Request* const request = *place;
     *place = request->next;
-    if (--endpoint->outstanding == 0) {
+    if (--endpoint->outstanding == 0)
         endpoint->state = T_IDLE;
-    }
     return request;
 }
 
@@ -404,9 +377,8 @@ void AddRequest(Endpoint* endpoint, Request* request)
     static int lastSequence = 0;
     request->sequence = lastSequence = lastSequence < INT_MAX ? lastSequence + 1 : 1;
     Request** end = &endpoint->requests;
-    while (*end != nullptr) {
+    while (*end != nullptr)
         end = &(*end)->next;
-    }
     *end = request;
     endpoint->outstanding++;
     endpoint->state = T_INCON;
@@ -419,21 +391,16 @@ void AddRequest(Endpoint* endpoint, Request* request)
 int t_open(const char* path, int oflag, struct t_info* info)
 {
     const Provider* provider = nullptr;
-    for (const Provider& known : kProviders) {
-        if (path != nullptr && strcmp(path, known.device) == 0) {
+    for (const Provider& known : kProviders)
+        if (path != nullptr && strcmp(path, known.device) == 0)
             provider = &known;
-        }
-    }
-    if (provider == nullptr) {
+    if (provider == nullptr)
         return Fail(TBADNAME);
-    }
-    if ((oflag & ~O_NONBLOCK) != O_RDWR) {
+    if ((oflag & ~O_NONBLOCK) != O_RDWR)
         return Fail(TBADFLAG);
-    }
     const int fd = NewSocket(*provider);
-    if (fd < 0) {
+    if (fd < 0)
         return Fail(TSYSERR);
-    }
     Endpoint* const endpoint = Provide(fd) ? new (std::nothrow) Endpoint : nullptr;
     if (endpoint == nullptr) {
         close(fd);
@@ -443,9 +410,8 @@ int t_open(const char* path, int oflag, struct t_info* info)
     endpoint->provider = provider;
     endpoint->waits = (oflag & O_NONBLOCK) == 0;
     endpoints[fd] = endpoint;
-    if (info != nullptr) {
+    if (info != nullptr)
         *info = {static_cast<long>(provider->addressLength), -2, 0, -2, -2, -2, T_COTS_ORD};
-    }
     return fd;
 }
 
@@ -455,15 +421,11 @@ static int BindFailure(int error, const struct sockaddr_storage& address)
     // The port is at the same place in both families.
     const bool anyPort = reinterpret_cast<const struct sockaddr_in*>(&address)->sin_port == 0;
     switch (error) {
-    case EADDRINUSE:
-        return Fail(anyPort ? TNOADDR : TADDRBUSY);
-    case EADDRNOTAVAIL:
-        return Fail(TNOADDR);
+    case EADDRINUSE: return Fail(anyPort ? TNOADDR : TADDRBUSY);
+    case EADDRNOTAVAIL: return Fail(TNOADDR);
     case EACCES:
-    case EPERM:
-        return Fail(TACCES);
-    default:
-        return FailSystem(error);
+    case EPERM: return Fail(TACCES);
+    default: return FailSystem(error);
     }
 }
 
@@ -471,15 +433,13 @@ static int BindFailure(int error, const struct sockaddr_storage& address)
 static int Bind(Endpoint* endpoint, const struct sockaddr_storage& address, unsigned qlen)
 {
     const int fd = endpoint->socket.fd;
-    if (qlen > 0) {
+    if (qlen > 0)
         ReuseAddress(fd);
-    }
     endpoint->boundLength = sizeof endpoint->bound;
-    if (bind(fd, reinterpret_cast<const struct sockaddr*>(&address), endpoint->provider->addressLength) == 0
-        && (qlen == 0 || listen(fd, static_cast<int>(qlen)) == 0)
-        && getsockname(fd, reinterpret_cast<struct sockaddr*>(&endpoint->bound), &endpoint->boundLength) == 0) {
+    if (bind(fd, reinterpret_cast<const struct sockaddr*>(&address), endpoint->provider->addressLength) == 0 &&
+        (qlen == 0 || listen(fd, static_cast<int>(qlen)) == 0) &&
+        getsockname(fd, reinterpret_cast<struct sockaddr*>(&endpoint->bound), &endpoint->boundLength) == 0)
         return 0;
-    }
     const int error = errno;
     endpoint->boundLength = 0;
     Renew(endpoint); // the socket may be half done
@@ -489,26 +449,22 @@ static int Bind(Endpoint* endpoint, const struct sockaddr_storage& address, unsi
 int t_bind(int fd, const struct t_bind* req, struct t_bind* ret)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_UNBND));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
     struct sockaddr_storage address = {};
     address.ss_family = static_cast<sa_family_t>(endpoint->provider->family);
     const bool any = req == nullptr || req->addr.len == 0;
-    if (!any && GetAddress(endpoint, req->addr, &address) < 0) {
+    if (!any && GetAddress(endpoint, req->addr, &address) < 0)
         return -1;
-    }
     const unsigned qlen = req == nullptr ? 0 : std::min<unsigned>(req->qlen, SOMAXCONN);
     // Who neither gives an address nor asks for it gets one with the connection: that takes no port of its own.
     const bool later = any && qlen == 0 && (ret == nullptr || ret->addr.maxlen == 0);
-    if (!later && Bind(endpoint, address, qlen) < 0) {
+    if (!later && Bind(endpoint, address, qlen) < 0)
         return -1;
-    }
     endpoint->qlen = qlen;
     endpoint->state = T_IDLE;
-    if (ret == nullptr) {
+    if (ret == nullptr)
         return 0;
-    }
     ret->qlen = qlen;
     return PutAddress(endpoint->bound, endpoint->boundLength, &ret->addr);
 }
@@ -516,12 +472,10 @@ int t_bind(int fd, const struct t_bind* req, struct t_bind* ret)
 int t_unbind(int fd)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_IDLE));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
-    if (!Renew(endpoint)) {
+    if (!Renew(endpoint))
         return Fail(TSYSERR);
-    }
     endpoint->boundLength = 0;
     endpoint->qlen = 0;
     endpoint->state = T_UNBND;
@@ -533,16 +487,11 @@ int t_unbind(int fd)
 static size_t SizeOf(int struct_type)
 {
     switch (struct_type) {
-    case T_BIND:
-        return sizeof(struct t_bind);
-    case T_CALL:
-        return sizeof(struct t_call);
-    case T_DIS:
-        return sizeof(struct t_discon);
-    case T_INFO:
-        return sizeof(struct t_info);
-    default:
-        return 0;
+    case T_BIND: return sizeof(struct t_bind);
+    case T_CALL: return sizeof(struct t_call);
+    case T_DIS: return sizeof(struct t_discon);
+    case T_INFO: return sizeof(struct t_info);
+    default: return 0;
     }
 }
 
@@ -550,20 +499,16 @@ static size_t SizeOf(int struct_type)
 static struct netbuf* AddressOf(void* ptr, int struct_type)
 {
     switch (struct_type) {
-    case T_BIND:
-        return &static_cast<struct t_bind*>(ptr)->addr;
-    case T_CALL:
-        return &static_cast<struct t_call*>(ptr)->addr;
-    default:
-        return nullptr;
+    case T_BIND: return &static_cast<struct t_bind*>(ptr)->addr;
+    case T_CALL: return &static_cast<struct t_call*>(ptr)->addr;
+    default: return nullptr;
     }
 }
 
 void* t_alloc(int fd, int struct_type, int fields)
 {
-    if (Find(fd) == nullptr) {
+    if (Find(fd) == nullptr)
         return nullptr;
-    }
     const size_t size = SizeOf(struct_type);
     if (size == 0) {
         Fail(TNOSTRUCTYPE);
@@ -575,9 +520,8 @@ void* t_alloc(int fd, int struct_type, int fields)
         return nullptr;
     }
     struct netbuf* const address = AddressOf(ptr, struct_type);
-    if (address == nullptr || (fields & T_ADDR) == 0) {
+    if (address == nullptr || (fields & T_ADDR) == 0)
         return ptr;
-    }
     address->buf = static_cast<char*>(calloc(1, sizeof(struct sockaddr_storage)));
     if (address->buf == nullptr) {
         free(ptr);
@@ -590,15 +534,12 @@ void* t_alloc(int fd, int struct_type, int fields)
 
 int t_free(void* ptr, int struct_type)
 {
-    if (SizeOf(struct_type) == 0) {
+    if (SizeOf(struct_type) == 0)
         return Fail(TNOSTRUCTYPE);
-    }
-    if (ptr == nullptr) {
+    if (ptr == nullptr)
         return 0;
-    }
-    if (const struct netbuf* const address = AddressOf(ptr, struct_type)) {
+    if (const struct netbuf* const address = AddressOf(ptr, struct_type))
         free(address->buf);
-    }
     free(ptr);
     return 0;
 }
@@ -610,35 +551,31 @@ static bool IsConnectedToItself(int fd)
 {
     struct sockaddr_storage here = {}, there = {};
     socklen_t hereLength = sizeof here, thereLength = sizeof there;
-    return getsockname(fd, reinterpret_cast<struct sockaddr*>(&here), &hereLength) == 0
-        && getpeername(fd, reinterpret_cast<struct sockaddr*>(&there), &thereLength) == 0 && hereLength == thereLength
-        && memcmp(&here, &there, hereLength) == 0;
+    return getsockname(fd, reinterpret_cast<struct sockaddr*>(&here), &hereLength) == 0 &&
+           getpeername(fd, reinterpret_cast<struct sockaddr*>(&there), &thereLength) == 0 &&
+           hereLength == thereLength && memcmp(&here, &there, hereLength) == 0;
 }
 
 // Waits until the attempt in T_OUTCON has succeeded or failed.
 static int FinishConnect(Endpoint* endpoint, struct t_call* call)
 {
     const int fd = endpoint->socket.fd;
-    if (endpoint->reason == 0 && !IsReady(fd, POLLOUT) && Await(endpoint, POLLOUT, TNODATA) < 0) {
+    if (endpoint->reason == 0 && !IsReady(fd, POLLOUT) && Await(endpoint, POLLOUT, TNODATA) < 0)
         return -1;
-    }
-    if (IsDisconnected(endpoint)) {
+    if (IsDisconnected(endpoint))
         return Fail(TLOOK);
-    }
     if (IsConnectedToItself(fd)) {
         Abort(fd);
         endpoint->reason = ECONNREFUSED;
         return Fail(TLOOK);
     }
     endpoint->state = T_DATAXFER;
-    if (call == nullptr || call->addr.maxlen == 0) {
+    if (call == nullptr || call->addr.maxlen == 0)
         return 0;
-    }
     struct sockaddr_storage peer = {};
     socklen_t length = sizeof peer;
-    if (getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &length) < 0) {
+    if (getpeername(fd, reinterpret_cast<struct sockaddr*>(&peer), &length) < 0)
         return FailConnection(endpoint, errno);
-    }
     return PutAddress(peer, length, &call->addr);
 }
 
@@ -646,40 +583,31 @@ static int FinishConnect(Endpoint* endpoint, struct t_call* call)
 static int ConnectFailure(int error)
 {
     switch (error) {
-    case EADDRINUSE:
-        return Fail(TADDRBUSY);
+    case EADDRINUSE: return Fail(TADDRBUSY);
     case EACCES:
-    case EPERM:
-        return Fail(TACCES);
-    default:
-        return FailSystem(error);
+    case EPERM: return Fail(TACCES);
+    default: return FailSystem(error);
     }
 }
 
 int t_connect(int fd, const struct t_call* sndcall, struct t_call* rcvcall)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_IDLE));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
-    if (endpoint->qlen > 0) {
+    if (endpoint->qlen > 0)
         return Fail(TNOTSUPPORT);
-    }
     struct sockaddr_storage address;
-    if (CheckCall(sndcall) < 0 || GetAddress(endpoint, sndcall->addr, &address) < 0) {
+    if (CheckCall(sndcall) < 0 || GetAddress(endpoint, sndcall->addr, &address) < 0)
         return -1;
-    }
-    if (endpoint->isSpent && !RenewBound(endpoint)) {
+    if (endpoint->isSpent && !RenewBound(endpoint))
         return ConnectFailure(errno);
-    }
-    if (endpoint->boundLength > 0) {
+    if (endpoint->boundLength > 0)
         ReuseAddress(fd); // so that the next connection can have the address while this one lingers
-    }
     const struct sockaddr* const to = reinterpret_cast<struct sockaddr*>(&address);
     if (connect(fd, to, endpoint->provider->addressLength) < 0 && errno != EINPROGRESS) {
-        if (!MeansDisconnect(errno)) {
+        if (!MeansDisconnect(errno))
             return ConnectFailure(errno);
-        }
         endpoint->reason = errno;
     }
     endpoint->isSpent = true;
@@ -702,13 +630,11 @@ static int AcceptSocket(const Endpoint* endpoint, struct sockaddr_storage* peer,
         *length = sizeof *peer;
         struct sockaddr* const address = reinterpret_cast<struct sockaddr*>(peer);
         const int fd = accept4(endpoint->socket.fd, address, length, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd >= 0) {
+        if (fd >= 0)
             return fd;
-        }
         if (errno == EAGAIN) {
-            if (Await(endpoint, POLLIN, TNODATA) < 0) {
+            if (Await(endpoint, POLLIN, TNODATA) < 0)
                 return -1;
-            }
         } else if (!MeansDisconnect(errno)) { // else that client has gone already
             return Fail(TSYSERR);
         }
@@ -718,28 +644,21 @@ static int AcceptSocket(const Endpoint* endpoint, struct sockaddr_storage* peer,
 int t_listen(int fd, struct t_call* call)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_IDLE) | In(T_INCON));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
-    if (endpoint->qlen == 0) {
+    if (endpoint->qlen == 0)
         return Fail(TBADQLEN);
-    }
-    if (call == nullptr) {
+    if (call == nullptr)
         return FailSystem(EFAULT);
-    }
-    if (FindGone(endpoint) != nullptr) {
+    if (FindGone(endpoint) != nullptr)
         return Fail(TLOOK);
-    }
-    if (endpoint->outstanding >= endpoint->qlen) {
+    if (endpoint->outstanding >= endpoint->qlen)
         return Fail(TQFULL);
-    }
-    if (call->addr.maxlen > 0 && call->addr.maxlen < endpoint->provider->addressLength) {
+    if (call->addr.maxlen > 0 && call->addr.maxlen < endpoint->provider->addressLength)
         return Fail(TBUFOVFLW);
-    }
     Request* const request = new (std::nothrow) Request;
-    if (request == nullptr) {
+    if (request == nullptr)
         return FailSystem(ENOMEM);
-    }
     struct sockaddr_storage peer;
     socklen_t length;
     const int client = AcceptSocket(endpoint, &peer, &length);
@@ -766,9 +685,8 @@ static Endpoint* FindAcceptor(Endpoint* listener, int fd, int resfd)
         return listener;
     }
     Endpoint* const acceptor = FindIn(resfd, In(T_IDLE));
-    if (acceptor == nullptr) {
+    if (acceptor == nullptr)
         return nullptr;
-    }
     if (acceptor->qlen > 0) {
         Fail(TRESQLEN);
         return nullptr;
@@ -783,28 +701,23 @@ static Endpoint* FindAcceptor(Endpoint* listener, int fd, int resfd)
 int t_accept(int fd, int resfd, const struct t_call* call)
 {
     Endpoint* const listener = Find(fd);
-    if (listener == nullptr || Find(resfd) == nullptr || FindIn(fd, In(T_INCON)) == nullptr) {
+    if (listener == nullptr || Find(resfd) == nullptr || FindIn(fd, In(T_INCON)) == nullptr)
         return -1;
-    }
     Endpoint* const acceptor = FindAcceptor(listener, fd, resfd);
-    if (acceptor == nullptr || CheckCall(call) < 0) {
+    if (acceptor == nullptr || CheckCall(call) < 0)
         return -1;
-    }
     Request** const place = call->sequence > 0 ? FindRequest(listener, call->sequence) : nullptr;
-    if (place == nullptr) {
+    if (place == nullptr)
         return Fail(TBADSEQ);
-    }
     LookAtRequest(*place);
-    if ((*place)->reason != 0) {
+    if ((*place)->reason != 0)
         return Fail(TLOOK);
-    }
     Request* const request = TakeRequest(listener, place);
     const bool moved = Replace(acceptor, request->socket.fd);
     const int error = errno;
     delete request;
-    if (!moved) {
+    if (!moved)
         return FailSystem(error);
-    }
     acceptor->qlen = 0;
     acceptor->isSpent = true;
     acceptor->reason = 0;
@@ -817,25 +730,21 @@ int t_accept(int fd, int resfd, const struct t_call* call)
 int t_snd(int fd, const char* buf, unsigned nbytes, int flags)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_DATAXFER) | In(T_INREL));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
-    if ((flags & ~T_MORE) != 0) {
+    if ((flags & ~T_MORE) != 0)
         return Fail(flags & T_EXPEDITED ? TNOTSUPPORT : TBADFLAG);
-    }
-    if (nbytes == 0 || nbytes > INT_MAX) {
+    if (nbytes == 0 || nbytes > INT_MAX)
         return Fail(TBADDATA);
-    }
     unsigned sent = 0;
     while (sent < nbytes) {
         const ssize_t count = send(fd, buf + sent, nbytes - sent, MSG_NOSIGNAL);
-        if (count >= 0) {
+        if (count >= 0)
             sent += static_cast<unsigned>(count);
-        } else if (errno != EAGAIN) {
+        else if (errno != EAGAIN)
             return FailConnection(endpoint, errno);
-        } else if (Await(endpoint, POLLOUT, TFLOW) < 0) {
+        else if (Await(endpoint, POLLOUT, TFLOW) < 0)
             return sent > 0 ? static_cast<int>(sent) : -1;
-        }
     }
     return static_cast<int>(sent);
 }
@@ -843,29 +752,22 @@ int t_snd(int fd, const char* buf, unsigned nbytes, int flags)
 int t_rcv(int fd, char* buf, unsigned nbytes, int* flags)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_DATAXFER) | In(T_OUTREL));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
-    if (flags != nullptr) {
+    if (flags != nullptr)
         *flags = 0;
-    }
-    if (nbytes == 0) {
+    if (nbytes == 0)
         return 0;
-    }
     for (;;) {
         const ssize_t count = recv(fd, buf, std::min<unsigned>(nbytes, INT_MAX), 0);
-        if (count > 0) {
+        if (count > 0)
             return static_cast<int>(count);
-        }
-        if (count == 0) {
+        if (count == 0)
             return Fail(TLOOK); // T_ORDREL, or the T_DISCONNECT that was seen before
-        }
-        if (errno != EAGAIN) {
+        if (errno != EAGAIN)
             return FailConnection(endpoint, errno);
-        }
-        if (Await(endpoint, POLLIN, TNODATA) < 0) {
+        if (Await(endpoint, POLLIN, TNODATA) < 0)
             return -1;
-        }
     }
 }
 
@@ -874,17 +776,14 @@ int t_rcv(int fd, char* buf, unsigned nbytes, int* flags)
 // The event on the receiving side of a connection.
 static int LookAtConnection(Endpoint* endpoint)
 {
-    if (endpoint->reason != 0) {
+    if (endpoint->reason != 0)
         return T_DISCONNECT;
-    }
     char byte;
     const ssize_t count = recv(endpoint->socket.fd, &byte, 1, MSG_PEEK);
-    if (count >= 0) {
+    if (count >= 0)
         return count > 0 ? T_DATA : T_ORDREL;
-    }
-    if (!MeansDisconnect(errno)) {
+    if (!MeansDisconnect(errno))
         return 0;
-    }
     endpoint->reason = errno;
     return T_DISCONNECT;
 }
@@ -892,28 +791,22 @@ static int LookAtConnection(Endpoint* endpoint)
 int t_look(int fd)
 {
     Endpoint* const endpoint = Find(fd);
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
     switch (endpoint->state) {
     case T_IDLE:
     case T_INCON:
-        if (FindGone(endpoint) != nullptr) {
+        if (FindGone(endpoint) != nullptr)
             return T_DISCONNECT;
-        }
         return endpoint->qlen > 0 && IsReady(fd, POLLIN) ? T_LISTEN : 0;
     case T_OUTCON:
-        if (endpoint->reason == 0 && !IsReady(fd, POLLOUT)) {
+        if (endpoint->reason == 0 && !IsReady(fd, POLLOUT))
             return 0;
-        }
         return IsDisconnected(endpoint) ? T_DISCONNECT : T_CONNECT;
     case T_DATAXFER:
-    case T_OUTREL:
-        return LookAtConnection(endpoint);
-    case T_INREL:
-        return IsDisconnected(endpoint) ? T_DISCONNECT : 0;
-    default:
-        return 0;
+    case T_OUTREL: return LookAtConnection(endpoint);
+    case T_INREL: return IsDisconnected(endpoint) ? T_DISCONNECT : 0;
+    default: return 0;
     }
 }
 
@@ -924,18 +817,16 @@ static int TakeDisconnect(Endpoint* endpoint, struct t_discon* discon)
 {
     if (endpoint->state == T_INCON) {
         Request** const place = FindGone(endpoint);
-        if (place == nullptr) {
+        if (place == nullptr)
             return Fail(TNODIS);
-        }
         Request* const request = TakeRequest(endpoint, place);
         discon->reason = request->reason;
         discon->sequence = request->sequence;
         CloseRequest(request);
         return 0;
     }
-    if (!IsDisconnected(endpoint)) {
+    if (!IsDisconnected(endpoint))
         return Fail(TNODIS);
-    }
     discon->reason = endpoint->reason;
     discon->sequence = -1;
     endpoint->reason = 0;
@@ -946,13 +837,11 @@ static int TakeDisconnect(Endpoint* endpoint, struct t_discon* discon)
 int t_rcvdis(int fd, struct t_discon* discon)
 {
     Endpoint* const endpoint = FindIn(fd, kConnected | In(T_OUTCON) | In(T_INCON));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
     struct t_discon taken = {};
-    if (TakeDisconnect(endpoint, &taken) < 0) {
+    if (TakeDisconnect(endpoint, &taken) < 0)
         return -1;
-    }
     if (discon != nullptr) {
         discon->reason = taken.reason;
         discon->sequence = taken.sequence;
@@ -964,28 +853,22 @@ int t_rcvdis(int fd, struct t_discon* discon)
 int t_snddis(int fd, const struct t_call* call)
 {
     Endpoint* const endpoint = FindIn(fd, kConnected | In(T_OUTCON) | In(T_INCON));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
-    if (call != nullptr && call->udata.len > 0) {
+    if (call != nullptr && call->udata.len > 0)
         return Fail(TBADDATA);
-    }
     if (endpoint->state == T_INCON) {
-        Request** const place =
-            call != nullptr && call->sequence > 0 ? FindRequest(endpoint, call->sequence) : nullptr;
-        if (place == nullptr) {
+        Request** const place = call != nullptr && call->sequence > 0 ? FindRequest(endpoint, call->sequence) : nullptr;
+        if (place == nullptr)
             return Fail(TBADSEQ);
-        }
         Request* const request = TakeRequest(endpoint, place);
-        if (request->socket.IsOurs()) {
+        if (request->socket.IsOurs())
             Abort(request->socket.fd);
-        }
         CloseRequest(request);
         return 0;
     }
-    if (IsDisconnected(endpoint)) {
+    if (IsDisconnected(endpoint))
         return Fail(TLOOK);
-    }
     Abort(fd);
     endpoint->state = T_IDLE;
     return 0;
@@ -994,15 +877,12 @@ int t_snddis(int fd, const struct t_call* call)
 int t_sndrel(int fd)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_DATAXFER) | In(T_INREL));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
-    if (IsDisconnected(endpoint)) {
+    if (IsDisconnected(endpoint))
         return Fail(TLOOK);
-    }
-    if (shutdown(fd, SHUT_WR) < 0) {
+    if (shutdown(fd, SHUT_WR) < 0)
         return FailConnection(endpoint, errno);
-    }
     endpoint->state = endpoint->state == T_INREL ? T_IDLE : T_OUTREL;
     return 0;
 }
@@ -1010,13 +890,11 @@ int t_sndrel(int fd)
 int t_rcvrel(int fd)
 {
     Endpoint* const endpoint = FindIn(fd, In(T_DATAXFER) | In(T_OUTREL));
-    if (endpoint == nullptr) {
+    if (endpoint == nullptr)
         return -1;
-    }
     const int event = IsDisconnected(endpoint) ? T_DISCONNECT : LookAtConnection(endpoint);
-    if (event != T_ORDREL) {
+    if (event != T_ORDREL)
         return Fail(event == T_DISCONNECT ? TLOOK : TNOREL);
-    }
     endpoint->state = endpoint->state == T_OUTREL ? T_IDLE : T_INREL;
     return 0;
 }
@@ -1029,9 +907,8 @@ int t_getstate(int fd)
 
 int t_close(int fd)
 {
-    if (Find(fd) == nullptr) {
+    if (Find(fd) == nullptr)
         return -1;
-    }
     Drop(fd);
     close(fd); // whatever it returns, the descriptor is gone
     return 0;
@@ -1097,9 +974,8 @@ const char* t_strerror(int errnum)
     };
     constexpr int count = static_cast<int>(sizeof texts / sizeof *texts);
     static_assert(count == TPROTO + 1, "a text for every code");
-    if (errnum >= 0 && errnum < count) {
+    if (errnum >= 0 && errnum < count)
         return texts[errnum];
-    }
     static char unknown[32];
     snprintf(unknown, sizeof unknown, "%d: error unknown", errnum);
     return unknown;

@@ -267,11 +267,18 @@ std::string WarningReport(const std::string& unit, const std::string& type, int 
     return "\nErrorReporter: <time>  Total Error Count= <count>\n"
            "  Program=\n"
            "  Severity Level=WARNING\n"
-           "  Error Type= " + type + "\n"
-           "  Error Code= " + code + "\n"
-           "  Module= $Id: " + unit + ".cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n"
+           "  Error Type= " +
+           type +
+           "\n"
+           "  Error Code= " +
+           code +
+           "\n"
+           "  Module= $Id: " +
+           unit +
+           ".cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n"
            "  Line= <line>\n"
-           "  Description= " + description + "\n\n";
+           "  Description= " +
+           description + "\n\n";
 }
 
 std::string WithoutVariables(const std::string& reports)

@@ -162,7 +162,8 @@ TEST_F(FaultDaemonTest, OfManyThatAreStartedOneServes)
     // Those that went into the background found the lock taken there.
     const int expected = static_cast<int>(starts.size()) - 1 - refused;
     EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(DaemonLog), SecondServer) == expected; }))
-        << refused << " refused\n" << ReadFile(DaemonLog);
+        << refused << " refused\n"
+        << ReadFile(DaemonLog);
     EXPECT_EQ(QueuesOnTheHost(), 1);
     EXPECT_EQ(LockOwner(), daemon);
 }
@@ -409,9 +410,8 @@ TEST_F(FaultDaemonTest, ACommandThatEndsWhileAnotherIsWaitedForLeavesNoZombie)
     Ctl({"raise", "alpha", "7", "t"});
     Ctl({"start", "alpha", "7", "sleep 0.5"});
     EXPECT_RESULT(Ctl({"run", "alpha", "7", "sleep 1"}), 0, "", "");
-    EXPECT_TRUE(WaitUntil([] {
-        return Ctl({"status"}).out.find("Number of Active Processes = 0\n") != std::string::npos;
-    }));
+    EXPECT_TRUE(
+        WaitUntil([] { return Ctl({"status"}).out.find("Number of Active Processes = 0\n") != std::string::npos; }));
     const std::string children = "/proc/" + std::to_string(daemon) + "/task/" + std::to_string(daemon) + "/children";
     EXPECT_EQ(ReadFile(children), "");
 }
@@ -502,12 +502,12 @@ TEST_F(FaultDaemonTest, ACrashLeavesAllItsStateAndNoQueue)
     const pid_t crashed = daemon;
     EndDaemon(SIGSEGV);
     const std::string crash = WithoutTimes(ReadFile(CrashFile));
-    for (const char* part : {"<time>  000    RAISE\n", "IPCQServer Object Begin\n",
-                             "State: Waiting for escalation, abbrev: waiting_escalation\n",
-                             "FaultIdList: Quantity = 1; CurrIndex = 0\nalpha/00000007\n",
-                             "alpha/00000007: waiting_escalation, seen in the crash file (0 bytes attached)\n",
-                             "bytes attached)\n  port = 4\n",
-                             "Number of Active Processes = 1\n", "AssociateFaultId is alpha/00000007\n"})
+    for (const char* part :
+         {"<time>  000    RAISE\n", "IPCQServer Object Begin\n",
+          "State: Waiting for escalation, abbrev: waiting_escalation\n",
+          "FaultIdList: Quantity = 1; CurrIndex = 0\nalpha/00000007\n",
+          "alpha/00000007: waiting_escalation, seen in the crash file (0 bytes attached)\n",
+          "bytes attached)\n  port = 4\n", "Number of Active Processes = 1\n", "AssociateFaultId is alpha/00000007\n"})
         EXPECT_NE(crash.find(part), std::string::npos) << part;
     EXPECT_EQ(QueuesOnTheHost(), 0);
     EXPECT_FALSE(std::filesystem::exists(LockFileName)) << "held by " << crashed;

@@ -115,7 +115,8 @@ TEST_F(FaultdTest, LoadsTheErrorLinesOfALog)
     const std::string other = directory.File("log");
     WriteFile(other, "by default nothing\nfaultless\n\nNO PANIC here");
     EXPECT_EQ(WithoutTimes(Ctl({"load", "-"}, other).out), NodeName() + "/00000002\t<time>\tnew\t0\tfaultless\n" +
-                                                           NodeName() + "/00000004\t<time>\tnew\t0\tNO PANIC here\n");
+                                                               NodeName() +
+                                                               "/00000004\t<time>\tnew\t0\tNO PANIC here\n");
     EXPECT_RESULT(Ctl({"load", directory.File("missing")}), 1, "",
                   "faultctl: cannot read " + directory.File("missing") + "\n");
     EXPECT_RESULT(Ctl({"load", directory.Path()}), 1, "", "faultctl: cannot read " + directory.Path() + "\n");
@@ -177,7 +178,8 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
         EXPECT_RESULT(Ctl({"raise", "n", "1", "t", "--option", option}), 2, "",
                       "faultctl: --option takes NAME=VALUE, not " + std::string(option) + hint);
     const std::string badKey = "faultctl: NODE must be 1 to 79 visible characters without / and :, NUMBER from 0 to "
-                               "2147483647" + hint;
+                               "2147483647" +
+                               hint;
     for (const char* number : {"", "x", "1x", "-1", " 1", "2147483648", "99999999999999999999"})
         EXPECT_RESULT(Ctl({"clear", "n", number}), 2, "", badKey);
     for (const char* node : {"", "a/b", "a:b", "a b", "a\t"})
@@ -192,8 +194,13 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
     EXPECT_NE(help.out.find("Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no server.\n"),
               std::string::npos);
     EXPECT_EQ(RunProgram(FAULTD, {"--help"}).exitCode, 0);
-    const std::vector<std::string> wrong[] = {{"--debug"}, {"--debug", "x"}, {"--debug", "-1"}, {"--time-limit", "0"},
-                                              {"--other", "1"}, {"--log", ""}, {"--remote-access", "write"},
+    const std::vector<std::string> wrong[] = {{"--debug"},
+                                              {"--debug", "x"},
+                                              {"--debug", "-1"},
+                                              {"--time-limit", "0"},
+                                              {"--other", "1"},
+                                              {"--log", ""},
+                                              {"--remote-access", "write"},
                                               {"--foreground", "--log"}};
     for (const std::vector<std::string>& arguments : wrong) {
         const ChildResult daemon = RunProgram(FAULTD, arguments);
@@ -244,13 +251,12 @@ TEST_F(FaultdTest, RunsABatchOfCommands)
     EXPECT_TRUE(order("list\nraise alpha 9 t\nlist")); // the last line need not end
     close(in);
     EXPECT_EQ(WaitForExit(batch), 2) << "the code of the last one that failed";
-    EXPECT_EQ(WithoutTimes(ReadFile(answers)),
-              "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
-              "faultctl: CLEAR: Cannot find the data item, it does not exist. (56)\n"
-              "faultctl: unknown command rise; see faultctl --help\n"
-              "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
-              "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
-              "alpha/00000009\t<time>\tnew\t0\tt\n");
+    EXPECT_EQ(WithoutTimes(ReadFile(answers)), "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
+                                               "faultctl: CLEAR: Cannot find the data item, it does not exist. (56)\n"
+                                               "faultctl: unknown command rise; see faultctl --help\n"
+                                               "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
+                                               "alpha/00000007\t<time>\tnew\t0\ttwo  words and \"quotes\"\n"
+                                               "alpha/00000009\t<time>\tnew\t0\tt\n");
     EXPECT_RESULT(Ctl({"batch"}), 0, "", "");
 }
 
@@ -370,23 +376,23 @@ TEST_F(FaultdTest, RefusesBadPayloads)
     const std::string id = "7|5|alpha14|alpha/00000007";
     EXPECT_EQ(Status(Raise, id + "0|3|new4|text1|4|name5|value3|abc"), 0);
     const std::string bad[] = {
-        "",                                              // nothing
-        id,                                              // the end is missing
-        id + "0|3|new4|text0|",                          //
-        id + "0|3|new4|text0|4|abc",                     // an attachment of one byte less
-        id + "0|3|new4|text0|3|abcd",                    // of one byte more
-        id + "0|3|new4|text0|-1|",                       // of less than nothing
-        id + "0|3|new4|text0|2147483647|abc",            // of nearly everything
-        id + "0|3|new4|text0|99999999999999999999|abc",  // of more than that
-        id + "0|3|new60000|text0|3|abc",                 // a text that is not there
-        id + "0|3|new9|text0|3|abc",                     // a text that takes more than its own
-        id + "0|3|new4|text2|4|name5|value3|abc",        // an option that is not there
-        id + "0|3|new4|text1|4|name5|value|3|abc",       // another form
-        id + "0|3|new4|text1|0|5|value3|abc",            // an option without a name
-        id + "0|3|new4|text-1|3|abc",                    // less than no options
-        id + "0|3|new4|text101|" + std::string(101 * 4, 'x') + "3|abc", // too many
-        "5|alpha7|0|3|new4|text0|3|abc",                 // another form of a name
-        WireId("alpha", "-7", "alpha/-0000007") + "0|3|new4|text0|0|",          // a number below 0
+        "",                                                                      // nothing
+        id,                                                                      // the end is missing
+        id + "0|3|new4|text0|",                                                  //
+        id + "0|3|new4|text0|4|abc",                                             // an attachment of one byte less
+        id + "0|3|new4|text0|3|abcd",                                            // of one byte more
+        id + "0|3|new4|text0|-1|",                                               // of less than nothing
+        id + "0|3|new4|text0|2147483647|abc",                                    // of nearly everything
+        id + "0|3|new4|text0|99999999999999999999|abc",                          // of more than that
+        id + "0|3|new60000|text0|3|abc",                                         // a text that is not there
+        id + "0|3|new9|text0|3|abc",                                             // a text that takes more than its own
+        id + "0|3|new4|text2|4|name5|value3|abc",                                // an option that is not there
+        id + "0|3|new4|text1|4|name5|value|3|abc",                               // another form
+        id + "0|3|new4|text1|0|5|value3|abc",                                    // an option without a name
+        id + "0|3|new4|text-1|3|abc",                                            // less than no options
+        id + "0|3|new4|text101|" + std::string(101 * 4, 'x') + "3|abc",          // too many
+        "5|alpha7|0|3|new4|text0|3|abc",                                         // another form of a name
+        WireId("alpha", "-7", "alpha/-0000007") + "0|3|new4|text0|0|",           // a number below 0
         WireId("alpha", "2147483648", "alpha/2147483648") + "0|3|new4|text0|0|", // too large a number
         WireId("alpha", "7", "alpha/7") + "0|3|new4|text0|0|",                   // a text that is not the name's
         WireId("alpha", "7", "beta/00000007") + "0|3|new4|text0|0|",             //

@@ -103,12 +103,12 @@ protected:
     pid_t server = 0;
 };
 
-#define EXPECT_RESULT(result, code, stdout_text, stderr_text) \
-    do {                                                      \
-        const ChildResult ran = (result);                     \
-        EXPECT_EQ(ran.exitCode, code);                        \
-        EXPECT_EQ(ran.out, stdout_text);                      \
-        EXPECT_EQ(ran.err, stderr_text);                      \
+#define EXPECT_RESULT(result, code, stdout_text, stderr_text)                                                          \
+    do {                                                                                                               \
+        const ChildResult ran = (result);                                                                              \
+        EXPECT_EQ(ran.exitCode, code);                                                                                 \
+        EXPECT_EQ(ran.out, stdout_text);                                                                               \
+        EXPECT_EQ(ran.err, stderr_text);                                                                               \
     } while (0)
 
 } // namespace faultd_testing

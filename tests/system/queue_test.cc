@@ -245,16 +245,52 @@ TEST_F(QueueSystem, NonsenseIsDroppedAndTheServerGoesOn)
         {"no header", 0, [](RawRecord&) {}},
         {"half a header", 299, [](RawRecord&) {}},
         {"negative block length", 300, [](RawRecord& r) { r.Put32(300, -1); }},
-        {"block longer than the record", 2000, [](RawRecord& r) { r.Put32(280, 5000); r.Put32(300, 1701); }},
-        {"block longer than what came", 310, [](RawRecord& r) { r.Put32(280, 100); r.Put32(300, 100); }},
-        {"block longer than the event", 310, [](RawRecord& r) { r.Put32(280, 5); r.Put32(300, 10); }},
+        {"block longer than the record", 2000,
+         [](RawRecord& r) {
+             r.Put32(280, 5000);
+             r.Put32(300, 1701);
+         }},
+        {"block longer than what came", 310,
+         [](RawRecord& r) {
+             r.Put32(280, 100);
+             r.Put32(300, 100);
+         }},
+        {"block longer than the event", 310,
+         [](RawRecord& r) {
+             r.Put32(280, 5);
+             r.Put32(300, 10);
+         }},
         {"negative total", 300, [](RawRecord& r) { r.Put32(280, -5); }},
-        {"negative offset", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(288, -10); r.Put32(300, 10); }},
-        {"offset beyond the event", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(288, 5); r.Put32(300, 10); }},
-        {"offset that wraps", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(288, 0x7FFFFFFF); r.Put32(300, 10); }},
-        {"negative count", 310, [](RawRecord& r) { r.Put32(280, 10); r.Put32(300, 10); r.Put16(284, -1); }},
+        {"negative offset", 310,
+         [](RawRecord& r) {
+             r.Put32(280, 10);
+             r.Put32(288, -10);
+             r.Put32(300, 10);
+         }},
+        {"offset beyond the event", 310,
+         [](RawRecord& r) {
+             r.Put32(280, 10);
+             r.Put32(288, 5);
+             r.Put32(300, 10);
+         }},
+        {"offset that wraps", 310,
+         [](RawRecord& r) {
+             r.Put32(280, 10);
+             r.Put32(288, 0x7FFFFFFF);
+             r.Put32(300, 10);
+         }},
+        {"negative count", 310,
+         [](RawRecord& r) {
+             r.Put32(280, 10);
+             r.Put32(300, 10);
+             r.Put16(284, -1);
+         }},
         {"a total larger than memory", 2000,
-         [](RawRecord& r) { r.Put32(280, 0x7FFFFFFF); r.Put32(300, 1700); r.Put16(284, 32767); }},
+         [](RawRecord& r) {
+             r.Put32(280, 0x7FFFFFFF);
+             r.Put32(300, 1700);
+             r.Put16(284, 32767);
+         }},
         {"a program name without end", 300, [](RawRecord& r) { std::memset(r.text + 112 - 4, 'x', 80); }},
         {"a node name without end", 300, [](RawRecord& r) { std::memset(r.text + 192 - 4, 'x', 80); }},
         {"a version without end", 300, [](RawRecord& r) { std::memset(r.text, 'x', 20); }},

@@ -58,10 +58,7 @@ public:
     RawConnection(const RawConnection&) = delete;
     RawConnection& operator=(const RawConnection&) = delete;
 
-    bool Send(const void* bytes, size_t n)
-    {
-        return ::send(fd, bytes, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n);
-    }
+    bool Send(const void* bytes, size_t n) { return ::send(fd, bytes, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n); }
     bool Send(const TliMsgStruct& record) { return Send(&record, sizeof record); }
     /// Receives a record; false when the connection has ended.
     bool Receive(TliMsgStruct& record)
@@ -392,9 +389,7 @@ TEST_F(RelaydTest, AServerThatDiesBeforeItAnswersIs65)
             CHILD_CHECK(!client->Connected());
             CHILD_CHECK(client->send_event(Echo, nullptr, 0) == 66);
         }));
-    EXPECT_TRUE(WaitUntil([&] {
-        return access(ready[0].c_str(), F_OK) == 0 && access(ready[1].c_str(), F_OK) == 0;
-    }));
+    EXPECT_TRUE(WaitUntil([&] { return access(ready[0].c_str(), F_OK) == 0 && access(ready[1].c_str(), F_OK) == 0; }));
     usleep(200000); // for their events to arrive
     EndServer(SIGKILL);
     for (pid_t client : clients)
@@ -651,8 +646,8 @@ TEST_F(RelaydTest, APulledCableOnlyDelays)
     const std::string pid = std::to_string(client);
     const std::string cable = "ip link add cable type veth peer name cable netns " + pid +
                               " && ip address add 192.0.2.1/24 dev cable && ip link set cable up"
-                              " && nsenter --net --target " + pid +
-                              " sh -c 'ip address add 192.0.2.2/24 dev cable && ip link set cable up'";
+                              " && nsenter --net --target " +
+                              pid + " sh -c 'ip address add 192.0.2.2/24 dev cable && ip link set cable up'";
     ASSERT_EQ(system(cable.c_str()), 0);
     reach("cabled");
     ASSERT_TRUE(await("connected"));

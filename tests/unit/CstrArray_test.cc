@@ -53,8 +53,11 @@ TEST(CStringSafeArray, PrintsUnderItsElementName)
                         "********** Capacity =32\n"
                         "********** Quantity =2\n"
                         "********** This SafeArray is purgable.\n"
-                        "****SafeArray(CString)[0] address = " + Address(a[0]) + "\n"
-                        "****SafeArray(CString)[1] address = " + Address(a[1]) + "\n");
+                        "****SafeArray(CString)[0] address = " +
+                            Address(a[0]) +
+                            "\n"
+                            "****SafeArray(CString)[1] address = " +
+                            Address(a[1]) + "\n");
     a.SetPurgeMode(1);
     std::ostringstream referring;
     a.print(referring);
@@ -62,8 +65,11 @@ TEST(CStringSafeArray, PrintsUnderItsElementName)
                                "********** Capacity =32\n"
                                "********** Quantity =2\n"
                                "********** This SafeArray is NOT purgable.\n"
-                               "****SafeArray(CString)[0] address = " + Address(a[0]) + "\n"
-                               "****SafeArray(CString)[1] address = " + Address(a[1]) + "\n");
+                               "****SafeArray(CString)[0] address = " +
+                                   Address(a[0]) +
+                                   "\n"
+                                   "****SafeArray(CString)[1] address = " +
+                                   Address(a[1]) + "\n");
     a.SetPurgeMode(0);
 }
 

@@ -65,16 +65,15 @@ TEST(ErrorBeforeInitialize, ReportsWithAnEmptyProgramName)
         reporter._ReportError(ErrorReporter::PANIC, 20, "early", Module, 3);
     });
     EXPECT_EQ(child.signal, SIGABRT);
-    EXPECT_EQ(child.err, Displayed(StampOf(child.err), 1, "", "PANIC", "OTHER", "Application Error.", Module, 3,
-                                   "early") +
-                             "********************************************\n"
-                             "Fatal Error detected...Exiting  program\n"
-                             "********************************************\n");
-    EXPECT_EQ(sink.Records(),
-              std::vector<std::string>{std::string(program_invocation_short_name) +
-                                       ": 410200003|Appl|1|S|F|1|0|0|0|0|0|probe.C|0|0|0|1# : v(P) [" +
-                                       ProgInfo::GetNodeNameLongVersion() + "]|errno=0, " + DescriptionOf(0) +
-                                       "|OTHER|early"});
+    EXPECT_EQ(child.err,
+              Displayed(StampOf(child.err), 1, "", "PANIC", "OTHER", "Application Error.", Module, 3, "early") +
+                  "********************************************\n"
+                  "Fatal Error detected...Exiting  program\n"
+                  "********************************************\n");
+    EXPECT_EQ(sink.Records(), std::vector<std::string>{std::string(program_invocation_short_name) +
+                                                       ": 410200003|Appl|1|S|F|1|0|0|0|0|0|probe.C|0|0|0|1# : v(P) [" +
+                                                       ProgInfo::GetNodeNameLongVersion() + "]|errno=0, " +
+                                                       DescriptionOf(0) + "|OTHER|early"});
 }
 
 // A display before any report shows an empty one.
@@ -203,92 +202,91 @@ TEST(ErrorTypes, NumbersAreFixed)
 TEST(ErrorTypes, DumpListsEveryCode)
 {
     const std::string text = Dump();
-    EXPECT_EQ(text,
-        "\nDump of all error codes and general messages from ErrorReporter:\n"
-        "  10\tMemory allocation failed.\n"
-        "  11\tFailed to open a file.\n"
-        "  12\tThis error code is reserved\n"
-        "  13\tSystem call link() failed.\n"
-        "  14\tSystem call unlink() failed.\n"
-        "  15\tFailed to read from a file.\n"
-        "  16\tFailed to write to a file.\n"
-        "  17\tFault to open a pipe.\n"
-        "  18\tThis error code is reserved\n"
-        "  19\tError occurred while reading from pipe.\n"
-        "  20\tOTHER\n"
-        "  21\tError occurred while processing thresholds.\n"
-        "  22\tInvalid data was encountered.\n"
-        "  23\tThis error code is reserved\n"
-        "  24\tThis error code is reserved\n"
-        "  25\tThis error code is reserved\n"
-        "  26\tAn invalid transition was encountered.\n"
-        "  27\tAn invalid state was encountered.\n"
-        "  28\tAn invalid fault ID was encountered.\n"
-        "  29\tAn invalid recommendation ID was encountered.\n"
-        "  30\tThis error code is reserved\n"
-        "  31\tThe requested SSS is not in the knowledge library.\n"
-        "  32\tThe SSSIndex file does not exist or cannot be opened.\n"
-        "  33\tThis error code is reserved\n"
-        "  34\tThe SSSBase file does not exist or cannot be opened.\n"
-        "  35\tVersion number is not greater than installed version.\n"
-        "  36\tA new SSSIndex file could not be created.\n"
-        "  37\tA new SSSBase file could not be created.\n"
-        "  38\tThe requested data was not found in the SSS.\n"
-        "  39\tThis error code is reserved\n"
-        "  40\tThis error code is reserved\n"
-        "  41\tThis error code is reserved\n"
-        "  42\tThis error code is reserved\n"
-        "  43\tThis error code is reserved\n"
-        "  44\tPermission denied.\n"
-        "  45\tAn undefined option was read - used default value.\n"
-        "  46\tThis error code is reserved\n"
-        "  47\tAn unsupported feature was encountered.\n"
-        "  48\tBad ipc response event received.\n"
-        "  49\tRecommendation record list already exists.\n"
-        "  50\tServer is busy and has queued the termination request.\n"
-        "  51\tAn invalid SFR command was encountered - ignored.\n"
-        "  52\tRecommendation template variable has no value.\n"
-        "  53\tInsufficient number of arguments to a CLIPS user function.\n"
-        "  54\tSystem call fork() failed\n"
-        "  55\tSystem call exec() failed\n"
-        "  56\tCannot find the data item, it does not exist.\n"
-        "  57\tCannote create a directory: system call mkdirp failed.\n"
-        "  58\tThis feature does not work properly\n"
-        "  59\tErrors occurred when running CLIPS\n"
-        "  60\tAn ipc message queue error occurred\n"
-        "  61\tThe ipc queue max size is too small (MSGMNB).\n"
-        "  62\tA tcp error occurred\n"
-        "  63\tInvalid SFR file\n"
-        "  64\tInvalid SSS file\n"
-        "  65\tserver process no longer exists.\n"
-        "  66\tconnection to server has been lost.\n"
-        "  67\tprocess to send message to no longer exists.\n"
-        "  68\tprocess to receive message from no longer exists.\n"
-        "  69\ttime out waiting for response.\n"
-        "  70\ttime out sending message.\n"
-        "  71\tDetected too many faults - new faults are ignored.\n"
-        "  72\tThe SFR file for an active fault has been deleted - fault disposed.\n"
-        "  73\tThis fault currently has no outstanding recommendations.\n"
-        "  74\tFault database created by a different server version.\n"
-        "  75\tChild process run time exceeded max time to run.\n"
-        "  76\tFile System Full.\n"
-        "  77\tInvalid IPC event parameter received.\n"
-        "  78\tFailed to contact Kelvaro via modem.\n"
-        "  79\tAttempt to propagate client package failed.\n"
-        "  80\tAttempt to memory load awk pattern failed.\n"
-        "  81\trequest for service was rejected.\n"
-        "  82\tCustomer information is needed to contact Kelvaro\n"
-        "  83\tState action unable to be executed\n"
-        "  84\tFailed to contact Kelvaro via network.\n"
-        "  85\tFailed to lock necessary files.\n"
-        "  86\tReceived a package from Remote Support\n"
-        "  87\tMove of KBASE file from install directory failed\n"
-        "  88\tReceived a file from Remote Support\n"
-        "  89\tAlready communicating with Brantel Remote Support.\n"
-        "  90\tMonitoring reenabled.\n"
-        "  91\tMonitoring off.\n"
-        "  92\tReceiving fault message from an invalid node\n"
-        "End of ErrorReporter dump.\n");
+    EXPECT_EQ(text, "\nDump of all error codes and general messages from ErrorReporter:\n"
+                    "  10\tMemory allocation failed.\n"
+                    "  11\tFailed to open a file.\n"
+                    "  12\tThis error code is reserved\n"
+                    "  13\tSystem call link() failed.\n"
+                    "  14\tSystem call unlink() failed.\n"
+                    "  15\tFailed to read from a file.\n"
+                    "  16\tFailed to write to a file.\n"
+                    "  17\tFault to open a pipe.\n"
+                    "  18\tThis error code is reserved\n"
+                    "  19\tError occurred while reading from pipe.\n"
+                    "  20\tOTHER\n"
+                    "  21\tError occurred while processing thresholds.\n"
+                    "  22\tInvalid data was encountered.\n"
+                    "  23\tThis error code is reserved\n"
+                    "  24\tThis error code is reserved\n"
+                    "  25\tThis error code is reserved\n"
+                    "  26\tAn invalid transition was encountered.\n"
+                    "  27\tAn invalid state was encountered.\n"
+                    "  28\tAn invalid fault ID was encountered.\n"
+                    "  29\tAn invalid recommendation ID was encountered.\n"
+                    "  30\tThis error code is reserved\n"
+                    "  31\tThe requested SSS is not in the knowledge library.\n"
+                    "  32\tThe SSSIndex file does not exist or cannot be opened.\n"
+                    "  33\tThis error code is reserved\n"
+                    "  34\tThe SSSBase file does not exist or cannot be opened.\n"
+                    "  35\tVersion number is not greater than installed version.\n"
+                    "  36\tA new SSSIndex file could not be created.\n"
+                    "  37\tA new SSSBase file could not be created.\n"
+                    "  38\tThe requested data was not found in the SSS.\n"
+                    "  39\tThis error code is reserved\n"
+                    "  40\tThis error code is reserved\n"
+                    "  41\tThis error code is reserved\n"
+                    "  42\tThis error code is reserved\n"
+                    "  43\tThis error code is reserved\n"
+                    "  44\tPermission denied.\n"
+                    "  45\tAn undefined option was read - used default value.\n"
+                    "  46\tThis error code is reserved\n"
+                    "  47\tAn unsupported feature was encountered.\n"
+                    "  48\tBad ipc response event received.\n"
+                    "  49\tRecommendation record list already exists.\n"
+                    "  50\tServer is busy and has queued the termination request.\n"
+                    "  51\tAn invalid SFR command was encountered - ignored.\n"
+                    "  52\tRecommendation template variable has no value.\n"
+                    "  53\tInsufficient number of arguments to a CLIPS user function.\n"
+                    "  54\tSystem call fork() failed\n"
+                    "  55\tSystem call exec() failed\n"
+                    "  56\tCannot find the data item, it does not exist.\n"
+                    "  57\tCannote create a directory: system call mkdirp failed.\n"
+                    "  58\tThis feature does not work properly\n"
+                    "  59\tErrors occurred when running CLIPS\n"
+                    "  60\tAn ipc message queue error occurred\n"
+                    "  61\tThe ipc queue max size is too small (MSGMNB).\n"
+                    "  62\tA tcp error occurred\n"
+                    "  63\tInvalid SFR file\n"
+                    "  64\tInvalid SSS file\n"
+                    "  65\tserver process no longer exists.\n"
+                    "  66\tconnection to server has been lost.\n"
+                    "  67\tprocess to send message to no longer exists.\n"
+                    "  68\tprocess to receive message from no longer exists.\n"
+                    "  69\ttime out waiting for response.\n"
+                    "  70\ttime out sending message.\n"
+                    "  71\tDetected too many faults - new faults are ignored.\n"
+                    "  72\tThe SFR file for an active fault has been deleted - fault disposed.\n"
+                    "  73\tThis fault currently has no outstanding recommendations.\n"
+                    "  74\tFault database created by a different server version.\n"
+                    "  75\tChild process run time exceeded max time to run.\n"
+                    "  76\tFile System Full.\n"
+                    "  77\tInvalid IPC event parameter received.\n"
+                    "  78\tFailed to contact Kelvaro via modem.\n"
+                    "  79\tAttempt to propagate client package failed.\n"
+                    "  80\tAttempt to memory load awk pattern failed.\n"
+                    "  81\trequest for service was rejected.\n"
+                    "  82\tCustomer information is needed to contact Kelvaro\n"
+                    "  83\tState action unable to be executed\n"
+                    "  84\tFailed to contact Kelvaro via network.\n"
+                    "  85\tFailed to lock necessary files.\n"
+                    "  86\tReceived a package from Remote Support\n"
+                    "  87\tMove of KBASE file from install directory failed\n"
+                    "  88\tReceived a file from Remote Support\n"
+                    "  89\tAlready communicating with Brantel Remote Support.\n"
+                    "  90\tMonitoring reenabled.\n"
+                    "  91\tMonitoring off.\n"
+                    "  92\tReceiving fault message from an invalid node\n"
+                    "End of ErrorReporter dump.\n");
     EXPECT_EQ(std::count(text.begin(), text.end(), '\t'), 83);
 }
 
@@ -389,8 +387,8 @@ TEST_F(Error, AnUnknownSeverityIsDisplayedAndCountedOnly)
         errno = 0;
         reporter._ReportError(5, 93, "odd", Module, -4);
     });
-    EXPECT_EQ(text, Displayed(StampOf(text), count + 1, Program, "UNRECOGNIZED", "NOT_SPECIFIED",
-                              "Application Error.", Module, -4, "odd"));
+    EXPECT_EQ(text, Displayed(StampOf(text), count + 1, Program, "UNRECOGNIZED", "NOT_SPECIFIED", "Application Error.",
+                              Module, -4, "odd"));
     EXPECT_EQ(ErrorReporter::GetErrorCount(), count + 1);
     EXPECT_TRUE(sink.Records().empty());
 }
@@ -429,12 +427,11 @@ TEST_F(Error, LogsTheRecordWhole)
     });
     const std::vector<std::string> records = sink.Records();
     ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(records[0], Record("410270123", 'W', "probe.C", "errno=13, " + DescriptionOf(EACCES) +
-                                                                  "|An invalid state was encountered.|what"));
-    EXPECT_EQ(records[1], Record("410880009", 'I', "probe.C", "errno=0, " + DescriptionOf(0) +
-                                                                  "|Received a file from Remote Support|file|more"));
-    EXPECT_EQ(records[2],
-              Record("410000009", 'I', "probe.C", "errno=0, " + DescriptionOf(0) + "|NOT_SPECIFIED|file"));
+    EXPECT_EQ(records[0], Record("410270123", 'W', "probe.C",
+                                 "errno=13, " + DescriptionOf(EACCES) + "|An invalid state was encountered.|what"));
+    EXPECT_EQ(records[1], Record("410880009", 'I', "probe.C",
+                                 "errno=0, " + DescriptionOf(0) + "|Received a file from Remote Support|file|more"));
+    EXPECT_EQ(records[2], Record("410000009", 'I', "probe.C", "errno=0, " + DescriptionOf(0) + "|NOT_SPECIFIED|file"));
 }
 
 TEST_F(Error, RecordsGoToTheUserFacilityAsInfo)
@@ -550,8 +547,8 @@ TEST_F(Error, PercentMInAReportIsTheErrorReported)
         reporter._ReportErrorExt(ErrorReporter::WARNING_WITH_LOG, 20, "d %m", Module, 1, "a %m");
     });
     const std::string m = DescriptionOf(EMFILE);
-    EXPECT_EQ(sink.Records(), std::vector<std::string>{Record("410200001", 'W', "probe.C",
-                                                              "errno=24, " + m + "|OTHER|d " + m + "|a " + m)});
+    EXPECT_EQ(sink.Records(), std::vector<std::string>{
+                                  Record("410200001", 'W', "probe.C", "errno=24, " + m + "|OTHER|d " + m + "|a " + m)});
 }
 
 TEST_F(Error, PercentSignsOfTheProgramAreData)
@@ -561,10 +558,10 @@ TEST_F(Error, PercentSignsOfTheProgramAreData)
     ProgInfo::Initialize(1, argv, nullptr, "%d");
     SyslogSink sink;
     reporter.MakeErrorLogEntry(1, 20, "t", "m", 1);
-    EXPECT_EQ(sink.Records(), std::vector<std::string>{
-                                  std::string("%s%n: 410200001|Appl|1|S|I|1|0|0|0|0|0|Unknown|0|0|0|1#/tmp/%s%n "
-                                              "/tmp/%s%n: v%d(P) [") +
-                                  ProgInfo::GetNodeNameLongVersion() + "]|t"});
+    EXPECT_EQ(sink.Records(),
+              std::vector<std::string>{std::string("%s%n: 410200001|Appl|1|S|I|1|0|0|0|0|0|Unknown|0|0|0|1#/tmp/%s%n "
+                                                   "/tmp/%s%n: v%d(P) [") +
+                                       ProgInfo::GetNodeNameLongVersion() + "]|t"});
 }
 
 TEST_F(Error, PanicLogsPrintsTheBannerAndAborts)
@@ -582,9 +579,9 @@ TEST_F(Error, PanicLogsPrintsTheBannerAndAborts)
                              "********************************************\n"
                              "Fatal Error detected...Exiting /opt/orv/bin/orvd program\n"
                              "********************************************\n");
-    EXPECT_EQ(sink.Records(), std::vector<std::string>{Record("410100055", 'F', "probe.C",
-                                                              "errno=12, " + DescriptionOf(ENOMEM) +
-                                                                  "|Memory allocation failed.|no more")});
+    EXPECT_EQ(sink.Records(), std::vector<std::string>{
+                                  Record("410100055", 'F', "probe.C",
+                                         "errno=12, " + DescriptionOf(ENOMEM) + "|Memory allocation failed.|no more")});
 }
 
 TEST_F(Error, PanicWithoutDisplayStillPrintsTheBanner)
@@ -721,8 +718,8 @@ TEST_F(Error, NullTextsCountAsEmpty)
     });
     EXPECT_EQ(text, Displayed(StampOf(text), ErrorReporter::GetErrorCount(), Program, "NOTICE_WITH_LOG", "OTHER",
                               "Application Error.", "", 1, ""));
-    EXPECT_EQ(sink.Records(), std::vector<std::string>{Record("410200001", 'I', "Unknown",
-                                                              "errno=0, " + DescriptionOf(0) + "|OTHER|")});
+    EXPECT_EQ(sink.Records(), std::vector<std::string>{
+                                  Record("410200001", 'I', "Unknown", "errno=0, " + DescriptionOf(0) + "|OTHER|")});
 }
 
 } // namespace

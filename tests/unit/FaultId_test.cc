@@ -34,7 +34,10 @@ void* operator new(std::size_t n, const std::nothrow_t&) noexcept
 
 namespace {
 
-std::string Text(const CString& s) { return static_cast<const char*>(s); }
+std::string Text(const CString& s)
+{
+    return static_cast<const char*>(s);
+}
 
 template <std::size_t N>
 std::string Bytes(const char (&literal)[N])
@@ -80,8 +83,8 @@ std::string Dump(const FaultIdList& list)
 // The dump of a list with these texts.
 std::string ListDump(const std::vector<std::string>& texts, int cursor = 0)
 {
-    std::string dump = "FaultIdList: Quantity = " + std::to_string(texts.size()) +
-                       "; CurrIndex = " + std::to_string(cursor) + "\n";
+    std::string dump =
+        "FaultIdList: Quantity = " + std::to_string(texts.size()) + "; CurrIndex = " + std::to_string(cursor) + "\n";
     for (const std::string& text : texts)
         dump += text + "\n";
     return dump;
@@ -618,9 +621,10 @@ TEST(FaultIdList, LoadAndSaveWithoutAFileNameDoNothing)
         Fill(list, 2);
         const int count = ErrorReporter::GetErrorCount();
         EXPECT_EQ(CaptureStderr([&] {
-            list.Save();
-            list.Load();
-        }), "");
+                      list.Save();
+                      list.Load();
+                  }),
+                  "");
         EXPECT_EQ(ErrorReporter::GetErrorCount(), count);
         EXPECT_EQ(list.MyQuantity(), 2);
     }
@@ -696,7 +700,8 @@ TEST(FaultIdList, ATruncatedFileGivesWhatItHoldsAndAReport)
         {BE16(32767) + one, {"beta/00000007"}, ""},
         {BE16(2) + one + BE16(0), {"beta/00000007"}, ""},
         {BE16(2) + one + two.substr(0, two.size() - 8), {"beta/00000007"}, shortRead},
-        {BE16(2) + one + BE32(8) + "\xFF", {"beta/00000007"},
+        {BE16(2) + one + BE32(8) + "\xFF",
+         {"beta/00000007"},
          "Error: short read in Cstring scanFrom. \nread: 0 expected: 65280\n"},
     };
     for (const auto& c : cases) {
@@ -728,8 +733,7 @@ TEST(FaultIdList, ADirectoryCannotBeReadOrWritten)
 {
     TemporaryDirectory directory;
     FaultIdList list(directory.Path().c_str());
-    EXPECT_EQ(Report([&] { list.Load(); }),
-              ExpectedReport(ErrorReporter::READING_FROM_FILE, EISDIR, directory.Path()));
+    EXPECT_EQ(Report([&] { list.Load(); }), ExpectedReport(ErrorReporter::READING_FROM_FILE, EISDIR, directory.Path()));
     EXPECT_EQ(Report([&] { list.Save(); }), ExpectedReport(ErrorReporter::OPENING_FILE, EISDIR, directory.Path()));
 }
 

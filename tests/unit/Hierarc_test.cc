@@ -31,7 +31,10 @@ const char* SafeArray<HierarchicNum>::ElementName()
 
 namespace {
 
-std::string Text(const HierarchicNum& h) { return static_cast<const char*>(h); }
+std::string Text(const HierarchicNum& h)
+{
+    return static_cast<const char*>(h);
+}
 
 std::vector<unsigned long> Levels(HierarchicNum h)
 {
@@ -79,14 +82,35 @@ TEST(HierarchicNum, ParsesAText)
 
 TEST(HierarchicNum, BadTextsKeepTheLevelsBeforeTheFault)
 {
-    struct { const char* text; int valid; const char* kept; } const cases[] = {
-        {nullptr, 0, ""},         {"", 0, ""},         {".", 0, ""},          {".1", 0, ""},
-        {"1.", 0, "1"},           {"1.2.", 0, "1.2"},  {"1..2", 0, "1"},      {"12a", 0, ""},
-        {"1.12a", 0, "1"},        {"1.a", 0, "1"},     {" 1", 0, ""},         {"1 ", 0, ""},
-        {"1.2 .3", 0, "1"},       {"-1", 0, ""},       {"+1", 0, ""},         {"1,2", 0, ""},
-        {"a", 0, ""},             {"1.2.3\n", 0, "1.2"}, {"\xb2", 0, ""},     {"1.\xff", 0, "1"},
-        {"0", 1, "0"},            {"007.10", 1, "7.10"}, {"0.0", 1, "0.0"},   {"000", 1, "0"},
-        {"4294967295", 1, "4294967295"}};
+    struct {
+        const char* text;
+        int valid;
+        const char* kept;
+    } const cases[] = {{nullptr, 0, ""},
+                       {"", 0, ""},
+                       {".", 0, ""},
+                       {".1", 0, ""},
+                       {"1.", 0, "1"},
+                       {"1.2.", 0, "1.2"},
+                       {"1..2", 0, "1"},
+                       {"12a", 0, ""},
+                       {"1.12a", 0, "1"},
+                       {"1.a", 0, "1"},
+                       {" 1", 0, ""},
+                       {"1 ", 0, ""},
+                       {"1.2 .3", 0, "1"},
+                       {"-1", 0, ""},
+                       {"+1", 0, ""},
+                       {"1,2", 0, ""},
+                       {"a", 0, ""},
+                       {"1.2.3\n", 0, "1.2"},
+                       {"\xb2", 0, ""},
+                       {"1.\xff", 0, "1"},
+                       {"0", 1, "0"},
+                       {"007.10", 1, "7.10"},
+                       {"0.0", 1, "0.0"},
+                       {"000", 1, "0"},
+                       {"4294967295", 1, "4294967295"}};
     for (const auto& c : cases) {
         HierarchicNum h(c.text);
         EXPECT_EQ(h.is_valid(), c.valid) << (c.text ? c.text : "null");
@@ -335,12 +359,15 @@ TEST(HierarchicNum, SamePrefixComparesTheFirstLevels)
 
 TEST(HierarchicNum, RelationTellsTheFamily)
 {
-    struct { const char* a; const char* b; int relation; } const cases[] = {
-        {"1.2.3", "1.2", 3},     {"1.2.3.4", "1.2", 1},   {"1.2.3.4.5", "1.2", 1}, {"1.2", "1.2.3", 24},
-        {"1", "1.2.3", 16},      {"1", "1.2.3.4", 16},    {"1.2", "1.2", 4},       {"1.3", "1.2.5", 0},
-        {"1.2.5", "1.3", 0},     {"1.2", "1.3", 0},       {"2", "1", 0},           {"", "", 0},
-        {"", "1", 0},            {"1", "", 0},            {"1.2", "", 0},          {"2.2", "1.2", 0},
-        {"007.1", "7", 3}};
+    struct {
+        const char* a;
+        const char* b;
+        int relation;
+    } const cases[] = {{"1.2.3", "1.2", 3}, {"1.2.3.4", "1.2", 1}, {"1.2.3.4.5", "1.2", 1}, {"1.2", "1.2.3", 24},
+                       {"1", "1.2.3", 16},  {"1", "1.2.3.4", 16},  {"1.2", "1.2", 4},       {"1.3", "1.2.5", 0},
+                       {"1.2.5", "1.3", 0}, {"1.2", "1.3", 0},     {"2", "1", 0},           {"", "", 0},
+                       {"", "1", 0},        {"1", "", 0},          {"1.2", "", 0},          {"2.2", "1.2", 0},
+                       {"007.1", "7", 3}};
     for (const auto& c : cases)
         EXPECT_EQ(HierarchicNum(c.a).relation(c.b), c.relation) << c.a << " to " << c.b;
 }
@@ -352,7 +379,9 @@ TEST(HierarchicNum, TravelsAsItsText)
         ZELostream out(buffer);
         out << HierarchicNum("007.10") << HierarchicNum() << HierarchicNum("1.2.");
     }
-    const std::string expected = "4|7.10" "0|" "3|1.2";
+    const std::string expected = "4|7.10"
+                                 "0|"
+                                 "3|1.2";
     ASSERT_EQ(buffer.Size(), expected.size());
     EXPECT_EQ(std::string(buffer.GetCString(), expected.size()), expected);
 

@@ -218,8 +218,11 @@ TEST(OptionSafeArray, PrintsUnderItsElementName)
                         "********** Capacity =3\n"
                         "********** Quantity =2\n"
                         "********** This SafeArray is purgable.\n"
-                        "****SafeArray(Option)[0] address = " + Address(a[0]) + "\n"
-                        "****SafeArray(Option)[1] address = " + Address(a[1]) + "\n");
+                        "****SafeArray(Option)[0] address = " +
+                            Address(a[0]) +
+                            "\n"
+                            "****SafeArray(Option)[1] address = " +
+                            Address(a[1]) + "\n");
 }
 
 TEST(OptionSafeArray, PrintsWhenEmptyAndReferring)

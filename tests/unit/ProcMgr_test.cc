@@ -138,10 +138,10 @@ void ExpectDone(const ChildResult& child)
 }
 
 // For the conditions of a child: what is wrong stands on its standard error.
-#define CHECK_THAT(condition)                                              \
-    do {                                                                   \
-        if (!(condition))                                                  \
-            std::cerr << "line " << __LINE__ << ": " #condition << std::endl; \
+#define CHECK_THAT(condition)                                                                                          \
+    do {                                                                                                               \
+        if (!(condition))                                                                                              \
+            std::cerr << "line " << __LINE__ << ": " #condition << std::endl;                                          \
     } while (false)
 
 std::string KillReport(const std::string& fault)
@@ -541,8 +541,8 @@ TEST(ProcMgr, ACommandThatCannotBeStartedIsDroppedAfterFiveAttempts)
     });
     if (child.out == "refused")
         GTEST_SKIP() << "no way to make fork fail here";
-    const std::string forkFailed = WarningReport("unixproc", "System call fork() failed", ENOMEM,
-                                                 "fork failed attempting: /sbin/sh -c echo 1");
+    const std::string forkFailed =
+        WarningReport("unixproc", "System call fork() failed", ENOMEM, "fork failed attempting: /sbin/sh -c echo 1");
     std::string reports;
     for (int attempt = 0; attempt < 5; attempt++)
         reports += forkFailed;
@@ -627,9 +627,9 @@ TEST(ProcMgr, TellsWhatItDoesAccordingToTheDebugLevel)
         });
         const std::string coming = level >= 4 ? "The Coming FaultId is alpha/00000042\n" : "";
         EXPECT_EQ(child.out, "ProcMgr::Active Processes = 0\n" + coming + "ProcMgr::Pending Processes = 1\n" +
-                             "ProcMgr::Active Processes = 1\n" + coming + "ProcMgr::Pending Processes = 1\n" +
-                             "ProcMgr::Active Processes = 1\nProcMgr::Pending Processes = 2\n"
-                             "ProcMgr::Active Processes = 1\nProcMgr::Pending Processes = 2\n");
+                                 "ProcMgr::Active Processes = 1\n" + coming + "ProcMgr::Pending Processes = 1\n" +
+                                 "ProcMgr::Active Processes = 1\nProcMgr::Pending Processes = 2\n"
+                                 "ProcMgr::Active Processes = 1\nProcMgr::Pending Processes = 2\n");
         EXPECT_EQ(child.err, "");
     }
 }

@@ -69,7 +69,10 @@ struct Pointers : SafeArrayBase {
 };
 
 char bytes[2 * Ceiling];
-void* P(unsigned i) { return bytes + i; }
+void* P(unsigned i)
+{
+    return bytes + i;
+}
 
 std::vector<void*> Contents(const SafeArrayBase& a)
 {
@@ -289,13 +292,11 @@ TEST(SafeArray, InsertPtrPutsTheElementBehindAnother)
 TEST(SafeArray, InsertPtrSaysThatThePlaceIsUnknown)
 {
     Pointers a;
-    EXPECT_EQ(CaptureStderr([&] { a.InsertPtr(P(5), P(9)); }),
-              "Error: invalid index to SafeArrayBase::InsertPtr()\n");
+    EXPECT_EQ(CaptureStderr([&] { a.InsertPtr(P(5), P(9)); }), "Error: invalid index to SafeArrayBase::InsertPtr()\n");
     EXPECT_EQ(a.Quantity(), 0u);
     EXPECT_EQ(a.Capacity(), 0u);
     Fill(a, 2);
-    EXPECT_EQ(CaptureStderr([&] { a.InsertPtr(P(5), P(9)); }),
-              "Error: invalid index to SafeArrayBase::InsertPtr()\n");
+    EXPECT_EQ(CaptureStderr([&] { a.InsertPtr(P(5), P(9)); }), "Error: invalid index to SafeArrayBase::InsertPtr()\n");
     EXPECT_EQ(Contents(a), (std::vector<void*>{P(0), P(1)}));
     ExpectAssertion("NewItem != NULL", Unit, [&] { a.InsertPtr(P(0), nullptr); });
     ExpectAssertion("NewItem != NULL", Unit, [&] { a.InsertPtr(P(5), nullptr); });
@@ -337,7 +338,11 @@ TEST(SafeArray, RemovePtrRemovesTheFirstOfItsKind)
 
 TEST(SafeArray, ThePurgeModeDecidesWhatIsDeleted)
 {
-    struct { short mode; bool removalDeletes; bool clearing; } const cases[] = {
+    struct {
+        short mode;
+        bool removalDeletes;
+        bool clearing;
+    } const cases[] = {
         {0, true, true}, {1, false, false}, {2, false, true}, {-1, false, true}, {SHRT_MAX, false, true}};
     for (const auto& c : cases) {
         Pointers a;
@@ -716,8 +721,11 @@ TEST(TypedArray, PrintShowsModeSizesAndAddresses)
                             "********** Capacity =32\n"
                             "********** Quantity =2\n"
                             "********** This SafeArray is NOT purgable.\n"
-                            "****SafeArray(Thing)[0] address = " + Text(&one) + "\n"
-                            "****SafeArray(Thing)[1] address = " + Text(&two) + "\n");
+                            "****SafeArray(Thing)[0] address = " +
+                                Text(&one) +
+                                "\n"
+                                "****SafeArray(Thing)[1] address = " +
+                                Text(&two) + "\n");
     }
     a.SetPurgeMode(1);
 }

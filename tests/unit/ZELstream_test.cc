@@ -240,7 +240,11 @@ TEST(ZEListream, NumbersWithoutTheirDelimiter)
     EXPECT_EQ(Get<int>("--1|", 9), "9 at 0");
     EXPECT_EQ(Get<int>("   ", 9), "9 at 0");
     EXPECT_EQ(Get<int>(std::string("1\0|", 3), 9), "1 at 0");
-    EXPECT_EQ(Get<int>(std::string("\0" "1|", 3), 9), "9 at 0");
+    EXPECT_EQ(Get<int>(std::string("\0"
+                                   "1|",
+                                   3),
+                       9),
+              "9 at 0");
 }
 
 TEST(ZEListream, NumbersOutOfRangeAsTheHostReadsThem)
@@ -301,10 +305,35 @@ TEST(ZEListream, ReadsWhatTheHostReads)
 {
     std::mt19937 random(20261121);
     const auto below = [&random](unsigned n) { return random() % n; };
-    const std::string parts[] = {" ", "\t", "\n", "\v", "\r\n", "|", "|", "-", "+", "0", "00000000000000000000000", "x",
-                                 "l", ".", "1", "2147483647", "2147483648", "4294967296", "9223372036854775807",
-                                 "9223372036854775808", "18446744073709551615", "18446744073709551616", "65536",
-                                 "0x10", "1e5", "99999999999999999999999999", "\xa0", std::string(1, '\0'), ""};
+    const std::string parts[] = {" ",
+                                 "\t",
+                                 "\n",
+                                 "\v",
+                                 "\r\n",
+                                 "|",
+                                 "|",
+                                 "-",
+                                 "+",
+                                 "0",
+                                 "00000000000000000000000",
+                                 "x",
+                                 "l",
+                                 ".",
+                                 "1",
+                                 "2147483647",
+                                 "2147483648",
+                                 "4294967296",
+                                 "9223372036854775807",
+                                 "9223372036854775808",
+                                 "18446744073709551615",
+                                 "18446744073709551616",
+                                 "65536",
+                                 "0x10",
+                                 "1e5",
+                                 "99999999999999999999999999",
+                                 "\xa0",
+                                 std::string(1, '\0'),
+                                 ""};
     const unsigned count = sizeof parts / sizeof parts[0];
     for (int round = 0; round < 60000; round++) {
         std::string text;
@@ -540,8 +569,8 @@ TEST(ZEListream, ReadErrorFlag)
 // Derived streams change the encoding through the virtual operations.
 class Upper : public ZELostream {
 public:
-    using ZELostream::ZELostream;
     using ZELostream::put;
+    using ZELostream::ZELostream;
     void put(int) override { put('I'); }
     void put(unsigned long) override { put('U'); }
 };

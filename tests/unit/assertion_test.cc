@@ -31,16 +31,14 @@ TEST(Assertion, PrintsTheExpressionAsItIsWritten)
 TEST(Assertion, PercentSignsAreNoFormat)
 {
     int n = 7;
-    ExpectAssertion("n % 2 == 0 && \"%s%n\"", "Misc/100%s",
-                    [&] { ZELOO_ASSERT(n % 2 == 0 && "%s%n", "Misc/100%s"); });
+    ExpectAssertion("n % 2 == 0 && \"%s%n\"", "Misc/100%s", [&] { ZELOO_ASSERT(n % 2 == 0 && "%s%n", "Misc/100%s"); });
 }
 
 TEST(Assertion, GivesTheLineOfTheAssertion)
 {
     const int before = __LINE__;
     const ChildResult child = RunInChild([] { ZELOO_ASSERT(1 == 2, "Misc/unit"); });
-    EXPECT_EQ(child.err,
-              "Assertion failed: 1 == 2, file Misc/unit, line " + std::to_string(before + 1) + "\n");
+    EXPECT_EQ(child.err, "Assertion failed: 1 == 2, file Misc/unit, line " + std::to_string(before + 1) + "\n");
 }
 
 TEST(Assertion, GoesOnWhenTheExpressionHolds)

@@ -391,17 +391,14 @@ std::string HexDump(const std::string& bytes)
 TEST(BufferHexDump, ToAStream)
 {
     EXPECT_EQ(HexDump(""), "HexDump for 0 (0000) bytes\n0000:  \n");
-    EXPECT_EQ(HexDump("A\n\xff"),
-              "HexDump for 3 (0003) bytes\n"
-              "0000: 41 0a ff                                         A  \n");
-    EXPECT_EQ(HexDump("0123456789abcdef"),
-              "HexDump for 16 (0010) bytes\n"
-              "0000: 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66  0123456789abcdef\n"
-              " \n");
-    EXPECT_EQ(HexDump("0123456789abcdefG"),
-              "HexDump for 17 (0011) bytes\n"
-              "0000: 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66  0123456789abcdef\n"
-              "0010: 47                                               G\n");
+    EXPECT_EQ(HexDump("A\n\xff"), "HexDump for 3 (0003) bytes\n"
+                                  "0000: 41 0a ff                                         A  \n");
+    EXPECT_EQ(HexDump("0123456789abcdef"), "HexDump for 16 (0010) bytes\n"
+                                           "0000: 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66  0123456789abcdef\n"
+                                           " \n");
+    EXPECT_EQ(HexDump("0123456789abcdefG"), "HexDump for 17 (0011) bytes\n"
+                                            "0000: 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66  0123456789abcdef\n"
+                                            "0010: 47                                               G\n");
     EXPECT_EQ(HexDump("0123456789abcdefghijklmnopqrstu~"),
               "HexDump for 32 (0020) bytes\n"
               "0000: 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66  0123456789abcdef\n"
@@ -456,17 +453,15 @@ TEST(BufferHexDump, ToAText)
     EXPECT_EQ(TextDump("A\xff"), "HexDump for 2 (0002) bytes\r\n0000: 41   ff         \r\n");
     const std::string first = "0123456789abcdef";
     const std::string filled(18, '\x01');
-    EXPECT_EQ(TextDump(first),
-              "HexDump for 16 (0010) bytes\r\n0000: " + WideHex(first) + "      " + filled + "\r\n");
-    EXPECT_EQ(TextDump(first + "G\n"),
-              "HexDump for 18 (0012) bytes\r\n0000: " + WideHex(first) + "\r\n0010: 47   0a         \x01G " +
-                  std::string(15, '\x01') + "\r\n");
+    EXPECT_EQ(TextDump(first), "HexDump for 16 (0010) bytes\r\n0000: " + WideHex(first) + "      " + filled + "\r\n");
+    EXPECT_EQ(TextDump(first + "G\n"), "HexDump for 18 (0012) bytes\r\n0000: " + WideHex(first) +
+                                           "\r\n0010: 47   0a         \x01G " + std::string(15, '\x01') + "\r\n");
     EXPECT_EQ(TextDump(first + "ghijklmnopqrstuv" + "W"),
               "HexDump for 33 (0021) bytes\r\n0000: " + WideHex(first) + "\r\n0010: " + WideHex("ghijklmnopqrstuv") +
                   "\x01ghijklmnopqrstuv\x01\r\n0020: 57         \x01W" + std::string(16, '\x01') + "\r\n");
-    EXPECT_EQ(TextDump(first + "ghijklmnopqrstuv"),
-              "HexDump for 32 (0020) bytes\r\n0000: " + WideHex(first) + "\r\n0010: " + WideHex("ghijklmnopqrstuv") +
-                  "\x01ghijklmnopqrstuv\x01      " + filled + "\r\n");
+    EXPECT_EQ(TextDump(first + "ghijklmnopqrstuv"), "HexDump for 32 (0020) bytes\r\n0000: " + WideHex(first) +
+                                                        "\r\n0010: " + WideHex("ghijklmnopqrstuv") +
+                                                        "\x01ghijklmnopqrstuv\x01      " + filled + "\r\n");
 }
 
 TEST(BufferHexDump, LargeText)

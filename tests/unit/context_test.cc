@@ -26,9 +26,15 @@ namespace {
 
 const uintptr_t kPage = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
 
-uintptr_t Address(const void* p) { return reinterpret_cast<uintptr_t>(p); }
+uintptr_t Address(const void* p)
+{
+    return reinterpret_cast<uintptr_t>(p);
+}
 
-int SaveNothing(int sig) { return svr4::capture_signal(sig, [](int) {}); }
+int SaveNothing(int sig)
+{
+    return svr4::capture_signal(sig, [](int) {});
+}
 
 TEST(MappingOf, TheBoundsOfAMapping)
 {
@@ -145,8 +151,8 @@ TEST(AlternateStack, IsLargeAndGuarded)
         if ((now.ss_flags & SS_DISABLE) != 0 || now.ss_size < 256 * 1024)
             _exit(3);
         uintptr_t low, high;
-        if (svr4::mapping_of(Address(now.ss_sp), &low, &high) != 0 || low != Address(now.ss_sp)
-            || high != low + now.ss_size)
+        if (svr4::mapping_of(Address(now.ss_sp), &low, &high) != 0 || low != Address(now.ss_sp) ||
+            high != low + now.ss_size)
             _exit(4);
         if (svr4::mapping_of(low - 1, &low, &high) != -1)
             _exit(5);

@@ -608,7 +608,8 @@ TEST(CString, Literal)
         {"\\!\\\"\\$\\'\\(\\)\\*\\+\\/\\?\\[\\\\\\]\\|", "!\"$'()*+/?[\\]|"},
         {"\\b\\f\\n\\r\\t\\v", "\b\f\n\r\t\v"},
         {"\\8\\~\\ \\\xff", "8~ \xff"},
-        {"\\18\\1", "\x01" "8\x01"},
+        {"\\18\\1", "\x01"
+                    "8\x01"},
         {"\\777", "\xff"},
         {"\\x4a\\x4A\\x414\\xag\\x\\x41", "JJA4\ngxA"},
         {"text\\", "text"},
@@ -782,9 +783,8 @@ TEST(CString, ThereIsAnEmptyStringEvenWithoutAnyMemory)
 
 TEST(CString, Dump)
 {
-    const std::string out = CaptureStdout([] {
-        EXPECT_EQ(Dump(CString("abc")), "CStringRep::dumpOn() \ncount <1> rep <abc> \n");
-    });
+    const std::string out =
+        CaptureStdout([] { EXPECT_EQ(Dump(CString("abc")), "CStringRep::dumpOn() \ncount <1> rep <abc> \n"); });
     EXPECT_EQ(out, "");
 }
 

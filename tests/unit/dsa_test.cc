@@ -330,8 +330,8 @@ TEST(Dsa, MarkBeginExcludesWhatIsThere)
         DSA::mark_begin();
         DSA::show_allocated_blocks();
     });
-    EXPECT_EQ(out, Start + Listed("fourth", 4) + Listed("third", 3) + End + Total(2, 0, 11) + Start + End +
-                       Total(0, 0, 0));
+    EXPECT_EQ(out,
+              Start + Listed("fourth", 4) + Listed("third", 3) + End + Total(2, 0, 11) + Start + End + Total(0, 0, 0));
 }
 
 TEST(Dsa, MarkOkExcludesOneBlock)

@@ -35,18 +35,20 @@ enum Events : short { Null, Status, Work, Unknown, DumpSelf, Quit, QuitLater, La
 
 /// What the server process leaves for the test to read.
 struct Shared {
-    short status;      // what main() returned
-    int handled;       // calls of HandleEvent
+    short status; // what main() returned
+    int handled;  // calls of HandleEvent
     long eventCount;
-    int released;      // the test has read the answers: the server may remove its queue
-    char calls[4096];  // the virtual operations called, in order
+    int released;     // the test has read the answers: the server may remove its queue
+    char calls[4096]; // the virtual operations called, in order
     char dump[65536];
 };
 
 class TestManager : public EventManager {
 public:
     explicit TestManager(Shared* shared = nullptr, std::ostream* debug = nullptr, const char* name = Server)
-        : EventManager(name, debug), shared(shared) {}
+        : EventManager(name, debug), shared(shared)
+    {
+    }
 
     const char* Event_to_Name(short event) override
     {
@@ -165,11 +167,14 @@ std::string Warning(const std::string& type, const std::string& description)
     return "\nErrorReporter: <time>  Total Error Count= <n>\n"
            "  Program=/opt/orv/bin/evtest_program\n"
            "  Severity Level=WARNING\n"
-           "  Error Type= " + type + "\n"
+           "  Error Type= " +
+           type +
+           "\n"
            "  Error Code= <errno>\n"
            "  Module= $Id: eventmgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n"
            "  Line= <n>\n"
-           "  Description= " + description + "\n\n";
+           "  Description= " +
+           description + "\n\n";
 }
 
 int CountOf(const std::string& text, const std::string& part)
@@ -180,12 +185,11 @@ int CountOf(const std::string& text, const std::string& part)
     return count;
 }
 
-const char NoChildren[] =
-    "EventManager child process information:\n"
-    "SafeArray(UnixProcess)***************\n"
-    "********** Capacity =0\n"
-    "********** Quantity =0\n"
-    "********** This SafeArray is purgable.\n";
+const char NoChildren[] = "EventManager child process information:\n"
+                          "SafeArray(UnixProcess)***************\n"
+                          "********** Capacity =0\n"
+                          "********** Quantity =0\n"
+                          "********** This SafeArray is purgable.\n";
 
 class EventManagerTest : public ::testing::Test {
 protected:
@@ -286,15 +290,14 @@ TEST_F(EventManagerTest, StartsEmpty)
     }
     std::ostringstream dump;
     manager.dumpOn(dump);
-    EXPECT_EQ(WithoutTimes(dump.str()),
-              std::string("Dumping EventManager data structures:\n"
-                          "EventCount: 0\n"
-                          "CurrentEvent: Null (0)\n"
-                          "EventTime: <time>\n"
-                          "\nTrace of the most recent events:\n"
-                          "--- Time Stamp --  Status Event\n"
-                          "End of trace of most recent events.\n\n") +
-                  NoChildren);
+    EXPECT_EQ(WithoutTimes(dump.str()), std::string("Dumping EventManager data structures:\n"
+                                                    "EventCount: 0\n"
+                                                    "CurrentEvent: Null (0)\n"
+                                                    "EventTime: <time>\n"
+                                                    "\nTrace of the most recent events:\n"
+                                                    "--- Time Stamp --  Status Event\n"
+                                                    "End of trace of most recent events.\n\n") +
+                                            NoChildren);
 }
 
 TEST_F(EventManagerTest, AcceptsKnownEventsOfNamedSenders)
@@ -462,19 +465,18 @@ TEST_F(EventManagerTest, ADumpFromAHandlerShowsTheCurrentEventLast)
     Request(client, Quit);
     EXPECT_EQ(EndOf(server), 0);
     const std::string dump = shared->dump;
-    EXPECT_EQ(WithoutTimes(dump),
-              std::string("Dumping EventManager data structures:\n"
-                          "EventCount: 5\n"
-                          "CurrentEvent: DumpSelf (4)\n"
-                          "EventTime: <time>\n"
-                          "\nTrace of the most recent events:\n"
-                          "--- Time Stamp --  Status Event\n"
-                          "<time>  005    Work\n"
-                          "<time>  081    Other\n"
-                          "<time>  255    Work\n"
-                          "<time>  ---    DumpSelf\n"
-                          "End of trace of most recent events.\n\n") +
-                  NoChildren);
+    EXPECT_EQ(WithoutTimes(dump), std::string("Dumping EventManager data structures:\n"
+                                              "EventCount: 5\n"
+                                              "CurrentEvent: DumpSelf (4)\n"
+                                              "EventTime: <time>\n"
+                                              "\nTrace of the most recent events:\n"
+                                              "--- Time Stamp --  Status Event\n"
+                                              "<time>  005    Work\n"
+                                              "<time>  081    Other\n"
+                                              "<time>  255    Work\n"
+                                              "<time>  ---    DumpSelf\n"
+                                              "End of trace of most recent events.\n\n") +
+                                      NoChildren);
     const long shown = Dates::GetDateTime(ReportField(dump, "EventTime: ").c_str());
     EXPECT_GE(shown, before);
     EXPECT_LE(shown, after);
@@ -678,8 +680,7 @@ TEST_F(EventManagerTest, RunsACoprocess)
                 _exit(2);
             RunMain(manager);
             break;
-        default:
-            _exit(3);
+        default: _exit(3);
         }
     });
     IPCQClient client(0, Server);
@@ -813,10 +814,9 @@ TEST_F(EventManagerTest, BelowTenPercentIsFull)
              << "OldFileFull = " << oldFull << ". TimeFileFull = <time>\n";
         return text.str();
     };
-    EXPECT_EQ(WithoutTimes(result.out), look(limit, "10", "0") + look(limit - 1, "9", "0") + look(limit - 1, "9", "1") +
-                                            look(limit, "10", "1"));
-    EXPECT_EQ(Reports(result.err),
-              Warning("File System Full.", "File system full detected at <time>, but its ok now."))
+    EXPECT_EQ(WithoutTimes(result.out),
+              look(limit, "10", "0") + look(limit - 1, "9", "0") + look(limit - 1, "9", "1") + look(limit, "10", "1"));
+    EXPECT_EQ(Reports(result.err), Warning("File System Full.", "File system full detected at <time>, but its ok now."))
         << "the recovery is reported, once";
 }
 

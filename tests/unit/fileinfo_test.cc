@@ -255,9 +255,7 @@ TEST_F(FileInfoTest, ExpandsTheHomeOfTheLogin)
     const char* login = getlogin();
     const std::string user = login != nullptr ? login : "ops";
     const std::string entry = user + ":x:" + std::to_string(getuid()) + ":0::/home/ops:/bin/sh\n";
-    const ChildResult known = WithPasswordFile(directory, entry, [] {
-        puts(FileInfo::ExpandFileName("~/x"));
-    });
+    const ChildResult known = WithPasswordFile(directory, entry, [] { puts(FileInfo::ExpandFileName("~/x")); });
     if (known.exitCode == 77)
         GTEST_SKIP() << "no mount namespaces here";
     EXPECT_EQ(known.out, "/home/ops/x\n");

@@ -81,7 +81,10 @@ std::string Dump(const Object& object)
 const char EmptyDump[] = "IPCClient Object Begin\nIPCClient Object End\n";
 
 /// The tags given to monitored objects so far: a queue client takes one each, whether it connects or not.
-long Tags() { return MonitoredObject().myObjectTag(); }
+long Tags()
+{
+    return MonitoredObject().myObjectTag();
+}
 
 TEST_F(IpcObject, WithoutANameNothingIsConnected)
 {
@@ -124,20 +127,26 @@ TEST_F(IpcObject, TheQueueIsTakenBeforeAConnection)
                             "IPCQ CLIENT\n"
                             "IPCQClient Object Begin\n"
                             "IPCQBase::ServerName     : orvd\n"
-                            "IPCQBase::ServerPID      : " + std::to_string(server) + "\n"
-                            "IPCQBase::MyQueueID      : " + queue + "\n"
-                            "IPCQBase::ReceiveTimeOut : 11\n"
-                            "IPCQBase::SendTimeOut    : 12\n"
-                            "IPCQBase::MyPID          : " + std::to_string(getpid()) + "\n"
-                            "IPCQBase::SendersPID     : -1\n"
-                            "IPCQBase::SendersProgram : \n"
-                            "IPCQBase::SendersNodeName: \n"
-                            "IPCQClient::DestObject   : 5\n"
-                            "IPCQClient::ClientVersion: 9.9\n"
-                            "IPCQClient::ClientProgram: prog\n"
-                            "IPCQClient::ClientNode   : there\n"
-                            "IPCQClient Object End\n"
-                            "IPCClient Object End\n");
+                            "IPCQBase::ServerPID      : " +
+                                std::to_string(server) +
+                                "\n"
+                                "IPCQBase::MyQueueID      : " +
+                                queue +
+                                "\n"
+                                "IPCQBase::ReceiveTimeOut : 11\n"
+                                "IPCQBase::SendTimeOut    : 12\n"
+                                "IPCQBase::MyPID          : " +
+                                std::to_string(getpid()) +
+                                "\n"
+                                "IPCQBase::SendersPID     : -1\n"
+                                "IPCQBase::SendersProgram : \n"
+                                "IPCQBase::SendersNodeName: \n"
+                                "IPCQClient::DestObject   : 5\n"
+                                "IPCQClient::ClientVersion: 9.9\n"
+                                "IPCQClient::ClientProgram: prog\n"
+                                "IPCQClient::ClientNode   : there\n"
+                                "IPCQClient Object End\n"
+                                "IPCClient Object End\n");
     EXPECT_EQ(client.send_event_with_response(Who, nullptr, 0), 0);
     EXPECT_EQ(client.receive_response(event, data), 0);
     EXPECT_EQ(Contents(data), "prog|there");

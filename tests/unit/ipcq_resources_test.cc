@@ -11,9 +11,15 @@ using namespace ipcq_testing;
 
 class IpcqResources : public IpcqTest {};
 
-key_t KeyOf(const std::string& path) { return ftok(path.c_str(), 1); }
+key_t KeyOf(const std::string& path)
+{
+    return ftok(path.c_str(), 1);
+}
 
-int SetOf(key_t key) { return semget(key, 0, 0660); }
+int SetOf(key_t key)
+{
+    return semget(key, 0, 0660);
+}
 
 double SecondsOf(const std::function<void()>& body)
 {
@@ -38,7 +44,10 @@ TEST_F(IpcqResources, KeysComeFromKeyFiles)
     WriteFile(directory.File("both"), "");
     WriteFile(directory.File("orvd"), "");
     MakeKeyFile("both");
-    const std::string earlier = [] { char path[4096]; return std::string(getcwd(path, sizeof path)); }();
+    const std::string earlier = [] {
+        char path[4096];
+        return std::string(getcwd(path, sizeof path));
+    }();
     ASSERT_EQ(chdir(directory.Path().c_str()), 0);
 
     EXPECT_EQ(ftok_orvm(directory.File("local").c_str()), KeyOf(directory.File("local"))) << "a path as it stands";
@@ -308,14 +317,14 @@ TEST_F(IpcqResources, DeletionToleratesWhatIsGone)
     PrivateQueue queue;
     const int set = semget(IPC_PRIVATE, 1, IPC_CREAT | 0660);
     EXPECT_EQ(Reports([&] {
-        delete_q_and_semaphore(queue.id);
-        delete_q_and_semaphore(queue.id);
-        delete_q_and_semaphore(-1);
-        delete_semaphore(set);
-        delete_semaphore(set);
-        delete_semaphore(-1);
-        delete_shmem_id(-1);
-    }),
+                  delete_q_and_semaphore(queue.id);
+                  delete_q_and_semaphore(queue.id);
+                  delete_q_and_semaphore(-1);
+                  delete_semaphore(set);
+                  delete_semaphore(set);
+                  delete_semaphore(-1);
+                  delete_shmem_id(-1);
+              }),
               "");
     EXPECT_FALSE(QueueExists(queue.id));
     EXPECT_LT(semctl(set, 0, GETVAL), 0);
@@ -395,7 +404,8 @@ protected:
     }
 
     // What check_q_sizes reports to a user who is not the super-user. `meanwhile` runs beside it, privileged.
-    std::string ReportsOfAUser(int queue, const std::function<void()>& meanwhile = [] {})
+    std::string ReportsOfAUser(
+        int queue, const std::function<void()>& meanwhile = [] {})
     {
         TemporaryDirectory directory;
         const pid_t child = StartChild([&] {
@@ -438,18 +448,18 @@ TEST_F(IpcqResizingTool, ChangesNothing)
 {
     PrivateQueue queue;
     WriteTool("exit 0\n");
-    EXPECT_EQ(ReportsOfAUser(queue.id), Report(ErrorReporter::NOTICE, ErrorReporter::IPC_QUEUE_TOO_SMALL,
-                                               "Failed to change IPC Queue " + std::to_string(queue.id) +
-                                                   " from 16384 to 500736 bytes."));
+    EXPECT_EQ(ReportsOfAUser(queue.id),
+              Report(ErrorReporter::NOTICE, ErrorReporter::IPC_QUEUE_TOO_SMALL,
+                     "Failed to change IPC Queue " + std::to_string(queue.id) + " from 16384 to 500736 bytes."));
     EXPECT_NE(Called(), "");
 }
 
 TEST_F(IpcqResizingTool, IsAbsent)
 {
     PrivateQueue queue;
-    EXPECT_EQ(ReportsOfAUser(queue.id), Report(ErrorReporter::NOTICE, ErrorReporter::IPC_QUEUE_TOO_SMALL,
-                                               "Failed to change IPC Queue " + std::to_string(queue.id) +
-                                                   " from 16384 to 500736 bytes."));
+    EXPECT_EQ(ReportsOfAUser(queue.id),
+              Report(ErrorReporter::NOTICE, ErrorReporter::IPC_QUEUE_TOO_SMALL,
+                     "Failed to change IPC Queue " + std::to_string(queue.id) + " from 16384 to 500736 bytes."));
 }
 
 TEST_F(IpcqResizingTool, TheQueueGoesMeanwhile)
@@ -568,8 +578,7 @@ TEST_F(IpcqResources, DrainDropsMalformedMessages)
     char tooLong[2001] = {};
     ASSERT_EQ(SendRaw(queue.id, 9, tooLong, sizeof tooLong), 0);
     ASSERT_EQ(SendRecord(queue.id, 9, Event(2, 1, Pattern(1700))), 0);
-    const std::string warning =
-        IpcWarning("Malformed message dropped from queue " + std::to_string(queue.id) + ".");
+    const std::string warning = IpcWarning("Malformed message dropped from queue " + std::to_string(queue.id) + ".");
     EXPECT_EQ(Reports([&] { DrainIPCMessages(queue.id, 9, messages); }),
               warning + warning + warning + warning + warning);
     ASSERT_EQ(messages.Quantity(), 1u);

@@ -20,7 +20,10 @@ std::string Dump(const IPCQBase& object)
     return out.str();
 }
 
-int SetOf(const char* name) { return semget(ftok_orvm(name), 0, 0660); }
+int SetOf(const char* name)
+{
+    return semget(ftok_orvm(name), 0, 0660);
+}
 
 TEST_F(IpcqServer, TheOnlyServerOfItsName)
 {
@@ -31,15 +34,14 @@ TEST_F(IpcqServer, TheOnlyServerOfItsName)
     EXPECT_EQ(server.GetServerPID(), getpid());
     EXPECT_EQ(semctl(SetOf("only"), 0, GETVAL), getpid());
     EXPECT_EQ(Reports([] {
-        const Server second("only");
-        EXPECT_EQ(second.Created(), 0) << "also in the same process";
-        EXPECT_EQ(second.GetServerPID(), -1);
-    }),
+                  const Server second("only");
+                  EXPECT_EQ(second.Created(), 0) << "also in the same process";
+                  EXPECT_EQ(second.GetServerPID(), -1);
+              }),
               "");
-    EXPECT_EQ(WaitForExit(StartChild([] {
-                  CHILD_CHECK(Reports([] { CHILD_CHECK(!Server("only").Created()); }).empty());
-              })),
-              0);
+    EXPECT_EQ(
+        WaitForExit(StartChild([] { CHILD_CHECK(Reports([] { CHILD_CHECK(!Server("only").Created()); }).empty()); })),
+        0);
     EXPECT_TRUE(QueueExists(server.Queue())) << "the refused ones leave it alone";
     const int queue = server.Queue();
     server.Shutdown();
@@ -251,9 +253,7 @@ TEST_F(IpcqServer, InternalEventsAndTheirStatus)
     EXPECT_EQ(server.receive_event(event, data, response, ack), -1);
     EXPECT_EQ(event, 8);
     EXPECT_EQ(Contents(data), "note");
-    EXPECT_EQ(Reports([&] {
-        EXPECT_EQ(client.send_event_wait_ack(8, nullptr, 0), ErrorReporter::IPC_ERROR);
-    }),
+    EXPECT_EQ(Reports([&] { EXPECT_EQ(client.send_event_wait_ack(8, nullptr, 0), ErrorReporter::IPC_ERROR); }),
               IpcWarning("IPCSend deadlock condition."));
     EXPECT_FALSE(client.Connected());
 
@@ -457,48 +457,62 @@ TEST_F(IpcqServer, Dumps)
     const std::string queue = std::to_string(server.Queue());
     EXPECT_EQ(Dump(server), "IPCQServer Object Begin\n"
                             "IPCQBase::ServerName     : dumped\n"
-                            "IPCQBase::ServerPID      : " + pid + "\n"
-                            "IPCQBase::MyQueueID      : " + queue + "\n"
-                            "IPCQBase::ReceiveTimeOut : 30\n"
-                            "IPCQBase::SendTimeOut    : 20\n"
-                            "IPCQBase::MyPID          : " + pid + "\n"
-                            "IPCQBase::SendersPID     : 99\n"
-                            "IPCQBase::SendersProgram : program\n"
-                            "IPCQBase::SendersNodeName: node\n"
-                            "IPCQServer::ReceiveTimeOutEvent: 5\n"
-                            "IPCQServer Object End\n");
+                            "IPCQBase::ServerPID      : " +
+                                pid +
+                                "\n"
+                                "IPCQBase::MyQueueID      : " +
+                                queue +
+                                "\n"
+                                "IPCQBase::ReceiveTimeOut : 30\n"
+                                "IPCQBase::SendTimeOut    : 20\n"
+                                "IPCQBase::MyPID          : " +
+                                pid +
+                                "\n"
+                                "IPCQBase::SendersPID     : 99\n"
+                                "IPCQBase::SendersProgram : program\n"
+                                "IPCQBase::SendersNodeName: node\n"
+                                "IPCQServer::ReceiveTimeOutEvent: 5\n"
+                                "IPCQServer Object End\n");
     Client client("dumped");
     client.RegisterNodeName("mynode");
     EXPECT_EQ(Dump(client), "IPCQClient Object Begin\n"
                             "IPCQBase::ServerName     : dumped\n"
-                            "IPCQBase::ServerPID      : " + pid + "\n"
-                            "IPCQBase::MyQueueID      : " + queue + "\n"
-                            "IPCQBase::ReceiveTimeOut : 900\n"
-                            "IPCQBase::SendTimeOut    : 60\n"
-                            "IPCQBase::MyPID          : " + pid + "\n"
-                            "IPCQBase::SendersPID     : -1\n"
-                            "IPCQBase::SendersProgram : \n"
-                            "IPCQBase::SendersNodeName: \n"
-                            "IPCQClient::DestObject   : 7\n"
-                            "IPCQClient::ClientVersion: 3.4\n"
-                            "IPCQClient::ClientProgram: /opt/orv/bin/tester\n"
-                            "IPCQClient::ClientNode   : mynode\n"
-                            "IPCQClient Object End\n");
+                            "IPCQBase::ServerPID      : " +
+                                pid +
+                                "\n"
+                                "IPCQBase::MyQueueID      : " +
+                                queue +
+                                "\n"
+                                "IPCQBase::ReceiveTimeOut : 900\n"
+                                "IPCQBase::SendTimeOut    : 60\n"
+                                "IPCQBase::MyPID          : " +
+                                pid +
+                                "\n"
+                                "IPCQBase::SendersPID     : -1\n"
+                                "IPCQBase::SendersProgram : \n"
+                                "IPCQBase::SendersNodeName: \n"
+                                "IPCQClient::DestObject   : 7\n"
+                                "IPCQClient::ClientVersion: 3.4\n"
+                                "IPCQClient::ClientProgram: /opt/orv/bin/tester\n"
+                                "IPCQClient::ClientNode   : mynode\n"
+                                "IPCQClient Object End\n");
     EXPECT_EQ(Dump(Client(nullptr)), "IPCQClient Object Begin\n"
                                      "IPCQBase::ServerName     : \n"
                                      "IPCQBase::ServerPID      : -1\n"
                                      "IPCQBase::MyQueueID      : -1\n"
                                      "IPCQBase::ReceiveTimeOut : 900\n"
                                      "IPCQBase::SendTimeOut    : 60\n"
-                                     "IPCQBase::MyPID          : " + pid + "\n"
-                                     "IPCQBase::SendersPID     : -1\n"
-                                     "IPCQBase::SendersProgram : \n"
-                                     "IPCQBase::SendersNodeName: \n"
-                                     "IPCQClient::DestObject   : 7\n"
-                                     "IPCQClient::ClientVersion: \n"
-                                     "IPCQClient::ClientProgram: \n"
-                                     "IPCQClient::ClientNode   : \n"
-                                     "IPCQClient Object End\n");
+                                     "IPCQBase::MyPID          : " +
+                                         pid +
+                                         "\n"
+                                         "IPCQBase::SendersPID     : -1\n"
+                                         "IPCQBase::SendersProgram : \n"
+                                         "IPCQBase::SendersNodeName: \n"
+                                         "IPCQClient::DestObject   : 7\n"
+                                         "IPCQClient::ClientVersion: \n"
+                                         "IPCQClient::ClientProgram: \n"
+                                         "IPCQClient::ClientNode   : \n"
+                                         "IPCQClient Object End\n");
 }
 
 TEST_F(IpcqServer, QueueInfoDump)

@@ -33,8 +33,14 @@ using namespace testing_support;
 const short Ack = static_cast<short>(0xFFFE);
 const short MoreData = static_cast<short>(0xFFFD);
 
-inline long AckChannel(long sender, long receiver) { return 251658239L - sender + receiver; }
-inline long DataChannel(long sender, long receiver) { return 268435455L - sender + receiver; }
+inline long AckChannel(long sender, long receiver)
+{
+    return 251658239L - sender + receiver;
+}
+inline long DataChannel(long sender, long receiver)
+{
+    return 268435455L - sender + receiver;
+}
 
 /// The host's view of a message.
 struct RawMessage {
@@ -96,7 +102,10 @@ inline struct msqid_ds QueueStatus(int qid)
     return status;
 }
 
-inline unsigned long Waiting(int qid) { return QueueStatus(qid).msg_qnum; }
+inline unsigned long Waiting(int qid)
+{
+    return QueueStatus(qid).msg_qnum;
+}
 
 inline void SetQueueBytes(int qid, unsigned long bytes)
 {

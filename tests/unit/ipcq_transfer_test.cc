@@ -56,7 +56,10 @@ void Empty(int queue, long channel)
 }
 
 int handled = 0;
-void Handler(int) { handled++; }
+void Handler(int)
+{
+    handled++;
+}
 
 // A sender by hand: what it sends after the acknowledgement of its first block.
 pid_t SendByHand(int queue, long to, const IPCQMessage& first, const std::function<void(long data)>& rest)
@@ -240,14 +243,14 @@ TEST_F(IpcqTransfer, AQueueThatGoesEndsTheWait)
         return WaitForExit(waiter);
     };
     EXPECT_EQ(gone([](int queue) {
-        IPCQMessage msg = Event(1, 1);
-        return ipc_send(queue, 9, &msg, 0, 60);
-    }),
+                  IPCQMessage msg = Event(1, 1);
+                  return ipc_send(queue, 9, &msg, 0, 60);
+              }),
               0);
     EXPECT_EQ(gone([](int queue) {
-        IPCQMessage msg;
-        return ipc_recv(queue, 8, &msg, 0, 0);
-    }),
+                  IPCQMessage msg;
+                  return ipc_recv(queue, 8, &msg, 0, 0);
+              }),
               0);
 }
 
@@ -277,7 +280,7 @@ TEST_F(IpcqTransfer, LimitsAndPeersThatDie)
     };
     std::vector<pid_t> alive = {sends(SendTimeout, 10), receives(Timeout, 10)};
     // A limit below a step waits for ever, so only the peer's end ends it.
-    std::vector<pid_t> dying = {sends(SenderGone, 60), sends(SenderGone, 9), sends(SenderGone, 0),
+    std::vector<pid_t> dying = {sends(SenderGone, 60),       sends(SenderGone, 9),      sends(SenderGone, 0),
                                 receives(ReceiverGone, 900), receives(ReceiverGone, 9), receives(ReceiverGone, 0)};
     waits.push_back(StartChild([&] { // any signal counts as the end of a step
         struct sigaction action = {};
@@ -327,8 +330,7 @@ TEST_F(IpcqTransfer, MalformedMessagesDoNotEndAWait)
     SendRaw(queue.id, 9, bytes, 299);
     SendRaw(queue.id, 9, bytes, 0);
     SendRecord(queue.id, 9, Event(5, 1, "good"));
-    const std::string warning =
-        IpcWarning("Malformed message dropped from queue " + std::to_string(queue.id) + ".");
+    const std::string warning = IpcWarning("Malformed message dropped from queue " + std::to_string(queue.id) + ".");
     IPCQMessage msg;
     EXPECT_EQ(Reports([&] { EXPECT_EQ(ipc_recv(queue.id, 9, &msg, 0, 5), 0); }), warning + warning + warning);
     EXPECT_STREQ(msg.msg_data, "good");
@@ -378,8 +380,7 @@ void EchoSizes(const char* name, int blockSize, unsigned long queueBytes)
     }));
     Client client(name);
     ASSERT_TRUE(client.Connected());
-    for (const size_t size :
-         {0, 1, 273, 1091, 1092, 1093, 1699, 1700, 1701, 2184, 3400, 3401, 1 << 20, 10 << 20}) {
+    for (const size_t size : {0, 1, 273, 1091, 1092, 1093, 1699, 1700, 1701, 2184, 3400, 3401, 1 << 20, 10 << 20}) {
         const std::string text = Pattern(size);
         ASSERT_EQ(client.send_event_with_response(3, text.data(), long(size)), 0) << size;
         short event = 0;
@@ -393,8 +394,14 @@ void EchoSizes(const char* name, int blockSize, unsigned long queueBytes)
     EXPECT_EQ(WaitForExit(pid), 0);
 }
 
-TEST_F(IpcqTransfer, EverySizeInBlocksOf1700) { EchoSizes("full", 1700, 100000); }
-TEST_F(IpcqTransfer, EverySizeInBlocksOf1092) { EchoSizes("small", 1092, 16384); }
+TEST_F(IpcqTransfer, EverySizeInBlocksOf1700)
+{
+    EchoSizes("full", 1700, 100000);
+}
+TEST_F(IpcqTransfer, EverySizeInBlocksOf1092)
+{
+    EchoSizes("small", 1092, 16384);
+}
 
 // What a raw receiver sees of one event, with its acknowledgement in between.
 struct Seen {
@@ -719,9 +726,9 @@ TEST_F(IpcqReceive, AnInternalEventCannotBeWaitedFor)
 {
     const std::string warning = IpcWarning("IPCSend deadlock condition.");
     EXPECT_EQ(Reports([&] {
-        EXPECT_EQ(server.IPCSend("p", "n", "v", me, "x", 0, 20, "in", 2, 0, 1, 0), IpcError);
-        EXPECT_EQ(server.IPCSend("p", "n", "v", me, "x", 0, 20, "in", 2, 1, 0, 0), IpcError);
-    }),
+                  EXPECT_EQ(server.IPCSend("p", "n", "v", me, "x", 0, 20, "in", 2, 0, 1, 0), IpcError);
+                  EXPECT_EQ(server.IPCSend("p", "n", "v", me, "x", 0, 20, "in", 2, 1, 0, 0), IpcError);
+              }),
               warning + warning);
     server.SetReceiveTimeOut(1);
     EXPECT_EQ(Receive(0, 5), 0);
@@ -746,16 +753,14 @@ TEST_F(IpcqReceive, MalformedFirstBlocksAreDropped)
         {"negative offset", [](IPCQMessage& m) { m.curr_data_offset = -4; }},
         {"negative parts", [](IPCQMessage& m) { m.parts_left = -1; }},
         {"too many parts", [](IPCQMessage& m) { m.parts_left = 2; }},
-        {"more parts of nothing",
-         [](IPCQMessage& m) { m.parts_left = 1, m.alloc_data_length = m.msg_data_len = 0; }},
+        {"more parts of nothing", [](IPCQMessage& m) { m.parts_left = 1, m.alloc_data_length = m.msg_data_len = 0; }},
         {"more than the parts can carry",
          [](IPCQMessage& m) { m.parts_left = 2, m.alloc_data_length = 4 + 2 * 1700 + 1; }},
         {"2 GB", [](IPCQMessage& m) { m.parts_left = 32767, m.alloc_data_length = 0x7FFFFFFF; }},
         {"several blocks from nobody",
          [](IPCQMessage& m) { m.parts_left = 1, m.alloc_data_length = 5, m.senders_pid = 0; }},
         {"segment of nobody", [](IPCQMessage& m) { m.shmem_id = 0x7FFFFFFF, m.shmem_size = 4; }},
-        {"beyond the segment",
-         [&](IPCQMessage& m) { m.shmem_id = segment, m.shmem_size = m.alloc_data_length = 11; }},
+        {"beyond the segment", [&](IPCQMessage& m) { m.shmem_id = segment, m.shmem_size = m.alloc_data_length = 11; }},
         {"segment beyond the total", [&](IPCQMessage& m) { m.shmem_id = segment, m.shmem_size = 5; }},
         {"negative segment size", [&](IPCQMessage& m) { m.shmem_id = segment, m.shmem_size = -1; }},
     };
@@ -816,9 +821,8 @@ TEST_F(IpcqReceive, BlocksInlineAndInSegments)
 
 TEST_F(IpcqReceive, BlocksOfAnEarlierTransferAreForgotten)
 {
-    const pid_t sender = SendByHand(queue.id, me, FirstBlock(1), [&](long channel) {
-        SendRecord(queue.id, channel, LaterBlock(2, "234567", 0));
-    });
+    const pid_t sender = SendByHand(queue.id, me, FirstBlock(1),
+                                    [&](long channel) { SendRecord(queue.id, channel, LaterBlock(2, "234567", 0)); });
     ASSERT_TRUE(WaitUntil([&] { return Waiting(queue.id) == 1; }));
     IPCQMessage stale = LaterBlock(2, "stale!", 0);
     stale.senders_pid = sender;

@@ -243,12 +243,16 @@ TEST_F(IpctliClient, TheIdentityIsCut)
     EXPECT_EQ(record.Text(4), std::string(19, 't'));
     EXPECT_EQ(record.Text(34), std::string(79, 't'));
     EXPECT_EQ(record.Text(114), std::string(79, 't'));
-    EXPECT_EQ(Dump(*ends.client).substr(0, Dump(*ends.client).find("IPCTli::")),
-              "IPCTliClient Object Begin\n"
-              "IPCTliClient::DestObject   : 7\n"
-              "IPCTliClient::ClientVersion: " + std::string(19, 't') + "\n"
-              "IPCTliClient::ClientProgram: " + std::string(79, 't') + "\n"
-              "IPCTliClient::ClientNode   : " + std::string(79, 't') + "\n");
+    EXPECT_EQ(Dump(*ends.client).substr(0, Dump(*ends.client).find("IPCTli::")), "IPCTliClient Object Begin\n"
+                                                                                 "IPCTliClient::DestObject   : 7\n"
+                                                                                 "IPCTliClient::ClientVersion: " +
+                                                                                     std::string(19, 't') +
+                                                                                     "\n"
+                                                                                     "IPCTliClient::ClientProgram: " +
+                                                                                     std::string(79, 't') +
+                                                                                     "\n"
+                                                                                     "IPCTliClient::ClientNode   : " +
+                                                                                     std::string(79, 't') + "\n");
     ends.client->RegisterVersion(nullptr);
     ends.client->RegisterNodeName("");
     EXPECT_EQ(ends.client->send_event(1, nullptr, 0), 0);

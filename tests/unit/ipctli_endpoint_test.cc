@@ -733,18 +733,16 @@ TEST_F(IpctliEndpoint, InformationAboutAService)
                                   "Transport protocol family:    inet\n"
                                   "The transport device file:    /dev/tcp\n"
                                   "Transport provider semantics: connection-oriented transport with orderly release\n";
-    EXPECT_EQ(Information("there", "orvd"),
-              "Information for host: there service: orvd\n" + transport +
-                  "There are <1> addresses for the orvd service on there\n"
-                  "127.0.0.9.18.103\n"
-                  "Hex dump of address: " +
-                  HexDump(InternetAddress(std::string("\x7f\0\0\x09", 4))));
-    EXPECT_EQ(Information(nullptr, "orvd"),
-              "Information for host: \\1 service: orvd\n" + transport +
-                  "There are <1> addresses for the orvd service on \\1\n"
-                  "0.0.0.0.18.103\n"
-                  "Hex dump of address: " +
-                  HexDump(InternetAddress(std::string(4, '\0'))));
+    EXPECT_EQ(Information("there", "orvd"), "Information for host: there service: orvd\n" + transport +
+                                                "There are <1> addresses for the orvd service on there\n"
+                                                "127.0.0.9.18.103\n"
+                                                "Hex dump of address: " +
+                                                HexDump(InternetAddress(std::string("\x7f\0\0\x09", 4))));
+    EXPECT_EQ(Information(nullptr, "orvd"), "Information for host: \\1 service: orvd\n" + transport +
+                                                "There are <1> addresses for the orvd service on \\1\n"
+                                                "0.0.0.0.18.103\n"
+                                                "Hex dump of address: " +
+                                                HexDump(InternetAddress(std::string(4, '\0'))));
     WriteFile("/etc/hosts", "127.0.0.5 several\n127.0.0.6 several\n");
     const std::string several = Information("several", "orvd");
     EXPECT_EQ(several.substr(several.find("There")),

@@ -204,8 +204,8 @@ TEST_F(IpctliRecords, RefusedArgumentsSendNothing)
     const struct {
         const void* ptr;
         long len;
-    } cases[] = {{&byte, -1}, {nullptr, 1}, {nullptr, -1}, {&byte, 32768L * 1700}, {&byte, 5000000000L},
-                 {&byte, -5000000000L}};
+    } cases[] = {{&byte, -1},          {nullptr, 1},         {nullptr, -1}, {&byte, 32768L * 1700},
+                 {&byte, 5000000000L}, {&byte, -5000000000L}};
     for (const auto& refused : cases) {
         TliMsgStruct msg = Record();
         short code = 0;

@@ -184,12 +184,13 @@ inline std::string WithoutErrno(const std::string& text)
 /// Sends a signal to this process every few milliseconds while it lives.
 class Nagger {
 public:
-    explicit Nagger(int sig) : pid(StartChild([sig, parent = getpid()] {
-                                   for (;;) {
-                                       usleep(20000);
-                                       kill(parent, sig);
-                                   }
-                               }))
+    explicit Nagger(int sig)
+        : pid(StartChild([sig, parent = getpid()] {
+              for (;;) {
+                  usleep(20000);
+                  kill(parent, sig);
+              }
+          }))
     {
     }
     ~Nagger()

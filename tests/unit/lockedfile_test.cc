@@ -91,10 +91,7 @@ struct Mask {
 
 class LockTest : public testing::Test {
 protected:
-    LockTest() : name(directory.File("data").c_str()), file(directory.File("data")), lock(file + ".lock")
-    {
-        slept = 0;
-    }
+    LockTest() : name(directory.File("data").c_str()), file(directory.File("data")), lock(file + ".lock") { slept = 0; }
 
     TemporaryDirectory directory;
     CString name;
@@ -270,7 +267,10 @@ TEST_F(LockTest, TheFirstTwoProcessesOwnNoLocksAlthoughTheyExist)
 {
     const int code = RunAsProcessOne([&] {
         for (const pid_t expected : {2, 3}) // killed when process 1 ends
-            if (StartChild([] { for (;;) pause(); }) != expected)
+            if (StartChild([] {
+                    for (;;)
+                        pause();
+                }) != expected)
                 _exit(10);
         for (const long id : {0, 1, 2}) {
             WriteFile(lock, Content(id));
@@ -321,8 +321,8 @@ TEST_F(LockTest, AnyOtherErrorOfTheCreationIsPrinted)
         LockFile refused(tooLong, 0);
         EXPECT_EQ(refused.Locked(), 0);
     });
-    EXPECT_EQ(message, "Error creating lock file " + directory.File(std::string(251, 'n'))
-                           + ".lock: File name too long\n");
+    EXPECT_EQ(message,
+              "Error creating lock file " + directory.File(std::string(251, 'n')) + ".lock: File name too long\n");
 }
 
 TEST_F(LockTest, WhatIsNoReadableFileCountsAsHeld)
@@ -358,24 +358,28 @@ TEST_F(LockTest, AStaleLockThatCannotBeDeletedOrOpenedIsAFailure)
     WriteFile(lock, Content(1));
     chmod(lock.c_str(), 0666);
     chmod(directory.Path().c_str(), 0555);
-    const ChildResult undeletable = RunInChild([&] {
-        if (!DropPrivileges())
-            _exit(2);
-        LockFile refused(name, 0);
-        _exit(refused.Locked());
-    }, 20);
+    const ChildResult undeletable = RunInChild(
+        [&] {
+            if (!DropPrivileges())
+                _exit(2);
+            LockFile refused(name, 0);
+            _exit(refused.Locked());
+        },
+        20);
     chmod(directory.Path().c_str(), 0755);
     EXPECT_EQ(undeletable.exitCode, 0) << undeletable.signal;
     EXPECT_EQ(undeletable.err, "");
     EXPECT_EQ(ReadFile(lock), Content(1));
 
     chmod(lock.c_str(), 0444);
-    const ChildResult unwritable = RunInChild([&] {
-        if (!DropPrivileges())
-            _exit(2);
-        LockFile refused(name, 0);
-        _exit(refused.Locked());
-    }, 20);
+    const ChildResult unwritable = RunInChild(
+        [&] {
+            if (!DropPrivileges())
+                _exit(2);
+            LockFile refused(name, 0);
+            _exit(refused.Locked());
+        },
+        20);
     EXPECT_EQ(unwritable.exitCode, 0) << unwritable.signal;
     EXPECT_EQ(ReadFile(lock), Content(1));
 }
@@ -608,10 +612,11 @@ TEST_F(LockTest, WhereverAProcessIsOvertakenThereIsOneOwner)
             if (before != "none")
                 WriteFile(lock, before);
             int stops = 0;
-            const pid_t child = StartUpTo([&] { return ++stops == wanted; }, [&] {
-                LockFile held(name, 0);
-                _exit(held.Locked() ? 10 : 20); // leaves the lock file behind
-            });
+            const pid_t child = StartUpTo([&] { return ++stops == wanted; },
+                                          [&] {
+                                              LockFile held(name, 0);
+                                              _exit(held.Locked() ? 10 : 20); // leaves the lock file behind
+                                          });
             if (child == -1)
                 GTEST_SKIP() << "the host refuses tracing";
             if (child == 0)
@@ -629,10 +634,11 @@ TEST_F(LockTest, WhereverAProcessIsOvertakenThereIsOneOwner)
 TEST_F(LockTest, AfterAStaleLockTheRetriesStayUsedUp)
 {
     WriteFile(lock, Content(1));
-    const pid_t child = StartUpTo([&] { return !Exists(lock); }, [&] {
-        LockFile refused(name, 1);
-        _exit((refused.Locked() ? 10 : 20) + static_cast<int>(slept));
-    });
+    const pid_t child = StartUpTo([&] { return !Exists(lock); },
+                                  [&] {
+                                      LockFile refused(name, 1);
+                                      _exit((refused.Locked() ? 10 : 20) + static_cast<int>(slept));
+                                  });
     if (child == -1)
         GTEST_SKIP() << "the host refuses tracing";
     ASSERT_GT(child, 0);

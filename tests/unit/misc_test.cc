@@ -253,10 +253,10 @@ TEST_F(RedirectTest, AFileThatDoesNotOpen)
 TEST_F(RedirectTest, ADescriptorThatCannotBeRedirected)
 {
     // The system has no descriptors from the limit on.
-    for (const auto& [limit, text] : std::vector<std::pair<rlim_t, std::string>>{
-             {0, "Error opening log file.: Too many open files\n"},
-             {1, "Error redirecting stdout.: Bad file descriptor\n"},
-             {2, "Error redirecting stderr.: Bad file descriptor\n"}}) {
+    for (const auto& [limit, text] :
+         std::vector<std::pair<rlim_t, std::string>>{{0, "Error opening log file.: Too many open files\n"},
+                                                     {1, "Error redirecting stdout.: Bad file descriptor\n"},
+                                                     {2, "Error redirecting stderr.: Bad file descriptor\n"}}) {
         const rlimit few = {limit, limit};
         const ChildResult child = RunInChild([few, name = log.c_str()] {
             setrlimit(RLIMIT_NOFILE, &few);
@@ -449,8 +449,8 @@ TEST_F(DaemonTest, WithoutALogFileNothingIsOpen)
     const ChildResult child = RunDaemon([&] {
         const short result = daemonize(nullptr, 0);
         const int error = errno;
-        WriteFile(told, std::to_string(result) + " " + std::to_string(error) + " " +
-                            std::to_string(NumberOfOpenFiles()));
+        WriteFile(told,
+                  std::to_string(result) + " " + std::to_string(error) + " " + std::to_string(NumberOfOpenFiles()));
     });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.out + child.err, "");

@@ -92,15 +92,15 @@ std::string DumpedState()
 std::string ObjectDump(long tag, const std::string& text)
 {
     const std::string number = std::to_string(tag);
-    return "\n\n*** Begin dump of object tag: " + number + "\n" + text + "\n*** End dump of object tag:   " + number
-        + "\n";
+    return "\n\n*** Begin dump of object tag: " + number + "\n" + text + "\n*** End dump of object tag:   " + number +
+           "\n";
 }
 
 std::string StateDump(long first, long last, long resident, const std::string& objects)
 {
-    return "Monitored Objects: \nFirst tag: " + std::to_string(first) + "\nLast tag:  " + std::to_string(last)
-        + "\nTotal still resident: " + std::to_string(resident) + "\n*** Dump of all Monitored Objects ***\n" + objects
-        + "*** End Dump of all Monitored Objects ***\n";
+    return "Monitored Objects: \nFirst tag: " + std::to_string(first) + "\nLast tag:  " + std::to_string(last) +
+           "\nTotal still resident: " + std::to_string(resident) + "\n*** Dump of all Monitored Objects ***\n" +
+           objects + "*** End Dump of all Monitored Objects ***\n";
 }
 
 // Objects constructed before main and destroyed after it, on demand: see StaticObjects.
@@ -137,7 +137,10 @@ void BecomeProgram(const std::string& name)
     ProgInfo::Initialize(3, argv, envp, "1.0");
 }
 
-std::string CrashFile(const std::string& name) { return kDirectory + "/" + name + ".sig"; }
+std::string CrashFile(const std::string& name)
+{
+    return kDirectory + "/" + name + ".sig";
+}
 
 struct Crash {
     ChildResult child;
@@ -192,8 +195,8 @@ std::string WithoutSanitizer(const std::string& text)
     std::string kept;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);)
-        if (line.compare(0, 2, "==") != 0 && line.find("False positive error reports") == std::string::npos
-            && line.find("For details see https://github.com/google/sanitizers") == std::string::npos)
+        if (line.compare(0, 2, "==") != 0 && line.find("False positive error reports") == std::string::npos &&
+            line.find("For details see https://github.com/google/sanitizers") == std::string::npos)
             kept += line + "\n";
     return kept;
 }
@@ -215,8 +218,8 @@ Crash CrashAs(const std::string& name, const std::function<void()>& body)
 // What every capture that goes well says on standard error.
 std::string CaptureMessages(const std::string& name, int sig)
 {
-    return "\n\nError: DATE. SIGNAL " + std::to_string(sig)
-        + " detected....\nCall trace and dump of monitored objects in " + CrashFile(name) + "\n";
+    return "\n\nError: DATE. SIGNAL " + std::to_string(sig) +
+           " detected....\nCall trace and dump of monitored objects in " + CrashFile(name) + "\n";
 }
 
 std::string Skipped(int sig)
@@ -226,7 +229,7 @@ std::string Skipped(int sig)
 
 // The parts of one report of a crash file.
 struct Report {
-    std::string heading;                                        // up to the registers
+    std::string heading; // up to the registers
     std::vector<std::pair<std::string, unsigned long>> registers;
     std::vector<std::pair<unsigned long, unsigned long>> frames; // bp and ip
     unsigned long stackStart = 0, stackSize = 0;
@@ -243,7 +246,10 @@ struct Report {
     }
 };
 
-unsigned long Hex(const std::string& text) { return std::stoul(text, nullptr, 16); }
+unsigned long Hex(const std::string& text)
+{
+    return std::stoul(text, nullptr, 16);
+}
 
 class Lines {
 public:
@@ -329,8 +335,8 @@ Report Parse(const std::string& text)
 
 std::string Heading(const std::string& name, int sig)
 {
-    return "\nDATE. SIGNAL " + std::to_string(sig) + " detected. ProgInfo=/opt/orv/bin/" + name
-        + " -d two words \n\n......initiating dump...\n\n";
+    return "\nDATE. SIGNAL " + std::to_string(sig) + " detected. ProgInfo=/opt/orv/bin/" + name +
+           " -d two words \n\n......initiating dump...\n\n";
 }
 
 const std::vector<std::string> kLabels = {"SS",  "UESP", "EFL", "CS",  "EIP", "ERR", "TRAPNO", "EAX", "ECX", "EDX",
@@ -362,7 +368,10 @@ std::string CheckReport(const std::string& text, const std::string& name, int si
 
 int* volatile nowhere = nullptr; // not for the compiler to see
 
-UNCHECKED void WriteToNull() { *nowhere = 1; }
+UNCHECKED void WriteToNull()
+{
+    *nowhere = 1;
+}
 
 UNCHECKED void WriteBehindAFile()
 {
@@ -374,7 +383,10 @@ UNCHECKED void WriteBehindAFile()
 
 volatile int dividend = 7, zero = 0, quotient;
 
-UNCHECKED void DivideByZero() { quotient = dividend / zero; }
+UNCHECKED void DivideByZero()
+{
+    quotient = dividend / zero;
+}
 
 UNCHECKED int Overflow(int n);
 int (*volatile overflowAgain)(int) = Overflow;
@@ -400,7 +412,10 @@ struct Fault {
     bool aboveFrames; // the frame pointer at the fault is that of a function compiled with frame pointers
 };
 
-void PrintTo(const Fault& fault, std::ostream* os) { *os << fault.name; }
+void PrintTo(const Fault& fault, std::ostream* os)
+{
+    *os << fault.name;
+}
 
 const Fault kFaults[] = {
     {"segv", SIGSEGV, WriteToNull, true},
@@ -447,9 +462,8 @@ TEST(MonitoredObject, TagsGrowFromZeroAndTheDumpNamesTheResidents)
     const std::string none = "Monitored Objects: \nNo objects currently being monitored...\n";
     const std::string one = ObjectDump(0, "not avail\n"), two = ObjectDump(1, "probe two\n"),
                       three = ObjectDump(2, "probe three\n");
-    EXPECT_EQ(result.out,
-              none + StateDump(0, 2, 3, one + two + three) + StateDump(0, 2, 2, one + three) + none
-                  + StateDump(3, 3, 1, ObjectDump(3, "not avail\n")));
+    EXPECT_EQ(result.out, none + StateDump(0, 2, 3, one + two + three) + StateDump(0, 2, 2, one + three) + none +
+                              StateDump(3, 3, 1, ObjectDump(3, "not avail\n")));
 }
 
 TEST(MonitoredObject, ACopyIsANewObjectAndAnAssignmentIsNot)
@@ -477,9 +491,8 @@ TEST(MonitoredObject, StaticObjects)
     EXPECT_EQ(result.exitCode, 0);
     const size_t dump = result.out.find("Monitored Objects:");
     ASSERT_NE(dump, std::string::npos) << result.out;
-    EXPECT_EQ(result.out.substr(dump),
-              StateDump(0, 0, 1, ObjectDump(0, "not avail\n"))
-                  + "Monitored Objects: \nNo objects currently being monitored...\n");
+    EXPECT_EQ(result.out.substr(dump), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")) +
+                                           "Monitored Objects: \nNo objects currently being monitored...\n");
 }
 
 TEST(MonitoredObject, TheArrayRefersAndPrintsItsName)
@@ -489,9 +502,8 @@ TEST(MonitoredObject, TheArrayRefersAndPrintsItsName)
         array.SetPurgeMode(1);
         array.print(std::cout);
     });
-    EXPECT_EQ(result.out,
-              "SafeArray(MonitoredObject)***************\n********** Capacity =0\n********** Quantity =0\n"
-              "********** This SafeArray is NOT purgable.\n");
+    EXPECT_EQ(result.out, "SafeArray(MonitoredObject)***************\n********** Capacity =0\n********** Quantity =0\n"
+                          "********** This SafeArray is NOT purgable.\n");
 }
 
 TEST(MonitoredObject, ManyObjects)
@@ -537,8 +549,8 @@ TEST(MonitoredObject, TheDumpStateFileNameIsACopy)
 
 // --- Handlers ----------------------------------------------------------------------------------------------------
 
-const int kHandled[] = {SIGTERM, SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE, SIGXFSZ, SIGXCPU, SIGABRT,
-                        SIGILL,  SIGBUS,  SIGSEGV, SIGSYS,  SIGFPE,  SIGTRAP, SIGUSR2, SIGUSR1};
+const int kHandled[] = {SIGTERM, SIGHUP, SIGINT,  SIGQUIT, SIGPIPE, SIGXFSZ, SIGXCPU, SIGABRT,
+                        SIGILL,  SIGBUS, SIGSEGV, SIGSYS,  SIGFPE,  SIGTRAP, SIGUSR2, SIGUSR1};
 
 // The signals with a handler.
 std::vector<int> Handled()
@@ -710,14 +722,16 @@ TEST(DumpAndContinue, WithNoObjectsLeft)
     TemporaryDirectory directory;
     const std::string name = directory.File("state");
     const ChildResult result = RunInChild([&] {
-        { MonitoredObject object; }
+        {
+            MonitoredObject object;
+        }
         MonitoredObject::SetDumpStateFileName(name.c_str());
         raise(SIGUSR1);
     });
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(ReadFile(name),
-              "SIGNAL " + std::to_string(SIGUSR1)
-                  + " caught...initiating dump...\nMonitored Objects: \nNo objects currently being monitored...\n");
+              "SIGNAL " + std::to_string(SIGUSR1) +
+                  " caught...initiating dump...\nMonitored Objects: \nNo objects currently being monitored...\n");
 }
 
 TEST(DumpAndContinue, InterruptsACallAndSurvivesABurst)
@@ -769,9 +783,9 @@ TEST_P(CaptureFault, LeavesAReportAndACore)
     EXPECT_EQ(crash.child.signal, SIGABRT);
     EXPECT_EQ(crash.child.out, "");
     const std::string number = std::to_string(fault.sig);
-    EXPECT_EQ(crash.err,
-              CaptureMessages(name, fault.sig) + "SigTermProc(" + number + ") of one\nSigTermProc(" + number
-                  + ") of two\nSigRestartProc(" + number + ") of one\nSigRestartProc(" + number + ") of two\n");
+    EXPECT_EQ(crash.err, CaptureMessages(name, fault.sig) + "SigTermProc(" + number + ") of one\nSigTermProc(" +
+                             number + ") of two\nSigRestartProc(" + number + ") of one\nSigRestartProc(" + number +
+                             ") of two\n");
     EXPECT_EQ(CheckReport(crash.report, name, fault.sig),
               StateDump(0, 1, 2, ObjectDump(0, "probe one\n") + ObjectDump(1, "probe two\n")));
     if (fault.aboveFrames) {
@@ -799,8 +813,8 @@ TEST_F(Capture, AnOverflowOfTheStack)
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
     const std::string number = std::to_string(SIGSEGV);
-    EXPECT_EQ(crash.err, CaptureMessages("overflow", SIGSEGV) + "SigTermProc(" + number + ") of one\nSigRestartProc("
-                  + number + ") of one\n");
+    EXPECT_EQ(crash.err, CaptureMessages("overflow", SIGSEGV) + "SigTermProc(" + number + ") of one\nSigRestartProc(" +
+                             number + ") of one\n");
     EXPECT_EQ(CheckReport(crash.report, "overflow", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "probe one\n")));
     const Report report = Parse(crash.report);
     EXPECT_GT(report.frames.size(), 100u);
@@ -966,10 +980,10 @@ TEST_F(Capture, AFaultInAnObjectsDumpIsSkipped)
                 for (const char* object : {"one", "two", "three"})
                     messages += operation + number + ") of " + object + "\n";
             EXPECT_EQ(crash.err, messages);
-            const std::string whole = StateDump(
-                0, 2, 3, ObjectDump(0, "probe one\n") + "\n\n*** Begin dump of object tag: 1\nbegun\n");
-            EXPECT_EQ(CheckReport(crash.report, name, sig),
-                      whole.substr(0, whole.rfind("*** End Dump of all"))) << name;
+            const std::string whole =
+                StateDump(0, 2, 3, ObjectDump(0, "probe one\n") + "\n\n*** Begin dump of object tag: 1\nbegun\n");
+            EXPECT_EQ(CheckReport(crash.report, name, sig), whole.substr(0, whole.rfind("*** End Dump of all")))
+                << name;
             unlink(CrashFile(name).c_str());
         }
 }
@@ -977,8 +991,7 @@ TEST_F(Capture, AFaultInAnObjectsDumpIsSkipped)
 TEST_F(Capture, TheSameSignalAgainEndsTheProcess)
 {
     const std::string number = std::to_string(SIGSEGV);
-    const std::string exit
-        = "Error Exit. SIGNAL " + number + " detected while processing SIGNAL " + number + ".\n";
+    const std::string exit = "Error Exit. SIGNAL " + number + " detected while processing SIGNAL " + number + ".\n";
     const Crash inTerm = CrashAs("again", [] {
         Probe one("one"), two("two");
         two.onTerm = [](int) { WriteToNull(); };
@@ -1009,8 +1022,8 @@ TEST_F(Capture, TheSameSignalAgainEndsTheProcess)
         abort();
     });
     EXPECT_EQ(inDump.child.signal, SIGABRT);
-    EXPECT_EQ(inDump.err, CaptureMessages("again", SIGABRT) + "Error Exit. SIGNAL " + aborted
-                  + " detected while processing SIGNAL " + aborted + ".\n");
+    EXPECT_EQ(inDump.err, CaptureMessages("again", SIGABRT) + "Error Exit. SIGNAL " + aborted +
+                              " detected while processing SIGNAL " + aborted + ".\n");
     const std::string objects = CheckReport(inDump.report, "again", SIGABRT);
     const std::string end = ObjectDump(0, "probe one\n") + "\n\n*** Begin dump of object tag: 1\nbegun\n";
     ASSERT_GE(objects.size(), end.size());
@@ -1028,8 +1041,8 @@ TEST_F(Capture, AnotherSignalDuringTheCapture)
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
     const std::string number = std::to_string(SIGABRT);
-    EXPECT_EQ(crash.err, CaptureMessages("nested", SIGSEGV) + CaptureMessages("nested", SIGABRT) + "Error Exit. SIGNAL "
-                  + number + " detected while processing SIGNAL " + number + ".\n");
+    EXPECT_EQ(crash.err, CaptureMessages("nested", SIGSEGV) + CaptureMessages("nested", SIGABRT) +
+                             "Error Exit. SIGNAL " + number + " detected while processing SIGNAL " + number + ".\n");
     const std::string heading = "\nDATE. SIGNAL ";
     const size_t nested = crash.report.find(heading, 1);
     ASSERT_NE(nested, std::string::npos);
@@ -1054,8 +1067,8 @@ TEST_F(Capture, ACrashWithinAMinuteIsCutShortWhenThereIsADumpStateFile)
     WriteFile(name, "earlier\n");
     const Crash cut = crash(true);
     EXPECT_EQ(cut.child.signal, SIGABRT);
-    EXPECT_EQ(cut.err, "\n\nError: DATE. SIGNAL " + number + " detected....\nHandle of signal " + number
-                  + " exit: Previous sighandler probably failed.\n");
+    EXPECT_EQ(cut.err, "\n\nError: DATE. SIGNAL " + number + " detected....\nHandle of signal " + number +
+                           " exit: Previous sighandler probably failed.\n");
     EXPECT_EQ(cut.report, "earlier\n");
 
     EXPECT_EQ(crash(false).err, CaptureMessages("loops", SIGSEGV)) << "not without a dump-state file";
@@ -1098,8 +1111,8 @@ TEST_F(Capture, ALargeFileIsMovedAway)
         const Crash crash = CrashAs("large", body);
         EXPECT_EQ(crash.child.signal, SIGABRT);
         const std::string number = std::to_string(SIGSEGV);
-        EXPECT_EQ(crash.err, "\n\nError: DATE. SIGNAL " + number + " detected....\n/usr/bin/mv " + name + " " + name
-                      + ".old\nCall trace and dump of monitored objects in " + name + "\n");
+        EXPECT_EQ(crash.err, "\n\nError: DATE. SIGNAL " + number + " detected....\n/usr/bin/mv " + name + " " + name +
+                                 ".old\nCall trace and dump of monitored objects in " + name + "\n");
         EXPECT_EQ(ReadFile(name + ".old"), content);
         EXPECT_EQ(CheckReport(crash.report, "large", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "probe object\n")));
     }
@@ -1113,7 +1126,9 @@ TEST_F(Capture, ALargeFileIsMovedAwayWithNoObjectsLeft)
     const std::string name = CrashFile("none left");
     WriteFile(name, std::string(70000, 'y'));
     const Crash crash = CrashAs("none left", [] {
-        { MonitoredObject object; }
+        {
+            MonitoredObject object;
+        }
         WriteToNull();
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
@@ -1135,8 +1150,8 @@ TEST_F(Capture, AProgramWithoutAName)
     EXPECT_EQ(WithoutDates(WithoutSanitizer(result.err)), CaptureMessages("mobject", SIGSEGV));
     const Report report = Parse(WithoutDates(ReadFile(CrashFile("mobject"))));
     EXPECT_EQ(report.problem, "");
-    EXPECT_EQ(report.heading, "\nDATE. SIGNAL " + std::to_string(SIGSEGV)
-                  + " detected. ProgInfo=\n\n......initiating dump...\n\n");
+    EXPECT_EQ(report.heading,
+              "\nDATE. SIGNAL " + std::to_string(SIGSEGV) + " detected. ProgInfo=\n\n......initiating dump...\n\n");
     unlink(CrashFile("mobject").c_str());
 }
 
@@ -1153,8 +1168,8 @@ TEST_F(Capture, ACrashFileThatCannotBeOpened)
         WriteToNull();
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
-    EXPECT_EQ(crash.err, CaptureMessages("no-open", SIGSEGV)
-                  + Left(SIGSEGV, std::string("open of sighandler file failed. ") + strerror(EISDIR)));
+    EXPECT_EQ(crash.err, CaptureMessages("no-open", SIGSEGV) +
+                             Left(SIGSEGV, std::string("open of sighandler file failed. ") + strerror(EISDIR)));
     rmdir(CrashFile("no-open").c_str());
 }
 
@@ -1166,8 +1181,8 @@ TEST_F(Capture, ACrashFileThatCannotBeWritten)
         WriteToNull();
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
-    EXPECT_EQ(crash.err, CaptureMessages("no-write", SIGSEGV)
-                  + Left(SIGSEGV, std::string("write of sighandler file failed. ") + strerror(ENOSPC)));
+    EXPECT_EQ(crash.err, CaptureMessages("no-write", SIGSEGV) +
+                             Left(SIGSEGV, std::string("write of sighandler file failed. ") + strerror(ENOSPC)));
     unlink(CrashFile("no-write").c_str());
 }
 
@@ -1183,8 +1198,8 @@ TEST_F(Capture, ACrashFileThatFillsUp)
     EXPECT_EQ(crash.child.err.find("SigTermProc"), std::string::npos);
     EXPECT_EQ(crash.report.size(), 600 - std::string("01/01/2000 00:00:00").size() + 4);
     // The messages are beyond 600 bytes of a file as well: what standard error shows depends on its size.
-    EXPECT_EQ(crash.err, CaptureMessages("fills-up", SIGSEGV)
-                  + Left(SIGSEGV, "write of " + CrashFile("fills-up") + " file failed. " + strerror(EFBIG)));
+    EXPECT_EQ(crash.err, CaptureMessages("fills-up", SIGSEGV) +
+                             Left(SIGSEGV, "write of " + CrashFile("fills-up") + " file failed. " + strerror(EFBIG)));
     unlink(CrashFile("fills-up").c_str());
 }
 
@@ -1201,8 +1216,8 @@ TEST_F(Capture, RequestsToEndDoNotDisturbIt)
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
     const std::string number = std::to_string(SIGSEGV);
-    EXPECT_EQ(crash.err, CaptureMessages("disturbed", SIGSEGV) + "SigTermProc(" + number + ") of one\nSigRestartProc("
-                  + number + ") of one\n");
+    EXPECT_EQ(crash.err, CaptureMessages("disturbed", SIGSEGV) + "SigTermProc(" + number + ") of one\nSigRestartProc(" +
+                             number + ") of one\n");
     EXPECT_EQ(CheckReport(crash.report, "disturbed", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "dumped\n")));
     unlink(CrashFile("disturbed").c_str());
 }
@@ -1242,8 +1257,7 @@ TEST_F(Capture, StandardErrorIsUsedWhateverItsState)
 // A page between two that cannot be touched.
 class GuardedPage {
 public:
-    GuardedPage()
-        : memory(static_cast<char*>(mmap(nullptr, 3 * 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)))
+    GuardedPage() : memory(static_cast<char*>(mmap(nullptr, 3 * 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)))
     {
         mprotect(memory + 4096, 4096, PROT_READ | PROT_WRITE);
     }
@@ -1281,12 +1295,16 @@ TEST(DumpMem, RowsOfWordsAndCharacters)
 {
     GuardedPage page;
     char* p = page.Start();
-    memcpy(p, "\x01\x02\x03\x04" "ABCD" "\xc1\xe2\xff\x7f" "\0 ~\x9f", 16);
+    memcpy(p,
+           "\x01\x02\x03\x04"
+           "ABCD"
+           "\xc1\xe2\xff\x7f"
+           "\0 ~\x9f",
+           16);
     memcpy(p + 16, "abcdefghijklmnop", 16);
-    EXPECT_EQ(Dumped(p, 32, "Text"),
-              "Text: 0x" + At(p) + " -- [size 32[0x20] bytes]\n" + At(p)
-                  + ": 04030201 44434241 7fffe2c1 9f7e2000 [    ABCDAb    ~ ]\n" + At(p + 16)
-                  + ": 64636261 68676665 6c6b6a69 706f6e6d [abcdefghijklmnop]\n");
+    EXPECT_EQ(Dumped(p, 32, "Text"), "Text: 0x" + At(p) + " -- [size 32[0x20] bytes]\n" + At(p) +
+                                         ": 04030201 44434241 7fffe2c1 9f7e2000 [    ABCDAb    ~ ]\n" + At(p + 16) +
+                                         ": 64636261 68676665 6c6b6a69 706f6e6d [abcdefghijklmnop]\n");
 }
 
 TEST(DumpMem, EqualRowsAreCounted)
@@ -1299,38 +1317,41 @@ TEST(DumpMem, EqualRowsAreCounted)
     memset(p + 128, 'A', 15);
     const std::string as = ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n";
     EXPECT_EQ(Dumped(p, 144, "Rows"),
-              "Rows: 0x" + At(p) + " -- [size 144[0x90] bytes]\n\t dup 2 line(s)\n" + At(p + 32) + as
-                  + "\t dup 3 line(s)\n" + At(p + 96) + ": 42424242 42424242 42424242 42424242 [BBBBBBBBBBBBBBBB]\n"
-                  + At(p + 112) + as + At(p + 128) + ": 41414141 41414141 41414141 00414141 [AAAAAAAAAAAAAAA ]\n");
+              "Rows: 0x" + At(p) + " -- [size 144[0x90] bytes]\n\t dup 2 line(s)\n" + At(p + 32) + as +
+                  "\t dup 3 line(s)\n" + At(p + 96) + ": 42424242 42424242 42424242 42424242 [BBBBBBBBBBBBBBBB]\n" +
+                  At(p + 112) + as + At(p + 128) + ": 41414141 41414141 41414141 00414141 [AAAAAAAAAAAAAAA ]\n");
 }
 
 TEST(DumpMem, ARegionThatEndsInARunShowsTheNextRow)
 {
     GuardedPage page;
     char* p = page.Start();
-    EXPECT_EQ(Dumped(p, 64, "Zero"), "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64)
-                  + kZeroRow);
+    EXPECT_EQ(Dumped(p, 64, "Zero"),
+              "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64) + kZeroRow);
     memset(p + 64, 'A', 64);
-    EXPECT_EQ(Dumped(p, 64, "Zero"), "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64)
-                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
-    EXPECT_EQ(Dumped(p + 64, 32, "Run"), "Run: 0x" + At(p + 64) + " -- [size 32[0x20] bytes]\n" + At(p + 64)
-                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 1 line(s)\n" + At(p + 96)
-                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
+    EXPECT_EQ(Dumped(p, 64, "Zero"), "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64) +
+                                         ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
+    EXPECT_EQ(Dumped(p + 64, 32, "Run"),
+              "Run: 0x" + At(p + 64) + " -- [size 32[0x20] bytes]\n" + At(p + 64) +
+                  ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 1 line(s)\n" + At(p + 96) +
+                  ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
 }
 
 TEST(DumpMem, TheRowPastTheMemoryIsShownAsZero)
 {
     GuardedPage page;
     char* p = page.End() - 64;
-    EXPECT_EQ(Dumped(p, 64, "Last"), "Last: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n"
-                  + At(page.End()) + kZeroRow);
+    EXPECT_EQ(Dumped(p, 64, "Last"),
+              "Last: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(page.End()) + kZeroRow);
     memset(p, 'A', 56); // the next row is only partly there
-    EXPECT_EQ(Dumped(p + 8, 32, "Part"), "Part: 0x" + At(p + 8) + " -- [size 32[0x20] bytes]\n" + At(p + 8)
-                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 1 line(s)\n" + At(p + 40)
-                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
-    EXPECT_EQ(Dumped(p + 8, 48, "Edge"), "Edge: 0x" + At(p + 8) + " -- [size 48[0x30] bytes]\n" + At(p + 8)
-                  + ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 2 line(s)\n" + At(p + 56)
-                  + kZeroRow);
+    EXPECT_EQ(Dumped(p + 8, 32, "Part"),
+              "Part: 0x" + At(p + 8) + " -- [size 32[0x20] bytes]\n" + At(p + 8) +
+                  ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 1 line(s)\n" + At(p + 40) +
+                  ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
+    EXPECT_EQ(Dumped(p + 8, 48, "Edge"),
+              "Edge: 0x" + At(p + 8) + " -- [size 48[0x30] bytes]\n" + At(p + 8) +
+                  ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 2 line(s)\n" + At(p + 56) +
+                  kZeroRow);
 }
 
 TEST(DumpMem, ALongRegion)
@@ -1338,9 +1359,9 @@ TEST(DumpMem, ALongRegion)
     GuardedPage page;
     memset(page.Start(), 'x', 4096);
     EXPECT_EQ(Dumped(page.Start(), 4096, "Stack"),
-              "Stack: 0x" + At(page.Start()) + " -- [size 4096[0x1000] bytes]\n" + At(page.Start())
-                  + ": 78787878 78787878 78787878 78787878 [xxxxxxxxxxxxxxxx]\n\t dup 255 line(s)\n" + At(page.End())
-                  + kZeroRow);
+              "Stack: 0x" + At(page.Start()) + " -- [size 4096[0x1000] bytes]\n" + At(page.Start()) +
+                  ": 78787878 78787878 78787878 78787878 [xxxxxxxxxxxxxxxx]\n\t dup 255 line(s)\n" + At(page.End()) +
+                  kZeroRow);
 }
 
 } // namespace

@@ -41,7 +41,10 @@ struct Pointers : SafeArrayBase {
 };
 
 char bytes[Ceiling + 1];
-void* P(unsigned i) { return bytes + i; }
+void* P(unsigned i)
+{
+    return bytes + i;
+}
 
 std::vector<void*> Contents(const SafeArrayBase& a)
 {
@@ -123,7 +126,8 @@ TEST(AssertionsOff, ANullElementIsStoredAndPointedOut)
                         "NULL SafeArray entry\n"
                         "****SafeArray(CString)[1] address = 0\n"
                         "NULL SafeArray entry\n"
-                        "****SafeArray(CString)[2] address = " + address.str() + "\n");
+                        "****SafeArray(CString)[2] address = " +
+                            address.str() + "\n");
 
     CStringSafeArray copy(a);
     ASSERT_EQ(copy.Quantity(), 1u) << "there is nothing to copy in a null element";

@@ -171,9 +171,9 @@ TEST(ProgInfoBeforeInitialize, NamesAreNullAndTextsEmpty)
     EXPECT_EQ(ProgInfo::GetLongVersion(), ": v(P) [" + Node() + "]");
     EXPECT_EQ(ShowWithoutHeapSize(), std::string(Dashes) + "Program Information\n" + Dashes +
                                          "Program Name:      \nFull Program Name: \nVersion:           \n"
-                                         "Long Version:      : v(P) [" + Node() + "]\n" + HostLines() + Dashes +
-                                         "Command Line Parameters\n" + Dashes + Dashes + Dashes + "Environment:\n" +
-                                         Dashes + Dashes);
+                                         "Long Version:      : v(P) [" +
+                                         Node() + "]\n" + HostLines() + Dashes + "Command Line Parameters\n" + Dashes +
+                                         Dashes + Dashes + "Environment:\n" + Dashes + Dashes);
 }
 
 TEST(ProgInfoTest, Names)
@@ -320,8 +320,8 @@ TEST(ProgInfoTest, ShowsItWhole)
                                          "Program Name:      orvd\n"
                                          "Full Program Name: /opt/orv/bin/orvd\n"
                                          "Version:           $Revision: 1.7 $\n"
-                                         "Long Version:      /opt/orv/bin/orvd: v1.7 (P) [" + Node() + "]\n" +
-                                         HostLines() + Dashes + "Command Line Parameters\n" + Dashes +
+                                         "Long Version:      /opt/orv/bin/orvd: v1.7 (P) [" +
+                                         Node() + "]\n" + HostLines() + Dashes + "Command Line Parameters\n" + Dashes +
                                          "argv[0]: /opt/orv/bin/orvd\nargv[1]: -d\nargv[2]: \n" + Dashes + Dashes +
                                          "Environment:\n" + Dashes + "HOME=/home/ops\nX\n" + Dashes);
     Initialize("orvd", nullptr);

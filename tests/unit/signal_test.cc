@@ -19,8 +19,13 @@ volatile sig_atomic_t depth = 0;
 volatile sig_atomic_t deepest = 0;
 volatile sig_atomic_t defaultInHandler = 0;
 
-void Count(int) { seen = seen + 1; }
-void Other(int) {}
+void Count(int)
+{
+    seen = seen + 1;
+}
+void Other(int)
+{
+}
 
 void LookAtDisposition(int sig)
 {

@@ -300,9 +300,10 @@ TEST_F(MachineTest, AnUnknownStateIsReportedAndTheFirstStandsIn)
     });
     EXPECT_EQ(reports, Warning(InvalidState, "Invalid state: nosuch%s") + Warning(InvalidState, "Invalid state: "));
     EXPECT_EQ(Reports([&] {
-        EXPECT_STREQ(machine.GetState("a").Abbrev(), "a");
-        machine.GetState("a").SetName("Renamed"); // it is the machine's own state
-    }), "");
+                  EXPECT_STREQ(machine.GetState("a").Abbrev(), "a");
+                  machine.GetState("a").SetName("Renamed"); // it is the machine's own state
+              }),
+              "");
     EXPECT_STREQ(machine.GetState("a").Name(), "Renamed");
 }
 
@@ -318,11 +319,12 @@ TEST_F(MachineTest, ListedMovesAreValidVisibleOrNot)
     machine.AddTransition(a, a, 0);
     State titled("a", "Other");
     EXPECT_EQ(Reports([&] {
-        EXPECT_EQ(machine.ValidTransition(a, b), 1);
-        EXPECT_EQ(machine.ValidTransition(a, c), 1);
-        EXPECT_EQ(machine.ValidTransition(a, a), 1);
-        EXPECT_EQ(machine.ValidTransition(titled, b), 1);
-    }), "");
+                  EXPECT_EQ(machine.ValidTransition(a, b), 1);
+                  EXPECT_EQ(machine.ValidTransition(a, c), 1);
+                  EXPECT_EQ(machine.ValidTransition(a, a), 1);
+                  EXPECT_EQ(machine.ValidTransition(titled, b), 1);
+              }),
+              "");
 }
 
 TEST_F(MachineTest, ARefusedMoveToAnotherStateIsNotReported)
@@ -330,11 +332,12 @@ TEST_F(MachineTest, ARefusedMoveToAnotherStateIsNotReported)
     machine.AddTransition(a, b, 1);
     const int count = ErrorReporter::GetErrorCount();
     EXPECT_EQ(Reports([&] {
-        EXPECT_EQ(machine.ValidTransition(b, a), 0);
-        EXPECT_EQ(machine.ValidTransition(a, d), 0);
-        EXPECT_EQ(machine.ValidTransition(waiting, a), 0);
-        EXPECT_EQ(machine.ValidTransition(a, waiting), 0);
-    }), "");
+                  EXPECT_EQ(machine.ValidTransition(b, a), 0);
+                  EXPECT_EQ(machine.ValidTransition(a, d), 0);
+                  EXPECT_EQ(machine.ValidTransition(waiting, a), 0);
+                  EXPECT_EQ(machine.ValidTransition(a, waiting), 0);
+              }),
+              "");
     EXPECT_EQ(ErrorReporter::GetErrorCount(), count);
 }
 

@@ -102,9 +102,9 @@ TEST_F(Strftime, EveryOtherConversionIsTheHosts)
 
 TEST_F(Strftime, ModifiersAndFlagsSurvive)
 {
-    for (const char* format : {"%Ey", "%EY", "%Ec", "%Ex", "%EX", "%Od", "%Oe", "%OH", "%Om", "%Oy", "%EC", "%OC",
-                               "%_d", "%-d", "%05d", "%^a", "%#Z", "%+4Y", "%10C", "%-C", "%_C", "%0EC", "%E%C",
-                               "%EE", "%EOC", "%E", "%5", "%_", "%5%C", "%_%C", "%-%C"}) {
+    for (const char* format : {"%Ey",  "%EY", "%Ec",  "%Ex",  "%EX", "%Od", "%Oe",  "%OH",  "%Om", "%Oy", "%EC",
+                               "%OC",  "%_d", "%-d",  "%05d", "%^a", "%#Z", "%+4Y", "%10C", "%-C", "%_C", "%0EC",
+                               "%E%C", "%EE", "%EOC", "%E",   "%5",  "%_",  "%5%C", "%_%C", "%-%C"}) {
         SCOPED_TRACE(format);
         EXPECT_EQ(Format(format), HostFormat(format));
         EXPECT_EQ(Format(std::string("%C ") + format), "Sat Nov 21 12:15:00 UTC 2026 " + HostFormat(format));

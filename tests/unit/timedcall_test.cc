@@ -10,7 +10,10 @@
 namespace {
 
 int seen = 0;
-void CountAlarm(int) { seen++; }
+void CountAlarm(int)
+{
+    seen++;
+}
 
 TEST(TimedCall, InterruptsACallThatBlocks)
 {

@@ -98,9 +98,7 @@ std::string RawRead(int fd)
 
 // A block for a call that names an address.
 struct Call : svr4::t_call {
-    explicit Call(int port = 0)
-        : svr4::t_call()
-        , address(Loopback(port))
+    explicit Call(int port = 0) : svr4::t_call(), address(Loopback(port))
     {
         addr = {sizeof address, sizeof address, reinterpret_cast<char*>(&address)};
     }
@@ -171,10 +169,12 @@ bool WaitForEvent(int fd, int event)
 // Waits until a reset has come, without taking it.
 bool WaitForReset(int fd)
 {
-    return WaitUntil([=] {
-        struct pollfd broken = {fd, 0, 0};
-        return poll(&broken, 1, 0) == 1 && (broken.revents & POLLERR) != 0;
-    }, 5);
+    return WaitUntil(
+        [=] {
+            struct pollfd broken = {fd, 0, 0};
+            return poll(&broken, 1, 0) == 1 && (broken.revents & POLLERR) != 0;
+        },
+        5);
 }
 
 #define EXPECT_TLI_ERROR(code, call)                                                                                   \
@@ -195,7 +195,10 @@ protected:
 // -- Signals --
 
 volatile sig_atomic_t alarms = 0;
-void CountAlarm(int) { alarms = alarms + 1; }
+void CountAlarm(int)
+{
+    alarms = alarms + 1;
+}
 
 // Lets SIGALRM come again and again, to a handler that asks for a restart.
 class Interrupting {
@@ -267,17 +270,17 @@ TEST_F(Tli, ErrorsGoToStandardErrorOnALine)
     svr4::t_errno = svr4::TLOOK;
     errno = ENOENT;
     EXPECT_EQ(CaptureStderr([] { svr4::t_error("t_listen failed:"); }),
-        "t_listen failed:: An event requires attention\n");
+              "t_listen failed:: An event requires attention\n");
     EXPECT_EQ(CaptureStderr([] { svr4::t_error(nullptr); }), "An event requires attention\n");
     EXPECT_EQ(CaptureStderr([] { svr4::t_error(""); }), "An event requires attention\n");
     EXPECT_EQ(CaptureStdout([] { CaptureStderr([] { svr4::t_error("x"); }); }), "");
     svr4::t_errno = svr4::TSYSERR;
     EXPECT_EQ(CaptureStderr([] {
-        errno = EINTR;
-        svr4::t_error("100%s");
-        EXPECT_EQ(errno, EINTR);
-    }),
-        "100%s: System error: Interrupted system call\n");
+                  errno = EINTR;
+                  svr4::t_error("100%s");
+                  EXPECT_EQ(errno, EINTR);
+              }),
+              "100%s: System error: Interrupted system call\n");
 }
 
 // -- Opening --
@@ -799,8 +802,7 @@ TEST_F(Tli, AnEndpointIsNotConnectedToItself)
 
 // A listener whose queue is full, so that a connect waits.
 struct FullListener {
-    FullListener()
-        : fd(RawListener(0))
+    FullListener() : fd(RawListener(0))
     {
         for (int i = 0; i < 4; i++) {
             const int client = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);

@@ -242,8 +242,7 @@ TEST(UnixProcess, ANullVectorStopsTheProgram)
 {
     const ChildResult child = RunInChild([] { UnixProcess process(static_cast<const char**>(nullptr)); });
     EXPECT_EQ(child.signal, SIGABRT);
-    EXPECT_EQ(child.err.substr(0, child.err.find(", line")),
-              "Assertion failed: argv != NULL, file Misc/unixproc");
+    EXPECT_EQ(child.err.substr(0, child.err.find(", line")), "Assertion failed: argv != NULL, file Misc/unixproc");
 }
 
 // ---- A command that cannot be executed
@@ -738,8 +737,7 @@ TEST(UnixProcess, AForkThatFailsLeavesAnObjectWithoutAChild)
             GTEST_SKIP() << "no way to make fork fail here";
         EXPECT_EQ(child.out, "-1 -1 0\nDumping UnixProcess Object:\ncommand: </sbin/sh -c echo never>\n"
                              "process id: -1\nmaxwaittime: 5\nexit status: -1\n1");
-        ExpectReport(child.err, "System call fork() failed", ENOMEM,
-                     "fork failed attempting: /sbin/sh -c echo never");
+        ExpectReport(child.err, "System call fork() failed", ENOMEM, "fork failed attempting: /sbin/sh -c echo never");
         EXPECT_EQ(child.exitCode, 0);
     }
 }
@@ -983,8 +981,9 @@ TEST(UnixProcess, AProgramThatIsToldToEndTellsItsChildren)
 TEST(UnixProcess, DumpsItself)
 {
     UnixProcess process("exit 4", UnixProcess::leave_alone_at_destruction, 33);
-    const std::string text = "Dumping UnixProcess Object:\ncommand: </sbin/sh -c exit 4>\nprocess id: " +
-                             std::to_string(process.pid()) + "\nmaxwaittime: 33\n";
+    const std::string text =
+        "Dumping UnixProcess Object:\ncommand: </sbin/sh -c exit 4>\nprocess id: " + std::to_string(process.pid()) +
+        "\nmaxwaittime: 33\n";
     EXPECT_EQ(Dump(process), text);
     process.wait();
     EXPECT_EQ(Dump(process), text + "exit status: 4\n");
@@ -1128,8 +1127,8 @@ TEST_F(WaitForProcessToStart, LooksExactlyOnceWithATimeOf0)
 {
     const std::string name = CountingName(directory.File("n"));
     ASSERT_LE(name.size(), 48u);
-    const std::string out = CaptureStdout(
-        [&] { EXPECT_EQ(UnixProcess::WaitForProcessToStart(name.c_str(), 0, 5), 0); });
+    const std::string out =
+        CaptureStdout([&] { EXPECT_EQ(UnixProcess::WaitForProcessToStart(name.c_str(), 0, 5), 0); });
     EXPECT_EQ(ReadFile(directory.File("n")), "\n");
     EXPECT_EQ(out, "Waiting for process " + name + " to start...\nWaited a total of 0 seconds...\n" +
                        "Time expired waiting for " + name + " to start...\n");
@@ -1138,8 +1137,8 @@ TEST_F(WaitForProcessToStart, LooksExactlyOnceWithATimeOf0)
 TEST_F(WaitForProcessToStart, LooksEveryTwoSecondsUntilTheTimeIsReached)
 {
     const std::string name = CountingName(directory.File("n"));
-    const std::string out = CaptureStdout(
-        [&] { EXPECT_EQ(UnixProcess::WaitForProcessToStart(name.c_str(), 3, 0), 0); });
+    const std::string out =
+        CaptureStdout([&] { EXPECT_EQ(UnixProcess::WaitForProcessToStart(name.c_str(), 3, 0), 0); });
     EXPECT_EQ(ReadFile(directory.File("n")), "\n\n\n");
     EXPECT_EQ(out, "Waiting for process " + name + " to start...\nWaited a total of 4 seconds...\n" +
                        "Time expired waiting for " + name + " to start...\n");
@@ -1148,20 +1147,16 @@ TEST_F(WaitForProcessToStart, LooksEveryTwoSecondsUntilTheTimeIsReached)
 TEST_F(WaitForProcessToStart, FindsARunningProgramAtOnce)
 {
     UnixProcess process(Sleeper);
-    ASSERT_TRUE(WaitUntil([&] {
-        return ReadFile("/proc/" + std::to_string(process.pid()) + "/comm") == "sleep\n";
-    }));
-    const std::string out =
-        CaptureStdout([] { EXPECT_EQ(UnixProcess::WaitForProcessToStart("lee", 10, 1000), 1); });
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile("/proc/" + std::to_string(process.pid()) + "/comm") == "sleep\n"; }));
+    const std::string out = CaptureStdout([] { EXPECT_EQ(UnixProcess::WaitForProcessToStart("lee", 10, 1000), 1); });
     EXPECT_EQ(out, "Waiting for process lee to start...\nWaited a total of 0 seconds...\n");
 
     // The name is cut behind its 48th character.
     const std::string cut = "sleep" + std::string(43, ' ');
     MonitoredObject::SetDebugLevel(0);
     EXPECT_EQ(UnixProcess::WaitForProcessToStart((cut + "/no/such/file").c_str(), 0, 0), 1);
-    const std::string err = CaptureStderr([&] {
-        EXPECT_EQ(UnixProcess::WaitForProcessToStart((cut.substr(1) + "/no/such/file").c_str(), 0, 0), 0);
-    });
+    const std::string err = CaptureStderr(
+        [&] { EXPECT_EQ(UnixProcess::WaitForProcessToStart((cut.substr(1) + "/no/such/file").c_str(), 0, 0), 0); });
     EXPECT_EQ(err, "/usr/bin/grep: /: Is a directory\n");
     KillAndReap(process.pid());
 }
@@ -1175,8 +1170,7 @@ TEST_F(WaitForProcessToStart, FindsAProgramThatStartsLaterAndLetsItSettle)
     });
     struct timespec start, end;
     clock_gettime(CLOCK_MONOTONIC, &start);
-    const std::string out =
-        CaptureStdout([] { EXPECT_EQ(UnixProcess::WaitForProcessToStart("latecomer", 20, 2), 1); });
+    const std::string out = CaptureStdout([] { EXPECT_EQ(UnixProcess::WaitForProcessToStart("latecomer", 20, 2), 1); });
     clock_gettime(CLOCK_MONOTONIC, &end);
     EXPECT_EQ(out, "Waiting for process latecomer to start...\nWaited a total of 2 seconds...\n");
     EXPECT_GE(end.tv_sec - start.tv_sec, 3) << "two seconds of waiting and two to settle";
