@@ -8,9 +8,9 @@
 #include <fstream>
 #include <new>
 
+#include "Misc/detail/text.h"
 #include "Misc/nfstream.h"
 #include "Misc/proginfo.h"
-#include "Misc/text.h"
 
 [[maybe_unused]] static const char* ModuleId()
 {

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Misc/text.h"
+#include "Misc/detail/text.h"
 #include "svr4/gmatch.h"
 
 using zeloo::TextOrEmpty;

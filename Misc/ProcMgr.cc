@@ -8,9 +8,9 @@
 #include <sys/types.h>
 
 #include "Misc/Dates.h"
-#include "Misc/assertion.h"
+#include "Misc/detail/assertion.h"
+#include "Misc/detail/text.h"
 #include "Misc/mobject.h"
-#include "Misc/text.h"
 #include "Misc/unixproc.h"
 
 [[maybe_unused]] static const char* ModuleId()

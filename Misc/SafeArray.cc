@@ -8,7 +8,7 @@
 #include <search.h>
 
 #include "Misc/Error.h"
-#include "Misc/assertion.h"
+#include "Misc/detail/assertion.h"
 
 [[maybe_unused]] static const char* ModuleId()
 {

@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include "Misc/Dates.h"
+#include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
-#include "Misc/text.h"
 
 using zeloo::CopyText;
 using zeloo::NewText;

@@ -167,7 +167,8 @@ short ipc_send(int qid, long ToChannel, IPCQMessage* pmsg, long CheckPID, long M
 /// longer than 2000 bytes, shorter than its header or longer than what was sent of it is dropped with a report, and
 /// the wait goes on. Returns a code: 68, 69, 65, 60.
 short ipc_recv(int QId, long FromChannel, IPCQMessage* pmsg, long CheckPID, long MaxTimeToWait);
-/// The SIGALRM handler of every blocking call. It does nothing: its only effect is that the call fails with EINTR.
+
+/// A SIGALRM handler that does nothing: its only effect is that a call fails with EINTR.
 void sigalarm(int sig);
 
 /// An event that a process sends to itself.

@@ -8,9 +8,9 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include "Misc/detail/text.h"
 #include "Misc/fileinfo.h"
 #include "Misc/ipctli.h"
-#include "Misc/text.h"
 #include "svr4/process.h"
 #include "svr4/systeminfo.h"
 

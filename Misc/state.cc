@@ -4,8 +4,8 @@
 #include <cstring>
 #include <new>
 
-#include "Misc/assertion.h"
-#include "Misc/text.h"
+#include "Misc/detail/assertion.h"
+#include "Misc/detail/text.h"
 
 using zeloo::TextOrEmpty;
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "Misc/assertion.h"
+#include "Misc/detail/assertion.h"
 
 [[maybe_unused]] static const char* ModuleId()
 {

@@ -15,9 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Misc/assertion.h"
-#include "Misc/text.h"
-#include "Misc/timedcall.h"
+#include "Misc/detail/assertion.h"
+#include "Misc/detail/text.h"
+#include "Misc/detail/timedcall.h"
 #include "svr4/process.h"
 #include "svr4/signal.h"
 
@@ -147,7 +147,7 @@ static pid_t WaitForChild(pid_t pid, int* status, long limit)
     const pid_t ended = waitpid(pid, status, WNOHANG);
     if (ended != 0)
         return ended;
-    TimedCall timed(limit);
+    zeloo::TimedCall timed(limit);
     return waitpid(pid, status, 0);
 }
 
@@ -392,7 +392,7 @@ bool CollectedOutput::Grow(size_t size)
 // Collects what comes from `fd`, for at most `limit` seconds unless that is 0. False when the time ran out.
 static bool ReadToEnd(int fd, long limit, CollectedOutput& collected)
 {
-    std::optional<TimedCall> timed;
+    std::optional<zeloo::TimedCall> timed;
     if (limit != 0)
         timed.emplace(limit);
     for (;;) {

@@ -4,8 +4,8 @@ include(CMakePackageConfigHelpers)
 set(ZELOO_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zeloo)
 
 install(TARGETS zeloo zeloo_static EXPORT zelooTargets)
-install(DIRECTORY Misc DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zeloo FILES_MATCHING PATTERN *.h
-  PATTERN assertion.h EXCLUDE PATTERN mobject_dump.h EXCLUDE PATTERN text.h EXCLUDE PATTERN timedcall.h EXCLUDE)
+file(GLOB ZELOO_PUBLIC_HEADERS CONFIGURE_DEPENDS Misc/*.h) # what is private lies in folders
+install(FILES ${ZELOO_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zeloo/Misc)
 
 install(EXPORT zelooTargets NAMESPACE zeloo:: DESTINATION ${ZELOO_PACKAGE_DIR})
 configure_package_config_file(cmake/zelooConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/zelooConfig.cmake

@@ -9,6 +9,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "svr4/errno.h"
+#include "svr4/signal.h"
+
 [[maybe_unused]] static const char* ModuleId()
 {
     return "$Id: process.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
@@ -19,6 +22,15 @@ namespace svr4 {
 int setpgrp()
 {
     return static_cast<int>(setsid()); // the host's setpgrp makes a group only and keeps the terminal
+}
+
+int fork_held(void (*inChild)())
+{
+    const SignalsHeld held;
+    const pid_t pid = fork();
+    if (pid == 0)
+        inChild();
+    return pid;
 }
 
 int execvp(const char* file, char* const argv[])
@@ -67,11 +79,10 @@ static uintptr_t StartOfBreak()
 {
     static uintptr_t start = 0; // the same for the whole life of the process and for its forked children
     if (start == 0) {
-        const int savedErrno = errno;
+        const SavedErrno savedErrno;
         start = StatusField(47);
         if (start == 0 || start > CurrentBreak())
             start = breakAtLoad;
-        errno = savedErrno;
     }
     return start;
 }

@@ -8,6 +8,11 @@ namespace svr4 {
 /// controlling terminal. Returns the new group id, or -1 with `errno` when the caller leads a group already.
 int setpgrp();
 
+/// fork(2) without a moment in which the child can run a handler of its parent, which would clean up what belongs to
+/// the parent: all signals are held back until `inChild`, which the child calls first, has returned. Returns what fork
+/// returns: 0 in the child, in the parent the child's id, or -1 with `errno`.
+int fork_held(void (*inChild)());
+
 /// execvp(3), for a program text written for a host with /sbin/sh: where the host has no such file, "/sbin/sh" runs
 /// /bin/sh. The arguments are passed on as they are. Returns only on failure: -1 with `errno` (EFAULT when `file` is
 /// null).

@@ -1,6 +1,6 @@
 #include "svr4/signal.h"
 
-#include <cerrno>
+#include "svr4/errno.h"
 
 [[maybe_unused]] static const char* ModuleId()
 {
@@ -26,16 +26,37 @@ SignalHandler signal(int sig, SignalHandler handler)
 
 SavedSignal::SavedSignal(int sig_p) : sig(sig_p), earlier()
 {
-    const int savedErrno = errno;
+    const SavedErrno savedErrno;
     sigaction(sig, nullptr, &earlier);
-    errno = savedErrno;
 }
 
 SavedSignal::~SavedSignal()
 {
-    const int savedErrno = errno;
+    const SavedErrno savedErrno;
     sigaction(sig, &earlier, nullptr);
-    errno = savedErrno;
+}
+
+static sigset_t AllSignals()
+{
+    sigset_t all;
+    sigfillset(&all);
+    return all;
+}
+
+SignalsHeld::SignalsHeld() : SignalsHeld(AllSignals())
+{
+}
+
+SignalsHeld::SignalsHeld(const sigset_t& set)
+{
+    const SavedErrno savedErrno;
+    sigprocmask(SIG_BLOCK, &set, &earlier);
+}
+
+SignalsHeld::~SignalsHeld()
+{
+    const SavedErrno savedErrno;
+    sigprocmask(SIG_SETMASK, &earlier, nullptr);
 }
 
 } // namespace svr4

@@ -34,6 +34,22 @@ private:
     struct sigaction earlier;
 };
 
+/// Holds signals back while it lives: no handler of theirs runs, and those that come meanwhile are delivered when it
+/// dies. What was held back before stays so. `errno` is kept by both.
+class SignalsHeld {
+public:
+    /// Holds all signals back.
+    SignalsHeld();
+    /// Holds those of `set` back.
+    explicit SignalsHeld(const sigset_t& set);
+    ~SignalsHeld();
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+private:
+    sigset_t earlier;
+};
+
 } // namespace svr4
 
 #endif

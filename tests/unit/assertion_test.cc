@@ -1,4 +1,4 @@
-#include "Misc/assertion.h"
+#include "Misc/detail/assertion.h"
 
 #include <csignal>
 
@@ -15,7 +15,7 @@ namespace {
 
 TEST(Assertion, NamesExpressionUnitAndLineAndAborts)
 {
-    const ChildResult child = RunInChild([] { AssertionFailed("a < b", "Misc/unit", 42); });
+    const ChildResult child = RunInChild([] { zeloo::AssertionFailed("a < b", "Misc/unit", 42); });
     EXPECT_EQ(child.signal, SIGABRT);
     EXPECT_EQ(child.err, "Assertion failed: a < b, file Misc/unit, line 42\n");
     EXPECT_EQ(child.out, "");
@@ -65,7 +65,7 @@ TEST(Assertion, AHandlerOfSigabrtSeesTheWholeLine)
 {
     const ChildResult child = RunInChild([] {
         signal(SIGABRT, [](int) { _exit(5); });
-        AssertionFailed("x", "Misc/unit", 1);
+        zeloo::AssertionFailed("x", "Misc/unit", 1);
     });
     EXPECT_EQ(child.exitCode, 5);
     EXPECT_EQ(child.err, "Assertion failed: x, file Misc/unit, line 1\n");

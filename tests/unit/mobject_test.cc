@@ -23,7 +23,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Misc/mobject_dump.h"
+#include "Misc/crash/mobject_dump.h"
 #include "Misc/proginfo.h"
 #include "tests/support/testing.h"
 

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "Misc/CstrArray.h"
-#include "Misc/assertion.h"
+#include "Misc/detail/assertion.h"
 #include "Misc/ularray.h"
 #include "tests/support/assertions.h"
 #include "tests/support/testing.h"

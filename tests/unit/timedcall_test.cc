@@ -1,4 +1,4 @@
-#include "Misc/timedcall.h"
+#include "Misc/detail/timedcall.h"
 
 #include <cerrno>
 
@@ -23,7 +23,7 @@ TEST(TimedCall, InterruptsACallThatBlocks)
     ssize_t result;
     int error;
     {
-        TimedCall limit(1);
+        zeloo::TimedCall limit(1);
         result = read(ends[0], &byte, 1);
         error = errno;
     }
@@ -43,7 +43,7 @@ TEST(TimedCall, RestoresHandlerFlagsAndTheWholeRemainingAlarm)
     ASSERT_EQ(sigaction(SIGALRM, &mine, nullptr), 0);
     alarm(100);
     {
-        TimedCall limit(0);
+        zeloo::TimedCall limit(0);
         struct itimerval now;
         getitimer(ITIMER_REAL, &now);
         EXPECT_EQ(now.it_value.tv_sec, 0) << "a limit of 0 suspends the caller's alarm";
@@ -66,7 +66,7 @@ TEST(TimedCall, AnAlarmThatComesBeforeTheCallBlocksIsNotLost)
     char byte;
     ssize_t result;
     {
-        TimedCall limit(1);
+        zeloo::TimedCall limit(1);
         usleep(1000);
         raise(SIGALRM); // as though the limit had run out here
         result = read(ends[0], &byte, 1);
@@ -80,7 +80,7 @@ TEST(TimedCall, KeepsErrno)
 {
     errno = EXDEV;
     {
-        TimedCall limit(1);
+        zeloo::TimedCall limit(1);
         EXPECT_EQ(errno, EXDEV);
     }
     EXPECT_EQ(errno, EXDEV);

@@ -17,9 +17,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "Misc/detail/text.h"
+#include "Misc/detail/timedcall.h"
 #include "Misc/proginfo.h"
-#include "Misc/text.h"
-#include "Misc/timedcall.h"
 #include "svr4/netconfig.h"
 #include "svr4/tli.h"
 
@@ -251,7 +251,7 @@ short IPCTli::Topen(const char* host, const char* service)
     if (t_bind(fd, nullptr, nullptr) == 0)
         call = NewWithAddress<t_call>(fd, T_CALL, addrs->n_addrs[0]);
     if (call != nullptr) {
-        TimedCall limit(ConnectSeconds);
+        zeloo::TimedCall limit(ConnectSeconds);
         result = t_connect(fd, call, nullptr);
     }
     t_free(call, T_CALL);
@@ -404,7 +404,7 @@ short IPCTli::Receive(char* buff, long enough, long room, long* received)
 {
     int n = 1;
     {
-        std::optional<TimedCall> limit; // made when something has to be waited for, and then for all of it
+        std::optional<zeloo::TimedCall> limit; // made when something has to be waited for, and then for all of it
         for (; *received < enough && n > 0; *received += std::max(n, 0)) {
             if (!limit && t_look(fd) == 0)
                 limit.emplace(ReceiveSeconds);

@@ -1,6 +1,6 @@
 // Small helpers for C texts, used inside the library.
-#ifndef MISC_TEXT_H
-#define MISC_TEXT_H
+#ifndef MISC_DETAIL_TEXT_H
+#define MISC_DETAIL_TEXT_H
 
 #include <cstddef>
 #include <cstring>

@@ -1,7 +1,6 @@
 #include "Misc/Error.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -11,10 +10,12 @@
 #include <syslog.h>
 
 #include "Misc/Dates.h"
+#include "Misc/Error/report.h"
+#include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
-#include "Misc/text.h"
 
 using zeloo::CopyText;
+using zeloo::NewFormatted;
 using zeloo::TextOrEmpty;
 
 [[maybe_unused]] static const char* ModuleId()
@@ -127,22 +128,6 @@ static_assert(sizeof Messages / sizeof *Messages ==
 static const char* ProgramName()
 {
     return TextOrEmpty(ProgInfo::GetFullProgramName());
-}
-
-// The formatted text in a block of its own, which the caller releases with delete[]; null when memory fails.
-[[gnu::format(printf, 1, 2)]] static char* NewFormatted(const char* format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length = vsnprintf(nullptr, 0, format, arguments);
-    char* text = length >= 0 ? new (std::nothrow) char[length + size_t(1)] : nullptr;
-    if (text != nullptr)
-        vsnprintf(text, length + size_t(1), format, again);
-    va_end(again);
-    va_end(arguments);
-    return text;
 }
 
 ErrorReporter::ErrorReporter() : DisplayInfo(1)

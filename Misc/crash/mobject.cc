@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 #include "Misc/Dates.h"
+#include "Misc/crash/mobject_dump.h"
 #include "Misc/fileinfo.h"
-#include "Misc/mobject_dump.h"
 #include "Misc/proginfo.h"
 #include "Misc/unixproc.h"
 #include "svr4/context.h"

@@ -1,4 +1,4 @@
-#include "Misc/assertion.h"
+#include "Misc/detail/assertion.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,7 +8,7 @@
     return "$Id: assertion.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
 }
 
-void AssertionFailed(const char* expression, const char* unit, int line)
+void zeloo::AssertionFailed(const char* expression, const char* unit, int line)
 {
     std::fprintf(stderr, "Assertion failed: %s, file %s, line %d\n", expression, unit, line);
     std::fflush(stderr);

@@ -11,9 +11,9 @@
 
 #include <unistd.h>
 
+#include "Misc/detail/text.h"
+#include "Misc/detail/timedcall.h"
 #include "Misc/proginfo.h"
-#include "Misc/text.h"
-#include "Misc/timedcall.h"
 #include "Misc/unixproc.h"
 #include "svr4/ipc.h"
 
@@ -627,7 +627,7 @@ static int64_t MillisecondsNow()
 template <class Call>
 static int Block(long seconds, IPCQBase* waiter, Call call)
 {
-    TimedCall limit(seconds);
+    zeloo::TimedCall limit(seconds);
     if (waiter == nullptr)
         return call();
     const int64_t end = MillisecondsNow() + seconds * 1000;

@@ -19,8 +19,8 @@
 #include "Misc/CstrArray.h"
 #include "Misc/Error.h"
 #include "Misc/cstring.h"
+#include "Misc/detail/text.h"
 #include "Misc/mobject.h"
-#include "Misc/text.h"
 #include "svr4/process.h"
 #include "svr4/signal.h"
 

@@ -1,9 +1,9 @@
 #include "Misc/cstring.h"
 
 #include "Misc/ZELstream.h"
-#include "Misc/assertion.h"
 #include "Misc/buffer.h"
-#include "Misc/text.h"
+#include "Misc/detail/assertion.h"
+#include "Misc/detail/text.h"
 
 #include <algorithm>
 #include <cctype>

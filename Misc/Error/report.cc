@@ -1,0 +1,70 @@
+#include "Misc/Error/report.h"
+
+#include <cstdio>
+#include <new>
+
+#include "svr4/errno.h"
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: Error.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+namespace zeloo {
+
+char* NewFormatted(const char* format, va_list arguments)
+{
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    char* text = length >= 0 ? new (std::nothrow) char[length + size_t(1)] : nullptr;
+    if (text != nullptr)
+        std::vsnprintf(text, length + size_t(1), format, again);
+    va_end(again);
+    return text;
+}
+
+char* NewFormatted(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    char* text = NewFormatted(format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+static void ReportAs(const ErrorReporter& reporter, short severity, short type, int error, const char* module,
+                     long line, const char* format, va_list arguments)
+{
+    char text[1024]; // usually enough: reports are made when memory has run out, too
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(text, sizeof text, format, arguments);
+    char* whole = length >= int(sizeof text) ? NewFormatted(format, again) : nullptr;
+    va_end(again);
+    errno = error;
+    reporter._ReportError(severity, type, whole != nullptr ? whole : text, module, line);
+    delete[] whole;
+}
+
+void Report(const ErrorReporter& reporter, short severity, short type, int error, const char* module, long line,
+            const char* format, ...)
+{
+    const svr4::SavedErrno savedErrno;
+    va_list arguments;
+    va_start(arguments, format);
+    ReportAs(reporter, severity, type, error, module, line, format, arguments);
+    va_end(arguments);
+}
+
+void Report(short severity, short type, int error, const char* module, long line, const char* format, ...)
+{
+    const svr4::SavedErrno savedErrno; // making a reporter clears it
+    const ErrorReporter reporter;
+    va_list arguments;
+    va_start(arguments, format);
+    ReportAs(reporter, severity, type, error, module, line, format, arguments);
+    va_end(arguments);
+}
+
+} // namespace zeloo
