@@ -16,7 +16,6 @@
 #ifndef MISC_IPCQ_H
 #define MISC_IPCQ_H
 
-#include <cstddef>
 #include <cstdint>
 #include <ostream>
 
@@ -24,39 +23,11 @@
 #include "Misc/SafeArray.h"
 #include "Misc/buffer.h"
 #include "Misc/mobject.h"
+#include "Misc/records.h"
 
-/// Bytes of a queue message behind its 4-byte type.
-const int32_t IPCMessageDataSize = 2000;
-/// Bytes of header between the type and `msg_data`.
-const int32_t IPCMessageNonDataSize = 300;
 /// The largest data block put in one message: 1700, lowered by check_max_data_size to fit a small queue. It can turn
 /// zero or negative there; senders then go on with the last positive value. Never more than 1700 bytes are used.
 extern int16_t IPCMessageMaxDataLen;
-
-/// The message on the queue: 2004 bytes in the host's byte order, of which a sender puts 300 + `msg_data_len` behind
-/// the type on the queue. Texts are terminated, unused bytes are zero.
-struct IPCQMessage {
-    int32_t mtype; // channel: the receiver's process id, or a channel of a multi-block transfer
-    char senders_version[20];
-    int32_t senders_pid;
-    int16_t object; // destination object inside the receiving server
-    int16_t event;  // 0 none; 0xFFFE acknowledges a first block, 0xFFFD is a block after the first
-    char destprog[80];
-    char origprog[80];
-    char orignode[80];
-    int16_t response_rqd;
-    int16_t ack_rqd;
-    int16_t result_code; // status of a response; -1 in the requests of clients
-    int16_t padding1;
-    int32_t alloc_data_length; // length of the event's data over all blocks
-    int16_t parts_left;        // blocks that follow this one
-    int16_t padding2;
-    int32_t curr_data_offset; // where this block's data belongs within the whole
-    int32_t shmem_id;         // shared-memory segment that holds this block's data; negative: it is inline
-    int32_t shmem_size;       // bytes to copy from that segment
-    int32_t msg_data_len;     // bytes of inline data
-    char msg_data[1700];
-};
 
 /// A message in an array.
 struct IPCQMsg {
@@ -202,7 +173,9 @@ public:
 /// shutdown of a server.
 extern InternalQMessageSafeArray* InternalQMsgsPtr;
 
-/// One end of a server's queue: what servers and clients share. An object belongs to the process that made it.
+/// One end of a server's queue: what servers and clients share. An object belongs to the process that made it: in a
+/// forked child, its Shutdown, destructor and SigTermProc leave queue, semaphore set and mail alone. A program that goes
+/// into the background makes it afterwards.
 class IPCQBase : public ErrorReporter, public MonitoredObject {
 public:
     /// Copies the name, which may be null. There is no queue yet; the limits are 900 seconds for a receive and 60
@@ -265,20 +238,11 @@ protected:
     char SendersNodeName[80];
 
 private:
-    struct Transfer;
-
     short SendInternal(const char* FromProg, const char* FromNode, short Object, short event, const void* ptr, long len,
                        short status);
-    short SendBlocks(long ToPID, const char* data, int blockSize);
-    short SendLocalMsg(long channel, long ToPID);
-    short AwaitAck(long ToPID);
-
     void ClearEvent(Buffer& Data, short& EventStatus, short& ResponseRqd, short& AckRqd);
     short ReceiveInternal(short& REvent, Buffer& Data, short& EventStatus, short& ResponseRqd, short& AckRqd);
     short TakeFirstBlock(long MessageSenderPID);
-    short ReceiveData(Buffer& Data);
-    short ReceiveLaterBlocks(Transfer& transfer, Buffer& Data);
-    short SendAck(long ToPID);
 };
 
 /// The server end of a queue. A server process has one; it receives events from everybody and answers the last

@@ -16,37 +16,17 @@
 #ifndef MISC_IPCTLI_H
 #define MISC_IPCTLI_H
 
-#include <cstddef>
-#include <cstdint>
 #include <iosfwd>
 
 #include "Misc/Error.h"
 #include "Misc/buffer.h"
 #include "Misc/mobject.h"
+#include "Misc/records.h"
 
 namespace svr4 {
 struct nd_addrlist;
 struct t_call;
 } // namespace svr4
-
-/// The record of a connection: 1904 bytes, sent and received whole, in the byte order of the host. Texts are
-/// terminated, unused bytes of the header are zero.
-struct TliMsgStruct {
-    int16_t object;          // destination object inside the server
-    int16_t QueueExistCheck; // 1: asks whether that object's server exists
-    char senders_version[20];
-    int16_t parts_left;       // records that follow this one
-    int16_t send_data_length; // bytes of data in this record
-    int32_t curr_data_offset; // where this record's data belongs within the whole
-    int16_t event;            // 0 none; 0xFFFF: the server is going
-    char orignode[80];
-    char origprog[80];
-    int16_t response_rqd;
-    int16_t ack_rqd;
-    int16_t result_code;       // status of a response; -1 in the requests of clients
-    int32_t alloc_data_length; // length of the event's data over all records
-    char msg_data[1700];
-};
 
 /// Writes every field of `*pmsg` under its name, then a hex dump of the data. Safe for a record from anywhere: texts
 /// end with their field, and no byte outside `msg_data` is read.

@@ -557,4 +557,54 @@ TEST_F(IpcqServer, NoDescriptorsAreLeft)
     EXPECT_EQ(OpenDescriptors(), before);
 }
 
+// What a forked child of a server or client does must not reach the parent's queue, whichever way the child ends.
+class IpcqForkedChild : public IpcqServer {
+protected:
+    static void LeaveThroughDestructor(IPCQBase* object)
+    {
+        delete object;
+        _exit(0);
+    }
+    static void LeaveThroughSignal(IPCQBase*)
+    {
+        raise(SIGTERM); // every monitored object cleans up, and the process exits
+        _exit(1);
+    }
+    // Lets a child with a copy of `object` end.
+    static int EndOfChild(IPCQBase* object, void (*leave)(IPCQBase*))
+    {
+        return WaitForExit(StartChild([=] { leave(object); }));
+    }
+};
+
+TEST_F(IpcqForkedChild, OfAServerLeavesQueueAndSemaphoreAlone)
+{
+    MakeKeyFile("forks");
+    for (const auto leave : {LeaveThroughDestructor, LeaveThroughSignal}) {
+        Server* server = new Server("forks");
+        ASSERT_TRUE(server->Created());
+        EXPECT_EQ(EndOfChild(server, leave), 0);
+        EXPECT_TRUE(QueueExists(server->Queue()));
+        EXPECT_EQ(semctl(SetOf("forks"), 0, GETVAL), getpid());
+        EXPECT_TRUE(IPCQClient(0, "forks").Connected());
+        delete server;
+        EXPECT_EQ(ObjectsOf("msg"), 0) << "the parent itself removes them";
+    }
+}
+
+TEST_F(IpcqForkedChild, OfAClientLeavesTheParentsMailAlone)
+{
+    const pid_t pid = StartServer("mail", [](Server&) { pause(); });
+    for (const auto leave : {LeaveThroughDestructor, LeaveThroughSignal}) {
+        Client* client = new Client("mail");
+        ASSERT_TRUE(client->Connected());
+        SendRecord(client->Queue(), getpid(), Event(1, pid));
+        EXPECT_EQ(EndOfChild(client, leave), 0);
+        EXPECT_EQ(Waiting(client->Queue()), 1u);
+        delete client;
+    }
+    kill(pid, SIGTERM);
+    WaitForExit(pid);
+}
+
 } // namespace

@@ -1,0 +1,170 @@
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include <unistd.h>
+
+#include "Misc/detail/limits.h"
+#include "Misc/detail/text.h"
+#include "Misc/ipcq/message.h"
+#include "Misc/ipcq/transfer.h"
+#include "Misc/ipcq/wait.h"
+#include "Misc/proginfo.h"
+#include "Misc/wire/cutter.h"
+#include "svr4/errno.h"
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+IPCQBase::IPCQBase(const char* pServerName)
+    : ReceiveTimeOut(900), SendTimeOut(60), MyQueueID(-1), MyPID(getpid()), ServerPID(-1),
+      ServerName(zeloo::NewText(pServerName)), SendersPID(-1), SendersProgramName(), SendersNodeName()
+{
+}
+
+IPCQBase::~IPCQBase()
+{
+    delete[] ServerName;
+}
+
+void IPCQBase::dumpOn(std::ostream& out) const
+{
+    out << "IPCQBase::ServerName     : " << zeloo::TextOrEmpty(ServerName) << '\n';
+    out << "IPCQBase::ServerPID      : " << ServerPID << '\n';
+    out << "IPCQBase::MyQueueID      : " << MyQueueID << '\n';
+    out << "IPCQBase::ReceiveTimeOut : " << ReceiveTimeOut << '\n';
+    out << "IPCQBase::SendTimeOut    : " << SendTimeOut << '\n';
+    out << "IPCQBase::MyPID          : " << MyPID << '\n';
+    out << "IPCQBase::SendersPID     : " << SendersPID << '\n';
+    out << "IPCQBase::SendersProgram : " << SendersProgramName << '\n';
+    out << "IPCQBase::SendersNodeName: " << SendersNodeName << '\n';
+}
+
+short IPCQBase::IPCSend(const char* FromProg, const char* FromNode, const char* FromVersion, long ToPID,
+                        const char* ToProg, short Object, short event, const void* ptr, long len,
+                        short response_required, short ack_required, short status)
+{
+    const bool internal = ToPID == MyPID;
+    if (!internal && MyQueueID < 0)
+        return IPC_CONNECTION_LOST;
+    const int blockSize = zeloo::SendingBlockSize();
+    const int64_t longest = internal ? INT32_MAX : zeloo::wire::Cutter::LongestData(blockSize);
+    if (len < 0 || len > longest || (ptr == nullptr && len > 0)) {
+        errno = 0;
+        _ReportError(WARNING, BAD_IPC_PARAMETER, "IPCSend data or data length not valid.", ModuleId(), __LINE__);
+        return IPC_ERROR;
+    }
+    if (internal && (response_required || ack_required)) {
+        errno = 0;
+        _ReportError(WARNING, IPC_ERROR, "IPCSend deadlock condition.", ModuleId(), __LINE__);
+        return IPC_ERROR; // a process cannot wait for its own reply
+    }
+    if (internal)
+        return SendInternal(FromProg, FromNode, Object, event, ptr, len, status);
+
+    std::memset(static_cast<void*>(&LocalMsg), 0, sizeof LocalMsg);
+    LocalMsg.senders_pid = static_cast<int32_t>(MyPID);
+    zeloo::CopyText(LocalMsg.senders_version, FromVersion);
+    LocalMsg.object = Object;
+    LocalMsg.event = event;
+    zeloo::CopyText(LocalMsg.destprog, ToProg);
+    zeloo::CopyText(LocalMsg.origprog, FromProg);
+    zeloo::CopyText(LocalMsg.orignode, FromNode);
+    LocalMsg.response_rqd = response_required;
+    LocalMsg.ack_rqd = ack_required;
+    LocalMsg.result_code = status;
+    const zeloo::QueueEnd end = {*this, MyQueueID, MyPID, SendTimeOut, ReceiveTimeOut};
+    return zeloo::SendEvent(end, ToPID, static_cast<const char*>(ptr), static_cast<int32_t>(len), blockSize);
+}
+
+short IPCQBase::IPCReceive(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data, short& EventStatus,
+                           short& ResponseRqd, short& AckRqd)
+{
+    for (;;) {
+        ClearEvent(Data, EventStatus, ResponseRqd, AckRqd);
+        if (MessageSenderPID == 0 && InternalQMsgsPtr != nullptr && InternalQMsgsPtr->Quantity() > 0)
+            return ReceiveInternal(REvent, Data, EventStatus, ResponseRqd, AckRqd);
+        if (MyQueueID < 0)
+            return IPC_CONNECTION_LOST;
+
+        short code = TakeFirstBlock(MessageSenderPID);
+        IPCDrain();
+        if (code == IPC_RECV_TIME_OUT) {
+            zeloo::CopyText(SendersProgramName, "Internal");
+            zeloo::CopyText(SendersNodeName, ProgInfo::GetNodeName());
+            REvent = TimeOutEvent;
+            return NO_ERRORS;
+        }
+        if (code != NO_ERRORS)
+            return code;
+
+        REvent = LocalMsg.event;
+        SendersPID = LocalMsg.senders_pid;
+        zeloo::CopyText(SendersProgramName, LocalMsg.origprog);
+        zeloo::CopyText(SendersNodeName, LocalMsg.orignode);
+        ResponseRqd = LocalMsg.response_rqd;
+        AckRqd = LocalMsg.ack_rqd;
+        EventStatus = LocalMsg.result_code;
+        code = zeloo::ReceiveData({*this, MyQueueID, MyPID, SendTimeOut, ReceiveTimeOut}, Data);
+        if (code != zeloo::BrokenTransfer)
+            return code;
+
+        errno = 0;
+        _ReportError(WARNING, IPC_ERROR, "Multi-block event dropped, a block does not fit.", ModuleId(), __LINE__);
+        if (MessageSenderPID != 0)
+            return IPC_ERROR;
+        // The event of one bad sender is no reason for a server to give up its queue: wait for the next.
+    }
+}
+
+void IPCQBase::ClearEvent(Buffer& Data, short& EventStatus, short& ResponseRqd, short& AckRqd)
+{
+    ResponseRqd = 0;
+    AckRqd = 0;
+    EventStatus = 0;
+    SendersProgramName[0] = '\0';
+    SendersNodeName[0] = '\0';
+    Data.PurgeContents();
+}
+
+// Puts the first block of the next event into LocalMsg: a saved one if there is one, else from the queue.
+short IPCQBase::TakeFirstBlock(long MessageSenderPID)
+{
+    while (const IPCQMsg* saved = MsgArray.first()) {
+        LocalMsg = saved->msg;
+        zeloo::LocalMessage.length = static_cast<size_t>(IPCMessageNonDataSize + LocalMsg.msg_data_len);
+        MsgArray.RemoveAt(0);
+        if (zeloo::FirstBlock(zeloo::LocalMessage))
+            return NO_ERRORS;
+        zeloo::ReportMalformed(MyQueueID);
+    }
+    return zeloo::ReceiveMessage(MyQueueID, MyPID, zeloo::LocalMessage, zeloo::FirstBlock, MessageSenderPID,
+                                 ReceiveTimeOut, nullptr);
+}
+
+void IPCQBase::IPCDrain()
+{
+    const bool serversMail = !is_a_server() && MyPID == ServerPID;
+    if (MyQueueID >= 0 && !serversMail)
+        DrainIPCMessages(MyQueueID, MyPID, MsgArray);
+}
+
+void DrainIPCMessages(int ORVM_msqid, long FromChannel, IPCQMsgSafeArray& MsgArray)
+{
+    static IPCQMsg* spare = nullptr; // kept from call to call, as most of them find nothing
+    const svr4::SavedErrno savedErrno;
+    zeloo::ReceivedMessage message;
+    while (MsgArray.Quantity() < zeloo::MostElements) {
+        if (spare == nullptr)
+            spare = new (std::nothrow) IPCQMsg;
+        if (spare == nullptr ||
+            zeloo::TakeMessage(ORVM_msqid, FromChannel, message, zeloo::CompleteMessage, IPC_NOWAIT) != 0)
+            break;
+        IPCQMsg* holder = spare;
+        spare = nullptr;
+        holder->msg = message.msg();
+        MsgArray.AddItem(holder);
+    }
+}

@@ -1,0 +1,212 @@
+#include "Misc/ipcq/resources.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <unistd.h>
+
+#include "Misc/Error/report.h"
+#include "Misc/detail/paths.h"
+#include "Misc/detail/text.h"
+#include "Misc/ipcq/message.h"
+#include "Misc/unixproc.h"
+
+using zeloo::AccessMode;
+using zeloo::Report;
+using zeloo::ReportQueueFailure;
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+static const int KeyProject = 1;
+static const int RetrySeconds = 2;
+
+int ftok_orvm(const char* fileptr)
+{
+    if (fileptr == nullptr)
+        return -1;
+    if (std::strchr(fileptr, '/') != nullptr)
+        return ftok(fileptr, KeyProject);
+    char path[4096];
+    int key = -1;
+    if (std::snprintf(path, sizeof path, "%s%s", zeloo::ProgramDirectory, fileptr) < int(sizeof path))
+        key = ftok(path, KeyProject);
+    // The daemon's own key file has one place only: no second try for it.
+    if (key == -1 && std::strcmp(fileptr, "orvd") != 0)
+        key = ftok(fileptr, KeyProject);
+    return key;
+}
+
+const char* GetQueueErrorMsg(int errornum)
+{
+    static char unknown[40];
+    switch (errornum) {
+    case EIDRM: return "the ipc queue no longer exists";
+    case ENOSPC: return "the system tables are full";
+    case ENOENT: return "the queue does not exist";
+    case EAGAIN: return "the queue is full";
+    case EACCES: return "of invalid access permission";
+    case EEXIST: return "the queue exists, exclusive requested";
+    case EINVAL: return "of an invalid argument or the queue does not exist";
+    }
+    std::snprintf(unknown, sizeof unknown, "of unknown error (%d)", errornum);
+    return unknown;
+}
+
+short process_exists(long pid)
+{
+    return UnixProcess::ProcessExists(pid);
+}
+
+int create_queue(const char* fileptr, long ServerPID)
+{
+    const int key = ftok_orvm(fileptr);
+    if (key < 0) {
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, errno, ZELOO_HERE,
+               "ftok of \"%s\" failed, can't create unique queue", zeloo::TextOrEmpty(fileptr));
+        return -1;
+    }
+    const int semid = semget(key, 1, IPC_CREAT | AccessMode);
+    if (semid < 0) {
+        ReportQueueFailure(errno, __LINE__, "Can't create semaphore");
+        return -1;
+    }
+    if (svr4::set_semaphore_pid(semid, 0, ServerPID) < 0) {
+        ReportQueueFailure(errno, __LINE__, "Can't create semaphore");
+        delete_semaphore(semid);
+        return -1;
+    }
+    const int msqid = msgget(key, IPC_CREAT | IPC_EXCL | AccessMode);
+    if (msqid < 0) {
+        const int error = errno;
+        delete_semaphore(semid);
+        ReportQueueFailure(error, __LINE__, "Can't create message queue");
+        return -1;
+    }
+    check_q_sizes(msqid);
+    check_max_data_size(msqid);
+    return msqid;
+}
+
+static int OpenQueue(key_t key, int TimeOutValue)
+{
+    int msqid = msgget(key, AccessMode);
+    for (int waited = 0; msqid < 0 && waited < TimeOutValue; waited += RetrySeconds) {
+        sleep(RetrySeconds);
+        msqid = msgget(key, AccessMode);
+    }
+    return msqid;
+}
+
+int connect_to_queue(const char* fileptr, short TimeOutValue, long* pServerPID, long RequestedServerPID)
+{
+    *pServerPID = -1;
+    const int key = ftok_orvm(fileptr);
+    if (key < 0)
+        return -1;
+    const int msqid = OpenQueue(key, TimeOutValue);
+    if (msqid < 0)
+        return -1;
+
+    const int semid = semget(key, 0, AccessMode);
+    if (semid < 0 && errno == ENOENT) {
+        msgctl(msqid, IPC_RMID, nullptr); // nobody can find an owner of this queue any more: make room for the next
+        return -1;
+    }
+    if (RequestedServerPID >= 0)
+        *pServerPID = RequestedServerPID;
+    else if (semid >= 0)
+        *pServerPID = svr4::semaphore_pid(semid, 0);
+    if (!is_a_live_server_process(msqid, *pServerPID))
+        return -1;
+    check_max_data_size(msqid);
+    return msqid;
+}
+
+int get_semid_from_msqid(int msqid)
+{
+    struct msqid_ds status;
+    if (msgctl(msqid, IPC_STAT, &status) < 0)
+        return -1;
+    const key_t key = svr4::queue_key(status);
+    // A private queue has no key by which a set could be found, and asking for one would make a new set.
+    if (key < 0 || key == IPC_PRIVATE)
+        return -1;
+    return semget(key, 0, AccessMode);
+}
+
+int add_serverpid_to_queue(int msqid, long ServerPID)
+{
+    const int semid = get_semid_from_msqid(msqid);
+    const int slots = semid < 0 ? 0 : svr4::semaphore_count(semid);
+    for (int slot = 0; slot < slots; slot++)
+        if (svr4::semaphore_pid(semid, slot) == 0)
+            return svr4::set_semaphore_pid(semid, slot, ServerPID) < 0 ? -1 : slot;
+    return -1;
+}
+
+int remove_serverpid_from_queue(int msqid, long ServerPID)
+{
+    const int semid = get_semid_from_msqid(msqid);
+    if (semid < 0)
+        return -1;
+    int others = 0;
+    const int slots = svr4::semaphore_count(semid);
+    for (int slot = 0; slot < slots; slot++) {
+        const long pid = svr4::semaphore_pid(semid, slot);
+        if (pid == ServerPID)
+            svr4::set_semaphore_pid(semid, slot, 0);
+        else if (pid > 0)
+            others++;
+    }
+    return others;
+}
+
+short is_a_live_server_process(int msqid, long ServerPID)
+{
+    const int semid = get_semid_from_msqid(msqid);
+    if (semid < 0)
+        return 0;
+    int alive = 0;
+    short found = 0;
+    const int slots = svr4::semaphore_count(semid);
+    for (int slot = 0; slot < slots; slot++) {
+        const long pid = svr4::semaphore_pid(semid, slot);
+        if (pid <= 0)
+            continue;
+        if (process_exists(pid)) {
+            alive++;
+            found |= pid == ServerPID;
+        } else {
+            svr4::set_semaphore_pid(semid, slot, 0);
+        }
+    }
+    if (alive == 0)
+        delete_q_and_semaphore(msqid);
+    return found;
+}
+
+static void ReportDeletion(long line, const char* object, int id)
+{
+    if (errno != EPERM && errno != EINVAL)
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, errno, ModuleId(), line,
+               "Unable to delete %s %d because %s", object, id, GetQueueErrorMsg(errno));
+}
+
+void delete_semaphore(int semid)
+{
+    if (semctl(semid, 0, IPC_RMID) < 0)
+        ReportDeletion(__LINE__, "semaphore", semid);
+}
+
+void delete_q_and_semaphore(int msqid)
+{
+    const int semid = get_semid_from_msqid(msqid); // by the queue's key: to be asked while there is a queue
+    if (msgctl(msqid, IPC_RMID, nullptr) < 0)
+        ReportDeletion(__LINE__, "message queue", msqid);
+    if (semid >= 0)
+        delete_semaphore(semid);
+}

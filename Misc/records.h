@@ -1,0 +1,57 @@
+// The two records in which events travel: on the message queue of a host, and on a connection between hosts. Both are
+// external interfaces: sizes and places of their fields are fixed, integers are in the byte order of the host.
+#ifndef MISC_RECORDS_H
+#define MISC_RECORDS_H
+
+#include <cstdint>
+
+/// Bytes of a queue message behind its 4-byte type.
+const int32_t IPCMessageDataSize = 2000;
+/// Bytes of header between the type and `msg_data`.
+const int32_t IPCMessageNonDataSize = 300;
+
+/// The message on the queue: 2004 bytes in the host's byte order, of which a sender puts 300 + `msg_data_len` behind
+/// the type on the queue. Texts are terminated, unused bytes are zero.
+struct IPCQMessage {
+    int32_t mtype; // channel: the receiver's process id, or a channel of a multi-block transfer
+    char senders_version[20];
+    int32_t senders_pid;
+    int16_t object; // destination object inside the receiving server
+    int16_t event;  // 0 none; 0xFFFE acknowledges a first block, 0xFFFD is a block after the first
+    char destprog[80];
+    char origprog[80];
+    char orignode[80];
+    int16_t response_rqd;
+    int16_t ack_rqd;
+    int16_t result_code; // status of a response; -1 in the requests of clients
+    int16_t padding1;
+    int32_t alloc_data_length; // length of the event's data over all blocks
+    int16_t parts_left;        // blocks that follow this one
+    int16_t padding2;
+    int32_t curr_data_offset; // where this block's data belongs within the whole
+    int32_t shmem_id;         // shared-memory segment that holds this block's data; negative: it is inline
+    int32_t shmem_size;       // bytes to copy from that segment
+    int32_t msg_data_len;     // bytes of inline data
+    char msg_data[1700];
+};
+
+/// The record of a connection: 1904 bytes, sent and received whole, in the byte order of the host. Texts are
+/// terminated, unused bytes of the header are zero.
+struct TliMsgStruct {
+    int16_t object;          // destination object inside the server
+    int16_t QueueExistCheck; // 1: asks whether that object's server exists
+    char senders_version[20];
+    int16_t parts_left;       // records that follow this one
+    int16_t send_data_length; // bytes of data in this record
+    int32_t curr_data_offset; // where this record's data belongs within the whole
+    int16_t event;            // 0 none; 0xFFFF: the server is going
+    char orignode[80];
+    char origprog[80];
+    int16_t response_rqd;
+    int16_t ack_rqd;
+    int16_t result_code;       // status of a response; -1 in the requests of clients
+    int32_t alloc_data_length; // length of the event's data over all records
+    char msg_data[1700];
+};
+
+#endif

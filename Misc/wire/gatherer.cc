@@ -1,0 +1,51 @@
+#include "Misc/wire/gatherer.h"
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: gatherer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+namespace zeloo::wire {
+
+// Whether a block is sound by itself.
+static bool IsSound(const Block& block)
+{
+    return block.offset >= 0 && block.length >= 0 && block.partsLeft >= 0 && block.partsLeft <= MostPartsLeft &&
+           int64_t(block.offset) + block.length <= block.total && (!block.isInline || block.length <= MostInlineData);
+}
+
+Gatherer::Result Gatherer::Begin(const Block& first)
+{
+    parts.Clear();
+    bytes.Clear();
+    total = first.total;
+    partCount = first.partsLeft + 1;
+    if (!IsSound(first) || (total == 0 && first.partsLeft > 0))
+        return Misfit;
+    return Take(first);
+}
+
+Gatherer::Result Gatherer::Add(const Block& block)
+{
+    if (!IsSound(block) || block.total != total || block.partsLeft >= partCount)
+        return Misfit;
+    return Take(block);
+}
+
+Gatherer::Result Gatherer::Take(const Block& block)
+{
+    Ranges::Result result = parts.Add(block.partsLeft, block.partsLeft + 1);
+    if (result == Ranges::Added)
+        result = bytes.Add(block.offset, block.offset + block.length);
+    if (result != Ranges::Added)
+        return result == Ranges::NoMemory ? NoMemory : Misfit;
+
+    const int64_t partsMissing = partCount - parts.Count();
+    const int64_t bytesMissing = total - bytes.Count();
+    if (partsMissing == 0)
+        return bytesMissing == 0 ? Whole : Misfit;
+    // Who sends data within records goes on so; blocks in segments can be of any length.
+    return block.isInline && bytesMissing > partsMissing * MostInlineData ? Misfit : More;
+}
+
+} // namespace zeloo::wire
