@@ -8,14 +8,26 @@
 
 namespace svr4 {
 
-/// The registers that the crash dump prints, in the order in which it prints them. On a 64-bit host the fields hold
-/// the 64-bit registers; a segment register that the host does not save is 0.
-struct UserRegisters {
-    uint64_t ss, uesp, efl, cs, eip, err, trapno, eax, ecx, edx, ebx, esp, ebp, esi, edi, ds, es, fs, gs;
+/// A register of the processor under the label that a crash dump gives it.
+struct Register {
+    const char* label;
+    uint64_t value;
+};
+
+constexpr size_t MostRegisters = 40;
+
+/// What a signal interrupted. The registers stand in the order in which a crash dump prints them and end with a null
+/// label. On a 64-bit host the labels are those of the 32-bit processor and the values those of the 64-bit registers.
+/// What the host does not tell is 0; a processor that is not known here has the labels all the same, so that every
+/// crash dump has the same lines.
+struct SignalledContext {
+    uintptr_t stackPointer;
+    uintptr_t framePointer;
+    Register registers[MostRegisters + 1];
 };
 
 /// Installs `handler`, a function, for `sig`, to run on the alternate stack (see use_alternate_stack) with no other
-/// signal than `sig` blocked. The context of the signal is kept for signalled_registers before `handler` is called.
+/// signal than `sig` blocked. The context of the signal is kept for signalled_context before `handler` is called.
 /// A handler installed with SA_ONSTACK for a fault of `handler` itself runs on a reserve stack, so that it works
 /// when `handler` overflows the alternate stack. A call that the signal interrupts fails with EINTR. Returns 0, or
 /// -1 with `errno`.
@@ -26,9 +38,9 @@ int capture_signal(int sig, void (*handler)(int));
 /// A page below the stack that cannot be touched stops an overflow. Returns 0, or -1 with `errno`.
 int use_alternate_stack();
 
-/// The registers of the context that the last signal installed with capture_signal interrupted. Returns 0, or -1
-/// when there was none or the host's registers are not known here; `*registers` is all 0 then.
-int signalled_registers(UserRegisters* registers);
+/// The context that the last signal installed with capture_signal interrupted. Returns 0, or -1 when there was none;
+/// `*context` is all 0 then, with no registers.
+int signalled_context(SignalledContext* context);
 
 /// The bounds of the memory that holds `address`, when that is a readable mapping of this process: used to keep a
 /// walk over a stack inside that stack. Returns 0, or -1 when `address` is not mapped readable. Usable in a handler:

@@ -251,24 +251,18 @@ void ReadRowIfMapped(uintptr_t address, unsigned char* row)
 
 // The bounds of the stack that the signal interrupted. When that stack has overflowed its pointer is outside, and
 // the frame pointer tells.
-bool FindStack(const svr4::UserRegisters& registers, uintptr_t* low, uintptr_t* high)
+bool FindStack(const svr4::SignalledContext& context, uintptr_t* low, uintptr_t* high)
 {
-    return svr4::mapping_of(static_cast<uintptr_t>(registers.uesp), low, high) == 0 ||
-           svr4::mapping_of(static_cast<uintptr_t>(registers.ebp), low, high) == 0;
+    return svr4::mapping_of(context.stackPointer, low, high) == 0 ||
+           svr4::mapping_of(context.framePointer, low, high) == 0;
 }
 
-void WriteRegisters(const svr4::UserRegisters& r, std::ostream& file)
+void WriteRegisters(const svr4::Register* registers, std::ostream& file)
 {
-    const struct {
-        const char* label;
-        uint64_t value;
-    } lines[] = {{"SS", r.ss},   {"UESP", r.uesp},     {"EFL", r.efl}, {"CS", r.cs},   {"EIP", r.eip},
-                 {"ERR", r.err}, {"TRAPNO", r.trapno}, {"EAX", r.eax}, {"ECX", r.ecx}, {"EDX", r.edx},
-                 {"EBX", r.ebx}, {"ESP", r.esp},       {"EBP", r.ebp}, {"ESI", r.esi}, {"EDI", r.edi},
-                 {"DS", r.ds},   {"ES", r.es},         {"FS", r.fs},   {"GS", r.gs}};
-    for (const auto& item : lines) {
+    for (; registers->label != nullptr; registers++) {
         char line[64];
-        snprintf(line, sizeof line, "u_ar0[%s]=%08lx\n", item.label, static_cast<unsigned long>(item.value));
+        snprintf(line, sizeof line, "u_ar0[%s]=%08lx\n", registers->label,
+                 static_cast<unsigned long>(registers->value));
         file << line;
     }
 }
@@ -295,14 +289,14 @@ void WriteFrames(uintptr_t frame, uintptr_t floor, uintptr_t low, uintptr_t high
 
 void dumpstack(std::ostream& file)
 {
-    svr4::UserRegisters registers;
-    svr4::signalled_registers(&registers);
-    WriteRegisters(registers, file);
+    svr4::SignalledContext context;
+    svr4::signalled_context(&context);
+    WriteRegisters(context.registers, file);
 
-    const uintptr_t stackPointer = static_cast<uintptr_t>(registers.uesp);
-    const uintptr_t frame = static_cast<uintptr_t>(registers.ebp);
+    const uintptr_t stackPointer = context.stackPointer;
+    const uintptr_t frame = context.framePointer;
     uintptr_t low = 0, high = 0;
-    const bool known = frame != 0 && frame >= stackPointer && FindStack(registers, &low, &high);
+    const bool known = frame != 0 && frame >= stackPointer && FindStack(context, &low, &high);
 
     file << "Dynamic link:\tReturn Address:\n";
     if (known)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <setjmp.h>
@@ -187,9 +188,10 @@ TEST(CaptureSignal, RefusesWhatIsNoSignal)
 TEST(CaptureSignal, TheHandlerMayReturn)
 {
     const ChildResult result = RunInChild([] {
-        svr4::UserRegisters registers;
-        memset(&registers, 0xff, sizeof registers);
-        if (svr4::signalled_registers(&registers) != -1 || registers.eip != 0 || registers.ss != 0)
+        svr4::SignalledContext context;
+        memset(&context, 0xff, sizeof context);
+        if (svr4::signalled_context(&context) != -1 || context.stackPointer != 0 || context.framePointer != 0 ||
+            context.registers[0].label != nullptr)
             _exit(1);
         svr4::use_alternate_stack();
         stack_t before, after;
@@ -216,7 +218,7 @@ TEST(CaptureSignal, TheHandlerMayReturn)
             if (after.ss_sp != before.ss_sp || (after.ss_flags & SS_DISABLE) != 0)
                 _exit(5);
         }
-        _exit(svr4::signalled_registers(&registers) == 0 && registers.eip != 0 ? 0 : 6);
+        _exit(svr4::signalled_context(&context) == 0 && context.registers[0].label != nullptr ? 0 : 6);
     });
     EXPECT_EQ(result.exitCode, 0);
 }
@@ -249,10 +251,10 @@ TEST(CaptureSignal, AnOverflowOfTheStackIsHandled)
         SmallStack();
         svr4::use_alternate_stack();
         svr4::capture_signal(SIGSEGV, [](int) {
-            svr4::UserRegisters registers;
-            svr4::signalled_registers(&registers);
+            svr4::SignalledContext context;
+            svr4::signalled_context(&context);
             uintptr_t low, high, own;
-            if (svr4::mapping_of(static_cast<uintptr_t>(registers.ebp), &low, &high) != 0)
+            if (svr4::mapping_of(context.framePointer, &low, &high) != 0)
                 _exit(1);
             const uintptr_t here = Address(__builtin_frame_address(0));
             if (here >= low && here < high)
@@ -291,30 +293,71 @@ TEST(CaptureSignal, AnOverflowOfTheAlternateStackIsHandledOnTheReserveStack)
     EXPECT_EQ(result.exitCode, 5) << result.err;
 }
 
+// Whether the registers of a context are these, in this order.
+bool HasLabels(const svr4::SignalledContext& context, const std::vector<std::string>& labels)
+{
+    size_t n = 0;
+    for (; n < labels.size() && context.registers[n].label != nullptr; n++)
+        if (context.registers[n].label != labels[n])
+            return false;
+    return n == labels.size() && context.registers[n].label == nullptr;
+}
+
+uint64_t Value(const svr4::SignalledContext& context, const std::string& label)
+{
+    for (const svr4::Register* r = context.registers; r->label != nullptr; r++)
+        if (r->label == label)
+            return r->value;
+    _exit(7);
+}
+
+TEST(SignalledContext, HasTheLabelsOfACrashDumpInTheirOrder)
+{
+    const ChildResult result = RunInChild([] {
+        svr4::capture_signal(SIGUSR2, [](int) {
+            svr4::SignalledContext context;
+            if (svr4::signalled_context(&context) != 0)
+                _exit(1);
+            if (!HasLabels(context, {"SS", "UESP", "EFL", "CS", "EIP", "ERR", "TRAPNO", "EAX", "ECX", "EDX", "EBX",
+                                     "ESP", "EBP", "ESI", "EDI", "DS", "ES", "FS", "GS"}))
+                _exit(2);
+            if (context.stackPointer != Value(context, "UESP") || context.framePointer != Value(context, "EBP"))
+                _exit(3);
+            _exit(0);
+        });
+        raise(SIGUSR2);
+        _exit(8);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
 #if defined(__x86_64__)
 
-TEST(SignalledRegisters, HoldWhatTheRegistersHeld)
+TEST(SignalledContext, HoldsWhatTheRegistersHeld)
 {
     const ChildResult result = RunInChild([] {
         svr4::use_alternate_stack();
         svr4::capture_signal(SIGILL, [](int) {
-            svr4::UserRegisters r;
-            if (svr4::signalled_registers(&r) != 0)
+            svr4::SignalledContext context;
+            if (svr4::signalled_context(&context) != 0)
                 _exit(1);
-            if (r.eax != 0x1111222233334444 || r.ebx != 2 || r.ecx != 3 || r.edx != 4 || r.esi != 5 || r.edi != 6)
+            const auto value = [&context](const char* label) { return Value(context, label); };
+            if (value("EAX") != 0x1111222233334444 || value("EBX") != 2 || value("ECX") != 3 || value("EDX") != 4 ||
+                value("ESI") != 5 || value("EDI") != 6)
                 _exit(2);
-            if (r.trapno != 6 || r.err != 0)
+            if (value("TRAPNO") != 6 || value("ERR") != 0)
                 _exit(3);
             unsigned short instruction; // at any address, so aligned or not
-            std::memcpy(&instruction, reinterpret_cast<const void*>(r.eip), sizeof instruction);
+            std::memcpy(&instruction, reinterpret_cast<const void*>(value("EIP")), sizeof instruction);
             if (instruction != 0x0b0f) // the illegal instruction itself
                 _exit(4);
-            if (r.uesp != r.esp || r.uesp == 0 || r.ebp != r.esp)
+            if (value("UESP") != value("ESP") || value("UESP") == 0 || value("EBP") != value("ESP") ||
+                context.stackPointer != value("ESP") || context.framePointer != value("EBP"))
                 _exit(5);
             unsigned short cs, ss;
             asm("mov %%cs, %0" : "=r"(cs));
             asm("mov %%ss, %0" : "=r"(ss));
-            if (r.cs != cs || r.ss != ss || r.efl == 0)
+            if (value("CS") != cs || value("SS") != ss || value("EFL") == 0)
                 _exit(6);
             _exit(0);
         });
