@@ -17,11 +17,11 @@ class MonitoredObjectSafeArray;
 /// - SIGABRT, SIGILL, SIGBUS, SIGSEGV, SIGSYS, SIGEMT, SIGFPE, SIGTRAP and SIGUSR2 append a report to the crash file
 ///   "/var/orv/data/NAME.sig", where NAME is the program's name ("mobject" while that is not known): date, signal,
 ///   command line, registers, call trace, stack and the dump of every object. A file that has passed 65536 bytes is
-///   first moved to the same name with ".old" behind it. Then SigTermProc is called for every object, SigRestartProc
-///   is called for every object, and the process ends with a core image (SIGABRT). A fault in a dump is skipped. The
-///   same signal a second time ends the process at once; so does a crash within 60 seconds of the last report while
-///   a dump-state file name is set. These handlers run on a stack of their own, so that an overflow of the stack is
-///   reported as well.
+///   first moved to the same name with ".old" behind it; it goes on growing where that fails. Then SigTermProc is
+///   called for every object, SigRestartProc is called for every object, and the process ends with a core image
+///   (SIGABRT). A fault in a dump is skipped. The same signal a second time ends the process at once; so does a crash
+///   within 60 seconds of the last report while a dump-state file name is set. These handlers run on a stack of their
+///   own, so that an overflow of the stack is reported as well.
 /// - SIGUSR1 writes the dump of every object to the dump-state file, when one is set, and the program goes on.
 ///
 /// When the last object dies the registry goes with it; the handlers stay, and the next first object installs them

@@ -16,9 +16,7 @@
 
 #include "Misc/Dates.h"
 #include "Misc/crash/mobject_dump.h"
-#include "Misc/fileinfo.h"
 #include "Misc/proginfo.h"
-#include "Misc/unixproc.h"
 #include "svr4/context.h"
 #include "svr4/signal.h"
 
@@ -38,8 +36,6 @@ template class SafeArray<MonitoredObject>;
 namespace {
 
 const char* const kDataDirectory = "/var/orv/data";
-const char* const kMoveCommand = "/usr/bin/mv";
-const long kMoveLimit = 300;         // seconds
 const off_t kRotateBeyond = 65536;   // bytes
 const long kLoopingWithin = 60;      // seconds
 const uintptr_t kStackBeyond = 5120; // bytes of the stack that are dumped above the frame pointer
@@ -55,7 +51,7 @@ sigjmp_buf captureContext;
 char signal_filename[1024];
 
 // What a handler must hold back while it works or while the registry changes: a fault cannot be held back, and what
-// a capture runs needs SIGALRM and SIGCLD.
+// the objects do in a capture may need SIGALRM and SIGCLD.
 sigset_t RequestSignals()
 {
     sigset_t set;
@@ -314,23 +310,29 @@ void dumpstack(std::ostream& file)
     dumpmem(start, length, "Stack", file);
 }
 
+// Says that an operation on the crash file failed, for which the report is still made.
+void WarnOfCrashFile(const char* operation)
+{
+    const int error = errno;
+    StandardError() << operation << " of " << signal_filename << " failed. " << strerror(error) << '\n';
+}
+
 // Moves a crash file that has grown large out of the way.
 void RotateCrashFile()
 {
     char oldName[sizeof signal_filename + 4];
     snprintf(oldName, sizeof oldName, "%s.old", signal_filename);
-    StandardError() << kMoveCommand << ' ' << signal_filename << ' ' << oldName << '\n';
-    // Without a shell, which would read the program's name as more than a name.
-    const char* command[] = {kMoveCommand, signal_filename, oldName, nullptr};
-    UnixProcess move(command, UnixProcess::wait_at_construction, kMoveLimit);
+    // The line is for who reads it: a handler does better without a child process.
+    StandardError() << "/usr/bin/mv " << signal_filename << ' ' << oldName << '\n';
+    if (rename(signal_filename, oldName) != 0)
+        WarnOfCrashFile("rename");
 }
 
 void ExamineCrashFile(int sig)
 {
     struct stat status;
     if (stat(signal_filename, &status) != 0) {
-        const int error = errno;
-        StandardError() << "stat of " << signal_filename << " failed. " << strerror(error) << '\n';
+        WarnOfCrashFile("stat");
         return;
     }
     if (Dates::CurrentTime() - status.st_mtime < kLoopingWithin && MonitoredObject::GetDumpStateFileName() != nullptr)
@@ -345,7 +347,7 @@ void CheckLooping(int sig)
     const char* program = ProgInfo::GetProgramName();
     snprintf(signal_filename, sizeof signal_filename, "%s/%s.sig", kDataDirectory,
              program != nullptr ? program : "mobject");
-    if (FileInfo::FileExists(signal_filename))
+    if (access(signal_filename, F_OK) == 0)
         ExamineCrashFile(sig);
     StandardError() << "Call trace and dump of monitored objects in " << signal_filename << '\n';
 

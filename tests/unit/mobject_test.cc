@@ -1052,6 +1052,30 @@ TEST_F(Capture, AnotherSignalDuringTheCapture)
     unlink(CrashFile("nested").c_str());
 }
 
+// An object that gives way to another one, which is the first of a registry made anew, and then faults.
+class Phoenix : public MonitoredObject {
+public:
+    void SigTermProc(int) override
+    {
+        delete this;
+        const MonitoredObject next;
+        WriteToNull();
+    }
+};
+
+TEST_F(Capture, AFirstObjectDoesNotUndoTheHandlersOfTheCapture)
+{
+    const Crash crash = CrashAs("anew", [] {
+        new Phoenix;
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    const std::string number = std::to_string(SIGSEGV);
+    EXPECT_EQ(crash.err, CaptureMessages("anew", SIGSEGV) + "Error Exit. SIGNAL " + number +
+                             " detected while processing SIGNAL " + number + ".\n");
+    unlink(CrashFile("anew").c_str());
+}
+
 TEST_F(Capture, ACrashWithinAMinuteIsCutShortWhenThereIsADumpStateFile)
 {
     const std::string name = CrashFile("loops");
@@ -1120,8 +1144,33 @@ TEST_F(Capture, ALargeFileIsMovedAway)
     unlink((name + ".old").c_str());
 }
 
-// The command runs in a process object, which must not undo the handlers of the capture when it is the only one.
-TEST_F(Capture, ALargeFileIsMovedAwayWithNoObjectsLeft)
+TEST_F(Capture, ALargeFileThatCannotBeMovedGrows)
+{
+    const std::string name = CrashFile("stays");
+    const std::string content(70000, 'y');
+    WriteFile(name, content);
+    ASSERT_EQ(mkdir((name + ".old").c_str(), 0755), 0);
+    WriteFile(name + ".old/kept", "kept");
+    const Crash crash = CrashAs("stays", [] {
+        Probe object("object");
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    const std::string number = std::to_string(SIGSEGV);
+    EXPECT_EQ(crash.err, "\n\nError: DATE. SIGNAL " + number + " detected....\n/usr/bin/mv " + name + " " + name +
+                             ".old\nrename of " + name + " failed. " + strerror(EISDIR) +
+                             "\nCall trace and dump of monitored objects in " + name + "\nSigTermProc(" + number +
+                             ") of object\nSigRestartProc(" + number + ") of object\n");
+    ASSERT_EQ(crash.report.compare(0, content.size(), content), 0);
+    EXPECT_EQ(CheckReport(crash.report.substr(content.size()), "stays", SIGSEGV),
+              StateDump(0, 0, 1, ObjectDump(0, "probe object\n")));
+    EXPECT_EQ(ReadFile(name + ".old/kept"), "kept");
+    EXPECT_EQ(unlink((name + ".old/kept").c_str()), 0);
+    EXPECT_EQ(rmdir((name + ".old").c_str()), 0) << "nothing was put into it";
+    unlink(name.c_str());
+}
+
+TEST_F(Capture, ALargeFileIsMovedAwayWithNoObjectsAndNoChild)
 {
     const std::string name = CrashFile("none left");
     WriteFile(name, std::string(70000, 'y'));
@@ -1129,6 +1178,7 @@ TEST_F(Capture, ALargeFileIsMovedAwayWithNoObjectsLeft)
         {
             MonitoredObject object;
         }
+        MakeForksFail();
         WriteToNull();
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
