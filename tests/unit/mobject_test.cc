@@ -23,7 +23,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Misc/crash/mobject_dump.h"
+#include "Misc/crash/dumpmem.h"
 #include "Misc/proginfo.h"
 #include "tests/support/testing.h"
 
@@ -1322,7 +1322,7 @@ private:
 std::string Dumped(const char* from, unsigned long length, const char* label)
 {
     std::ostringstream os;
-    dumpmem(reinterpret_cast<uintptr_t>(from), length, label, os);
+    zeloo::dumpmem(reinterpret_cast<uintptr_t>(from), length, label, os);
     return os.str();
 }
 
