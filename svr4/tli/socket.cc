@@ -1,0 +1,101 @@
+#include "svr4/tli/socket.h"
+
+#include <cerrno>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+namespace svr4::tli {
+
+Socket::Socket(int descriptor)
+{
+    struct stat status;
+    if (fstat(descriptor, &status) != 0)
+        return;
+    fd = descriptor;
+    device = status.st_dev;
+    inode = status.st_ino;
+}
+
+bool Socket::IsOurs() const
+{
+    struct stat status;
+    return fd >= 0 && fstat(fd, &status) == 0 && status.st_ino == inode && status.st_dev == device;
+}
+
+void Socket::Close() const
+{
+    if (IsOurs())
+        close(fd);
+}
+
+static void TurnOn(int fd, int level, int option)
+{
+    const int on = 1;
+    setsockopt(fd, level, option, &on, sizeof on);
+}
+
+int NewSocket(const Provider& provider)
+{
+    const int fd = socket(provider.family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    TurnOn(fd, IPPROTO_TCP, TCP_NODELAY); // a record that follows another must not wait for a delayed acknowledgement
+    if (provider.family == AF_INET6)
+        TurnOn(fd, IPPROTO_IPV6, IPV6_V6ONLY); // "tcp" has the port for itself
+    return fd;
+}
+
+void ReuseAddress(int fd)
+{
+    TurnOn(fd, SOL_SOCKET, SO_REUSEADDR);
+}
+
+void Abort(int fd)
+{
+    struct sockaddr nobody = {};
+    nobody.sa_family = AF_UNSPEC;
+    connect(fd, &nobody, sizeof nobody);
+}
+
+bool MeansDisconnect(int error)
+{
+    switch (error) {
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ECONNABORTED:
+    case EPIPE:
+    case ETIMEDOUT:
+    case EHOSTUNREACH:
+    case EHOSTDOWN:
+    case ENETUNREACH:
+    case ENETDOWN:
+    case ENETRESET:
+    case ENOTCONN:
+    case EPROTO: return true;
+    default: return false;
+    }
+}
+
+int TakeError(int fd)
+{
+    int error = 0;
+    socklen_t length = sizeof error;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
+}
+
+bool IsReady(int fd, short events)
+{
+    struct pollfd descriptor = {fd, events, 0};
+    return poll(&descriptor, 1, 0) > 0;
+}
+
+} // namespace svr4::tli
