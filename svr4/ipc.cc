@@ -52,6 +52,8 @@ unsigned long queue_cbytes(const struct msqid_ds& status)
     return status.__msg_cbytes;
 }
 
+namespace {
+
 // The fourth argument of semctl, which the caller has to declare.
 union SemaphoreArgument {
     int val;
@@ -60,7 +62,9 @@ union SemaphoreArgument {
 };
 
 // The largest value of a semaphore here. It stands for "the process that set this semaphore".
-static const int OwnerSetIt = 32767;
+constexpr int OwnerSetIt = 32767;
+
+} // namespace
 
 long semaphore_pid(int semid, int index)
 {

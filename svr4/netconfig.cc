@@ -23,11 +23,11 @@ int _nderror = ND_OK;
 
 namespace {
 
-constexpr struct netconfig kTransports[] = {
+constexpr struct netconfig Transports[] = {
     {"tcp", NC_TPI_COTS_ORD, NC_VISIBLE, "inet", "tcp", "/dev/tcp"},
     {"tcp6", NC_TPI_COTS_ORD, NC_NOFLAG, "inet6", "tcp", "/dev/tcp6"},
 };
-constexpr size_t kTransportCount = sizeof kTransports / sizeof *kTransports;
+constexpr size_t TransportCount = sizeof Transports / sizeof *Transports;
 
 // A selection path on its way.
 struct NetPath {
@@ -44,7 +44,7 @@ int Fail(int code)
 
 const struct netconfig* FindTransport(const char* netid)
 {
-    for (const struct netconfig& transport : kTransports)
+    for (const struct netconfig& transport : Transports)
         if (strcmp(netid, transport.nc_netid) == 0)
             return &transport;
     return nullptr;
@@ -53,7 +53,7 @@ const struct netconfig* FindTransport(const char* netid)
 // The address family of a transport, or AF_UNSPEC when it is none of this host.
 int Family(const struct netconfig* config)
 {
-    const struct netconfig* const known =
+    const struct netconfig* known =
         config != nullptr && config->nc_netid != nullptr ? FindTransport(config->nc_netid) : nullptr;
     if (known == nullptr)
         return AF_UNSPEC;
@@ -99,14 +99,14 @@ struct nd_addrlist* MakeList(const struct addrinfo* found)
     size_t count = 0;
     for (const struct addrinfo* next = found; next != nullptr; next = next->ai_next)
         count++;
-    struct nd_addrlist* const list = static_cast<struct nd_addrlist*>(calloc(1, sizeof *list));
+    struct nd_addrlist* list = static_cast<struct nd_addrlist*>(calloc(1, sizeof *list));
     if (list == nullptr)
         return nullptr;
     list->n_addrs = static_cast<struct netbuf*>(calloc(count, sizeof *list->n_addrs));
     for (; list->n_addrs != nullptr && found != nullptr; found = found->ai_next) {
         if (Contains(*list, *found))
             continue;
-        struct netbuf* const address = &list->n_addrs[list->n_cnt];
+        struct netbuf* address = &list->n_addrs[list->n_cnt];
         address->buf = static_cast<char*>(malloc(found->ai_addrlen));
         if (address->buf == nullptr)
             break;
@@ -125,14 +125,14 @@ struct nd_addrlist* MakeList(const struct addrinfo* found)
 
 void* setnetpath()
 {
-    NetPath* const path = static_cast<NetPath*>(calloc(1, sizeof(NetPath)));
+    NetPath* path = static_cast<NetPath*>(calloc(1, sizeof(NetPath)));
     if (path == nullptr)
         return nullptr;
-    const char* const names = getenv("NETPATH");
+    const char* names = getenv("NETPATH");
     if (names == nullptr)
         return path;
     path->copy = path->names = strdup(names);
-    path->nextVisible = kTransportCount;
+    path->nextVisible = TransportCount;
     if (path->copy == nullptr) {
         free(path);
         return nullptr;
@@ -142,16 +142,16 @@ void* setnetpath()
 
 const struct netconfig* getnetpath(void* handlep)
 {
-    NetPath* const path = static_cast<NetPath*>(handlep);
+    NetPath* path = static_cast<NetPath*>(handlep);
     if (path == nullptr)
         return nullptr;
     while (path->names != nullptr) {
-        const char* const netid = strsep(&path->names, ":");
-        if (const struct netconfig* const transport = FindTransport(netid))
+        const char* netid = strsep(&path->names, ":");
+        if (const struct netconfig* transport = FindTransport(netid))
             return transport;
     }
-    while (path->nextVisible < kTransportCount) {
-        const struct netconfig* const transport = &kTransports[path->nextVisible++];
+    while (path->nextVisible < TransportCount) {
+        const struct netconfig* transport = &Transports[path->nextVisible++];
         if ((transport->nc_flag & NC_VISIBLE) != 0)
             return transport;
     }
@@ -198,7 +198,7 @@ void netdir_free(void* ptr, int struct_type)
 {
     if (ptr == nullptr || struct_type != ND_ADDRLIST)
         return;
-    struct nd_addrlist* const list = static_cast<struct nd_addrlist*>(ptr);
+    struct nd_addrlist* list = static_cast<struct nd_addrlist*>(ptr);
     for (int i = 0; i < list->n_cnt; i++)
         free(list->n_addrs[i].buf);
     free(list->n_addrs);
@@ -220,12 +220,12 @@ char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
         return nullptr;
     }
     char host[INET6_ADDRSTRLEN];
-    const void* const bytes = family == AF_INET6 ? static_cast<const void*>(&address.sin6_addr)
-                                                 : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
+    const void* bytes = family == AF_INET6 ? static_cast<const void*>(&address.sin6_addr)
+                                           : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
     inet_ntop(family, bytes, host, sizeof host);
     const unsigned port = ntohs(address.sin6_port);
     constexpr size_t size = INET6_ADDRSTRLEN + sizeof ".255.255";
-    char* const text = static_cast<char*>(malloc(size));
+    char* text = static_cast<char*>(malloc(size));
     if (text == nullptr) {
         Fail(ND_NOMEM);
         return nullptr;

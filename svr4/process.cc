@@ -52,7 +52,7 @@ static uintptr_t CurrentBreak()
 
 // The break when the program was loaded. Whatever was initialised earlier may have moved it already, so this is only
 // the second choice.
-static const uintptr_t breakAtLoad = CurrentBreak();
+static const uintptr_t BreakAtLoad = CurrentBreak();
 
 // The value of field `number` of /proc/self/stat, counted from 1; 0 when it cannot be read. The second field, the
 // program's name in parentheses, may itself hold blanks and parentheses: fields are counted from its end.
@@ -82,7 +82,7 @@ static uintptr_t StartOfBreak()
         const SavedErrno savedErrno;
         start = StatusField(47);
         if (start == 0 || start > CurrentBreak())
-            start = breakAtLoad;
+            start = BreakAtLoad;
     }
     return start;
 }
