@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -9,6 +10,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -124,6 +126,83 @@ TEST(Setpgrp, ReleasesTheTerminal)
     if (child.out == "none")
         GTEST_SKIP() << "no pseudo-terminal here";
     EXPECT_EQ(child.out, "11");
+}
+
+// Unlike a stream, allowed in a handler and after a fork.
+template <size_t N>
+void Say(const char (&text)[N])
+{
+    EXPECT_EQ(write(STDOUT_FILENO, text, N - 1), static_cast<ssize_t>(N - 1));
+}
+
+// The signals that the process holds back, as a row of 0 and 1.
+std::string HeldSignals()
+{
+    sigset_t held;
+    sigprocmask(SIG_BLOCK, nullptr, &held);
+    std::string row;
+    for (int sig = 1; sig < NSIG; sig++)
+        row += sigismember(&held, sig) == 1 ? '1' : '0';
+    return row;
+}
+
+TEST(ForkHeld, TheChildRunsNoHandlerOfItsParent)
+{
+    const ChildResult child = RunInChild([] {
+        signal(SIGTERM, [](int) { Say("parent's handler "); });
+        pthread_atfork(nullptr, nullptr, [] { kill(getpid(), SIGTERM); }); // as early as a child can get one
+        const int pid = svr4::fork_held([] {
+            kill(getpid(), SIGTERM);
+            Say("callback ");
+            signal(SIGTERM, [](int) { Say("child's handler "); });
+        });
+        if (pid == 0) {
+            Say("child ");
+            _exit(7);
+        }
+        std::cout << "parent " << testing_support::WaitForExit(pid) << std::flush;
+        raise(SIGTERM);
+    });
+    EXPECT_EQ(child.out, "callback child's handler child parent 7parent's handler ");
+}
+
+TEST(ForkHeld, AfterwardsBothHoldBackWhatTheCallerDid)
+{
+    const ChildResult child = RunInChild([] {
+        sigset_t mine;
+        sigemptyset(&mine);
+        sigaddset(&mine, SIGUSR1);
+        sigaddset(&mine, SIGTERM);
+        sigprocmask(SIG_SETMASK, &mine, nullptr);
+        const std::string before = HeldSignals();
+        const int pid = svr4::fork_held([] {
+            sigset_t held;
+            sigprocmask(SIG_BLOCK, nullptr, &held);
+            if (sigismember(&held, SIGHUP) == 1)
+                Say("held ");
+        });
+        if (pid == 0)
+            _exit(HeldSignals() == before ? 7 : 8);
+        std::cout << (HeldSignals() == before) << " " << testing_support::WaitForExit(pid);
+    });
+    EXPECT_EQ(child.out, "held 1 7");
+}
+
+TEST(ForkHeld, TellsWhyThereIsNoChild)
+{
+    const ChildResult child = RunInChild([] {
+        if (!testing_support::MakeForksFail()) {
+            std::cout << "refused";
+            return;
+        }
+        const std::string before = HeldSignals();
+        errno = 0;
+        const int pid = svr4::fork_held([] { Say("called "); });
+        std::cout << pid << " " << (errno == ENOMEM) << " " << (HeldSignals() == before);
+    });
+    if (child.out == "refused")
+        GTEST_SKIP() << "no way to make fork fail here";
+    EXPECT_EQ(child.out, "-1 1 1");
 }
 
 TEST(Execvp, RunsTheShellOfTheHost)

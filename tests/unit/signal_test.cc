@@ -26,6 +26,25 @@ void Count(int)
 void Other(int)
 {
 }
+void FailInHandler(int)
+{
+    errno = ENOENT;
+}
+
+bool IsHeld(int sig)
+{
+    sigset_t held;
+    sigprocmask(SIG_BLOCK, nullptr, &held);
+    return sigismember(&held, sig) == 1;
+}
+
+sigset_t SetOf(int sig)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, sig);
+    return set;
+}
 
 void LookAtDisposition(int sig)
 {
@@ -161,6 +180,68 @@ TEST(SavedSignal, KeepsErrnoForWhatIsNoSignal)
         EXPECT_EQ(errno, EXDEV);
     }
     EXPECT_EQ(errno, EXDEV);
+}
+
+TEST(SignalsHeld, DeliversWhatCameWhenItDies)
+{
+    seen = 0;
+    svr4::signal(SIGUSR1, Count);
+    svr4::signal(SIGTERM, Count);
+    {
+        const svr4::SignalsHeld held;
+        raise(SIGUSR1);
+        raise(SIGTERM);
+        EXPECT_EQ(seen, 0);
+    }
+    EXPECT_EQ(seen, 2);
+    EXPECT_FALSE(IsHeld(SIGUSR1));
+    EXPECT_FALSE(IsHeld(SIGTERM));
+}
+
+TEST(SignalsHeld, HoldsThoseOfASetOnly)
+{
+    seen = 0;
+    svr4::signal(SIGUSR1, Count);
+    svr4::signal(SIGUSR2, Count);
+    {
+        const svr4::SignalsHeld held(SetOf(SIGUSR1));
+        raise(SIGUSR1);
+        EXPECT_EQ(seen, 0);
+        raise(SIGUSR2);
+        EXPECT_EQ(seen, 1);
+    }
+    EXPECT_EQ(seen, 2);
+}
+
+TEST(SignalsHeld, LeavesHeldWhatWasHeldBefore)
+{
+    seen = 0;
+    svr4::signal(SIGUSR1, Count);
+    {
+        const svr4::SignalsHeld outer(SetOf(SIGUSR1));
+        {
+            const svr4::SignalsHeld inner;
+            raise(SIGUSR1);
+        }
+        EXPECT_TRUE(IsHeld(SIGUSR1));
+        EXPECT_FALSE(IsHeld(SIGUSR2));
+        EXPECT_EQ(seen, 0);
+    }
+    EXPECT_EQ(seen, 1);
+}
+
+TEST(SignalsHeld, KeepsErrnoEvenFromTheHandlersThatItLetsRun)
+{
+    svr4::signal(SIGUSR1, FailInHandler);
+    errno = EXDEV;
+    {
+        const svr4::SignalsHeld held;
+        EXPECT_EQ(errno, EXDEV);
+        raise(SIGUSR1);
+        errno = EXDEV;
+    }
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(svr4::signal(SIGUSR1, SIG_DFL), SIG_DFL) << "the handler has run";
 }
 
 TEST(Signal, TheEmulatorTrapIsASignalOrNone)
