@@ -15,13 +15,15 @@ struct Request {
     int sequence = 0;
     int reason = 0; // the errno with which the client has gone, or 0
 
+    /// Whether the client has gone; its reason is kept.
     bool HasGone();
 };
 
+/// What t_open made and a descriptor of the program stands for.
 struct Endpoint {
     Socket socket;
     const Provider& provider;
-    const bool waits;
+    const bool waits; // else a call that would wait fails at once
     int state = T_UNBND;
     bool isSpent = false; // the socket has had its connection: the next one needs a new socket
     int reason = 0;       // the errno of a pending T_DISCONNECT, or 0
@@ -56,10 +58,10 @@ struct Endpoint {
     Request Take(Request** place);
 };
 
-/// Makes the descriptor an endpoint. Null when memory fails.
+/// Makes the descriptor of a new socket an endpoint. Null when memory fails.
 Endpoint* Enter(int fd, const Provider& provider, bool waits);
 
-/// Forgets the endpoint and closes its requests; its descriptor stays as it is.
+/// Forgets an endpoint and closes its requests; its descriptor stays as it is. REQUIRES: `fd` is in the table.
 void Drop(int fd);
 
 /// The endpoint `fd`, or null with TBADF.

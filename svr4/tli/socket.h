@@ -34,7 +34,7 @@ private:
 /// A new socket, or -1 with `errno`.
 int NewSocket(const Provider& provider);
 
-/// Lets the socket be bound to an address that lingers from an earlier connection.
+/// Lets the socket be bound to an address that lingers from an earlier connection, and its own be had again.
 void ReuseAddress(int fd);
 
 /// Breaks a connection, or an attempt at one, off at once, even where other processes hold the socket too.
