@@ -11,6 +11,7 @@
 
 #include "Misc/Dates.h"
 #include "Misc/proginfo.h"
+#include "svr4/process.h"
 
 [[maybe_unused]] static const char* ModuleId()
 {
@@ -274,12 +275,11 @@ short EventManager::HandleAcceptedEvent(short& exitnow)
 
 EventManager::coprocess_types EventManager::InitiateCoprocess()
 {
-    const pid_t pid = fork();
+    const int pid = svr4::fork_held(MonitoredObject::UnMonitor);
     if (pid < 0)
         return failP;
     if (pid > 0)
         return parentP;
-    MonitoredObject::UnMonitor();
     CoprocessFlag = 1;
     myParentPid = myPid;
     myPid = getpid();

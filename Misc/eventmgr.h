@@ -88,9 +88,9 @@ public:
     /// the server. A sender that waits is answered with the result in both cases.
     short main();
 
-    /// Forks. In the child, which goes on as a co-process of the server, signals act as by default and the process
-    /// ids of this object are the child's. The child must leave through CoprocessExit and must not return to main():
-    /// the queue is the parent's.
+    /// Forks. In the child, which goes on as a co-process of the server, the process ids of this object are the child's
+    /// and signals act as by default, from its first moment on: it never cleans up after its parent. The child must
+    /// leave through CoprocessExit and must not return to main(): the queue is the parent's.
     coprocess_types InitiateCoprocess();
     /// Ends the co-process without destructors and without flushing streams, as both are the parent's business.
     [[noreturn]] void CoprocessExit(int status);

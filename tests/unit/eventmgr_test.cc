@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/statvfs.h>
@@ -688,6 +689,32 @@ TEST_F(EventManagerTest, RunsACoprocess)
     Request(client, Quit);
     EXPECT_EQ(EndOf(server), 0);
     EXPECT_EQ(shared->handled, 77 + 1) << "the co-process's exit code, and one event";
+}
+
+/// An object that notes when the program is told to end.
+class Witness : public MonitoredObject {
+public:
+    explicit Witness(Shared* shared) : shared(shared) {}
+    void SigTermProc(int) override { std::strcpy(shared->dump, "clean-up"); }
+
+private:
+    Shared* shared;
+};
+
+TEST_F(EventManagerTest, ASignalForANewbornCoprocessNeverRunsTheHandlersOfTheParent)
+{
+    const ChildResult result = RunInChild([this] {
+        TestManager manager(shared);
+        Witness witness(shared);
+        pthread_atfork(nullptr, nullptr, [] { kill(getpid(), SIGTERM); }); // before anything else runs in the child
+        if (manager.InitiateCoprocess() == EventManager::childP)
+            manager.CoprocessExit(1);
+        wait(&shared->handled);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(WIFSIGNALED(shared->handled)) << "it ended with exit()";
+    EXPECT_EQ(WTERMSIG(shared->handled), SIGTERM);
+    EXPECT_STREQ(shared->dump, "");
 }
 
 TEST_F(EventManagerTest, TheCoprocessFlushesNothing)
