@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "Misc/detail/assertion.h"
+#include "Misc/detail/owner.h"
 #include "Misc/detail/text.h"
 #include "Misc/detail/timedcall.h"
 #include "svr4/process.h"
@@ -40,11 +41,6 @@ const char* SafeArray<UnixProcess>::ElementName()
 template class SafeArray<UnixProcess>;
 
 long UnixProcess::GlobalUnixProcessMaxWaitTime = 0;
-
-static long LimitFor(long maxtime)
-{
-    return maxtime != 0 ? maxtime : UnixProcess::GlobalUnixProcessMaxWaitTime;
-}
 
 // The arguments with one blank between them; empty when memory fails.
 static CString JoinArguments(const char** argv)
@@ -95,27 +91,31 @@ static short ExitCode(int status)
     return static_cast<short>((status >> 8) & 255); // 0 also for a child that a signal ended: intended
 }
 
-UnixProcess::UnixProcess(const char** argv, ctor_dtor_flag cd_f, long maxtime)
-    : maxwaittime(LimitFor(maxtime)), exitstatus(NotYetCollected), mypid(-1), cd_flag(cd_f)
+UnixProcess::UnixProcess(ctor_dtor_flag cd_f, long maxtime)
+    : maxwaittime(maxtime != 0 ? maxtime : GlobalUnixProcessMaxWaitTime), exitstatus(NotYetCollected), mypid(-1),
+      cd_flag(cd_f), owner(getpid())
+{
+}
+
+UnixProcess::UnixProcess(const char** argv, ctor_dtor_flag cd_f, long maxtime) : UnixProcess(cd_f, maxtime)
 {
     init(argv, cd_flag == wait_at_construction);
 }
 
-UnixProcess::UnixProcess(const char* Cmd, ctor_dtor_flag cd_f, long maxtime)
-    : maxwaittime(LimitFor(maxtime)), exitstatus(NotYetCollected), mypid(-1), cd_flag(cd_f)
+UnixProcess::UnixProcess(const char* Cmd, ctor_dtor_flag cd_f, long maxtime) : UnixProcess(cd_f, maxtime)
 {
     const char* argv[] = {Shell, "-c", Cmd, nullptr};
     init(argv, cd_flag == wait_at_construction);
 }
 
 UnixProcess::UnixProcess(const char** argv, Buffer& Output, long maxtime)
-    : maxwaittime(LimitFor(maxtime)), exitstatus(NotYetCollected), mypid(-1), cd_flag(leave_alone_at_destruction)
+    : UnixProcess(leave_alone_at_destruction, maxtime)
 {
     dopipe(argv, Output);
 }
 
 UnixProcess::UnixProcess(const char* Cmd, Buffer& Output, long maxtime)
-    : maxwaittime(LimitFor(maxtime)), exitstatus(NotYetCollected), mypid(-1), cd_flag(leave_alone_at_destruction)
+    : UnixProcess(leave_alone_at_destruction, maxtime)
 {
     const char* argv[] = {Shell, "-c", Cmd, nullptr};
     dopipe(argv, Output);
@@ -123,12 +123,14 @@ UnixProcess::UnixProcess(const char* Cmd, Buffer& Output, long maxtime)
 
 UnixProcess::UnixProcess(UnixProcess& p)
     : ErrorReporter(), MonitoredObject(), maxwaittime(p.maxwaittime), exitstatus(NotYetCollected), mypid(p.mypid),
-      mycmd(p.mycmd), cd_flag(leave_alone_at_destruction)
+      mycmd(p.mycmd), cd_flag(leave_alone_at_destruction), owner(getpid())
 {
 }
 
 UnixProcess::~UnixProcess()
 {
+    if (!zeloo::IsOwner(owner))
+        return;
     switch (cd_flag) {
     case wait_at_destruction: wait(); break;
     case terminate_at_destruction: terminate(); break;
@@ -201,7 +203,7 @@ void UnixProcess::dumpOn(std::ostream& out) const
 
 void UnixProcess::SigTermProc(int)
 {
-    if (cd_flag != leave_alone_at_destruction && cd_flag != wait_at_construction)
+    if (zeloo::IsOwner(owner) && cd_flag != leave_alone_at_destruction && cd_flag != wait_at_construction)
         terminate();
 }
 

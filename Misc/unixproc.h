@@ -28,6 +28,10 @@ enum coprocess_types { failP = 0, parentP = 1, childP = 2 };
 /// runs the process's alarm is in use; the caller's alarm goes on afterwards with the time that remained on it at the
 /// start. The dispositions of SIGALRM and SIGCLD are restored after each wait. Not for use in signal handlers, except
 /// for SigTermProc.
+///
+/// Only the process that made the object ends its child of its own accord: in a forked process, which may be a daemon
+/// (see daemonize), the destructor and SigTermProc leave the child alone. What wait and terminate are called for they
+/// do in every process.
 class UnixProcess : public ErrorReporter, public MonitoredObject {
 public:
     /// What becomes of the child.
@@ -53,8 +57,8 @@ public:
     /// Another handle on the child of `p`, whose destructor leaves the child alone. The exit status is not copied.
     UnixProcess(UnixProcess& p);
     UnixProcess& operator=(const UnixProcess&) = delete;
-    /// Acts on the ctor_dtor_flag. A flag that is none of the four is named on standard output and then counts as
-    /// wait_at_destruction.
+    /// Acts on the ctor_dtor_flag, in the process that made the object. A flag that is none of the four is named on
+    /// standard output and then counts as wait_at_destruction.
     ~UnixProcess() override;
 
     /// The exit code of the child, 0 to 255, for which the first call waits; 0 for a child that a signal ended. -1
@@ -71,8 +75,8 @@ public:
     const CString& cmd() const { return mycmd; }
     /// Writes command, process id, time limit and, once it is known, the exit status, a line each.
     void dumpOn(std::ostream& out) const override;
-    /// The program is ending: does terminate(), unless the flag is leave_alone_at_destruction or
-    /// wait_at_construction. May be called in a signal handler.
+    /// The program is ending: in the process that made the object does terminate(), unless the flag is
+    /// leave_alone_at_destruction or wait_at_construction. May be called in a signal handler.
     void SigTermProc(int sig) override;
 
     /// Whether a process of this id exists, whoever owns it. False for a negative id.
@@ -91,6 +95,7 @@ public:
     static long GlobalUnixProcessMaxWaitTime; // seconds; 0, its value at the start, is no limit
 
 private:
+    UnixProcess(ctor_dtor_flag cd_f, long maxtime);
     void init(const char** argv, short waitflg);
     int initp(const char** argv);
     void dopipe(const char** argv, Buffer& Output);
@@ -101,6 +106,7 @@ private:
     long mypid;
     CString mycmd;
     ctor_dtor_flag cd_flag;
+    const long owner; // the process that made the object
 };
 
 template <>

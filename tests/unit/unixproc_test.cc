@@ -706,13 +706,16 @@ private:
 TEST(UnixProcess, ASignalForANewbornChildNeverRunsTheHandlersOfTheParent)
 {
     TemporaryDirectory directory;
-    Witness witness(directory.File("witness"));
-    for (int i = 0; i < 200; i++) {
-        UnixProcess process(Sleeper);
-        const long pid = process.pid();
-        process.terminate();
-        ASSERT_EQ(Reap(pid), -SIGTERM);
-    }
+    const ChildResult child = RunInChild([&] {
+        Witness witness(directory.File("witness"));
+        pthread_atfork(nullptr, nullptr, [] { kill(getpid(), SIGTERM); }); // before anything else runs in the child
+        UnixProcess process(Sleeper, UnixProcess::leave_alone_at_destruction);
+        Buffer output;
+        UnixProcess captured(Sleeper, output);
+        _exit(Reap(process.pid()) == -SIGTERM ? captured.wait() : 1);
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.err, "");
     EXPECT_EQ(ReadFile(directory.File("witness")), "");
 }
 
@@ -974,6 +977,34 @@ TEST(UnixProcess, AProgramThatIsToldToEndTellsItsChildren)
     EXPECT_TRUE(Running(pids[2]));
     KillAndReap(pids[2]);
     prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+TEST(UnixProcess, AForkedChildLeavesTheChildrenOfItsParent)
+{
+    for (const auto flag : {UnixProcess::terminate_at_destruction, UnixProcess::wait_at_destruction,
+                            static_cast<UnixProcess::ctor_dtor_flag>(50)}) {
+        SCOPED_TRACE(flag);
+        UnixProcess* process = new UnixProcess(Sleeper, flag);
+        const ChildResult destroyer = RunInChild([&] { delete process; });
+        EXPECT_EQ(destroyer.exitCode, 0);
+        EXPECT_EQ(destroyer.out, "");
+        const pid_t terminated = StartChild([] {
+            for (;;)
+                pause();
+        });
+        kill(terminated, SIGTERM);
+        EXPECT_EQ(WaitForExit(terminated), 0);
+        kill(static_cast<pid_t>(process->pid()), SIGPROF); // one that acts after a SIGTERM that came before it
+        EXPECT_EQ(Reap(process->pid()), -SIGPROF);
+        CaptureStdout([&] { delete process; });
+    }
+}
+
+TEST(UnixProcess, AForkedChildMayTerminateTheChildrenOfItsParent)
+{
+    UnixProcess process(Sleeper, UnixProcess::leave_alone_at_destruction);
+    EXPECT_EQ(RunInChild([&] { process.terminate(); }).exitCode, 0);
+    EXPECT_EQ(Reap(process.pid()), -SIGTERM);
 }
 
 // ---- Copies, dumps, arrays
