@@ -1,13 +1,7 @@
 #include "Misc/unixproc.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <optional>
 
@@ -15,10 +9,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
+#include "Misc/detail/limits.h"
 #include "Misc/detail/owner.h"
+#include "Misc/detail/paths.h"
 #include "Misc/detail/text.h"
 #include "Misc/detail/timedcall.h"
+#include "Misc/unixproc/output.h"
+#include "svr4/errno.h"
 #include "svr4/process.h"
 #include "svr4/signal.h"
 
@@ -29,7 +28,6 @@
 
 static const short NotYetCollected = -222;
 static const short NoStatus = -1;
-static const char Shell[] = "/sbin/sh";
 static const char TimeExceededBanner[] = "\n\n******** Process max wait time exceeded **********\n";
 
 template <>
@@ -51,39 +49,18 @@ static CString JoinArguments(const char** argv)
     return joined;
 }
 
-// Reports a WARNING whose description is `what` followed by the command, with the `errno` of the caller.
-static void ReportCommand(const ErrorReporter& reporter, short type, const char* what, const CString& command,
-                          long line)
+// What every child does first, while no signal reaches it.
+static void LeaveParent()
 {
-    const int failure = errno;
-    const CString description = CString(what) + command;
-    errno = failure;
-    reporter._ReportError(ErrorReporter::WARNING, type, description, ModuleId(), line);
-}
-
-// Forks. All signals are held back meanwhile, so that none can run the handlers of the parent in the child: these
-// would clean up what belongs to the parent.
-static pid_t ForkChild()
-{
-    sigset_t all;
-    sigset_t earlier;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &earlier);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        MonitoredObject::UnMonitor();
-        svr4::signal(SIGCLD, SIG_IGN);
-    }
-    sigprocmask(SIG_SETMASK, &earlier, nullptr);
-    return pid;
+    MonitoredObject::UnMonitor();
+    svr4::signal(SIGCLD, SIG_IGN);
 }
 
 static void CloseInheritedDescriptors()
 {
-    const int savedErrno = errno;
-    for (int fd = 3; fd < 60; fd++)
+    const svr4::SavedErrno savedErrno;
+    for (int fd = 3; fd < zeloo::DescriptorLimit; fd++)
         close(fd);
-    errno = savedErrno;
 }
 
 static short ExitCode(int status)
@@ -104,7 +81,7 @@ UnixProcess::UnixProcess(const char** argv, ctor_dtor_flag cd_f, long maxtime) :
 
 UnixProcess::UnixProcess(const char* Cmd, ctor_dtor_flag cd_f, long maxtime) : UnixProcess(cd_f, maxtime)
 {
-    const char* argv[] = {Shell, "-c", Cmd, nullptr};
+    const char* argv[] = {zeloo::Shell, "-c", Cmd, nullptr};
     init(argv, cd_flag == wait_at_construction);
 }
 
@@ -117,7 +94,7 @@ UnixProcess::UnixProcess(const char** argv, Buffer& Output, long maxtime)
 UnixProcess::UnixProcess(const char* Cmd, Buffer& Output, long maxtime)
     : UnixProcess(leave_alone_at_destruction, maxtime)
 {
-    const char* argv[] = {Shell, "-c", Cmd, nullptr};
+    const char* argv[] = {zeloo::Shell, "-c", Cmd, nullptr};
     dopipe(argv, Output);
 }
 
@@ -138,6 +115,14 @@ UnixProcess::~UnixProcess()
     case wait_at_construction: break;
     default: std::cout << "Error: Unknown at_destroy function " << static_cast<int>(cd_flag) << std::endl; wait();
     }
+}
+
+// Ends a child whose time has run out.
+static void KillOverdue(const UnixProcess& process)
+{
+    kill(static_cast<pid_t>(process.pid()), SIGKILL);
+    zeloo::Report(process, UnixProcess::WARNING, UnixProcess::WAIT_TIME_EXCEEDED, errno, ZELOO_HERE,
+                  "Process killed: %s", static_cast<const char*>(process.cmd()));
 }
 
 // Waits for the end of a child, for at most `limit` seconds unless that is 0. A child that has ended already costs
@@ -169,8 +154,7 @@ short UnixProcess::wait()
         ended = WaitForChild(static_cast<pid_t>(mypid), &status, maxwaittime);
     }
     if (ended == -1 && errno == EINTR) {
-        kill(static_cast<pid_t>(mypid), SIGKILL);
-        ReportCommand(*this, WAIT_TIME_EXCEEDED, "Process killed: ", mycmd, __LINE__);
+        KillOverdue(*this);
         return NoStatus;
     }
     if (status != -1)
@@ -207,59 +191,6 @@ void UnixProcess::SigTermProc(int)
         terminate();
 }
 
-short UnixProcess::ProcessExists(long proc_pid)
-{
-    if (proc_pid < 0 || proc_pid > INT_MAX)
-        return 0;
-    return kill(static_cast<pid_t>(proc_pid), 0) == 0 || errno != ESRCH;
-}
-
-short UnixProcess::WaitForProcessToStart(const char* ProcessName, long maxwaittime, long postwaittime)
-{
-    const char* name = zeloo::TextOrEmpty(ProcessName);
-    const bool tell = debug() >= 2;
-    if (tell)
-        std::cout << "Waiting for process " << name << " to start..." << std::endl;
-
-    char command[80];
-    std::snprintf(command, sizeof command, "/usr/bin/ps -e | /usr/bin/grep %s", name);
-    bool found = false;
-    long waited = 0;
-    for (;;) {
-        Buffer scratch;
-        UnixProcess probe(command, scratch);
-        found = probe.wait() == 0;
-        if (found || waited >= maxwaittime)
-            break;
-        sleep(2);
-        waited += 2;
-    }
-
-    if (waited > 0 && postwaittime > 0)
-        sleep(static_cast<unsigned>(postwaittime));
-    if (tell) {
-        std::cout << "Waited a total of " << waited << " seconds..." << std::endl;
-        if (!found)
-            std::cout << "Time expired waiting for " << name << " to start..." << std::endl;
-    }
-    return found;
-}
-
-void UnixProcess::WaitForProcessToTerminate(long proc_pid, long maxtime, short send_kill)
-{
-    int steps = 0;
-    for (long remaining = maxtime; remaining >= 1 && ProcessExists(proc_pid); remaining -= 2) {
-        sleep(2);
-        if (send_kill && ++steps % 10 == 0 && proc_pid > 0) // 0 would be the caller's own group
-            kill(static_cast<pid_t>(proc_pid), SIGTERM);
-    }
-}
-
-void UnixProcess::SetGlobalMaxWaitTime(long seconds)
-{
-    GlobalUnixProcessMaxWaitTime = seconds;
-}
-
 void UnixProcess::init(const char** argv, short waitflg)
 {
     ZELOO_REQUIRE(argv != NULL, "Misc/unixproc");
@@ -270,7 +201,7 @@ void UnixProcess::init(const char** argv, short waitflg)
         svr4::signal(SIGCLD, SIG_DFL); // before the fork: the status of a child that ends at once must be kept
     }
 
-    mypid = ForkChild();
+    mypid = svr4::fork_held(LeaveParent);
     if (mypid == 0) {
         CloseInheritedDescriptors();
         svr4::setpgrp();
@@ -279,7 +210,8 @@ void UnixProcess::init(const char** argv, short waitflg)
     if (mypid == -1) {
         exitstatus = NoStatus;
         sigcld.reset();
-        ReportCommand(*this, FORK_FAILED, "fork failed attempting: ", mycmd, __LINE__);
+        zeloo::Report(*this, WARNING, FORK_FAILED, errno, ZELOO_HERE, "fork failed attempting: %s",
+                      static_cast<const char*>(mycmd));
         return;
     }
     if (waitflg)
@@ -295,7 +227,7 @@ int UnixProcess::initp(const char** argv)
         return -1;
     }
 
-    mypid = ForkChild();
+    mypid = svr4::fork_held(LeaveParent);
     if (mypid == 0) {
         close(ends[0]);
         if (ends[1] != STDOUT_FILENO) { // as it is when the parent had closed its own
@@ -305,94 +237,20 @@ int UnixProcess::initp(const char** argv)
         svr4::setpgrp();
         childexec(argv);
     }
-    const int failure = errno;
+    const svr4::SavedErrno forkError;
     close(ends[1]);
     if (mypid == -1) {
         exitstatus = NoStatus;
         close(ends[0]);
-        errno = failure;
-        ReportCommand(*this, FORK_FAILED, "fork failed attempting to execute: ", mycmd, __LINE__);
+        zeloo::Report(*this, WARNING, FORK_FAILED, forkError.Value(), ZELOO_HERE,
+                      "fork failed attempting to execute: %s", static_cast<const char*>(mycmd));
         return -1;
     }
     return ends[0];
 }
 
-// What a child writes, collected in one growing block, since every Buffer::Append copies the whole buffer.
-class CollectedOutput {
-public:
-    CollectedOutput() : block(nullptr), used(0), capacity(0) {}
-    ~CollectedOutput() { std::free(block); }
-    CollectedOutput(const CollectedOutput&) = delete;
-    CollectedOutput& operator=(const CollectedOutput&) = delete;
-
-    /// read(2) of at most BlockSize bytes, with its result. They are dropped when there is no memory for them.
-    ssize_t ReadFrom(int fd);
-    /// Makes what was collected the contents of `output`, which is empty.
-    void HandTo(Buffer& output);
-
-private:
-    static const size_t BlockSize = 16384;
-
-    bool MakeRoom(size_t size);
-    bool Grow(size_t size);
-
-    char* block;
-    size_t used;
-    size_t capacity;
-    char spare[BlockSize];
-};
-
-ssize_t CollectedOutput::ReadFrom(int fd)
-{
-    if (capacity - used >= BlockSize) {
-        const ssize_t n = read(fd, block + used, BlockSize);
-        if (n > 0)
-            used += static_cast<size_t>(n);
-        return n;
-    }
-    const ssize_t n = read(fd, spare, BlockSize); // the block need not grow only to find the end
-    if (n > 0 && MakeRoom(static_cast<size_t>(n))) {
-        std::memcpy(block + used, spare, static_cast<size_t>(n));
-        used += static_cast<size_t>(n);
-    }
-    return n;
-}
-
-void CollectedOutput::HandTo(Buffer& output)
-{
-    if (used == 0)
-        return;
-    Grow(used); // the size of a buffer is the size of its block
-    output.AssignPtr(block, static_cast<unsigned>(used));
-    block = nullptr;
-    used = capacity = 0;
-}
-
-// Doubles a block without room for `size` more bytes; with little memory left, takes just these.
-bool CollectedOutput::MakeRoom(size_t size)
-{
-    const size_t needed = used + size;
-    if (needed <= capacity)
-        return true;
-    if (needed > UINT32_MAX) // no Buffer holds more
-        return false;
-    return Grow(std::max(2 * capacity, 4 * BlockSize)) || Grow(needed);
-}
-
-bool CollectedOutput::Grow(size_t size)
-{
-    const int savedErrno = errno;
-    char* grown = static_cast<char*>(std::realloc(block, size));
-    errno = savedErrno;
-    if (grown == nullptr)
-        return false;
-    block = grown;
-    capacity = size;
-    return true;
-}
-
 // Collects what comes from `fd`, for at most `limit` seconds unless that is 0. False when the time ran out.
-static bool ReadToEnd(int fd, long limit, CollectedOutput& collected)
+static bool ReadToEnd(int fd, long limit, zeloo::CollectedOutput& collected)
 {
     std::optional<zeloo::TimedCall> timed;
     if (limit != 0)
@@ -418,7 +276,7 @@ void UnixProcess::dopipe(const char** argv, Buffer& Output)
     if (fd < 0)
         return;
 
-    CollectedOutput collected;
+    zeloo::CollectedOutput collected;
     const bool ended = ReadToEnd(fd, maxwaittime, collected);
     collected.HandTo(Output);
     close(fd);
@@ -429,8 +287,7 @@ void UnixProcess::dopipe(const char** argv, Buffer& Output)
         exitstatus = ExitCode(status);
     sigcld.reset();
     if (!ended) {
-        kill(static_cast<pid_t>(mypid), SIGKILL);
-        ReportCommand(*this, WAIT_TIME_EXCEEDED, "Process killed: ", mycmd, __LINE__);
+        KillOverdue(*this);
         Output.Append(TimeExceededBanner);
     }
 }
@@ -440,9 +297,10 @@ void UnixProcess::childexec(const char** argv)
 {
     svr4::execvp(argv[0], const_cast<char* const*>(argv));
     std::cerr.tie(nullptr); // the report must not flush the parent's standard output
-    ReportCommand(*this, EXEC_FAILED, "exec() failed attempting: ", mycmd, __LINE__);
+    zeloo::Report(*this, WARNING, EXEC_FAILED, errno, ZELOO_HERE, "exec() failed attempting: %s",
+                  static_cast<const char*>(mycmd));
 
     const char* blank[] = {"sh", "-c", " ", nullptr};
-    svr4::execvp(Shell, const_cast<char* const*>(blank));
+    svr4::execvp(zeloo::Shell, const_cast<char* const*>(blank));
     _exit(-1);
 }
