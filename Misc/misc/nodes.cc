@@ -1,0 +1,280 @@
+#include "Misc/misc.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <new>
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include "Misc/CstrArray.h"
+#include "Misc/Error.h"
+#include "Misc/Error/report.h"
+#include "Misc/cstring.h"
+#include "Misc/detail/immortal.h"
+#include "Misc/detail/limits.h"
+#include "Misc/detail/paths.h"
+#include "Misc/detail/text.h"
+#include "Misc/mobject.h"
+#include "svr4/errno.h"
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: misc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+static const int LongestLine = 511;
+static const std::size_t AddressSize = 4; // bytes of an Internet address
+static const char Separators[] = " \t";
+
+namespace {
+
+// A list of nodes, with its name in reports. The two are types of their own so that each is a static of its own.
+struct NodeList : CStringSafeArray {
+    explicit NodeList(const char* name_p) : name(name_p) {}
+    const char* const name;
+};
+struct ValidNodeList : NodeList {
+    ValidNodeList() : NodeList("ValidNodes") {}
+};
+struct InValidNodeList : NodeList {
+    InValidNodeList() : NodeList("InValidNodes") {}
+};
+
+} // namespace
+
+static const ErrorReporter& Reporter()
+{
+    const svr4::SavedErrno savedErrno; // making a reporter clears it
+    return zeloo::Immortal<ErrorReporter>();
+}
+
+// The lines of the node list file and those learned since it was read.
+static NodeList& ValidNodes()
+{
+    return zeloo::Immortal<ValidNodeList>();
+}
+
+// Every node that has been rejected.
+static NodeList& InValidNodes()
+{
+    return zeloo::Immortal<InValidNodeList>();
+}
+
+static timespec nodesFileTime = {0, 0};  // the modification time of the node list file last read
+static bool missingFileReported = false; // since the file was last seen
+
+// Adds a copy of `text`. When memory fails or the list is full that is reported, and the result is false: a caller
+// somewhere in the network that makes up ever new names must not stop the process.
+static bool AddCopy(NodeList& list, const char* text)
+{
+    CString* entry = list.Quantity() < zeloo::MostElements ? new (std::nothrow) CString(text) : nullptr;
+    if (entry != nullptr)
+        list.AddItem(entry);
+    else
+        zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::OUT_OF_MEMORY, errno, ZELOO_HERE,
+                      "failed to allocate memory for %s.", list.name);
+    return entry != nullptr;
+}
+
+// Writes a debug line of `label`, `text` and `end` to standard output.
+static void Tell(const char* label, const char* text, const char* end = "")
+{
+    std::cout << label << text << end << std::endl;
+}
+
+static void TellAll(const char* label, const NodeList& list, const char* end = "")
+{
+    for (CStringSafeArrayIter node(list); node() != nullptr; ++node)
+        Tell(label, *node(), end);
+}
+
+hostent* GetHost(const char* Name)
+{
+    hostent* host = Name != nullptr ? gethostbyname(Name) : nullptr;
+    if (host == nullptr) {
+        if (MonitoredObject::debug() >= 4)
+            Tell("WARNING: gethostbyname failed for host ", zeloo::TextOrEmpty(Name));
+        return nullptr;
+    }
+    if (host->h_addrtype != AF_INET) {
+        zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::INVALID_DATA, errno, ZELOO_HERE,
+                      "Invalid address type: (%s) %d.", host->h_name, host->h_addrtype);
+        return nullptr;
+    }
+    return host;
+}
+
+static std::size_t AddressCount(const hostent* host)
+{
+    std::size_t count = 0;
+    while (host->h_addr_list[count] != nullptr)
+        count++;
+    return count;
+}
+
+// Whether `host` has one of the `count` addresses that stand one behind the other at `addresses`.
+static bool HasOneOf(const hostent* host, const char* addresses, std::size_t count)
+{
+    for (char** address = host->h_addr_list; *address != nullptr; address++)
+        for (std::size_t i = 0; i < count; i++)
+            if (std::memcmp(*address, addresses + i * AddressSize, AddressSize) == 0)
+                return true;
+    return false;
+}
+
+int AddrEqual(const char* FromNode, const char* NName)
+{
+    const hostent* host = GetHost(NName);
+    const std::size_t count = host != nullptr ? AddressCount(host) : 0;
+    if (count == 0)
+        return 0;
+    char* addresses = static_cast<char*>(std::calloc(count, AddressSize)); // the next look-up overwrites the result
+    if (addresses == nullptr) {
+        zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::OUT_OF_MEMORY, errno, ZELOO_HERE,
+                      "calloc failed for %d bytes.", static_cast<int>(count * AddressSize));
+        return 0;
+    }
+    for (std::size_t i = 0; i < count; i++)
+        std::memcpy(addresses + i * AddressSize, host->h_addr_list[i], AddressSize);
+    host = GetHost(FromNode);
+    const int equal = host != nullptr && HasOneOf(host, addresses, count);
+    std::free(addresses);
+    return equal;
+}
+
+static bool IsLater(const timespec& a, const timespec& b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+// Reads a line, or the first LongestLine characters of it; the rest is left for the next call. False at the end.
+static bool ReadLine(FILE* file, char (&line)[LongestLine + 1])
+{
+    int length = 0;
+    int c;
+    while ((c = std::getc(file)) != EOF && c != '\n') {
+        if (length == LongestLine) {
+            std::ungetc(c, file);
+            break;
+        }
+        line[length++] = static_cast<char>(c);
+    }
+    line[length] = '\0';
+    return c != EOF || length > 0;
+}
+
+static void ReadValidNodes()
+{
+    FILE* file = std::fopen(zeloo::NodesFile, "r");
+    if (file == nullptr)
+        return;
+    char line[LongestLine + 1];
+    while (ReadLine(file, line))
+        AddCopy(ValidNodes(), line);
+    std::fclose(file);
+}
+
+void CheckNodesFile()
+{
+    struct stat status;
+    if (stat(zeloo::NodesFile, &status) != 0) {
+        if (!missingFileReported)
+            zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::OTHER, errno, ZELOO_HERE,
+                          "No orvnodes.dat file.");
+        missingFileReported = true;
+        return;
+    }
+    missingFileReported = false;
+    if (!IsLater(status.st_mtim, nodesFileTime))
+        return;
+    if (MonitoredObject::debug() >= 4) {
+        Tell("List before deletion:", "");
+        TellAll("Valid node: ", ValidNodes());
+    }
+    ValidNodes().DeleteAllItems();
+    ReadValidNodes();
+    nodesFileTime = status.st_mtim; // of before the reading, so that what is written meanwhile is read next time
+}
+
+// The token of a node list entry at `at`, which moves behind it; empty when there is none.
+static CString NextToken(const char*& at)
+{
+    at += std::strspn(at, Separators);
+    const std::size_t length = std::strcspn(at, Separators);
+    const CString token(at, static_cast<unsigned>(length));
+    at += length;
+    return token;
+}
+
+// Looks for the first entry whose name is `node` itself or, with `byAddress`, shares an address with it. `option` gets
+// the entry's option. False when there is none.
+static bool FindNode(const CString& node, bool byAddress, CString& option)
+{
+    for (CStringSafeArrayIter entry(ValidNodes()); entry() != nullptr; ++entry) {
+        const char* at = *entry();
+        const CString name = NextToken(at);
+        if (name.strlen() == 0)
+            continue;
+        if (!byAddress && MonitoredObject::debug() >= 5)
+            std::cout << "Comparing [" << static_cast<const char*>(name) << "] with [" << static_cast<const char*>(node)
+                      << "]" << std::endl;
+        if (byAddress ? !AddrEqual(node, name) : name != node)
+            continue;
+        option = NextToken(at);
+        return true;
+    }
+    return false;
+}
+
+static bool IsRejected(const CString& node)
+{
+    for (CStringSafeArrayIter rejected(InValidNodes()); rejected() != nullptr; ++rejected) {
+        if (MonitoredObject::debug() >= 5) {
+            Tell("Invalid Node: [ ", *rejected(), " ]");
+            Tell("From Node: [ ", node, " ]");
+        }
+        if (*rejected() == node)
+            return true;
+    }
+    return false;
+}
+
+// Rejects a node. 1 when this is its first time, which is logged, else 0.
+static int Reject(const CString& node)
+{
+    if (IsRejected(node) || !AddCopy(InValidNodes(), node))
+        return 0;
+    const CString description = CString("ORV rejected message from invalid node ") + node;
+    Reporter()._ReportErrorExt(ErrorReporter::WARNING_WITH_LOG, ErrorReporter::MISCONFIGURATION_NODES, description,
+                               ModuleId(), __LINE__, node);
+    return 1;
+}
+
+int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString& ReturnVal)
+{
+    const CString node(FromNode); // copies, since ReturnVal may hold the texts
+    const CString standard(DefaultVal);
+    if (MonitoredObject::debug() >= 4) {
+        Tell("Checking node [", node, "] for access permission.");
+        TellAll("Invalid node: ", InValidNodes());
+        TellAll("Valid node: [", ValidNodes(), "]");
+        Tell("DefaultVal: remote_access option = ", standard);
+    }
+    ReturnVal = standard;
+    if (standard == "global")
+        return 0;
+    CheckNodesFile();
+    if (FindNode(node, false, ReturnVal))
+        return 0;
+    if (!FindNode(node, true, ReturnVal))
+        return Reject(node);
+    AddCopy(ValidNodes(), node + " " + ReturnVal); // the next time it is found without a look-up
+    return 0;
+}
