@@ -1,14 +1,16 @@
 #include "Misc/ProcMgr.h"
 
+#include <cerrno>
 #include <csignal>
 #include <iostream>
 #include <new>
-#include <string>
 
 #include <sys/types.h>
 
 #include "Misc/Dates.h"
+#include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
+#include "Misc/detail/limits.h"
 #include "Misc/detail/text.h"
 #include "Misc/mobject.h"
 #include "Misc/unixproc.h"
@@ -17,8 +19,6 @@
 {
     return "$Id: ProcMgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
 }
-
-static const unsigned MostCommands = 256000; // that an array holds
 
 template <>
 const char* SafeArray<CmdLine>::ElementName()
@@ -38,7 +38,7 @@ template class SafeArray<ProcInfo>;
 
 namespace {
 
-// Room for a static object that ProcMgrQueues constructs and destroys.
+// Room for a static object that ProcMgrQueues constructs and destroys: the references below are good from the start.
 template <class T>
 union Room {
     constexpr Room() : none() {}
@@ -78,11 +78,6 @@ ProcMgrQueues::~ProcMgrQueues()
     }
 }
 
-static void Report(const ErrorReporter& reporter, short type, const char* description, long line)
-{
-    reporter._ReportError(ErrorReporter::WARNING, type, description, ModuleId(), line);
-}
-
 static long PendingCount()
 {
     return static_cast<long>(ProcMgr::commands.Quantity());
@@ -96,10 +91,10 @@ static long ActiveCount()
 ProcMgr::ProcMgr(const char* Cmd, Fault* Cur_f)
 {
     CountProcesses();
-    CmdLine* line = new (std::nothrow) CmdLine{Cmd, 0, Cur_f != nullptr ? Cur_f->GetFaultId() : FaultId()};
-    if (line != nullptr && MonitoredObject::debug() >= 4)
-        std::cout << "The Coming FaultId is " << line->Cur_fid << std::endl;
-    Submit(line, "no memory for new command.");
+    CmdLine* command = new (std::nothrow) CmdLine{Cmd, 0, Cur_f != nullptr ? Cur_f->GetFaultId() : FaultId()};
+    if (command != nullptr && MonitoredObject::debug() >= 4)
+        std::cout << "The Coming FaultId is " << command->Cur_fid << std::endl;
+    Submit(command, "no memory for new command.");
 }
 
 ProcMgr::ProcMgr(const char** argv)
@@ -113,14 +108,14 @@ ProcMgr::ProcMgr(const char** argv)
 
 ProcMgr::~ProcMgr() = default;
 
-// Appends `line`, which is null when there was no memory for it, and starts what can be started.
-void ProcMgr::Submit(CmdLine* line, const char* noMemory)
+// Appends `command`, which is null when there was no memory for it, and starts what can be started.
+void ProcMgr::Submit(CmdLine* command, const char* noMemory)
 {
-    if (line != nullptr && commands.Quantity() < MostCommands) {
-        commands.AddItem(line);
+    if (command != nullptr && commands.Quantity() < zeloo::MostElements) {
+        commands.AddItem(command);
     } else {
-        delete line;
-        Report(*this, OUT_OF_MEMORY, noMemory, __LINE__);
+        delete command;
+        _ReportError(WARNING, OUT_OF_MEMORY, noMemory, ModuleId(), __LINE__);
     }
     RunProcesses();
 }
@@ -134,15 +129,14 @@ void ProcMgr::CheckProcesses()
 // Kills the process group of a command that has run too long.
 static void KillGroup(const ProcInfo& process)
 {
-    ErrorReporter reporter; // made before the kill, as making it clears errno
     if (kill(static_cast<pid_t>(-process.pid), SIGKILL) == -1) {
-        Report(reporter, ErrorReporter::OTHER, "Unable to kill process", __LINE__);
+        zeloo::Report(ErrorReporter::WARNING, ErrorReporter::OTHER, errno, ZELOO_HERE, "Unable to kill process");
         return;
     }
     FaultId fault; // its text is composed anew: that of a command without a fault is empty
     fault.concatNodenameId(process.AssociateFaultId.GetId(), process.AssociateFaultId.GetNodeName());
-    const CString text = CString("Killed timed out process.Associated FaultId is ") + fault;
-    Report(reporter, ErrorReporter::OTHER, text, __LINE__);
+    zeloo::Report(ErrorReporter::WARNING, ErrorReporter::OTHER, 0, ZELOO_HERE,
+                  "Killed timed out process.Associated FaultId is %s", static_cast<const char*>(fault));
 }
 
 void ProcMgr::CountProcesses()
@@ -175,14 +169,13 @@ void ProcMgr::RunProcesses()
 }
 
 // Counts a failed start of the first command, and drops the command when that was one too many.
-static void NoteFailedStart(const ErrorReporter& reporter)
+static void NoteFailedStart()
 {
-    CmdLine& line = *ProcMgr::commands.first();
-    if (++line.retry_count <= ProcMgr::MaxRetry)
+    CmdLine& command = *ProcMgr::commands.first();
+    if (++command.retry_count <= ProcMgr::MaxRetry)
         return;
-    const std::string limit = std::to_string(ProcMgr::MaxRetry);
-    const CString text = CString("Max retry of ") + limit.c_str() + " exceeded for " + line.cmd;
-    Report(reporter, ErrorReporter::OTHER, text, __LINE__);
+    zeloo::Report(ErrorReporter::WARNING, ErrorReporter::OTHER, errno, ZELOO_HERE, "Max retry of %ld exceeded for %s",
+                  ProcMgr::MaxRetry, static_cast<const char*>(command.cmd));
     ProcMgr::commands.RemoveAt(0);
     MaxRetryExceeded++;
 }
@@ -190,16 +183,15 @@ static void NoteFailedStart(const ErrorReporter& reporter)
 // Starts the first command that waits. False when the pass ends with it.
 bool ProcMgr::StartFirst()
 {
-    const ErrorReporter reporter;
-    const CmdLine& line = *commands.first();
-    const UnixProcess child(line.cmd, UnixProcess::leave_alone_at_destruction, 0);
+    const CmdLine& command = *commands.first();
+    const UnixProcess child(command.cmd, UnixProcess::leave_alone_at_destruction, 0);
     if (child.pid() == -1) {
-        NoteFailedStart(reporter);
+        NoteFailedStart();
         return false;
     }
-    ProcInfo* process = new (std::nothrow) ProcInfo{line.Cur_fid, child.pid(), Dates::CurrentTime()};
+    ProcInfo* process = new (std::nothrow) ProcInfo{command.Cur_fid, child.pid(), Dates::CurrentTime()};
     if (process == nullptr) { // the command runs and stays queued too: intended
-        Report(reporter, OUT_OF_MEMORY, "no memory for new process info.", __LINE__);
+        zeloo::Report(WARNING, OUT_OF_MEMORY, errno, ZELOO_HERE, "no memory for new process info.");
         return false;
     }
     processes.AddItem(process);
@@ -212,9 +204,9 @@ void ProcMgr::dumpOn(std::ostream& out)
     out << "Dumping ProcMgr Object:" << std::endl;
     out << "Number of Pending Processes = " << PendingCount() << std::endl;
     for (unsigned i = 0; i < commands.Quantity(); i++) {
-        const CmdLine& line = *commands[static_cast<int>(i)];
-        out << "command: <" << line.cmd << "> Retry = " << line.retry_count << std::endl;
-        out << " Comming FaultId is " << line.Cur_fid << std::endl;
+        const CmdLine& command = *commands[static_cast<int>(i)];
+        out << "command: <" << command.cmd << "> Retry = " << command.retry_count << std::endl;
+        out << " Comming FaultId is " << command.Cur_fid << std::endl;
     }
     out << "Number of Active Processes = " << ActiveCount() << std::endl;
     for (unsigned i = 0; i < processes.Quantity(); i++) {

@@ -96,7 +96,7 @@ public:
     static long MaxTime;                 // seconds that a command may run before it can be killed; 1800 at first
 
 private:
-    void Submit(CmdLine* line, const char* noMemory);
+    void Submit(CmdLine* command, const char* noMemory);
     static bool StartFirst();
 };
 

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Misc/detail/owner.h"
 #include "Misc/unixproc.h"
 
 [[maybe_unused]] static const char* ModuleId()
@@ -37,7 +38,7 @@ void LockFile::Cleanup()
     if (!FileLocked)
         return;
     FileLocked = 0; // before the file goes: a signal handler that comes now must not delete the next owner's lock
-    if (getpid() == owner)
+    if (zeloo::IsOwner(owner))
         unlink(LockName);
 }
 

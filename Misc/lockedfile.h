@@ -70,7 +70,7 @@ public:
     int fd() const { return myfd; }
     /// 1 when the constructor created the file, else 0.
     short IsNewFile() const { return newfile; }
-    /// Closes the descriptor and releases the lock.
+    /// Closes the descriptor, in a forked child the child's own one, and releases the lock.
     void Cleanup() override;
     /// Calls Cleanup.
     void SigTermProc(int sig) override;
