@@ -10,8 +10,12 @@
 #include <unistd.h>
 
 #include "Misc/Dates.h"
+#include "Misc/Error/report.h"
+#include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
 #include "svr4/process.h"
+
+using zeloo::TextOrEmpty;
 
 [[maybe_unused]] static const char* ModuleId()
 {
@@ -23,10 +27,10 @@ static const short Unset = -1; // in the trace: no event in the slot, or no resu
 static const char WatchedFileSystem[] = "/var";
 static const int LeastPercentFree = 10;
 
-// A stream fails for good on a null text, so one from a derived class must not reach it.
-static const char* TextOf(const char* text)
+// The name of an event. It is a service of the derived class that changes nothing, though it is not declared const.
+static const char* NameOf(const EventManager& manager, short event)
 {
-    return text != nullptr ? text : "";
+    return TextOrEmpty(const_cast<EventManager&>(manager).Event_to_Name(event));
 }
 
 EventManager::EventManager(const char* ServerName, std::ostream* DebugStrm)
@@ -52,20 +56,14 @@ short EventManager::GetNextEvent(short& event, Buffer& data, short& responseRqd,
 short EventManager::AcceptEvent(short theEvent, const char* FromProgram, const char* FromNode)
 {
     const bool known = theEvent >= 0 && theEvent <= LastEventCode();
-    return known && *TextOf(FromProgram) != '\0' && *TextOf(FromNode) != '\0';
-}
-
-short EventManager::Handle_NULL_event()
-{
-    return 0;
+    return known && *TextOrEmpty(FromProgram) != '\0' && *TextOrEmpty(FromNode) != '\0';
 }
 
 short EventManager::Handle_UNSUPPORTED_event()
 {
-    char text[256];
-    std::snprintf(text, sizeof text, "Unsupported Event: number=%d, name=%s", CurrentEvent,
-                  TextOf(Event_to_Name(CurrentEvent)));
-    _ReportError(WARNING, UNSUPPORTED_FEATURE, text, ModuleId(), __LINE__);
+    const char* name = NameOf(*this, CurrentEvent);
+    zeloo::Report(*this, WARNING, UNSUPPORTED_FEATURE, errno, ZELOO_HERE, "Unsupported Event: number=%d, name=%s",
+                  CurrentEvent, name);
     if (CurrentEventResponseRqd)
         InBasket().send_response(0, UNSUPPORTED_FEATURE, nullptr, 0);
     return UNSUPPORTED_FEATURE;
@@ -81,24 +79,6 @@ short EventManager::Handle_EXIT_event(short& exitnow)
 {
     exitnow = 1;
     return 0;
-}
-
-void EventManager::HandlePostEvent()
-{
-}
-
-void EventManager::HandlePreEvent()
-{
-}
-
-int EventManager::logEvents()
-{
-    return 1;
-}
-
-int EventManager::isCoprocess()
-{
-    return CoprocessFlag;
 }
 
 // Whether the watched file system has too few free blocks.
@@ -139,10 +119,9 @@ int EventManager::FileSystemFull()
         ClearError();
     }
     if (OldFileFull == 1 && !full) {
-        char text[150];
-        std::snprintf(text, sizeof text, "File system full detected at %s, but its ok now.",
-                      Dates::GetDateTime(TimeFileFull));
-        _ReportError(WARNING, FILE_SYSTEM_FULL, text, ModuleId(), __LINE__);
+        const char* since = Dates::GetDateTime(TimeFileFull);
+        zeloo::Report(*this, WARNING, FILE_SYSTEM_FULL, errno, ZELOO_HERE,
+                      "File system full detected at %s, but its ok now.", since);
     }
     if (OldFileFull == 0 && full)
         TimeFileFull = Dates::CurrentTime();
@@ -152,12 +131,9 @@ int EventManager::FileSystemFull()
 
 void EventManager::dumpOn(std::ostream& out) const
 {
-    // The names are a service of the derived class that changes nothing, though it is not declared const.
-    EventManager* self = const_cast<EventManager*>(this);
-
     out << "Dumping EventManager data structures:" << std::endl;
     out << "EventCount: " << EventCount << std::endl;
-    out << "CurrentEvent: " << TextOf(self->Event_to_Name(CurrentEvent)) << " (" << CurrentEvent << ")" << std::endl;
+    out << "CurrentEvent: " << NameOf(*this, CurrentEvent) << " (" << CurrentEvent << ")" << std::endl;
     out << "EventTime: " << Dates::GetDateTime(CurrentEventTime) << std::endl;
     dumpTraceOn(out);
     out << "EventManager child process information:\n";
@@ -168,8 +144,6 @@ void EventManager::dumpOn(std::ostream& out) const
 
 void EventManager::dumpTraceOn(std::ostream& out) const
 {
-    EventManager* self = const_cast<EventManager*>(this); // as in dumpOn
-
     out << "\nTrace of the most recent events:\n";
     out << "--- Time Stamp --  Status Event\n";
     for (int i = 1; i <= TraceSlots; i++) {
@@ -179,8 +153,8 @@ void EventManager::dumpTraceOn(std::ostream& out) const
         char status[8] = "---";
         if (traceStatus[slot] != Unset)
             std::snprintf(status, sizeof status, "%.3d", traceStatus[slot]);
-        out << Dates::GetDateTime(traceTimes[slot]) << "  " << status << "    "
-            << TextOf(self->Event_to_Name(traceEvents[slot])) << std::endl;
+        out << Dates::GetDateTime(traceTimes[slot]) << "  " << status << "    " << NameOf(*this, traceEvents[slot])
+            << std::endl;
     }
     out << "End of trace of most recent events.\n\n";
 }
@@ -242,7 +216,7 @@ short EventManager::RefuseEvent(short AckRqd, short& exitnow)
 {
     short status = FILE_SYSTEM_FULL;
     if (IsExitEvent(CurrentEvent) &&
-        std::strcmp(InBasket().LastSendersNodeName(), TextOf(ProgInfo::GetNodeName())) == 0) {
+        std::strcmp(InBasket().LastSendersNodeName(), TextOrEmpty(ProgInfo::GetNodeName())) == 0) {
         exitnow = 1;
         status = 0;
     }
@@ -312,8 +286,8 @@ void EventManager::TimeStampS(short const event, const char* FromProgram, const 
 {
     if (MonitoredObject::debug() < 1)
         return;
-    out << "----\nEventBeg: " << TextOf(Event_to_Name(event)) << "\nFrom: [" << TextOf(FromProgram) << "] ("
-        << TextOf(FromNode) << ")" << std::endl;
+    out << "----\nEventBeg: " << NameOf(*this, event) << "\nFrom: [" << TextOrEmpty(FromProgram) << "] ("
+        << TextOrEmpty(FromNode) << ")" << std::endl;
     StartClock = times(&StartTimes);
 }
 
@@ -328,7 +302,7 @@ void EventManager::TimeStampE(short const event, std::ostream& out)
         << "Real=" << static_cast<double>(clock - StartClock) / rate << ", "
         << "User=" << static_cast<double>(now.tms_utime - StartTimes.tms_utime) / rate << ", "
         << "Sys=" << static_cast<double>(now.tms_stime - StartTimes.tms_stime) / rate << ". " << Dates::GetDateTime()
-        << " " << TextOf(Event_to_Name(event)) << std::endl;
+        << " " << NameOf(*this, event) << std::endl;
 }
 
 void EventManager::RejectEventStamp(std::ostream& out)

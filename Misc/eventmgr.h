@@ -50,7 +50,7 @@ public:
     /// Whether the event asks the server to end; it goes to Handle_EXIT_event.
     virtual short IsExitEvent(short event) = 0;
     /// Does nothing and returns 0. A server that answers such events overrides it.
-    virtual short Handle_NULL_event();
+    virtual short Handle_NULL_event() { return 0; }
     /// For HandleEvent to call when it does not know CurrentEvent: reports a WARNING of type UNSUPPORTED_FEATURE,
     /// answers a waiting sender with that code and returns it.
     virtual short Handle_UNSUPPORTED_event();
@@ -63,13 +63,13 @@ public:
     /// Handles every accepted event that is neither null nor exit, and answers the sender. Returns the result code.
     virtual short HandleEvent(short event) = 0;
     /// Called after an accepted event, unless the server is ending. Does nothing.
-    virtual void HandlePostEvent();
+    virtual void HandlePostEvent() {}
     /// Called before every accepted event. Does nothing.
-    virtual void HandlePreEvent();
+    virtual void HandlePreEvent() {}
     /// Whether the current event is stamped on the debug stream. 1.
-    virtual int logEvents();
+    virtual int logEvents() { return 1; }
     /// Non-zero in the child of InitiateCoprocess.
-    virtual int isCoprocess();
+    virtual int isCoprocess() { return CoprocessFlag; }
     /// 1 when the file system of /var has less than 10 percent of its blocks free, or cannot be asked; else 0. The disk
     /// is looked at only on a suspicion: standard output or standard error has failed, the last error reported was
     /// ENOSPC, or the file system was full the last time. With room again the suspicions are cleared, and the recovery
