@@ -8,22 +8,18 @@
 
 namespace svr4 {
 
-/// A register of the processor under the label that a crash dump gives it.
-struct Register {
-    const char* label;
-    uint64_t value;
-};
+/// The registers in the order in which a crash dump prints them, under the labels that it gives them: those of the
+/// 32-bit processor, for every other one as well, so that all crash dumps have the same lines.
+constexpr const char* RegisterLabels[] = {"SS",  "UESP", "EFL", "CS",  "EIP", "ERR", "TRAPNO", "EAX", "ECX", "EDX",
+                                          "EBX", "ESP",  "EBP", "ESI", "EDI", "DS",  "ES",     "FS",  "GS"};
+constexpr size_t RegisterCount = sizeof RegisterLabels / sizeof *RegisterLabels;
 
-constexpr size_t MostRegisters = 40;
-
-/// What a signal interrupted. The registers stand in the order in which a crash dump prints them and end with a null
-/// label. On a 64-bit host the labels are those of the 32-bit processor and the values those of the 64-bit registers.
-/// What the host does not tell is 0; a processor that is not known here has the labels all the same, so that every
-/// crash dump has the same lines.
+/// What a signal interrupted. On a 64-bit host the values are those of the 64-bit registers. What the host does not
+/// tell, or a processor does not have, is 0.
 struct SignalledContext {
     uintptr_t stackPointer;
     uintptr_t framePointer;
-    Register registers[MostRegisters + 1];
+    uint64_t registers[RegisterCount];
 };
 
 /// Installs `handler`, a function, for `sig`, to run on the alternate stack (see use_alternate_stack) with no other
@@ -39,7 +35,7 @@ int capture_signal(int sig, void (*handler)(int));
 int use_alternate_stack();
 
 /// The context that the last signal installed with capture_signal interrupted. Returns 0, or -1 when there was none;
-/// `*context` is all 0 then, with no registers.
+/// `*context` is all 0 then.
 int signalled_context(SignalledContext* context);
 
 /// The bounds of the memory that holds `address`, when that is a readable mapping of this process: used to keep a

@@ -11,17 +11,14 @@
 #include <unistd.h>
 
 #include "Misc/Dates.h"
-#include "Misc/crash/coreimage.h"
+#include "Misc/crash/handlers.h"
 #include "Misc/crash/signalfile.h"
 #include "Misc/crash/stackdump.h"
 #include "Misc/detail/paths.h"
 #include "Misc/mobject.h"
 #include "Misc/proginfo.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo {
 

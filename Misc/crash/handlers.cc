@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 
 #include "Misc/Dates.h"
-#include "Misc/crash/coreimage.h"
 #include "Misc/crash/crashfile.h"
 #include "Misc/crash/signalfile.h"
 #include "Misc/mobject.h"
@@ -17,10 +16,7 @@
 #include "svr4/errno.h"
 #include "svr4/signal.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 constexpr int TerminateSignals[] = {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGXFSZ, SIGXCPU};
 constexpr int CaptureSignals[] = {SIGABRT, SIGILL, SIGBUS, SIGSEGV, SIGSYS, svr4::sigemt, SIGFPE, SIGTRAP, SIGUSR2};
@@ -37,6 +33,24 @@ static int HandleAlone(int sig, void (*handler)(int), int flags)
     action.sa_flags = flags;
     sigfillset(&action.sa_mask);
     return sigaction(sig, &action, nullptr);
+}
+
+void zeloo::create_core()
+{
+    for (int sig = 0; sig <= 31; sig++) {
+        svr4::signal(sig, SIG_IGN); // drops a signal that was held back: the process is to end by abort
+        svr4::signal(sig, SIG_DFL);
+    }
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_UNBLOCK, &all, nullptr);
+    abort();
+}
+
+void zeloo::exit_sighandler(int sig, const char* message, const char* reason)
+{
+    StandardError() << "Handle of signal " << sig << " exit: " << message << reason << '\n';
+    create_core();
 }
 
 // The same signal arrived again while it was handled.

@@ -6,10 +6,7 @@
 #include "Misc/detail/text.h"
 #include "svr4/signal.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 template <>
 const char* SafeArray<MonitoredObject>::ElementName()
@@ -26,15 +23,9 @@ long MonitoredObject::InstanceCounter = 0;
 MonitoredObjectSafeArray* MonitoredObject::Registry = nullptr;
 char* MonitoredObject::DumpStateFileName = nullptr;
 
-MonitoredObject::MonitoredObject() : ObjectTag(InstanceCounter++)
-{
-    Register();
-}
+MonitoredObject::MonitoredObject() : ObjectTag(InstanceCounter++) { Register(); }
 
-MonitoredObject::MonitoredObject(const MonitoredObject&) : ObjectTag(InstanceCounter++)
-{
-    Register();
-}
+MonitoredObject::MonitoredObject(const MonitoredObject&) : ObjectTag(InstanceCounter++) { Register(); }
 
 MonitoredObject::~MonitoredObject()
 {
@@ -48,23 +39,13 @@ MonitoredObject::~MonitoredObject()
     }
 }
 
-long MonitoredObject::myObjectTag()
-{
-    return ObjectTag;
-}
+long MonitoredObject::myObjectTag() { return ObjectTag; }
 
-void MonitoredObject::dumpOn(std::ostream& os) const
-{
-    os << "not avail\n";
-}
+void MonitoredObject::dumpOn(std::ostream& os) const { os << "not avail\n"; }
 
-void MonitoredObject::SigTermProc(int)
-{
-}
+void MonitoredObject::SigTermProc(int) {}
 
-void MonitoredObject::SigRestartProc(int)
-{
-}
+void MonitoredObject::SigRestartProc(int) {}
 
 void MonitoredObject::SetDumpStateFileName(const char* name)
 {

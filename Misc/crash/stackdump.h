@@ -1,7 +1,8 @@
-// The stack dump of a crash file.
+// The stack dump and the hex dump of a crash file.
 #ifndef MISC_CRASH_STACKDUMP_H
 #define MISC_CRASH_STACKDUMP_H
 
+#include <cstdint>
 #include <ostream>
 
 namespace zeloo {
@@ -10,6 +11,16 @@ namespace zeloo {
 /// stack pointer to some way above the frame pointer, as far as they lie in one readable stack. For a handler of
 /// svr4::capture_signal.
 void dumpstack(std::ostream& file);
+
+/// The bytes in a row of the dump.
+constexpr unsigned long RowSize = 16;
+
+/// Writes the memory from `address` on, a header line under `label` first and then a line for every row. Rows equal to
+/// the row before them (to zero bytes for the first) are only counted; their number stands on a line of its own before
+/// the next row that differs. When the region ends among such rows, that line is followed by the row just past the
+/// region, shown as zero bytes where there is no memory to read. REQUIRES: the region is mapped readable, and `length`
+/// is a multiple of RowSize.
+void dumpmem(uintptr_t address, unsigned long length, const char* label, std::ostream& file);
 
 } // namespace zeloo
 

@@ -5,10 +5,7 @@
 #include "Misc/ipcq.h"
 #include "Misc/proginfo.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 IPCQClient::IPCQClient(short Object, const char* IPCServerName, unsigned short TimeOutValue, long RequestedServerPID)
     : IPCQBase(IPCServerName), DestObject(Object), ClientVersion(), ClientProgram(), ClientNode()
@@ -22,10 +19,7 @@ IPCQClient::IPCQClient(short Object, const char* IPCServerName, unsigned short T
     MyQueueID = connect_to_queue(ServerName, seconds, &ServerPID, RequestedServerPID);
 }
 
-IPCQClient::~IPCQClient()
-{
-    Shutdown();
-}
+IPCQClient::~IPCQClient() { Shutdown(); }
 
 void IPCQClient::dumpOn(std::ostream& out) const
 {
@@ -38,30 +32,15 @@ void IPCQClient::dumpOn(std::ostream& out) const
     out << "IPCQClient Object End\n";
 }
 
-void IPCQClient::SigTermProc(int)
-{
-    Shutdown();
-}
+void IPCQClient::SigTermProc(int) { Shutdown(); }
 
-void IPCQClient::RegisterVersion(const char* version)
-{
-    zeloo::CopyText(ClientVersion, version);
-}
+void IPCQClient::RegisterVersion(const char* version) { zeloo::CopyText(ClientVersion, version); }
 
-void IPCQClient::RegisterProgramName(const char* program)
-{
-    zeloo::CopyText(ClientProgram, program);
-}
+void IPCQClient::RegisterProgramName(const char* program) { zeloo::CopyText(ClientProgram, program); }
 
-void IPCQClient::RegisterNodeName(const char* node)
-{
-    zeloo::CopyText(ClientNode, node);
-}
+void IPCQClient::RegisterNodeName(const char* node) { zeloo::CopyText(ClientNode, node); }
 
-short IPCQClient::send_event(short event, const void* ptr, long len)
-{
-    return SendToServer(event, ptr, len, 0, 0);
-}
+short IPCQClient::send_event(short event, const void* ptr, long len) { return SendToServer(event, ptr, len, 0, 0); }
 
 short IPCQClient::send_event_with_response(short event, const void* ptr, long len)
 {

@@ -2,15 +2,12 @@
 
 #include "Misc/detail/text.h"
 #include "Misc/ipcq/message.h"
-#include "Misc/wire/block.h"
+#include "Misc/wire/blocks.h"
 #include "Misc/wire/channels.h"
 
 using zeloo::DumpText;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const char* SpecialEventName(int16_t event)
 {

@@ -4,12 +4,9 @@
 #include <cstring>
 
 #include "Misc/Error/report.h"
-#include "Misc/wire/queue_record.h"
+#include "Misc/wire/records.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 template <>
 const char* SafeArray<IPCQMsg>::ElementName()
@@ -28,25 +25,16 @@ IPCQMessage& LocalMsg = zeloo::LocalMessage.area.record.msg;
 
 namespace zeloo {
 
-bool AnyMessage(const ReceivedMessage&)
-{
-    return true;
-}
+bool AnyMessage(const ReceivedMessage&) { return true; }
 
-bool CompleteMessage(const ReceivedMessage& message)
-{
-    return wire::IsComplete(message.msg(), message.length);
-}
+bool CompleteMessage(const ReceivedMessage& message) { return wire::IsComplete(message.msg(), message.length); }
 
 bool FirstBlock(const ReceivedMessage& message)
 {
     return wire::StartsEvent(message.msg(), message.length, SegmentSizeOf(message.msg()));
 }
 
-int64_t SegmentSizeOf(const IPCQMessage& message)
-{
-    return message.shmem_id >= 0 ? SegmentSize(message.shmem_id) : -1;
-}
+int64_t SegmentSizeOf(const IPCQMessage& message) { return message.shmem_id >= 0 ? SegmentSize(message.shmem_id) : -1; }
 
 int TakeMessage(int queue, long channel, ReceivedMessage& message, MessageCheck check, int flags)
 {
@@ -84,10 +72,7 @@ void ReportMalformed(int queue)
            queue);
 }
 
-bool QueueIsGone(int error)
-{
-    return error == EINVAL || error == EIDRM || error == ENOENT;
-}
+bool QueueIsGone(int error) { return error == EINVAL || error == EIDRM || error == ENOENT; }
 
 void ReportQueueFailure(int error, long line, const char* what)
 {

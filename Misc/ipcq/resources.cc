@@ -1,9 +1,10 @@
-#include "Misc/ipcq/resources.h"
-
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
+#include <sys/shm.h>
 #include <unistd.h>
 
 #include "Misc/Error/report.h"
@@ -11,18 +12,21 @@
 #include "Misc/detail/text.h"
 #include "Misc/ipcq/message.h"
 #include "Misc/unixproc.h"
+#include "Misc/wire/blocks.h"
 
-using zeloo::AccessMode;
 using zeloo::Report;
 using zeloo::ReportQueueFailure;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const int KeyProject = 1;
+static const int AccessMode = 0660;
 static const int RetrySeconds = 2;
+static const int ResizingToolArgument = 2;
+static const long ResizingToolSeconds = 15;
+static const int RecommendedQueueBytes = 500736;
+static const int SystemMessageLimit = 2048;
+static const int BlocksOnAQueue = 15;
 
 int ftok_orvm(const char* fileptr)
 {
@@ -56,10 +60,7 @@ const char* GetQueueErrorMsg(int errornum)
     return unknown;
 }
 
-short process_exists(long pid)
-{
-    return UnixProcess::ProcessExists(pid);
-}
+short process_exists(long pid) { return UnixProcess::ProcessExists(pid); }
 
 int create_queue(const char* fileptr, long ServerPID)
 {
@@ -124,6 +125,76 @@ int connect_to_queue(const char* fileptr, short TimeOutValue, long* pServerPID, 
         return -1;
     check_max_data_size(msqid);
     return msqid;
+}
+
+int16_t IPCMessageMaxDataLen = zeloo::wire::MostInlineData;
+
+int zeloo::SendingBlockSize()
+{
+    static int16_t lastPositive = wire::MostInlineData;
+    if (IPCMessageMaxDataLen > 0)
+        lastPositive = std::min<int16_t>(IPCMessageMaxDataLen, wire::MostInlineData);
+    return lastPositive;
+}
+
+static void RaiseQueueLimit(int msqid, struct msqid_ds& status)
+{
+    const int before = static_cast<int>(status.msg_qbytes);
+    status.msg_qbytes = RecommendedQueueBytes;
+    if (msgctl(msqid, IPC_SET, &status) < 0)
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_QUEUE_TOO_SMALL, errno, ZELOO_HERE,
+               "%s Current: %d Recommended %d", "max bytes on ipc queue too small", before, RecommendedQueueBytes);
+}
+
+static void RunResizingTool(int msqid, int before)
+{
+    char command[200];
+    std::snprintf(command, sizeof command, "%s -c %d -q %d -s %d", zeloo::ResizingTool, ResizingToolArgument, msqid,
+                  RecommendedQueueBytes);
+    UnixProcess tool(command, UnixProcess::wait_at_construction, ResizingToolSeconds);
+
+    struct msqid_ds status;
+    if (msgctl(msqid, IPC_STAT, &status) < 0) {
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, errno, ZELOO_HERE,
+               "Can't IPC_STAT after orvsys on queue %d.", msqid);
+        return;
+    }
+    const int after = static_cast<int>(status.msg_qbytes);
+    if (after == before)
+        Report(ErrorReporter::NOTICE, ErrorReporter::IPC_QUEUE_TOO_SMALL, 0, ZELOO_HERE,
+               "Failed to change IPC Queue %d from %d to %d bytes.", msqid, before, RecommendedQueueBytes);
+    else
+        Report(ErrorReporter::NOTICE, ErrorReporter::IPC_QUEUE_TOO_SMALL, 0, ZELOO_HERE,
+               "Changed IPC Queue %d from %d to %d bytes.", msqid, before, after);
+}
+
+void check_q_sizes(int msqid)
+{
+    if (IPCMessageDataSize > SystemMessageLimit)
+        Report(ErrorReporter::PANIC, ErrorReporter::IPC_QUEUE_TOO_SMALL, 0, ZELOO_HERE,
+               "IPCMessage size too large (%d bytes).", IPCMessageDataSize);
+    struct msqid_ds status;
+    if (msgctl(msqid, IPC_STAT, &status) < 0) {
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, errno, ZELOO_HERE, "Can't IPC_STAT queue %d.", msqid);
+        return;
+    }
+    if (status.msg_qbytes >= RecommendedQueueBytes)
+        return;
+    if (geteuid() == 0)
+        RaiseQueueLimit(msqid, status);
+    else
+        RunResizingTool(msqid, static_cast<int>(status.msg_qbytes));
+}
+
+void check_max_data_size(int msqid)
+{
+    struct msqid_ds status;
+    if (msgctl(msqid, IPC_STAT, &status) < 0)
+        return;
+    zeloo::SendingBlockSize(); // takes note of the last positive value
+    // Intended: a block size is a 16-bit quantity, so the upper bits are dropped before the comparison.
+    const int16_t fifteenth = static_cast<int16_t>(status.msg_qbytes / BlocksOnAQueue);
+    IPCMessageMaxDataLen = std::min(IPCMessageMaxDataLen, fifteenth);
 }
 
 int get_semid_from_msqid(int msqid)
@@ -210,3 +281,41 @@ void delete_q_and_semaphore(int msqid)
     if (semid >= 0)
         delete_semaphore(semid);
 }
+
+int64_t zeloo::SegmentSize(long shmid)
+{
+    struct shmid_ds status;
+    return shmctl(static_cast<int>(shmid), IPC_STAT, &status) == 0 ? static_cast<int64_t>(status.shm_segsz) : -1;
+}
+
+int copy_to_shmem(const void* ptr, long size)
+{
+    if (ptr == nullptr || size <= 0)
+        return -1;
+    const int shmid = shmget(IPC_PRIVATE, static_cast<size_t>(size), IPC_CREAT | IPC_EXCL | AccessMode);
+    if (shmid < 0)
+        return -1;
+    void* segment = shmat(shmid, nullptr, 0);
+    if (segment == reinterpret_cast<void*>(-1)) {
+        delete_shmem_id(shmid);
+        return -1;
+    }
+    std::memcpy(segment, ptr, static_cast<size_t>(size));
+    shmdt(segment);
+    return shmid;
+}
+
+short copy_from_shmem(long shmid, Buffer& Data, long offset, long size)
+{
+    if (shmid < 0 || shmid > INT32_MAX || offset < 0 || offset > INT32_MAX || size < 0 || size > INT32_MAX ||
+        zeloo::SegmentSize(shmid) < size)
+        return 0;
+    void* segment = shmat(static_cast<int>(shmid), nullptr, SHM_RDONLY);
+    if (segment == reinterpret_cast<void*>(-1))
+        return 0;
+    Data.PutDataAt(static_cast<unsigned>(offset), segment, static_cast<unsigned>(size));
+    shmdt(segment);
+    return 1;
+}
+
+void delete_shmem_id(long shmid) { shmctl(static_cast<int>(shmid), IPC_RMID, nullptr); }

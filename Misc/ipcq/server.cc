@@ -6,10 +6,7 @@
 #include "Misc/ipcq.h"
 #include "Misc/proginfo.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 IPCQServer::IPCQServer(const char* IPCServerName) : IPCQBase(IPCServerName), ReceiveTimeOutEvent(0)
 {
@@ -25,10 +22,7 @@ IPCQServer::IPCQServer(const char* IPCServerName) : IPCQBase(IPCServerName), Rec
     }
 }
 
-IPCQServer::~IPCQServer()
-{
-    Shutdown();
-}
+IPCQServer::~IPCQServer() { Shutdown(); }
 
 void IPCQServer::dumpOn(std::ostream& out) const
 {
@@ -38,10 +32,7 @@ void IPCQServer::dumpOn(std::ostream& out) const
     out << "IPCQServer Object End\n";
 }
 
-void IPCQServer::SigTermProc(int)
-{
-    Shutdown();
-}
+void IPCQServer::SigTermProc(int) { Shutdown(); }
 
 short IPCQServer::receive_event(short& REvent, Buffer& Data, short& ResponseRqd, short& AckRqd)
 {

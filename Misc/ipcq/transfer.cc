@@ -2,13 +2,10 @@
 
 #include "Misc/ipcq/message.h"
 #include "Misc/ipcq/wait.h"
-#include "Misc/wire/queue_record.h"
+#include "Misc/wire/records.h"
 #include "Misc/wire/transfer.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const long AckSeconds = 300;
 

@@ -9,12 +9,9 @@
 #include <sys/time.h>
 
 #include "Misc/detail/timedcall.h"
-#include "Misc/wire/block.h"
+#include "Misc/wire/blocks.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const long StepSeconds = 10;   // after which a wait looks whether its peer still lives
 static const long LongestSlice = 128; // milliseconds between two drains of a wait

@@ -6,8 +6,7 @@
 #include <cstddef>
 
 #include "Misc/records.h"
-#include "Misc/wire/cutter.h"
-#include "Misc/wire/gatherer.h"
+#include "Misc/wire/blocks.h"
 
 namespace zeloo::wire {
 

@@ -8,10 +8,7 @@
 #include "svr4/context/registers.h"
 #include "svr4/errno.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: context.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: context.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 
@@ -29,11 +26,13 @@ stack_t reserve;   // for the faults of a handler that runs on `alternate`
 
 void (*handlers[NSIG])(int);
 SignalledContext kept;
+bool isKept = false;
 
 void OnSignal(int sig, siginfo_t*, void* context)
 {
     const SavedErrno savedErrno;
     kept = ReadContext(*static_cast<const ucontext_t*>(context));
+    isKept = true;
     if (reserve.ss_sp != nullptr)
         sigaltstack(&reserve, nullptr); // refused where the host did not disarm: faults are then handled in place
     handlers[sig](sig);
@@ -102,7 +101,7 @@ int use_alternate_stack()
 int signalled_context(SignalledContext* context)
 {
     *context = kept;
-    return kept.registers[0].label != nullptr ? 0 : -1;
+    return isKept ? 0 : -1;
 }
 
 } // namespace svr4

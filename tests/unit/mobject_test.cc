@@ -23,7 +23,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Misc/crash/dumpmem.h"
+#include "Misc/crash/stackdump.h"
 #include "Misc/proginfo.h"
 #include "tests/support/testing.h"
 

@@ -1,5 +1,4 @@
-#include "Misc/wire/queue_record.h"
-#include "Misc/wire/tcp_record.h"
+#include "Misc/wire/records.h"
 
 #include <cstring>
 #include <functional>
@@ -26,15 +25,9 @@ IPCQMessage Message(int32_t total, int32_t offset, int32_t length, int16_t parts
     return message;
 }
 
-size_t LengthOf(const IPCQMessage& message)
-{
-    return 300 + static_cast<size_t>(message.msg_data_len);
-}
+size_t LengthOf(const IPCQMessage& message) { return 300 + static_cast<size_t>(message.msg_data_len); }
 
-bool Starts(const IPCQMessage& message)
-{
-    return StartsEvent(message, LengthOf(message), -1);
-}
+bool Starts(const IPCQMessage& message) { return StartsEvent(message, LengthOf(message), -1); }
 
 TEST(WireChannels, AreThoseOfTheInterface)
 {

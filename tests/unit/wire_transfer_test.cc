@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "Misc/wire/channels.h"
-#include "Misc/wire/queue_record.h"
+#include "Misc/wire/records.h"
 
 namespace {
 

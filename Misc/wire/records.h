@@ -1,13 +1,15 @@
-// What a record on a queue says, and whether it can be believed.
-#ifndef MISC_WIRE_QUEUE_RECORD_H
-#define MISC_WIRE_QUEUE_RECORD_H
+// What the records say, and whether they can be believed.
+#ifndef MISC_WIRE_RECORDS_H
+#define MISC_WIRE_RECORDS_H
 
 #include <cstddef>
 
 #include "Misc/records.h"
-#include "Misc/wire/block.h"
+#include "Misc/wire/blocks.h"
 
 namespace zeloo::wire {
+
+// ---- On a queue ----
 
 /// Whether the header and the inline data that it announces lie within the `length` bytes that came behind the type.
 bool IsComplete(const IPCQMessage& message, size_t length);
@@ -29,6 +31,17 @@ void MakeAck(IPCQMessage* message, int32_t receiver);
 
 /// Puts a block, whose bytes begin at `data`, into a record.
 void PutBlock(IPCQMessage* message, const Block& block, const char* data);
+
+// ---- On a connection ----
+
+/// The block that a record carries.
+Block BlockOf(const TliMsgStruct& record);
+
+/// Whether the texts of a first record end within their fields. What it says of its block a Gatherer tells.
+bool HasSoundTexts(const TliMsgStruct& record);
+
+/// Puts a block, whose bytes begin at `data`, into a record.
+void PutBlock(TliMsgStruct* record, const Block& block, const char* data);
 
 } // namespace zeloo::wire
 

@@ -1,12 +1,10 @@
-#include "Misc/wire/gatherer.h"
+#include "Misc/wire/blocks.h"
 
 #include <algorithm>
 #include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "Misc/wire/cutter.h"
 
 namespace {
 

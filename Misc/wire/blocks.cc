@@ -1,11 +1,22 @@
-#include "Misc/wire/gatherer.h"
+#include "Misc/wire/blocks.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: gatherer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+#include <algorithm>
+
+[[maybe_unused]] static const char* ModuleId() { return "$Id: blocks.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo::wire {
+
+Cutter::Cutter(int32_t total, int32_t blockSize)
+    : size(blockSize), block{total, 0, std::min(total, blockSize), total / blockSize, true}
+{
+}
+
+void Cutter::Advance()
+{
+    block.partsLeft--;
+    block.offset += block.length;
+    block.length = std::min(block.total - block.offset, size);
+}
 
 // Whether a block is sound by itself.
 static bool IsSound(const Block& block)
