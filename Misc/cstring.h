@@ -155,6 +155,8 @@ private:
     static CStringRep* newRep(const char* s, uint64_t n);
     void delete_cp();
     void takeOver(char* text);
+    template <class Fill>
+    void rebuild(uint64_t n, Fill fill);
     void splice(unsigned pos, unsigned removed, const char* s, uint64_t n);
     void convert(int copy, int (*conversion)(int));
 

@@ -1,0 +1,250 @@
+#include "Misc/cstring.h"
+
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <new>
+
+#include "Misc/buffer.h"
+#include "Misc/cstring/room.h"
+#include "Misc/detail/assertion.h"
+#include "Misc/detail/immortal.h"
+#include "Misc/detail/text.h"
+
+using zeloo::NewRoom;
+using zeloo::TextOrEmpty;
+
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+// Constant-initialised: strings of any unit may be made before main and destroyed after it.
+CStringRep* CString::emptyRep = nullptr;
+
+namespace {
+
+// The empty representation when there is no memory even for that. The count that it starts with is no string's, so that
+// it is never freed.
+struct LastResort {
+    char text[1] = "";
+    char* block = text;
+    CStringRep rep{&block};
+};
+
+} // namespace
+
+CStringRep* CString::get_emptyRep()
+{
+    if (emptyRep == nullptr) {
+        emptyRep = new (std::nothrow) CStringRep;
+        if (emptyRep != nullptr && emptyRep->rep != nullptr) {
+            emptyRep->count = 0;
+        } else {
+            delete emptyRep;
+            emptyRep = &zeloo::Immortal<LastResort>().rep;
+        }
+    }
+    emptyRep->count++;
+    return emptyRep;
+}
+
+// A representation of the `n` characters at `s`, the empty one when there are none or memory fails.
+CStringRep* CString::newRep(const char* s, uint64_t n)
+{
+    char* text = n == 0 ? nullptr : NewRoom(n);
+    if (text == nullptr)
+        return get_emptyRep();
+    std::memcpy(text, s, n);
+    text[n] = '\0';
+    CStringRep* r = new (std::nothrow) CStringRep(&text);
+    delete[] text; // null unless memory failed
+    return r != nullptr ? r : get_emptyRep();
+}
+
+void CString::delete_cp()
+{
+    if (--cp->count < 1) {
+        if (cp == emptyRep)
+            emptyRep = nullptr;
+        delete cp;
+    }
+    cp = nullptr;
+}
+
+// Makes `text`, a new[] block, the text of this string. Without memory the string stays as it is.
+void CString::takeOver(char* text)
+{
+    CStringRep* r = new (std::nothrow) CStringRep(&text);
+    if (r == nullptr) {
+        delete[] text;
+        return;
+    }
+    delete_cp();
+    cp = r;
+}
+
+CString::~CString()
+{
+    delete_cp();
+}
+
+CString::CString() : cp(get_emptyRep())
+{
+}
+
+CString::CString(const char* s) : cp(newRep(s, std::strlen(TextOrEmpty(s))))
+{
+}
+
+CString::CString(const char* s, unsigned n) : cp(newRep(s, strnlen(TextOrEmpty(s), n)))
+{
+}
+
+CString::CString(const Buffer& b) : cp(nullptr)
+{
+    const char* data = static_cast<const char*>(b.operator const void*());
+    cp = newRep(data, strnlen(TextOrEmpty(data), b.Size()));
+}
+
+CString::CString(const CString& s) : cp(s.cp)
+{
+    if (cp == nullptr)
+        cp = get_emptyRep();
+    else
+        cp->count++;
+}
+
+CString& CString::operator=(const char* s)
+{
+    CStringRep* r = newRep(s, std::strlen(TextOrEmpty(s))); // first: `s` may lie in the text to be released
+    delete_cp();
+    cp = r;
+    return *this;
+}
+
+CString& CString::operator=(const CString& s)
+{
+    if (s.cp == cp)
+        return *this;
+    CStringRep* r = s.cp;
+    r->count++;
+    delete_cp();
+    cp = r;
+    return *this;
+}
+
+unsigned CString::strlen() const
+{
+    return cp->len;
+}
+
+CString::operator const char*() const
+{
+    return cp->rep;
+}
+
+char& CString::operator[](unsigned i) const
+{
+    return cp->rep[i];
+}
+
+bool CString::operator==(const CString& s) const
+{
+    return cp == s.cp || (cp->len == s.cp->len && std::strcmp(cp->rep, s.cp->rep) == 0);
+}
+
+bool CString::operator!=(const CString& s) const
+{
+    return !(*this == s);
+}
+
+bool CString::operator==(const char* s) const
+{
+    return std::strcmp(cp->rep, s) == 0;
+}
+
+bool CString::operator!=(const char* s) const
+{
+    return !(*this == s);
+}
+
+int CString::compare(const CString** a, const CString** b)
+{
+    ZELOO_REQUIRE(a != NULL, "Misc/cstring");
+    ZELOO_REQUIRE(*a != NULL, "Misc/cstring");
+    ZELOO_REQUIRE(b != NULL, "Misc/cstring");
+    ZELOO_REQUIRE(*b != NULL, "Misc/cstring");
+    return std::strcmp(**a, **b);
+}
+
+CString CString::operator+(const CString& s) const
+{
+    if (cp->len == 0 && s.cp->len != 0)
+        return s;
+    CString sum(*this);
+    sum += s;
+    return sum;
+}
+
+CString CString::operator+(const char* s) const
+{
+    return *this + CString(s);
+}
+
+CString& CString::operator+=(const char* s)
+{
+    if (s != nullptr && *s != '\0')
+        splice(cp->len, 0, s, std::strlen(s));
+    return *this;
+}
+
+CString& CString::operator+=(const CString& s)
+{
+    if (s.cp->len != 0)
+        splice(cp->len, 0, s.cp->rep, s.cp->len);
+    return *this;
+}
+
+CString& CString::operator+=(const char& c)
+{
+    splice(cp->len, 0, &c, 1);
+    return *this;
+}
+
+char* CString::EncloseWithQuotes(const char* s)
+{
+    const uint64_t n = std::strlen(s);
+    char* text = NewRoom(n + 2);
+    if (text == nullptr)
+        return nullptr;
+    text[0] = '"';
+    std::memcpy(text + 1, s, n);
+    text[n + 1] = '"';
+    text[n + 2] = '\0';
+    return text;
+}
+
+char* CString::FileNameToCharPtr(const char* filename)
+{
+    std::ifstream in(filename, std::ios::in | std::ios::binary);
+    if (!in.is_open())
+        return nullptr;
+    in.seekg(0, std::ios::end);
+    const std::streamoff size = in.tellg();
+    in.seekg(0, std::ios::beg);
+    char* text = size < 0 ? nullptr : NewRoom(static_cast<uint64_t>(size));
+    if (text == nullptr)
+        return nullptr;
+    in.read(text, size);
+    text[in.gcount()] = '\0';
+    return text;
+}
+
+void CString::dumpOn(std::ostream& os) const
+{
+    if (cp != nullptr)
+        cp->dumpOn(os);
+    else
+        std::cout << "cp is null" << std::endl; // not to `os`: intended
+}
