@@ -13,6 +13,7 @@
 #include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
 
+using zeloo::BaseName;
 using zeloo::CopyText;
 using zeloo::NewText;
 using zeloo::TextOrEmpty;
@@ -174,15 +175,13 @@ const char* FileInfo::FilePathName(const char* name)
 {
     static char* result = nullptr;
     name = TextOrEmpty(name);
-    const char* slash = strrchr(name, '/');
-    return Renew(&result, name, slash != nullptr ? static_cast<size_t>(slash - name) : 0);
+    const char* base = BaseName(name);
+    return Renew(&result, name, base != name ? static_cast<size_t>(base - name - 1) : 0);
 }
 
 const char* FileInfo::FileBaseName(const char* name)
 {
     static char* result = nullptr;
-    name = TextOrEmpty(name);
-    const char* slash = strrchr(name, '/');
-    const char* base = slash != nullptr ? slash + 1 : name;
+    const char* base = BaseName(name);
     return Renew(&result, base, strlen(base));
 }

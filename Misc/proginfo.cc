@@ -8,12 +8,12 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include "Misc/detail/hostname.h"
 #include "Misc/detail/text.h"
-#include "Misc/fileinfo.h"
-#include "Misc/ipctli.h"
 #include "svr4/process.h"
 #include "svr4/systeminfo.h"
 
+using zeloo::BaseName;
 using zeloo::NewText;
 using zeloo::TextOrEmpty;
 
@@ -55,11 +55,11 @@ void ProgInfo::Initialize(int argc_p, char* const* argv_p, char* const* envp_p, 
     argc = argc_p;
     argv = argv_p;
     envp = envp_p;
-    // All copies are made before the old ones go, and before the base name is taken: the arguments may be those.
+    // All copies are made before the old ones go: the arguments may be those.
     const char* name = argv_p != nullptr ? argv_p[0] : nullptr;
     char* newFullName = NewText(name);
     char* newVersion = NewText(pVersion);
-    char* newName = name != nullptr ? NewText(FileInfo::FileBaseName(name)) : nullptr;
+    char* newName = name != nullptr ? NewText(BaseName(name)) : nullptr;
     Replace(&fullProgramName, newFullName);
     Replace(&programName, newName);
     Replace(&version, newVersion);
@@ -152,7 +152,7 @@ const char* ProgInfo::GetNodeNameLongVersion()
 {
     const char* node = GetSysInfoString(svr4::SI_HOSTNAME, &nodeNameLongVersion);
     if (translatedNodeName == nullptr) // kept once found: a log record must not wait for a name server each time
-        translatedNodeName = NewText(IPCTli::TcptoName(node));
+        translatedNodeName = NewText(zeloo::OfficialHostName(node));
     return translatedNodeName != nullptr ? translatedNodeName : node;
 }
 

@@ -32,8 +32,8 @@ public:
     static const char* GetOSVersion();
     static const char* GetMachine();
     static const char* GetArchitecture();
-    /// The node name as the host tables and the name service translate it (IPCTli::TcptoName), or the node name
-    /// itself while they do not. The first call may wait for the name service.
+    /// The official name of the node in the host tables or the name service, or the node name itself while they do not
+    /// know it. The first call may wait for the name service.
     static const char* GetNodeNameLongVersion();
     /// The text of svr4::sysinfo for `sysinfo_id`, up to 256 characters. It is read when `*str` is null, and `*str`
     /// then gets a copy that the caller releases with delete[]. Empty when the text cannot be had.

@@ -16,6 +16,14 @@ inline const char* TextOrEmpty(const char* s)
     return s != nullptr ? s : "";
 }
 
+/// The last component of a path: what stands behind its last "/", or the whole; empty for null. It points into the path.
+inline const char* BaseName(const char* path)
+{
+    path = TextOrEmpty(path);
+    const char* slash = std::strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
 /// A copy of the first `n` characters of `s`, terminated. The caller releases it with delete[]. Null when memory
 /// fails.
 inline char* NewText(const char* s, std::size_t n)
@@ -58,9 +66,9 @@ inline char* NewJoinedText(const char* const* texts)
 template <std::size_t N>
 void CopyText(char (&field)[N], const char* s)
 {
-    const std::size_t n = strnlen(TextOrEmpty(s), N - 1);
-    if (n > 0)
-        std::memmove(field, s, n);
+    s = TextOrEmpty(s);
+    const std::size_t n = strnlen(s, N - 1);
+    std::memmove(field, s, n);
     field[n] = '\0';
 }
 

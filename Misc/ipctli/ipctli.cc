@@ -17,6 +17,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "Misc/detail/hostname.h"
 #include "Misc/detail/text.h"
 #include "Misc/detail/timedcall.h"
 #include "Misc/proginfo.h"
@@ -605,20 +606,9 @@ short IPCTli::configured_ok(const char* host, const char* service)
     return addr[0] != '\0';
 }
 
-static bool IsDottedAddress(const char* text, struct in_addr* address)
-{
-    return strchr(text, '.') != nullptr && inet_aton(text, address) != 0;
-}
-
 char* IPCTli::TcptoName(const char* tcpIpAddress)
 {
-    if (tcpIpAddress == nullptr)
-        return nullptr;
-    struct in_addr address;
-    const struct hostent* host = IsDottedAddress(tcpIpAddress, &address)
-                                     ? gethostbyaddr(&address, sizeof address, AF_INET)
-                                     : gethostbyname(tcpIpAddress);
-    return host != nullptr ? host->h_name : nullptr;
+    return zeloo::OfficialHostName(tcpIpAddress);
 }
 
 static void PrintTransport(const netconfig& config, std::ostream& out)
