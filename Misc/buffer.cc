@@ -1,10 +1,6 @@
 #include "Misc/buffer.h"
 
-#include "Misc/Error.h"
-#include "Misc/cstring.h"
-
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +8,13 @@
 #include <fstream>
 #include <memory>
 #include <new>
+
+#include "Misc/Error/report.h"
+#include "Misc/cstring.h"
+#include "Misc/detail/hexdump.h"
+#include "Misc/detail/text.h"
+
+using zeloo::BytesInRow;
 
 [[maybe_unused]] static const char* ModuleId()
 {
@@ -89,7 +92,7 @@ Buffer::operator const char*() const
 }
 
 // Copies `len` bytes to `pos`, growing the block first when it is smaller than `pos` + `len`.
-void Buffer::insert(unsigned pos, const void* cp, unsigned len)
+void Buffer::store(unsigned pos, const void* cp, unsigned len)
 {
     const uint64_t needed = uint64_t{pos} + len;
     if (needed > UINT32_MAX)
@@ -114,7 +117,7 @@ void Buffer::insert(unsigned pos, const void* cp, unsigned len)
 void Buffer::PutDataAt(const unsigned pos, const void* cp, const unsigned len)
 {
     if (cp != nullptr || len == 0)
-        insert(pos, cp, len);
+        store(pos, cp, len);
 }
 
 void Buffer::GetDataAt(const unsigned pos, void* cp, const unsigned len) const
@@ -126,7 +129,7 @@ void Buffer::GetDataAt(const unsigned pos, void* cp, const unsigned len) const
 void Buffer::Append(const void* cp, const unsigned len)
 {
     if (cp != nullptr && len != 0)
-        insert(AllocSize, cp, len);
+        store(AllocSize, cp, len);
 }
 
 void Buffer::Append(const char* cp)
@@ -210,10 +213,8 @@ short Buffer::SaveBufferToFile(const char* filename, short append)
         BlockWrite(ptr, AllocSize, out, 0);
     if (!out.fail())
         return 0;
-    const int error = errno;
-    ErrorReporter reporter; // clears errno, which the report is to show
-    errno = error;
-    reporter._ReportError(ErrorReporter::WARNING, ErrorReporter::WRITING_TO_FILE, filename, ModuleId(), __LINE__);
+    zeloo::Report(ErrorReporter::WARNING, ErrorReporter::WRITING_TO_FILE, errno, ZELOO_HERE, "%s",
+                  zeloo::TextOrEmpty(filename));
     return ErrorReporter::WRITING_TO_FILE;
 }
 
@@ -235,51 +236,23 @@ void Buffer::BlockWrite(const void* data, unsigned len, std::ostream& out, short
     out.flush();
 }
 
-// Hex dumps
-
-static const unsigned RowLength = 16;
-
-static char* putHexByte(char* to, unsigned char byte)
-{
-    static const char digits[] = "0123456789abcdef";
-    *to++ = digits[byte >> 4];
-    *to++ = digits[byte & 15];
-    return to;
-}
-
-static char printable(unsigned char byte)
-{
-    return std::isprint(byte) ? static_cast<char>(byte) : ' ';
-}
-
 void Buffer::hexdumpOn(const void* p, unsigned n, std::ostream& out)
 {
     const unsigned char* bytes = static_cast<const unsigned char*>(p);
     char offset[64];
     std::snprintf(offset, sizeof offset, "HexDump for %u (%04x) bytes\n0000: ", n, n);
-    unsigned done = 0;
-    for (;;) {
-        const unsigned count = std::min(n - done, RowLength);
-        char row[RowLength * 4 + 2];
-        std::memset(row, ' ', sizeof row);
-        char* const side = row + RowLength * 3 + 1;
-        for (unsigned i = 0; i < count; i++) {
-            putHexByte(row + i * 3, bytes[done + i]);
-            side[i] = printable(bytes[done + i]);
-        }
-        side[count] = '\n';
-        out << offset;
-        if (count == 0) // behind a full row stands a line of one blank
-            out << " \n";
-        else
-            out.write(row, side + count + 1 - row);
-        if (count < RowLength)
-            break;
-        done += count;
-        offset[0] = '\0';
-        if (done < n)
-            std::snprintf(offset, sizeof offset, "%04x: ", done);
+    out << offset;
+    for (uint64_t at = 0; at < n; at += BytesInRow) {
+        const unsigned done = static_cast<unsigned>(at);
+        if (done != 0)
+            out.write(offset, std::snprintf(offset, sizeof offset, "%04x: ", done));
+        char row[zeloo::RowTextLength + 1];
+        char* end = zeloo::PutByteRow(row, bytes + done, std::min(n - done, BytesInRow));
+        *end++ = '\n';
+        out.write(row, end - row);
     }
+    if (n % BytesInRow == 0) // behind a full row stands a line of one blank
+        out << " \n";
 }
 
 void Buffer::hexdumpOn(const void* p, unsigned n, CString& out)
@@ -287,11 +260,11 @@ void Buffer::hexdumpOn(const void* p, unsigned n, CString& out)
     const unsigned char* bytes = static_cast<const unsigned char*>(p);
     // The first row's side column holds zero bytes and so adds no text; from then on it is filled with the byte
     // value 1, which frames the characters and stands where the last row has none. Both are intended.
-    const size_t sideLength = RowLength + 2;
+    const size_t sideLength = BytesInRow + 2;
     char side[sideLength + 1] = "";
 
-    const uint64_t rowLimit = RowLength * 5 + sideLength + 16;
-    const uint64_t limit = 64 + (n / RowLength + 1) * rowLimit;
+    const uint64_t rowLimit = BytesInRow * 5 + sideLength + 16;
+    const uint64_t limit = 64 + (n / BytesInRow + 1) * rowLimit;
     std::unique_ptr<char[]> text(limit < PTRDIFF_MAX ? new (std::nothrow) char[static_cast<size_t>(limit)] : nullptr);
     if (text == nullptr) {
         out = "";
@@ -299,9 +272,9 @@ void Buffer::hexdumpOn(const void* p, unsigned n, CString& out)
     }
     char* to = text.get() + std::snprintf(text.get(), 64, "HexDump for %u (%04x) bytes\r\n0000: ", n, n);
     for (size_t i = 0; i < n; i++) {
-        to = std::copy_n("   ", 3, putHexByte(to, bytes[i]));
-        side[1 + i % RowLength] = printable(bytes[i]);
-        if (i % RowLength != RowLength - 1)
+        to = std::copy_n("   ", 3, zeloo::PutHexByte(to, bytes[i]));
+        side[1 + i % BytesInRow] = zeloo::Printable(bytes[i]);
+        if (i % BytesInRow != BytesInRow - 1)
             continue;
         to = std::copy_n(side, std::strlen(side), to);
         if (i + 1 < n)

@@ -92,7 +92,7 @@ public:
     static constexpr unsigned char INVALID_BYTE = 255;
 
 private:
-    void insert(unsigned pos, const void* cp, unsigned len);
+    void store(unsigned pos, const void* cp, unsigned len);
 
     uint32_t AllocSize; // bytes held
     void* ptr;          // malloc'd; null when the buffer is empty

@@ -1,13 +1,16 @@
 #include "Misc/dsa.h"
 
 #include <algorithm>
-#include <cctype>
 #include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+
+#include "Misc/detail/hexdump.h"
+
+using zeloo::BytesInRow;
 
 [[maybe_unused]] static const char* ModuleId()
 {
@@ -27,7 +30,6 @@ static_assert(sizeof(Header) == 8, "the layout of a block is fixed");
 
 static const unsigned Overhead = sizeof(Header) + sizeof(uint32_t); // header and trailer
 static const int FirstListSize = 1000;
-static const int BytesInRow = 16;
 
 // All constant-initialised and trivially destroyed: the allocator works before main and after it.
 int32_t DSA::numBlocks = 0;
@@ -244,20 +246,16 @@ void DSA::trace_of()
 void DSA::hexdump(const void* p, int n)
 {
     const unsigned char* bytes = static_cast<const unsigned char*>(p);
-    char characters[BytesInRow + 1] = "";
-    int filled = 0; // bytes in the current row
+    const unsigned size = static_cast<unsigned>(std::max(n, 0));
     std::printf("DSA: HexDump for %d (%04x) bytes\n", n, static_cast<unsigned>(n));
-    std::printf("0000: ");
-    for (int i = 0; i < n; i++) {
-        if (filled == BytesInRow) {
-            std::printf(" %s\n%04x: ", characters, static_cast<unsigned>(i));
-            filled = 0;
-        }
-        std::printf("%02x ", bytes[i]);
-        characters[filled++] = std::isprint(bytes[i]) ? static_cast<char>(bytes[i]) : ' ';
-        characters[filled] = '\0';
-    }
-    std::printf("%*s %s\n", 3 * (BytesInRow - filled), "", characters);
+    unsigned done = 0;
+    do {
+        const unsigned count = std::min(size - done, BytesInRow);
+        char row[zeloo::RowTextLength + 1];
+        *zeloo::PutByteRow(row, bytes + done, count) = '\0';
+        std::printf("%04x: %s\n", done, row);
+        done += count;
+    } while (done < size);
 }
 
 // The slot of a live block, or -1.
