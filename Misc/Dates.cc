@@ -12,9 +12,9 @@ static const long SecondsPerMinute = 60;
 static const long SecondsPerHour = 3600;
 static const long SecondsPerDay = 86400;
 
-static char DateText[12];
-static char TimeText[12];
-static char DurationText[20];
+static char dateText[12];
+static char timeText[12];
+static char durationText[20];
 
 // Writes a text into its buffer, cut to what fits.
 template <size_t N>
@@ -51,7 +51,7 @@ tm Dates::CurrentTm(long moment)
 
 const char* Dates::GetDate(tm* TMstruct)
 {
-    return Fill(DateText, "%02ld/%02d/%04ld", TMstruct->tm_mon + 1L, TMstruct->tm_mday, TMstruct->tm_year + 1900L);
+    return Fill(dateText, "%02ld/%02d/%04ld", TMstruct->tm_mon + 1L, TMstruct->tm_mday, TMstruct->tm_year + 1900L);
 }
 
 const char* Dates::GetDate()
@@ -67,7 +67,7 @@ const char* Dates::GetDate(long moment)
 
 const char* Dates::GetTime(tm* TMstruct)
 {
-    return Fill(TimeText, "%02d:%02d:%02d", TMstruct->tm_hour, TMstruct->tm_min, TMstruct->tm_sec);
+    return Fill(timeText, "%02d:%02d:%02d", TMstruct->tm_hour, TMstruct->tm_min, TMstruct->tm_sec);
 }
 
 const char* Dates::GetTime()
@@ -83,7 +83,7 @@ const char* Dates::GetTime(long moment)
 
 const char* Dates::GetDateTime(tm* TMstruct)
 {
-    static char text[sizeof DateText + sizeof TimeText];
+    static char text[sizeof dateText + sizeof timeText];
     return Fill(text, "%s %s", GetDate(TMstruct), GetTime(TMstruct));
 }
 
@@ -132,7 +132,7 @@ const char* Dates::Secs_to_Format(long totaltime)
 {
     int dd, hh, mm, ss;
     Secs_to_DDHHMMSS(totaltime, &dd, &hh, &mm, &ss);
-    return Fill(DurationText, "%3dd %2dh %2dm %2ds", dd, hh, mm, ss);
+    return Fill(durationText, "%3dd %2dh %2dm %2ds", dd, hh, mm, ss);
 }
 
 long Dates::DaysBetween(long d1, long d2)

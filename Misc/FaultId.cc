@@ -8,9 +8,12 @@
 #include <fstream>
 #include <new>
 
+#include "Misc/Error/report.h"
 #include "Misc/detail/text.h"
 #include "Misc/nfstream.h"
 #include "Misc/proginfo.h"
+
+using zeloo::TextOrEmpty;
 
 [[maybe_unused]] static const char* ModuleId()
 {
@@ -19,14 +22,12 @@
 
 static const char OutOfStore[] = "orvlaf: out of free store";
 
-// FaultId
-
 FaultId::FaultId() : myId(0)
 {
 }
 
 FaultId::FaultId(long fault_id, const char* Nodename)
-    : myId(fault_id), myNodename(*zeloo::TextOrEmpty(Nodename) != '\0' ? Nodename : ProgInfo::GetNodeName())
+    : myId(fault_id), myNodename(*TextOrEmpty(Nodename) != '\0' ? Nodename : ProgInfo::GetNodeName())
 {
     concatNodenameId(myId, myNodename);
 }
@@ -39,7 +40,7 @@ FaultId& FaultId::operator=(const char* NodenameIdStr)
 
 void FaultId::ConstFromStr(const char* NodenameIdStr)
 {
-    const char* text = zeloo::TextOrEmpty(NodenameIdStr);
+    const char* text = TextOrEmpty(NodenameIdStr);
     const char* separator = std::strchr(text, '/');
     if (separator == nullptr)
         separator = std::strchr(text, ':');
@@ -52,7 +53,7 @@ void FaultId::ConstFromStr(const char* NodenameIdStr)
 void FaultId::concatNodenameId(long fault_id, const char* Nodename)
 {
     char number[24]; // a separator, a sign, 19 digits
-    snprintf(number, sizeof number, "/%08ld", fault_id);
+    std::snprintf(number, sizeof number, "/%08ld", fault_id);
     CString text(Nodename);
     text += number;
     CString::operator=(text);
@@ -77,7 +78,7 @@ void FaultId::scanFrom(ZEListream& s)
 }
 
 // Whether a reader that stood at `before` has moved by at least `n` bytes; true where the stream cannot tell.
-static bool hasMoved(unsigned before, unsigned after, unsigned n)
+static bool HasMoved(unsigned before, unsigned after, unsigned n)
 {
     return before == UINT_MAX || after - before >= n;
 }
@@ -94,8 +95,8 @@ bool FaultId::scanWhole(ZEListream& s)
     const unsigned atEnd = s.tellg();
     const unsigned least = 2; // bytes of a number, in every encoding
     // Where there is no whole number to begin with, there is none for the length of the node name either.
-    return s.good() && !s.eof() && hasMoved(atNodename, atText, least + myNodename.strlen()) &&
-           hasMoved(atText, atEnd, least + strlen());
+    return s.good() && !s.eof() && HasMoved(atNodename, atText, least + myNodename.strlen()) &&
+           HasMoved(atText, atEnd, least + strlen());
 }
 
 void FaultId::dumpOn(std::ostream& os) const
@@ -111,8 +112,6 @@ const char* SafeArray<FaultId>::ElementName()
 }
 
 template class SafeArray<FaultId>;
-
-// FaultIdList
 
 FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr)
 {
@@ -143,14 +142,14 @@ void FaultIdList::AddFaultId(const FaultId& f)
     if (FaultIds == nullptr || find(f) >= 0)
         return;
     if (FaultIds->Quantity() == SHRT_MAX) {
-        _ReportError(WARNING, TOO_MANY_FAULTS, f, ModuleId(), __LINE__);
+        _ReportError(WARNING, TOO_MANY_FAULTS, f, ZELOO_HERE);
         return;
     }
     FaultId* copy = new (std::nothrow) FaultId(f);
     if (copy != nullptr)
         FaultIds->AddItem(copy);
     else
-        _ReportError(WARNING, OUT_OF_MEMORY, OutOfStore, ModuleId(), __LINE__);
+        _ReportError(WARNING, OUT_OF_MEMORY, OutOfStore, ZELOO_HERE);
 }
 
 void FaultIdList::DeleteOne(const FaultId& f)
@@ -193,13 +192,13 @@ void FaultIdList::Load()
     errno = 0; // of a file that is merely short there is no error to report
     std::ifstream file(MyFileName, std::ios::in | std::ios::binary);
     if (!file.is_open()) {
-        _ReportError(WARNING, OPENING_FILE, MyFileName, ModuleId(), __LINE__);
+        _ReportError(WARNING, OPENING_FILE, MyFileName, ZELOO_HERE);
         return;
     }
     infstream s(file);
     scanFrom(s);
     if (!s.good())
-        _ReportError(WARNING, READING_FROM_FILE, MyFileName, ModuleId(), __LINE__);
+        _ReportError(WARNING, READING_FROM_FILE, MyFileName, ZELOO_HERE);
 }
 
 void FaultIdList::Save() const
@@ -209,14 +208,14 @@ void FaultIdList::Save() const
     errno = 0;
     std::ofstream file(MyFileName, std::ios::out | std::ios::trunc | std::ios::binary);
     if (!file.is_open()) {
-        _ReportError(WARNING, OPENING_FILE, MyFileName, ModuleId(), __LINE__);
+        _ReportError(WARNING, OPENING_FILE, MyFileName, ZELOO_HERE);
         return;
     }
     onfstream s(file);
     printOn(s);
     s.flush();
     if (!s.good())
-        _ReportError(WARNING, WRITING_TO_FILE, MyFileName, ModuleId(), __LINE__);
+        _ReportError(WARNING, WRITING_TO_FILE, MyFileName, ZELOO_HERE);
 }
 
 void FaultIdList::dumpOn(std::ostream& os) const
@@ -232,7 +231,7 @@ void FaultIdList::makeArray()
 {
     FaultIds = new (std::nothrow) FaultIdSafeArray;
     if (FaultIds == nullptr)
-        _ReportError(WARNING, OUT_OF_MEMORY, OutOfStore, ModuleId(), __LINE__);
+        _ReportError(WARNING, OUT_OF_MEMORY, OutOfStore, ZELOO_HERE);
 }
 
 // The index of the first element equal to `f`, or -1.

@@ -13,7 +13,7 @@
 
 static const int FirstLevels = 7; // cells of a new number
 static const int MoreLevels = 5;  // cells that a full one grows by
-static const int MaxLevelText = sizeof ".4294967295" - 1;
+static const int LongestLevel = sizeof ".4294967295" - 1;
 
 // The bits of relation().
 static const int Descendant = 1;
@@ -164,7 +164,7 @@ int HierarchicNum::append_level(uint32_t level)
 
 void HierarchicNum::create_text_rep()
 {
-    const int size = NumLevels * MaxLevelText + 1;
+    const int size = NumLevels * LongestLevel + 1;
     char* text = new (std::nothrow) char[static_cast<size_t>(size)];
     if (text == nullptr) {
         text_rep = "";

@@ -7,19 +7,19 @@
 
 #include <search.h>
 
-#include "Misc/Error.h"
+#include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
+#include "Misc/detail/limits.h"
+
+using zeloo::MostElements;
 
 [[maybe_unused]] static const char* ModuleId()
 {
     return "$Id: SafeArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
 }
 
-static const unsigned MaxCapacity = 256000;
 static const unsigned FirstCapacity = 32;
 static const unsigned BinarySearchQuantity = 16; // from here on search() trusts the order of the elements
-
-// ---- SafeArrayBase
 
 SafeArrayBase::SafeArrayBase(unsigned initialCapacity) : isPurgeable(0), myQuantity(0), myCapacity(0), list(nullptr)
 {
@@ -120,7 +120,7 @@ void SafeArrayBase::Expand(int delta)
     if (delta == 0)
         return;
     // A negative delta shrinks by wrapping; one below minus the capacity wraps to a huge value, which is clipped.
-    unsigned capacity = std::min(myCapacity + static_cast<unsigned>(delta), MaxCapacity);
+    unsigned capacity = std::min(myCapacity + static_cast<unsigned>(delta), MostElements);
     capacity = std::max(capacity, myQuantity);
     if (capacity == myCapacity)
         return;
@@ -129,8 +129,8 @@ void SafeArrayBase::Expand(int delta)
     if (capacity != 0) {
         slots = new (std::nothrow) void*[capacity];
         if (slots == nullptr) {
-            ErrorReporter()._ReportError(ErrorReporter::PANIC, ErrorReporter::OUT_OF_MEMORY,
-                                         "Memory allocation failure in SafeArray::Expand().", ModuleId(), __LINE__);
+            zeloo::Report(ErrorReporter::PANIC, ErrorReporter::OUT_OF_MEMORY, 0, ZELOO_HERE,
+                          "Memory allocation failure in SafeArray::Expand().");
             return;
         }
         std::copy_n(list, myQuantity, slots);
@@ -212,10 +212,8 @@ void SafeArrayBase::printAs(const char* element, std::ostream& os) const
 
 unsigned SafeArrayBase::Growth(unsigned n)
 {
-    return n == 0 ? FirstCapacity : std::min(n, MaxCapacity);
+    return n == 0 ? FirstCapacity : std::min(n, MostElements);
 }
-
-// ---- SafeArrayIterBase
 
 SafeArrayIterBase::SafeArrayIterBase(const SafeArrayBase& a) : MyArray(a)
 {

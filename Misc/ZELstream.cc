@@ -1,7 +1,5 @@
 #include "Misc/ZELstream.h"
 
-#include "Misc/buffer.h"
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -12,6 +10,8 @@
 #include <ostream>
 #include <type_traits>
 
+#include "Misc/buffer.h"
+
 [[maybe_unused]] static const char* ModuleId()
 {
     return "$Id: ZELstream.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
@@ -19,8 +19,6 @@
 
 static const unsigned StagingSize = 1024;
 static const unsigned LongestChunk = 2147483647; // of one read or write on a standard stream
-
-// ZELostream
 
 template <class N>
 void ZELostream::putNumber(N n, const char* delimiter)
@@ -140,11 +138,9 @@ int ZELostream::good()
     return mystrm == nullptr || mystrm->good();
 }
 
-// ZEListream
-
 // Stores the number of the text from `at` to `end` as sscanf would; returns its end, or null when there is none.
 template <class N>
-static const char* parseNumber(const char* at, const char* end, N& n)
+static const char* ParseNumber(const char* at, const char* end, N& n)
 {
     while (at != end && std::isspace(static_cast<unsigned char>(*at)))
         at++;
@@ -180,7 +176,7 @@ void ZEListream::getNumber(N& n)
         return;
     const char* start = static_cast<const char*>(buf->operator const void*());
     const char* end = start + buf->Size();
-    const char* at = parseNumber(start + position, end, n);
+    const char* at = ParseNumber(start + position, end, n);
     if (at != nullptr && at != end && *at == '|')
         position = static_cast<uint32_t>(at + 1 - start);
 }

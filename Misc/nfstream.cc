@@ -8,8 +8,6 @@
 // Where htons and its kind, which always reverse the bytes, give network order.
 static const bool HostIsLittleEndian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 
-// onfstream
-
 onfstream::onfstream(std::ostream& ostrm) : ZELostream(ostrm), buffer_short(0), buffer_long(0), buffer_char(0)
 {
 }
@@ -59,8 +57,6 @@ void onfstream::put32(uint32_t x)
     buffer_long = HostIsLittleEndian ? static_cast<uint32_t>(htonl(static_cast<unsigned long>(x))) : x;
     write(reinterpret_cast<const char*>(&buffer_long), sizeof buffer_long);
 }
-
-// infstream
 
 infstream::infstream(std::istream& istrm) : ZEListream(istrm), buffer_short(0), buffer_long(0)
 {

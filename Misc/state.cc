@@ -1,9 +1,11 @@
 #include "Misc/state.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <new>
 
+#include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/text.h"
 
@@ -128,8 +130,7 @@ State& StateMachine::GetState(const char* NewStateAbbrev)
     const int index = FindState(NewStateAbbrev);
     if (index >= 0)
         return *States[index];
-    const CString text = CString("Invalid state: ") + TextOrEmpty(NewStateAbbrev);
-    _ReportError(WARNING, INVALID_STATE, text, ModuleId(), __LINE__);
+    zeloo::Report(*this, WARNING, INVALID_STATE, errno, ZELOO_HERE, "Invalid state: %s", TextOrEmpty(NewStateAbbrev));
     return *States.first();
 }
 
@@ -141,11 +142,9 @@ short StateMachine::ValidTransition(State& OldState, State& NewState) const
     Transition wanted(OldState, NewState, 0);
     if (FindTransition(wanted) >= 0)
         return 1;
-    if (isStay) { // intended: a refused move to another state is not reported
-        const CString text =
-            CString("Invalid state transition: ") + OldState.Abbrev() + " -> " + NewState.Abbrev() + ".";
-        _ReportError(WARNING, INVALID_TRANSITION, text, ModuleId(), __LINE__);
-    }
+    if (isStay) // intended: a refused move to another state is not reported
+        zeloo::Report(*this, WARNING, INVALID_TRANSITION, errno, ZELOO_HERE, "Invalid state transition: %s -> %s.",
+                      OldState.Abbrev(), NewState.Abbrev());
     return 0;
 }
 
@@ -198,7 +197,7 @@ unsigned StateMachine::GetVisibleTransitionListLength(State& state) const
 }
 
 // Appends the abbreviation of `state`.
-static void AddName(CStringSafeArray& Names, const State& state)
+static void AddAbbreviation(CStringSafeArray& Names, const State& state)
 {
     CString* name = new (std::nothrow) CString(state.Abbrev());
     if (name != nullptr)
@@ -209,7 +208,7 @@ void StateMachine::GetValidStateNames(CStringSafeArray& Names) const
 {
     Names.DeleteAllItems();
     for (StateSafeArrayIter state(States); state(); ++state)
-        AddName(Names, *state());
+        AddAbbreviation(Names, *state());
 }
 
 void StateMachine::GetValidInitialStateNames(CStringSafeArray& Names) const
@@ -217,7 +216,7 @@ void StateMachine::GetValidInitialStateNames(CStringSafeArray& Names) const
     Names.DeleteAllItems();
     for (StateSafeArrayIter state(States); state(); ++state)
         if (!IsEntered(*state()))
-            AddName(Names, *state());
+            AddAbbreviation(Names, *state());
 }
 
 void StateMachine::GetValidLastStateNames(CStringSafeArray& Names) const
@@ -225,7 +224,7 @@ void StateMachine::GetValidLastStateNames(CStringSafeArray& Names) const
     Names.DeleteAllItems();
     for (StateSafeArrayIter state(States); state(); ++state)
         if (!IsLeft(*state()))
-            AddName(Names, *state());
+            AddAbbreviation(Names, *state());
 }
 
 void StateMachine::dumpOn(std::ostream& os) const

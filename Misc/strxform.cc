@@ -12,10 +12,10 @@
     return "$Id: strxform.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
 }
 
-static const unsigned initialOutputSize = 1024;
-static const size_t maxTimeText = 40; // with its terminator
-static const char defaultTimeFormat[] = "%C";
-static const char timeFormatVariable[] = "CFTIME";
+static const unsigned FirstOutputSize = 1024;
+static const size_t TimeTextSize = 40; // with its terminator
+static const char DefaultTimeFormat[] = "%C";
+static const char TimeFormatVariable[] = "CFTIME";
 
 EnvironmentValue::EnvironmentValue(const char* dflt, const char* tEnvVar) : EnvVarName(tEnvVar), DefaultValue(dflt)
 {
@@ -37,14 +37,14 @@ void EnvironmentValue::SetValue(const CString& v)
 }
 
 StringTransformer::StringTransformer(const char* vocab, const char* format, const char* formatEnv)
-    : StringTransformer(vocab, format, formatEnv, defaultTimeFormat, timeFormatVariable)
+    : StringTransformer(vocab, format, formatEnv, DefaultTimeFormat, TimeFormatVariable)
 {
 }
 
 StringTransformer::StringTransformer(const char* vocab, const char* format, const char* formatEnv,
                                      const char* timeFormat, const char* timeFormatEnv)
     : Vocabulary(vocab), MetaCharacters(format, formatEnv), TimeMetaCharacters(timeFormat, timeFormatEnv),
-      OutputBuffer(initialOutputSize)
+      OutputBuffer(FirstOutputSize)
 {
     reset();
 }
@@ -125,7 +125,7 @@ void StringTransformer::OutputTime(long theTime)
     const struct tm* local = std::localtime(&seconds);
     if (local == nullptr)
         return;
-    char text[maxTimeText];
+    char text[TimeTextSize];
     const size_t len = svr4::strftime(text, sizeof text, TimeMetaCharacters.GetValue(), local);
     Output(text, static_cast<unsigned>(len));
 }

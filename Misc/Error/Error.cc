@@ -13,6 +13,7 @@
 #include "Misc/Error/report.h"
 #include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
+#include "svr4/errno.h"
 
 using zeloo::CopyText;
 using zeloo::NewFormatted;
@@ -158,8 +159,8 @@ void ErrorReporter::_ReportError(short const sev, short const errorkind, char co
 void ErrorReporter::_ReportErrorExt(short const sev, short const errorkind, char const* description,
                                     char const* moduleid, long const theLine, char const* addition) const
 {
-    const int error = errno; // before any call can change it
-    ErrorCode = static_cast<short>(error);
+    const svr4::SavedErrno savedErrno; // before any call can change it
+    ErrorCode = static_cast<short>(savedErrno.Value());
     CopyText(TimeStamp, Dates::GetDateTime());
     ErrType = errorkind;
     CopyText(Description, description);
@@ -173,14 +174,13 @@ void ErrorReporter::_ReportErrorExt(short const sev, short const errorkind, char
         const char* more = TextOrEmpty(addition);
         char* text = NewFormatted("errno=%d, %s|%s|%s%s%s", ErrorCode, GetErrorDesc(ErrorCode), GetErrorType(ErrType),
                                   TextOrEmpty(description), *more != '\0' ? "|" : "", more);
-        errno = error; // a %m in the text means the error that is reported
+        errno = savedErrno.Value(); // a %m in the text means the error that is reported
         if (text != nullptr)
             MakeErrorLogEntry(sev, errorkind, text, moduleid, theLine);
         delete[] text;
     }
     if (sev == PANIC)
         Panic();
-    errno = error;
 }
 
 void ErrorReporter::Display() const
@@ -239,7 +239,7 @@ static unsigned char SeverityLetter(short severity)
 }
 
 // The source file's name in a module identification: what stands between its first blank and the comma behind it.
-static void CopySoftwareModule(char (&field)[24], const char* moduleid)
+static void CopySoftwareModule(char (&field)[sizeof E_Header::E_SoftwareModule], const char* moduleid)
 {
     const char* blank = strchr(moduleid, ' ');
     CopyText(field, blank != nullptr ? blank + 1 : "Unknown");
@@ -287,7 +287,7 @@ static void SendToLog(const char* line, int error)
 void ErrorReporter::MakeErrorLogEntry(short const SeverityLevel, int const ErrCode, char const* Description,
                                       char const* ModuleName, long const theLine) const
 {
-    const int error = errno;
+    const svr4::SavedErrno savedErrno;
     E_Header header;
     header.E_Tag =
         static_cast<int32_t>(410000000u + 10000u * static_cast<uint32_t>(ErrCode) + static_cast<uint32_t>(theLine));
@@ -299,9 +299,8 @@ void ErrorReporter::MakeErrorLogEntry(short const SeverityLevel, int const ErrCo
                               header.E_SoftwareModule, header.E_Temperature, header.E_Voltage, header.E_Speed,
                               header.E_Count, ProgramName(), ProgInfo::GetLongVersion(), TextOrEmpty(Description));
     if (line != nullptr)
-        SendToLog(line, error);
+        SendToLog(line, savedErrno.Value());
     delete[] line;
-    errno = error;
 }
 
 short ErrorReporter::GetErrorCode()
