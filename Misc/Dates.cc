@@ -27,21 +27,6 @@ template <size_t N>
     return buffer;
 }
 
-long Dates::CurrentTime()
-{
-    return time(nullptr);
-}
-
-long Dates::CurrentTime(tm* TMstruct)
-{
-    return mktime(TMstruct);
-}
-
-tm Dates::CurrentTm()
-{
-    return CurrentTm(CurrentTime());
-}
-
 tm Dates::CurrentTm(long moment)
 {
     const time_t seconds = moment;
@@ -52,11 +37,6 @@ tm Dates::CurrentTm(long moment)
 const char* Dates::GetDate(tm* TMstruct)
 {
     return Fill(dateText, "%02ld/%02d/%04ld", TMstruct->tm_mon + 1L, TMstruct->tm_mday, TMstruct->tm_year + 1900L);
-}
-
-const char* Dates::GetDate()
-{
-    return GetDate(CurrentTime());
 }
 
 const char* Dates::GetDate(long moment)
@@ -70,11 +50,6 @@ const char* Dates::GetTime(tm* TMstruct)
     return Fill(timeText, "%02d:%02d:%02d", TMstruct->tm_hour, TMstruct->tm_min, TMstruct->tm_sec);
 }
 
-const char* Dates::GetTime()
-{
-    return GetTime(CurrentTime());
-}
-
 const char* Dates::GetTime(long moment)
 {
     tm local = CurrentTm(moment);
@@ -85,11 +60,6 @@ const char* Dates::GetDateTime(tm* TMstruct)
 {
     static char text[sizeof dateText + sizeof timeText];
     return Fill(text, "%s %s", GetDate(TMstruct), GetTime(TMstruct));
-}
-
-const char* Dates::GetDateTime()
-{
-    return GetDateTime(CurrentTime());
 }
 
 const char* Dates::GetDateTime(long moment)
@@ -143,9 +113,4 @@ long Dates::DaysBetween(long d1, long d2)
 long Dates::MinsBetween(long s1, long s2)
 {
     return SecsBetween(s1, s2) / SecondsPerMinute;
-}
-
-long Dates::SecsBetween(long s1, long s2)
-{
-    return s1 - s2;
 }

@@ -10,24 +10,24 @@
 class Dates {
 public:
     /// The time now.
-    static long CurrentTime();
+    static long CurrentTime() { return time(nullptr); }
     /// The time of a broken-down local time, which is normalised in place (mktime).
-    static long CurrentTime(tm* TMstruct);
+    static long CurrentTime(tm* TMstruct) { return mktime(TMstruct); }
     /// The broken-down local time now, and at `moment`; all zero when the year of `moment` does not fit.
-    static tm CurrentTm();
+    static tm CurrentTm() { return CurrentTm(CurrentTime()); }
     static tm CurrentTm(long moment);
 
     /// The date as MM/DD/YYYY, of a broken-down time, of now and of a moment. Up to 11 characters.
     static const char* GetDate(tm* TMstruct);
-    static const char* GetDate();
+    static const char* GetDate() { return GetDate(CurrentTime()); }
     static const char* GetDate(long moment);
     /// The time of day as hh:mm:ss on the 24-hour clock, in the same three forms. Up to 11 characters.
     static const char* GetTime(tm* TMstruct);
-    static const char* GetTime();
+    static const char* GetTime() { return GetTime(CurrentTime()); }
     static const char* GetTime(long moment);
     /// The date, a blank and the time of day, in the same three forms.
     static const char* GetDateTime(tm* TMstruct);
-    static const char* GetDateTime();
+    static const char* GetDateTime() { return GetDateTime(CurrentTime()); }
     static const char* GetDateTime(long moment);
     /// The time that a text of GetDateTime stands for; the host decides whether daylight-saving time was in force.
     /// Nothing is checked: what the text does not have counts as 0, and fields out of range carry over into the next
@@ -46,7 +46,7 @@ public:
     /// The whole minutes from `s2` to `s1`, truncated toward zero.
     static long MinsBetween(long s1, long s2);
     /// The seconds from `s2` to `s1`.
-    static long SecsBetween(long s1, long s2);
+    static long SecsBetween(long s1, long s2) { return s1 - s2; }
 };
 
 #endif

@@ -62,11 +62,6 @@ void Buffer::ReSize(const unsigned Size)
     AllocSize = ptr == nullptr ? 0 : Size;
 }
 
-unsigned Buffer::Size() const
-{
-    return AllocSize;
-}
-
 char& Buffer::operator[](unsigned index)
 {
     return index < AllocSize ? static_cast<char*>(ptr)[index] : spareByte;
@@ -79,16 +74,6 @@ Buffer& Buffer::operator=(const Buffer& b)
     ReSize(b.Size());
     b.GetDataAt(0, ptr, AllocSize);
     return *this;
-}
-
-Buffer::operator const void*() const
-{
-    return ptr;
-}
-
-Buffer::operator const char*() const
-{
-    return GetCString();
 }
 
 // Copies `len` bytes to `pos`, growing the block first when it is smaller than `pos` + `len`.

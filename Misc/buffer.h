@@ -26,15 +26,15 @@ public:
 
     /// Discards the contents and makes room for `Size` bytes, not set. The old contents are never kept.
     void ReSize(const unsigned Size);
-    unsigned Size() const;
+    unsigned Size() const { return AllocSize; }
     /// The byte at `index`. From the size on this is the one spare byte that all buffers share: writing to it
     /// changes no buffer.
     char& operator[](unsigned index);
     Buffer& operator=(const Buffer& b);
     /// The bytes; null when the buffer is empty.
-    operator const void*() const;
+    operator const void*() const { return ptr; }
     /// As GetCString.
-    operator const char*() const;
+    operator const char*() const { return GetCString(); }
 
     /// Copies `len` bytes to `pos`; a null `cp` copies nothing. The buffer grows to `pos` + `len` bytes when it is
     /// smaller, also for a `len` of 0; bytes between its old end and `pos` are not set. Nothing is written when

@@ -74,24 +74,24 @@ public:
     CString& operator=(const CString& s);
 
     /// The stored length; costs no scan.
-    unsigned strlen() const;
+    unsigned strlen() const { return cp->len; }
     /// The text, terminated, never null. It is valid until this string changes or goes.
-    operator const char*() const;
+    operator const char*() const { return cp->rep; }
     /// The character at `i`, which is not checked against the length. Writing to it changes every string that
     /// shares the text.
-    char& operator[](unsigned i) const;
+    char& operator[](unsigned i) const { return cp->rep[i]; }
 
     bool operator==(const CString& s) const;
-    bool operator!=(const CString& s) const;
+    bool operator!=(const CString& s) const { return !(*this == s); }
     /// REQUIRES: `s` is not null.
     bool operator==(const char* s) const;
-    bool operator!=(const char* s) const;
+    bool operator!=(const char* s) const { return !(*this == s); }
     /// The comparison function for sorting arrays of CString pointers: the `strcmp` of the two texts. REQUIRES: no
     /// pointer is null.
     static int compare(const CString** a, const CString** b);
 
     CString operator+(const CString& s) const;
-    CString operator+(const char* s) const;
+    CString operator+(const char* s) const { return *this + CString(s); }
     /// Appends `s`; an empty or null `s` changes nothing.
     CString& operator+=(const char* s);
     CString& operator+=(const CString& s);
@@ -185,20 +185,19 @@ public:
     /// Lines that end at a line feed or are cut after `len` characters. A line feed at the very end is followed by
     /// an empty line. A `len` below 1 counts as 1.
     CStringIter(CString& t, int len);
-    virtual ~CStringIter();
+    virtual ~CStringIter() = default;
     /// Makes the line or field that starts at `position` the current one and returns where the next one starts.
     /// At the end of the text the walk is done and the result is 0, then and ever after.
     unsigned setupLine(unsigned position);
     /// The current line or field, without its line feed or delimiter.
-    operator const CString&() const;
+    operator const CString&() const { return line; }
     /// 1 while a line is available, else 0.
-    int operator()() const;
+    int operator()() const { return !done; }
     /// Goes to the next line or field.
-    void operator++();
+    void operator++() { pos = setupLine(pos); }
 
 private:
-    unsigned endOfLine(unsigned start) const;
-    unsigned endOfField(unsigned start) const;
+    unsigned endOf(unsigned start) const;
 
     const CString& sourceText;
     int32_t method; // 0: fields, 1: lines
@@ -206,7 +205,7 @@ private:
     uint32_t pos;   // where the next line starts
     int32_t done;   // the end has been passed
     CString line;   // the current one
-    char delimiter; // of method 0
+    char delimiter; // what ends a line or field
 };
 
 /// Collects a text character by character with one string append for `size` characters.

@@ -12,36 +12,6 @@ onfstream::onfstream(std::ostream& ostrm) : ZELostream(ostrm), buffer_short(0), 
 {
 }
 
-void onfstream::put(short x)
-{
-    put16(static_cast<uint16_t>(x));
-}
-
-void onfstream::put(int x)
-{
-    put32(static_cast<uint32_t>(x));
-}
-
-void onfstream::put(long x)
-{
-    put32(static_cast<uint32_t>(x));
-}
-
-void onfstream::put(unsigned short x)
-{
-    put16(x);
-}
-
-void onfstream::put(unsigned int x)
-{
-    put32(x);
-}
-
-void onfstream::put(unsigned long x)
-{
-    put32(static_cast<uint32_t>(x));
-}
-
 onfstream::~onfstream()
 {
 }
@@ -60,36 +30,6 @@ void onfstream::put32(uint32_t x)
 
 infstream::infstream(std::istream& istrm) : ZEListream(istrm), buffer_short(0), buffer_long(0)
 {
-}
-
-void infstream::get(short& x)
-{
-    x = static_cast<int16_t>(get16());
-}
-
-void infstream::get(int& x)
-{
-    x = static_cast<int32_t>(get32());
-}
-
-void infstream::get(long& x)
-{
-    x = static_cast<int32_t>(get32()); // through 32 bits, for the sign
-}
-
-void infstream::get(unsigned short& x)
-{
-    x = get16();
-}
-
-void infstream::get(unsigned int& x)
-{
-    x = get32();
-}
-
-void infstream::get(unsigned long& x)
-{
-    x = get32();
 }
 
 infstream::~infstream()

@@ -53,12 +53,12 @@ public:
     /// Writes to `ostrm`, which must outlive the stream. Failures show in its state, and so in good().
     explicit onfstream(std::ostream& ostrm);
     using ZELostream::put; // characters
-    void put(short x) override;
-    void put(int x) override;
-    void put(long x) override;
-    void put(unsigned short x) override;
-    void put(unsigned int x) override;
-    void put(unsigned long x) override;
+    void put(short x) override { put16(static_cast<uint16_t>(x)); }
+    void put(int x) override { put32(static_cast<uint32_t>(x)); }
+    void put(long x) override { put32(static_cast<uint32_t>(x)); }
+    void put(unsigned short x) override { put16(x); }
+    void put(unsigned int x) override { put32(x); }
+    void put(unsigned long x) override { put32(static_cast<uint32_t>(x)); }
     ~onfstream() override;
 
 protected:
@@ -79,12 +79,12 @@ public:
     /// Reads from `istrm`, which must outlive the stream.
     explicit infstream(std::istream& istrm);
     using ZEListream::get; // characters
-    void get(short& x) override;
-    void get(int& x) override;
-    void get(long& x) override;
-    void get(unsigned short& x) override;
-    void get(unsigned int& x) override;
-    void get(unsigned long& x) override;
+    void get(short& x) override { x = static_cast<int16_t>(get16()); }
+    void get(int& x) override { x = static_cast<int32_t>(get32()); }
+    void get(long& x) override { x = static_cast<int32_t>(get32()); } // through 32 bits, for the sign
+    void get(unsigned short& x) override { x = get16(); }
+    void get(unsigned int& x) override { x = get32(); }
+    void get(unsigned long& x) override { x = get32(); }
     ~infstream() override;
 
 protected:

@@ -1,10 +1,12 @@
 #include "Misc/cstring.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <new>
 
+#include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "Misc/cstring/room.h"
 #include "Misc/detail/assertion.h"
@@ -17,6 +19,49 @@ using zeloo::TextOrEmpty;
 [[maybe_unused]] static const char* ModuleId()
 {
     return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
+
+ZEListream& CString::ObjectRead(ZEListream& s)
+{
+    scanFrom(s);
+    return s;
+}
+
+ZELostream& CString::ObjectWrite(ZELostream& s) const
+{
+    printOn(s);
+    return s;
+}
+
+void CString::scanFrom(ZEListream& s)
+{
+    *this = "";
+    unsigned short expected = 0; // what a length that does not parse leaves
+    s.get(expected);
+    if (expected == 0)
+        return;
+    char* text = NewRoom(expected);
+    if (text == nullptr)
+        return;
+    const int got = std::min(std::max(s.read(text, expected), 0), static_cast<int>(expected));
+    text[got] = '\0';
+    takeOver(text);
+    if (got < expected) {
+        std::cout << "Error: short read in Cstring scanFrom. " << std::endl;
+        std::cout << "read: " << got << " expected: " << expected << std::endl;
+        s.SetReadErrorFlag();
+    }
+}
+
+void CString::printOn(ZELostream& s) const
+{
+    const unsigned short n = static_cast<unsigned short>(cp->len);
+    if (n != cp->len) {
+        std::cout << "Warning: data will be truncated in Cstring printOn. " << std::endl;
+        std::cout << "writing " << n << " of " << cp->len << " bytes." << std::endl;
+    }
+    s.put(n);
+    s.write(cp->rep, n);
 }
 
 // Constant-initialised: strings of any unit may be made before main and destroyed after it.
@@ -134,39 +179,14 @@ CString& CString::operator=(const CString& s)
     return *this;
 }
 
-unsigned CString::strlen() const
-{
-    return cp->len;
-}
-
-CString::operator const char*() const
-{
-    return cp->rep;
-}
-
-char& CString::operator[](unsigned i) const
-{
-    return cp->rep[i];
-}
-
 bool CString::operator==(const CString& s) const
 {
     return cp == s.cp || (cp->len == s.cp->len && std::strcmp(cp->rep, s.cp->rep) == 0);
 }
 
-bool CString::operator!=(const CString& s) const
-{
-    return !(*this == s);
-}
-
 bool CString::operator==(const char* s) const
 {
     return std::strcmp(cp->rep, s) == 0;
-}
-
-bool CString::operator!=(const char* s) const
-{
-    return !(*this == s);
 }
 
 int CString::compare(const CString** a, const CString** b)
@@ -185,11 +205,6 @@ CString CString::operator+(const CString& s) const
     CString sum(*this);
     sum += s;
     return sum;
-}
-
-CString CString::operator+(const char* s) const
-{
-    return *this + CString(s);
 }
 
 CString& CString::operator+=(const char* s)
