@@ -18,6 +18,8 @@
 
 #include <iosfwd>
 
+#include <sys/types.h>
+
 #include "Misc/Error.h"
 #include "Misc/buffer.h"
 #include "Misc/mobject.h"
@@ -36,13 +38,15 @@ void DumpTliMessage(const TliMsgStruct* pmsg, std::ostream& out);
 /// for success and 0 for failure. What failed in the transport is printed on the standard output, where a contract
 /// says so, and explained on the standard error (t_error).
 ///
-/// A terminating signal disconnects and closes the endpoint. A forked child has a copy of it: the process that is not
-/// to use the connection calls Tclose, which leaves the other's alone, and not Tshutdown.
+/// An endpoint belongs to the process that opened it, where the destructor and a terminating signal disconnect and close
+/// it. A forked child has a copy, and they close that copy alone: neither the parent nor the peer notices. All else acts
+/// for whichever process calls it. A child that serves the connection ends it with Tshutdown, and the parent leaves it
+/// to the child with Tclose.
 class IPCTli : public ErrorReporter, public MonitoredObject {
 public:
     /// A closed endpoint.
     IPCTli();
-    /// Disconnects and closes the endpoint if it is open.
+    /// Disconnects and closes the endpoint if it is open; in a forked child, closes the copy.
     ~IPCTli() override;
     /// Writes the descriptor, -1 when closed.
     void dumpOn(std::ostream& out) const override;
@@ -53,7 +57,7 @@ public:
     /// it. May wait for a name server.
     short get_addrs_and_provider(const char* HostName, const char* Service);
 
-    // The next three operations open a new endpoint; one that is open is disconnected and closed before.
+    // The next three operations open a new endpoint; one that is open is given up before, as by the destructor.
 
     /// Connects to the first address of a service as a client. Waits 120 seconds at most. On failure the endpoint is
     /// closed. Nothing is printed.
@@ -72,7 +76,8 @@ public:
 
     /// Disconnects. What was sent still reaches the peer; nothing can be sent any more.
     void Tshutdown();
-    /// Closes the endpoint. Returns 0, or -1 when that failed, as for one that is closed; `fd` is -1 then in any case.
+    /// Closes this process's endpoint without disconnecting: a connection of which another process has a copy goes on.
+    /// Returns 0, or -1 when that failed, as for one that is closed; `fd` is -1 then in any case.
     short Tclose();
 
     /// Sends `bsize` bytes; waits, without limit, while the peer does not take them. Returns a code.
@@ -118,6 +123,7 @@ public:
     IPCTli& operator=(const IPCTli&) = delete;
 
 private:
+    bool Open(const char* device);
     short Bind(const char* host, const char* service);
     short Receive(char* buff, long enough, long room, long* received);
     short ReceiveData(const TliMsgStruct& first, Buffer& Data);
@@ -130,6 +136,7 @@ private:
     void Release();
 
     int fd;                   // the endpoint, -1 when closed
+    pid_t owner;              // the process that opened it
     char* provider;           // device file of the transport; owned
     svr4::nd_addrlist* addrs; // addresses of the service; of netdir_getbyname
     svr4::t_call* callptr;    // the connection request of a listening endpoint; of t_alloc
@@ -149,7 +156,7 @@ public:
     ~IPCTliClient() override;
     virtual void dumpOn(std::ostream& out) const;
 
-    /// Ends the connection. What was sent still reaches the server.
+    /// Ends the connection. What was sent still reaches the server. In a forked child it closes the copy (see IPCTli).
     void Disconnect();
     short Connected() const { return ptli != nullptr; }
 

@@ -5,7 +5,9 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <unistd.h>
 
+#include "Misc/detail/owner.h"
 #include "Misc/detail/text.h"
 #include "Misc/detail/timedcall.h"
 #include "Misc/ipctli/failure.h"
@@ -53,7 +55,7 @@ static void TakeEvent(int fd, const char* line)
         svr4::t_rcvdis(fd, nullptr);
 }
 
-IPCTli::IPCTli() : fd(-1), provider(nullptr), addrs(nullptr), callptr(nullptr)
+IPCTli::IPCTli() : fd(-1), owner(-1), provider(nullptr), addrs(nullptr), callptr(nullptr)
 {
 }
 
@@ -72,13 +74,19 @@ void IPCTli::SigTermProc(int)
     Release();
 }
 
+bool IPCTli::Open(const char* device)
+{
+    fd = svr4::t_open(device, O_RDWR, nullptr);
+    owner = getpid();
+    return fd >= 0;
+}
+
 short IPCTli::Topen(const char* host, const char* service)
 {
     CloseEndpoint();
     if (!get_addrs_and_provider(zeloo::HostOrSelf(host), service) || addrs->n_cnt < 1 || provider == nullptr)
         return 0;
-    fd = svr4::t_open(provider, O_RDWR, nullptr);
-    if (fd < 0)
+    if (!Open(provider))
         return 0;
     int result = -1;
     svr4::t_call* call = nullptr;
@@ -120,8 +128,7 @@ short IPCTli::Bind(const char* host, const char* service)
         std::cout << "no address or provider to Tprelisten" << std::endl;
         return 0;
     }
-    fd = svr4::t_open(provider, O_RDWR, nullptr);
-    if (fd < 0) {
+    if (!Open(provider)) {
         std::cout << "Tprelisten t_open failure" << std::endl;
         return 0;
     }
@@ -153,8 +160,7 @@ static void PrintAcceptFailure(int listener)
 short IPCTli::Taccept(const IPCTli& sp)
 {
     CloseEndpoint();
-    fd = svr4::t_open(sp.provider, O_RDWR, nullptr);
-    if (fd < 0)
+    if (!Open(sp.provider))
         std::cout << "Taccept t_open failed: " << svr4::t_errno << std::endl;
     else if (svr4::t_bind(fd, nullptr, nullptr) < 0)
         std::cout << "Taccept t_bind failed: " << svr4::t_errno << std::endl;
@@ -195,12 +201,14 @@ short IPCTli::Tclose()
     return svr4::t_close(std::exchange(fd, -1)) == 0 ? 0 : -1;
 }
 
+// A copy is closed without disconnecting: the connection goes on in the process that opened it.
 void IPCTli::CloseEndpoint()
 {
-    if (fd >= 0) {
+    if (fd < 0)
+        return;
+    if (zeloo::IsOwner(owner))
         Tshutdown();
-        Tclose();
-    }
+    Tclose();
 }
 
 void IPCTli::FreeCall()

@@ -216,14 +216,16 @@ short IPCTli::ReceiveLaterRecords(const TliMsgStruct& first, Buffer& Data)
 // Nothing after a malformed record can be trusted to be the start of another.
 short IPCTli::RefuseRecord()
 {
-    CloseEndpoint();
+    Tshutdown();
+    Tclose();
     zeloo::Report(*this, WARNING, TCP_ERROR, 0, ZELOO_HERE, "Malformed record received, connection closed.");
     return TCP_ERROR;
 }
 
 short IPCTli::RefuseForMemory(int bytes)
 {
-    CloseEndpoint();
+    Tshutdown();
+    Tclose();
     zeloo::Report(*this, WARNING, OUT_OF_MEMORY, ENOMEM, ZELOO_HERE, "tcp_recv_block allocation of %d bytes failed.",
                   bytes);
     return OUT_OF_MEMORY;

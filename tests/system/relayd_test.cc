@@ -619,6 +619,20 @@ TEST_F(RelaydTest, SignalsForADumpEndNothing)
     EXPECT_TRUE(WaitUntil([] { return FarClient()->Connected() != 0; }));
 }
 
+// The process that listens has accepted the connections, but each is its own process's to end.
+TEST_F(RelaydTest, ASignalThatEndsAConnectionsProcessEndsTheConnection)
+{
+    StartEchoes();
+    StartRelay();
+    RawConnection ended;
+    ASSERT_TRUE(Serves(1));
+    const std::unique_ptr<IPCClient> other = FarClient();
+    kill(ChildrenOf(relay)[0], SIGTERM);
+    EXPECT_TRUE(ended.IsClosedByPeer());
+    EXPECT_TRUE(Serves(1));
+    EXPECT_EQ(other->send_event_wait_ack(Echo, "\x08", 1), 8);
+}
+
 TEST_F(RelaydTest, APulledCableOnlyDelays)
 {
     StartEchoes();

@@ -323,6 +323,25 @@ TEST_F(IpctliClient, AnEventArrivesThoughTheClientDisconnectsAtOnce)
     EXPECT_TRUE(ends.peer.AtEnd());
 }
 
+// What a forked child gives up is its copy of the connection.
+TEST_F(IpctliClient, AForkedChildThatDisconnectsLeavesTheParentConnected)
+{
+    ClientAndPeer ends;
+    const pid_t child = StartChild([&] {
+        ends.client->Disconnect();
+        CHILD_CHECK(!ends.client->Connected());
+    });
+    EXPECT_EQ(WaitForExit(child), 0);
+    EXPECT_EQ(ends.client->send_event(1, nullptr, 0), 0);
+    RawRecord record;
+    ASSERT_TRUE(ends.peer.Receive(&record));
+    ASSERT_TRUE(ends.peer.Send(MakeReply(2, 3)));
+    short event = 0;
+    Buffer data;
+    EXPECT_EQ(ends.client->receive_response(event, data), 3);
+    EXPECT_EQ(event, 2);
+}
+
 // ---- Receiving ----
 
 TEST_F(IpctliClient, AResponse)

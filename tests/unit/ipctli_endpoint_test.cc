@@ -1,7 +1,9 @@
 // Endpoints: names and addresses, connecting, listening and accepting, time limits, and every line that they print.
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <sstream>
+#include <utility>
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -582,18 +584,110 @@ TEST_F(IpctliEndpoint, ASignalEndsAProcessWithOpenEndpoints)
     EXPECT_FALSE(late.Connect());
 }
 
-// A forked process that is not to use the connection closes its copy alone.
-TEST_F(IpctliEndpoint, CloseLeavesAnotherProcessItsConnection)
+// ---- Forked children ----
+
+bool CarriesBothWays(RawPeerConnection& connection)
+{
+    char byte = 0;
+    if (connection.end.send("x", 1) != 0 || recv(connection.peer.fd, &byte, 1, 0) != 1 || byte != 'x')
+        return false;
+    return connection.peer.Send("y") && connection.end.recv(&byte, 1) == 0 && byte == 'y';
+}
+
+bool TakesAnotherClient(RawPeerConnection& connection)
+{
+    RawSocket other;
+    IPCTli end;
+    return other.Connect() && connection.listener.Tlisten() && end.Taccept(connection.listener);
+}
+
+TEST_F(IpctliEndpoint, AChildThatExitsLeavesTheConnectionAlone)
+{
+    const pid_t owner = StartChild([] {
+        static RawPeerConnection connection; // which exit destroys
+        const pid_t child = StartChild([] { std::exit(0); });
+        CHILD_CHECK(WaitForExit(child) == 0);
+        CHILD_CHECK(CarriesBothWays(connection));
+        CHILD_CHECK(TakesAnotherClient(connection));
+    });
+    EXPECT_EQ(WaitForExit(owner), 0);
+}
+
+TEST_F(IpctliEndpoint, ASignalThatEndsAChildLeavesTheConnectionAlone)
+{
+    const auto connection = std::make_unique<RawPeerConnection>();
+    const pid_t child = StartChild([] {
+        for (;;)
+            pause();
+    });
+    kill(child, SIGTERM);
+    EXPECT_EQ(WaitForExit(child), 0);
+    EXPECT_TRUE(CarriesBothWays(*connection));
+    EXPECT_TRUE(TakesAnotherClient(*connection));
+}
+
+TEST_F(IpctliEndpoint, WhatAChildGivesUpIsItsCopy)
 {
     RawPeerConnection connection;
-    const pid_t child = StartChild([&] { CHILD_CHECK(connection.end.Tclose() == 0); });
+    const pid_t child = StartChild([&] {
+        const int descriptors = OpenDescriptors();
+        CHILD_CHECK(connection.end.Tclose() == 0);
+        CHILD_CHECK(connection.listener.Tclose() == 0);
+        CHILD_CHECK(OpenDescriptors() == descriptors - 2);
+    });
     EXPECT_EQ(WaitForExit(child), 0);
-    EXPECT_EQ(connection.end.send("x", 1), 0);
+    EXPECT_TRUE(CarriesBothWays(connection));
+    const pid_t another = StartChild([&] {
+        RawSocket listener;
+        CHILD_CHECK(listener.Listen(5, Port + 1));
+        CHILD_CHECK(connection.end.Topen("localhost", "other")); // in the place of the inherited one
+        connection.listener.SigTermProc(SIGTERM);
+        CHILD_CHECK(Descriptor(connection.listener) == -1);
+    });
+    EXPECT_EQ(WaitForExit(another), 0);
+    EXPECT_TRUE(CarriesBothWays(connection));
+    EXPECT_TRUE(TakesAnotherClient(connection));
+}
+
+TEST_F(IpctliEndpoint, AChildThatServesTheConnectionEndsIt)
+{
+    RawPeerConnection connection; // of which this process keeps its copy
+    const pid_t child = StartChild([&] {
+        CHILD_CHECK(connection.end.send("x", 1) == 0);
+        connection.end.Tshutdown();
+    });
+    EXPECT_EQ(WaitForExit(child), 0);
     char byte = 0;
     EXPECT_EQ(recv(connection.peer.fd, &byte, 1, 0), 1);
-    ASSERT_TRUE(connection.peer.Send("y"));
-    EXPECT_EQ(connection.end.recv(&byte, 1), 0);
-    EXPECT_EQ(byte, 'y');
+    EXPECT_TRUE(connection.peer.AtEnd());
+}
+
+TEST_F(IpctliEndpoint, AMalformedRecordEndsTheConnectionThatAChildServes)
+{
+    RawPeerConnection connection;
+    ASSERT_TRUE(connection.peer.Send(MakeRecord(1, -1, 0, 0, "")));
+    const pid_t child = StartChild([&] {
+        TliMsgStruct record;
+        Buffer data;
+        Reports([&] { CHILD_CHECK(connection.end.recv_block(&record, data) == TcpError); });
+        CHILD_CHECK(Descriptor(connection.end) == -1);
+    });
+    EXPECT_EQ(WaitForExit(child), 0);
+    EXPECT_TRUE(connection.peer.AtEnd());
+}
+
+TEST_F(IpctliEndpoint, TheOwnerEndsTheConnectionThoughAChildHasACopy)
+{
+    auto connection = std::make_unique<RawPeerConnection>();
+    RawSocket peer(std::exchange(connection->peer.fd, -1));
+    const pid_t child = StartChild([] {
+        for (;;)
+            pause();
+    });
+    connection.reset();
+    EXPECT_TRUE(peer.AtEnd());
+    kill(child, SIGKILL);
+    WaitForExit(child);
 }
 
 // ---- Names ----
