@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <regex.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -215,6 +216,33 @@ int OpenDescriptors()
         count++;
     }
     return count - 1; // less the one that reads the directory
+}
+
+long VirtualSize()
+{
+    return std::atol(ReadFile("/proc/self/statm").c_str()) * sysconf(_SC_PAGESIZE);
+}
+
+static unsigned long LimitVirtualSize(unsigned long bytes)
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_AS, &limit);
+    const unsigned long earlier = limit.rlim_cur;
+    limit.rlim_cur = bytes;
+    if (setrlimit(RLIMIT_AS, &limit) != 0) {
+        std::perror("setrlimit");
+        std::abort();
+    }
+    return earlier;
+}
+
+MemoryLimit::MemoryLimit(long more) : earlier(LimitVirtualSize(static_cast<unsigned long>(VirtualSize() + more)))
+{
+}
+
+MemoryLimit::~MemoryLimit()
+{
+    LimitVirtualSize(earlier);
 }
 
 static const char SetAside[] = "/dev/log.set-aside";

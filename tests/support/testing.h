@@ -72,6 +72,27 @@ void MakeKeyFile(const std::string& serverName);
 /// The number of open descriptors of this process.
 int OpenDescriptors();
 
+/// The size of this process's address space in bytes.
+long VirtualSize();
+
+/// Keeps this process to the memory it has and `more` bytes, while it lives. (For the failure of single allocations
+/// see failing_memory.h.)
+class MemoryLimit {
+public:
+#if defined(__SANITIZE_ADDRESS__)
+    static constexpr bool IsPossible = false; // its allocator does not live under a limit
+#else
+    static constexpr bool IsPossible = true;
+#endif
+    explicit MemoryLimit(long more);
+    ~MemoryLimit();
+    MemoryLimit(const MemoryLimit&) = delete;
+    MemoryLimit& operator=(const MemoryLimit&) = delete;
+
+private:
+    unsigned long earlier;
+};
+
 /// The receiving end of syslog: binds /dev/log (of the sandbox) and collects the datagrams sent to it.
 class SyslogSink {
 public:

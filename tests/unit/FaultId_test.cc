@@ -7,7 +7,7 @@
 #include <climits>
 #include <functional>
 #include <iostream>
-#include <new>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,17 +20,10 @@
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "Misc/proginfo.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
-
-// The size of the blocks of which no more can be had.
-static std::size_t refusedSize = 0;
-
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept
-{
-    return n == refusedSize ? nullptr : ::operator new(n);
-}
 
 namespace {
 
@@ -782,26 +775,23 @@ TEST(FaultIdList, WithoutMemoryForItsArrayTheQuantityIsMinusOne)
     TemporaryDirectory directory;
     const std::string path = directory.File("list");
     const std::string report = ExpectedReport(ErrorReporter::OUT_OF_MEMORY, ENOMEM, "orvlaf: out of free store");
-    std::string made;
-    FaultIdList* list = nullptr;
-    refusedSize = sizeof(FaultIdSafeArray);
-    made = Report([&] { list = new FaultIdList(path.c_str()); });
-    EXPECT_EQ(Replaced(made, "Error Code= .*Module", "Module"), Replaced(report, "Error Code= .*Module", "Module"));
-    EXPECT_EQ(list->MyQuantity(), -1);
-    EXPECT_EQ(list->GetNext(), nullptr);
-    list->DeleteOne(FaultId(1, "n"));
-    EXPECT_EQ(Dump(*list), "");
-    list->Save();
-    EXPECT_EQ(ReadFile(path), BE16(0xFFFF));
-    made = Report([&] { list->AddFaultId(FaultId(1, "n")); });
-    EXPECT_EQ(Replaced(made, "Error Code= .*Module", "Module"), Replaced(report, "Error Code= .*Module", "Module"));
-    EXPECT_EQ(list->MyQuantity(), -1);
-    refusedSize = 0;
+    std::unique_ptr<FaultIdList> list;
+    {
+        const MemoryFailure failure = MemoryFailure::OfSize(sizeof(FaultIdSafeArray), NewObject);
+        EXPECT_EQ(Report([&] { list = std::make_unique<FaultIdList>(path.c_str()); }), report);
+        EXPECT_EQ(list->MyQuantity(), -1);
+        EXPECT_EQ(list->GetNext(), nullptr);
+        list->DeleteOne(FaultId(1, "n"));
+        EXPECT_EQ(Dump(*list), "");
+        list->Save();
+        EXPECT_EQ(ReadFile(path), BE16(0xFFFF));
+        EXPECT_EQ(Report([&] { list->AddFaultId(FaultId(1, "n")); }), report);
+        EXPECT_EQ(list->MyQuantity(), -1);
+    }
     list->AddFaultId(FaultId(1, "n"));
     EXPECT_EQ(Dump(*list), ListDump({"n/00000001"})) << "the array is made when there is memory again";
     list->Load();
     EXPECT_EQ(list->MyQuantity(), 0) << "what an absent array wrote reads as an empty list";
-    delete list;
 }
 
 TEST(FaultIdList, WithoutMemoryForAnElementTheListStays)
@@ -809,11 +799,9 @@ TEST(FaultIdList, WithoutMemoryForAnElementTheListStays)
     FaultIdList list("");
     Fill(list, 1);
     const FaultId f(2, "n");
-    refusedSize = sizeof(FaultId);
-    const std::string made = Report([&] { list.AddFaultId(f); });
-    refusedSize = 0;
-    EXPECT_EQ(ReportField(made, "  Error Type= "), ErrorReporter::GetErrorType(ErrorReporter::OUT_OF_MEMORY));
-    EXPECT_EQ(ReportField(made, "  Description= "), "orvlaf: out of free store");
+    const MemoryFailure failure = MemoryFailure::OfSize(sizeof(FaultId), NewObject);
+    EXPECT_EQ(Report([&] { list.AddFaultId(f); }),
+              ExpectedReport(ErrorReporter::OUT_OF_MEMORY, ENOMEM, "orvlaf: out of free store"));
     EXPECT_EQ(Dump(list), ListDump({"n/00000001"}));
 }
 

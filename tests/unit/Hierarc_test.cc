@@ -2,7 +2,6 @@
 
 #include <climits>
 #include <functional>
-#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -12,16 +11,7 @@
 #include "Misc/SafeArray.h"
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
-
-// Levels and texts are allocated by this operator; the sizes show how the cells grow.
-static std::vector<std::size_t>* allocations = nullptr;
-
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
-{
-    if (allocations != nullptr)
-        allocations->push_back(n);
-    return ::operator new[](n);
-}
+#include "tests/support/failing_memory.h"
 
 template <>
 const char* SafeArray<HierarchicNum>::ElementName()
@@ -223,12 +213,8 @@ TEST(HierarchicNum, AddLevelAppends)
 // block of characters has the size of whole cells.
 std::vector<std::size_t> CellsAllocated(const std::function<void()>& body)
 {
-    std::vector<std::size_t> sizes;
-    allocations = &sizes;
-    body();
-    allocations = nullptr;
     std::vector<std::size_t> cells;
-    for (std::size_t size : sizes)
+    for (std::size_t size : testing_support::SizesAllocated(testing_support::NewArray, body))
         if (size % sizeof(unsigned long) == 0)
             cells.push_back(size / sizeof(unsigned long));
     return cells;

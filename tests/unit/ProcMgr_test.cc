@@ -35,7 +35,6 @@ static struct EarlyAndLate {
 #include <csignal>
 #include <functional>
 #include <iostream>
-#include <new>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -49,20 +48,10 @@ static struct EarlyAndLate {
 #include "Misc/proginfo.h"
 #include "svr4/signal.h"
 #include "tests/support/assertions.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
-
-// No object of this many bytes finds memory.
-static std::size_t refusedSize = 0;
-
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept
-{
-    if (n != refusedSize)
-        return ::operator new(n);
-    errno = ENOMEM;
-    return nullptr;
-}
 
 static std::string Dump()
 {
@@ -653,16 +642,14 @@ TEST(ProcMgr, AFullQueueTakesNoMoreAndTheProcessGoesOn)
     EXPECT_EQ(child.exitCode, 0);
 }
 
-#ifndef __SANITIZE_ADDRESS__ // it replaces the allocation functions itself
 TEST(ProcMgr, WithoutMemoryACommandIsNotSubmitted)
 {
     const ChildResult child = InDaemon([] {
-        refusedSize = sizeof(CmdLine);
+        const MemoryFailure failure = MemoryFailure::OfSize(sizeof(CmdLine), NewObject);
         Fault fault = FaultOf(1, "alpha");
         ProcMgr submission("x", &fault);
         const char* argv[] = {"x", nullptr};
         ProcMgr vector(argv);
-        refusedSize = 0;
         CHECK_THAT(ProcMgr::commands.Quantity() == 0 && ProcMgr::processes.Quantity() == 0);
     });
     EXPECT_EQ(WithoutVariables(child.err),
@@ -676,9 +663,10 @@ TEST(ProcMgr, WithoutMemoryForItsRecordACommandRunsAndStaysQueued)
     const ChildResult child = InDaemon([] {
         const TemporaryDirectory directory;
         const std::string file = directory.File("out");
-        refusedSize = sizeof(ProcInfo);
-        ProcMgr submission(("echo x >> " + file).c_str(), nullptr);
-        refusedSize = 0;
+        {
+            const MemoryFailure failure = MemoryFailure::OfSize(sizeof(ProcInfo), NewObject);
+            ProcMgr submission(("echo x >> " + file).c_str(), nullptr);
+        }
         CHECK_THAT(ProcMgr::commands.Quantity() == 1 && ProcMgr::processes.Quantity() == 0);
         CHECK_THAT(ProcMgr::commands.first()->retry_count == 0);
         CHECK_THAT(WaitUntil([&] { return ReadFile(file) == "x\n"; }));
@@ -690,7 +678,6 @@ TEST(ProcMgr, WithoutMemoryForItsRecordACommandRunsAndStaysQueued)
               WarningReport("ProcMgr", "Memory allocation failed.", ENOMEM, "no memory for new process info."));
     EXPECT_EQ(child.exitCode, 0);
 }
-#endif
 
 TEST(ProcMgr, TheQueuesServeStaticObjectsBeforeMainAndAfterIt)
 {

@@ -4,7 +4,6 @@
 #include <climits>
 #include <csignal>
 #include <memory>
-#include <new>
 #include <random>
 #include <sstream>
 #include <string>
@@ -14,17 +13,10 @@
 
 #include "Misc/Error.h"
 #include "tests/support/assertions.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
-
-// The slots are allocated by this operator. From this many bytes on there is no memory.
-static std::size_t refuseFrom = SIZE_MAX;
-
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
-{
-    return n < refuseFrom ? ::operator new[](n) : nullptr;
-}
 
 namespace {
 
@@ -208,7 +200,7 @@ TEST(SafeArray, ExpandReportsThatMemoryFailed)
     const ChildResult child = RunInChild([] {
         Pointers a(10);
         Fill(a, 10);
-        refuseFrom = 20 * sizeof(void*);
+        const MemoryFailure failure = MemoryFailure::FromSize(20 * sizeof(void*), NewArray);
         a.AddPtr(P(10));
     });
     EXPECT_EQ(child.signal, SIGABRT);
@@ -390,10 +382,8 @@ TEST(SafeArray, GetPointersCopiesThePointers)
     copy[0] = nullptr;
     EXPECT_EQ(a.at(0), P(0));
 
-    refuseFrom = 3 * sizeof(void*);
-    void** none = a.GetPointers();
-    refuseFrom = SIZE_MAX;
-    EXPECT_EQ(none, nullptr);
+    const MemoryFailure failure = MemoryFailure::FromSize(3 * sizeof(void*), NewArray);
+    EXPECT_EQ(a.GetPointers(), nullptr);
 }
 
 TEST(SafeArray, SearchesAssertKeyAndThenFunction)

@@ -2,13 +2,13 @@
 
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -17,27 +17,10 @@
 
 using testing_support::CaptureStdout;
 using testing_support::ChildResult;
+using testing_support::MemoryFailure;
+using testing_support::NewArray;
+using testing_support::NewObject;
 using testing_support::RunInChild;
-
-// Memory fails on demand: the library allocates with the nothrow forms, everything else with the others.
-static long allocationsLeft = -1; // -1: no limit
-
-static bool MemoryFails()
-{
-    if (allocationsLeft < 0)
-        return false;
-    return allocationsLeft == 0 || allocationsLeft-- == 0;
-}
-
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept
-{
-    return MemoryFails() ? nullptr : ::operator new(n);
-}
-
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
-{
-    return MemoryFails() ? nullptr : ::operator new[](n);
-}
 
 namespace {
 
@@ -46,11 +29,7 @@ CString globalEmpty;
 CString globalText("made before main");
 CString globalCopy(globalText);
 
-class OutOfMemory {
-public:
-    explicit OutOfMemory(long allowed = 0) { allocationsLeft = allowed; }
-    ~OutOfMemory() { allocationsLeft = -1; }
-};
+const int AnyAllocation = NewObject | NewArray;
 
 const char* Text(const CString& s)
 {
@@ -125,7 +104,7 @@ TEST(CStringRep, Constructors)
 TEST(CStringRep, WithoutMemoryTheLengthIsZero)
 {
     CStringRep abc("abc");
-    OutOfMemory none;
+    const MemoryFailure failure = MemoryFailure::Of(AnyAllocation);
     CStringRep text("abc");
     EXPECT_EQ(text.rep, nullptr);
     EXPECT_EQ(text.len, 0u);
@@ -166,7 +145,7 @@ TEST(CStringRep, CloneStopsTheProcessWithoutMemory)
             const ChildResult child = RunInChild([copy, allowed] {
                 CStringRep r("abc");
                 r.count = 2;
-                OutOfMemory limit(allowed);
+                const MemoryFailure failure = MemoryFailure::After(allowed, AnyAllocation);
                 r.clone(copy);
             });
             EXPECT_EQ(child.signal, SIGABRT);
@@ -224,9 +203,7 @@ TEST(CString, TheEmptyRepresentationGoesWithItsLastUser)
 {
     const ChildResult child = RunInChild([] {
         const auto allocationsOfAnEmptyString = [] {
-            OutOfMemory many(100);
-            CString s;
-            return 100 - allocationsLeft;
+            return testing_support::SizesAllocated(AnyAllocation, [] { CString s; }).size();
         };
         if (allocationsOfAnEmptyString() != 0)
             _Exit(1); // shared with globalEmpty
@@ -676,7 +653,7 @@ TEST(CString, EncloseWithQuotes)
     EXPECT_STREQ(quoted.get(), "\"a b\"");
     quoted.reset(CString::EncloseWithQuotes(""));
     EXPECT_STREQ(quoted.get(), "\"\"");
-    OutOfMemory none;
+    const MemoryFailure failure = MemoryFailure::Of(AnyAllocation);
     EXPECT_EQ(CString::EncloseWithQuotes("a"), nullptr);
 }
 
@@ -695,7 +672,7 @@ TEST(CString, FileNameToCharPtr)
     EXPECT_EQ(CString::FileNameToCharPtr(dir.File("none").c_str()), nullptr);
     EXPECT_EQ(CString::FileNameToCharPtr(dir.Path().c_str()), nullptr) << "a directory has no content to read";
     {
-        OutOfMemory none;
+        const MemoryFailure failure = MemoryFailure::Of(AnyAllocation);
         EXPECT_EQ(CString::FileNameToCharPtr(path.c_str()), nullptr);
     }
     EXPECT_EQ(testing_support::OpenDescriptors(), descriptors);
@@ -708,30 +685,29 @@ TEST(CString, WithoutMemoryTextsStayAsTheyAre)
         const char* before = s;
         const CString other("other");
         {
-            OutOfMemory limit(allowed);
-            const auto again = [allowed] { allocationsLeft = allowed; };
+            const MemoryFailure failure = MemoryFailure::After(allowed, AnyAllocation);
             s += "x";
-            again();
+            failure.Restart();
             s += other;
-            again();
+            failure.Restart();
             s += 'x';
-            again();
+            failure.Restart();
             s.Insert(0, "x");
-            again();
+            failure.Restart();
             s.Insert(0, other);
-            again();
+            failure.Restart();
             s.ReplaceAll('a', "x");
-            again();
+            failure.Restart();
             s.Delete(0, 1);
-            again();
+            failure.Restart();
             s.rTrim();
-            again();
+            failure.Restart();
             s.toDos();
-            again();
+            failure.Restart();
             s.toUnix();
-            again();
+            failure.Restart();
             s.toEscape(0);
-            again();
+            failure.Restart();
             s.toLiteral();
         }
         EXPECT_EQ(Text(s), before);
@@ -744,15 +720,14 @@ TEST(CString, WithoutMemoryNewTextsAreEmpty)
     for (const int allowed : {0, 1}) {
         CString assigned("abc");
         const Buffer buffer = BufferOf("abc");
-        OutOfMemory limit(allowed);
+        const MemoryFailure failure = MemoryFailure::After(allowed, AnyAllocation);
         CString a("abc");
-        allocationsLeft = allowed;
+        failure.Restart();
         CString b("abc", 2);
-        allocationsLeft = allowed;
+        failure.Restart();
         CString c(buffer);
-        allocationsLeft = allowed;
+        failure.Restart();
         assigned = "def";
-        allocationsLeft = -1;
         for (const CString* s : {&a, &b, &c, &assigned})
             EXPECT_EQ(Text(*s), Text(globalEmpty));
     }
@@ -764,9 +739,9 @@ TEST(CString, ThereIsAnEmptyStringEvenWithoutAnyMemory)
         const ChildResult child = RunInChild([allowed] {
             globalEmpty = "not empty";
             {
-                OutOfMemory limit(allowed);
+                const MemoryFailure failure = MemoryFailure::After(allowed, AnyAllocation);
                 CString a;
-                allocationsLeft = 0;
+                const MemoryFailure ofAll = MemoryFailure::Of(AnyAllocation);
                 CString b("text");
                 if (a.strlen() != 0 || !(a == "") || Text(a) != Text(b))
                     _Exit(1);
@@ -909,7 +884,7 @@ TEST(CStringStream, WithoutMemoryTheStringIsEmpty)
         ZEListream in(b);
         CString s("old");
         {
-            OutOfMemory limit(allowed);
+            const MemoryFailure failure = MemoryFailure::After(allowed, AnyAllocation);
             in >> s;
         }
         EXPECT_EQ(Str(s), "");
@@ -1075,7 +1050,7 @@ TEST(CStringBuff, WorksWithoutMemoryForTheChunk)
 {
     std::unique_ptr<CStringBuff> b;
     {
-        OutOfMemory none;
+        const MemoryFailure failure = MemoryFailure::Of(AnyAllocation);
         b = std::make_unique<CStringBuff>(4);
     }
     *b += CString("abcdef");

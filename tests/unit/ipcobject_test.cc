@@ -1,7 +1,7 @@
 #include "Misc/ipcobject.h"
 
 #include <cstdlib>
-#include <new>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -10,15 +10,8 @@
 #include "Misc/cstring.h"
 #include "Misc/ipctli.h"
 #include "tests/support/echo_server.h"
+#include "tests/support/failing_memory.h"
 #include "tests/unit/ipcq_testing.h"
-
-// Memory fails on demand: the library allocates with the nothrow forms, everything else with the others.
-static std::size_t refusedSize = 0;
-
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept
-{
-    return n == refusedSize ? nullptr : ::operator new(n);
-}
 
 // The sleeps of the library, noted and not slept while a test counts them.
 static std::vector<unsigned>* sleeps = nullptr;
@@ -52,7 +45,6 @@ protected:
     void TearDown() override
     {
         sleeps = nullptr;
-        refusedSize = 0;
         EndServer();
     }
     void Start(const char* name = "orvd") { server = StartServer(name, ServeEchoes); }
@@ -320,23 +312,27 @@ TEST_F(IpcReconnect, StopsAtTheFirstConnectedClient)
 TEST_F(IpcReconnect, WithoutMemoryThereIsNoClient)
 {
     Start();
-    refusedSize = sizeof(IPCClient);
-    ReconnectClient client(0, "orvd");
     std::vector<unsigned> slept;
     sleeps = &slept;
-    EXPECT_EQ(client.ServerConnected(), 0);
-    EXPECT_EQ(client.AttemptReConnect(), 10);
-    EXPECT_TRUE(slept.empty()) << "waiting makes no memory";
-    EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 10);
-    EXPECT_EQ(client.SendEventWaitAck(Echo, nullptr, 0), 10);
-    EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, nullptr, 0), 65);
-    client.SetRetryCount(0);
-    EXPECT_EQ(client.AttemptReConnect(), 10);
-    refusedSize = sizeof(IPCQClient);
-    client.SetRetryCount(1);
-    EXPECT_EQ(client.AttemptReConnect(), 65) << "a client without a transport";
-    refusedSize = 0;
-    EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 0);
+    std::unique_ptr<ReconnectClient> client;
+    {
+        const MemoryFailure noClient = MemoryFailure::OfSize(sizeof(IPCClient), NewObject);
+        client = std::make_unique<ReconnectClient>(0, "orvd");
+        EXPECT_EQ(client->ServerConnected(), 0);
+        EXPECT_EQ(client->AttemptReConnect(), 10);
+        EXPECT_TRUE(slept.empty()) << "waiting makes no memory";
+        EXPECT_EQ(client->SendEvent(Echo, nullptr, 0), 10);
+        EXPECT_EQ(client->SendEventWaitAck(Echo, nullptr, 0), 10);
+        EXPECT_EQ(client->SendEventWithResponse(Echo, data, Echo, nullptr, 0), 65);
+        client->SetRetryCount(0);
+        EXPECT_EQ(client->AttemptReConnect(), 10);
+    }
+    client->SetRetryCount(1);
+    {
+        const MemoryFailure noTransport = MemoryFailure::OfSize(sizeof(IPCQClient), NewObject);
+        EXPECT_EQ(client->AttemptReConnect(), 65);
+    }
+    EXPECT_EQ(client->SendEvent(Echo, nullptr, 0), 0);
 }
 
 TEST_F(IpcReconnect, RecoversWhenTheQueueIsGone)

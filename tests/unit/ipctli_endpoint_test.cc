@@ -1,7 +1,6 @@
 // Endpoints: names and addresses, connecting, listening and accepting, time limits, and every line that they print.
 #include <cstdlib>
 #include <memory>
-#include <new>
 #include <sstream>
 #include <utility>
 
@@ -10,34 +9,8 @@
 #include <sys/resource.h>
 
 #include "svr4/tli.h"
+#include "tests/support/failing_memory.h"
 #include "tests/unit/ipctli_testing.h"
-
-#if !defined(__SANITIZE_ADDRESS__) // which replaces the allocator itself
-#define CAN_FAIL_MEMORY 1
-
-// The allocation that fails: one of `callocSize` bytes for one structure, or of a text.
-static size_t callocSize = 0;
-static bool failText = false;
-
-extern "C" void* __libc_calloc(size_t n, size_t size);
-extern "C" void* calloc(size_t n, size_t size)
-{
-    return n == 1 && size == callocSize ? nullptr : __libc_calloc(n, size);
-}
-
-void* operator new[](size_t size, const std::nothrow_t&) noexcept
-{
-    return failText ? nullptr : std::malloc(size);
-}
-void operator delete[](void* p) noexcept
-{
-    std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept
-{
-    std::free(p);
-}
-#endif
 
 namespace {
 
@@ -233,26 +206,22 @@ TEST_F(IpctliEndpoint, ListeningWithoutADescriptor)
 
 TEST_F(IpctliEndpoint, ListeningWithoutMemory)
 {
-#if CAN_FAIL_MEMORY
     IPCTli end;
-    failText = true;
     Output output = Capture([&] {
+        const MemoryFailure noTexts = MemoryFailure::Of(NewArray);
         EXPECT_EQ(end.Tprelisten("localhost", "orvd"), 0);
-        failText = false;
     });
     EXPECT_EQ(output.out, "no address or provider to Tprelisten\n");
     EXPECT_EQ(Descriptor(end), -1);
     output = Capture([&] {
-        callocSize = sizeof(struct sockaddr_storage); // the request's address
+        const MemoryFailure noAddress = MemoryFailure::OfSize(sizeof(struct sockaddr_storage), Calloc);
         EXPECT_EQ(end.Tprelisten("localhost", "orvd"), 0);
-        callocSize = 0;
     });
     EXPECT_EQ(output.out, "Allocation of req failed\n");
     EXPECT_EQ(Descriptor(end), -1);
     output = Capture([&] {
-        callocSize = sizeof(struct svr4::t_call);
+        const MemoryFailure noCall = MemoryFailure::OfSize(sizeof(struct svr4::t_call), Calloc);
         EXPECT_EQ(end.Tprelisten("localhost", "orvd"), 0);
-        callocSize = 0;
     });
     EXPECT_EQ(output.out, "unable to alloc a t_call structure in t_listen\n");
     EXPECT_EQ(output.err, "");
@@ -261,16 +230,17 @@ TEST_F(IpctliEndpoint, ListeningWithoutMemory)
 
     IPCTli client;
     ExpectSilence([&] {
-        failText = true;
-        EXPECT_EQ(client.Topen("localhost", "orvd"), 0);
-        failText = false;
-        callocSize = sizeof(struct svr4::t_call);
-        EXPECT_EQ(client.Topen("localhost", "orvd"), 0);
-        callocSize = 0;
+        {
+            const MemoryFailure noTexts = MemoryFailure::Of(NewArray);
+            EXPECT_EQ(client.Topen("localhost", "orvd"), 0);
+        }
+        {
+            const MemoryFailure noCall = MemoryFailure::OfSize(sizeof(struct svr4::t_call), Calloc);
+            EXPECT_EQ(client.Topen("localhost", "orvd"), 0);
+        }
         EXPECT_EQ(Descriptor(client), -1);
         EXPECT_EQ(client.Topen("localhost", "orvd"), 1);
     });
-#endif
 }
 
 TEST_F(IpctliEndpoint, FiveRequestsMayWait)
@@ -873,16 +843,13 @@ TEST_F(IpctliEndpoint, InformationAboutNothing)
 
 TEST_F(IpctliEndpoint, InformationWithoutASelectionPath)
 {
-#if CAN_FAIL_MEMORY
     setenv("NETPATH", "tcp", 1);
-    callocSize = 24; // of the path; no structure of this size is made before it
-    const std::string text = Information("localhost", "orvd");
+    const MemoryFailure noPath = MemoryFailure::OfSize(24, Calloc); // no structure of this size is made before it
+    EXPECT_EQ(Information("localhost", "orvd"),
+              "Information for host: localhost service: orvd\nUnable to setnetpath()\n");
     IPCTli end;
     EXPECT_EQ(end.get_addrs_and_provider("localhost", "orvd"), 0);
-    callocSize = 0;
     unsetenv("NETPATH");
-    EXPECT_EQ(text, "Information for host: localhost service: orvd\nUnable to setnetpath()\n");
-#endif
 }
 
 TEST_F(IpctliEndpoint, LookUpsLeaveNothingOpen)

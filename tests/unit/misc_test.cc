@@ -27,7 +27,6 @@ static struct EarlyAndLateUser {
 #include <cstring>
 #include <functional>
 #include <iostream>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -50,37 +49,10 @@ static struct EarlyAndLateUser {
 
 #include "Misc/mobject.h"
 #include "Misc/proginfo.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
-
-// How many of the next blocks of a CString cannot be had, and whether the next block of `calloc` can.
-static int refusedStrings = 0;
-static bool refuseCalloc = false;
-
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept
-{
-    if (n == sizeof(CString) && refusedStrings > 0) {
-        refusedStrings--;
-        return nullptr;
-    }
-    return ::operator new(n);
-}
-
-void* calloc(std::size_t n, std::size_t size) noexcept
-{
-    std::size_t bytes;
-    if (refuseCalloc || __builtin_mul_overflow(n, size, &bytes)) {
-        refuseCalloc = false;
-        errno = ENOMEM;
-        return nullptr;
-    }
-    void* (*volatile allocate)(std::size_t) = std::malloc; // which the compiler must not turn into this function
-    void* block = allocate(bytes);
-    if (block != nullptr)
-        std::memset(block, 0, bytes);
-    return block;
-}
 
 // The resolver of this host gives Internet addresses only; of this one name it gives those of another family.
 hostent* gethostbyname(const char* name)
@@ -743,7 +715,7 @@ TEST_F(NodesTest, WithoutMemoryForAddressesTheyDiffer)
 {
     const ChildResult child = RunInChild([] {
         GetHost("many"); // the resolver has its memory
-        refuseCalloc = true;
+        const MemoryFailure failure = MemoryFailure::OfNext(Calloc);
         std::printf("%d", AddrEqual("many", "many"));
         std::printf(" %d\n", AddrEqual("many", "many"));
     });
@@ -1038,7 +1010,7 @@ TEST_F(NodesTest, WithoutMemoryForAnEntryTheReadingGoesOn)
 {
     SetNodes("beta left out\nalpha full\n", 1000);
     const ChildResult child = RunInChild([] {
-        refusedStrings = 1;
+        const MemoryFailure failure = MemoryFailure::OfNextOfSize(sizeof(CString), NewObject);
         Ask("alpha");
         Ask("beta");
     });
@@ -1053,7 +1025,7 @@ TEST_F(NodesTest, WithoutMemoryNothingIsLearned)
     SetNodes("alpha full\n", 1000);
     const ChildResult child = RunInChild([] {
         Ask("alpha");
-        refusedStrings = 1;
+        const MemoryFailure failure = MemoryFailure::OfNextOfSize(sizeof(CString), NewObject);
         Ask("alias");
         Ask("alias");
         MonitoredObject::SetDebugLevel(4);
@@ -1073,7 +1045,7 @@ TEST_F(NodesTest, ARejectionWithoutMemoryIsNotLogged)
     SetNodes("alpha full\n", 1000);
     const ChildResult child = RunInChild([] {
         Ask("alpha");
-        refusedStrings = 1;
+        const MemoryFailure failure = MemoryFailure::OfNextOfSize(sizeof(CString), NewObject);
         Ask("stranger");
         Ask("stranger");
     });

@@ -13,6 +13,7 @@
 #include "Misc/detail/assertion.h"
 #include "Misc/ularray.h"
 #include "tests/support/assertions.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 #ifndef ZELOO_NO_ASSERTIONS
@@ -20,14 +21,6 @@
 #endif
 
 using namespace testing_support;
-
-// The slots and cells are allocated by this operator. From this many bytes on there is no memory.
-static std::size_t refuseFrom = SIZE_MAX;
-
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
-{
-    return n < refuseFrom ? ::operator new[](n) : nullptr;
-}
 
 namespace {
 
@@ -154,7 +147,7 @@ TEST(AssertionsOff, FailingMemoryInExpandIsStillAPanic)
 {
     const ChildResult child = RunInChild([] {
         Pointers a;
-        refuseFrom = 32 * sizeof(void*);
+        const MemoryFailure failure = MemoryFailure::FromSize(32 * sizeof(void*), NewArray);
         a.AddPtr(P(0));
     });
     EXPECT_EQ(child.signal, SIGABRT);
@@ -175,7 +168,7 @@ TEST(AssertionsOff, CallsWithoutADefinedResultStillStop)
     ExpectAssertion("key != NULL", "Misc/SafeArray", [&] { a.search(nullptr, equal); });
     ExpectAssertion("fptr != NULL", "Misc/SafeArray", [&] { a.qsort(none); });
     ExpectAssertion("theNewCells != 0", "Misc/ularray", [] {
-        refuseFrom = 1;
+        const MemoryFailure failure = MemoryFailure::Of(NewArray);
         ulongArray cells(1);
     });
     const CString text("one");

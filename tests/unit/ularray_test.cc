@@ -1,23 +1,15 @@
 #include "Misc/ularray.h"
 
 #include <climits>
-#include <new>
 #include <type_traits>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/assertions.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
-
-// The cells are allocated by this operator. From this many bytes on there is no memory.
-static std::size_t refuseFrom = SIZE_MAX;
-
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
-{
-    return n < refuseFrom ? ::operator new[](n) : nullptr;
-}
 
 namespace {
 
@@ -108,15 +100,15 @@ TEST(ulongArray, FailingMemoryIsAnAssertion)
     ulongArray a(10);
     Number(a);
     ExpectAssertion("theNewCells != 0", "Misc/ularray", [&] {
-        refuseFrom = 1;
+        const MemoryFailure failure = MemoryFailure::Of(NewArray);
         a.growBy(1);
     });
     ExpectAssertion("theNewCells != 0", "Misc/ularray", [&] {
-        refuseFrom = 1;
+        const MemoryFailure failure = MemoryFailure::Of(NewArray);
         ulongArray copy(a);
     });
     ExpectAssertion("theNewCells != 0", "Misc/ularray", [&] {
-        refuseFrom = 1;
+        const MemoryFailure failure = MemoryFailure::Of(NewArray);
         ulongArray made(1);
     });
 }
