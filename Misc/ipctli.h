@@ -126,8 +126,7 @@ private:
     bool Open(const char* device);
     short Bind(const char* host, const char* service);
     short Receive(char* buff, long enough, long room, long* received);
-    short ReceiveData(const TliMsgStruct& first, Buffer& Data);
-    short ReceiveLaterRecords(const TliMsgStruct& first, Buffer& Data);
+    short ReceiveEvent(const TliMsgStruct& first, Buffer& Data);
     short RefuseRecord();
     short RefuseForMemory(int bytes);
     void CloseEndpoint();

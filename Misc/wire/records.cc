@@ -5,7 +5,10 @@
 #include "Misc/detail/text.h"
 #include "Misc/wire/channels.h"
 
-[[maybe_unused]] static const char* ModuleId() { return "$Id: records.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: records.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
 
 // Both records are external interfaces, shared with builds of other compilers, word sizes and ages.
 static_assert(sizeof(IPCQMessage) == 2004 && sizeof(TliMsgStruct) == 1904);
@@ -82,8 +85,7 @@ void MakeAck(IPCQMessage* message, int32_t receiver)
 void PutBlock(IPCQMessage* message, const Block& block, const char* data)
 {
     message->alloc_data_length = block.total;
-    message->parts_left = static_cast<int16_t>(block.partsLeft);
-    message->curr_data_offset = block.offset;
+    PutPlace(message, block);
     message->shmem_id = -1;
     message->msg_data_len = block.length;
     if (block.length > 0)
@@ -103,8 +105,7 @@ bool HasSoundTexts(const TliMsgStruct& record)
 void PutBlock(TliMsgStruct* record, const Block& block, const char* data)
 {
     record->alloc_data_length = block.total;
-    record->parts_left = static_cast<int16_t>(block.partsLeft);
-    record->curr_data_offset = block.offset;
+    PutPlace(record, block);
     record->send_data_length = static_cast<int16_t>(block.length);
     if (block.length > 0)
         std::memcpy(record->msg_data, data, static_cast<size_t>(block.length));

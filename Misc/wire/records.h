@@ -32,6 +32,15 @@ void MakeAck(IPCQMessage* message, int32_t receiver);
 /// Puts a block, whose bytes begin at `data`, into a record.
 void PutBlock(IPCQMessage* message, const Block& block, const char* data);
 
+/// Puts the number and the offset of a block that is not there any more into a record: what its owner may look at when
+/// the last block has been sent.
+template <class Record>
+void PutPlace(Record* record, const Block& block)
+{
+    record->parts_left = static_cast<int16_t>(block.partsLeft);
+    record->curr_data_offset = block.offset;
+}
+
 // ---- On a connection ----
 
 /// The block that a record carries.

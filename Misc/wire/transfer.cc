@@ -3,7 +3,10 @@
 #include "Misc/wire/channels.h"
 #include "Misc/wire/records.h"
 
-[[maybe_unused]] static const char* ModuleId() { return "$Id: transfer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
+[[maybe_unused]] static const char* ModuleId()
+{
+    return "$Id: transfer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
+}
 
 namespace zeloo::wire {
 
@@ -19,7 +22,10 @@ long SendingSide::Channel() const
     return isFirst ? receiverPID : wire::DataChannel(senderPID, receiverPID);
 }
 
-long SendingSide::AckChannel() const { return wire::AckChannel(senderPID, receiverPID); }
+long SendingSide::AckChannel() const
+{
+    return wire::AckChannel(senderPID, receiverPID);
+}
 
 void SendingSide::FillBlock(IPCQMessage* message, const char* data) const
 {
@@ -51,8 +57,7 @@ void SendingSide::Advance(IPCQMessage* message)
     blocks.Advance();
     isFirst = false;
     step = blocks.IsDone() ? Done : SendBlock;
-    message->parts_left = static_cast<int16_t>(blocks.Current().partsLeft);
-    message->curr_data_offset = blocks.Current().offset;
+    PutPlace(message, blocks.Current());
 }
 
 ReceivingSide::ReceivingSide(const IPCQMessage& first, long receiver)
@@ -62,9 +67,15 @@ ReceivingSide::ReceivingSide(const IPCQMessage& first, long receiver)
         step = Acknowledge;
 }
 
-long ReceivingSide::AckChannel() const { return wire::AckChannel(senderPID, receiverPID); }
+long ReceivingSide::AckChannel() const
+{
+    return wire::AckChannel(senderPID, receiverPID);
+}
 
-long ReceivingSide::DataChannel() const { return wire::DataChannel(senderPID, receiverPID); }
+long ReceivingSide::DataChannel() const
+{
+    return wire::DataChannel(senderPID, receiverPID);
+}
 
 bool ReceivingSide::TakeBlock(const IPCQMessage& message, size_t length, int64_t segmentSize)
 {

@@ -833,6 +833,30 @@ TEST_F(IpcqReceive, BlocksOfAnEarlierTransferAreForgotten)
     End(sender);
 }
 
+TEST_F(IpcqReceive, TakesBlocksInWhateverOrderTheyCome)
+{
+    const pid_t sender = SendByHand(queue.id, me, FirstBlock(3), [&](long channel) {
+        SendRecord(queue.id, channel, LaterBlock(7, "7", 0));
+        SendRecord(queue.id, channel, LaterBlock(4, "456", 1));
+        SendRecord(queue.id, channel, LaterBlock(2, "23", 2));
+    });
+    EXPECT_EQ(Receive(), 0);
+    EXPECT_EQ(event, 30);
+    EXPECT_EQ(Contents(data), "01234567");
+    End(sender);
+}
+
+TEST_F(IpcqReceive, TakesAFirstBlockAtItsOwnOffset)
+{
+    IPCQMessage first = FirstBlock(1);
+    first.curr_data_offset = 6;
+    const pid_t sender = SendByHand(
+        queue.id, me, first, [&](long channel) { SendRecord(queue.id, channel, LaterBlock(0, "234567", 0)); });
+    EXPECT_EQ(Receive(), 0);
+    EXPECT_EQ(Contents(data), "23456701");
+    End(sender);
+}
+
 TEST_F(IpcqReceive, LaterBlocksThatDoNotFit)
 {
     const std::vector<std::pair<const char*, std::function<void(IPCQMessage&)>>> changes = {

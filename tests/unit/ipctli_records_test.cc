@@ -292,6 +292,22 @@ TEST_F(IpctliRecords, BlocksMayBeSmaller)
     EXPECT_EQ(Contents(data), "abcde");
 }
 
+TEST_F(IpctliRecords, BlocksComeInWhateverOrder)
+{
+    RawPeerConnection connection;
+    ASSERT_TRUE(connection.peer.Send(MakeRecord(1, 3, 2, 8, "23"))); // the first says how many there are
+    ASSERT_TRUE(connection.peer.Send(MakeRecord(1, 0, 6, 8, "67")));
+    ASSERT_TRUE(connection.peer.Send(MakeRecord(1, 1, 0, 8, "01")));
+    ASSERT_TRUE(connection.peer.Send(MakeRecord(1, 2, 4, 8, "45")));
+    ASSERT_TRUE(connection.peer.Send(MakeRecord(2, 0, 0, 4, "next")));
+    TliMsgStruct msg;
+    Buffer data;
+    EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
+    EXPECT_EQ(Contents(data), "01234567");
+    EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
+    EXPECT_EQ(Contents(data), "next") << "no byte of the next event is taken";
+}
+
 TEST_F(IpctliRecords, AnySizeArrives)
 {
     const int sizes[] = {0, 1, 1699, 1700, 1701, 3400, 1 << 20, 10 << 20, (1 << 20) + 1, 2 * (1 << 20) + 1};
@@ -378,7 +394,7 @@ std::vector<Malformed> MalformedEvents()
         {"node without end", {Filled(sound, 34, 80)}},
         {"program without end", {Filled(sound, 114, 80)}},
         {"second offset too small", {first, Changed32(second, 28, 0)}},
-        {"second offset too large", {first, Changed32(second, 28, 1701)}},
+        {"second offset too large", {first, Changed32(second, 28, 1701), third}},
         {"second offset negative", {first, Changed32(second, 28, -1700)}},
         {"greatest second offset", {first, Changed32(second, 28, INT32_MAX)}},
         {"second length negative", {first, Changed16(second, 26, -1)}},
@@ -387,7 +403,9 @@ std::vector<Malformed> MalformedEvents()
         {"second total different", {first, Changed32(second, 200, 3402)}},
         {"parts not counted down", {first, Changed16(second, 24, 2)}},
         {"parts counted up", {first, Changed16(second, 24, 3)}},
-        {"parts cut short", {first, Changed16(second, 24, 0)}},
+        {"parts cut short", {first, Changed16(second, 24, 0), third}},
+        {"the second twice", {first, second, second}},
+        {"the first twice", {first, first}},
         {"parts below 0", {first, second, Changed16(third, 24, -1)}},
         {"last length beyond the total", {first, second, Changed16(third, 26, 2)}},
         {"last length short of the total", {first, second, Changed16(third, 26, 0)}},
