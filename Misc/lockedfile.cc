@@ -42,11 +42,6 @@ void LockFile::Cleanup()
         unlink(LockName);
 }
 
-void LockFile::SigTermProc(int)
-{
-    Cleanup();
-}
-
 // Gets the record lock on the lock file `fd` that guards it against being judged or filled in by two processes at a
 // time; it ends when `fd` is closed. False when another process has it.
 static bool Guard(int fd)
@@ -171,9 +166,4 @@ void LockedFileDesc::Cleanup()
     if (fd != -1)
         close(fd);
     LockFile::Cleanup();
-}
-
-void LockedFileDesc::SigTermProc(int)
-{
-    Cleanup();
 }

@@ -38,7 +38,7 @@ public:
     /// Releases the lock, if it is held, by deleting the lock file. May be called in a signal handler.
     virtual void Cleanup();
     /// Calls Cleanup.
-    void SigTermProc(int sig) override;
+    void SigTermProc(int) override { Cleanup(); }
 
 protected:
     CString BaseName;
@@ -73,7 +73,7 @@ public:
     /// Closes the descriptor, in a forked child the child's own one, and releases the lock.
     void Cleanup() override;
     /// Calls Cleanup.
-    void SigTermProc(int sig) override;
+    void SigTermProc(int) override { Cleanup(); }
 
 private:
     int myfd;

@@ -68,7 +68,7 @@ public:
     /// Sends SIGTERM to the child and forgets its process id; pid() is -1 from then on. Does not wait.
     void terminate();
     /// Whether the process id of the child is in use; true also for a child that has ended but was not waited for.
-    short exists() const;
+    short exists() const { return ProcessExists(mypid); }
     /// The process id of the child; -1 when there is none and after terminate().
     long pid() const { return mypid; }
     /// The arguments with one blank between them; for a command text these begin with "/sbin/sh -c".
@@ -90,7 +90,7 @@ public:
     /// `send_kill` it sends that process SIGTERM every 20 seconds.
     static void WaitForProcessToTerminate(long proc_pid, long maxtime, short send_kill);
     /// Sets the limit for the objects made from now on with a limit of 0.
-    static void SetGlobalMaxWaitTime(long seconds);
+    static void SetGlobalMaxWaitTime(long seconds) { GlobalUnixProcessMaxWaitTime = seconds; }
 
     static long GlobalUnixProcessMaxWaitTime; // seconds; 0, its value at the start, is no limit
 

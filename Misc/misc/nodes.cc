@@ -35,16 +35,12 @@ static const char Separators[] = " \t";
 
 namespace {
 
-// A list of nodes, with its name in reports. The two are types of their own so that each is a static of its own.
-struct NodeList : CStringSafeArray {
-    explicit NodeList(const char* name_p) : name(name_p) {}
-    const char* const name;
+// The lists of nodes, with their names in reports, are types of their own so that each is an object of its own.
+struct ValidNodeList : CStringSafeArray {
+    static constexpr char Name[] = "ValidNodes";
 };
-struct ValidNodeList : NodeList {
-    ValidNodeList() : NodeList("ValidNodes") {}
-};
-struct InValidNodeList : NodeList {
-    InValidNodeList() : NodeList("InValidNodes") {}
+struct InValidNodeList : CStringSafeArray {
+    static constexpr char Name[] = "InValidNodes";
 };
 
 } // namespace
@@ -56,13 +52,13 @@ static const ErrorReporter& Reporter()
 }
 
 // The lines of the node list file and those learned since it was read.
-static NodeList& ValidNodes()
+static ValidNodeList& ValidNodes()
 {
     return zeloo::Immortal<ValidNodeList>();
 }
 
 // Every node that has been rejected.
-static NodeList& InValidNodes()
+static InValidNodeList& InValidNodes()
 {
     return zeloo::Immortal<InValidNodeList>();
 }
@@ -72,14 +68,15 @@ static bool missingFileReported = false; // since the file was last seen
 
 // Adds a copy of `text`. When memory fails or the list is full that is reported, and the result is false: a caller
 // somewhere in the network that makes up ever new names must not stop the process.
-static bool AddCopy(NodeList& list, const char* text)
+template <class List>
+static bool AddCopy(List& list, const char* text)
 {
     CString* entry = list.Quantity() < zeloo::MostElements ? new (std::nothrow) CString(text) : nullptr;
     if (entry != nullptr)
         list.AddItem(entry);
     else
         zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::OUT_OF_MEMORY, errno, ZELOO_HERE,
-                      "failed to allocate memory for %s.", list.name);
+                      "failed to allocate memory for %s.", List::Name);
     return entry != nullptr;
 }
 
@@ -89,7 +86,7 @@ static void Tell(const char* label, const char* text, const char* end = "")
     std::cout << label << text << end << std::endl;
 }
 
-static void TellAll(const char* label, const NodeList& list, const char* end = "")
+static void TellAll(const char* label, const CStringSafeArray& list, const char* end = "")
 {
     for (CStringSafeArrayIter node(list); node() != nullptr; ++node)
         Tell(label, *node(), end);

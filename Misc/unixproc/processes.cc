@@ -63,8 +63,3 @@ void UnixProcess::WaitForProcessToTerminate(long proc_pid, long maxtime, short s
             kill(static_cast<pid_t>(proc_pid), SIGTERM);
     }
 }
-
-void UnixProcess::SetGlobalMaxWaitTime(long seconds)
-{
-    GlobalUnixProcessMaxWaitTime = seconds;
-}

@@ -170,11 +170,6 @@ void UnixProcess::terminate()
     }
 }
 
-short UnixProcess::exists() const
-{
-    return ProcessExists(mypid);
-}
-
 void UnixProcess::dumpOn(std::ostream& out) const
 {
     out << "Dumping UnixProcess Object:" << std::endl;
