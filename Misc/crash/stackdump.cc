@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Misc/detail/hexdump.h"
 #include "svr4/context.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -15,18 +16,11 @@ constexpr uintptr_t StackBeyond = 5120; // bytes of the stack that are dumped ab
 
 void WriteRow(uintptr_t address, const unsigned char* row, std::ostream& file)
 {
-    uint32_t words[4];
-    memcpy(words, row, sizeof words);
-    char characters[RowSize + 1];
-    for (unsigned i = 0; i < RowSize; i++) {
-        const char c = static_cast<char>(row[i] & 0x7f);
-        characters[i] = c < ' ' || c == 0x7f ? ' ' : c;
-    }
-    characters[RowSize] = '\0';
-    char line[128];
-    snprintf(line, sizeof line, "%lx: %08x %08x %08x %08x [%s]\n", static_cast<unsigned long>(address), words[0],
-             words[1], words[2], words[3], characters);
-    file << line;
+    char line[24 + RowTextLength];
+    char* end = line + snprintf(line, 24, "%lx: ", static_cast<unsigned long>(address));
+    end = PutWordRow(end, row);
+    *end++ = '\n';
+    file.write(line, end - line);
 }
 
 void WriteDuplicates(unsigned long count, std::ostream& file)
@@ -40,10 +34,10 @@ void WriteDuplicates(unsigned long count, std::ostream& file)
 void ReadRowIfMapped(uintptr_t address, unsigned char* row)
 {
     uintptr_t low, high;
-    if (svr4::mapping_of(address, &low, &high) == 0 && high - address >= RowSize)
-        svr4::copy_memory(address, row, RowSize);
+    if (svr4::mapping_of(address, &low, &high) == 0 && high - address >= BytesInRow)
+        svr4::copy_memory(address, row, BytesInRow);
     else
-        memset(row, 0, RowSize);
+        memset(row, 0, BytesInRow);
 }
 
 // The bounds of the stack that the signal interrupted. When that stack has overflowed its pointer is outside, and
@@ -94,12 +88,12 @@ void dumpmem(uintptr_t address, unsigned long length, const char* label, std::os
     file << label << sizes;
 
     const uintptr_t end = address + length;
-    unsigned char previous[RowSize] = {};
-    unsigned char row[RowSize];
+    unsigned char previous[BytesInRow] = {};
+    unsigned char row[BytesInRow];
     unsigned long duplicates = 0;
-    for (; address < end; address += RowSize) {
-        svr4::copy_memory(address, row, RowSize);
-        if (memcmp(row, previous, RowSize) == 0) {
+    for (; address < end; address += BytesInRow) {
+        svr4::copy_memory(address, row, BytesInRow);
+        if (memcmp(row, previous, BytesInRow) == 0) {
             duplicates++;
             continue;
         }
@@ -107,7 +101,7 @@ void dumpmem(uintptr_t address, unsigned long length, const char* label, std::os
             WriteDuplicates(duplicates, file);
         duplicates = 0;
         WriteRow(address, row, file);
-        memcpy(previous, row, RowSize);
+        memcpy(previous, row, BytesInRow);
     }
     if (duplicates != 0) {
         WriteDuplicates(duplicates, file);
@@ -132,13 +126,13 @@ void dumpstack(std::ostream& file)
         WriteFrames(frame, stackPointer, low, high, file);
     file << '\n';
 
-    uintptr_t start = stackPointer & ~(RowSize - 1);
+    uintptr_t start = stackPointer & ~uintptr_t(BytesInRow - 1);
     unsigned long length = 0;
     if (known) {
         const uintptr_t end = high - frame > StackBeyond && frame < high ? frame + StackBeyond : high;
         if (start < low)
             start = low;
-        length = (end - start) & ~(RowSize - 1);
+        length = (end - start) & ~uintptr_t(BytesInRow - 1);
     }
     dumpmem(start, length, "Stack", file);
 }

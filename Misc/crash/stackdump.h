@@ -12,14 +12,11 @@ namespace zeloo {
 /// svr4::capture_signal.
 void dumpstack(std::ostream& file);
 
-/// The bytes in a row of the dump.
-constexpr unsigned long RowSize = 16;
-
 /// Writes the memory from `address` on, a header line under `label` first and then a line for every row. Rows equal to
 /// the row before them (to zero bytes for the first) are only counted; their number stands on a line of its own before
 /// the next row that differs. When the region ends among such rows, that line is followed by the row just past the
 /// region, shown as zero bytes where there is no memory to read. REQUIRES: the region is mapped readable, and `length`
-/// is a multiple of RowSize.
+/// is a multiple of 16.
 void dumpmem(uintptr_t address, unsigned long length, const char* label, std::ostream& file);
 
 } // namespace zeloo
