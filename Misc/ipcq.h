@@ -22,6 +22,7 @@
 #include "Misc/Error.h"
 #include "Misc/SafeArray.h"
 #include "Misc/buffer.h"
+#include "Misc/client.h"
 #include "Misc/mobject.h"
 #include "Misc/records.h"
 
@@ -283,7 +284,8 @@ private:
 };
 
 /// The client end of a server's queue. It sends to the server's process and receives what is addressed to its own.
-class IPCQClient : public IPCQBase {
+/// Its identity and its sends are those of ServerClient.
+class IPCQClient : public IPCQBase, public ServerClient<IPCQClient> {
 public:
     /// Joins the queue of that name, for which it waits up to `TimeOutValue` seconds (see connect_to_queue), to talk
     /// to object `Object` of the server with process id `RequestedServerPID` (-1: whichever there is). The messages
@@ -299,18 +301,6 @@ public:
     /// Whether the client has a queue: until a send fails.
     short Connected() const { return MyQueueID >= 0; }
 
-    /// Change the identity that the messages carry, cut to 19, 79 and 79 characters.
-    void RegisterVersion(const char* version);
-    void RegisterProgramName(const char* program);
-    void RegisterNodeName(const char* node);
-
-    /// Send an event: without asking for anything; asking for a response, which receive_response fetches; asking for
-    /// an acknowledgement, for which the call waits (the result is then its status). Return a code. A send that
-    /// fails disconnects the client.
-    short send_event(short event, const void* ptr, long len);
-    short send_event_with_response(short event, const void* ptr, long len);
-    short send_event_wait_ack(short event, const void* ptr, long len);
-
     /// Waits for the server's response. Returns the status that the server gave it; a code with `REvent` 0 on
     /// failure; 0 with `REvent` 0 when the receive limit runs out.
     short receive_response(short& REvent, Buffer& Data);
@@ -322,12 +312,8 @@ public:
     void Shutdown();
 
 private:
+    friend class ServerClient<IPCQClient>;
     short SendToServer(short event, const void* ptr, long len, short response, short ack);
-
-    short DestObject;
-    char ClientVersion[20];
-    char ClientProgram[80];
-    char ClientNode[80];
 };
 
 #endif

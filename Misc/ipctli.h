@@ -22,6 +22,7 @@
 
 #include "Misc/Error.h"
 #include "Misc/buffer.h"
+#include "Misc/client.h"
 #include "Misc/mobject.h"
 #include "Misc/records.h"
 
@@ -141,9 +142,10 @@ private:
     svr4::t_call* callptr;    // the connection request of a listening endpoint; of t_alloc
 };
 
-/// A client of a server on another host, with the operations of IPCQClient. It is connected from its construction
-/// until a send or receive fails, the server says that it is going, or Disconnect; only a new object connects again.
-class IPCTliClient : public ErrorReporter {
+/// A client of a server on another host, with the operations of IPCQClient; its identity and its sends are those of
+/// ServerClient. It is connected from its construction until a send or receive fails, the server says that it is going,
+/// or Disconnect; only a new object connects again.
+class IPCTliClient : public ErrorReporter, public ServerClient<IPCTliClient> {
 public:
     /// Connects to object `Object` of a server on the host `ServerNodeName`, or, when that is null, on the default
     /// host of that server; an empty or missing host gives no connection. With `CheckForIPCQueue` the server is asked
@@ -158,11 +160,6 @@ public:
     /// Ends the connection. What was sent still reaches the server. In a forked child it closes the copy (see IPCTli).
     void Disconnect();
     short Connected() const { return ptli != nullptr; }
-
-    /// Change the identity that the records carry, cut to 19, 79 and 79 characters.
-    void RegisterVersion(const char* version);
-    void RegisterProgramName(const char* program);
-    void RegisterNodeName(const char* node);
 
     /// Limits in seconds (900 and 60 at first). They are kept but have no effect: a record is awaited for 900 seconds,
     /// and sends have no limit. This is intended.
@@ -181,13 +178,6 @@ public:
     /// `Data` empty on failure, after which the client is not connected.
     short TLIReceive(short& REvent, Buffer& Data, short& ResponseRqd, short& AckRqd);
 
-    /// Send an event: without asking for anything; asking for a response, which receive_response fetches; asking for
-    /// an acknowledgement, for which the call waits (the result is then its status). Return a code. A send that
-    /// fails disconnects the client.
-    short send_event(short event, const void* ptr, long len);
-    short send_event_with_response(short event, const void* ptr, long len);
-    short send_event_wait_ack(short event, const void* ptr, long len);
-
     /// Waits for the server's response. Returns the status that the server gave it; a code with `REvent` 0 on
     /// failure.
     short receive_response(short& REvent, Buffer& Data);
@@ -196,13 +186,10 @@ public:
     IPCTliClient& operator=(const IPCTliClient&) = delete;
 
 private:
-    short Probe();
+    friend class ServerClient<IPCTliClient>;
     short SendToServer(short event, const void* ptr, long len, short response, short ack);
+    short Probe();
 
-    short DestObject;
-    char ClientVersion[20];
-    char ClientProgram[80];
-    char ClientNode[80];
     long ReceiveTimeOut;
     long SendTimeOut;
     char SendersProgramName[80];

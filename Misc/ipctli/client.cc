@@ -6,7 +6,6 @@
 
 #include "Misc/detail/text.h"
 #include "Misc/ipctli/names.h"
-#include "Misc/proginfo.h"
 
 [[maybe_unused]] static const char* ModuleId()
 {
@@ -16,14 +15,11 @@
 static const int16_t ServerGoingEvent = -1;
 
 IPCTliClient::IPCTliClient(short Object, const char* IPCServerName, const char* ServerNodeName, short CheckForIPCQueue)
-    : DestObject(Object), ClientVersion(), ClientProgram(), ClientNode(), ReceiveTimeOut(900), SendTimeOut(60),
-      SendersProgramName(), SendersNodeName(), ptli(nullptr)
+    : ServerClient(Object, IPCServerName), ReceiveTimeOut(900), SendTimeOut(60), SendersProgramName(),
+      SendersNodeName(), ptli(nullptr)
 {
     if (IPCServerName == nullptr)
         return;
-    RegisterVersion(ProgInfo::GetVersion());
-    RegisterProgramName(ProgInfo::GetFullProgramName());
-    RegisterNodeName(ProgInfo::GetNodeName());
     const char* host = ServerNodeName != nullptr ? ServerNodeName : IPCTli::get_default_hostname(IPCServerName);
     if (host == nullptr || *host == '\0')
         return;
@@ -42,10 +38,7 @@ IPCTliClient::~IPCTliClient()
 void IPCTliClient::dumpOn(std::ostream& out) const
 {
     out << "IPCTliClient Object Begin\n";
-    out << "IPCTliClient::DestObject   : " << DestObject << '\n';
-    out << "IPCTliClient::ClientVersion: " << ClientVersion << '\n';
-    out << "IPCTliClient::ClientProgram: " << ClientProgram << '\n';
-    out << "IPCTliClient::ClientNode   : " << ClientNode << '\n';
+    DumpIdentityOn("IPCTliClient", out);
     if (Connected())
         ptli->dumpOn(out);
     out << "IPCTliClient Object End\n";
@@ -65,21 +58,6 @@ short IPCTliClient::Probe()
 void IPCTliClient::Disconnect()
 {
     delete std::exchange(ptli, nullptr);
-}
-
-void IPCTliClient::RegisterVersion(const char* version)
-{
-    zeloo::CopyText(ClientVersion, version);
-}
-
-void IPCTliClient::RegisterProgramName(const char* program)
-{
-    zeloo::CopyText(ClientProgram, program);
-}
-
-void IPCTliClient::RegisterNodeName(const char* node)
-{
-    zeloo::CopyText(ClientNode, node);
 }
 
 short IPCTliClient::TLISend(const char* FromProg, const char* FromNode, const char* FromVers, short Object, short event,
@@ -127,26 +105,6 @@ short IPCTliClient::TLIReceive(short& REvent, Buffer& Data, short& ResponseRqd, 
     }
     REvent = record.event;
     return record.result_code;
-}
-
-short IPCTliClient::send_event(short event, const void* ptr, long len)
-{
-    return SendToServer(event, ptr, len, 0, 0);
-}
-
-short IPCTliClient::send_event_with_response(short event, const void* ptr, long len)
-{
-    return SendToServer(event, ptr, len, 1, 0);
-}
-
-short IPCTliClient::send_event_wait_ack(short event, const void* ptr, long len)
-{
-    const short code = SendToServer(event, ptr, len, 0, 1);
-    if (code != NO_ERRORS)
-        return code;
-    short ackEvent;
-    Buffer ackData;
-    return receive_response(ackEvent, ackData);
 }
 
 short IPCTliClient::SendToServer(short event, const void* ptr, long len, short response, short ack)
