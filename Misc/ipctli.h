@@ -132,7 +132,6 @@ private:
     short RefuseForMemory(int bytes);
     void CloseEndpoint();
     void FreeAddresses();
-    void FreeCall();
     void Release();
 
     int fd;                   // the endpoint, -1 when closed

@@ -105,8 +105,7 @@ short IPCTli::Topen(const char* host, const char* service)
 
 short IPCTli::Tprelisten(const char* host, const char* service)
 {
-    CloseEndpoint();
-    FreeCall();
+    Release();
     if (Bind(zeloo::HostOrSelf(host), service)) {
         callptr = static_cast<svr4::t_call*>(svr4::t_alloc(fd, svr4::T_CALL, svr4::T_ALL));
         if (callptr != nullptr)
@@ -211,14 +210,9 @@ void IPCTli::CloseEndpoint()
     Tclose();
 }
 
-void IPCTli::FreeCall()
-{
-    svr4::t_free(std::exchange(callptr, nullptr), svr4::T_CALL);
-}
-
 void IPCTli::Release()
 {
     CloseEndpoint();
     FreeAddresses();
-    FreeCall();
+    svr4::t_free(std::exchange(callptr, nullptr), svr4::T_CALL);
 }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <ostream>
 #include <utility>
 
@@ -23,14 +24,10 @@
 static const int LongestHostLine = 256;
 static const char DaemonService[] = "orvd";
 
-static bool IsThisNode(const char* host)
-{
-    return std::strcmp(host, zeloo::TextOrEmpty(ProgInfo::GetNodeName())) == 0;
-}
-
 const char* zeloo::HostOrSelf(const char* host)
 {
-    return host == nullptr || IsThisNode(host) ? svr4::HOST_SELF : host;
+    const bool isSelf = host == nullptr || std::strcmp(host, TextOrEmpty(ProgInfo::GetNodeName())) == 0;
+    return isSelf ? svr4::HOST_SELF : host;
 }
 
 const char* zeloo::ServiceOf(const char* serverName)
@@ -39,48 +36,35 @@ const char* zeloo::ServiceOf(const char* serverName)
     return byDaemon ? DaemonService : serverName;
 }
 
-namespace {
+// The network selection path.
+typedef std::unique_ptr<void, int (*)(void*)> Path;
 
-// The connection-oriented transports of the network selection path.
-class TransportPath {
-public:
-    TransportPath() : handle(svr4::setnetpath()) {}
-    ~TransportPath()
-    {
-        if (handle != nullptr)
-            svr4::endnetpath(handle);
-    }
-    TransportPath(const TransportPath&) = delete;
-    TransportPath& operator=(const TransportPath&) = delete;
+static Path OpenPath()
+{
+    return Path(svr4::setnetpath(), svr4::endnetpath);
+}
 
-    bool IsOpen() const { return handle != nullptr; }
+static bool IsConnectionOriented(const svr4::netconfig& config)
+{
+    return config.nc_semantics == svr4::NC_TPI_COTS || config.nc_semantics == svr4::NC_TPI_COTS_ORD;
+}
 
-    // The next transport that knows the service, with its addresses, which the caller frees; null when there is none.
-    const svr4::netconfig* Next(const char* host, const char* service, svr4::nd_addrlist** list)
-    {
-        const svr4::nd_hostserv wanted = {host, service};
-        while (const svr4::netconfig* config = svr4::getnetpath(handle))
-            if (IsConnectionOriented(*config) && svr4::netdir_getbyname(config, &wanted, list) == svr4::ND_OK)
-                return config;
-        return nullptr;
-    }
-
-private:
-    static bool IsConnectionOriented(const svr4::netconfig& config)
-    {
-        return config.nc_semantics == svr4::NC_TPI_COTS || config.nc_semantics == svr4::NC_TPI_COTS_ORD;
-    }
-
-    void* handle;
-};
-
-} // namespace
+// The next connection-oriented transport that knows the service, with its addresses, which the caller frees; null when
+// there is none.
+static const svr4::netconfig* NextTransport(const Path& path, const char* host, const char* service,
+                                            svr4::nd_addrlist** list)
+{
+    const svr4::nd_hostserv wanted = {host, service};
+    while (const svr4::netconfig* config = svr4::getnetpath(path.get()))
+        if (IsConnectionOriented(*config) && svr4::netdir_getbyname(config, &wanted, list) == svr4::ND_OK)
+            return config;
+    return nullptr;
+}
 
 short IPCTli::get_addrs_and_provider(const char* HostName, const char* Service)
 {
     FreeAddresses();
-    TransportPath path;
-    const svr4::netconfig* config = path.Next(HostName, Service, &addrs);
+    const svr4::netconfig* config = NextTransport(OpenPath(), HostName, Service, &addrs);
     if (config == nullptr)
         return 0;
     provider = zeloo::NewText(config->nc_device);
@@ -127,9 +111,9 @@ short IPCTli::NodeNamesEqual(const char* Node1, const char* Node2)
 void IPCTli::get_ascii_addr(const char* host, const char* service, char* addr)
 {
     addr[0] = '\0';
-    TransportPath path;
+    const Path path = OpenPath();
     svr4::nd_addrlist* list;
-    while (const svr4::netconfig* config = path.Next(host, service, &list)) {
+    while (const svr4::netconfig* config = NextTransport(path, host, service, &list)) {
         if (list->n_cnt > 0) {
             char* text = svr4::taddr2uaddr(config, &list->n_addrs[0]);
             std::snprintf(addr, AsciiAddrSize, "%s", zeloo::TextOrEmpty(text));
@@ -175,14 +159,14 @@ void IPCTli::info(const char* host, const char* service, std::ostream& out)
     if (host == nullptr)
         host = svr4::HOST_SELF;
     out << "Information for host: " << host << " service: " << zeloo::TextOrEmpty(service) << '\n';
-    TransportPath path;
-    if (!path.IsOpen()) {
+    const Path path = OpenPath();
+    if (path == nullptr) {
         out << "Unable to setnetpath()\n";
         return;
     }
     bool found = false;
     svr4::nd_addrlist* list;
-    while (const svr4::netconfig* config = path.Next(host, service, &list)) {
+    while (const svr4::netconfig* config = NextTransport(path, host, service, &list)) {
         PrintTransport(*config, out);
         out << "There are <" << list->n_cnt << "> addresses for the " << service << " service on " << host << '\n';
         for (int i = 0; i < list->n_cnt; i++)
