@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <ostream>
 
+#include "Misc/export.h"
+
 class ZEListream;
 class ZELostream;
 
@@ -45,7 +47,7 @@ enum FlagMasks : uint32_t {
 };
 
 /// Flags f1 to f32, all clear at first. A mask may name several flags; bits of a mask above the 32nd are ignored.
-class BitFlags {
+class ZELOO_API BitFlags {
 public:
     BitFlags() : myFlagBits(0) {}
 

@@ -4,10 +4,12 @@
 
 #include <ctime>
 
+#include "Misc/export.h"
+
 /// Static functions on times. A time is a number of seconds since the epoch or a broken-down local time. Each
 /// function that gives a text returns a static buffer that the next call of the same function, in any of its forms,
 /// overwrites; GetDateTime overwrites those of GetDate and GetTime as well. A text longer than its buffer is cut.
-class Dates {
+class ZELOO_API Dates {
 public:
     /// The time now.
     static long CurrentTime() { return time(nullptr); }

@@ -4,6 +4,8 @@
 
 #include <iostream> // which makes the standard streams usable for the static objects of every including unit
 
+#include "Misc/export.h"
+
 /// Reports failures and noteworthy events. A class that can fail derives from ErrorReporter; a free function uses a
 /// local one. A report carries a severity, an error type, a description, the reporting unit's identification and a
 /// source line. The last report is kept for the whole class, all reports of the process are counted, and each is
@@ -12,7 +14,7 @@
 /// Reporting never fails toward its caller: stored texts are cut to their fields, a standard error in a failed state
 /// suppresses what would be printed, and a log record for which there is no memory is left out. A null text counts
 /// as empty, and so does the name of a program that never called ProgInfo::Initialize.
-class ErrorReporter {
+class ZELOO_API ErrorReporter {
 public:
     /// What happens with a report. A value that is none of these is recorded, counted and printed, nothing else.
     enum Severity {

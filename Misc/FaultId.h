@@ -8,6 +8,7 @@
 #include "Misc/Error.h"
 #include "Misc/SafeArray.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 
 /// The name of a fault: a number that is unique on the node that raised it, and the name of that node. It is a string
 /// too, whose text is the written form: node name, "/" and the number in at least eight digits (alpha/00000042). The
@@ -18,7 +19,7 @@
 ///
 /// Numbers are 32 bits wide on the network and in files: a larger one is cut there, in its number but not in its text,
 /// and no longer equals itself when it comes back.
-class FaultId : public CString {
+class ZELOO_API FaultId : public CString {
 public:
     /// Number 0, an empty node name and an empty text.
     FaultId();
@@ -64,29 +65,29 @@ private:
 };
 
 template <>
-const char* SafeArray<FaultId>::ElementName();
+ZELOO_API const char* SafeArray<FaultId>::ElementName();
 extern template class SafeArray<FaultId>;
 
 /// The array of FaultId; it owns its elements.
-class FaultIdSafeArray : public SafeArray<FaultId> {
+class ZELOO_API FaultIdSafeArray : public SafeArray<FaultId> {
 public:
     using SafeArray<FaultId>::SafeArray;
 };
 
 /// The iterator over a FaultIdSafeArray.
-class FaultIdSafeArrayIter : public SafeArrayIter<FaultId> {
+class ZELOO_API FaultIdSafeArrayIter : public SafeArrayIter<FaultId> {
 public:
     using SafeArrayIter<FaultId>::SafeArrayIter;
 };
 
 /// What heads a fault record: its group and its own identifier. Programs add to it.
-struct FaultHdr {
+struct ZELOO_API FaultHdr {
     FaultId groupid;
     FaultId myId;
 };
 
 /// The fault record, as far as this library needs it.
-class Fault : public ErrorReporter {
+class ZELOO_API Fault : public ErrorReporter {
 public:
     const FaultId& GetFaultId() const { return hdr.myId; }
 
@@ -99,7 +100,7 @@ public:
 /// A set holds at most 32767 elements, since quantity and cursor are shorts. Finding an element is a linear search.
 /// Without memory for its array (WARNING report, OUT_OF_MEMORY) a set has no elements and the quantity -1 until an
 /// AddFaultId finds some.
-class FaultIdList : public ErrorReporter {
+class ZELOO_API FaultIdList : public ErrorReporter {
 public:
     /// An empty set kept in the file `filename`, which is not read yet; null or an empty name is no file.
     explicit FaultIdList(const char* filename);

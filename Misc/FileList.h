@@ -6,13 +6,14 @@
 
 #include "Misc/CstrArray.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 
 /// The path names of the regular files of a directory tree, all of them or those that match a shell pattern, at the
 /// time the list was made. Symbolic links are not followed; they and what cannot be examined are not listed. The
 /// pattern (see svr4::gmatch) is matched against the whole path, in which "*" also matches "/": "*.log" finds
 /// /var/x/a.log, "a*.log" does not. One list at a time can be made in a process. A list holds at most as many names
 /// as a CStringSafeArray.
-class FileList {
+class ZELOO_API FileList {
 public:
     /// Lists the files below `rootPath`, in the order of the walk; the paths begin with `rootPath`. A root that is
     /// itself a regular file is listed; one that cannot be walked gives an empty list. A null or empty

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 #include "Misc/ularray.h"
 
 /// A number of levels, each a 32-bit unsigned value, with an order and a family tree: 1.2 is the parent of 1.2.3 and
@@ -14,7 +15,7 @@
 /// A number is made from a text: decimal levels joined by single dots. A text that is anything else makes the number
 /// invalid, with the levels read up to the fault; 1.2. has the levels 1 and 2, 12a has none. Its own text is rebuilt
 /// from the levels, so that 007.10 becomes 7.10.
-class HierarchicNum {
+class ZELOO_API HierarchicNum {
 public:
     /// A number without levels: not valid, with an empty text.
     HierarchicNum();
@@ -63,9 +64,9 @@ public:
     int relation(const HierarchicNum& h) const;
 
     /// The text, in the encoding of a CString.
-    friend ZELostream& operator<<(ZELostream& s, const HierarchicNum& h);
+    friend ZELOO_API ZELostream& operator<<(ZELostream& s, const HierarchicNum& h);
     /// Reads a CString and parses it.
-    friend ZEListream& operator>>(ZEListream& s, HierarchicNum& h);
+    friend ZELOO_API ZEListream& operator>>(ZEListream& s, HierarchicNum& h);
 
 private:
     void copy(const HierarchicNum& h);

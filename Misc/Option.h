@@ -4,12 +4,13 @@
 
 #include "Misc/SafeArray.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 
 /// One setting: a name and its value as text. What a name means is up to the programs.
 ///
 /// In a stream an option is its name and then its value, each in the encoding of a CString: in a Buffer, `port` = `7`
 /// is `4|port1|7`. Nothing says how many options follow one another, so the reader must know.
-class Option {
+class ZELOO_API Option {
 public:
     /// Both texts empty.
     Option() = default;
@@ -38,12 +39,12 @@ inline ZEListream& operator>>(ZEListream& in, Option& This)
 }
 
 template <>
-const char* SafeArray<Option>::ElementName();
+ZELOO_API const char* SafeArray<Option>::ElementName();
 extern template class SafeArray<Option>;
 
 /// An array of options. The order in which one is sorted for `bsearch` is the program's: it brings the comparison
 /// function.
-class OptionSafeArray : public SafeArray<Option> {
+class ZELOO_API OptionSafeArray : public SafeArray<Option> {
 public:
     using SafeArray<Option>::SafeArray;
 };

@@ -8,37 +8,38 @@
 #include "Misc/FaultId.h"
 #include "Misc/SafeArray.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 
 /// A command that waits to be started.
-struct CmdLine {
+struct ZELOO_API CmdLine {
     CString cmd;         // for "/sbin/sh -c"
     int retry_count = 0; // the starts that failed so far
     FaultId Cur_fid;     // the fault it is run for; empty for a command given as an argument vector
 };
 
 template <>
-const char* SafeArray<CmdLine>::ElementName();
+ZELOO_API const char* SafeArray<CmdLine>::ElementName();
 extern template class SafeArray<CmdLine>;
 
 /// The array of CmdLine; it owns its elements.
-class CmdLineSafeArray : public SafeArray<CmdLine> {
+class ZELOO_API CmdLineSafeArray : public SafeArray<CmdLine> {
 public:
     using SafeArray<CmdLine>::SafeArray;
 };
 
 /// A command that was started.
-struct ProcInfo {
+struct ZELOO_API ProcInfo {
     FaultId AssociateFaultId; // the Cur_fid of its CmdLine
     long pid = 0;             // of the shell, which leads a process group of its own
     long timestamp = 0;       // of its start, in seconds since the epoch
 };
 
 template <>
-const char* SafeArray<ProcInfo>::ElementName();
+ZELOO_API const char* SafeArray<ProcInfo>::ElementName();
 extern template class SafeArray<ProcInfo>;
 
 /// The array of ProcInfo; it owns its elements.
-class ProcInfoSafeArray : public SafeArray<ProcInfo> {
+class ZELOO_API ProcInfoSafeArray : public SafeArray<ProcInfo> {
 public:
     using SafeArray<ProcInfo>::SafeArray;
 };
@@ -56,7 +57,7 @@ public:
 ///
 /// The queues are built before the static objects of any unit that includes this header and destroyed after these.
 /// They serve a process of one thread.
-class ProcMgr : public ErrorReporter {
+class ZELOO_API ProcMgr : public ErrorReporter {
 public:
     /// Submits the text `Cmd` for the fault `Cur_f` (null: for none); both are copied. Then makes room and starts what
     /// can be started, as CheckProcesses() does. A command that finds no memory or no place among 256,000 is not
@@ -101,7 +102,7 @@ private:
 };
 
 /// Keeps the queues of ProcMgr alive while the static objects of an including unit are.
-class ProcMgrQueues {
+class ZELOO_API ProcMgrQueues {
 public:
     ProcMgrQueues();
     ~ProcMgrQueues();

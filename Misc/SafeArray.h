@@ -5,6 +5,8 @@
 #include <new>
 #include <ostream>
 
+#include "Misc/export.h"
+
 /// An array of untyped element pointers, always packed at indices 0 to Quantity() - 1, none of them null. Programs
 /// use the typed arrays below (OptionSafeArray, UnixProcessSafeArray, ...).
 ///
@@ -15,7 +17,7 @@
 ///
 /// Reads outside the filled part give null. Invalid insertions and removals stop the process through an assertion.
 /// An array holds at most 256,000 elements.
-class SafeArrayBase {
+class ZELOO_API SafeArrayBase {
 public:
     /// An empty owning array with `initialCapacity` slots.
     explicit SafeArrayBase(unsigned initialCapacity);
@@ -96,7 +98,7 @@ private:
 
 /// A walk over a SafeArrayBase, which must outlive it. The walk is at one element or, once it has run off an end, at
 /// none; from there a step in the other direction returns to the element at that end.
-class SafeArrayIterBase {
+class ZELOO_API SafeArrayIterBase {
 public:
     /// Starts at the first element.
     explicit SafeArrayIterBase(const SafeArrayBase& a);
@@ -128,7 +130,7 @@ private:
 /// The typed array for the element class X, the base of XSafeArray. It adds no data. An owning array deletes its
 /// elements with `delete`: give it heap objects, also where an operation takes a reference.
 template <class X>
-class SafeArray : public SafeArrayBase {
+class ZELOO_API SafeArray : public SafeArrayBase {
 public:
     explicit SafeArray(unsigned initialCapacity = 0) : SafeArrayBase(initialCapacity) {}
     /// A deep copy: every element is copied with its copy constructor. The copy owns its elements whatever the mode
@@ -190,7 +192,7 @@ SafeArray<X>::SafeArray(const SafeArray& other) : SafeArrayBase(other.Capacity()
 /// The typed iterator for the element class X, the base of XSafeArrayIter. A loop reads `iter()` until it gives null
 /// and calls `++iter` after each element.
 template <class X>
-class SafeArrayIter : public SafeArrayIterBase {
+class ZELOO_API SafeArrayIter : public SafeArrayIterBase {
 public:
     explicit SafeArrayIter(const SafeArray<X>& a) : SafeArrayIterBase(a) {}
     X* operator()() const { return static_cast<X*>(curr()); }

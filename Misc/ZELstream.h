@@ -6,6 +6,8 @@
 #include <ios>
 #include <iosfwd>
 
+#include "Misc/export.h"
+
 class Buffer;
 
 /// Writes objects to an ostream or into a Buffer. The encoding of an object is that of its members, one after the
@@ -14,7 +16,7 @@ class Buffer;
 ///
 /// Into a Buffer the bytes go by way of a staging area of 1,024 bytes: nothing reaches the Buffer before the staging
 /// area would overflow or the stream is flushed or destroyed.
-class ZELostream {
+class ZELOO_API ZELostream {
 public:
     virtual void put(char c);
     virtual void put(short n);
@@ -56,7 +58,7 @@ public:
 
 private:
     template <class N>
-    void putNumber(N n, const char* delimiter);
+    ZELOO_LOCAL void putNumber(N n, const char* delimiter);
 
     std::ostream* mystrm; // null for a Buffer
     Buffer* buf;          // not owned; null for an ostream
@@ -72,7 +74,7 @@ private:
 /// narrower type keeps the low bits. The position moves behind the `|` that must follow at once. Without it the
 /// position stays, but the target has the number; without a number the target keeps its value. Either way no error
 /// shows.
-class ZEListream {
+class ZELOO_API ZEListream {
 public:
     typedef std::ios_base::seekdir seek_dir;
 
@@ -119,7 +121,7 @@ public:
 
 private:
     template <class N>
-    void getNumber(N& n);
+    ZELOO_LOCAL void getNumber(N& n);
 
     int16_t read_error;
     std::istream* mystrm; // null for a Buffer

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <iosfwd>
 
+#include "Misc/export.h"
+
 class CString;
 
 /// A block of up to 4,294,967,295 raw bytes that has exactly the size of its contents: every growth reallocates.
@@ -13,7 +15,7 @@ class CString;
 ///
 /// Sizes and positions count bytes from 0. Sources of bytes may lie within the buffer itself. Out-of-range indices
 /// and C-string copies share static storage: buffers are not for use by several threads.
-class Buffer {
+class ZELOO_API Buffer {
 public:
     /// A buffer of `Size` bytes, not set.
     explicit Buffer(unsigned Size = 0);

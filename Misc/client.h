@@ -6,10 +6,11 @@
 
 #include "Misc/Error.h"
 #include "Misc/buffer.h"
+#include "Misc/export.h"
 
 /// The object of the server to which a client talks, and the identity that the client's messages carry: at first this
 /// program's version, full name and node.
-class ClientIdentity {
+class ZELOO_API ClientIdentity {
 public:
     /// Change the identity, cut to 19, 79 and 79 characters.
     void RegisterVersion(const char* version);
@@ -35,7 +36,7 @@ protected:
 /// The ways in which IPCQClient and IPCTliClient send an event: each of the two is the `Client` of its own base class.
 /// Their headers list the codes.
 template <class Client>
-class ServerClient : public ClientIdentity {
+class ZELOO_API ServerClient : public ClientIdentity {
 public:
     /// Send an event with `len` bytes of data: without asking for anything; asking for a response, which
     /// receive_response fetches; asking for an acknowledgement, for which the call waits (the result is then its

@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <iosfwd>
 
+#include "Misc/export.h"
+
 class Buffer;
 class ZEListream;
 class ZELostream;
 
 /// The text that one or several CStrings share. Only CString makes and sees one.
-struct CStringRep {
+struct ZELOO_API CStringRep {
     int32_t count; // the CStrings that share this text
     char* rep;     // owned, `len` + 1 characters, terminated; null only when memory failed in a constructor
     uint32_t len;  // the length of the text when the representation was made
@@ -48,7 +50,7 @@ struct CStringRep {
 /// byte. Where memory fails, a constructor or assignment gives the empty string and an edit changes nothing.
 ///
 /// Texts passed as `const char*` may lie within the string itself. Strings are not for use by several threads.
-class CString {
+class ZELOO_API CString {
 public:
     /// Calls scanFrom, or what a derived class puts in its place, and returns the stream.
     virtual ZEListream& ObjectRead(ZEListream& s);
@@ -177,7 +179,7 @@ inline ZEListream& operator>>(ZEListream& s, CString& c)
 ///
 ///     for (CStringIter line(text, 80); line(); ++line)
 ///         use(line);
-class CStringIter {
+class ZELOO_API CStringIter {
 public:
     /// Fields separated by `delim`. A line feed at the start of a field is skipped. A delimiter at the very end
     /// starts no further field.
@@ -209,7 +211,7 @@ private:
 };
 
 /// Collects a text character by character with one string append for `size` characters.
-class CStringBuff {
+class ZELOO_API CStringBuff {
 public:
     /// Appends in chunks of `size` characters; a `size` below 1 counts as 1.
     explicit CStringBuff(int size);

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "Misc/export.h"
+
 /// A debugging storage allocator. It gives every block a serial number, its allocation tag (1 for the first block of
 /// the process), and a fixed word behind its end that shows an overwrite; it keeps a table of all live blocks with a
 /// mark on each, and counts. Blocks that are not marked can be listed with their contents, so that one can see what
@@ -15,7 +17,7 @@
 /// All output goes to standard output. A misuse, or damage that is found, is told there and aborts the process. The
 /// table is searched from its start: malloc and free take time in proportion to the blocks that are alive. Only for a
 /// process of one thread, and not for signal handlers.
-class DSA {
+class ZELOO_API DSA {
 public:
     /// mark_begin().
     DSA();

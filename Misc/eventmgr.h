@@ -6,6 +6,7 @@
 
 #include "Misc/Error.h"
 #include "Misc/buffer.h"
+#include "Misc/export.h"
 #include "Misc/ipcq.h"
 #include "Misc/unixproc.h"
 
@@ -18,7 +19,7 @@
 /// handler runs, CurrentEvent, CurrentEventData and CurrentEventResponseRqd describe its event; when the latter is
 /// set the handler itself sends the response, with InBasket().send_response(). A handler's result is an
 /// ErrorReporter::ErrorType value, 0 for success.
-class EventManager : public ErrorReporter {
+class ZELOO_API EventManager : public ErrorReporter {
 public:
     /// The side of a fork on which InitiateCoprocess returns.
     enum coprocess_types { failP = 0, parentP = 1, childP = 2 };

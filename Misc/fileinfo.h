@@ -2,10 +2,12 @@
 #ifndef MISC_FILEINFO_H
 #define MISC_FILEINFO_H
 
+#include "Misc/export.h"
+
 /// Static functions on files and file names. A text result lies in a buffer that the next call of the same function
 /// overwrites or frees; it may be the argument of that next call. A null name counts as the name of a file that does
 /// not exist, or as an empty one.
-class FileInfo {
+class ZELOO_API FileInfo {
 public:
     /// The size of a file in bytes; 0 when it cannot be examined.
     static long FileSize(const char* name);

@@ -7,6 +7,7 @@
 
 #include "Misc/buffer.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 
 class IPCQClient;
 class IPCTliClient;
@@ -15,7 +16,7 @@ class IPCTliClient;
 /// (see IPCQClient) or a connection to the server's host (see IPCTliClient). Results named "code" are
 /// ErrorReporter::ErrorType values, 0 for success, as Misc/ipcq.h lists them; besides those, 62 (TCP_ERROR) tells that
 /// the connection failed.
-class IPCClient {
+class ZELOO_API IPCClient {
 public:
     /// The transports that a client may use.
     enum client_types { QueueClient = 1, TLIClient = 2, AnyClient = 3 };
@@ -77,7 +78,7 @@ private:
 
 /// A client that makes itself a new IPCClient, of any transport, when its server or its connection has gone, and then
 /// sends once more. Sends return a code as IPCClient does.
-class ReconnectClient {
+class ZELOO_API ReconnectClient {
 public:
     /// Connects to object `server` of the server `serverName`, once and without waiting. The name is not copied and
     /// must stay. A null or empty `serverNode` leaves it to the client to find the server's host.

@@ -23,34 +23,35 @@
 #include "Misc/SafeArray.h"
 #include "Misc/buffer.h"
 #include "Misc/client.h"
+#include "Misc/export.h"
 #include "Misc/mobject.h"
 #include "Misc/records.h"
 
 /// The largest data block put in one message: 1700, lowered by check_max_data_size to fit a small queue. It can turn
 /// zero or negative there; senders then go on with the last positive value. Never more than 1700 bytes are used.
-extern int16_t IPCMessageMaxDataLen;
+extern ZELOO_API int16_t IPCMessageMaxDataLen;
 
 /// A message in an array.
-struct IPCQMsg {
+struct ZELOO_API IPCQMsg {
     IPCQMessage msg;
 };
 
 template <>
-const char* SafeArray<IPCQMsg>::ElementName();
+ZELOO_API const char* SafeArray<IPCQMsg>::ElementName();
 extern template class SafeArray<IPCQMsg>;
 
-class IPCQMsgSafeArray : public SafeArray<IPCQMsg> {
+class ZELOO_API IPCQMsgSafeArray : public SafeArray<IPCQMsg> {
 public:
     using SafeArray<IPCQMsg>::SafeArray;
 };
 
 /// The area in which every IPCQBase of the process sends and receives. A failed operation leaves in it what it held
 /// last.
-extern IPCQMessage& LocalMsg;
+extern ZELOO_API IPCQMessage& LocalMsg;
 
 /// Writes every field of `*pmsg` under its name, then a hex dump of the inline data. Safe for a message from
 /// anywhere: texts end with their field, and no byte outside `msg_data` is read.
-void DumpIPCMessage(const IPCQMessage* pmsg, std::ostream& out);
+ZELOO_API void DumpIPCMessage(const IPCQMessage* pmsg, std::ostream& out);
 
 // ---- Queue resources --------------------------------------------------------------------------------------------
 // Failures give -1 or 0 and, where a contract says so, a report of severity WARNING and type IPC_ERROR. None of them
@@ -58,71 +59,71 @@ void DumpIPCMessage(const IPCQMessage* pmsg, std::ostream& out);
 
 /// The key of a server name: ftok of the file of that name under /opt/orv/bin, or else (but not for "orvd") in the
 /// current directory. A name with a "/" is a path and used as it stands. Negative when there is no such file.
-int ftok_orvm(const char* fileptr);
+ZELOO_API int ftok_orvm(const char* fileptr);
 
 /// Why a queue operation failed: the reason for an `errno`, to stand behind "because". An unlisted number is
 /// formatted into a static buffer that the next call overwrites.
-const char* GetQueueErrorMsg(int errornum);
+ZELOO_API const char* GetQueueErrorMsg(int errornum);
 
 /// 1 when a process with that id exists, whosever it is; 0 otherwise. 0 stands for the caller's process group.
-short process_exists(long pid);
+ZELOO_API short process_exists(long pid);
 
 /// Makes the semaphore set and the queue of a new server and sizes the queue. The queue must not exist yet. Returns
 /// its id, or -1 after a report, with nothing of the two left.
-int create_queue(const char* fileptr, long ServerPID);
+ZELOO_API int create_queue(const char* fileptr, long ServerPID);
 
 /// Opens the queue of a server name. A queue that is not there is looked for again every 2 seconds until
 /// `TimeOutValue` seconds have been slept. `*pServerPID` becomes `RequestedServerPID` or, when that is negative, the
 /// process id of the queue's first server; -1 when there is none. A queue without a live server is removed. Returns
 /// the queue's id; -1, without a report, when there is no queue on which that process is a live server.
-int connect_to_queue(const char* fileptr, short TimeOutValue, long* pServerPID, long RequestedServerPID);
+ZELOO_API int connect_to_queue(const char* fileptr, short TimeOutValue, long* pServerPID, long RequestedServerPID);
 
 /// Raises the byte limit of a new queue to 500736: as super-user itself, else through the resizing tool, which may
 /// run for 15 seconds. What came of it is reported.
-void check_q_sizes(int msqid);
+ZELOO_API void check_q_sizes(int msqid);
 
 /// Lowers IPCMessageMaxDataLen to a fifteenth of the queue's byte limit, so that fifteen full blocks fit on it. The
 /// fifteenth is taken as a 16-bit number: it is negative for byte limits from 491520 to 983039.
-void check_max_data_size(int msqid);
+ZELOO_API void check_max_data_size(int msqid);
 
 /// The semaphore set that belongs to a queue, or -1 with `errno`. A queue without a key has none.
-int get_semid_from_msqid(int msqid);
+ZELOO_API int get_semid_from_msqid(int msqid);
 
 /// Registers a server process in the first free slot of the queue's set. Returns the slot, or -1 when there is no
 /// set or no free slot.
-int add_serverpid_to_queue(int msqid, long ServerPID);
+ZELOO_API int add_serverpid_to_queue(int msqid, long ServerPID);
 
 /// Frees the slots of a server process. Returns how many other servers are registered, or -1 without a set.
-int remove_serverpid_from_queue(int msqid, long ServerPID);
+ZELOO_API int remove_serverpid_from_queue(int msqid, long ServerPID);
 
 /// 1 when that process is registered and alive. Frees the slots of dead processes and removes the queue and its set
 /// when no live one is left.
-short is_a_live_server_process(int msqid, long ServerPID);
+ZELOO_API short is_a_live_server_process(int msqid, long ServerPID);
 
 /// Remove the kernel objects. One that is gone, or that belongs to somebody else, is passed over; other failures are
 /// reported.
-void delete_semaphore(int semid);
-void delete_q_and_semaphore(int msqid);
+ZELOO_API void delete_semaphore(int semid);
+ZELOO_API void delete_q_and_semaphore(int msqid);
 
 /// A new shared-memory segment with a copy of `size` bytes, which the caller or the receiver removes; its id, or -1.
-int copy_to_shmem(const void* ptr, long size);
+ZELOO_API int copy_to_shmem(const void* ptr, long size);
 
 /// Copies the first `size` bytes of a segment into `Data` at `offset`. Returns 1; 0, with `Data` as before, when the
 /// segment cannot be attached or is smaller than that.
-short copy_from_shmem(long shmid, Buffer& Data, long offset, long size);
+ZELOO_API short copy_from_shmem(long shmid, Buffer& Data, long offset, long size);
 
 /// Removes a segment.
-void delete_shmem_id(long shmid);
+ZELOO_API void delete_shmem_id(long shmid);
 
 /// Moves the messages that wait on a channel into `MsgArray`, which owns them, oldest first. Does not wait. Malformed
 /// messages are dropped with a report. Stops silently when memory fails or the array is full; `errno` is kept.
-void DrainIPCMessages(int ORVM_msqid, long FromChannel, IPCQMsgSafeArray& MsgArray);
+ZELOO_API void DrainIPCMessages(int ORVM_msqid, long FromChannel, IPCQMsgSafeArray& MsgArray);
 
 /// Writes the queue's counters and the message sizes.
-void DumpIPCStatus(int ORVM_msqid, std::ostream& out);
+ZELOO_API void DumpIPCStatus(int ORVM_msqid, std::ostream& out);
 
 /// Takes every message off the queue, writes it and removes its shared-memory segment.
-void DumpIPCMessages(int ORVM_msqid, std::ostream& out);
+ZELOO_API void DumpIPCMessages(int ORVM_msqid, std::ostream& out);
 
 // ---- Send and receive -------------------------------------------------------------------------------------------
 // Both try without waiting first. Only when they have to wait do they take over SIGALRM and the alarm for that time;
@@ -131,20 +132,20 @@ void DumpIPCMessages(int ORVM_msqid, std::ostream& out);
 /// Sends `*pmsg` (300 + `msg_data_len` bytes behind the type) on a channel, waiting while the queue is full. With a
 /// non-zero `CheckPID` that process is watched: before the send and every 10 seconds of waiting. The time limit
 /// counts in whole steps of 10 seconds; below 10 it waits for ever. Returns a code: 67, 70, 65, 60.
-short ipc_send(int qid, long ToChannel, IPCQMessage* pmsg, long CheckPID, long MaxTimeToWait);
+ZELOO_API short ipc_send(int qid, long ToChannel, IPCQMessage* pmsg, long CheckPID, long MaxTimeToWait);
 
 /// Receives the oldest message of a channel into `*pmsg`, whose remaining bytes become zero, all of them on failure.
 /// With a non-zero `CheckPID` that process is watched every 10 seconds, and the time limit counts in whole steps of
 /// 10 seconds (below 10 it waits for ever); without, the limit is exact, and 0 waits for ever. A message that is
 /// longer than 2000 bytes, shorter than its header or longer than what was sent of it is dropped with a report, and
 /// the wait goes on. Returns a code: 68, 69, 65, 60.
-short ipc_recv(int QId, long FromChannel, IPCQMessage* pmsg, long CheckPID, long MaxTimeToWait);
+ZELOO_API short ipc_recv(int QId, long FromChannel, IPCQMessage* pmsg, long CheckPID, long MaxTimeToWait);
 
 /// A SIGALRM handler that does nothing: its only effect is that a call fails with EINTR.
-void sigalarm(int sig);
+ZELOO_API void sigalarm(int sig);
 
 /// An event that a process sends to itself.
-class InternalQMessage {
+class ZELOO_API InternalQMessage {
 public:
     int16_t object;
     int16_t event;
@@ -162,22 +163,22 @@ public:
 };
 
 template <>
-const char* SafeArray<InternalQMessage>::ElementName();
+ZELOO_API const char* SafeArray<InternalQMessage>::ElementName();
 extern template class SafeArray<InternalQMessage>;
 
-class InternalQMessageSafeArray : public SafeArray<InternalQMessage> {
+class ZELOO_API InternalQMessageSafeArray : public SafeArray<InternalQMessage> {
 public:
     using SafeArray<InternalQMessage>::SafeArray;
 };
 
 /// The events that wait for this process from itself, oldest first; null until the first is sent and after the
 /// shutdown of a server.
-extern InternalQMessageSafeArray* InternalQMsgsPtr;
+extern ZELOO_API InternalQMessageSafeArray* InternalQMsgsPtr;
 
 /// One end of a server's queue: what servers and clients share. An object belongs to the process that made it: in a
 /// forked child, its Shutdown, destructor and SigTermProc leave queue, semaphore set and mail alone. A program that goes
 /// into the background makes it afterwards.
-class IPCQBase : public ErrorReporter, public MonitoredObject {
+class ZELOO_API IPCQBase : public ErrorReporter, public MonitoredObject {
 public:
     /// Copies the name, which may be null. There is no queue yet; the limits are 900 seconds for a receive and 60
     /// for a send.
@@ -248,7 +249,7 @@ private:
 
 /// The server end of a queue. A server process has one; it receives events from everybody and answers the last
 /// sender.
-class IPCQServer : public IPCQBase {
+class ZELOO_API IPCQServer : public IPCQBase {
 public:
     /// Joins the queue of that name when it has a live server and a free slot, or makes it when there is none (one
     /// whose servers are all dead is removed first). See Created.
@@ -285,7 +286,7 @@ private:
 
 /// The client end of a server's queue. It sends to the server's process and receives what is addressed to its own.
 /// Its identity and its sends are those of ServerClient.
-class IPCQClient : public IPCQBase, public ServerClient<IPCQClient> {
+class ZELOO_API IPCQClient : public IPCQBase, public ServerClient<IPCQClient> {
 public:
     /// Joins the queue of that name, for which it waits up to `TimeOutValue` seconds (see connect_to_queue), to talk
     /// to object `Object` of the server with process id `RequestedServerPID` (-1: whichever there is). The messages

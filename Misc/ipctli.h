@@ -23,6 +23,7 @@
 #include "Misc/Error.h"
 #include "Misc/buffer.h"
 #include "Misc/client.h"
+#include "Misc/export.h"
 #include "Misc/mobject.h"
 #include "Misc/records.h"
 
@@ -33,7 +34,7 @@ struct t_call;
 
 /// Writes every field of `*pmsg` under its name, then a hex dump of the data. Safe for a record from anywhere: texts
 /// end with their field, and no byte outside `msg_data` is read.
-void DumpTliMessage(const TliMsgStruct* pmsg, std::ostream& out);
+ZELOO_API void DumpTliMessage(const TliMsgStruct* pmsg, std::ostream& out);
 
 /// One endpoint of the transport: closed, listening for clients, or connected. Unless a code is named, results are 1
 /// for success and 0 for failure. What failed in the transport is printed on the standard output, where a contract
@@ -43,7 +44,7 @@ void DumpTliMessage(const TliMsgStruct* pmsg, std::ostream& out);
 /// it. A forked child has a copy, and they close that copy alone: neither the parent nor the peer notices. All else acts
 /// for whichever process calls it. A child that serves the connection ends it with Tshutdown, and the parent leaves it
 /// to the child with Tclose.
-class IPCTli : public ErrorReporter, public MonitoredObject {
+class ZELOO_API IPCTli : public ErrorReporter, public MonitoredObject {
 public:
     /// A closed endpoint.
     IPCTli();
@@ -144,7 +145,7 @@ private:
 /// A client of a server on another host, with the operations of IPCQClient; its identity and its sends are those of
 /// ServerClient. It is connected from its construction until a send or receive fails, the server says that it is going,
 /// or Disconnect; only a new object connects again.
-class IPCTliClient : public ErrorReporter, public ServerClient<IPCTliClient> {
+class ZELOO_API IPCTliClient : public ErrorReporter, public ServerClient<IPCTliClient> {
 public:
     /// Connects to object `Object` of a server on the host `ServerNodeName`, or, when that is null, on the default
     /// host of that server; an empty or missing host gives no connection. With `CheckForIPCQueue` the server is asked

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 #include "Misc/mobject.h"
 
 /// The exclusive use of a resource, which is named by a path; a file of that name need not exist. The owner is the
@@ -20,7 +21,7 @@
 /// Only the process that took the lock removes it; the copy of the object in a forked child leaves it alone, so a
 /// program that goes into the background takes its locks afterwards. A relative name must be used from the same
 /// directory throughout.
-class LockFile : public MonitoredObject {
+class ZELOO_API LockFile : public MonitoredObject {
 public:
     /// Tries to take the lock on `name`: once, and while the lock file exists up to `max_retries` times more, after a
     /// second each. Then it replaces the lock file if it is stale, and gives up otherwise. Locked() tells the result.
@@ -56,7 +57,7 @@ private:
 };
 
 /// A lock together with a descriptor, for reading and writing, of the file it protects.
-class LockedFileDesc : public LockFile {
+class ZELOO_API LockedFileDesc : public LockFile {
 public:
     /// Takes the lock as LockFile does and then opens the file `name`, or creates it with exactly the permissions
     /// `createperm`, whatever the process's mask, when it does not exist. When that fails the lock is released.

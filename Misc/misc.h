@@ -8,11 +8,13 @@
 
 #include <iostream> // which makes the standard streams usable for the static objects of every including unit
 
+#include "Misc/export.h"
+
 class CString;
 struct hostent;
 
 /// How many of the descriptors 0 to 59 are open.
-int NumberOfOpenFiles();
+ZELOO_API int NumberOfOpenFiles();
 
 /// Points standard input, output and error at the log file `LogFileName`. With an `Append` of 0 an existing file is
 /// first renamed to the same name with ".old" behind it, which replaces an older one, and a fresh file is made; a
@@ -20,7 +22,7 @@ int NumberOfOpenFiles();
 /// gets the permissions 0644 less the file creation mask. Output that is still buffered goes where it belonged before.
 /// Returns 0 with `errno` kept, also when `LogFileName` is null and so nothing is done. Returns -1 with the reason on
 /// standard error when the redirection failed; standard input is closed then, or the log file already.
-short redirectoutput(const char* LogFileName, short Append);
+ZELOO_API short redirectoutput(const char* LogFileName, short Append);
 
 /// Turns the caller into a daemon: a process of another session that it does not lead, without a terminal and without
 /// its parent, which exits with status 0. The parent runs no exit handlers and destructors: what they would clean up is
@@ -34,16 +36,16 @@ short redirectoutput(const char* LogFileName, short Append);
 /// Returns, in the daemon, the result of redirectoutput, with `errno` 0 when that is 0. Where it failed or the name is
 /// null the descriptors stay closed. Returns -1 when a fork failed and -2 when the session could not be made, with the
 /// reason on standard error and the descriptors open; the result is then that of the process that got that far.
-short daemonize(const char* LogFileName, short Append);
+ZELOO_API short daemonize(const char* LogFileName, short Append);
 
 /// The Internet (IPv4) addresses of the host `Name`, or null when the name does not resolve, which is told at debug
 /// level 4, or when its addresses are of another family, which is reported (WARNING, INVALID_DATA). The result is the
 /// resolver's and valid until the next look-up.
-hostent* GetHost(const char* Name);
+ZELOO_API hostent* GetHost(const char* Name);
 
 /// 1 when the host names `FromNode` and `NName` have an IPv4 address in common, else 0; 0 also when one of them does
 /// not resolve, or when memory fails, which is reported (WARNING, OUT_OF_MEMORY).
-int AddrEqual(const char* FromNode, const char* NName);
+ZELOO_API int AddrEqual(const char* FromNode, const char* NName);
 
 /// Reads the node list file "/var/orv/data/orvnodes.dat" when its modification time is later than that of the file
 /// last read. While there is no file the current list stays, and its absence is reported (WARNING, OTHER) once.
@@ -51,7 +53,7 @@ int AddrEqual(const char* FromNode, const char* NName);
 /// The file is text, one node a line: the node name and, behind blanks or tabs, its access option. Blanks and tabs in
 /// front of the name, lines without a name and what follows the option are skipped. What exceeds 511 characters of a
 /// line is taken as the next line.
-void CheckNodesFile();
+ZELOO_API void CheckNodesFile();
 
 /// Finds the access option of the node `FromNode`: `DefaultVal` when that is "global" (every node is accepted, and the
 /// list is not looked at); else the option of the first node of the list (see CheckNodesFile) with exactly this name;
@@ -62,6 +64,6 @@ void CheckNodesFile();
 /// of the process is reported and logged (WARNING_WITH_LOG, MISCONFIGURATION_NODES). Returns 1 exactly for a rejection
 /// that was logged; otherwise 0, also for a node rejected before: the caller decides by `ReturnVal` and the result.
 /// This is intended. Null texts count as empty; either text may be that of `ReturnVal`.
-int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString& ReturnVal);
+ZELOO_API int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString& ReturnVal);
 
 #endif

@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "Misc/SafeArray.h"
+#include "Misc/export.h"
 
 class MonitoredObjectSafeArray;
 
@@ -27,7 +28,7 @@ class MonitoredObjectSafeArray;
 /// When the last object dies the registry goes with it; the handlers stay, and the next first object installs them
 /// again. The registry may be used by objects that are constructed before main or destroyed after it. Registry and
 /// handlers are made for a process of one thread.
-class MonitoredObject {
+class ZELOO_API MonitoredObject {
 public:
     /// Takes the next tag (0 for the first object of the process; a tag is never used twice) and enters the object
     /// in the registry.
@@ -86,15 +87,15 @@ private:
 };
 
 template <>
-const char* SafeArray<MonitoredObject>::ElementName();
+ZELOO_API const char* SafeArray<MonitoredObject>::ElementName();
 extern template class SafeArray<MonitoredObject>;
 
-class MonitoredObjectSafeArray : public SafeArray<MonitoredObject> {
+class ZELOO_API MonitoredObjectSafeArray : public SafeArray<MonitoredObject> {
 public:
     using SafeArray<MonitoredObject>::SafeArray;
 };
 
-class MonitoredObjectSafeArrayIter : public SafeArrayIter<MonitoredObject> {
+class ZELOO_API MonitoredObjectSafeArrayIter : public SafeArrayIter<MonitoredObject> {
 public:
     using SafeArrayIter<MonitoredObject>::SafeArrayIter;
 };

@@ -6,6 +6,7 @@
 #include <iosfwd>
 
 #include "Misc/ZELstream.h"
+#include "Misc/export.h"
 
 // The host's header may define these names as macros too, which would replace them in `ByteAccess::htons(x)`, here
 // and in whoever includes this. It is read first, so that it cannot bring them back later; the plain names mean its
@@ -19,7 +20,7 @@
 /// Byte order operations. Each takes its argument as unsigned and gives an unsigned result, the signed forms too:
 /// whoever wants the sign back converts to a signed type of the width. A `long` stands for its low 32 bits, and what
 /// is above them is 0 in the result.
-class ByteAccess {
+class ZELOO_API ByteAccess {
 public:
     static unsigned char lobyte(unsigned short x) { return static_cast<unsigned char>(x & 0xFF); }
     static unsigned char hibyte(unsigned short x) { return static_cast<unsigned char>(x >> 8); }
@@ -48,7 +49,7 @@ public:
 /// Writes objects to an ostream in network order: the 16-bit types as 2 bytes, `int`, `long` and their unsigned forms
 /// as 4, the most significant first, on every host; characters and runs of bytes as they are. A number beyond 32 bits
 /// is cut to its low 32. A CString is thus its length in 2 bytes and its characters.
-class onfstream : public ZELostream, public ByteAccess {
+class ZELOO_API onfstream : public ZELostream, public ByteAccess {
 public:
     /// Writes to `ostrm`, which must outlive the stream. Failures show in its state, and so in good().
     explicit onfstream(std::ostream& ostrm);
@@ -74,7 +75,7 @@ private:
 /// Reads what an onfstream wrote, from an istream. Negative numbers of the signed types come back negative. A number
 /// that the source holds only in part has zeros in place of the missing bytes, so that one of which there is nothing
 /// is 0: the target never keeps its value. That bytes were missing shows in the state of the istream, and so in good().
-class infstream : public ZEListream, public ByteAccess {
+class ZELOO_API infstream : public ZEListream, public ByteAccess {
 public:
     /// Reads from `istrm`, which must outlive the stream.
     explicit infstream(std::istream& istrm);

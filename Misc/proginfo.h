@@ -4,11 +4,13 @@
 
 #include <ostream>
 
+#include "Misc/export.h"
+
 /// The command line, name and version of the running program, and the names of its host and user. The first call of
 /// every program is Initialize. Before it the program's names and version are null, the argument count is 0 and its
 /// vectors are null; everything else works, with the missing texts left empty. Facts about host and user are read
 /// once, on first use. Returned texts belong to the class.
-class ProgInfo {
+class ZELOO_API ProgInfo {
 public:
     /// Keeps the three pointers (the vectors are not copied and must stay) and copies of argv_p[0], of its base name
     /// and of the version, which replace earlier ones. A null argv_p[0] or pVersion leaves the matching texts null.

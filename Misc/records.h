@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "Misc/export.h"
+
 /// Bytes of a queue message behind its 4-byte type.
 const int32_t IPCMessageDataSize = 2000;
 /// Bytes of header between the type and `msg_data`.
@@ -12,7 +14,7 @@ const int32_t IPCMessageNonDataSize = 300;
 
 /// The message on the queue: 2004 bytes in the host's byte order, of which a sender puts 300 + `msg_data_len` behind
 /// the type on the queue. Texts are terminated, unused bytes are zero.
-struct IPCQMessage {
+struct ZELOO_API IPCQMessage {
     int32_t mtype; // channel: the receiver's process id, or a channel of a multi-block transfer
     char senders_version[20];
     int32_t senders_pid;
@@ -37,7 +39,7 @@ struct IPCQMessage {
 
 /// The record of a connection: 1904 bytes, sent and received whole, in the byte order of the host. Texts are
 /// terminated, unused bytes of the header are zero.
-struct TliMsgStruct {
+struct ZELOO_API TliMsgStruct {
     int16_t object;          // destination object inside the server
     int16_t QueueExistCheck; // 1: asks whether that object's server exists
     char senders_version[20];

@@ -8,10 +8,11 @@
 #include "Misc/Error.h"
 #include "Misc/SafeArray.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 
 /// A state that an object may be in: a short abbreviation, which is its key, and a title for display. Two states with
 /// the same abbreviation are the same state, whatever their titles. A null text counts as empty.
-class State {
+class ZELOO_API State {
 public:
     /// A state with an empty abbreviation and an empty title.
     State() = default;
@@ -39,17 +40,17 @@ private:
 };
 
 template <>
-const char* SafeArray<State>::ElementName();
+ZELOO_API const char* SafeArray<State>::ElementName();
 extern template class SafeArray<State>;
 
 /// The array of State; it owns its elements.
-class StateSafeArray : public SafeArray<State> {
+class ZELOO_API StateSafeArray : public SafeArray<State> {
 public:
     using SafeArray<State>::SafeArray;
 };
 
 /// The iterator over a StateSafeArray, which walks backwards too.
-class StateSafeArrayIter : public SafeArrayIter<State> {
+class ZELOO_API StateSafeArrayIter : public SafeArrayIter<State> {
 public:
     using SafeArrayIter<State>::SafeArrayIter;
     void operator--() { prev(); }
@@ -57,7 +58,7 @@ public:
 
 /// A move from one state to another, possibly to the same one. Two transitions are equal when they lead from equal
 /// states to equal states; whether they are visible does not matter.
-class Transition {
+class ZELOO_API Transition {
 public:
     /// Copies both states. A `v` other than 0 makes the transition visible: it may be offered to a user.
     Transition(State& from, State& to, short v);
@@ -82,17 +83,17 @@ private:
 };
 
 template <>
-const char* SafeArray<Transition>::ElementName();
+ZELOO_API const char* SafeArray<Transition>::ElementName();
 extern template class SafeArray<Transition>;
 
 /// The array of Transition; it owns its elements.
-class TransitionSafeArray : public SafeArray<Transition> {
+class ZELOO_API TransitionSafeArray : public SafeArray<Transition> {
 public:
     using SafeArray<Transition>::SafeArray;
 };
 
 /// The iterator over a TransitionSafeArray.
-class TransitionSafeArrayIter : public SafeArrayIter<Transition> {
+class ZELOO_API TransitionSafeArrayIter : public SafeArrayIter<Transition> {
 public:
     using SafeArrayIter<Transition>::SafeArrayIter;
 };
@@ -102,7 +103,7 @@ public:
 /// transitions stay in the order in which they were added, and all searches go through them in that order, comparing
 /// abbreviations exactly. A null abbreviation counts as the empty one. The tables are the machine's own copies; what
 /// finds no memory is left out of them.
-class StateMachine : public ErrorReporter {
+class ZELOO_API StateMachine : public ErrorReporter {
 public:
     /// Appends a copy of `s1`, unless a state with its abbreviation is there: the first title stays.
     void AddState(State& s1);

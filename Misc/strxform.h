@@ -6,11 +6,12 @@
 
 #include "Misc/buffer.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 
 /// A setting that comes from an environment variable when that is set and not empty, and from a default otherwise.
 /// Backslash escapes in either are resolved (see CString::escape_to_literal). The environment is looked at when the
 /// value is first asked for, and not again once there is a value.
-class EnvironmentValue {
+class ZELOO_API EnvironmentValue {
 public:
     /// The default and the name of the variable; null stands for the empty text. Does not look at the environment.
     EnvironmentValue(const char* dflt, const char* tEnvVar);
@@ -43,7 +44,7 @@ private:
 /// The template and the time format come from the environment (see EnvironmentValue). The template is settled by the
 /// constructor, the time format by the first OutputTime. The expansion of n characters costs O(n), and may have up to
 /// 4,294,967,295 of them, terminator included; what does not fit, or finds no memory, is left out.
-class StringTransformer {
+class ZELOO_API StringTransformer {
 public:
     /// `vocab` holds the directive characters. `format` is the template unless the environment variable `formatEnv`
     /// has one. The time format is "%C", the date and time as date(1) prints them, unless the variable CFTIME has

@@ -4,11 +4,13 @@
 
 #include <cstdint>
 
+#include "Misc/export.h"
+
 /// An array of cells, all of them usable; how many are in use is the business of the owner. The cells hold 32-bit
 /// values: whoever computes with them keeps to 32 bits. A new cell is unset until it is written.
 ///
 /// When memory fails the process is stopped by an assertion, with assertions off too: the cells are used unchecked.
-class ulongArray {
+class ZELOO_API ulongArray {
 public:
     /// An array of `n` cells; an empty one when `n` is not above 0.
     explicit ulongArray(int n);

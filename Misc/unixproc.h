@@ -6,6 +6,7 @@
 #include "Misc/SafeArray.h"
 #include "Misc/buffer.h"
 #include "Misc/cstring.h"
+#include "Misc/export.h"
 #include "Misc/mobject.h"
 
 /// The role of a side after a fork.
@@ -32,7 +33,7 @@ enum coprocess_types { failP = 0, parentP = 1, childP = 2 };
 /// Only the process that made the object ends its child of its own accord: in a forked process, which may be a daemon
 /// (see daemonize), the destructor and SigTermProc leave the child alone. What wait and terminate are called for they
 /// do in every process.
-class UnixProcess : public ErrorReporter, public MonitoredObject {
+class ZELOO_API UnixProcess : public ErrorReporter, public MonitoredObject {
 public:
     /// What becomes of the child.
     enum ctor_dtor_flag : int {
@@ -110,17 +111,17 @@ private:
 };
 
 template <>
-const char* SafeArray<UnixProcess>::ElementName();
+ZELOO_API const char* SafeArray<UnixProcess>::ElementName();
 extern template class SafeArray<UnixProcess>;
 
 /// An array of processes. An owning array that drops an element destroys it, which acts on its ctor_dtor_flag; a
 /// copied array leaves the children alone.
-class UnixProcessSafeArray : public SafeArray<UnixProcess> {
+class ZELOO_API UnixProcessSafeArray : public SafeArray<UnixProcess> {
 public:
     using SafeArray<UnixProcess>::SafeArray;
 };
 
-class UnixProcessSafeArrayIter : public SafeArrayIter<UnixProcess> {
+class ZELOO_API UnixProcessSafeArrayIter : public SafeArrayIter<UnixProcess> {
 public:
     using SafeArrayIter<UnixProcess>::SafeArrayIter;
 };
