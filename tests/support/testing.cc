@@ -111,6 +111,12 @@ ChildResult RunProgram(const std::string& program, const std::vector<std::string
     });
 }
 
+std::string ProgramUnderTest(const std::string& path)
+{
+    const char* directory = std::getenv("ZELOO_PROGRAMS");
+    return directory != nullptr ? directory + path.substr(path.rfind('/')) : path;
+}
+
 pid_t StartProgram(const std::string& program, const std::vector<std::string>& arguments, const std::string& output)
 {
     return StartChild([&] {

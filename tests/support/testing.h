@@ -40,6 +40,9 @@ pid_t StartChild(const std::function<void()>& body);
 /// Runs a program to its end, as RunInChild does, with the file `input` as its standard input.
 ChildResult RunProgram(const std::string& program, const std::vector<std::string>& arguments,
                        const std::string& input = "/dev/null");
+/// The program to test in place of `path`, which was built with the test: the one of its name in the directory that the
+/// environment variable ZELOO_PROGRAMS names, or `path` itself when it names none.
+std::string ProgramUnderTest(const std::string& path);
 /// Starts a program with its output in the file `output`.
 pid_t StartProgram(const std::string& program, const std::vector<std::string>& arguments, const std::string& output);
 /// Waits for a child; its exit code, or 128 + the signal that ended it. A child alive after `seconds` is killed.

@@ -64,7 +64,7 @@ protected:
 
     void StartDaemon(const std::vector<std::string>& arguments = {})
     {
-        EXPECT_RESULT(RunProgram(FAULTD, arguments), 0, "", "");
+        EXPECT_RESULT(RunProgram(Faultd, arguments), 0, "", "");
         ASSERT_TRUE(WaitUntil([] { return Ctl({"list"}).exitCode == 0; })) << ReadFile(DaemonLog);
         daemon = LockOwner();
     }
@@ -150,7 +150,7 @@ TEST_F(FaultDaemonTest, OfManyThatAreStartedOneServes)
 {
     std::vector<pid_t> starts;
     for (int i = 0; i < 8; i++)
-        starts.push_back(StartProgram(FAULTD, {}, directory.File(std::to_string(i))));
+        starts.push_back(StartProgram(Faultd, {}, directory.File(std::to_string(i))));
     int refused = 0;
     for (size_t i = 0; i < starts.size(); i++)
         if (WaitForExit(starts[i]) != 0) {
@@ -182,16 +182,16 @@ TEST_F(FaultDaemonTest, SaysWhyItCannotStart)
     const std::string data = "/var/orv/data";
     const std::string aside = "/var/orv/aside";
     ASSERT_EQ(rename(data.c_str(), aside.c_str()), 0);
-    EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "",
+    EXPECT_RESULT(RunProgram(Faultd, {}), 1, "",
                   "faultd: no way to write into /var/orv/data: No such file or directory\n");
     ASSERT_EQ(rename(aside.c_str(), data.c_str()), 0);
 
-    EXPECT_RESULT(RunProgram(FAULTD, {"--log", "/no/such/log"}), 1, "",
+    EXPECT_RESULT(RunProgram(Faultd, {"--log", "/no/such/log"}), 1, "",
                   "faultd: no way to write the log /no/such/log: No such file or directory\n");
     EXPECT_EQ(QueuesOnTheHost(), 0);
 
     WriteFile(FaultDirectory, "not a directory");
-    ChildResult refused = RunProgram(FAULTD, {"--foreground"});
+    ChildResult refused = RunProgram(Faultd, {"--foreground"});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_NE(refused.err.find("faultd: the faults cannot be kept in /var/orv/data/faults\n"), std::string::npos);
     std::remove(FaultDirectory);
@@ -202,7 +202,7 @@ TEST_F(FaultDaemonTest, SaysWhyItCannotStart)
             pause();
     });
     ASSERT_TRUE(WaitUntil([] { return QueuesOnTheHost() == 1 && IPCQClient(0, "orvd").Connected(); }));
-    refused = RunProgram(FAULTD, {"--foreground"});
+    refused = RunProgram(Faultd, {"--foreground"});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_NE(refused.err.find("faultd: no message queue: another server has it, or the host refuses one\n"),
               std::string::npos);

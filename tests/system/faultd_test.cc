@@ -193,7 +193,7 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_NE(help.out.find("Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no server.\n"),
               std::string::npos);
-    EXPECT_EQ(RunProgram(FAULTD, {"--help"}).exitCode, 0);
+    EXPECT_EQ(RunProgram(Faultd, {"--help"}).exitCode, 0);
     const std::vector<std::string> wrong[] = {{"--debug"},
                                               {"--debug", "x"},
                                               {"--debug", "-1"},
@@ -203,7 +203,7 @@ TEST_F(FaultdTest, ComplainsOfWrongUsage)
                                               {"--remote-access", "write"},
                                               {"--foreground", "--log"}};
     for (const std::vector<std::string>& arguments : wrong) {
-        const ChildResult daemon = RunProgram(FAULTD, arguments);
+        const ChildResult daemon = RunProgram(Faultd, arguments);
         EXPECT_EQ(daemon.exitCode, 2);
         EXPECT_EQ(daemon.err.find("usage: faultd "), 0u);
     }
@@ -214,7 +214,7 @@ TEST_F(FaultdTest, SaysWhenThereIsNoServer)
     EXPECT_RESULT(Ctl({"list"}), 3, "", NoServer);
     unlink(KeyFile);
     EXPECT_RESULT(Ctl({"exit"}), 3, "", NoServer);
-    EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "",
+    EXPECT_RESULT(RunProgram(Faultd, {}), 1, "",
                   "faultd: the key file /opt/orv/bin/orvd is missing; create it with `touch`\n");
 }
 
@@ -239,7 +239,7 @@ TEST_F(FaultdTest, RunsABatchOfCommands)
         const int out = open(answers.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
         dup2(out, 1);
         dup2(out, 2);
-        Execute(FAULTCTL, {"batch"});
+        Execute(Faultctl, {"batch"});
     });
     const int in = open(commands.c_str(), O_WRONLY | O_CLOEXEC); // the next server is not to hold it open
     const auto order = [in](const std::string& lines) { return write(in, lines.data(), lines.size()) > 0; };
@@ -264,8 +264,8 @@ TEST_F(FaultdTest, ASecondServerGivesWay)
 {
     StartServer();
     Ctl({"raise", "alpha", "7", "t"});
-    EXPECT_RESULT(RunProgram(FAULTD, {}), 1, "", SecondServer);
-    EXPECT_RESULT(RunProgram(FAULTD, {"--foreground"}), 1, "", SecondServer);
+    EXPECT_RESULT(RunProgram(Faultd, {}), 1, "", SecondServer);
+    EXPECT_RESULT(RunProgram(Faultd, {"--foreground"}), 1, "", SecondServer);
     EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\tnew\t0\tt\n") << "the first one works on";
 }
 
@@ -349,7 +349,7 @@ TEST_F(FaultdTest, LogsEventsAtDebugLevelOne)
     Ctl({"exit"});
     EXPECT_EQ(EndOfServer(), 0);
     const std::string text = ReadFile(log());
-    const std::string from = "From: [" FAULTCTL "] (" + NodeName() + ")\n";
+    const std::string from = "From: [" + Faultctl + "] (" + NodeName() + ")\n";
     EXPECT_NE(text.find("----\nEventBeg: LIST\n" + from + "EventEnd: Real="), std::string::npos) << text;
     EXPECT_NE(text.find("----\nEventBeg: RAISE\n" + from), std::string::npos) << text;
     EXPECT_NE(text.find("alpha/00000007 raised, new: t\nEventEnd: Real="), std::string::npos) << text;
@@ -428,15 +428,15 @@ TEST_F(FaultdTest, RefusesBadPayloads)
 TEST_F(FaultdTest, TheHelloPairWorks)
 {
     MakeKeyFile("hello");
-    const ChildResult alone = RunProgram(HELLO_CLIENT, {});
+    const ChildResult alone = RunProgram(HelloClient, {});
     EXPECT_EQ(alone.exitCode, 1);
     EXPECT_EQ(alone.err, "hello_client: no answer: is hello_server running?\n");
-    server = StartProgram(HELLO_SERVER, {}, log());
-    ASSERT_TRUE(WaitUntil([] { return RunProgram(HELLO_CLIENT, {}).out == "Hello, world!\n"; }));
-    EXPECT_RESULT(RunProgram(HELLO_CLIENT, {"operator"}), 0, "Hello, operator!\n", "");
+    server = StartProgram(HelloServer, {}, log());
+    ASSERT_TRUE(WaitUntil([] { return RunProgram(HelloClient, {}).out == "Hello, world!\n"; }));
+    EXPECT_RESULT(RunProgram(HelloClient, {"operator"}), 0, "Hello, operator!\n", "");
     const std::string longName(5000, 'x');
-    EXPECT_RESULT(RunProgram(HELLO_CLIENT, {longName}), 0, "Hello, " + longName + "!\n", "");
-    const ChildResult second = RunProgram(HELLO_SERVER, {});
+    EXPECT_RESULT(RunProgram(HelloClient, {longName}), 0, "Hello, " + longName + "!\n", "");
+    const ChildResult second = RunProgram(HelloServer, {});
     EXPECT_EQ(second.exitCode, 1);
     kill(server, SIGTERM);
     EXPECT_EQ(EndOfServer(), 0);

@@ -19,6 +19,11 @@ namespace faultd_testing {
 
 using namespace testing_support;
 
+const std::string Faultd = ProgramUnderTest(FAULTD);
+const std::string Faultctl = ProgramUnderTest(FAULTCTL);
+const std::string HelloServer = ProgramUnderTest(HELLO_SERVER);
+const std::string HelloClient = ProgramUnderTest(HELLO_CLIENT);
+
 const char KeyFile[] = "/opt/orv/bin/orvd";
 const char CrashFile[] = "/var/orv/data/faultd.sig";
 const char NodesFile[] = "/var/orv/data/orvnodes.dat";
@@ -29,7 +34,7 @@ const char NoServer[] = "faultctl: no server: faultd is not running here, and th
 
 inline ChildResult Ctl(const std::vector<std::string>& arguments, const std::string& input = "/dev/null")
 {
-    return RunProgram(FAULTCTL, arguments, input);
+    return RunProgram(Faultctl, arguments, input);
 }
 
 /// `count` bytes of every value, zeros and line ends included.
@@ -88,7 +93,7 @@ protected:
     void StartServer(std::vector<std::string> arguments = {})
     {
         arguments.push_back("--foreground");
-        server = StartProgram(FAULTD, arguments, log());
+        server = StartProgram(Faultd, arguments, log());
         ASSERT_TRUE(WaitUntil([] { return Ctl({"list"}).exitCode == 0; })) << ReadFile(log());
     }
     int EndOfServer()

@@ -27,6 +27,7 @@ using namespace ipcq_testing;
 
 namespace {
 
+const std::string Relayd = ProgramUnderTest(RELAYD);
 const char HostFile[] = "/var/orv/data/orvdserver.host";
 const char FarHost[] = "far"; // another address of this host, so that it counts as another host
 const uint16_t Port = 4711;
@@ -135,7 +136,7 @@ protected:
 
     void StartRelay(const std::vector<std::string>& arguments = {})
     {
-        relay = StartProgram(RELAYD, arguments, directory.File("relayd.log"));
+        relay = StartProgram(Relayd, arguments, directory.File("relayd.log"));
         ASSERT_TRUE(WaitUntil([] { return RawConnection().connected; })) << Log();
         { // it is answered when the ones before it have got their processes
             RawConnection last;
@@ -314,7 +315,7 @@ TEST_F(RelaydTest, AnswersProbesAndEventsWithWholeRecords)
     RawConnection connection;
     TliMsgStruct expected = {};
     std::strcpy(expected.senders_version, "1.0");
-    std::strcpy(expected.origprog, RELAYD);
+    std::strcpy(expected.origprog, Relayd.c_str());
     std::strcpy(expected.orignode, ProgInfo::GetNodeName());
     expected.object = 12;
     expected.result_code = 1;
@@ -538,7 +539,7 @@ TEST_F(RelaydTest, FindsTheHostInItsFile)
 TEST_F(RelaydTest, ServesOtherServices)
 {
     const pid_t other = StartServer("hello", ServeEchoes);
-    const pid_t service = StartProgram(RELAYD, {"--service", "hello"}, directory.File("hello.log"));
+    const pid_t service = StartProgram(Relayd, {"--service", "hello"}, directory.File("hello.log"));
     EXPECT_TRUE(WaitUntil([] { return IPCClient::TLIServerExists(0, "hello", FarHost); }));
     EXPECT_TRUE(IPCClient::IPCServerExists(0, "hello", FarHost));
     EXPECT_FALSE(IPCClient::IPCServerExists(0, "orvd", FarHost)) << "nobody listens there";
@@ -698,7 +699,7 @@ TEST_F(RelaydTest, ManyConnectionsComeAndGo)
 TEST_F(RelaydTest, ComplainsOfWrongUsage)
 {
     const auto run = [&](const std::vector<std::string>& arguments) {
-        return WaitForExit(StartProgram(RELAYD, arguments, directory.File("relayd.log")));
+        return WaitForExit(StartProgram(Relayd, arguments, directory.File("relayd.log")));
     };
     EXPECT_EQ(run({"--help"}), 0);
     EXPECT_NE(Log().find("Exit codes: 0 ended as asked, 1 could not listen, 2 wrong usage.\n"), std::string::npos);
@@ -711,7 +712,7 @@ TEST_F(RelaydTest, ComplainsOfWrongUsage)
     EXPECT_EQ(run({"--service", "unknown"}), 1);
     EXPECT_EQ(Log(), "get info failed for host: \\1 service: unknown\nrelayd: cannot listen for service unknown\n");
     StartRelay();
-    EXPECT_EQ(WaitForExit(StartProgram(RELAYD, {}, directory.File("second.log"))), 1);
+    EXPECT_EQ(WaitForExit(StartProgram(Relayd, {}, directory.File("second.log"))), 1);
     EXPECT_NE(ReadFile(directory.File("second.log")).find("relayd: cannot listen for service orvd\n"),
               std::string::npos);
 }
