@@ -1,0 +1,78 @@
+#!/bin/sh
+# exports_test [--update] SHARED STATIC SOURCE: a program sees what the public headers declare, and nothing else. The
+# shared library exports the names listed in tests/system/exports.txt; each of them, and each global name of the static
+# library that is in none of its namespaces, is marked in a public header; and everything declared there is marked.
+#
+# --update writes the list anew: `cmake --build --preset default --target update_exports` does it for the plain build.
+set -eu
+LC_ALL=C
+export LC_ALL
+
+update=
+if [ "$1" = --update ]; then update=yes; shift; fi
+shared=$1 static=$2
+[ -f "$shared" ] && [ -f "$static" ]
+cd "$3"
+list=tests/system/exports.txt
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+code=0
+# expect_none TEXT FILE: FILE is empty; TEXT says what its lines are when it is not.
+expect_none() {
+    [ -s "$2" ] || return 0
+    echo "exports_test: $1:" >&2
+    sed 's/^/    /' "$2" >&2
+    code=1
+}
+
+nm -DC --defined-only "$shared" | cut -c20- | sort -u >"$work/exports"
+if [ -n "$update" ]; then cp "$work/exports" $list; fi
+nm -gC --defined-only "$static" | grep '^[0-9a-f]* [A-Za-z] ' | cut -c20- | sort -u >"$work/globals"
+
+# What is marked: classes, functions and variables, by their plain names (of operators the word "operator").
+sed -n -e '/^#/d' -e 's/^\(class\|struct\) ZELOO_API \([A-Za-z0-9_]*\).*/\2/p' \
+    -e '/ZELOO_API/ { s/[ (]*SafeArray<.*//; s/^.*[ *&]\(operator\).*/\1/; s/^.*[ *&]\([A-Za-z0-9_]*\)[(;].*/\1/; /^[A-Za-z0-9_]*$/p; }' \
+    Misc/*.h | sort -u >"$work/marked"
+
+# The plain name that a symbol belongs to: its class, its namespace, or itself.
+owners() {
+    sed -e 's/^\(vtable\|VTT\|typeinfo\|typeinfo name\|guard variable\) for //' \
+        -e 's/^\(non-virtual\|virtual\) thunk to //' \
+        -e 's/^\([^(:<]*\) \([A-Za-z0-9_]*\)::/\2::/' -e 's/^\([A-Za-z0-9_]*\).*/\1/' "$1" | paste -d'\t' - "$1"
+}
+# The symbols in FILE that are neither marked nor OWNER's: unmarked FILE [OWNER...]
+unmarked() {
+    file=$1
+    shift
+    for owner; do echo "$owner"; done >"$work/allowed"
+    owners "$file" | awk -F'\t' 'FILENAME != "-" { allowed[$1] = 1; next } !($1 in allowed) { print $2 }' \
+        "$work/marked" "$work/allowed" -
+}
+
+unmarked "$work/exports" >"$work/found"
+grep '{lambda' "$work/exports" >>"$work/found" || true
+expect_none 'exported, but marked in no public header (a private template wants ZELOO_LOCAL)' "$work/found"
+
+unmarked "$work/globals" svr4 zeloo std __gnu_cxx DW >"$work/found" # DW: the compiler's, for exceptions
+expect_none 'a name of the inside that a program may have too; it wants a namespace or no linkage' "$work/found"
+
+awk '/^(class|struct) [A-Za-z0-9_]+ *[:{]/ || (/^[a-zA-Z].*[(].*;$/ && !/ZELOO_API|^(static_assert|static|inline|using|typedef)/) ||
+     (/^extern / && !/ZELOO_API|^extern template/) { print FILENAME ": " $0 }' Misc/*.h >"$work/found"
+expect_none 'declared in a public header, but not marked ZELOO_API' "$work/found"
+
+# Types of private members, as CLASS::TYPE.
+awk '/^(class|struct) .*{$/ { class = $3; hidden = $1 == "class" }
+     /^(public|protected|private):/ { hidden = $1 == "private:" }
+     hidden && /^    (class|struct|enum) [A-Za-z0-9_]+ *[;{:]/ { sub(/[;:{].*/, "", $2); print class "::" $2 }' \
+    Misc/*.h >"$work/private"
+grep -Fwf "$work/private" "$work/exports" >"$work/found" || true
+expect_none 'exported, but it names a private type (it wants ZELOO_LOCAL)' "$work/found"
+
+if ! diff -U0 $list "$work/exports" >"$work/difference"; then
+    echo "exports_test: the exports are not those of $list:" >&2
+    sed -n -e '/^---/d' -e '/^+++/d' -e 's/^+/    new:  /p' -e 's/^-/    gone: /p' "$work/difference" >&2
+    echo "Where that is meant: cmake --build --preset default --target update_exports" >&2
+    code=1
+fi
+[ $code -ne 0 ] || echo "1 passed, 0 failed"
+exit $code
