@@ -2,65 +2,82 @@
 #ifndef MISC_CLIENT_H
 #define MISC_CLIENT_H
 
-#include <iosfwd>
+#include <ostream>
 
 #include "Misc/Error.h"
 #include "Misc/buffer.h"
 #include "Misc/export.h"
+#include "Misc/proginfo.h"
 
-/// The object of the server to which a client talks, and the identity that the client's messages carry: at first this
-/// program's version, full name and node.
-class ZELOO_API ClientIdentity {
-public:
-    /// Change the identity, cut to 19, 79 and 79 characters.
-    void RegisterVersion(const char* version);
-    void RegisterProgramName(const char* program);
-    void RegisterNodeName(const char* node);
+namespace zeloo {
 
-    ClientIdentity(const ClientIdentity&) = delete;
-    ClientIdentity& operator=(const ClientIdentity&) = delete;
+/// Copies a text (null counts as empty) into a field of `size` bytes, cut to what fits and always terminated.
+ZELOO_API void CopyIdentity(char* field, unsigned size, const char* text);
 
-protected:
-    /// The identity stays empty when there is no server's name.
-    ClientIdentity(short Object, const char* IPCServerName);
-    ~ClientIdentity() = default;
-    /// Writes a line for each member, which begins with the name of the client's class.
-    void DumpIdentityOn(const char* className, std::ostream& out) const;
+} // namespace zeloo
 
-    short DestObject;
-    char ClientVersion[20];
-    char ClientProgram[80];
-    char ClientNode[80];
-};
-
-/// The ways in which IPCQClient and IPCTliClient send an event: each of the two is the `Client` of its own base class.
-/// Their headers list the codes.
+/// What is the same in IPCQClient and IPCTliClient: the identity that a client's messages carry, and the ways to send an
+/// event. Each of the two is the `Client` of its own base class; there are no others. Their headers list the codes.
 template <class Client>
-class ZELOO_API ServerClient : public ClientIdentity {
+class ZELOO_API ServerClient {
 public:
+    /// Change the identity that the messages carry, cut to 19, 79 and 79 characters.
+    void RegisterVersion(const char* version) { Register(This().ClientVersion, version); }
+    void RegisterProgramName(const char* program) { Register(This().ClientProgram, program); }
+    void RegisterNodeName(const char* node) { Register(This().ClientNode, node); }
+
     /// Send an event with `len` bytes of data: without asking for anything; asking for a response, which
     /// receive_response fetches; asking for an acknowledgement, for which the call waits (the result is then its
     /// status). Return a code. A send that fails disconnects the client.
-    short send_event(short event, const void* ptr, long len) { return Self().SendToServer(event, ptr, len, 0, 0); }
+    short send_event(short event, const void* ptr, long len) { return This().SendToServer(event, ptr, len, 0, 0); }
     short send_event_with_response(short event, const void* ptr, long len)
     {
-        return Self().SendToServer(event, ptr, len, 1, 0);
+        return This().SendToServer(event, ptr, len, 1, 0);
     }
     short send_event_wait_ack(short event, const void* ptr, long len)
     {
-        const short code = Self().SendToServer(event, ptr, len, 0, 1);
+        const short code = This().SendToServer(event, ptr, len, 0, 1);
         if (code != ErrorReporter::NO_ERRORS)
             return code;
         short ackEvent;
         Buffer ackData;
-        return Self().receive_response(ackEvent, ackData);
+        return This().receive_response(ackEvent, ackData);
     }
 
+    ServerClient(const ServerClient&) = delete;
+    ServerClient& operator=(const ServerClient&) = delete;
+
 private:
+    // The data are the client's. An empty base class stands at the client's own address, so that pointers to the
+    // operations above are what they would be if the client declared them.
     friend Client;
-    using ClientIdentity::ClientIdentity;
+
+    ServerClient() = default;
     ~ServerClient() = default;
-    Client& Self() { return static_cast<Client&>(*this); }
+
+    // Makes this program's version, full name and node the identity.
+    void RegisterProgram()
+    {
+        RegisterVersion(ProgInfo::GetVersion());
+        RegisterProgramName(ProgInfo::GetFullProgramName());
+        RegisterNodeName(ProgInfo::GetNodeName());
+    }
+    // Writes a line for the object and for each part of the identity, which begins with the name of the client's class.
+    void DumpIdentityOn(const char* className, std::ostream& out) const
+    {
+        const Client& client = static_cast<const Client&>(*this);
+        out << className << "::DestObject   : " << client.DestObject << '\n';
+        out << className << "::ClientVersion: " << client.ClientVersion << '\n';
+        out << className << "::ClientProgram: " << client.ClientProgram << '\n';
+        out << className << "::ClientNode   : " << client.ClientNode << '\n';
+    }
+
+    template <unsigned size>
+    static void Register(char (&field)[size], const char* text)
+    {
+        zeloo::CopyIdentity(field, size, text);
+    }
+    Client& This() { return static_cast<Client&>(*this); }
 };
 
 #endif

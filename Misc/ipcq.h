@@ -315,6 +315,11 @@ public:
 private:
     friend class ServerClient<IPCQClient>;
     short SendToServer(short event, const void* ptr, long len, short response, short ack);
+
+    short DestObject;
+    char ClientVersion[20];
+    char ClientProgram[80];
+    char ClientNode[80];
 };
 
 #endif

@@ -190,6 +190,10 @@ private:
     short SendToServer(short event, const void* ptr, long len, short response, short ack);
     short Probe();
 
+    short DestObject;
+    char ClientVersion[20];
+    char ClientProgram[80];
+    char ClientNode[80];
     long ReceiveTimeOut;
     long SendTimeOut;
     char SendersProgramName[80];

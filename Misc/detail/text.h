@@ -11,10 +11,7 @@ namespace zeloo {
 
 /// `s`, or the empty text for null. A stream that is given a null text goes bad, and a null name is no reason for
 /// that.
-inline const char* TextOrEmpty(const char* s)
-{
-    return s != nullptr ? s : "";
-}
+inline const char* TextOrEmpty(const char* s) { return s != nullptr ? s : ""; }
 
 /// The last component of a path: what stands behind its last "/", or the whole; empty for null. It points into the path.
 inline const char* BaseName(const char* path)
@@ -37,10 +34,7 @@ inline char* NewText(const char* s, std::size_t n)
 }
 
 /// A copy of `s`, as above; null for null.
-inline char* NewText(const char* s)
-{
-    return s != nullptr ? NewText(s, std::strlen(s)) : nullptr;
-}
+inline char* NewText(const char* s) { return s != nullptr ? NewText(s, std::strlen(s)) : nullptr; }
 
 /// The texts of a null-terminated vector with one blank between them, terminated. The caller releases it with delete[].
 /// Null when memory fails.
@@ -62,14 +56,18 @@ inline char* NewJoinedText(const char* const* texts)
     return joined;
 }
 
-/// Copies `s` (null counts as empty) into a fixed field, cut to what fits and always terminated.
+/// Copies `s` (null counts as empty) into a fixed field of `size` bytes, cut to what fits and always terminated.
+inline void CopyText(char* field, std::size_t size, const char* s)
+{
+    const std::size_t n = strnlen(TextOrEmpty(s), size - 1);
+    if (n > 0)
+        std::memmove(field, s, n);
+    field[n] = '\0';
+}
 template <std::size_t N>
 void CopyText(char (&field)[N], const char* s)
 {
-    s = TextOrEmpty(s);
-    const std::size_t n = strnlen(s, N - 1);
-    std::memmove(field, s, n);
-    field[n] = '\0';
+    CopyText(field, N, s);
 }
 
 /// Whether a fixed field holds a terminator.

@@ -7,10 +7,11 @@
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 IPCQClient::IPCQClient(short Object, const char* IPCServerName, unsigned short TimeOutValue, long RequestedServerPID)
-    : IPCQBase(IPCServerName), ServerClient(Object, IPCServerName)
+    : IPCQBase(IPCServerName), DestObject(Object), ClientVersion(), ClientProgram(), ClientNode()
 {
     if (IPCServerName == nullptr)
         return;
+    RegisterProgram();
     const short seconds = static_cast<short>(std::min<int>(TimeOutValue, INT16_MAX));
     MyQueueID = connect_to_queue(ServerName, seconds, &ServerPID, RequestedServerPID);
 }

@@ -6,20 +6,17 @@
 
 #include "Misc/detail/text.h"
 #include "Misc/ipctli/names.h"
+#include "Misc/wire/channels.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
-
-static const int16_t ServerGoingEvent = -1;
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 IPCTliClient::IPCTliClient(short Object, const char* IPCServerName, const char* ServerNodeName, short CheckForIPCQueue)
-    : ServerClient(Object, IPCServerName), ReceiveTimeOut(900), SendTimeOut(60), SendersProgramName(),
-      SendersNodeName(), ptli(nullptr)
+    : DestObject(Object), ClientVersion(), ClientProgram(), ClientNode(), ReceiveTimeOut(900), SendTimeOut(60),
+      SendersProgramName(), SendersNodeName(), ptli(nullptr)
 {
     if (IPCServerName == nullptr)
         return;
+    RegisterProgram();
     const char* host = ServerNodeName != nullptr ? ServerNodeName : IPCTli::get_default_hostname(IPCServerName);
     if (host == nullptr || *host == '\0')
         return;
@@ -30,10 +27,7 @@ IPCTliClient::IPCTliClient(short Object, const char* IPCServerName, const char* 
         Disconnect();
 }
 
-IPCTliClient::~IPCTliClient()
-{
-    Disconnect();
-}
+IPCTliClient::~IPCTliClient() { Disconnect(); }
 
 void IPCTliClient::dumpOn(std::ostream& out) const
 {
@@ -55,10 +49,7 @@ short IPCTliClient::Probe()
            record.result_code != 0;
 }
 
-void IPCTliClient::Disconnect()
-{
-    delete std::exchange(ptli, nullptr);
-}
+void IPCTliClient::Disconnect() { delete std::exchange(ptli, nullptr); }
 
 short IPCTliClient::TLISend(const char* FromProg, const char* FromNode, const char* FromVers, short Object, short event,
                             const void* ptr, long len, short response_required, short ack_required)
@@ -98,7 +89,7 @@ short IPCTliClient::TLIReceive(short& REvent, Buffer& Data, short& ResponseRqd, 
     zeloo::CopyText(SendersNodeName, record.orignode);
     ResponseRqd = record.response_rqd;
     AckRqd = record.ack_rqd;
-    if (record.event == ServerGoingEvent) {
+    if (record.event == zeloo::wire::ServerGoing) {
         Disconnect();
         Data.PurgeContents();
         return SERVER_GONE;
