@@ -4,10 +4,7 @@
 
 #include "Misc/ZELstream.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: BitFlags.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: BitFlags.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 unsigned long BitFlags::SetFlagViaString(unsigned long mask, const char* s)
 {
@@ -20,15 +17,9 @@ unsigned long BitFlags::SetFlagViaString(unsigned long mask, const char* s)
     return GetFlag(mask);
 }
 
-void BitFlags::dumpOn(std::ostream& os) const
-{
-    os << "myFlagBits:\t" << myFlagBits << '\n';
-}
+void BitFlags::dumpOn(std::ostream& os) const { os << "myFlagBits:\t" << myFlagBits << '\n'; }
 
-void BitFlags::printOn(ZELostream& s) const
-{
-    s << static_cast<unsigned long>(myFlagBits);
-}
+void BitFlags::printOn(ZELostream& s) const { s << static_cast<unsigned long>(myFlagBits); }
 
 void BitFlags::scanFrom(ZEListream& s)
 {

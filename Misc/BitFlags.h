@@ -78,13 +78,7 @@ private:
     uint32_t myFlagBits;
 };
 
-inline ZELostream& operator<<(ZELostream& s, const BitFlags& flags)
-{
-    return flags.printOn(s), s;
-}
-inline ZEListream& operator>>(ZEListream& s, BitFlags& flags)
-{
-    return flags.scanFrom(s), s;
-}
+inline ZELostream& operator<<(ZELostream& s, const BitFlags& flags) { return flags.printOn(s), s; }
+inline ZEListream& operator>>(ZEListream& s, BitFlags& flags) { return flags.scanFrom(s), s; }
 
 #endif

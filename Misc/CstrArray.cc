@@ -1,9 +1,6 @@
 #include "Misc/CstrArray.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: CstrArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: CstrArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 template <>
 const char* SafeArray<CString>::ElementName()

@@ -3,10 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: Dates.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: Dates.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const long SecondsPerMinute = 60;
 static const long SecondsPerHour = 3600;
@@ -110,7 +107,4 @@ long Dates::DaysBetween(long d1, long d2)
     return d1 / SecondsPerDay - d2 / SecondsPerDay; // intended: day boundaries in universal time, not elapsed days
 }
 
-long Dates::MinsBetween(long s1, long s2)
-{
-    return SecsBetween(s1, s2) / SecondsPerMinute;
-}
+long Dates::MinsBetween(long s1, long s2) { return SecsBetween(s1, s2) / SecondsPerMinute; }

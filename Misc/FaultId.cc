@@ -15,16 +15,11 @@
 
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: FaultId.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: FaultId.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const char OutOfStore[] = "orvlaf: out of free store";
 
-FaultId::FaultId() : myId(0)
-{
-}
+FaultId::FaultId() : myId(0) {}
 
 FaultId::FaultId(long fault_id, const char* Nodename)
     : myId(fault_id), myNodename(*TextOrEmpty(Nodename) != '\0' ? Nodename : ProgInfo::GetNodeName())
@@ -72,16 +67,10 @@ void FaultId::printOn(ZELostream& s) const
     CString::printOn(s);
 }
 
-void FaultId::scanFrom(ZEListream& s)
-{
-    scanWhole(s);
-}
+void FaultId::scanFrom(ZEListream& s) { scanWhole(s); }
 
 // Whether a reader that stood at `before` has moved by at least `n` bytes; true where the stream cannot tell.
-static bool HasMoved(unsigned before, unsigned after, unsigned n)
-{
-    return before == UINT_MAX || after - before >= n;
-}
+static bool HasMoved(unsigned before, unsigned after, unsigned n) { return before == UINT_MAX || after - before >= n; }
 
 // Reads the three parts; true when the stream held all of them. A Buffer's stream does not say so by itself: a number
 // that is not there leaves it where it was, and a text may take the spare byte beyond the end.
@@ -113,20 +102,11 @@ const char* SafeArray<FaultId>::ElementName()
 
 template class SafeArray<FaultId>;
 
-FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr)
-{
-    makeArray();
-}
+FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr) { makeArray(); }
 
-FaultIdList::~FaultIdList()
-{
-    delete FaultIds;
-}
+FaultIdList::~FaultIdList() { delete FaultIds; }
 
-short FaultIdList::MyQuantity() const
-{
-    return FaultIds != nullptr ? static_cast<short>(FaultIds->Quantity()) : -1;
-}
+short FaultIdList::MyQuantity() const { return FaultIds != nullptr ? static_cast<short>(FaultIds->Quantity()) : -1; }
 
 const FaultId* FaultIdList::GetNext()
 {

@@ -11,10 +11,7 @@
 
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: FileList.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: FileList.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const int OpenDirectories = 8;
 
@@ -38,9 +35,7 @@ FileList::FileList(const char* rootPath, const char* shellPattern)
     listToFill = nullptr;
 }
 
-FileList::~FileList()
-{
-}
+FileList::~FileList() {}
 
 short FileList::FindFile(const char* name) const
 {
@@ -56,10 +51,7 @@ void FileList::AddFileName(const char* name)
         files.AddItem(copy);
 }
 
-void FileList::sort()
-{
-    files.qsort(CString::compare);
-}
+void FileList::sort() { files.qsort(CString::compare); }
 
 void FileList::RemoveAll()
 {

@@ -6,10 +6,7 @@
 
 #include "Misc/ZELstream.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: Hierarc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: Hierarc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const int FirstLevels = 7; // cells of a new number
 static const int MoreLevels = 5;  // cells that a full one grows by
@@ -22,9 +19,7 @@ static const int Equal = 4;
 static const int DirectAncestor = 8;
 static const int Ancestor = 16;
 
-HierarchicNum::HierarchicNum() : NumLevels(0), valid(0), Levels(FirstLevels)
-{
-}
+HierarchicNum::HierarchicNum() : NumLevels(0), valid(0), Levels(FirstLevels) {}
 
 HierarchicNum::HierarchicNum(const char* s) : NumLevels(0), valid(0), Levels(FirstLevels)
 {
@@ -80,10 +75,7 @@ int HierarchicNum::compare_with(const HierarchicNum& h) const
     return NumLevels - h.NumLevels;
 }
 
-int HierarchicNum::compare(const HierarchicNum** a, const HierarchicNum** b)
-{
-    return (*a)->compare_with(**b);
-}
+int HierarchicNum::compare(const HierarchicNum** a, const HierarchicNum** b) { return (*a)->compare_with(**b); }
 
 int HierarchicNum::samePrefix(short n, const HierarchicNum& h) const
 {
@@ -107,10 +99,7 @@ int HierarchicNum::relation(const HierarchicNum& h) const
     return d == -1 ? Ancestor | DirectAncestor : Ancestor;
 }
 
-ZELostream& operator<<(ZELostream& s, const HierarchicNum& h)
-{
-    return s << h.text_rep;
-}
+ZELostream& operator<<(ZELostream& s, const HierarchicNum& h) { return s << h.text_rep; }
 
 ZEListream& operator>>(ZEListream& s, HierarchicNum& h)
 {

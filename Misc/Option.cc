@@ -1,13 +1,8 @@
 #include "Misc/Option.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: Option.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: Option.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-Option::Option(const char* name, const char* value) : Name(name), Value(value)
-{
-}
+Option::Option(const char* name, const char* value) : Name(name), Value(value) {}
 
 template <>
 const char* SafeArray<Option>::ElementName()

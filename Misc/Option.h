@@ -26,17 +26,11 @@ public:
 };
 
 /// Writes name and value.
-inline ZELostream& operator<<(ZELostream& out, const Option& This)
-{
-    return out << This.Name << This.Value;
-}
+inline ZELostream& operator<<(ZELostream& out, const Option& This) { return out << This.Name << This.Value; }
 
 /// Reads name and value in place of those that `This` has. A text that comes short keeps what came and sets the
 /// stream's read error flag (see CString::scanFrom).
-inline ZEListream& operator>>(ZEListream& in, Option& This)
-{
-    return in >> This.Name >> This.Value;
-}
+inline ZEListream& operator>>(ZEListream& in, Option& This) { return in >> This.Name >> This.Value; }
 
 template <>
 ZELOO_API const char* SafeArray<Option>::ElementName();

@@ -15,10 +15,7 @@
 #include "Misc/mobject.h"
 #include "Misc/unixproc.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ProcMgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ProcMgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 template <>
 const char* SafeArray<CmdLine>::ElementName()
@@ -78,15 +75,9 @@ ProcMgrQueues::~ProcMgrQueues()
     }
 }
 
-static long PendingCount()
-{
-    return static_cast<long>(ProcMgr::commands.Quantity());
-}
+static long PendingCount() { return static_cast<long>(ProcMgr::commands.Quantity()); }
 
-static long ActiveCount()
-{
-    return static_cast<long>(ProcMgr::processes.Quantity());
-}
+static long ActiveCount() { return static_cast<long>(ProcMgr::processes.Quantity()); }
 
 ProcMgr::ProcMgr(const char* Cmd, Fault* Cur_f)
 {

@@ -13,10 +13,7 @@
 
 using zeloo::MostElements;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: SafeArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: SafeArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const unsigned FirstCapacity = 32;
 static const unsigned BinarySearchQuantity = 16; // from here on search() trusts the order of the elements
@@ -26,10 +23,7 @@ SafeArrayBase::SafeArrayBase(unsigned initialCapacity) : isPurgeable(0), myQuant
     Expand(static_cast<int>(initialCapacity));
 }
 
-SafeArrayBase::~SafeArrayBase()
-{
-    delete[] list;
-}
+SafeArrayBase::~SafeArrayBase() { delete[] list; }
 
 void SafeArrayBase::dumpOn(std::ostream& os) const
 {
@@ -141,15 +135,9 @@ void SafeArrayBase::Expand(int delta)
     myCapacity = capacity;
 }
 
-void SafeArrayBase::ShrinkToFit()
-{
-    Expand(static_cast<int>(myQuantity - myCapacity));
-}
+void SafeArrayBase::ShrinkToFit() { Expand(static_cast<int>(myQuantity - myCapacity)); }
 
-void SafeArrayBase::reverse()
-{
-    std::reverse(list, list + myQuantity);
-}
+void SafeArrayBase::reverse() { std::reverse(list, list + myQuantity); }
 
 void** SafeArrayBase::GetPointers() const
 {
@@ -210,15 +198,9 @@ void SafeArrayBase::printAs(const char* element, std::ostream& os) const
     }
 }
 
-unsigned SafeArrayBase::Growth(unsigned n)
-{
-    return n == 0 ? FirstCapacity : std::min(n, MostElements);
-}
+unsigned SafeArrayBase::Growth(unsigned n) { return n == 0 ? FirstCapacity : std::min(n, MostElements); }
 
-SafeArrayIterBase::SafeArrayIterBase(const SafeArrayBase& a) : MyArray(a)
-{
-    resetBackward();
-}
+SafeArrayIterBase::SafeArrayIterBase(const SafeArrayBase& a) : MyArray(a) { resetBackward(); }
 
 SafeArrayIterBase::SafeArrayIterBase(const SafeArrayIterBase& other)
     : wrapForward(other.wrapForward), wrapBackward(other.wrapBackward), index(other.index),

@@ -12,10 +12,7 @@
 
 #include "Misc/buffer.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ZELstream.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ZELstream.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const unsigned StagingSize = 1024;
 static const unsigned LongestChunk = 2147483647; // of one read or write on a standard stream
@@ -42,20 +39,11 @@ void ZELostream::put(char c)
         localbuf_add(&c, 1);
 }
 
-void ZELostream::put(short n)
-{
-    putNumber(n, "|");
-}
+void ZELostream::put(short n) { putNumber(n, "|"); }
 
-void ZELostream::put(int n)
-{
-    putNumber(n, "|");
-}
+void ZELostream::put(int n) { putNumber(n, "|"); }
 
-void ZELostream::put(long n)
-{
-    putNumber(n, "|");
-}
+void ZELostream::put(long n) { putNumber(n, "|"); }
 
 void ZELostream::put(unsigned char c)
 {
@@ -65,15 +53,9 @@ void ZELostream::put(unsigned char c)
         localbuf_add(&c, 1);
 }
 
-void ZELostream::put(unsigned short n)
-{
-    putNumber(n, "|");
-}
+void ZELostream::put(unsigned short n) { putNumber(n, "|"); }
 
-void ZELostream::put(unsigned int n)
-{
-    putNumber(n, "|");
-}
+void ZELostream::put(unsigned int n) { putNumber(n, "|"); }
 
 void ZELostream::put(unsigned long n)
 {
@@ -99,9 +81,7 @@ int ZELostream::write(const char* p, unsigned n)
     return static_cast<int>(n);
 }
 
-ZELostream::ZELostream(std::ostream& s) : mystrm(&s), buf(nullptr), localbufpos(0), localbuf(nullptr)
-{
-}
+ZELostream::ZELostream(std::ostream& s) : mystrm(&s), buf(nullptr), localbufpos(0), localbuf(nullptr) {}
 
 ZELostream::ZELostream(Buffer& theBuf)
     : mystrm(nullptr), buf(&theBuf), localbufpos(0), localbuf(new (std::nothrow) Buffer(StagingSize))
@@ -133,10 +113,7 @@ void ZELostream::flush()
     }
 }
 
-int ZELostream::good()
-{
-    return mystrm == nullptr || mystrm->good();
-}
+int ZELostream::good() { return mystrm == nullptr || mystrm->good(); }
 
 // Stores the number of the text from `at` to `end` as sscanf would; returns its end, or null when there is none.
 template <class N>
@@ -189,20 +166,11 @@ void ZEListream::get(char& c)
         read(&c, 1);
 }
 
-void ZEListream::get(short& n)
-{
-    getNumber(n);
-}
+void ZEListream::get(short& n) { getNumber(n); }
 
-void ZEListream::get(int& n)
-{
-    getNumber(n);
-}
+void ZEListream::get(int& n) { getNumber(n); }
 
-void ZEListream::get(long& n)
-{
-    getNumber(n);
-}
+void ZEListream::get(long& n) { getNumber(n); }
 
 void ZEListream::get(unsigned char& c)
 {
@@ -213,24 +181,13 @@ void ZEListream::get(unsigned char& c)
         read(&byte, 1);
 }
 
-void ZEListream::get(unsigned short& n)
-{
-    getNumber(n);
-}
+void ZEListream::get(unsigned short& n) { getNumber(n); }
 
-void ZEListream::get(unsigned int& n)
-{
-    getNumber(n);
-}
+void ZEListream::get(unsigned int& n) { getNumber(n); }
 
-void ZEListream::get(unsigned long& n)
-{
-    getNumber(n);
-}
+void ZEListream::get(unsigned long& n) { getNumber(n); }
 
-ZEListream::~ZEListream()
-{
-}
+ZEListream::~ZEListream() {}
 
 int ZEListream::read(char* p, unsigned n)
 {
@@ -257,13 +214,9 @@ int ZEListream::read(char* p, unsigned n)
     return static_cast<int>(count);
 }
 
-ZEListream::ZEListream(std::istream& s) : read_error(0), mystrm(&s), buf(nullptr), position(0)
-{
-}
+ZEListream::ZEListream(std::istream& s) : read_error(0), mystrm(&s), buf(nullptr), position(0) {}
 
-ZEListream::ZEListream(Buffer& theBuf) : read_error(0), mystrm(nullptr), buf(&theBuf), position(0)
-{
-}
+ZEListream::ZEListream(Buffer& theBuf) : read_error(0), mystrm(nullptr), buf(&theBuf), position(0) {}
 
 unsigned ZEListream::tellg()
 {
@@ -278,10 +231,7 @@ void ZEListream::seekg(long offset, seek_dir dir)
         position = static_cast<uint32_t>(offset);
 }
 
-int ZEListream::good()
-{
-    return read_error == 0 && (mystrm == nullptr || mystrm->good());
-}
+int ZEListream::good() { return read_error == 0 && (mystrm == nullptr || mystrm->good()); }
 
 int ZEListream::eof()
 {

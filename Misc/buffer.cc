@@ -16,10 +16,7 @@
 
 using zeloo::BytesInRow;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: buffer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: buffer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static char spareByte;       // what operator[] gives out of range
 static char* scratchCString; // the last copy that GetCString made
@@ -36,10 +33,7 @@ Buffer::Buffer(const Buffer& buffer) : AllocSize(0), ptr(nullptr)
     buffer.GetDataAt(0, ptr, AllocSize);
 }
 
-Buffer::~Buffer()
-{
-    PurgeContents();
-}
+Buffer::~Buffer() { PurgeContents(); }
 
 void Buffer::PurgeContents()
 {
@@ -48,10 +42,7 @@ void Buffer::PurgeContents()
     AllocSize = 0;
 }
 
-void Buffer::dumpOn(std::ostream& out) const
-{
-    hexdumpOn(ptr, AllocSize, out);
-}
+void Buffer::dumpOn(std::ostream& out) const { hexdumpOn(ptr, AllocSize, out); }
 
 void Buffer::ReSize(const unsigned Size)
 {
@@ -62,10 +53,7 @@ void Buffer::ReSize(const unsigned Size)
     AllocSize = ptr == nullptr ? 0 : Size;
 }
 
-char& Buffer::operator[](unsigned index)
-{
-    return index < AllocSize ? static_cast<char*>(ptr)[index] : spareByte;
-}
+char& Buffer::operator[](unsigned index) { return index < AllocSize ? static_cast<char*>(ptr)[index] : spareByte; }
 
 Buffer& Buffer::operator=(const Buffer& b)
 {

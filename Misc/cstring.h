@@ -166,14 +166,8 @@ private:
     static CStringRep* emptyRep;
 };
 
-inline ZELostream& operator<<(ZELostream& s, const CString& c)
-{
-    return c.printOn(s), s;
-}
-inline ZEListream& operator>>(ZEListream& s, CString& c)
-{
-    return c.scanFrom(s), s;
-}
+inline ZELostream& operator<<(ZELostream& s, const CString& c) { return c.printOn(s), s; }
+inline ZEListream& operator>>(ZEListream& s, CString& c) { return c.scanFrom(s), s; }
 
 /// A walk over the lines or fields of a text, which must outlive it:
 ///

@@ -12,10 +12,7 @@
 
 using zeloo::BytesInRow;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: dsa.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: dsa.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace {
 
@@ -47,26 +44,14 @@ uint32_t DSA::alloc_tag = 1;
 uint32_t DSA::abort_alloc_tag = 0;
 
 // Sums and counts wrap like the 32-bit words they are kept in.
-static int32_t Add(int32_t count, uint32_t n)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(count) + n);
-}
+static int32_t Add(int32_t count, uint32_t n) { return static_cast<int32_t>(static_cast<uint32_t>(count) + n); }
 
-static Header* HeaderOf(const void* p)
-{
-    return static_cast<Header*>(const_cast<void*>(p)) - 1;
-}
+static Header* HeaderOf(const void* p) { return static_cast<Header*>(const_cast<void*>(p)) - 1; }
 
-static char* TrailerOf(const void* p)
-{
-    return static_cast<char*>(const_cast<void*>(p)) + HeaderOf(p)->size;
-}
+static char* TrailerOf(const void* p) { return static_cast<char*>(const_cast<void*>(p)) + HeaderOf(p)->size; }
 
 // What follows a block's data is not aligned: it is copied bytewise.
-static bool IsIntact(const void* p, uint32_t cookie)
-{
-    return std::memcmp(TrailerOf(p), &cookie, sizeof cookie) == 0;
-}
+static bool IsIntact(const void* p, uint32_t cookie) { return std::memcmp(TrailerOf(p), &cookie, sizeof cookie) == 0; }
 
 // abort() flushes nothing, and what was printed tells why it came to this.
 [[noreturn]] static void FlushAndAbort()
@@ -75,15 +60,9 @@ static bool IsIntact(const void* p, uint32_t cookie)
     std::abort();
 }
 
-DSA::DSA()
-{
-    mark_begin();
-}
+DSA::DSA() { mark_begin(); }
 
-DSA::~DSA()
-{
-    show_allocated_blocks();
-}
+DSA::~DSA() { show_allocated_blocks(); }
 
 void*(DSA::malloc)(unsigned int size)
 {
@@ -169,15 +148,9 @@ void DSA::mark_ok(const void* p)
         mark_list[slot] = 1;
 }
 
-void DSA::mark_on()
-{
-    mark_flag = 0;
-}
+void DSA::mark_on() { mark_flag = 0; }
 
-void DSA::mark_off()
-{
-    mark_flag = 1;
-}
+void DSA::mark_off() { mark_flag = 1; }
 
 short DSA::set_mark_flag(short flag)
 {
@@ -185,10 +158,7 @@ short DSA::set_mark_flag(short flag)
     return mark_flag;
 }
 
-short DSA::get_mark_flag()
-{
-    return mark_flag;
-}
+short DSA::get_mark_flag() { return mark_flag; }
 
 void DSA::show_allocated_blocks()
 {
@@ -227,15 +197,9 @@ void DSA::statistics()
               << std::flush;
 }
 
-void DSA::abort_on_alloc_tag(unsigned int tag)
-{
-    abort_alloc_tag = tag;
-}
+void DSA::abort_on_alloc_tag(unsigned int tag) { abort_alloc_tag = tag; }
 
-void DSA::trace_on()
-{
-    trace_flag++;
-}
+void DSA::trace_on() { trace_flag++; }
 
 void DSA::trace_of()
 {

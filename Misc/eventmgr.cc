@@ -17,10 +17,7 @@
 
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: eventmgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: eventmgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const short Unset = -1; // in the trace: no event in the slot, or no result yet
 
@@ -260,10 +257,7 @@ EventManager::coprocess_types EventManager::InitiateCoprocess()
     return childP;
 }
 
-void EventManager::CoprocessExit(int status)
-{
-    _exit(status);
-}
+void EventManager::CoprocessExit(int status) { _exit(status); }
 
 void EventManager::Compact()
 {

@@ -18,15 +18,9 @@ using zeloo::CopyText;
 using zeloo::NewText;
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: fileinfo.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: fileinfo.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-static bool Examine(const char* name, struct stat* status)
-{
-    return name != nullptr && stat(name, status) == 0;
-}
+static bool Examine(const char* name, struct stat* status) { return name != nullptr && stat(name, status) == 0; }
 
 long FileInfo::FileSize(const char* name)
 {
@@ -66,10 +60,7 @@ long FileInfo::FileStampTime(const char* name)
     return Dates::CurrentTime(&local);
 }
 
-short FileInfo::FileExists(const char* name)
-{
-    return name != nullptr && access(name, F_OK) == 0;
-}
+short FileInfo::FileExists(const char* name) { return name != nullptr && access(name, F_OK) == 0; }
 
 namespace {
 

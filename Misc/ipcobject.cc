@@ -10,10 +10,7 @@
 #include "Misc/ipctli.h"
 #include "Misc/proginfo.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipcobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const short DefaultRetryCount = 5;
 static const short DefaultRetryWaitTime = 5; // seconds
@@ -32,10 +29,7 @@ static TransportClient* ConnectedOrNull(TransportClient* client)
     return nullptr;
 }
 
-static bool IsAnotherHost(const char* node)
-{
-    return !IPCTli::NodeNamesEqual(node, ProgInfo::GetNodeName());
-}
+static bool IsAnotherHost(const char* node) { return !IPCTli::NodeNamesEqual(node, ProgInfo::GetNodeName()); }
 
 IPCClient::IPCClient(short Object, const char* IPCServerName, const char* ServerNodeName, client_types ClientsAllowed,
                      unsigned short TimeOutValue, short CheckForIPCQueue)
@@ -58,10 +52,7 @@ IPCClient::IPCClient(short Object, const char* IPCServerName, const char* Server
         pipcq = ConnectedOrNull(new (std::nothrow) IPCQClient(Object, IPCServerName, TimeOutValue, -1));
 }
 
-IPCClient::~IPCClient()
-{
-    Disconnect();
-}
+IPCClient::~IPCClient() { Disconnect(); }
 
 void IPCClient::dumpOn(std::ostream& out) const
 {
@@ -129,10 +120,7 @@ void IPCClient::SetSendTimeOut(long t_out)
     OnClient(pipcq, pipctli, [&](auto& client) { client.SetSendTimeOut(t_out); });
 }
 
-long IPCClient::GetServerPID() const
-{
-    return pipcq != nullptr ? pipcq->GetServerPID() : -1;
-}
+long IPCClient::GetServerPID() const { return pipcq != nullptr ? pipcq->GetServerPID() : -1; }
 
 short IPCClient::send_event(short event, const void* ptr, long len)
 {
@@ -197,10 +185,7 @@ ReconnectClient::ReconnectClient(short server, const char* serverName, const cha
     CreateClient();
 }
 
-ReconnectClient::~ReconnectClient()
-{
-    delete Client;
-}
+ReconnectClient::~ReconnectClient() { delete Client; }
 
 // Whether a failed send may succeed on a new connection.
 static bool ConnectionIsGone(short code)
@@ -281,7 +266,4 @@ short ReconnectClient::AttemptReConnect()
     return Client->Connected() ? ErrorReporter::NO_ERRORS : ErrorReporter::SERVER_GONE;
 }
 
-short ReconnectClient::ServerConnected() const
-{
-    return Client != nullptr && Client->Connected();
-}
+short ReconnectClient::ServerConnected() const { return Client != nullptr && Client->Connected(); }

@@ -11,10 +11,7 @@
 #include "Misc/detail/owner.h"
 #include "Misc/unixproc.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: lockedfile.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: lockedfile.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const char LockSuffix[] = ".lock";
 static const mode_t LockPermissions = 0666;
@@ -28,10 +25,7 @@ LockFile::LockFile(CString& name, int max_retries)
         TakeLock(max_retries);
 }
 
-LockFile::~LockFile()
-{
-    Cleanup();
-}
+LockFile::~LockFile() { Cleanup(); }
 
 void LockFile::Cleanup()
 {
@@ -44,10 +38,7 @@ void LockFile::Cleanup()
 
 // Gets the record lock on the lock file `fd` that guards it against being judged or filled in by two processes at a
 // time; it ends when `fd` is closed. False when another process has it.
-static bool Guard(int fd)
-{
-    return lockf(fd, F_TLOCK, 0) == 0 || (errno != EACCES && errno != EAGAIN);
-}
+static bool Guard(int fd) { return lockf(fd, F_TLOCK, 0) == 0 || (errno != EACCES && errno != EAGAIN); }
 
 void LockFile::TakeLock(int max_retries)
 {
@@ -154,10 +145,7 @@ LockedFileDesc::LockedFileDesc(CString& name, int max_retries, int createperm)
         Cleanup();
 }
 
-LockedFileDesc::~LockedFileDesc()
-{
-    Cleanup();
-}
+LockedFileDesc::~LockedFileDesc() { Cleanup(); }
 
 void LockedFileDesc::Cleanup()
 {

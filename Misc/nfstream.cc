@@ -1,20 +1,13 @@
 #include "Misc/nfstream.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: nfstream.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: nfstream.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 // Where htons and its kind, which always reverse the bytes, give network order.
 static const bool HostIsLittleEndian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 
-onfstream::onfstream(std::ostream& ostrm) : ZELostream(ostrm), buffer_short(0), buffer_long(0), buffer_char(0)
-{
-}
+onfstream::onfstream(std::ostream& ostrm) : ZELostream(ostrm), buffer_short(0), buffer_long(0), buffer_char(0) {}
 
-onfstream::~onfstream()
-{
-}
+onfstream::~onfstream() {}
 
 void onfstream::put16(uint16_t x)
 {
@@ -28,13 +21,9 @@ void onfstream::put32(uint32_t x)
     write(reinterpret_cast<const char*>(&buffer_long), sizeof buffer_long);
 }
 
-infstream::infstream(std::istream& istrm) : ZEListream(istrm), buffer_short(0), buffer_long(0)
-{
-}
+infstream::infstream(std::istream& istrm) : ZEListream(istrm), buffer_short(0), buffer_long(0) {}
 
-infstream::~infstream()
-{
-}
+infstream::~infstream() {}
 
 uint16_t infstream::get16()
 {

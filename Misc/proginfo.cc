@@ -17,10 +17,7 @@ using zeloo::BaseName;
 using zeloo::NewText;
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: proginfo.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: proginfo.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const char BuildLetter[] = "P";
 static const char RevisionKeyword[] = "$Revision:";
@@ -65,20 +62,11 @@ void ProgInfo::Initialize(int argc_p, char* const* argv_p, char* const* envp_p, 
     Replace(&version, newVersion);
 }
 
-const char* ProgInfo::GetFullProgramName()
-{
-    return fullProgramName;
-}
+const char* ProgInfo::GetFullProgramName() { return fullProgramName; }
 
-const char* ProgInfo::GetProgramName()
-{
-    return programName;
-}
+const char* ProgInfo::GetProgramName() { return programName; }
 
-const char* ProgInfo::GetVersion()
-{
-    return version;
-}
+const char* ProgInfo::GetVersion() { return version; }
 
 const char* ProgInfo::GetLongVersion()
 {
@@ -118,35 +106,17 @@ const char* ProgInfo::GetLoginName()
     return TextOrEmpty(loginName);
 }
 
-const char* ProgInfo::GetNodeName()
-{
-    return GetSysInfoString(svr4::SI_HOSTNAME, &nodeName);
-}
+const char* ProgInfo::GetNodeName() { return GetSysInfoString(svr4::SI_HOSTNAME, &nodeName); }
 
-const char* ProgInfo::GetSystemName()
-{
-    return GetSysInfoString(svr4::SI_SYSNAME, &systemName);
-}
+const char* ProgInfo::GetSystemName() { return GetSysInfoString(svr4::SI_SYSNAME, &systemName); }
 
-const char* ProgInfo::GetOSRelease()
-{
-    return GetSysInfoString(svr4::SI_RELEASE, &osRelease);
-}
+const char* ProgInfo::GetOSRelease() { return GetSysInfoString(svr4::SI_RELEASE, &osRelease); }
 
-const char* ProgInfo::GetOSVersion()
-{
-    return GetSysInfoString(svr4::SI_VERSION, &osVersion);
-}
+const char* ProgInfo::GetOSVersion() { return GetSysInfoString(svr4::SI_VERSION, &osVersion); }
 
-const char* ProgInfo::GetMachine()
-{
-    return GetSysInfoString(svr4::SI_MACHINE, &machine);
-}
+const char* ProgInfo::GetMachine() { return GetSysInfoString(svr4::SI_MACHINE, &machine); }
 
-const char* ProgInfo::GetArchitecture()
-{
-    return GetSysInfoString(svr4::SI_ARCHITECTURE, &architecture);
-}
+const char* ProgInfo::GetArchitecture() { return GetSysInfoString(svr4::SI_ARCHITECTURE, &architecture); }
 
 const char* ProgInfo::GetNodeNameLongVersion()
 {
@@ -208,12 +178,6 @@ void ProgInfo::ShowProgramInfo(std::ostream& os)
     os << Separator;
 }
 
-char* const* ProgInfo::Getargv()
-{
-    return argv;
-}
+char* const* ProgInfo::Getargv() { return argv; }
 
-int ProgInfo::Getargc()
-{
-    return argc;
-}
+int ProgInfo::Getargc() { return argc; }

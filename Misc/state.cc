@@ -11,19 +11,14 @@
 
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: state.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: state.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 // The state that an object may stay in whatever the table says.
 static const char WaitingEscalation[] = "waiting_escalation";
 
 static const char ListSeparator = '|';
 
-State::State(const char* Abbrev, const char* Title) : abbrev(Abbrev), title(Title)
-{
-}
+State::State(const char* Abbrev, const char* Title) : abbrev(Abbrev), title(Title) {}
 
 State& State::operator=(const State& s)
 {
@@ -41,10 +36,7 @@ void State::init(const char* Abbrev, const char* Title)
     title = newTitle;
 }
 
-void State::dumpOn(std::ostream& os) const
-{
-    os << "State: " << Name() << ", abbrev: " << Abbrev() << '\n';
-}
+void State::dumpOn(std::ostream& os) const { os << "State: " << Name() << ", abbrev: " << Abbrev() << '\n'; }
 
 template <>
 const char* SafeArray<State>::ElementName()
@@ -54,9 +46,7 @@ const char* SafeArray<State>::ElementName()
 
 template class SafeArray<State>;
 
-Transition::Transition(State& from, State& to, short v) : OldState(from), NewState(to), Visible(v)
-{
-}
+Transition::Transition(State& from, State& to, short v) : OldState(from), NewState(to), Visible(v) {}
 
 void Transition::dumpOn(std::ostream& os) const
 {
@@ -95,10 +85,7 @@ void StateMachine::AddTransition(State& stateFrom, State& stateTo, short v)
         Transitions.AddItem(added);
 }
 
-int StateMachine::FindState(State& ThisState) const
-{
-    return FindState(ThisState.Abbrev());
-}
+int StateMachine::FindState(State& ThisState) const { return FindState(ThisState.Abbrev()); }
 
 int StateMachine::FindState(const char* Abbrev) const
 {
@@ -119,10 +106,7 @@ int StateMachine::FindTransition(Transition& t) const
     return -1;
 }
 
-short StateMachine::IsValidState(const char* stateAbbrev) const
-{
-    return FindState(stateAbbrev) >= 0;
-}
+short StateMachine::IsValidState(const char* stateAbbrev) const { return FindState(stateAbbrev) >= 0; }
 
 State& StateMachine::GetState(const char* NewStateAbbrev)
 {

@@ -7,19 +7,14 @@
 
 #include "svr4/strftime.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: strxform.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: strxform.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const unsigned FirstOutputSize = 1024;
 static const size_t TimeTextSize = 40; // with its terminator
 static const char DefaultTimeFormat[] = "%C";
 static const char TimeFormatVariable[] = "CFTIME";
 
-EnvironmentValue::EnvironmentValue(const char* dflt, const char* tEnvVar) : EnvVarName(tEnvVar), DefaultValue(dflt)
-{
-}
+EnvironmentValue::EnvironmentValue(const char* dflt, const char* tEnvVar) : EnvVarName(tEnvVar), DefaultValue(dflt) {}
 
 CString EnvironmentValue::GetValue()
 {
@@ -64,10 +59,7 @@ void StringTransformer::reset()
     StartFlag = 1;
 }
 
-bool StringTransformer::inVocabulary(char c) const
-{
-    return std::strchr(Vocabulary, c) != nullptr;
-}
+bool StringTransformer::inVocabulary(char c) const { return std::strchr(Vocabulary, c) != nullptr; }
 
 int StringTransformer::nextCharacter(char& c)
 {
@@ -95,15 +87,9 @@ int StringTransformer::nextCharacter(char& c)
     }
 }
 
-void StringTransformer::Output(char c)
-{
-    Output(&c, 1);
-}
+void StringTransformer::Output(char c) { Output(&c, 1); }
 
-void StringTransformer::Output(const CString& c)
-{
-    Output(c, c.strlen());
-}
+void StringTransformer::Output(const CString& c) { Output(c, c.strlen()); }
 
 void StringTransformer::Output(const char* c, unsigned len)
 {

@@ -5,25 +5,13 @@
 
 #include "Misc/detail/assertion.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ularray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ularray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-ulongArray::ulongArray(int n) : theCells(nullptr), numCells(0)
-{
-    growBy(n);
-}
+ulongArray::ulongArray(int n) : theCells(nullptr), numCells(0) { growBy(n); }
 
-ulongArray::ulongArray(const ulongArray& a) : theCells(nullptr), numCells(0)
-{
-    copy(a);
-}
+ulongArray::ulongArray(const ulongArray& a) : theCells(nullptr), numCells(0) { copy(a); }
 
-ulongArray::~ulongArray()
-{
-    delete[] theCells;
-}
+ulongArray::~ulongArray() { delete[] theCells; }
 
 ulongArray& ulongArray::operator=(const ulongArray& a)
 {

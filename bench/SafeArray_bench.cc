@@ -30,14 +30,8 @@ void Fill(Array& array, void (*append)(Array&, void*))
         append(array, bytes + i);
 }
 
-void Append(Pointers& array, void* p)
-{
-    array.AddPtr(p);
-}
-void Append(std::vector<void*>& array, void* p)
-{
-    array.push_back(p);
-}
+void Append(Pointers& array, void* p) { array.AddPtr(p); }
+void Append(std::vector<void*>& array, void* p) { array.push_back(p); }
 
 template <class Array>
 void BM_Append(benchmark::State& state)
@@ -86,10 +80,7 @@ void BM_IterateVector(benchmark::State& state)
 BENCHMARK(BM_IterateVector)->Unit(benchmark::kMicrosecond);
 
 // The keys are visited in an order that defeats the caches alike for both.
-unsigned NextKey(unsigned key)
-{
-    return (key + 104729) % Elements;
-}
+unsigned NextKey(unsigned key) { return (key + 104729) % Elements; }
 
 void BM_SearchSafeArray(benchmark::State& state)
 {

@@ -10,15 +10,9 @@
 
 namespace {
 
-std::size_t Length(const benchmark::State& state)
-{
-    return static_cast<std::size_t>(state.range(0));
-}
+std::size_t Length(const benchmark::State& state) { return static_cast<std::size_t>(state.range(0)); }
 
-void Report(benchmark::State& state)
-{
-    state.SetBytesProcessed(state.range(0) * state.iterations());
-}
+void Report(benchmark::State& state) { state.SetBytesProcessed(state.range(0) * state.iterations()); }
 
 void Copy(benchmark::State& state)
 {

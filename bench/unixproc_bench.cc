@@ -11,10 +11,7 @@
 
 namespace {
 
-std::string Command(long bytes)
-{
-    return "exec head -c " + std::to_string(bytes) + " /dev/zero";
-}
+std::string Command(long bytes) { return "exec head -c " + std::to_string(bytes) + " /dev/zero"; }
 
 void Capture(benchmark::State& state)
 {

@@ -7,10 +7,7 @@
 static const char* const EventNames[FaultEvents] = {"NONE", "STATUS", "RAISE", "LIST",  "FETCH", "CLEAR",
                                                     "RUN",  "START",  "MOVE",  "MOVES", "EXIT"};
 
-const char* FaultEventName(short event)
-{
-    return event >= 0 && event < FaultEvents ? EventNames[event] : "(unknown)";
-}
+const char* FaultEventName(short event) { return event >= 0 && event < FaultEvents ? EventNames[event] : "(unknown)"; }
 
 short FaultEventNumber(const char* name)
 {

@@ -63,10 +63,7 @@ static ExitCode Complain(ExitCode code, const std::string& message)
     return code;
 }
 
-static ExitCode Misused(const std::string& message)
-{
-    return Complain(WrongUsage, message + "; see faultctl --help");
-}
+static ExitCode Misused(const std::string& message) { return Complain(WrongUsage, message + "; see faultctl --help"); }
 
 /// The server. It is connected to when the first command needs it, and again when it was started again.
 class Server {

@@ -2,9 +2,7 @@
 
 #include "Misc/Dates.h"
 
-FaultMessage::FaultMessage() : transformer("deinost", "%d %i %e, %s: %t%o", "FAULT_MESSAGE")
-{
-}
+FaultMessage::FaultMessage() : transformer("deinost", "%d %i %e, %s: %t%o", "FAULT_MESSAGE") {}
 
 CString FaultMessage::Text(const char* happened, const FaultSummary& fault)
 {

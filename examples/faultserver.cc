@@ -25,10 +25,7 @@ FaultServer::FaultServer(FaultStore& store, long commandSeconds, const char* rem
 }
 
 // Whether commands wait or run.
-static bool HasCommands()
-{
-    return ProcMgr::commands.Quantity() > 0 || ProcMgr::processes.Quantity() > 0;
-}
+static bool HasCommands() { return ProcMgr::commands.Quantity() > 0 || ProcMgr::processes.Quantity() > 0; }
 
 // Waits for an event. While there are commands, looks after them every second.
 short FaultServer::GetNextEvent(short& event, Buffer& data, short& responseRqd, short& AckRqd, short& error)

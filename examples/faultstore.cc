@@ -9,10 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static const char* ModuleId()
-{
-    return "$Id: faultstore.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+static const char* ModuleId() { return "$Id: faultstore.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 bool FaultStore::ByNodeAndNumber::operator()(const FaultId& a, const FaultId& b) const
 {

@@ -6,18 +6,12 @@
 
 #include <unistd.h>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 
 // The host's type field ends where the record's does: it reaches into the headroom.
-static char* HostMessage(void* record)
-{
-    return static_cast<char*>(record) - (sizeof(long) - sizeof(int32_t));
-}
+static char* HostMessage(void* record) { return static_cast<char*>(record) - (sizeof(long) - sizeof(int32_t)); }
 
 int msgsnd(int msqid, void* record, size_t textlen, int flags)
 {
@@ -42,15 +36,9 @@ ssize_t msgrcv(int msqid, void* record, size_t textlen, long type, int flags)
     return received;
 }
 
-key_t queue_key(const struct msqid_ds& status)
-{
-    return status.msg_perm.__key;
-}
+key_t queue_key(const struct msqid_ds& status) { return status.msg_perm.__key; }
 
-unsigned long queue_cbytes(const struct msqid_ds& status)
-{
-    return status.__msg_cbytes;
-}
+unsigned long queue_cbytes(const struct msqid_ds& status) { return status.__msg_cbytes; }
 
 namespace {
 

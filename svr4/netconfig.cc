@@ -12,10 +12,7 @@
 
 #include "svr4/tli.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: netconfig.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: netconfig.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 

@@ -12,10 +12,7 @@
 #include "svr4/errno.h"
 #include "svr4/signal.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: process.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: process.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 
@@ -45,10 +42,7 @@ int execvp(const char* file, char* const argv[])
     return -1;
 }
 
-static uintptr_t CurrentBreak()
-{
-    return reinterpret_cast<uintptr_t>(sbrk(0));
-}
+static uintptr_t CurrentBreak() { return reinterpret_cast<uintptr_t>(sbrk(0)); }
 
 // The break when the program was loaded. Whatever was initialised earlier may have moved it already, so this is only
 // the second choice.

@@ -2,10 +2,7 @@
 
 #include "svr4/errno.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: signal.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: signal.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 
@@ -43,9 +40,7 @@ static sigset_t AllSignals()
     return all;
 }
 
-SignalsHeld::SignalsHeld() : SignalsHeld(AllSignals())
-{
-}
+SignalsHeld::SignalsHeld() : SignalsHeld(AllSignals()) {}
 
 SignalsHeld::SignalsHeld(const sigset_t& set)
 {

@@ -3,10 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: strftime.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: strftime.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 

@@ -6,10 +6,7 @@
 
 #include <sys/utsname.h>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: systeminfo.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: systeminfo.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 

@@ -19,10 +19,7 @@ using zeloo::CopyText;
 using zeloo::NewFormatted;
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: Error.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: Error.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 short ErrorReporter::ReturnStatus = 0;
 int ErrorReporter::ErrorCount = 0;
@@ -126,10 +123,7 @@ static_assert(sizeof Messages / sizeof *Messages ==
                   ErrorReporter::MISCONFIGURATION_NODES - ErrorReporter::OUT_OF_MEMORY + 1,
               "every error type has a message");
 
-static const char* ProgramName()
-{
-    return TextOrEmpty(ProgInfo::GetFullProgramName());
-}
+static const char* ProgramName() { return TextOrEmpty(ProgInfo::GetFullProgramName()); }
 
 ErrorReporter::ErrorReporter() : DisplayInfo(1)
 {
@@ -138,9 +132,7 @@ ErrorReporter::ErrorReporter() : DisplayInfo(1)
     ReturnStatus = 0;
 }
 
-ErrorReporter::~ErrorReporter()
-{
-}
+ErrorReporter::~ErrorReporter() {}
 
 void ErrorReporter::_ReportError(short const sev, short const errorkind, char const* description, char const* moduleid,
                                  long const theLine) const
@@ -303,10 +295,7 @@ void ErrorReporter::MakeErrorLogEntry(short const SeverityLevel, int const ErrCo
     delete[] line;
 }
 
-short ErrorReporter::GetErrorCode()
-{
-    return ErrorCode;
-}
+short ErrorReporter::GetErrorCode() { return ErrorCode; }
 
 const char* ErrorReporter::GetErrorType(short type)
 {
@@ -325,20 +314,11 @@ const char* ErrorReporter::GetErrorSeverity(short severity)
     }
 }
 
-const char* ErrorReporter::GetErrorDesc(short errcode)
-{
-    return strerror(errcode);
-}
+const char* ErrorReporter::GetErrorDesc(short errcode) { return strerror(errcode); }
 
-short ErrorReporter::SetReturnStatus(short status)
-{
-    return ReturnStatus = status;
-}
+short ErrorReporter::SetReturnStatus(short status) { return ReturnStatus = status; }
 
-short ErrorReporter::GetReturnStatus()
-{
-    return ReturnStatus;
-}
+short ErrorReporter::GetReturnStatus() { return ReturnStatus; }
 
 void ErrorReporter::ClearError()
 {
@@ -346,10 +326,7 @@ void ErrorReporter::ClearError()
     ErrorCode = 0;
 }
 
-int ErrorReporter::GetErrorCount()
-{
-    return ErrorCount;
-}
+int ErrorReporter::GetErrorCount() { return ErrorCount; }
 
 void ErrorReporter::dumpErrorCodesOn(std::ostream& os)
 {

@@ -5,10 +5,7 @@
 
 #include "svr4/errno.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: Error.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: Error.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo {
 

@@ -6,10 +6,7 @@
 #include "Misc/cstring/room.h"
 #include "Misc/detail/text.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 CStringBuff::CStringBuff(int size)
     : BuffSize(std::max(size, 1)), Buff(zeloo::NewRoom(static_cast<uint64_t>(BuffSize))), Index(0)
@@ -17,10 +14,7 @@ CStringBuff::CStringBuff(int size)
     ResetBuff();
 }
 
-CStringBuff::~CStringBuff()
-{
-    delete[] Buff;
-}
+CStringBuff::~CStringBuff() { delete[] Buff; }
 
 void CStringBuff::ResetBuff()
 {
@@ -65,10 +59,7 @@ CStringBuff& CStringBuff::operator+=(const CString& s)
     return *this;
 }
 
-CString CStringBuff::GetCString() const
-{
-    return FinalString + Buff;
-}
+CString CStringBuff::GetCString() const { return FinalString + Buff; }
 
 void CStringBuff::dumpOn(std::ostream& os) const
 {

@@ -6,10 +6,7 @@
 
 #include "Misc/cstring/room.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 // Makes what `fill` writes, at most `n` characters, the text; `fill` gives the place behind them. Without memory the
 // string stays as it is.
@@ -77,10 +74,7 @@ void CString::ReplaceAll(char c, const char* s)
     });
 }
 
-static bool IsSpace(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
+static bool IsSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
 void CString::lTrim()
 {
@@ -178,7 +172,4 @@ void CString::ExtractToken(CString& token, const char* delimiters)
     Delete(0, token.strlen() + 1); // not counting the delimiters skipped: intended
 }
 
-int CString::find_awk_chars() const
-{
-    return std::strpbrk(cp->rep, ".^") != nullptr;
-}
+int CString::find_awk_chars() const { return std::strpbrk(cp->rep, ".^") != nullptr; }

@@ -5,10 +5,7 @@
 
 #include "Misc/cstring/room.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 // The letters of the control characters 8 to 13 behind a backslash.
 static const char ControlLetters[] = "btnvfr";

@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 CStringIter::CStringIter(CString& t, char delim) : sourceText(t), method(0), count(0), pos(0), done(0), delimiter(delim)
 {

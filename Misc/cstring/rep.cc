@@ -10,10 +10,7 @@
 
 using zeloo::NewRoom;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 CStringRep::CStringRep() : count(1), rep(NewRoom(0)), len(0)
 {
@@ -31,10 +28,7 @@ CStringRep::CStringRep(const char* s) : count(1), rep(nullptr), len(0)
     len = static_cast<uint32_t>(n);
 }
 
-CStringRep::CStringRep(char** p) : count(1), rep(*p), len(static_cast<uint32_t>(std::strlen(*p)))
-{
-    *p = nullptr;
-}
+CStringRep::CStringRep(char** p) : count(1), rep(*p), len(static_cast<uint32_t>(std::strlen(*p))) { *p = nullptr; }
 
 CStringRep::CStringRep(const CStringRep& r)
     : count(0), rep(r.rep != nullptr ? NewRoom(r.len) : nullptr), len(rep != nullptr ? r.len : 0)
@@ -49,10 +43,7 @@ CStringRep::CStringRep(unsigned n) : count(0), rep(NewRoom(n)), len(rep != nullp
         rep[len] = '\0';
 }
 
-CStringRep::~CStringRep()
-{
-    delete[] rep;
-}
+CStringRep::~CStringRep() { delete[] rep; }
 
 CStringRep* CStringRep::clone(int copy)
 {

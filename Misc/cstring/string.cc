@@ -16,10 +16,7 @@
 using zeloo::NewRoom;
 using zeloo::TextOrEmpty;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 ZEListream& CString::ObjectRead(ZEListream& s)
 {
@@ -129,22 +126,13 @@ void CString::takeOver(char* text)
     cp = r;
 }
 
-CString::~CString()
-{
-    delete_cp();
-}
+CString::~CString() { delete_cp(); }
 
-CString::CString() : cp(get_emptyRep())
-{
-}
+CString::CString() : cp(get_emptyRep()) {}
 
-CString::CString(const char* s) : cp(newRep(s, std::strlen(TextOrEmpty(s))))
-{
-}
+CString::CString(const char* s) : cp(newRep(s, std::strlen(TextOrEmpty(s)))) {}
 
-CString::CString(const char* s, unsigned n) : cp(newRep(s, strnlen(TextOrEmpty(s), n)))
-{
-}
+CString::CString(const char* s, unsigned n) : cp(newRep(s, strnlen(TextOrEmpty(s), n))) {}
 
 CString::CString(const Buffer& b) : cp(nullptr)
 {
@@ -184,10 +172,7 @@ bool CString::operator==(const CString& s) const
     return cp == s.cp || (cp->len == s.cp->len && std::strcmp(cp->rep, s.cp->rep) == 0);
 }
 
-bool CString::operator==(const char* s) const
-{
-    return std::strcmp(cp->rep, s) == 0;
-}
+bool CString::operator==(const char* s) const { return std::strcmp(cp->rep, s) == 0; }
 
 int CString::compare(const CString** a, const CString** b)
 {

@@ -4,10 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: hexdump.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: hexdump.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo {
 

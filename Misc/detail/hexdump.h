@@ -21,10 +21,7 @@ inline char* PutHexByte(char* to, unsigned char byte)
 }
 
 /// What stands for `byte` beside the digits: its character, or a blank when that is not printable.
-inline char Printable(unsigned char byte)
-{
-    return std::isprint(byte) ? static_cast<char>(byte) : ' ';
-}
+inline char Printable(unsigned char byte) { return std::isprint(byte) ? static_cast<char>(byte) : ' '; }
 
 /// Writes a row of `count` bytes, at most BytesInRow: each as two digits and a blank, blanks for those that a full row
 /// has more, one blank, and their characters. Nothing is put behind them. Gives the place behind the row.

@@ -6,10 +6,7 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: hostname.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: hostname.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 // A name without a dot is none, though inet_aton would take "10" for one: a host may be called so.
 static bool IsDottedAddress(const char* text, struct in_addr* address)

@@ -9,10 +9,7 @@ namespace zeloo {
 /// Whether this is the process `maker`, which made an object. What the object holds outside of its own memory (a queue,
 /// a file, a connection, a child) belongs to that process alone: a forked child has a copy of the object, whose
 /// destructor and signal handling leave the parent's things alone.
-inline bool IsOwner(long maker)
-{
-    return getpid() == maker;
-}
+inline bool IsOwner(long maker) { return getpid() == maker; }
 
 } // namespace zeloo
 

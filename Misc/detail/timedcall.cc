@@ -2,16 +2,11 @@
 
 #include "svr4/errno.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: timedcall.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: timedcall.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo {
 
-static void Interrupt(int)
-{
-}
+static void Interrupt(int) {}
 
 TimedCall::TimedCall(long seconds)
 {

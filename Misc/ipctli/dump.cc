@@ -5,10 +5,7 @@
 
 #include "Misc/detail/text.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 void DumpTliMessage(const TliMsgStruct* pmsg, std::ostream& out)
 {

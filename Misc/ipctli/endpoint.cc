@@ -16,10 +16,7 @@
 #include "svr4/netconfig.h"
 #include "svr4/tli.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const long ConnectSeconds = 120;
 static const unsigned ListenQueueLength = 5;
@@ -55,24 +52,13 @@ static void TakeEvent(int fd, const char* line)
         svr4::t_rcvdis(fd, nullptr);
 }
 
-IPCTli::IPCTli() : fd(-1), owner(-1), provider(nullptr), addrs(nullptr), callptr(nullptr)
-{
-}
+IPCTli::IPCTli() : fd(-1), owner(-1), provider(nullptr), addrs(nullptr), callptr(nullptr) {}
 
-IPCTli::~IPCTli()
-{
-    Release();
-}
+IPCTli::~IPCTli() { Release(); }
 
-void IPCTli::dumpOn(std::ostream& out) const
-{
-    out << "IPCTli::fd      : " << fd << '\n';
-}
+void IPCTli::dumpOn(std::ostream& out) const { out << "IPCTli::fd      : " << fd << '\n'; }
 
-void IPCTli::SigTermProc(int)
-{
-    Release();
-}
+void IPCTli::SigTermProc(int) { Release(); }
 
 bool IPCTli::Open(const char* device)
 {
@@ -195,10 +181,7 @@ void IPCTli::Tshutdown()
         svr4::t_snddis(fd, nullptr);
 }
 
-short IPCTli::Tclose()
-{
-    return svr4::t_close(std::exchange(fd, -1)) == 0 ? 0 : -1;
-}
+short IPCTli::Tclose() { return svr4::t_close(std::exchange(fd, -1)) == 0 ? 0 : -1; }
 
 // A copy is closed without disconnecting: the connection goes on in the process that opened it.
 void IPCTli::CloseEndpoint()

@@ -16,10 +16,7 @@
 #include "svr4/netconfig.h"
 #include "svr4/tli.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const int LongestHostLine = 256;
 static const char DaemonService[] = "orvd";
@@ -39,10 +36,7 @@ const char* zeloo::ServiceOf(const char* serverName)
 // The network selection path.
 typedef std::unique_ptr<void, int (*)(void*)> Path;
 
-static Path OpenPath()
-{
-    return Path(svr4::setnetpath(), svr4::endnetpath);
-}
+static Path OpenPath() { return Path(svr4::setnetpath(), svr4::endnetpath); }
 
 static bool IsConnectionOriented(const svr4::netconfig& config)
 {
@@ -130,10 +124,7 @@ short IPCTli::configured_ok(const char* host, const char* service)
     return addr[0] != '\0';
 }
 
-char* IPCTli::TcptoName(const char* tcpIpAddress)
-{
-    return zeloo::OfficialHostName(tcpIpAddress);
-}
+char* IPCTli::TcptoName(const char* tcpIpAddress) { return zeloo::OfficialHostName(tcpIpAddress); }
 
 static void PrintTransport(const svr4::netconfig& config, std::ostream& out)
 {

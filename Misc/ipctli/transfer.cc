@@ -16,10 +16,7 @@ using zeloo::wire::Block;
 using zeloo::wire::Cutter;
 using zeloo::wire::Gatherer;
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipctli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const long ReceiveSeconds = 900;
 static const unsigned LargestTransfer = 1U << 30;

@@ -24,10 +24,7 @@
 #include "Misc/mobject.h"
 #include "svr4/errno.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: misc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: misc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const int LongestLine = 511;
 static const std::size_t AddressSize = 4; // bytes of an Internet address
@@ -52,16 +49,10 @@ static const ErrorReporter& Reporter()
 }
 
 // The lines of the node list file and those learned since it was read.
-static ValidNodeList& ValidNodes()
-{
-    return zeloo::Immortal<ValidNodeList>();
-}
+static ValidNodeList& ValidNodes() { return zeloo::Immortal<ValidNodeList>(); }
 
 // Every node that has been rejected.
-static InValidNodeList& InValidNodes()
-{
-    return zeloo::Immortal<InValidNodeList>();
-}
+static InValidNodeList& InValidNodes() { return zeloo::Immortal<InValidNodeList>(); }
 
 static timespec nodesFileTime = {0, 0};  // the modification time of the node list file last read
 static bool missingFileReported = false; // since the file was last seen

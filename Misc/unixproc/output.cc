@@ -10,17 +10,11 @@
 #include "Misc/buffer.h"
 #include "svr4/errno.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo {
 
-CollectedOutput::~CollectedOutput()
-{
-    std::free(block);
-}
+CollectedOutput::~CollectedOutput() { std::free(block); }
 
 ssize_t CollectedOutput::ReadFrom(int fd)
 {

@@ -11,10 +11,7 @@
 
 #include "Misc/detail/text.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 short UnixProcess::ProcessExists(long proc_pid)
 {

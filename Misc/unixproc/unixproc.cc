@@ -21,10 +21,7 @@
 #include "svr4/process.h"
 #include "svr4/signal.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const short NotYetCollected = -222;
 static const short NoStatus = -1;

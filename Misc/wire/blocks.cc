@@ -2,10 +2,7 @@
 
 #include <algorithm>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: blocks.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: blocks.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo::wire {
 

@@ -16,17 +16,11 @@ constexpr int16_t ServerGoing = static_cast<int16_t>(0xFFFF);
 // First blocks, and events of one block, travel on the channel that is their receiver's process id.
 
 /// The channel of a receiver's acknowledgement for a sender, by their process ids.
-constexpr long AckChannel(long sender, long receiver)
-{
-    return 0x0EFFFFFFL - sender + receiver;
-}
+constexpr long AckChannel(long sender, long receiver) { return 0x0EFFFFFFL - sender + receiver; }
 
 /// The channel of the blocks after the first. Pairs whose ids differ by the same number share both channels, so a
 /// record on them belongs to a transfer only when its sender is the partner.
-constexpr long DataChannel(long sender, long receiver)
-{
-    return 0x0FFFFFFFL - sender + receiver;
-}
+constexpr long DataChannel(long sender, long receiver) { return 0x0FFFFFFFL - sender + receiver; }
 
 } // namespace zeloo::wire
 

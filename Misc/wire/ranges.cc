@@ -4,17 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: ranges.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ranges.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo::wire {
 
-Ranges::~Ranges()
-{
-    Clear();
-}
+Ranges::~Ranges() { Clear(); }
 
 void Ranges::Clear()
 {

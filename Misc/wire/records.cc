@@ -5,10 +5,7 @@
 #include "Misc/detail/text.h"
 #include "Misc/wire/channels.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: records.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: records.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 // Both records are external interfaces, shared with builds of other compilers, word sizes and ages.
 static_assert(sizeof(IPCQMessage) == 2004 && sizeof(TliMsgStruct) == 1904);

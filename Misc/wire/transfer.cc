@@ -3,10 +3,7 @@
 #include "Misc/wire/channels.h"
 #include "Misc/wire/records.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: transfer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: transfer.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace zeloo::wire {
 
@@ -22,10 +19,7 @@ long SendingSide::Channel() const
     return isFirst ? receiverPID : wire::DataChannel(senderPID, receiverPID);
 }
 
-long SendingSide::AckChannel() const
-{
-    return wire::AckChannel(senderPID, receiverPID);
-}
+long SendingSide::AckChannel() const { return wire::AckChannel(senderPID, receiverPID); }
 
 void SendingSide::FillBlock(IPCQMessage* message, const char* data) const
 {
@@ -67,15 +61,9 @@ ReceivingSide::ReceivingSide(const IPCQMessage& first, long receiver)
         step = Acknowledge;
 }
 
-long ReceivingSide::AckChannel() const
-{
-    return wire::AckChannel(senderPID, receiverPID);
-}
+long ReceivingSide::AckChannel() const { return wire::AckChannel(senderPID, receiverPID); }
 
-long ReceivingSide::DataChannel() const
-{
-    return wire::DataChannel(senderPID, receiverPID);
-}
+long ReceivingSide::DataChannel() const { return wire::DataChannel(senderPID, receiverPID); }
 
 bool ReceivingSide::TakeBlock(const IPCQMessage& message, size_t length, int64_t segmentSize)
 {

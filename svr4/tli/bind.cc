@@ -11,10 +11,7 @@
 #include "svr4/tli/endpoint.h"
 #include "svr4/tli/error.h"
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 

@@ -68,10 +68,7 @@ void Drop(int fd);
 Endpoint* Find(int fd);
 
 /// A set of states.
-constexpr unsigned In(int state)
-{
-    return 1u << state;
-}
+constexpr unsigned In(int state) { return 1u << state; }
 constexpr unsigned Connected = In(T_DATAXFER) | In(T_OUTREL) | In(T_INREL);
 
 /// The endpoint `fd` when it is in one of `states`, else null with TBADF or TOUTSTATE.

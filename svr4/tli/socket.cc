@@ -8,10 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-[[maybe_unused]] static const char* ModuleId()
-{
-    return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $";
-}
+[[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4::tli {
 
@@ -54,10 +51,7 @@ int NewSocket(const Provider& provider)
     return fd;
 }
 
-void ReuseAddress(int fd)
-{
-    TurnOn(fd, SOL_SOCKET, SO_REUSEADDR);
-}
+void ReuseAddress(int fd) { TurnOn(fd, SOL_SOCKET, SO_REUSEADDR); }
 
 void Abort(int fd)
 {
