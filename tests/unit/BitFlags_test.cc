@@ -7,15 +7,11 @@
 
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
+#include "tests/support/objects.h"
+
+using testing_support::Dump;
 
 namespace {
-
-std::string Dump(const BitFlags& flags)
-{
-    std::ostringstream os;
-    flags.dumpOn(os);
-    return os.str();
-}
 
 TEST(BitFlags, TheMasksAreTheSuccessivePowersOfTwo)
 {

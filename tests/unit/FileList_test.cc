@@ -11,18 +11,12 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
 
 namespace {
-
-std::string Dump(const FileList& list)
-{
-    std::ostringstream text;
-    list.dumpOn(text);
-    return text.str();
-}
 
 std::string Lines(const std::vector<std::string>& names)
 {

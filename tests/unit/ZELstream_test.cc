@@ -1,6 +1,7 @@
 #include "Misc/ZELstream.h"
 
 #include "Misc/buffer.h"
+#include "tests/support/objects.h"
 
 #include <climits>
 #include <cstdio>
@@ -17,19 +18,10 @@
 
 #include <gtest/gtest.h>
 
+using testing_support::BufferOf;
+using testing_support::Bytes;
+
 namespace {
-
-std::string Bytes(const Buffer& b)
-{
-    return b.Size() == 0 ? std::string() : std::string(static_cast<const char*>(b.operator const void*()), b.Size());
-}
-
-Buffer BufferOf(const std::string& bytes)
-{
-    Buffer b;
-    b.Append(bytes.data(), static_cast<unsigned>(bytes.size()));
-    return b;
-}
 
 template <class N>
 std::string Put(N n)

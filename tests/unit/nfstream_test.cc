@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "Misc/cstring.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
@@ -42,12 +43,6 @@ N Get(const std::string& bytes, N before = 77)
     infstream s(source);
     s.get(before);
     return before;
-}
-
-template <std::size_t N>
-std::string Bytes(const char (&literal)[N])
-{
-    return std::string(literal, N - 1);
 }
 
 TEST(ByteAccess, TakesNumbersApart)
