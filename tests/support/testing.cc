@@ -15,14 +15,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <regex.h>
-#include <sched.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "Misc/Error.h"
 
 namespace testing_support {
 
@@ -160,6 +156,34 @@ ChildResult RunInChild(const std::function<void()>& body, int seconds)
     return result;
 }
 
+int EndChild(pid_t pid, int signal)
+{
+    kill(pid, signal);
+    return WaitForExit(pid);
+}
+
+pid_t DeadProcess()
+{
+    const pid_t pid = StartChild([] {});
+    WaitForExit(pid);
+    return pid;
+}
+
+pid_t IdleProcess()
+{
+    return StartChild([] {
+        for (;;)
+            pause();
+    });
+}
+
+void ChildFailed(const char* what, const char* file, int line)
+{
+    std::fprintf(stderr, "%s:%d: in a child process: %s (errno %d)\n", file, line, what, errno);
+    FlushAll();
+    _exit(1);
+}
+
 bool WaitUntil(const std::function<bool()>& condition, double seconds)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -224,33 +248,6 @@ int OpenDescriptors()
     return count - 1; // less the one that reads the directory
 }
 
-long VirtualSize()
-{
-    return std::atol(ReadFile("/proc/self/statm").c_str()) * sysconf(_SC_PAGESIZE);
-}
-
-static unsigned long LimitVirtualSize(unsigned long bytes)
-{
-    struct rlimit limit;
-    getrlimit(RLIMIT_AS, &limit);
-    const unsigned long earlier = limit.rlim_cur;
-    limit.rlim_cur = bytes;
-    if (setrlimit(RLIMIT_AS, &limit) != 0) {
-        std::perror("setrlimit");
-        std::abort();
-    }
-    return earlier;
-}
-
-MemoryLimit::MemoryLimit(long more) : earlier(LimitVirtualSize(static_cast<unsigned long>(VirtualSize() + more)))
-{
-}
-
-MemoryLimit::~MemoryLimit()
-{
-    LimitVirtualSize(earlier);
-}
-
 static const char SetAside[] = "/dev/log.set-aside";
 
 SyslogSink::SyslogSink() : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
@@ -285,52 +282,12 @@ std::vector<std::string> SyslogSink::Records()
     return records;
 }
 
-std::string ReportField(const std::string& output, const std::string& label)
+int CountOf(const std::string& text, const std::string& part)
 {
-    const size_t at = output.find(label);
-    if (at == std::string::npos)
-        return "";
-    const size_t start = at + label.size();
-    return output.substr(start, output.find('\n', start) - start);
-}
-
-std::string WarningReport(const std::string& unit, const std::string& type, int error, const std::string& description)
-{
-    const std::string code =
-        error == 0 ? "Application Error." : std::to_string(error) + " : " + ErrorReporter::GetErrorDesc(error);
-    return "\nErrorReporter: <time>  Total Error Count= <count>\n"
-           "  Program=\n"
-           "  Severity Level=WARNING\n"
-           "  Error Type= " +
-           type +
-           "\n"
-           "  Error Code= " +
-           code +
-           "\n"
-           "  Module= $Id: " +
-           unit +
-           ".cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n"
-           "  Line= <line>\n"
-           "  Description= " +
-           description + "\n\n";
-}
-
-std::string WithoutVariables(const std::string& reports)
-{
-    const std::string text = Replaced(WithoutTimes(reports), "Count= [0-9]+", "Count= <count>");
-    return Replaced(text, "Line= [1-9][0-9]*", "Line= <line>");
-}
-
-bool MakeForksFail()
-{
-    // The first child in a new process id namespace is its init; when that is gone there can be no others.
-    if (unshare(CLONE_NEWPID) != 0)
-        return false;
-    const pid_t init = fork();
-    if (init == 0)
-        _exit(0);
-    waitpid(init, nullptr, 0);
-    return true;
+    int count = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
+        count++;
+    return count;
 }
 
 std::string Replaced(const std::string& text, const char* pattern, const std::string& with)

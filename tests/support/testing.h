@@ -1,12 +1,17 @@
-// What the tests share: captured output, child processes, files and a syslog daemon's socket.
+// What the tests share: captured output, child processes, files and a syslog daemon's socket; and, from the headers
+// that it includes, hosts that refuse and the texts of reports.
 #ifndef TESTS_SUPPORT_TESTING_H
 #define TESTS_SUPPORT_TESTING_H
 
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include <sys/types.h>
+
+#include "tests/support/refusals.h"
+#include "tests/support/reports.h"
 
 namespace testing_support {
 
@@ -47,6 +52,17 @@ std::string ProgramUnderTest(const std::string& path);
 pid_t StartProgram(const std::string& program, const std::vector<std::string>& arguments, const std::string& output);
 /// Waits for a child; its exit code, or 128 + the signal that ended it. A child alive after `seconds` is killed.
 int WaitForExit(pid_t pid, int seconds = 60);
+/// Sends a child a signal and waits for it, with the same result.
+int EndChild(pid_t pid, int signal = SIGKILL);
+/// The process id of a child that has ended and was waited for.
+pid_t DeadProcess();
+/// Forks a child that waits for signals only. The caller ends it.
+pid_t IdleProcess();
+
+/// In a child process: ends it with exit code 1 and a line that says where, when `condition` does not hold.
+#define CHILD_CHECK(condition) ((condition) ? void() : testing_support::ChildFailed(#condition, __FILE__, __LINE__))
+[[noreturn]] void ChildFailed(const char* what, const char* file, int line);
+
 /// Waits until `condition` holds, looking every few milliseconds. False when it does not within `seconds`.
 bool WaitUntil(const std::function<bool()>& condition, double seconds = 20);
 
@@ -75,27 +91,6 @@ void MakeKeyFile(const std::string& serverName);
 /// The number of open descriptors of this process.
 int OpenDescriptors();
 
-/// The size of this process's address space in bytes.
-long VirtualSize();
-
-/// Keeps this process to the memory it has and `more` bytes, while it lives. (For the failure of single allocations
-/// see failing_memory.h.)
-class MemoryLimit {
-public:
-#if defined(__SANITIZE_ADDRESS__)
-    static constexpr bool IsPossible = false; // its allocator does not live under a limit
-#else
-    static constexpr bool IsPossible = true;
-#endif
-    explicit MemoryLimit(long more);
-    ~MemoryLimit();
-    MemoryLimit(const MemoryLimit&) = delete;
-    MemoryLimit& operator=(const MemoryLimit&) = delete;
-
-private:
-    unsigned long earlier;
-};
-
 /// The receiving end of syslog: binds /dev/log (of the sandbox) and collects the datagrams sent to it.
 class SyslogSink {
 public:
@@ -108,17 +103,8 @@ private:
     int fd;
 };
 
-/// The line of an error report that begins with `label` in what Display wrote, without the label; the first one.
-std::string ReportField(const std::string& output, const std::string& label);
-
-/// The WARNING report of a unit of Misc as Display writes it in a program without ProgInfo, with the places of time,
-/// count and line taken by "<time>", "<count>" and "<line>". `error` is the `errno` of the report.
-std::string WarningReport(const std::string& unit, const std::string& type, int error, const std::string& description);
-/// `reports` with the same replacements.
-std::string WithoutVariables(const std::string& reports);
-
-/// From here on every fork of this process fails (with ENOMEM). False where the host refuses this. For RunInChild.
-bool MakeForksFail();
+/// How many times `part` stands in `text`.
+int CountOf(const std::string& text, const std::string& part);
 
 /// `text` with every match of a POSIX extended regular expression replaced.
 std::string Replaced(const std::string& text, const char* pattern, const std::string& with);

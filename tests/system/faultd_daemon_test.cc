@@ -34,14 +34,6 @@ bool IsGone(pid_t pid)
     return kill(pid, 0) != 0;
 }
 
-int CountOf(const std::string& text, const std::string& part)
-{
-    int count = 0;
-    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
-        count++;
-    return count;
-}
-
 // The value of a field of /proc/PID/status.
 std::string StatusOf(pid_t pid, const std::string& field)
 {

@@ -295,12 +295,9 @@ TEST_F(FaultdTest, ServesTwoClientsAtOnce)
                 const std::string file = directory.File(node + std::to_string(i));
                 WriteFile(file, Bytes(100000 + static_cast<size_t>(i), static_cast<unsigned>(node[0] + i)));
                 const std::string number = std::to_string(i);
-                if (Ctl({"raise", node, number, "t", "--attach", file}).exitCode != 0)
-                    _exit(1);
-                if (Ctl({"show", node, number, "--save", file + ".copy"}).exitCode != 0)
-                    _exit(2);
-                if (ReadFile(file) != ReadFile(file + ".copy"))
-                    _exit(3);
+                CHILD_CHECK(Ctl({"raise", node, number, "t", "--attach", file}).exitCode == 0);
+                CHILD_CHECK(Ctl({"show", node, number, "--save", file + ".copy"}).exitCode == 0);
+                CHILD_CHECK(ReadFile(file) == ReadFile(file + ".copy"));
             }
         }));
     for (pid_t client : clients)

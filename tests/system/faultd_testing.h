@@ -84,8 +84,7 @@ protected:
     void TearDown() override
     {
         if (server > 0) {
-            kill(server, SIGTERM);
-            WaitForExit(server);
+            EndChild(server, SIGTERM);
         }
     }
 

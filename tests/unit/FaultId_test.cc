@@ -21,22 +21,12 @@
 #include "Misc/buffer.h"
 #include "Misc/proginfo.h"
 #include "tests/support/failing_memory.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
 
 namespace {
-
-std::string Text(const CString& s)
-{
-    return static_cast<const char*>(s);
-}
-
-template <std::size_t N>
-std::string Bytes(const char (&literal)[N])
-{
-    return std::string(literal, N - 1);
-}
 
 // The writer of a 32-bit host in network order, byte by byte.
 std::string BE16(unsigned n)
@@ -59,20 +49,6 @@ std::string Wire(int32_t id, const std::string& node, const std::string& text)
     return BE32(static_cast<uint32_t>(id)) + Wire(node) + Wire(text);
 }
 
-std::string Dump(const FaultId& f)
-{
-    std::ostringstream os;
-    f.dumpOn(os);
-    return os.str();
-}
-
-std::string Dump(const FaultIdList& list)
-{
-    std::ostringstream os;
-    list.dumpOn(os);
-    return os.str();
-}
-
 // The dump of a list with these texts.
 std::string ListDump(const std::vector<std::string>& texts, int cursor = 0)
 {
@@ -81,12 +57,6 @@ std::string ListDump(const std::vector<std::string>& texts, int cursor = 0)
     for (const std::string& text : texts)
         dump += text + "\n";
     return dump;
-}
-
-// The whole report that `body` makes, with what varies replaced.
-std::string Report(const std::function<void()>& body)
-{
-    return WithoutVariables(CaptureStderr(body));
 }
 
 std::string ExpectedReport(int type, int error, const std::string& description)
@@ -108,11 +78,10 @@ TEST(FaultId, TheHostBetaGivesBeta)
     if (!InSandbox())
         GTEST_SKIP() << "would rename the host";
     const ChildResult child = RunInChild([] {
-        if (unshare(CLONE_NEWUTS) != 0 || sethostname("beta", 4) != 0)
-            _exit(77);
+        ChildNeeds(unshare(CLONE_NEWUTS) == 0 && sethostname("beta", 4) == 0);
         std::cout << static_cast<const char*>(FaultId(7, "")) << std::endl;
     });
-    if (child.exitCode == 77)
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no host name of its own";
     EXPECT_EQ(child.out, "beta/00000007\n");
 }
@@ -670,9 +639,9 @@ TEST(FaultIdList, AFileThatDoesNotOpenLeavesTheList)
     const char* path = "/nosuch/list";
     FaultIdList list(path);
     Fill(list, 2);
-    EXPECT_EQ(Report([&] { list.Load(); }), ExpectedReport(ErrorReporter::OPENING_FILE, ENOENT, path));
+    EXPECT_EQ(ReportsInFull([&] { list.Load(); }), ExpectedReport(ErrorReporter::OPENING_FILE, ENOENT, path));
     EXPECT_EQ(list.MyQuantity(), 2);
-    EXPECT_EQ(Report([&] { list.Save(); }), ExpectedReport(ErrorReporter::OPENING_FILE, ENOENT, path));
+    EXPECT_EQ(ReportsInFull([&] { list.Save(); }), ExpectedReport(ErrorReporter::OPENING_FILE, ENOENT, path));
     EXPECT_EQ(list.MyQuantity(), 2);
 }
 
@@ -704,7 +673,7 @@ TEST(FaultIdList, ATruncatedFileGivesWhatItHoldsAndAReport)
         const int descriptors = OpenDescriptors();
         errno = EDOM; // left behind by another call
         std::string report;
-        const std::string said = CaptureStdout([&] { report = Report([&] { list.Load(); }); });
+        const std::string said = CaptureStdout([&] { report = ReportsInFull([&] { list.Load(); }); });
         EXPECT_EQ(report, ExpectedReport(ErrorReporter::READING_FROM_FILE, 0, path));
         EXPECT_EQ(said, c.said);
         EXPECT_EQ(Dump(list), ListDump(c.texts));
@@ -726,8 +695,10 @@ TEST(FaultIdList, ADirectoryCannotBeReadOrWritten)
 {
     TemporaryDirectory directory;
     FaultIdList list(directory.Path().c_str());
-    EXPECT_EQ(Report([&] { list.Load(); }), ExpectedReport(ErrorReporter::READING_FROM_FILE, EISDIR, directory.Path()));
-    EXPECT_EQ(Report([&] { list.Save(); }), ExpectedReport(ErrorReporter::OPENING_FILE, EISDIR, directory.Path()));
+    EXPECT_EQ(ReportsInFull([&] { list.Load(); }),
+              ExpectedReport(ErrorReporter::READING_FROM_FILE, EISDIR, directory.Path()));
+    EXPECT_EQ(ReportsInFull([&] { list.Save(); }),
+              ExpectedReport(ErrorReporter::OPENING_FILE, EISDIR, directory.Path()));
 }
 
 TEST(FaultIdList, AFullDiskIsReported)
@@ -735,9 +706,9 @@ TEST(FaultIdList, AFullDiskIsReported)
     FaultIdList list("/dev/full");
     Fill(list, 2);
     const int descriptors = OpenDescriptors();
-    EXPECT_EQ(Report([&] { list.Save(); }), ExpectedReport(ErrorReporter::WRITING_TO_FILE, ENOSPC, "/dev/full"));
+    EXPECT_EQ(ReportsInFull([&] { list.Save(); }), ExpectedReport(ErrorReporter::WRITING_TO_FILE, ENOSPC, "/dev/full"));
     Fill(list, 2000); // more than a stream's buffer
-    EXPECT_EQ(Report([&] { list.Save(); }), ExpectedReport(ErrorReporter::WRITING_TO_FILE, ENOSPC, "/dev/full"));
+    EXPECT_EQ(ReportsInFull([&] { list.Save(); }), ExpectedReport(ErrorReporter::WRITING_TO_FILE, ENOSPC, "/dev/full"));
     EXPECT_EQ(OpenDescriptors(), descriptors);
     EXPECT_EQ(list.MyQuantity(), 2000);
 }
@@ -755,7 +726,7 @@ TEST(FaultIdList, AFullListRefusesOneMoreWithAReport)
     list.Load();
     ASSERT_EQ(list.MyQuantity(), 32767);
     EXPECT_EQ(CaptureStderr([&] { list.AddFaultId(*list.GetNext()); }), "") << "a duplicate is no loss";
-    EXPECT_EQ(Report([&] { list.AddFaultId(FaultId(1, "beta")); }),
+    EXPECT_EQ(ReportsInFull([&] { list.AddFaultId(FaultId(1, "beta")); }),
               ExpectedReport(ErrorReporter::TOO_MANY_FAULTS, 0, "beta/00000001"));
     EXPECT_EQ(list.MyQuantity(), 32767);
     list.Save();
@@ -778,14 +749,14 @@ TEST(FaultIdList, WithoutMemoryForItsArrayTheQuantityIsMinusOne)
     std::unique_ptr<FaultIdList> list;
     {
         const MemoryFailure failure = MemoryFailure::OfSize(sizeof(FaultIdSafeArray), NewObject);
-        EXPECT_EQ(Report([&] { list = std::make_unique<FaultIdList>(path.c_str()); }), report);
+        EXPECT_EQ(ReportsInFull([&] { list = std::make_unique<FaultIdList>(path.c_str()); }), report);
         EXPECT_EQ(list->MyQuantity(), -1);
         EXPECT_EQ(list->GetNext(), nullptr);
         list->DeleteOne(FaultId(1, "n"));
         EXPECT_EQ(Dump(*list), "");
         list->Save();
         EXPECT_EQ(ReadFile(path), BE16(0xFFFF));
-        EXPECT_EQ(Report([&] { list->AddFaultId(FaultId(1, "n")); }), report);
+        EXPECT_EQ(ReportsInFull([&] { list->AddFaultId(FaultId(1, "n")); }), report);
         EXPECT_EQ(list->MyQuantity(), -1);
     }
     list->AddFaultId(FaultId(1, "n"));
@@ -800,7 +771,7 @@ TEST(FaultIdList, WithoutMemoryForAnElementTheListStays)
     Fill(list, 1);
     const FaultId f(2, "n");
     const MemoryFailure failure = MemoryFailure::OfSize(sizeof(FaultId), NewObject);
-    EXPECT_EQ(Report([&] { list.AddFaultId(f); }),
+    EXPECT_EQ(ReportsInFull([&] { list.AddFaultId(f); }),
               ExpectedReport(ErrorReporter::OUT_OF_MEMORY, ENOMEM, "orvlaf: out of free store"));
     EXPECT_EQ(Dump(list), ListDump({"n/00000001"}));
 }

@@ -2,6 +2,7 @@
 
 #include "Misc/Error.h"
 #include "Misc/cstring.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
 #include <cerrno>
@@ -19,8 +20,11 @@
 
 #include <gtest/gtest.h>
 
+using testing_support::BufferOf;
+using testing_support::Bytes;
 using testing_support::CaptureStderr;
 using testing_support::ChildResult;
+using testing_support::HexDump;
 using testing_support::MemoryLimit;
 using testing_support::ReportField;
 using testing_support::RunInChild;
@@ -32,18 +36,6 @@ const unsigned Most = 4294967295u;
 const char* Raw(const Buffer& b)
 {
     return static_cast<const char*>(b.operator const void*());
-}
-
-std::string Bytes(const Buffer& b)
-{
-    return b.Size() == 0 ? std::string() : std::string(Raw(b), b.Size());
-}
-
-Buffer BufferOf(const std::string& bytes)
-{
-    Buffer b;
-    b.Append(bytes.data(), static_cast<unsigned>(bytes.size()));
-    return b;
 }
 
 TEST(Buffer, Empty)
@@ -381,13 +373,6 @@ TEST(BufferBlock, Write)
     EXPECT_EQ(Written('\0' + block + block, 1), std::make_pair(std::string(), (Sizes{0, 0, 0, 0})));
 }
 
-std::string HexDump(const std::string& bytes)
-{
-    std::ostringstream out;
-    Buffer::hexdumpOn(bytes.data(), static_cast<unsigned>(bytes.size()), out);
-    return out.str();
-}
-
 TEST(BufferHexDump, ToAStream)
 {
     EXPECT_EQ(HexDump(""), "HexDump for 0 (0000) bytes\n0000:  \n");
@@ -520,7 +505,7 @@ bool HoldsWithLittleMemory(bool (*body)())
 {
     const ChildResult child = RunInChild([body] {
         const MemoryLimit limit(250 << 20);
-        _Exit(body() ? 0 : 1);
+        CHILD_CHECK(body());
     });
     return child.exitCode == 0;
 }

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/stack_overflow.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
@@ -108,8 +109,7 @@ TEST(MappingOf, KeepsErrnoAndLeavesNoDescriptor)
 TEST(MappingOf, FailsWithoutADescriptor)
 {
     EXPECT_EQ(RunInChild([] {
-                  const struct rlimit none = {0, 0};
-                  setrlimit(RLIMIT_NOFILE, &none);
+                  LimitDescriptors(0);
                   uintptr_t low, high;
                   errno = EXDEV;
                   const int result = svr4::mapping_of(Address(&low), &low, &high);
@@ -222,30 +222,10 @@ TEST(CaptureSignal, TheHandlerMayReturn)
 
 sigjmp_buf back;
 
-// An overflow of the stack by real recursion, through a pointer that the compiler cannot see through. Frames that a
-// jump leaves behind must not stay marked for AddressSanitizer.
-__attribute__((no_sanitize("address"))) int Overflow(int n);
-int (*volatile again)(int) = Overflow;
-
-int Overflow(int n)
-{
-    volatile char block[4096];
-    block[n % 4096] = static_cast<char>(n);
-    return again(n + 1) + block[n % 4096];
-}
-
-void SmallStack()
-{
-    struct rlimit limit;
-    getrlimit(RLIMIT_STACK, &limit);
-    limit.rlim_cur = 1024 * 1024;
-    setrlimit(RLIMIT_STACK, &limit);
-}
-
 TEST(CaptureSignal, AnOverflowOfTheStackIsHandled)
 {
     const ChildResult result = RunInChild([] {
-        SmallStack();
+        LimitStack();
         svr4::use_alternate_stack();
         svr4::capture_signal(SIGSEGV, [](int) {
             svr4::SignalledContext context;
@@ -260,7 +240,7 @@ TEST(CaptureSignal, AnOverflowOfTheStackIsHandled)
                 _exit(3);
             _exit(0);
         });
-        Overflow(1);
+        OverflowStack(1);
     });
     EXPECT_EQ(result.exitCode, 0);
 }
@@ -268,7 +248,7 @@ TEST(CaptureSignal, AnOverflowOfTheStackIsHandled)
 TEST(CaptureSignal, AnOverflowOfTheAlternateStackIsHandledOnTheReserveStack)
 {
     const ChildResult result = RunInChild([] {
-        SmallStack();
+        LimitStack();
         svr4::use_alternate_stack();
         svr4::capture_signal(SIGSEGV, [](int) {
             struct sigaction action = {};
@@ -282,10 +262,10 @@ TEST(CaptureSignal, AnOverflowOfTheAlternateStackIsHandledOnTheReserveStack)
             sigprocmask(SIG_UNBLOCK, &own, nullptr);
             for (volatile int i = 0; i < 3; i = i + 1)
                 if (sigsetjmp(back, 1) == 0)
-                    Overflow(1);
+                    OverflowStack(1);
             _exit(5);
         });
-        Overflow(1);
+        OverflowStack(1);
     });
     EXPECT_EQ(result.exitCode, 5) << result.err;
 }

@@ -3,6 +3,7 @@
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "tests/support/failing_memory.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
 #include <csignal>
@@ -15,8 +16,10 @@
 
 #include <gtest/gtest.h>
 
+using testing_support::BufferOf;
 using testing_support::CaptureStdout;
 using testing_support::ChildResult;
+using testing_support::Dump;
 using testing_support::MemoryFailure;
 using testing_support::NewArray;
 using testing_support::NewObject;
@@ -41,13 +44,6 @@ std::string Str(const CString& s)
     return Text(s);
 }
 
-std::string Dump(const CString& s)
-{
-    std::ostringstream os;
-    s.dumpOn(os);
-    return os.str();
-}
-
 int Users(const CString& s)
 {
     return std::atoi(Dump(s).c_str() + std::strlen("CStringRep::dumpOn() \ncount <"));
@@ -60,14 +56,7 @@ std::string Streamed(const CString& s)
         ZELostream out(b);
         out << s;
     }
-    return std::string(static_cast<const char*>(b.operator const void*()), b.Size());
-}
-
-Buffer BufferOf(const std::string& bytes)
-{
-    Buffer b;
-    b.Append(bytes.data(), static_cast<unsigned>(bytes.size()));
-    return b;
+    return testing_support::Bytes(b);
 }
 
 TEST(CStringRep, Constructors)
@@ -174,7 +163,8 @@ TEST(CString, StaticStringsWorkBeforeAndAfterMain)
         static CString local("local");
         std::atexit([] {
             late = new CString; // made when some static strings are gone
-            std::_Exit(late->strlen() == 0 && *late == "" ? 0 : 1);
+            CHILD_CHECK(late->strlen() == 0 && *late == "");
+            std::_Exit(0);
         });
         std::exit(2);
     });
@@ -205,14 +195,13 @@ TEST(CString, TheEmptyRepresentationGoesWithItsLastUser)
         const auto allocationsOfAnEmptyString = [] {
             return testing_support::SizesAllocated(AnyAllocation, [] { CString s; }).size();
         };
-        if (allocationsOfAnEmptyString() != 0)
-            _Exit(1); // shared with globalEmpty
+        CHILD_CHECK(allocationsOfAnEmptyString() == 0); // shared with globalEmpty
         globalEmpty = "not empty";
-        if (allocationsOfAnEmptyString() != 2 || allocationsOfAnEmptyString() != 2)
-            _Exit(2); // made and freed each time
+        CHILD_CHECK(allocationsOfAnEmptyString() == 2); // made and freed each time
+        CHILD_CHECK(allocationsOfAnEmptyString() == 2);
         CString keeper;
-        if (Users(keeper) != 1 || allocationsOfAnEmptyString() != 0)
-            _Exit(3);
+        CHILD_CHECK(Users(keeper) == 1);
+        CHILD_CHECK(allocationsOfAnEmptyString() == 0);
     });
     EXPECT_EQ(child.exitCode, 0);
 }
@@ -743,14 +732,15 @@ TEST(CString, ThereIsAnEmptyStringEvenWithoutAnyMemory)
                 CString a;
                 const MemoryFailure ofAll = MemoryFailure::Of(AnyAllocation);
                 CString b("text");
-                if (a.strlen() != 0 || !(a == "") || Text(a) != Text(b))
-                    _Exit(1);
+                CHILD_CHECK(a.strlen() == 0);
+                CHILD_CHECK(a == "");
+                CHILD_CHECK(Text(a) == Text(b));
             }
             CString again;
             again += "x";
             CString other;
-            if (!(again == "x") || !(other == ""))
-                _Exit(2);
+            CHILD_CHECK(again == "x");
+            CHILD_CHECK(other == "");
         });
         EXPECT_EQ(child.exitCode, 0);
     }
@@ -988,13 +978,6 @@ TEST(CStringIter, SetupLineGivesTheNextPosition)
     EXPECT_EQ(Str(l), "cde");
     EXPECT_EQ(l.setupLine(4294967295u), 0u);
     EXPECT_EQ(l(), 0);
-}
-
-std::string Dump(const CStringBuff& b)
-{
-    std::ostringstream os;
-    b.dumpOn(os);
-    return os.str();
 }
 
 TEST(CStringBuff, CollectsInChunks)

@@ -117,8 +117,7 @@ TEST(Dsa, WorksBeforeMainAndListsAfterIt)
 {
     const std::string out = Printed([] {
         setenv("DSA_TEST_EARLY", "1", 1);
-        execl("/proc/self/exe", "dsa_test", static_cast<char*>(nullptr));
-        _exit(1);
+        Execute("/proc/self/exe", {});
     });
     EXPECT_EQ(out, Statistics(1, 0, 1, 1, 5, 5) + Start + Listed("early", 1) + End + Total(1, 0, 5));
 }
@@ -153,9 +152,10 @@ TEST(Dsa, ABlockHasItsHeaderAndItsTrailer)
             std::memcpy(words, p - 8, 8);
             std::memcpy(words + 2, p + size, 4);
             static uint32_t tag = 0;
-            if (words[0] != size || words[1] != ++tag || words[2] != 0xAABBCCDD ||
-                reinterpret_cast<uintptr_t>(p) % 8 != 0)
-                _exit(1);
+            CHILD_CHECK(words[0] == size);
+            CHILD_CHECK(words[1] == ++tag);
+            CHILD_CHECK(words[2] == 0xAABBCCDD);
+            CHILD_CHECK(reinterpret_cast<uintptr_t>(p) % 8 == 0);
             if (tag % 2 == 0)
                 DSA::free(p); // the tags go on all the same
         }
@@ -194,8 +194,7 @@ TEST(Dsa, ASizeNearFourGigabytesGivesNullAndIsCounted)
 {
     const std::string out = Printed([] {
         for (const unsigned size : {4294967295u, 4294967284u})
-            if (DSA::malloc(size) != nullptr)
-                _exit(1);
+            CHILD_CHECK(DSA::malloc(size) == nullptr);
         DSA::statistics();
         New("x");
         DSA::show_allocated_blocks();
@@ -210,8 +209,7 @@ TEST(Dsa, GivesNullWhenMemoryFailsAndCountsTheCall)
         GTEST_SKIP() << "memory cannot be limited here";
     const std::string out = Printed([] {
         const MemoryLimit limit(256 << 20);
-        if (DSA::malloc(1 << 30) != nullptr)
-            _exit(1);
+        CHILD_CHECK(DSA::malloc(1 << 30) == nullptr);
         DSA::statistics();
         New("x");
         DSA::show_allocated_blocks();

@@ -10,11 +10,8 @@
 #include <string>
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -158,32 +155,12 @@ std::string Reports(const std::string& errors)
         if (report.find("Id: eventmgr.cc,") != std::string::npos)
             reports += report;
     }
-    reports = Replaced(WithoutTimes(reports), "Count= [0-9]+", "Count= <n>");
-    reports = Replaced(reports, "Line= [0-9]+", "Line= <n>");
-    return Replaced(reports, "Error Code= [^\n]*", "Error Code= <errno>");
+    return Replaced(WithoutVariables(reports), "Error Code= [^\n]*", "Error Code= <errno>");
 }
 
 std::string Warning(const std::string& type, const std::string& description)
 {
-    return "\nErrorReporter: <time>  Total Error Count= <n>\n"
-           "  Program=/opt/orv/bin/evtest_program\n"
-           "  Severity Level=WARNING\n"
-           "  Error Type= " +
-           type +
-           "\n"
-           "  Error Code= <errno>\n"
-           "  Module= $Id: eventmgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n"
-           "  Line= <n>\n"
-           "  Description= " +
-           description + "\n\n";
-}
-
-int CountOf(const std::string& text, const std::string& part)
-{
-    int count = 0;
-    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
-        count++;
-    return count;
+    return DisplayedReport({"eventmgr", type, description, "WARNING", "<errno>", "/opt/orv/bin/evtest_program"});
 }
 
 const char NoChildren[] = "EventManager child process information:\n"
@@ -444,8 +421,9 @@ TEST_F(EventManagerTest, MainReturnsAtOnceWithoutAQueue)
     // The name is taken by a live server of another process.
     const ChildResult second = RunInChild([this] {
         TestManager manager(shared);
-        if (manager.InBasket().Created() || manager.main() != 0 || manager.EventCount != 0)
-            _exit(1);
+        CHILD_CHECK(!manager.InBasket().Created());
+        CHILD_CHECK(manager.main() == 0);
+        CHILD_CHECK(manager.EventCount == 0);
     });
     EXPECT_EQ(second.exitCode, 0);
     EXPECT_EQ(second.err, "") << "a second server reports nothing";
@@ -677,8 +655,9 @@ TEST_F(EventManagerTest, RunsACoprocess)
         case EventManager::parentP:
             wait(&status);
             shared->handled = WEXITSTATUS(status);
-            if (manager.isCoprocess() != 0 || manager.myPid != parent || !manager.InBasket().Created())
-                _exit(2);
+            CHILD_CHECK(manager.isCoprocess() == 0);
+            CHILD_CHECK(manager.myPid == parent);
+            CHILD_CHECK(manager.InBasket().Created());
             RunMain(manager);
             break;
         default: _exit(3);
@@ -729,26 +708,11 @@ TEST_F(EventManagerTest, TheCoprocessFlushesNothing)
     EXPECT_EQ(result.out, "written once");
 }
 
-/// From now on this process cannot fork.
-void ForbidForks()
-{
-    struct sock_filter rules[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    struct sock_fprog program = {sizeof rules / sizeof rules[0], rules};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
-        _exit(90);
-}
-
 TEST_F(EventManagerTest, ACoprocessThatCannotStartIsAFailure)
 {
     const ChildResult result = RunInChild([this] {
         TestManager manager(shared);
-        ForbidForks();
+        MakeCallsFail({SYS_clone, SYS_clone3}, EAGAIN);
         shared->handled = manager.InitiateCoprocess() == EventManager::failP && manager.isCoprocess() == 0 &&
                           manager.myPid == getpid();
     });
@@ -764,13 +728,13 @@ void LeaveFree(unsigned long target)
     struct statvfs disk;
     std::remove("/var/orv/data/filler");
     const int fd = open("/var/orv/data/filler", O_WRONLY | O_CREAT, 0600);
-    if (fd < 0 || fstatvfs(fd, &disk) != 0 || disk.f_blocks > 100000)
-        _exit(91);
-    if (posix_fallocate(fd, 0, static_cast<off_t>((disk.f_bfree - target) * disk.f_frsize)) != 0)
-        _exit(92);
+    CHILD_CHECK(fd >= 0);
+    CHILD_CHECK(fstatvfs(fd, &disk) == 0);
+    CHILD_CHECK(disk.f_blocks <= 100000);
+    CHILD_CHECK(posix_fallocate(fd, 0, static_cast<off_t>((disk.f_bfree - target) * disk.f_frsize)) == 0);
     close(fd);
-    if (statvfs("/var", &disk) != 0 || disk.f_bfree != target)
-        _exit(93);
+    CHILD_CHECK(statvfs("/var", &disk) == 0);
+    CHILD_CHECK(disk.f_bfree == target);
 }
 
 /// The least number of free blocks that is 10 percent.
@@ -815,21 +779,18 @@ TEST_F(EventManagerTest, BelowTenPercentIsFull)
         LeaveFree(limit);
         std::cerr.setstate(std::ios::badbit);
         check(0, 1);
-        if (!std::cerr.good())
-            _exit(2); // room again clears the suspicions
+        CHILD_CHECK(std::cerr.good()); // room again clears the suspicions
         LeaveFree(limit - 1);
         check(0, 3); // no suspicion, no look
         std::cerr.setstate(std::ios::failbit);
         check(1, 4);
-        if (std::cerr.good())
-            _exit(5);
+        CHILD_CHECK(!std::cerr.good());
         std::cerr.clear();
         check(1, 6); // looked at again because it was full
         LeaveFree(limit);
         FailWithNoSpace();
         check(0, 7); // and the recovery is reported
-        if (ErrorReporter::GetErrorCode() != 0)
-            _exit(8);
+        CHILD_CHECK(ErrorReporter::GetErrorCode() == 0);
         check(0, 9); // without a look
     });
     EXPECT_EQ(result.exitCode, 0);
@@ -855,15 +816,12 @@ TEST_F(EventManagerTest, TheTimeOfFullnessIsWhenItWasFirstSeen)
         TestManager manager(shared);
         LeaveFree(limit - 1);
         FailWithNoSpace();
-        if (manager.FileSystemFull() != 1)
-            _exit(1);
+        CHILD_CHECK(manager.FileSystemFull() == 1);
         shared->eventCount = Dates::CurrentTime();
         sleep(2);
-        if (manager.FileSystemFull() != 1)
-            _exit(2);
+        CHILD_CHECK(manager.FileSystemFull() == 1);
         LeaveFree(limit);
-        if (manager.FileSystemFull() != 0)
-            _exit(3);
+        CHILD_CHECK(manager.FileSystemFull() == 0);
     });
     EXPECT_EQ(result.exitCode, 0);
     const std::string text = ReportField(result.err, "  Description= File system full detected at ");
@@ -878,14 +836,12 @@ TEST_F(EventManagerTest, ADiskThatCannotBeAskedIsFull)
         TestManager manager(shared);
         TemporaryDirectory empty; // no /var in there
         const int root = open("/", O_RDONLY);
-        if (chroot(empty.Path().c_str()) != 0)
-            _exit(1);
+        CHILD_CHECK(chroot(empty.Path().c_str()) == 0);
         std::cerr.setstate(std::ios::badbit);
         const int full = manager.FileSystemFull();
-        if (fchdir(root) != 0 || chroot(".") != 0)
-            _exit(2);
-        if (full != 1)
-            _exit(3);
+        CHILD_CHECK(fchdir(root) == 0);
+        CHILD_CHECK(chroot(".") == 0);
+        CHILD_CHECK(full == 1);
     });
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(WithoutTimes(result.out), "<time> can't statvfs /var\n");

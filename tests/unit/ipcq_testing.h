@@ -187,16 +187,6 @@ struct Client : IPCQClient {
     }
 };
 
-/// In a child process: ends it with exit code 1 and a line that says where, when `condition` does not hold.
-#define CHILD_CHECK(condition) ((condition) ? void() : ipcq_testing::ChildFailed(#condition, __FILE__, __LINE__))
-
-[[noreturn]] inline void ChildFailed(const char* what, const char* file, int line)
-{
-    std::fprintf(stderr, "%s:%d: in a child process: %s (errno %d)\n", file, line, what, errno);
-    std::fflush(stderr);
-    _exit(1);
-}
-
 /// Starts a server process and waits until it can be reached.
 inline pid_t StartServer(const std::string& name, const std::function<void(Server&)>& body)
 {

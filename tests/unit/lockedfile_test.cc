@@ -67,16 +67,8 @@ std::string Content(long pid)
     return content;
 }
 
-// The id of a process that is no more.
-long DeadProcess()
-{
-    const pid_t pid = StartChild([] {});
-    WaitForExit(pid);
-    return pid;
-}
-
 // Root without its privileges: the permissions of files hold for this process from now on.
-bool DropPrivileges()
+bool DropCapabilities()
 {
     struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     struct __user_cap_data_struct none[2] = {};
@@ -251,12 +243,11 @@ TEST_F(LockTest, TheLeadingNumberOfALiveProcessIsAnOwner)
     }
 }
 
-// Runs `body` as the first process of a process id namespace of its own; its exit code. 77 where that is refused.
+// Runs `body` as the first process of a process id namespace of its own; its exit code.
 int RunAsProcessOne(const std::function<void()>& body)
 {
     const ChildResult outside = RunInChild([&] {
-        if (unshare(CLONE_NEWPID) != 0)
-            _exit(77);
+        ChildNeeds(unshare(CLONE_NEWPID) == 0);
         const pid_t one = StartChild(body);
         _exit(WaitForExit(one));
     });
@@ -267,21 +258,15 @@ TEST_F(LockTest, TheFirstTwoProcessesOwnNoLocksAlthoughTheyExist)
 {
     const int code = RunAsProcessOne([&] {
         for (const pid_t expected : {2, 3}) // killed when process 1 ends
-            if (StartChild([] {
-                    for (;;)
-                        pause();
-                }) != expected)
-                _exit(10);
+            CHILD_CHECK(IdleProcess() == expected);
         for (const long id : {0, 1, 2}) {
             WriteFile(lock, Content(id));
-            if (!LockFile(name, 0).Locked())
-                _exit(20 + static_cast<int>(id));
+            CHILD_CHECK(LockFile(name, 0).Locked());
         }
         WriteFile(lock, Content(3));
-        if (LockFile(name, 0).Locked())
-            _exit(23);
+        CHILD_CHECK(!LockFile(name, 0).Locked());
     });
-    if (code == 77)
+    if (code == NotPossibleHere)
         GTEST_SKIP() << "the host refuses process id namespaces";
     EXPECT_EQ(code, 0);
 }
@@ -358,28 +343,19 @@ TEST_F(LockTest, AStaleLockThatCannotBeDeletedOrOpenedIsAFailure)
     WriteFile(lock, Content(1));
     chmod(lock.c_str(), 0666);
     chmod(directory.Path().c_str(), 0555);
-    const ChildResult undeletable = RunInChild(
-        [&] {
-            if (!DropPrivileges())
-                _exit(2);
-            LockFile refused(name, 0);
-            _exit(refused.Locked());
-        },
-        20);
+    const auto lockWithoutCapabilities = [&] {
+        CHILD_CHECK(DropCapabilities());
+        LockFile refused(name, 0);
+        _exit(refused.Locked());
+    };
+    const ChildResult undeletable = RunInChild(lockWithoutCapabilities, 20);
     chmod(directory.Path().c_str(), 0755);
     EXPECT_EQ(undeletable.exitCode, 0) << undeletable.signal;
     EXPECT_EQ(undeletable.err, "");
     EXPECT_EQ(ReadFile(lock), Content(1));
 
     chmod(lock.c_str(), 0444);
-    const ChildResult unwritable = RunInChild(
-        [&] {
-            if (!DropPrivileges())
-                _exit(2);
-            LockFile refused(name, 0);
-            _exit(refused.Locked());
-        },
-        20);
+    const ChildResult unwritable = RunInChild(lockWithoutCapabilities, 20);
     EXPECT_EQ(unwritable.exitCode, 0) << unwritable.signal;
     EXPECT_EQ(ReadFile(lock), Content(1));
 }
@@ -390,17 +366,15 @@ TEST_F(LockTest, DescriptorZeroServesTheCreationButNotTheExamination)
         close(0);
         {
             LockFile held(name, 0);
-            if (held.Locked() != 1 || ReadFile(lock) != Content(getpid()))
-                _exit(1);
+            CHILD_CHECK(held.Locked() == 1);
+            CHILD_CHECK(ReadFile(lock) == Content(getpid()));
         }
-        if (Exists(lock))
-            _exit(2);
+        CHILD_CHECK(!Exists(lock));
         WriteFile(lock, Content(1));
         LockFile refused(name, 0);
-        if (refused.Locked() || ReadFile(lock) != Content(1))
-            _exit(3);
-        if (fcntl(0, F_GETFD) != -1)
-            _exit(4); // left open
+        CHILD_CHECK(!refused.Locked());
+        CHILD_CHECK(ReadFile(lock) == Content(1));
+        CHILD_CHECK(fcntl(0, F_GETFD) == -1); // left open
     });
     EXPECT_EQ(child.exitCode, 0) << child.err;
 }
@@ -410,11 +384,10 @@ TEST_F(LockTest, ADescriptorOfZeroIsOneForTheProtectedFile)
     const ChildResult child = RunInChild([&] {
         close(0);
         LockedFileDesc held(name, 0, 0600);
-        if (held.fd() != 0 || held.Locked() != 1)
-            _exit(1);
+        CHILD_CHECK(held.fd() == 0);
+        CHILD_CHECK(held.Locked() == 1);
         held.Cleanup();
-        if (fcntl(0, F_GETFD) != -1)
-            _exit(2);
+        CHILD_CHECK(fcntl(0, F_GETFD) == -1);
     });
     EXPECT_EQ(child.exitCode, 0) << child.err;
 }
@@ -469,17 +442,14 @@ TEST_F(LockTest, AForkedChildLeavesTheLockOfItsParent)
     LockedFileDesc held(name, 0, 0600);
     const ChildResult child = RunInChild([&] {
         held.Cleanup();
-        if (held.Locked() || held.fd() != -1)
-            _exit(1);
+        CHILD_CHECK(!held.Locked());
+        CHILD_CHECK(held.fd() == -1);
         held.~LockedFileDesc();
     });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(ReadFile(lock), Content(getpid()));
 
-    const pid_t terminated = StartChild([] {
-        for (;;)
-            pause();
-    });
+    const pid_t terminated = IdleProcess();
     kill(terminated, SIGTERM);
     EXPECT_EQ(WaitForExit(terminated), 0);
     EXPECT_EQ(ReadFile(lock), Content(getpid()));
@@ -579,10 +549,8 @@ TEST_F(LockTest, WithoutADescriptorTheLockIsReleased)
 // these stops; from there on it stays stopped. Its id; 0 when the child ended before, -1 where tracing is refused.
 pid_t StartUpTo(const std::function<bool()>& isThere, const std::function<void()>& body)
 {
-    const int refused = 77;
     const pid_t pid = StartChild([&] {
-        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
-            _exit(refused);
+        ChildNeeds(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == 0);
         raise(SIGSTOP);
         body();
     });
@@ -592,7 +560,7 @@ pid_t StartUpTo(const std::function<bool()>& isThere, const std::function<void()
             return pid;
         ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
     }
-    return WIFEXITED(status) && WEXITSTATUS(status) == refused ? -1 : 0;
+    return WIFEXITED(status) && WEXITSTATUS(status) == NotPossibleHere ? -1 : 0;
 }
 
 // Lets a child that stopped go on to its end; its exit code.

@@ -23,7 +23,6 @@ static struct EarlyAndLateUser {
 
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <iostream>
@@ -33,13 +32,9 @@ static struct EarlyAndLateUser {
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <netdb.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -69,20 +64,6 @@ namespace {
 
 const char NodesFile[] = "/var/orv/data/orvnodes.dat";
 
-// From here on the system refuses this process and its children the call `number` with `error`.
-void Refuse(unsigned number, unsigned error)
-{
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {static_cast<unsigned short>(sizeof program / sizeof *program), program};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-        _exit(77);
-}
-
 // ---- Descriptors
 
 TEST(NumberOfOpenFiles, CountsTheDescriptorsBelow60)
@@ -92,8 +73,7 @@ TEST(NumberOfOpenFiles, CountsTheDescriptorsBelow60)
             close(fd);
         std::printf("%d", NumberOfOpenFiles());
         for (const int fd : {3, 59, 60, 61})
-            if (dup2(1, fd) != fd)
-                _exit(1);
+            CHILD_CHECK(dup2(1, fd) == fd);
         std::printf(" %d", NumberOfOpenFiles());
         close(0);
         std::printf(" %d\n", NumberOfOpenFiles());
@@ -140,11 +120,11 @@ TEST_F(RedirectTest, PointsTheThreeAtAFreshFile)
         std::fflush(stdout);
         std::cerr << "err\n";
         std::cout << "out" << std::endl;
-        if (write(0, "in\n", 3) != 3)
-            _exit(1);
+        CHILD_CHECK(write(0, "in\n", 3) == 3);
         char c;
-        if (read(0, &c, 1) != -1 || errno != EBADF || (fcntl(0, F_GETFL) & (O_APPEND | O_ACCMODE)) != O_WRONLY)
-            _exit(2);
+        CHILD_CHECK(read(0, &c, 1) == -1);
+        CHILD_CHECK(errno == EBADF);
+        CHILD_CHECK((fcntl(0, F_GETFL) & (O_APPEND | O_ACCMODE)) == O_WRONLY);
     });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.out, "buffered before\n");
@@ -159,11 +139,9 @@ TEST_F(RedirectTest, PointsTheThreeAtAFreshFile)
 TEST_F(RedirectTest, TwiceLeavesTheFirstLogAsOld)
 {
     const ChildResult child = RunInChild([this] {
-        if (Redirect(0) != 0)
-            _exit(1);
+        CHILD_CHECK(Redirect(0) == 0);
         std::cout << "first\n";
-        if (Redirect(0) != 0)
-            _exit(2);
+        CHILD_CHECK(Redirect(0) == 0);
     });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(ReadFile(old), "first\n");
@@ -176,13 +154,11 @@ TEST_F(RedirectTest, AppendGoesToTheEndOfTheFile)
     WriteFile(log, "earlier\n");
     const ChildResult child = RunInChild([this] {
         errno = EDOM;
-        if (Redirect(1) != 0 || errno != EDOM)
-            _exit(1);
+        CHILD_CHECK(Redirect(1) == 0);
+        CHILD_CHECK(errno == EDOM);
         WriteFile(log, "cut\n"); // output goes to the end also when another writes meanwhile
         std::cout << "out\n";
-        if (fcntl(0, F_GETFL) & O_APPEND)
-            return;
-        _exit(2);
+        CHILD_CHECK(fcntl(0, F_GETFL) & O_APPEND);
     });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(ReadFile(log), "cut\nout\n");
@@ -192,8 +168,7 @@ TEST_F(RedirectTest, AppendGoesToTheEndOfTheFile)
 TEST_F(RedirectTest, AppendMakesAFileToo)
 {
     const ChildResult child = RunInChild([this] {
-        if (Redirect(-1) != 0)
-            _exit(1);
+        CHILD_CHECK(Redirect(-1) == 0);
         std::cout << "out\n";
     });
     EXPECT_EQ(child.exitCode, 0);
@@ -204,7 +179,7 @@ TEST_F(RedirectTest, ARenameThatFailsIsSilent)
 {
     ASSERT_EQ(mkdir(old.c_str(), 0755), 0);
     WriteFile(log, "earlier\n");
-    const ChildResult child = RunInChild([this] { _exit(Redirect(0) == 0 ? 0 : 1); });
+    const ChildResult child = RunInChild([this] { CHILD_CHECK(Redirect(0) == 0); });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.out + child.err, "");
     EXPECT_EQ(ReadFile(log), "") << "the file is cut all the same";
@@ -226,13 +201,12 @@ TEST_F(RedirectTest, ADescriptorThatCannotBeRedirected)
 {
     // The system has no descriptors from the limit on.
     for (const auto& [limit, text] :
-         std::vector<std::pair<rlim_t, std::string>>{{0, "Error opening log file.: Too many open files\n"},
-                                                     {1, "Error redirecting stdout.: Bad file descriptor\n"},
-                                                     {2, "Error redirecting stderr.: Bad file descriptor\n"}}) {
-        const rlimit few = {limit, limit};
-        const ChildResult child = RunInChild([few, name = log.c_str()] {
-            setrlimit(RLIMIT_NOFILE, &few);
-            _exit(redirectoutput(name, 1) == -1 ? 0 : 1);
+         std::vector<std::pair<unsigned long, std::string>>{{0, "Error opening log file.: Too many open files\n"},
+                                                            {1, "Error redirecting stdout.: Bad file descriptor\n"},
+                                                            {2, "Error redirecting stderr.: Bad file descriptor\n"}}) {
+        const ChildResult child = RunInChild([limit = limit, name = log.c_str()] {
+            LimitDescriptors(limit);
+            CHILD_CHECK(redirectoutput(name, 1) == -1);
         });
         EXPECT_EQ(child.exitCode, 0);
         EXPECT_EQ(child.err, text);
@@ -244,10 +218,10 @@ TEST_F(RedirectTest, AnInputThatCannotBeRedirected)
 {
 #ifdef SYS_dup2
     const ChildResult child = RunInChild([this] {
-        Refuse(SYS_dup2, EBUSY);
-        _exit(Redirect(1) == -1 ? 0 : 1);
+        MakeCallsFail({SYS_dup2}, EBUSY);
+        CHILD_CHECK(Redirect(1) == -1);
     });
-    if (child.exitCode == 77)
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no system call filters here";
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.err, "Error redirecting stdin.: Device or resource busy\n");
@@ -267,8 +241,7 @@ ChildResult RunDaemon(const std::function<void()>& body)
     if (pipe(ends) != 0)
         std::abort();
     const ChildResult child = RunInChild([&] {
-        if (fcntl(ends[1], F_DUPFD, 100) < 0)
-            _exit(99);
+        CHILD_CHECK(fcntl(ends[1], F_DUPFD, 100) >= 0);
         close(ends[1]);
         body();
         std::cout.flush();
@@ -311,9 +284,7 @@ void TellState(short result, int error)
 // Prints what becomes of a child that ends: nothing is left to wait for.
 void TellChild()
 {
-    const pid_t pid = fork();
-    if (pid == 0)
-        _exit(3);
+    const pid_t pid = StartChild([] {});
     const pid_t waited = waitpid(pid, nullptr, 0);
     const int error = errno;
     std::printf("child %d %d %d\n", waited == -1, error == ECHILD, kill(pid, 0) == -1 && errno == ESRCH);
@@ -324,12 +295,14 @@ void TellChild()
 void GetTerminal()
 {
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
-    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 || setsid() < 0)
-        _exit(97);
+    CHILD_CHECK(master >= 0);
+    CHILD_CHECK(grantpt(master) == 0);
+    CHILD_CHECK(unlockpt(master) == 0);
+    CHILD_CHECK(setsid() >= 0);
     fcntl(master, F_DUPFD, 100); // what closes the last one hangs the terminal up
     const int slave = open(ptsname(master), O_RDWR);
-    if (slave < 0 || (ioctl(slave, TIOCSCTTY, 0), open("/dev/tty", O_RDWR)) < 0)
-        _exit(96);
+    CHILD_CHECK(slave >= 0);
+    CHILD_CHECK((ioctl(slave, TIOCSCTTY, 0), open("/dev/tty", O_RDWR)) >= 0);
 }
 
 class DaemonTest : public RedirectTest {};
@@ -368,8 +341,7 @@ TEST_F(DaemonTest, LeavesTerminalSessionAndParent)
 TEST_F(DaemonTest, CanNeverGetATerminalAgain)
 {
     const ChildResult child = RunDaemon([this] {
-        if (daemonize(log.c_str(), 0) != 0)
-            _exit(1);
+        CHILD_CHECK(daemonize(log.c_str(), 0) == 0);
         const int master = posix_openpt(O_RDWR | O_NOCTTY);
         grantpt(master);
         unlockpt(master);
@@ -463,8 +435,7 @@ TEST_F(DaemonTest, AChildOfProcessOneIsADaemonAlready)
     const ChildResult child = RunDaemon([&] {
         if (fork() != 0)
             _exit(0);
-        if (!WaitUntil([] { return getppid() == 1; }))
-            _exit(1);
+        CHILD_CHECK(WaitUntil([] { return getppid() == 1; }));
         umask(027);
         const pid_t before = getpid();
         const pid_t group = getpgrp();
@@ -495,8 +466,7 @@ TEST_F(DaemonTest, AChildOfProcessOneIsTold)
     RunDaemon([&] {
         if (fork() != 0)
             _exit(0);
-        if (!WaitUntil([] { return getppid() == 1; }))
-            _exit(1);
+        CHILD_CHECK(WaitUntil([] { return getppid() == 1; }));
         dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0644), 2);
         daemonize(nullptr, 0);
     });
@@ -506,14 +476,14 @@ TEST_F(DaemonTest, AChildOfProcessOneIsTold)
 TEST_F(DaemonTest, AForkThatFails)
 {
     const ChildResult child = RunDaemon([this] {
-        Refuse(SYS_clone, EAGAIN);
+        MakeCallsFail({SYS_clone}, EAGAIN);
         const int before = NumberOfOpenFiles();
         std::printf("%d", daemonize(log.c_str(), 0));
         sigset_t blocked;
         sigprocmask(SIG_SETMASK, nullptr, &blocked);
         std::printf(" %d %d\n", before - NumberOfOpenFiles(), sigismember(&blocked, SIGHUP));
     });
-    if (child.exitCode == 77)
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no system call filters here";
     EXPECT_EQ(child.out, "-1 0 0\n");
     EXPECT_EQ(child.err, "Can't fork first child: Resource temporarily unavailable\n");
@@ -522,13 +492,13 @@ TEST_F(DaemonTest, AForkThatFails)
 
 TEST_F(DaemonTest, ASecondForkThatFails)
 {
-    if (RunInChild([] { Refuse(SYS_clone, EAGAIN); }).exitCode == 77)
+    if (RunInChild([] { MakeCallsFail({SYS_clone}, EAGAIN); }).exitCode == NotPossibleHere)
         GTEST_SKIP() << "no system call filters here";
     const std::string told = directory.File("told");
     const std::string err = directory.File("err");
     const ChildResult child = RunDaemon([&] {
         dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0644), 2);
-        pthread_atfork(nullptr, nullptr, [] { Refuse(SYS_clone, EAGAIN); }); // in the first child
+        pthread_atfork(nullptr, nullptr, [] { MakeCallsFail({SYS_clone}, EAGAIN); }); // in the first child
         const int before = NumberOfOpenFiles();
         const short result = daemonize(log.c_str(), 0);
         WriteFile(told, std::to_string(result) + " " + std::to_string(before - NumberOfOpenFiles()) + " " +
@@ -546,11 +516,11 @@ TEST_F(DaemonTest, ASessionThatCannotBeMade)
     const std::string err = directory.File("err");
     const ChildResult child = RunDaemon([&] {
         dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0644), 2);
-        Refuse(SYS_setsid, EPERM);
+        MakeCallsFail({SYS_setsid}, EPERM);
         const short result = daemonize(log.c_str(), 0);
         WriteFile(told, std::to_string(result) + " " + std::to_string(Ignored(SIGHUP)));
     });
-    if (child.exitCode == 77)
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no system call filters here";
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(ReadFile(told), "-2 0");
@@ -624,10 +594,7 @@ std::string Told(const std::function<void()>& body)
 // A report with everything that changes taken out.
 std::string Report(int count, const char* severity, const char* type, const char* code, const std::string& description)
 {
-    return "\nErrorReporter: <time>  Total Error Count= " + std::to_string(count) +
-           "\n  Program=/opt/orv/bin/orvd\n  Severity Level=" + severity + "\n  Error Type= " + type +
-           "\n  Error Code= " + code + "\n  Module= $Id: misc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $\n  Line= <line>" +
-           "\n  Description= " + description + "\n\n";
+    return DisplayedReport({"misc", type, description, severity, code, "/opt/orv/bin/orvd", std::to_string(count)});
 }
 
 std::string Reports(const std::string& err)
@@ -1078,8 +1045,7 @@ TEST_F(NodesTest, WorksBeforeMainAndAfterIt)
     SetNodes("beta full\n", 1000);
     const ChildResult child = RunInChild([] {
         setenv("MISC_TEST_STATICS", "1", 1);
-        execl("/proc/self/exe", "misc_test", "--gtest_filter=none", static_cast<char*>(nullptr));
-        _exit(1);
+        Execute("/proc/self/exe", {"--gtest_filter=none"});
     });
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.out.find("1 none\n"), 0u) << child.out;

@@ -25,6 +25,7 @@
 
 #include "Misc/crash/stackdump.h"
 #include "Misc/proginfo.h"
+#include "tests/support/stack_overflow.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
@@ -388,23 +389,6 @@ UNCHECKED void DivideByZero()
     quotient = dividend / zero;
 }
 
-UNCHECKED int Overflow(int n);
-int (*volatile overflowAgain)(int) = Overflow;
-int Overflow(int n)
-{
-    volatile char block[4096];
-    block[n % 4096] = static_cast<char>(n);
-    return overflowAgain(n + 1) + block[n % 4096];
-}
-
-void SmallStack()
-{
-    struct rlimit limit;
-    getrlimit(RLIMIT_STACK, &limit);
-    limit.rlim_cur = 1024 * 1024;
-    setrlimit(RLIMIT_STACK, &limit);
-}
-
 struct Fault {
     const char* name;
     int sig;
@@ -486,7 +470,7 @@ TEST(MonitoredObject, StaticObjects)
 {
     const ChildResult result = RunInChild([] {
         setenv("ZELOO_TEST_STATIC_OBJECT", "1", 1);
-        execl("/proc/self/exe", "mobject_test", "--gtest_filter=None", "--gtest_brief=1", nullptr);
+        Execute("/proc/self/exe", {"--gtest_filter=None", "--gtest_brief=1"});
     });
     EXPECT_EQ(result.exitCode, 0);
     const size_t dump = result.out.find("Monitored Objects:");
@@ -808,8 +792,8 @@ TEST_F(Capture, AnOverflowOfTheStack)
 {
     const Crash crash = CrashAs("overflow", [] {
         Probe one("one");
-        SmallStack();
-        Overflow(1);
+        LimitStack();
+        OverflowStack(1);
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
     const std::string number = std::to_string(SIGSEGV);
@@ -959,7 +943,7 @@ TEST_F(Capture, AFaultInAnObjectsDumpIsSkipped)
         void (*commit)();
     } faults[] = {{"dump-segv", SIGSEGV, WriteToNull},
                   {"dump-bus", SIGBUS, WriteBehindAFile},
-                  {"dump-overflow", SIGSEGV, [] { Overflow(1); }}};
+                  {"dump-overflow", SIGSEGV, [] { OverflowStack(1); }}};
     for (const auto& fault : faults)
         for (const int sig : {SIGSEGV, SIGABRT}) {
             const std::string name = std::string(fault.name) + std::to_string(sig);
@@ -1005,7 +989,7 @@ TEST_F(Capture, TheSameSignalAgainEndsTheProcess)
 
     const Crash overflow = CrashAs("again", [] {
         Probe one("one");
-        one.onRestart = [](int) { Overflow(1); };
+        one.onRestart = [](int) { OverflowStack(1); };
         WriteToNull();
     });
     EXPECT_EQ(overflow.child.signal, SIGABRT);

@@ -23,7 +23,9 @@
 
 #include "tests/support/testing.h"
 
+using testing_support::ChildNeeds;
 using testing_support::ChildResult;
+using testing_support::NotPossibleHere;
 using testing_support::RunInChild;
 
 namespace {
@@ -79,13 +81,10 @@ TEST(HeapSize, EndsAtTheLargestInt)
 {
     const ChildResult child = RunInChild([] {
         for (int i = 0; i < 3; i++)
-            if (sbrk(1 << 30) == reinterpret_cast<void*>(-1)) {
-                std::cout << "refused";
-                return;
-            }
+            ChildNeeds(sbrk(1 << 30) != reinterpret_cast<void*>(-1));
         std::cout << svr4::heap_size();
     });
-    if (child.out == "refused")
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no 3 GB of address space behind the break";
     EXPECT_EQ(child.out, std::to_string(INT_MAX));
 }
@@ -107,15 +106,9 @@ TEST(Setpgrp, ReleasesTheTerminal)
     const ChildResult child = RunInChild([] {
         setsid();
         const int master = posix_openpt(O_RDWR | O_NOCTTY);
-        if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
-            std::cout << "none";
-            return;
-        }
+        ChildNeeds(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
         const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
-        if (terminal < 0 || ioctl(terminal, TIOCSCTTY, 0) != 0) {
-            std::cout << "none";
-            return;
-        }
+        ChildNeeds(terminal >= 0 && ioctl(terminal, TIOCSCTTY, 0) == 0);
         testing_support::WaitForExit(testing_support::StartChild([] {
             const int before = open("/dev/tty", O_RDWR);
             svr4::setpgrp();
@@ -123,7 +116,7 @@ TEST(Setpgrp, ReleasesTheTerminal)
             std::cout << (before >= 0) << (after < 0);
         }));
     });
-    if (child.out == "none")
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no pseudo-terminal here";
     EXPECT_EQ(child.out, "11");
 }
@@ -215,16 +208,13 @@ TEST(Execvp, RunsTheShellOfTheHost)
 TEST(Execvp, PrefersAShellThatIsThere)
 {
     const ChildResult child = RunInChild([] {
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("tmpfs", "/sbin/", "tmpfs", 0, nullptr) != 0) {
-            std::cout << "refused";
-            return;
-        }
+        ChildNeeds(unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   mount("tmpfs", "/sbin/", "tmpfs", 0, nullptr) == 0);
         testing_support::WriteFile("/sbin/sh", "#!/bin/sh\necho the one in /sbin: \"$@\"\n");
         chmod("/sbin/sh", 0755);
         Exec("/sbin/sh", "/sbin/sh", "-c", "echo the other");
     });
-    if (child.out == "refused")
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no mounts here";
     EXPECT_EQ(child.out, "the one in /sbin: -c echo the other\n");
 }

@@ -104,8 +104,7 @@ ChildResult OnNode(const char* hosts, const std::function<void()>& body)
     const std::string earlier = ReadFile("/etc/hosts");
     WriteFile("/etc/hosts", hosts);
     const ChildResult child = RunInChild([&] {
-        if (unshare(CLONE_NEWUTS) != 0 || sethostname("n1", 2) != 0)
-            _exit(77);
+        ChildNeeds(unshare(CLONE_NEWUTS) == 0 && sethostname("n1", 2) == 0);
         body();
     });
     WriteFile("/etc/hosts", earlier);

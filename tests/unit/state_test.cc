@@ -8,19 +8,12 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/assertions.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
 
 namespace {
-
-template <class X>
-std::string Dump(const X& object)
-{
-    std::ostringstream text;
-    object.dumpOn(text);
-    return text.str();
-}
 
 // What an array prints, with the addresses replaced.
 template <class X>
@@ -29,12 +22,6 @@ std::string Printed(const SafeArray<X>& array)
     std::ostringstream text;
     array.print(text);
     return Replaced(text.str(), "0x[0-9a-f]+", "<address>");
-}
-
-// The reports that `body` makes, with what varies replaced.
-std::string Reports(const std::function<void()>& body)
-{
-    return WithoutVariables(CaptureStderr(body));
 }
 
 std::string Warning(const std::string& type, const std::string& description)
@@ -293,13 +280,13 @@ TEST_F(MachineTest, AbbreviationsAreComparedExactly)
 TEST_F(MachineTest, AnUnknownStateIsReportedAndTheFirstStandsIn)
 {
     machine.AddTransition(b, a, 1);
-    const std::string reports = Reports([&] {
+    const std::string reports = ReportsInFull([&] {
         EXPECT_STREQ(machine.GetState("nosuch%s").Abbrev(), "b");
         EXPECT_EQ(ErrorReporter::GetReturnStatus(), ErrorReporter::WARNING);
         EXPECT_STREQ(machine.GetState(nullptr).Abbrev(), "b");
     });
     EXPECT_EQ(reports, Warning(InvalidState, "Invalid state: nosuch%s") + Warning(InvalidState, "Invalid state: "));
-    EXPECT_EQ(Reports([&] {
+    EXPECT_EQ(ReportsInFull([&] {
                   EXPECT_STREQ(machine.GetState("a").Abbrev(), "a");
                   machine.GetState("a").SetName("Renamed"); // it is the machine's own state
               }),
@@ -318,7 +305,7 @@ TEST_F(MachineTest, ListedMovesAreValidVisibleOrNot)
     machine.AddTransition(a, c, 0);
     machine.AddTransition(a, a, 0);
     State titled("a", "Other");
-    EXPECT_EQ(Reports([&] {
+    EXPECT_EQ(ReportsInFull([&] {
                   EXPECT_EQ(machine.ValidTransition(a, b), 1);
                   EXPECT_EQ(machine.ValidTransition(a, c), 1);
                   EXPECT_EQ(machine.ValidTransition(a, a), 1);
@@ -331,7 +318,7 @@ TEST_F(MachineTest, ARefusedMoveToAnotherStateIsNotReported)
 {
     machine.AddTransition(a, b, 1);
     const int count = ErrorReporter::GetErrorCount();
-    EXPECT_EQ(Reports([&] {
+    EXPECT_EQ(ReportsInFull([&] {
                   EXPECT_EQ(machine.ValidTransition(b, a), 0);
                   EXPECT_EQ(machine.ValidTransition(a, d), 0);
                   EXPECT_EQ(machine.ValidTransition(waiting, a), 0);
@@ -345,7 +332,7 @@ TEST_F(MachineTest, ARefusedStayIsReportedOnce)
 {
     machine.AddTransition(a, b, 1);
     State titled("a", "Other");
-    EXPECT_EQ(Reports([&] { EXPECT_EQ(machine.ValidTransition(a, titled), 0); }),
+    EXPECT_EQ(ReportsInFull([&] { EXPECT_EQ(machine.ValidTransition(a, titled), 0); }),
               Warning(InvalidTransition, "Invalid state transition: a -> a."));
     EXPECT_STREQ(ErrorReporter::GetErrorType(26), InvalidTransition);
     EXPECT_STREQ(ErrorReporter::GetErrorType(27), InvalidState);
@@ -354,8 +341,8 @@ TEST_F(MachineTest, ARefusedStayIsReportedOnce)
 TEST_F(MachineTest, StayingInWaitingForEscalationIsAlwaysValid)
 {
     State capital("Waiting_escalation", "Waiting");
-    EXPECT_EQ(Reports([&] { EXPECT_EQ(machine.ValidTransition(waiting, waiting), 1); }), "");
-    EXPECT_NE(Reports([&] { EXPECT_EQ(machine.ValidTransition(capital, capital), 0); }), "");
+    EXPECT_EQ(ReportsInFull([&] { EXPECT_EQ(machine.ValidTransition(waiting, waiting), 1); }), "");
+    EXPECT_NE(ReportsInFull([&] { EXPECT_EQ(machine.ValidTransition(capital, capital), 0); }), "");
 }
 
 TEST_F(MachineTest, ListsTheVisibleMovesInTableOrder)

@@ -178,10 +178,8 @@ TEST_F(Strftime, WithoutMemoryForTheTranslationNothingFits)
         const testing_support::MemoryLimit limit(300 << 20);
         char text[100] = "";
         const struct tm tm = Local(noon);
-        if (svr4::strftime(text, sizeof text, (format + "%C").c_str(), &tm) != 0)
-            _exit(1);
-        if (svr4::strftime(text, sizeof text, "%C", &tm) != 28)
-            _exit(2);
+        CHILD_CHECK(svr4::strftime(text, sizeof text, (format + "%C").c_str(), &tm) == 0);
+        CHILD_CHECK(svr4::strftime(text, sizeof text, "%C", &tm) == 28);
     });
     EXPECT_EQ(child.exitCode, 0);
 }

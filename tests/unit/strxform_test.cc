@@ -9,7 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
+
+using testing_support::Text;
 
 namespace {
 
@@ -17,11 +20,6 @@ const long noon = 1795263300; // Sat Nov 21 12:15:00 2026 in UTC
 
 const char variable[] = "STRXFORM_TEST_TEMPLATE";
 const char timeVariable[] = "STRXFORM_TEST_TIME";
-
-std::string Text(const CString& s)
-{
-    return static_cast<const char*>(s);
-}
 
 // Every test starts with none of the variables set, in UTC.
 class Environment : public testing::Test {
@@ -462,30 +460,28 @@ TEST_F(StringTransformerTest, WhatFindsNoMemoryIsLeftOut)
         const std::string run(100u << 20, 'x');
         StringTransformer t("n", "<%n>", variable);
         char c;
-        if (t.nextCharacter(c) != 1)
-            _exit(1);
+        CHILD_CHECK(t.nextCharacter(c) == 1);
         {
             const testing_support::MemoryLimit limit(240 << 20);
             t.Output("a", 1);
             for (int i = 0; i < 4; i++)
                 t.Output(run.c_str(), static_cast<unsigned>(run.size()));
             t.Output("b", 1);
-            if (t.nextCharacter(c) != 0)
-                _exit(2);
+            CHILD_CHECK(t.nextCharacter(c) == 0);
         }
         CString output;
         t.GetOutput(output);
         // As many runs as found room, with all that is small around them.
         const size_t n = output.strlen();
-        if (n < 4 + run.size() || n >= 4 + 4 * run.size() || (n - 4) % run.size() != 0)
-            _exit(3);
-        if (output[n - 2] != 'b' || output[n - 1] != '>')
-            _exit(5);
+        CHILD_CHECK(n >= 4 + run.size());
+        CHILD_CHECK(n < 4 + 4 * run.size());
+        CHILD_CHECK((n - 4) % run.size() == 0);
+        CHILD_CHECK(output[n - 2] == 'b');
+        CHILD_CHECK(output[n - 1] == '>');
         t.reset();
         t.Output("again", 5);
         t.GetOutput(output);
-        if (!(output == "again"))
-            _exit(4);
+        CHILD_CHECK(output == "again");
     });
     EXPECT_EQ(child.exitCode, 0);
 }

@@ -27,13 +27,19 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
+using testing_support::Bytes;
 using testing_support::CaptureStderr;
 using testing_support::CaptureStdout;
+using testing_support::ChildNeeds;
 using testing_support::ChildResult;
+using testing_support::Dump;
+using testing_support::LimitDescriptors;
 using testing_support::MakeForksFail;
 using testing_support::MemoryLimit;
+using testing_support::NotPossibleHere;
 using testing_support::OpenDescriptors;
 using testing_support::ReadFile;
 using testing_support::ReportField;
@@ -79,18 +85,6 @@ void KillAndReap(long pid)
 bool Running(long pid)
 {
     return kill(static_cast<pid_t>(pid), 0) == 0 && waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG) == 0;
-}
-
-std::string Bytes(const Buffer& buffer)
-{
-    return std::string(static_cast<const char*>(static_cast<const void*>(buffer)), buffer.Size());
-}
-
-std::string Dump(const MonitoredObject& object)
-{
-    std::ostringstream out;
-    object.dumpOn(out);
-    return out.str();
 }
 
 // `output` is one report and nothing else.
@@ -717,10 +711,7 @@ TEST(UnixProcess, AForkThatFailsLeavesAnObjectWithoutAChild)
 {
     for (const auto flag : {UnixProcess::wait_at_construction, UnixProcess::terminate_at_destruction}) {
         const ChildResult child = RunInChild([&] {
-            if (!MakeForksFail()) {
-                std::cout << "refused";
-                return;
-            }
+            MakeForksFail();
             Handle(SIGCLD, SIG_IGN, SA_NOCLDWAIT);
             const std::string before = Disposition(SIGCLD);
             UnixProcess process("echo never", flag, 5);
@@ -728,7 +719,7 @@ TEST(UnixProcess, AForkThatFailsLeavesAnObjectWithoutAChild)
             process.terminate();
             std::cout << (Disposition(SIGCLD) == before);
         });
-        if (child.out == "refused")
+        if (child.exitCode == NotPossibleHere)
             GTEST_SKIP() << "no way to make fork fail here";
         EXPECT_EQ(child.out, "-1 -1 0\nDumping UnixProcess Object:\ncommand: </sbin/sh -c echo never>\n"
                              "process id: -1\nmaxwaittime: 5\nexit status: -1\n1");
@@ -740,10 +731,7 @@ TEST(UnixProcess, AForkThatFailsLeavesAnObjectWithoutAChild)
 TEST(UnixProcess, AForkThatFailsForACaptureClosesThePipe)
 {
     const ChildResult child = RunInChild([] {
-        if (!MakeForksFail()) {
-            std::cout << "refused";
-            return;
-        }
+        MakeForksFail();
         Handle(SIGCLD, SIG_IGN, SA_NOCLDWAIT);
         const std::string before = Disposition(SIGCLD);
         const int descriptors = OpenDescriptors();
@@ -754,7 +742,7 @@ TEST(UnixProcess, AForkThatFailsForACaptureClosesThePipe)
         std::cout << process.pid() << " " << process.wait() << " " << output.Size() << " "
                   << OpenDescriptors() - descriptors << " " << (Disposition(SIGCLD) == before);
     });
-    if (child.out == "refused")
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no way to make fork fail here";
     EXPECT_EQ(child.out, "-1 -1 -1 0 0 1");
     ExpectReport(child.err, "System call fork() failed", ENOMEM,
@@ -764,8 +752,7 @@ TEST(UnixProcess, AForkThatFailsForACaptureClosesThePipe)
 TEST(UnixProcess, APipeThatFailsLeavesAnObjectWithoutAChild)
 {
     const ChildResult child = RunInChild([] {
-        struct rlimit limit = {3, 3};
-        setrlimit(RLIMIT_NOFILE, &limit);
+        LimitDescriptors(3);
         Handle(SIGCLD, SIG_IGN, SA_NOCLDWAIT);
         const std::string before = Disposition(SIGCLD);
         Buffer output;
@@ -823,10 +810,7 @@ TEST(UnixProcess, TerminateDoesNotWait)
 TEST(UnixProcess, NothingIsSentToTheProcessIds0And1)
 {
     const ChildResult child = RunInChild([] {
-        if (unshare(CLONE_NEWPID) != 0) {
-            std::cout << "refused";
-            return;
-        }
+        ChildNeeds(unshare(CLONE_NEWPID) == 0);
         // The child is process 1 of its namespace and would see its SIGTERM; the grandchild uses the objects.
         WaitForExit(StartChild([] {
             setsid();
@@ -844,7 +828,7 @@ TEST(UnixProcess, NothingIsSentToTheProcessIds0And1)
             std::cout << code << seen;
         }));
     });
-    if (child.out == "refused")
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no process id namespace here";
     EXPECT_EQ(child.out, "0-1 1-1 -1-1 00");
 }
@@ -1118,14 +1102,11 @@ TEST(UnixProcess, AProcessThatMayNotBeSignalledExists)
 {
     const pid_t parent = getpid();
     const ChildResult child = RunInChild([&] {
-        if (!BecomeAStranger()) {
-            std::cout << "refused";
-            return;
-        }
+        ChildNeeds(BecomeAStranger());
         const int refused = kill(parent, 0) == -1 && errno == EPERM;
         std::cout << refused << UnixProcess::ProcessExists(parent);
     });
-    if (child.out == "refused")
+    if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no other user and no signal domain here";
     EXPECT_EQ(child.out, "11");
 }
