@@ -1,29 +1,29 @@
 // A server and its clients as real processes over one queue: side by side, dying at the wrong moment, and talking
-// nonsense. The peers that talk nonsense are written from the record layout alone, over raw msgsnd and msgrcv.
+// nonsense. The peers that talk nonsense are written from the record layout alone.
 
 #include "Misc/ipcq.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "Misc/proginfo.h"
+#include "tests/support/objects.h"
+#include "tests/support/raw_queue_peer.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
 
 namespace {
 
-enum Event : short { Echo = 1, Count = 2, Exit = 9 };
+enum QueueTestEvents : short { Echo = 1, Count = 2, Exit = 9 };
 
 const char* const Name = "orvd";
 
@@ -39,8 +39,7 @@ std::string Pattern(size_t length, char seed)
 void Serve()
 {
     IPCQServer server(Name);
-    if (!server.Created())
-        _exit(3);
+    CHILD_CHECK(server.Created());
     int events = 0;
     for (;;) {
         short event = 0, responseRqd = 0, ackRqd = 0;
@@ -91,50 +90,21 @@ bool EchoComesBack(const std::string& text)
         return false;
     short event = 0;
     Buffer answer;
-    if (client.receive_response(event, answer) != 0 || event != Echo || answer.Size() != text.size())
-        return false;
-    return std::memcmp(static_cast<const void*>(answer), text.data(), text.size()) == 0;
+    return client.receive_response(event, answer) == 0 && event == Echo && Bytes(answer) == text;
 }
 
-// The record and its sending, as a peer of another make would have them.
-struct RawRecord {
-    long type; // widened
-    char text[2000];
-
-    explicit RawRecord(long channel) : type(channel)
+// A record as a peer of another make would have it.
+struct EchoRecord : RawQueueRecord {
+    explicit EchoRecord(long channel)
     {
-        std::memset(text, 0, sizeof text);
+        Put32(0, channel);
         Put32(24, getpid());
-        PutText(32, "orvd");
-        PutText(112, "raw");
-        PutText(192, "rawnode");
         Put16(30, Echo);
+        Put(32, "orvd");
+        Put(112, "raw");
+        Put(192, "rawnode");
         Put16(276, -1);
         Put32(292, -1);
-    }
-    // Offsets are those of the whole record, whose 4-byte type comes first.
-    void Put16(int offset, int value)
-    {
-        const int16_t v = static_cast<int16_t>(value);
-        std::memcpy(text + offset - 4, &v, sizeof v);
-    }
-    void Put32(int offset, long value)
-    {
-        const int32_t v = static_cast<int32_t>(value);
-        std::memcpy(text + offset - 4, &v, sizeof v);
-    }
-    void PutText(int offset, const char* value) { std::strcpy(text + offset - 4, value); }
-    int Get16(int offset) const
-    {
-        int16_t v;
-        std::memcpy(&v, text + offset - 4, sizeof v);
-        return v;
-    }
-    int Get32(int offset) const
-    {
-        int32_t v;
-        std::memcpy(&v, text + offset - 4, sizeof v);
-        return v;
     }
 };
 
@@ -143,19 +113,13 @@ int RawQueue()
     return msgget(ftok("/opt/orv/bin/orvd", 1), 0660);
 }
 
-int RawSend(const RawRecord& record, size_t textLength)
-{
-    return msgsnd(RawQueue(), &record, textLength, 0);
-}
-
 TEST_F(QueueSystem, TwoClientsAtOnceWithTransfersOfManyBlocks)
 {
     std::vector<pid_t> clients;
     for (char seed : {'a', 'q'})
         clients.push_back(StartChild([seed] {
             for (int round = 0; round < 5; round++)
-                if (!EchoComesBack(Pattern(200000 + static_cast<size_t>(seed), seed)))
-                    _exit(1);
+                CHILD_CHECK(EchoComesBack(Pattern(200000 + static_cast<size_t>(seed), seed)));
         }));
     for (pid_t client : clients)
         EXPECT_EQ(WaitForExit(client), 0);
@@ -163,72 +127,70 @@ TEST_F(QueueSystem, TwoClientsAtOnceWithTransfersOfManyBlocks)
 
 TEST_F(QueueSystem, APeerOfAnotherMakeIsAnswered)
 {
-    RawRecord request(server);
+    EchoRecord request(server);
     request.Put16(272, 1);
     request.Put32(280, 5);
     request.Put32(300, 5);
-    std::memcpy(request.text + 300, "hello", 5);
-    ASSERT_EQ(RawSend(request, 305), 0) << std::strerror(errno);
+    request.Put(304, "hello");
+    ASSERT_EQ(SendRaw(RawQueue(), request, 305), 0) << std::strerror(errno);
 
-    RawRecord answer(0);
-    ASSERT_EQ(msgrcv(RawQueue(), &answer, 2000, getpid(), 0), 305);
+    RawQueueRecord answer;
+    ASSERT_EQ(TakeRaw(RawQueue(), getpid(), &answer), 305);
     EXPECT_EQ(answer.Get32(24), server);
     EXPECT_EQ(answer.Get16(28), -1);
     EXPECT_EQ(answer.Get16(30), Echo);
-    EXPECT_STREQ(answer.text + 32 - 4, "raw");
-    EXPECT_STREQ(answer.text + 112 - 4, "queue_test");
+    EXPECT_EQ(answer.Text(32), "raw");
+    EXPECT_EQ(answer.Text(112), "queue_test");
     EXPECT_EQ(answer.Get16(276), 0);
     EXPECT_EQ(answer.Get32(280), 5);
     EXPECT_EQ(answer.Get16(284), 0);
     EXPECT_EQ(answer.Get32(292), -1);
     EXPECT_EQ(answer.Get32(300), 5);
-    EXPECT_EQ(std::string(answer.text + 300, 5), "hello");
+    EXPECT_EQ(answer.Data(), "hello");
 }
 
 TEST_F(QueueSystem, APeerOfAnotherMakeSendsThreeBlocksAndOnlyTheFirstIsAcknowledged)
 {
     const std::string text = Pattern(3401, 'k');
-    const long ackChannel = 0x0EFFFFFFL - getpid() + server;
-    const long dataChannel = 0x0FFFFFFFL - getpid() + server;
 
-    RawRecord block(server);
+    EchoRecord block(server);
     block.Put16(272, 1);
     block.Put32(280, 3401);
     for (int part = 0; part < 3; part++) {
-        const int length = part < 2 ? 1700 : 1;
+        const std::string piece = text.substr(static_cast<size_t>(part) * 1700, 1700);
         block.Put16(284, 2 - part);
         block.Put32(288, part * 1700);
-        block.Put32(300, length);
-        std::memcpy(block.text + 300, text.data() + part * 1700, static_cast<size_t>(length));
-        ASSERT_EQ(RawSend(block, static_cast<size_t>(length) + 300), 0);
+        block.Put32(300, static_cast<long>(piece.size()));
+        block.Put(304, piece);
+        ASSERT_EQ(SendRaw(RawQueue(), block, piece.size() + 300), 0);
         if (part == 0) {
-            RawRecord ack(0);
-            ASSERT_EQ(msgrcv(RawQueue(), &ack, 2000, ackChannel, 0), 300);
+            RawQueueRecord ack;
+            ASSERT_EQ(TakeRaw(RawQueue(), AckChannel(getpid(), server), &ack), 300);
             EXPECT_EQ(ack.Get16(30), -2);
             EXPECT_EQ(ack.Get32(24), server);
-            block.type = dataChannel;
+            block.Put32(0, DataChannel(getpid(), server));
             block.Put16(30, -3);
         }
     }
 
     // the answer comes in blocks of the server's choice, of which the first waits for its acknowledgement too
     std::string answer;
-    RawRecord first(0);
-    ASSERT_GT(msgrcv(RawQueue(), &first, 2000, getpid(), 0), 300);
+    RawQueueRecord first;
+    ASSERT_GT(TakeRaw(RawQueue(), getpid(), &first), 300);
     const int blockSize = first.Get32(300);
     const int blocks = 3401 / blockSize + 1;
     EXPECT_EQ(first.Get16(284), blocks - 1);
-    answer.append(first.text + 300, static_cast<size_t>(blockSize));
-    RawRecord ack(0x0EFFFFFFL - server + getpid());
+    answer += first.Data();
+    EchoRecord ack(AckChannel(server, getpid()));
     ack.Put16(30, -2);
-    ASSERT_EQ(RawSend(ack, 300), 0);
+    ASSERT_EQ(SendRaw(RawQueue(), ack, 300), 0);
     for (int part = 1; part < blocks; part++) {
-        RawRecord next(0);
-        ASSERT_GE(msgrcv(RawQueue(), &next, 2000, 0x0FFFFFFFL - server + getpid(), 0), 300);
+        RawQueueRecord next;
+        ASSERT_GE(TakeRaw(RawQueue(), DataChannel(server, getpid()), &next), 300);
         EXPECT_EQ(next.Get16(30), -3);
         EXPECT_EQ(next.Get16(284), blocks - 1 - part);
         EXPECT_EQ(next.Get32(288), part * blockSize);
-        answer.append(next.text + 300, static_cast<size_t>(next.Get32(300)));
+        answer += next.Data();
     }
     EXPECT_TRUE(answer == text);
 }
@@ -238,69 +200,69 @@ TEST_F(QueueSystem, NonsenseIsDroppedAndTheServerGoesOn)
     struct Nonsense {
         const char* what;
         size_t length;
-        void (*spoil)(RawRecord&);
+        void (*spoil)(RawQueueRecord&);
     };
     // Each record is wrong in one thing alone, so that no other rule catches it.
     const Nonsense all[] = {
-        {"no header", 0, [](RawRecord&) {}},
-        {"half a header", 299, [](RawRecord&) {}},
-        {"negative block length", 300, [](RawRecord& r) { r.Put32(300, -1); }},
+        {"no header", 0, [](RawQueueRecord&) {}},
+        {"half a header", 299, [](RawQueueRecord&) {}},
+        {"negative block length", 300, [](RawQueueRecord& r) { r.Put32(300, -1); }},
         {"block longer than the record", 2000,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 5000);
              r.Put32(300, 1701);
          }},
         {"block longer than what came", 310,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 100);
              r.Put32(300, 100);
          }},
         {"block longer than the event", 310,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 5);
              r.Put32(300, 10);
          }},
-        {"negative total", 300, [](RawRecord& r) { r.Put32(280, -5); }},
+        {"negative total", 300, [](RawQueueRecord& r) { r.Put32(280, -5); }},
         {"negative offset", 310,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 10);
              r.Put32(288, -10);
              r.Put32(300, 10);
          }},
         {"offset beyond the event", 310,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 10);
              r.Put32(288, 5);
              r.Put32(300, 10);
          }},
         {"offset that wraps", 310,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 10);
              r.Put32(288, 0x7FFFFFFF);
              r.Put32(300, 10);
          }},
         {"negative count", 310,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 10);
              r.Put32(300, 10);
              r.Put16(284, -1);
          }},
         {"a total larger than memory", 2000,
-         [](RawRecord& r) {
+         [](RawQueueRecord& r) {
              r.Put32(280, 0x7FFFFFFF);
              r.Put32(300, 1700);
              r.Put16(284, 32767);
          }},
-        {"a program name without end", 300, [](RawRecord& r) { std::memset(r.text + 112 - 4, 'x', 80); }},
-        {"a node name without end", 300, [](RawRecord& r) { std::memset(r.text + 192 - 4, 'x', 80); }},
-        {"a version without end", 300, [](RawRecord& r) { std::memset(r.text, 'x', 20); }},
-        {"a server name without end", 300, [](RawRecord& r) { std::memset(r.text + 32 - 4, 'x', 80); }},
+        {"a program name without end", 300, [](RawQueueRecord& r) { r.Put(112, std::string(80, 'x')); }},
+        {"a node name without end", 300, [](RawQueueRecord& r) { r.Put(192, std::string(80, 'x')); }},
+        {"a version without end", 300, [](RawQueueRecord& r) { r.Put(4, std::string(20, 'x')); }},
+        {"a server name without end", 300, [](RawQueueRecord& r) { r.Put(32, std::string(80, 'x')); }},
     };
     for (const Nonsense& nonsense : all) {
         SCOPED_TRACE(nonsense.what);
-        RawRecord record(server);
+        EchoRecord record(server);
         nonsense.spoil(record);
-        ASSERT_EQ(RawSend(record, nonsense.length), 0);
+        ASSERT_EQ(SendRaw(RawQueue(), record, nonsense.length), 0);
         EXPECT_TRUE(EchoComesBack("still there"));
         EXPECT_EQ(kill(server, 0), 0);
     }
@@ -317,13 +279,13 @@ TEST_F(QueueSystem, NonsenseIsDroppedAndTheServerGoesOn)
 TEST_F(QueueSystem, AClientThatDiesInTheMiddleOfATransferHurtsNobody)
 {
     const pid_t client = StartChild([this] {
-        RawRecord first(server);
+        EchoRecord first(server);
         first.Put32(280, 5000);
         first.Put16(284, 2);
         first.Put32(300, 1700);
-        RawSend(first, 2000);
-        RawRecord ack(0);
-        msgrcv(RawQueue(), &ack, 2000, 0x0EFFFFFFL - getpid() + server, 0);
+        SendRaw(RawQueue(), first, 2000);
+        RawQueueRecord ack;
+        TakeRaw(RawQueue(), AckChannel(getpid(), server), &ack);
         kill(getpid(), SIGKILL);
     });
     EXPECT_EQ(WaitForExit(client), 128 + SIGKILL);
@@ -336,8 +298,7 @@ TEST_F(QueueSystem, AServerKilledIsFoundDeadByClientAndSuccessor)
     IPCQClient client(0, Name);
     ASSERT_TRUE(client.Connected());
     const int queue = RawQueue();
-    kill(server, SIGKILL);
-    waitpid(server, nullptr, 0);
+    EndChild(server);
     server = -1;
 
     EXPECT_EQ(client.send_event(Echo, "x", 1), ErrorReporter::IPC_SEND_PROCESS_GONE);
@@ -364,8 +325,7 @@ TEST_F(QueueSystem, AClientWaitingForAResponseSeesTheServerDie)
         _exit(code == ErrorReporter::IPC_RECV_PROCESS_GONE && event == 0 ? 0 : 2);
     });
     usleep(500000);
-    kill(server, SIGKILL);
-    waitpid(server, nullptr, 0);
+    EndChild(server);
     server = -1;
     EXPECT_EQ(WaitForExit(client), 0);
     EXPECT_FALSE(IPCQClient(0, Name).Connected()); // removes what the dead server left

@@ -20,17 +20,15 @@
 
 #include "Misc/ipcobject.h"
 #include "Misc/ipctli.h"
-#include "tests/support/echo_server.h"
-#include "tests/unit/ipcq_testing.h"
+#include "tests/support/raw_tcp_peer.h"
+#include "tests/unit/echo_testing.h"
 
 using namespace ipcq_testing;
 
 namespace {
 
 const std::string Relayd = ProgramUnderTest(RELAYD);
-const char HostFile[] = "/var/orv/data/orvdserver.host";
 const char FarHost[] = "far"; // another address of this host, so that it counts as another host
-const uint16_t Port = 4711;
 const short GoneEvent = -1;
 
 /// The children of a process; zombies count.
@@ -44,46 +42,16 @@ std::vector<pid_t> ChildrenOf(pid_t pid)
     return children;
 }
 
-/// A connection made by hand.
-class RawConnection {
+/// A connection made by hand, for whole records.
+class RawConnection : public RawSocket {
 public:
-    RawConnection() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        struct sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(Port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected = connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0;
-    }
-    ~RawConnection() { close(fd); }
-    RawConnection(const RawConnection&) = delete;
-    RawConnection& operator=(const RawConnection&) = delete;
+    RawConnection() : connected(Connect()) {}
+    using RawSocket::Send;
+    bool Send(const TliMsgStruct& record) const { return Send(&record, sizeof record); }
+    bool Receive(TliMsgStruct& record) const { return RawSocket::Receive(&record, sizeof record); }
+    bool IsClosedByPeer() const { return AtEnd(); }
 
-    bool Send(const void* bytes, size_t n) { return ::send(fd, bytes, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n); }
-    bool Send(const TliMsgStruct& record) { return Send(&record, sizeof record); }
-    /// Receives a record; false when the connection has ended.
-    bool Receive(TliMsgStruct& record)
-    {
-        return ::recv(fd, &record, sizeof record, MSG_WAITALL) == static_cast<ssize_t>(sizeof record);
-    }
-    /// Whether the relay has closed the connection, in order or not, without sending anything.
-    bool IsClosedByPeer()
-    {
-        char byte;
-        return ::recv(fd, &byte, 1, 0) <= 0;
-    }
-    void Reset()
-    {
-        const struct linger now = {1, 0};
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-        close(fd);
-        fd = -1;
-    }
-
-    bool connected;
-
-private:
-    int fd;
+    const bool connected;
 };
 
 TliMsgStruct Record(short event, const std::string& data = "", bool response = false, bool ack = false)
@@ -110,7 +78,7 @@ TliMsgStruct ProbeRecord(short object = 0)
     return record;
 }
 
-class RelaydTest : public IpcqTest {
+class RelaydTest : public EchoTest {
 protected:
     static void SetUpTestSuite()
     {
@@ -119,16 +87,9 @@ protected:
         std::ofstream("/etc/services", std::ios::app) << "\norvd 4711/tcp\nhello 4712/tcp\n";
         std::ofstream("/etc/hosts", std::ios::app) << "\n127.0.0.2 " << FarHost << "\n";
     }
-    void SetUp() override
-    {
-        if (!InSandbox())
-            GTEST_SKIP() << "needs a private /etc, /var and /opt/orv/bin";
-        IpcqTest::SetUp();
-        unlink(HostFile);
-    }
     void TearDown() override
     {
-        EndServer();
+        EchoTest::TearDown();
         if (relay > 0) {
             EXPECT_EQ(EndRelay(), 0) << Log();
         }
@@ -147,19 +108,9 @@ protected:
     }
     int EndRelay(int signal = SIGTERM)
     {
-        kill(relay, signal);
-        const int code = WaitForExit(relay);
+        const int code = EndChild(relay, signal);
         relay = 0;
         return code;
-    }
-    void StartEchoes(const char* name = "orvd") { server = StartServer(name, ServeEchoes); }
-    void EndServer(int signal = SIGTERM)
-    {
-        if (server <= 0)
-            return;
-        kill(server, signal);
-        WaitForExit(server);
-        server = 0;
     }
     std::string Log() const { return ReadFile(directory.File("relayd.log")); }
     /// Waits until the relay serves `n` connections.
@@ -170,9 +121,6 @@ protected:
 
     TemporaryDirectory directory;
     pid_t relay = 0;
-    pid_t server = 0;
-    short event = -1;
-    Buffer data;
 };
 
 std::unique_ptr<IPCClient> FarClient(short object = 0, const char* name = "orvd")
@@ -210,7 +158,7 @@ TEST_P(BothTransports, CarriesEventsOfAllSizes)
         EXPECT_EQ(client.send_event_with_response(Echo, text.data(), static_cast<long>(size)), 0);
         EXPECT_EQ(client.receive_response(event, data), 0) << size << " bytes";
         EXPECT_EQ(event, Echo);
-        EXPECT_TRUE(Contents(data) == text) << size << " bytes, " << data.Size() << " came";
+        EXPECT_TRUE(Bytes(data) == text) << size << " bytes, " << data.Size() << " came";
     }
 }
 
@@ -220,7 +168,7 @@ TEST_P(BothTransports, BringsBackStatusAndEvent)
     EXPECT_EQ(client.send_event_with_response(Refuse, "why", 3), 0);
     EXPECT_EQ(client.receive_response(event, data), Refused);
     EXPECT_EQ(event, Refuse);
-    EXPECT_EQ(Contents(data), "why");
+    EXPECT_EQ(Bytes(data), "why");
     EXPECT_EQ(client.send_event_with_response(AnswerOddly, nullptr, 0), 0);
     EXPECT_EQ(client.receive_response(event, data), 0);
     EXPECT_EQ(event, OddEvent);
@@ -239,7 +187,7 @@ TEST_P(BothTransports, NamesTheSender)
     client.RegisterNodeName("the node");
     EXPECT_EQ(client.send_event_with_response(Who, nullptr, 0), 0);
     EXPECT_EQ(client.receive_response(event, data), 0);
-    EXPECT_EQ(Contents(data), "/opt/orv/bin/client|the node");
+    EXPECT_EQ(Bytes(data), "/opt/orv/bin/client|the node");
 }
 
 TEST_P(BothTransports, KeepsTheOrderOfEvents)
@@ -250,7 +198,7 @@ TEST_P(BothTransports, KeepsTheOrderOfEvents)
         EXPECT_EQ(client.send_event(Echo, text.data(), static_cast<long>(text.size())), 0) << "nothing comes back";
         EXPECT_EQ(client.send_event_with_response(Echo, text.data(), static_cast<long>(text.size())), 0);
         EXPECT_EQ(client.receive_response(event, data), 0);
-        EXPECT_EQ(Contents(data), text);
+        EXPECT_EQ(Bytes(data), text);
     }
 }
 
@@ -264,7 +212,7 @@ TEST_P(BothTransports, ReconnectClientFindsARestartedServer)
         EndServer(signal);
         StartEchoes();
         EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "after", 5), 0);
-        EXPECT_EQ(Contents(data), "after");
+        EXPECT_EQ(Bytes(data), "after");
         EXPECT_EQ(client.SendEventWaitAck(Echo, "\x09", 1), 9);
     }
 }
@@ -284,7 +232,7 @@ TEST_P(BothTransports, ServesSeveralClientsAtOnce)
                 Buffer answer;
                 CHILD_CHECK(client.send_event_with_response(Echo, text.data(), static_cast<long>(text.size())) == 0);
                 CHILD_CHECK(client.receive_response(answered, answer) == 0);
-                CHILD_CHECK(answered == Echo && Contents(answer) == text);
+                CHILD_CHECK(answered == Echo && Bytes(answer) == text);
             }
         }));
     for (pid_t client : clients)
@@ -411,7 +359,7 @@ TEST_F(RelaydTest, AReconnectClientRecovers)
     StartEchoes();
     EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 0);
     EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "again", 5), 0);
-    EXPECT_EQ(Contents(data), "again");
+    EXPECT_EQ(Bytes(data), "again");
 
     // The relay goes: its connections go with it.
     EXPECT_EQ(EndRelay(), 0);
@@ -558,7 +506,7 @@ TEST_F(RelaydTest, OutlivesWhatItsClientsDo)
     const std::unique_ptr<IPCClient> client = FarClient(); // works throughout
     const auto works = [&] {
         return client->send_event_with_response(Echo, "still", 5) == 0 && client->receive_response(event, data) == 0 &&
-               Contents(data) == "still";
+               Bytes(data) == "still";
     };
     ASSERT_TRUE(works());
 
@@ -652,7 +600,7 @@ TEST_F(RelaydTest, APulledCableOnlyDelays)
         reach("connected");
         CHILD_CHECK(await("pulled"));
         CHILD_CHECK(client.SendEventWithResponse(Echo, answer, Echo, "2", 1) == 0);
-        CHILD_CHECK(Contents(answer) == "2");
+        CHILD_CHECK(Bytes(answer) == "2");
         CHILD_CHECK(reached("put back"));
         CHILD_CHECK(system("ip link set cable down") == 0); // the network is unreachable: no waiting
         CHILD_CHECK(!IPCClient(0, "orvd", "192.0.2.1").Connected());

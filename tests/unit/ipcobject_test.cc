@@ -9,9 +9,8 @@
 
 #include "Misc/cstring.h"
 #include "Misc/ipctli.h"
-#include "tests/support/echo_server.h"
 #include "tests/support/failing_memory.h"
-#include "tests/unit/ipcq_testing.h"
+#include "tests/unit/echo_testing.h"
 
 // The sleeps of the library, noted and not slept while a test counts them.
 static std::vector<unsigned>* sleeps = nullptr;
@@ -31,44 +30,14 @@ namespace {
 
 using namespace ipcq_testing;
 
-const char HostFile[] = "/var/orv/data/orvdserver.host";
-
-class IpcObject : public IpcqTest {
+class IpcObject : public EchoTest {
 protected:
-    void SetUp() override
-    {
-        if (!InSandbox())
-            GTEST_SKIP() << "needs a private /var and /opt/orv/bin";
-        IpcqTest::SetUp();
-        unlink(HostFile);
-    }
     void TearDown() override
     {
         sleeps = nullptr;
-        EndServer();
+        EchoTest::TearDown();
     }
-    void Start(const char* name = "orvd") { server = StartServer(name, ServeEchoes); }
-    void EndServer(int signal = SIGTERM)
-    {
-        if (server <= 0)
-            return;
-        kill(server, signal);
-        WaitForExit(server);
-        server = 0;
-    }
-
-    pid_t server = 0;
-    short event = -1;
-    Buffer data;
 };
-
-template <class Object>
-std::string Dump(const Object& object)
-{
-    std::ostringstream out;
-    object.dumpOn(out);
-    return out.str();
-}
 
 const char EmptyDump[] = "IPCClient Object Begin\nIPCClient Object End\n";
 
@@ -103,7 +72,7 @@ TEST_F(IpcObject, WithoutANameNothingIsConnected)
 
 TEST_F(IpcObject, TheQueueIsTakenBeforeAConnection)
 {
-    Start();
+    StartEchoes();
     const long tags = Tags();
     IPCClient client(5, "orvd");
     EXPECT_EQ(Tags() - tags, 2) << "one queue client";
@@ -141,12 +110,12 @@ TEST_F(IpcObject, TheQueueIsTakenBeforeAConnection)
                                 "IPCClient Object End\n");
     EXPECT_EQ(client.send_event_with_response(Who, nullptr, 0), 0);
     EXPECT_EQ(client.receive_response(event, data), 0);
-    EXPECT_EQ(Contents(data), "prog|there");
+    EXPECT_EQ(Bytes(data), "prog|there");
 }
 
 TEST_F(IpcObject, WhatIsAllowedIsTried)
 {
-    Start();
+    StartEchoes();
     EXPECT_TRUE(IPCClient(0, "orvd", nullptr, IPCClient::QueueClient).Connected());
     EXPECT_TRUE(IPCClient(0, "orvd", "elsewhere", IPCClient::QueueClient).Connected()) << "asked for in so many words";
     EXPECT_FALSE(IPCClient(0, "orvd", nullptr, IPCClient::TLIClient, 2).Connected()) << "there is no connection";
@@ -158,7 +127,7 @@ TEST_F(IpcObject, WhatIsAllowedIsTried)
 
 TEST_F(IpcObject, ANamedOtherHostIsNeverReachedThroughAQueue)
 {
-    Start();
+    StartEchoes();
     sleeps = new std::vector<unsigned>;
     EXPECT_FALSE(IPCClient(0, "orvd", "elsewhere", IPCClient::AnyClient, 2).Connected());
     EXPECT_FALSE(IPCClient(0, "orvd", "", IPCClient::AnyClient, 2).Connected()) << "an empty name is another host";
@@ -193,18 +162,18 @@ TEST_F(IpcObject, WaitsForTheQueueLast)
 
 TEST_F(IpcObject, SendsThroughTheQueue)
 {
-    Start();
+    StartEchoes();
     IPCClient client(0, "orvd");
     const std::string text = Pattern(5000);
     EXPECT_EQ(client.send_event(Echo, text.data(), 5000), 0);
     EXPECT_EQ(client.send_event_with_response(Echo, text.data(), 5000), 0);
     EXPECT_EQ(client.receive_response(event, data), 0);
     EXPECT_EQ(event, Echo);
-    EXPECT_TRUE(Contents(data) == text);
+    EXPECT_TRUE(Bytes(data) == text);
     EXPECT_EQ(client.send_event_with_response(Refuse, "why", 3), 0);
     EXPECT_EQ(client.receive_response(event, data), Refused);
     EXPECT_EQ(event, Refuse);
-    EXPECT_EQ(Contents(data), "why");
+    EXPECT_EQ(Bytes(data), "why");
     EXPECT_EQ(client.send_event_wait_ack(Echo, nullptr, 0), 0);
     for (const char* status : {"\x2d", "\x41", "\x42"}) {
         EXPECT_EQ(client.send_event_wait_ack(Echo, status, 1), status[0]);
@@ -215,7 +184,7 @@ TEST_F(IpcObject, SendsThroughTheQueue)
 TEST_F(IpcObject, AFailedSendDisconnects)
 {
     for (int form = 0; form < 3; form++) {
-        Start();
+        StartEchoes();
         IPCClient client(0, "orvd");
         EndServer(SIGKILL); // the queue stays
         const short code = form == 0   ? client.send_event(Echo, nullptr, 0)
@@ -235,7 +204,7 @@ TEST_F(IpcObject, AFailedSendDisconnects)
 
 TEST_F(IpcObject, ARefusedLengthDisconnectsToo)
 {
-    Start();
+    StartEchoes();
     IPCClient client(0, "orvd");
     EXPECT_EQ(Reports([&] { EXPECT_EQ(client.send_event(Echo, nullptr, -1), 60); }).empty(), false);
     EXPECT_EQ(Dump(client), EmptyDump);
@@ -298,7 +267,7 @@ TEST_F(IpcReconnect, CountsItsAttemptsAndSleeps)
 
 TEST_F(IpcReconnect, StopsAtTheFirstConnectedClient)
 {
-    Start();
+    StartEchoes();
     ReconnectClient client(0, "orvd");
     EXPECT_NE(client.ServerConnected(), 0);
     std::vector<unsigned> slept;
@@ -311,7 +280,7 @@ TEST_F(IpcReconnect, StopsAtTheFirstConnectedClient)
 
 TEST_F(IpcReconnect, WithoutMemoryThereIsNoClient)
 {
-    Start();
+    StartEchoes();
     std::vector<unsigned> slept;
     sleeps = &slept;
     std::unique_ptr<ReconnectClient> client;
@@ -350,40 +319,39 @@ TEST_F(IpcReconnect, RecoversWhenTheQueueIsGone)
     std::vector<pid_t> retired;
     for (const auto& operation : operations) {
         for (bool restarted : {true, false}) {
-            Start();
+            StartEchoes();
             client.CreateClient();
             EXPECT_EQ(client.SendEvent(Retire, nullptr, 0), 0);
             EXPECT_TRUE(WaitUntil([] { return ObjectsOf("msg") == 0; }));
             retired.push_back(server);
             if (restarted) {
-                Start();
+                StartEchoes();
                 EXPECT_EQ(operation(), 0) << "65 of the first send, 0 of the second";
                 EndServer();
             } else {
                 EXPECT_EQ(operation(), 65) << "there is no other";
                 EXPECT_EQ(operation(), 65) << "66 of the send, 65 of reconnecting";
-                Start();
+                StartEchoes();
                 EXPECT_EQ(operation(), 0);
                 EndServer();
             }
         }
     }
     for (pid_t pid : retired) {
-        kill(pid, SIGKILL);
-        WaitForExit(pid);
+        EndChild(pid);
     }
 }
 
 TEST_F(IpcReconnect, ReturnsTheCodeOfTheFailedSend)
 {
-    Start();
+    StartEchoes();
     ReconnectClient client(0, "orvd");
     client.SetRetryCount(1);
     EndServer(SIGKILL); // the queue stays: 67
     EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, nullptr, 0), 67) << "not 65, which reconnecting gave";
     EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, nullptr, 0), 65) << "nothing was sent";
 
-    Start();
+    StartEchoes();
     client.CreateClient();
     EndServer(SIGKILL);
     EXPECT_EQ(client.SendEvent(Echo, nullptr, 0), 67) << "unchanged: it starts no reconnection";
@@ -393,14 +361,14 @@ TEST_F(IpcReconnect, ReturnsTheCodeOfTheFailedSend)
 
 TEST_F(IpcReconnect, ChecksTheResponse)
 {
-    Start();
+    StartEchoes();
     ReconnectClient client(0, "orvd");
     EXPECT_EQ(client.SendEventWithResponse(Echo, data, Echo, "x", 1), 0);
     EXPECT_EQ(client.SendEventWithResponse(Refuse, data, Refuse, "x", 1), Refused);
-    EXPECT_EQ(Contents(data), "x") << "a refusal may have data";
+    EXPECT_EQ(Bytes(data), "x") << "a refusal may have data";
     EXPECT_EQ(client.SendEventWithResponse(RefuseOddly, data, RefuseOddly, "y", 1), Refused) << "before the event";
     EXPECT_EQ(client.SendEventWithResponse(AnswerOddly, data, AnswerOddly, "z", 1), 48);
-    EXPECT_EQ(Contents(data), "z");
+    EXPECT_EQ(Bytes(data), "z");
     EXPECT_EQ(client.SendEventWithResponse(AnswerOddly, data, OddEvent, "z", 1), 0);
     EXPECT_NE(client.ServerConnected(), 0);
 }
@@ -419,7 +387,7 @@ TEST_F(IpcReconnect, TheTextFormGoesThroughTheBufferForm)
         }
         int calls = 0;
     };
-    Start();
+    StartEchoes();
     Counting client(0, "orvd");
     client.SetRetryCount(1);
     CString text("earlier");
@@ -438,7 +406,7 @@ TEST_F(IpcReconnect, TheTextFormGoesThroughTheBufferForm)
 
 TEST_F(IpcReconnect, KeepsItsNodeAndNotItsName)
 {
-    Start("first");
+    StartEchoes("first");
     const pid_t first = server;
     const pid_t second = StartServer("second", ServeEchoes);
     char name[16] = "first";
@@ -463,7 +431,7 @@ TEST_F(IpcReconnect, KeepsItsNodeAndNotItsName)
 
 TEST_F(IpcReconnect, LeavesNothingOpen)
 {
-    Start();
+    StartEchoes();
     const int descriptors = OpenDescriptors();
     for (int i = 0; i < 20; i++) {
         ReconnectClient client(0, "orvd");

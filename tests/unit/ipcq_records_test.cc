@@ -17,13 +17,6 @@ std::string Dump(const IPCQMessage& msg)
     return out.str();
 }
 
-std::string HexDump(const void* p, unsigned n)
-{
-    std::ostringstream out;
-    Buffer::hexdumpOn(p, n, out);
-    return out.str();
-}
-
 TEST_F(IpcqRecords, ConstantsAndLayout)
 {
     EXPECT_EQ(IPCMessageDataSize, 2000);
@@ -41,7 +34,7 @@ TEST_F(IpcqRecords, TheBytesOnTheQueue)
     MakeKeyFile("wire");
     Server server("wire");
     ASSERT_TRUE(server.Created());
-    const pid_t peer = StartChild([] { pause(); });
+    const pid_t peer = IdleProcess();
     ASSERT_EQ(server.IPCSend("prog", "nod", "12345678901234567890123", peer, "dest", 0x0102, 0x0304, "data!", 5, 1, 2,
                              0x0506),
               0);
@@ -67,8 +60,7 @@ TEST_F(IpcqRecords, TheBytesOnTheQueue)
     put(300, number(5));
     put(304, "data!");
     EXPECT_EQ(std::string(raw.text, 305), expected);
-    kill(peer, SIGKILL);
-    WaitForExit(peer);
+    EndChild(peer);
 }
 
 TEST_F(IpcqRecords, DumpOfAnInlineMessage)
@@ -186,7 +178,7 @@ TEST_F(IpcqRecords, AnInternalMessageCopiesItsData)
     message.data[0] = 'X';
     EXPECT_EQ(copy.event, 5);
     EXPECT_STREQ(copy.origprog, "prog");
-    EXPECT_EQ(Contents(copy.data), "abc");
+    EXPECT_EQ(Bytes(copy.data), "abc");
 }
 
 } // namespace

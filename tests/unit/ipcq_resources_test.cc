@@ -30,13 +30,6 @@ double SecondsOf(const std::function<void()>& body)
     return double(to.tv_sec - from.tv_sec) + double(to.tv_nsec - from.tv_nsec) / 1e9;
 }
 
-pid_t DeadProcess()
-{
-    const pid_t pid = StartChild([] {});
-    WaitForExit(pid);
-    return pid;
-}
-
 TEST_F(IpcqResources, KeysComeFromKeyFiles)
 {
     TemporaryDirectory directory;
@@ -144,12 +137,11 @@ TEST_F(IpcqResources, CreateWithoutAccessToTheSet)
     const int set = semget(KeyOf("/opt/orv/bin/noaccess"), 1, IPC_CREAT | 0);
     ASSERT_GE(set, 0);
     const ChildResult result = RunInChild([] {
-        if (!DropPrivileges(false))
-            _exit(77);
+        DropPrivileges();
         std::fputs(Reports([] { CHILD_CHECK(create_queue("noaccess", getpid()) == -1); }).c_str(), stdout);
     });
     semctl(set, 0, IPC_RMID);
-    if (result.exitCode == 77)
+    if (result.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no user namespace within the sandbox";
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.out, IpcWarning("Can't create semaphore because of invalid access permission"));
@@ -168,8 +160,7 @@ TEST_F(IpcqResources, ConnectFindsTheLiveServer)
     EXPECT_EQ(connect_to_queue("live", 0, &found, getpid()), -1) << "a live process that is no server";
     EXPECT_TRUE(QueueExists(queue));
 
-    kill(pid, SIGKILL);
-    WaitForExit(pid);
+    EndChild(pid);
     EXPECT_EQ(Reports([&] { EXPECT_EQ(connect_to_queue("live", 0, &found, -1), -1); }), "");
     EXPECT_FALSE(QueueExists(queue)) << "the dead server's queue is cleared away";
     EXPECT_LT(SetOf(KeyOf("/opt/orv/bin/live")), 0);
@@ -231,8 +222,7 @@ TEST_F(IpcqResources, AQueueWhoseSetIsRefusedIsLeftAlone)
     const int queue = msgget(KeyOf("/opt/orv/bin/refused"), IPC_CREAT | 0660);
     const int set = semget(KeyOf("/opt/orv/bin/refused"), 1, IPC_CREAT | 0);
     const int code = WaitForExit(StartChild([] {
-        if (!DropPrivileges(false))
-            _exit(77);
+        DropPrivileges();
         long found;
         CHILD_CHECK(connect_to_queue("refused", 0, &found, -1) == -1);
         CHILD_CHECK(found == -1);
@@ -240,7 +230,7 @@ TEST_F(IpcqResources, AQueueWhoseSetIsRefusedIsLeftAlone)
     EXPECT_TRUE(QueueExists(queue));
     msgctl(queue, IPC_RMID, nullptr);
     semctl(set, 0, IPC_RMID);
-    if (code == 77)
+    if (code == NotPossibleHere)
         GTEST_SKIP() << "no user namespace within the sandbox";
     EXPECT_EQ(code, 0);
 }
@@ -368,7 +358,7 @@ TEST_F(IpcqResources, ARefusedLimitIsReportedAndTheQueueWorks)
         short event, response, ack;
         Buffer data;
         CHILD_CHECK(server.receive_event(event, data, response, ack) == -1);
-        CHILD_CHECK(Contents(data) == Pattern(100000));
+        CHILD_CHECK(Bytes(data) == Pattern(100000));
     });
     Client client("small");
     EXPECT_EQ(IPCMessageMaxDataLen, 1092);
@@ -392,7 +382,7 @@ protected:
         SetQueueLimit(16384);
         if (!InSandbox())
             GTEST_SKIP() << "needs the sandbox";
-        if (RunInChild([] { _exit(DropPrivileges(false) ? 0 : 77); }).exitCode == 77)
+        if (RunInChild([] { DropPrivileges(); }).exitCode == NotPossibleHere)
             GTEST_SKIP() << "no user namespace within the sandbox";
     }
     void TearDown() override { unlink("/opt/orv/bin/.orvsys"); }
@@ -409,7 +399,7 @@ protected:
     {
         TemporaryDirectory directory;
         const pid_t child = StartChild([&] {
-            CHILD_CHECK(DropPrivileges(false));
+            DropPrivileges();
             const std::string reports = Reports([&] { check_q_sizes(queue); });
             WriteFile(directory.File("reports"), reports);
         });
@@ -512,19 +502,19 @@ TEST_F(IpcqResources, SegmentsCarryData)
 
     Buffer data;
     EXPECT_EQ(copy_from_shmem(id, data, 0, 5000), 1);
-    EXPECT_EQ(Contents(data), text);
+    EXPECT_EQ(Bytes(data), text);
     EXPECT_EQ(copy_from_shmem(id, data, 10, 20), 1);
-    EXPECT_EQ(Contents(data), text.substr(0, 10) + text.substr(0, 20) + text.substr(30));
+    EXPECT_EQ(Bytes(data), text.substr(0, 10) + text.substr(0, 20) + text.substr(30));
     EXPECT_EQ(copy_from_shmem(id, data, 5000, 3), 1) << "grows the buffer";
     EXPECT_EQ(data.Size(), 5003u);
 
-    const std::string before = Contents(data);
+    const std::string before = Bytes(data);
     EXPECT_EQ(copy_from_shmem(id, data, 0, 5001), 0) << "more than the segment holds";
     EXPECT_EQ(copy_from_shmem(id, data, 0, -1), 0);
     EXPECT_EQ(copy_from_shmem(id, data, -1, 10), 0);
     EXPECT_EQ(copy_from_shmem(-1, data, 0, 10), 0);
     EXPECT_EQ(copy_from_shmem(0x123456789L, data, 0, 10), 0);
-    EXPECT_EQ(Contents(data), before);
+    EXPECT_EQ(Bytes(data), before);
     ASSERT_EQ(shmctl(id, IPC_STAT, &status), 0);
     EXPECT_EQ(status.shm_nattch, 0u);
 
@@ -685,11 +675,10 @@ TEST_F(IpcqResources, ServersWithLargeProcessIds)
                       short event;
                       Buffer data;
                       CHILD_CHECK(client.receive_response(event, data) == 5);
-                      CHILD_CHECK(event == 3 && Contents(data) == text);
+                      CHILD_CHECK(event == 3 && Bytes(data) == text);
                   })),
                   0);
-        kill(server, SIGKILL);
-        WaitForExit(server);
+        EndChild(server);
         Client late("large");
         EXPECT_FALSE(late.Connected()) << "found dead";
         EXPECT_EQ(ObjectsOf("msg"), 0);

@@ -13,13 +13,6 @@ protected:
     Buffer data;
 };
 
-std::string Dump(const IPCQBase& object)
-{
-    std::ostringstream out;
-    object.dumpOn(out);
-    return out.str();
-}
-
 int SetOf(const char* name)
 {
     return semget(ftok_orvm(name), 0, 0660);
@@ -65,8 +58,7 @@ TEST_F(IpcqServer, AKilledServerIsFoundDeadByItsSuccessor)
     const pid_t killed = StartServer("successor", [](Server&) { pause(); });
     const int queue = msgget(ftok_orvm("successor"), 0660);
     SendRecord(queue, killed, Event(1, getpid()));
-    kill(killed, SIGKILL);
-    WaitForExit(killed);
+    EndChild(killed);
     EXPECT_TRUE(QueueExists(queue));
     Server next("successor");
     EXPECT_TRUE(next.Created());
@@ -82,8 +74,7 @@ TEST_F(IpcqServer, AKilledServerIsFoundDeadByAClient)
     const pid_t killed = StartServer("found", [](Server&) { pause(); });
     Client earlier("found");
     EXPECT_TRUE(earlier.Connected());
-    kill(killed, SIGKILL);
-    WaitForExit(killed);
+    EndChild(killed);
     EXPECT_EQ(earlier.send_event(1, nullptr, 0), ErrorReporter::IPC_SEND_PROCESS_GONE);
     EXPECT_FALSE(earlier.Connected());
     EXPECT_EQ(earlier.send_event(1, nullptr, 0), ErrorReporter::IPC_CONNECTION_LOST);
@@ -119,7 +110,7 @@ TEST_F(IpcqServer, RequestAndResponse)
         short event, response, ack;
         Buffer data;
         CHILD_CHECK(server.receive_event(event, data, response, ack) == -1); // what clients send
-        CHILD_CHECK(event == 3 && response == 1 && ack == 0 && Contents(data) == "question");
+        CHILD_CHECK(event == 3 && response == 1 && ack == 0 && Bytes(data) == "question");
         CHILD_CHECK(std::strcmp(server.LastSendersProgramName(), "/opt/orv/bin/tester") == 0);
         CHILD_CHECK(std::strcmp(server.LastSendersNodeName(), ProgInfo::GetNodeName()) == 0);
         CHILD_CHECK(server.send_response(4, 45, "answer", 6) == 0);
@@ -138,7 +129,7 @@ TEST_F(IpcqServer, RequestAndResponse)
     EXPECT_EQ(client.send_event_with_response(3, "question", 8), 0);
     EXPECT_EQ(client.receive_response(event, data), 45) << "the server's status";
     EXPECT_EQ(event, 4) << "with its event";
-    EXPECT_EQ(Contents(data), "answer") << "and data";
+    EXPECT_EQ(Bytes(data), "answer") << "and data";
     EXPECT_STREQ(client.LastSendersProgramName(), "/opt/orv/bin/tester");
     client.RegisterProgramName("prog");
     client.RegisterNodeName("node");
@@ -154,7 +145,7 @@ TEST_F(IpcqServer, TheResponseOnTheQueue)
 {
     MakeKeyFile("answer");
     Server server("answer");
-    const pid_t peer = StartChild([] { pause(); });
+    const pid_t peer = IdleProcess();
     IPCQMessage msg = Event(9, peer);
     SendRecord(server.Queue(), getpid(), msg);
     EXPECT_EQ(server.receive_event(event, data, response, ack), -1);
@@ -170,8 +161,7 @@ TEST_F(IpcqServer, TheResponseOnTheQueue)
     EXPECT_EQ(msg.response_rqd, 0);
     EXPECT_EQ(msg.ack_rqd, 0);
     EXPECT_EQ(msg.result_code, 45);
-    kill(peer, SIGKILL);
-    WaitForExit(peer);
+    EndChild(peer);
     EXPECT_EQ(server.send_response(4, 45, "answer", 6), ErrorReporter::IPC_SEND_PROCESS_GONE);
     EXPECT_TRUE(server.Created());
 }
@@ -233,8 +223,7 @@ TEST_F(IpcqServer, AClientWhoseResponseDoesNotCome)
         CHILD_CHECK(client.receive_response(event, data) == ErrorReporter::IPC_RECV_PROCESS_GONE && event == 0);
     });
     usleep(300000);
-    kill(dying, SIGKILL);
-    WaitForExit(dying);
+    EndChild(dying);
     EXPECT_EQ(WaitForExit(other), 0);
     EXPECT_EQ(WaitForExit(child), 0);
     kill(pid, SIGTERM);
@@ -252,7 +241,7 @@ TEST_F(IpcqServer, InternalEventsAndTheirStatus)
     EXPECT_EQ(Waiting(server.Queue()), 0u) << "never on the queue";
     EXPECT_EQ(server.receive_event(event, data, response, ack), -1);
     EXPECT_EQ(event, 8);
-    EXPECT_EQ(Contents(data), "note");
+    EXPECT_EQ(Bytes(data), "note");
     EXPECT_EQ(Reports([&] { EXPECT_EQ(client.send_event_wait_ack(8, nullptr, 0), ErrorReporter::IPC_ERROR); }),
               IpcWarning("IPCSend deadlock condition."));
     EXPECT_FALSE(client.Connected());
@@ -337,7 +326,7 @@ TEST_F(IpcqServer, AQueueThatGoesIsAPanic)
 
 TEST_F(IpcqServer, AQueueThatFailsIsRemovedWithAPanic)
 {
-    if (RunInChild([] { _exit(DropPrivileges(false) ? 0 : 77); }).exitCode == 77)
+    if (RunInChild([] { DropPrivileges(); }).exitCode == NotPossibleHere)
         GTEST_SKIP() << "no user namespace within the sandbox";
     MakeKeyFile("refusing");
     const pid_t closer = StartChild([] { // takes every right away from the queue as soon as it is there
@@ -348,7 +337,7 @@ TEST_F(IpcqServer, AQueueThatFailsIsRemovedWithAPanic)
         CHILD_CHECK(msgctl(queue, IPC_SET, &status) == 0);
     });
     const ChildResult result = RunInChild([&] {
-        CHILD_CHECK(DropPrivileges(false));
+        DropPrivileges();
         Server server("refusing");
         struct msqid_ds status;
         CHILD_CHECK(WaitUntil([&] { return msgctl(server.Queue(), IPC_STAT, &status) < 0 && errno == EACCES; }));
@@ -444,7 +433,27 @@ TEST_F(IpcqServer, LongNamesAreCut)
     EXPECT_EQ(server.LastSendersNodeName(), std::string(79, 'n'));
 }
 
-TEST_F(IpcqServer, Dumps)
+// The dump of a client of the queue `queue`, of this process.
+std::string ClientDump(const std::string& server, const std::string& serverPid, const std::string& queue,
+                       const std::string& version, const std::string& program, const std::string& node)
+{
+    return "IPCQClient Object Begin\n"
+           "IPCQBase::ServerName     : " +
+           server + "\nIPCQBase::ServerPID      : " + serverPid + "\nIPCQBase::MyQueueID      : " + queue +
+           "\nIPCQBase::ReceiveTimeOut : 900\n"
+           "IPCQBase::SendTimeOut    : 60\n"
+           "IPCQBase::MyPID          : " +
+           std::to_string(getpid()) +
+           "\nIPCQBase::SendersPID     : -1\n"
+           "IPCQBase::SendersProgram : \n"
+           "IPCQBase::SendersNodeName: \n"
+           "IPCQClient::DestObject   : 7\n"
+           "IPCQClient::ClientVersion: " +
+           version + "\nIPCQClient::ClientProgram: " + program + "\nIPCQClient::ClientNode   : " + node +
+           "\nIPCQClient Object End\n";
+}
+
+TEST_F(IpcqServer, ServerAndClientDumpThemselves)
 {
     MakeKeyFile("dumped");
     Server server("dumped");
@@ -458,61 +467,20 @@ TEST_F(IpcqServer, Dumps)
     EXPECT_EQ(Dump(server), "IPCQServer Object Begin\n"
                             "IPCQBase::ServerName     : dumped\n"
                             "IPCQBase::ServerPID      : " +
-                                pid +
-                                "\n"
-                                "IPCQBase::MyQueueID      : " +
-                                queue +
-                                "\n"
-                                "IPCQBase::ReceiveTimeOut : 30\n"
+                                pid + "\nIPCQBase::MyQueueID      : " + queue +
+                                "\nIPCQBase::ReceiveTimeOut : 30\n"
                                 "IPCQBase::SendTimeOut    : 20\n"
                                 "IPCQBase::MyPID          : " +
                                 pid +
-                                "\n"
-                                "IPCQBase::SendersPID     : 99\n"
+                                "\nIPCQBase::SendersPID     : 99\n"
                                 "IPCQBase::SendersProgram : program\n"
                                 "IPCQBase::SendersNodeName: node\n"
                                 "IPCQServer::ReceiveTimeOutEvent: 5\n"
                                 "IPCQServer Object End\n");
     Client client("dumped");
     client.RegisterNodeName("mynode");
-    EXPECT_EQ(Dump(client), "IPCQClient Object Begin\n"
-                            "IPCQBase::ServerName     : dumped\n"
-                            "IPCQBase::ServerPID      : " +
-                                pid +
-                                "\n"
-                                "IPCQBase::MyQueueID      : " +
-                                queue +
-                                "\n"
-                                "IPCQBase::ReceiveTimeOut : 900\n"
-                                "IPCQBase::SendTimeOut    : 60\n"
-                                "IPCQBase::MyPID          : " +
-                                pid +
-                                "\n"
-                                "IPCQBase::SendersPID     : -1\n"
-                                "IPCQBase::SendersProgram : \n"
-                                "IPCQBase::SendersNodeName: \n"
-                                "IPCQClient::DestObject   : 7\n"
-                                "IPCQClient::ClientVersion: 3.4\n"
-                                "IPCQClient::ClientProgram: /opt/orv/bin/tester\n"
-                                "IPCQClient::ClientNode   : mynode\n"
-                                "IPCQClient Object End\n");
-    EXPECT_EQ(Dump(Client(nullptr)), "IPCQClient Object Begin\n"
-                                     "IPCQBase::ServerName     : \n"
-                                     "IPCQBase::ServerPID      : -1\n"
-                                     "IPCQBase::MyQueueID      : -1\n"
-                                     "IPCQBase::ReceiveTimeOut : 900\n"
-                                     "IPCQBase::SendTimeOut    : 60\n"
-                                     "IPCQBase::MyPID          : " +
-                                         pid +
-                                         "\n"
-                                         "IPCQBase::SendersPID     : -1\n"
-                                         "IPCQBase::SendersProgram : \n"
-                                         "IPCQBase::SendersNodeName: \n"
-                                         "IPCQClient::DestObject   : 7\n"
-                                         "IPCQClient::ClientVersion: \n"
-                                         "IPCQClient::ClientProgram: \n"
-                                         "IPCQClient::ClientNode   : \n"
-                                         "IPCQClient Object End\n");
+    EXPECT_EQ(Dump(client), ClientDump("dumped", pid, queue, "3.4", "/opt/orv/bin/tester", "mynode"));
+    EXPECT_EQ(Dump(Client(nullptr)), ClientDump("", "-1", "-1", "", "", ""));
 }
 
 TEST_F(IpcqServer, QueueInfoDump)

@@ -20,24 +20,6 @@ const short SenderGone = ErrorReporter::IPC_SEND_PROCESS_GONE;
 const short ServerGone = ErrorReporter::SERVER_GONE;
 const short IpcError = ErrorReporter::IPC_ERROR;
 
-pid_t DeadProcess()
-{
-    const pid_t pid = StartChild([] {});
-    WaitForExit(pid);
-    return pid;
-}
-
-pid_t LiveProcess()
-{
-    return StartChild([] { pause(); });
-}
-
-void End(pid_t pid)
-{
-    kill(pid, SIGKILL);
-    WaitForExit(pid);
-}
-
 // Fills a queue until a message of `room` bytes fits no more.
 void Fill(int queue, long channel, size_t room)
 {
@@ -176,8 +158,7 @@ TEST_F(IpcqTransfer, UnexpectedFailuresAreReported)
 {
     const int queue = msgget(IPC_PRIVATE, IPC_CREAT | 0);
     const ChildResult result = RunInChild([&] {
-        if (!DropPrivileges(false))
-            _exit(77);
+        DropPrivileges();
         IPCQMessage msg = Event(1, 1);
         std::fputs(Reports([&] {
                        CHILD_CHECK(ipc_send(queue, 9, &msg, 0, 60) == IpcError);
@@ -186,7 +167,7 @@ TEST_F(IpcqTransfer, UnexpectedFailuresAreReported)
                    stdout);
     });
     msgctl(queue, IPC_RMID, nullptr);
-    if (result.exitCode == 77)
+    if (result.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no user namespace within the sandbox";
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(result.out, IpcWarning("ipc_send failure because of invalid access permission") +
@@ -261,7 +242,7 @@ TEST_F(IpcqTransfer, LimitsAndPeersThatDie)
     Fill(full, 9, 300);
     std::vector<pid_t> waits;
     const auto waiting = [&](const std::function<void(pid_t peer)>& body) {
-        const pid_t peer = LiveProcess();
+        const pid_t peer = IdleProcess();
         waits.push_back(StartChild([=] { body(peer); }));
         return peer;
     };
@@ -304,9 +285,8 @@ TEST_F(IpcqTransfer, LimitsAndPeersThatDie)
             Buffer got;
             short e, s, r, a;
             CHILD_CHECK(receiver.IPCReceive(e, 0, 0, got, s, r, a) == expected);
-            CHILD_CHECK(Contents(got).substr(0, 4) == "0123" && got.Size() == 8);
-            kill(sender, SIGKILL);
-            waitpid(sender, nullptr, 0);
+            CHILD_CHECK(Bytes(got).substr(0, 4) == "0123" && got.Size() == 8);
+            EndChild(sender);
         }));
     };
     breaksOff([] { _exit(0); }, ReceiverGone, 0);
@@ -314,11 +294,11 @@ TEST_F(IpcqTransfer, LimitsAndPeersThatDie)
     usleep(300000);
     kill(interrupted, SIGUSR1);
     for (const pid_t pid : dying)
-        End(pid);
+        EndChild(pid);
     for (const pid_t pid : waits)
         EXPECT_EQ(WaitForExit(pid), 0);
     for (const pid_t pid : alive)
-        End(pid);
+        EndChild(pid);
 }
 
 TEST_F(IpcqTransfer, MalformedMessagesDoNotEndAWait)
@@ -342,7 +322,7 @@ TEST_F(IpcqTransfer, MalformedMessagesDoNotEndAWait)
         }
     });
     CaptureStderr([&] { EXPECT_EQ(ipc_recv(queue.id, 9, &msg, 0, 1), Timeout); });
-    End(nuisance);
+    EndChild(nuisance);
 }
 
 // ---- IPCSend and IPCReceive ----
@@ -356,7 +336,7 @@ void Echo(Server& server)
         CHILD_CHECK(server.receive_event(event, data, response, ack) == -1);
         if (event == 99)
             return;
-        const std::string text = Contents(data);
+        const std::string text = Bytes(data);
         CHILD_CHECK(server.send_response(event, 0, text.data(), long(text.size())) == 0);
     }
 }
@@ -386,7 +366,7 @@ void EchoSizes(const char* name, int blockSize, unsigned long queueBytes)
         Buffer data;
         ASSERT_EQ(client.receive_response(event, data), 0) << size;
         EXPECT_EQ(event, 3);
-        ASSERT_TRUE(Contents(data) == text) << size;
+        ASSERT_TRUE(Bytes(data) == text) << size;
         EXPECT_EQ(Waiting(client.Queue()), 0u);
     }
     EXPECT_EQ(client.send_event(99, nullptr, 0), 0);
@@ -491,7 +471,7 @@ TEST_F(IpcqTransfer, ABlockSizeThatIsNotPositiveKeepsTheLastOne)
     IPCMessageMaxDataLen = 1000;
     PrivateQueue queue;
     Client sender(nullptr);
-    const pid_t peer = LiveProcess();
+    const pid_t peer = IdleProcess();
     sender.Adopt(queue.id, peer);
     ASSERT_EQ(sender.send_event(1, "x", 1), 0);
     for (const int16_t useless : {0, -1, -32154, -32768}) {
@@ -501,14 +481,14 @@ TEST_F(IpcqTransfer, ABlockSizeThatIsNotPositiveKeepsTheLastOne)
     }
     IPCMessageMaxDataLen = 32767;
     EXPECT_EQ(WatchASend(1701).blocks.front().msg_data_len, 1700) << "never beyond the record";
-    End(peer);
+    EndChild(peer);
 }
 
 TEST_F(IpcqTransfer, ArgumentsThatCannotBe)
 {
     PrivateQueue queue;
     Receiver server(queue.id);
-    const pid_t peer = LiveProcess();
+    const pid_t peer = IdleProcess();
     const auto send = [&](long to, const void* ptr, long length) {
         return server.IPCSend("p", "n", "v", to, "d", 0, 1, ptr, length, 0, 0, 0);
     };
@@ -531,7 +511,7 @@ TEST_F(IpcqTransfer, ArgumentsThatCannotBe)
     EXPECT_EQ(send(peer, nullptr, 0), 0);
     server.Adopt(-1);
     EXPECT_EQ(send(peer, nullptr, 0), ErrorReporter::IPC_CONNECTION_LOST);
-    End(peer);
+    EndChild(peer);
 }
 
 TEST_F(IpcqTransfer, TheMostBlocks)
@@ -545,7 +525,7 @@ TEST_F(IpcqTransfer, TheMostBlocks)
     short event;
     Buffer data;
     EXPECT_EQ(client.receive_response(event, data), 0);
-    EXPECT_TRUE(Contents(data) == text);
+    EXPECT_TRUE(Bytes(data) == text);
     client.send_event(99, nullptr, 0);
     EXPECT_EQ(WaitForExit(pid), 0);
 }
@@ -606,11 +586,11 @@ protected:
     void SetUp() override
     {
         IpcqTransfer::SetUp();
-        peer = LiveProcess();
+        peer = IdleProcess();
     }
     void TearDown() override
     {
-        End(peer);
+        EndChild(peer);
         delete InternalQMsgsPtr;
         InternalQMsgsPtr = nullptr;
     }
@@ -637,7 +617,7 @@ TEST_F(IpcqReceive, DeliversWhatTheSenderGave)
     EXPECT_EQ(response, 1);
     EXPECT_EQ(ack, 2);
     EXPECT_EQ(status, 45);
-    EXPECT_EQ(Contents(data), "data");
+    EXPECT_EQ(Bytes(data), "data");
     EXPECT_STREQ(server.LastSendersProgramName(), "program");
     EXPECT_STREQ(server.LastSendersNodeName(), "node");
     EXPECT_EQ(server.Sender(), peer);
@@ -680,7 +660,7 @@ TEST_F(IpcqReceive, SavedMessagesComeFirstOldestFirst)
     for (short i = 1; i <= 4; i++) {
         EXPECT_EQ(Receive(), 0);
         EXPECT_EQ(event, i);
-        EXPECT_EQ(Contents(data), std::to_string(i));
+        EXPECT_EQ(Bytes(data), std::to_string(i));
     }
     EXPECT_EQ(server.Saved().Quantity(), 0u);
 }
@@ -706,7 +686,7 @@ TEST_F(IpcqReceive, InternalEventsComeFirst)
     EXPECT_EQ(Receive(), 0);
     EXPECT_EQ(event, 20);
     EXPECT_EQ(status, 33);
-    EXPECT_EQ(Contents(data), "in");
+    EXPECT_EQ(Bytes(data), "in");
     EXPECT_STREQ(server.LastSendersProgramName(), "me");
     EXPECT_STREQ(server.LastSendersNodeName(), "here");
     EXPECT_EQ(server.Sender(), me);
@@ -773,7 +753,7 @@ TEST_F(IpcqReceive, MalformedFirstBlocksAreDropped)
                 server.IPCDrain();
             EXPECT_EQ(Reports([&] { EXPECT_EQ(Receive(), 0); }), Dropped()) << change.first;
             EXPECT_EQ(event, 2) << change.first;
-            EXPECT_EQ(Contents(data), "good");
+            EXPECT_EQ(Bytes(data), "good");
         }
     }
     for (const long length : {0L, 299L, 303L}) {
@@ -794,7 +774,7 @@ TEST_F(IpcqReceive, DataInASegment)
     msg.shmem_size = msg.alloc_data_length = 90000;
     SendRecord(queue.id, me, msg);
     EXPECT_EQ(Receive(), 0);
-    EXPECT_EQ(Contents(data), Pattern(90000));
+    EXPECT_EQ(Bytes(data), Pattern(90000));
     EXPECT_EQ(ObjectsOf("shm"), 0) << "the segment goes after the copy";
 }
 
@@ -812,10 +792,10 @@ TEST_F(IpcqReceive, BlocksInlineAndInSegments)
     EXPECT_EQ(event, 30);
     EXPECT_EQ(status, 6);
     EXPECT_EQ(server.Sender(), sender);
-    EXPECT_EQ(Contents(data), "01234567");
+    EXPECT_EQ(Bytes(data), "01234567");
     EXPECT_EQ(ObjectsOf("shm"), 0);
     EXPECT_EQ(Waiting(queue.id), 0u);
-    End(sender);
+    EndChild(sender);
 }
 
 TEST_F(IpcqReceive, BlocksOfAnEarlierTransferAreForgotten)
@@ -828,9 +808,9 @@ TEST_F(IpcqReceive, BlocksOfAnEarlierTransferAreForgotten)
     SendRecord(queue.id, DataChannel(sender, me), stale);
     SendRecord(queue.id, DataChannel(sender, me), stale);
     EXPECT_EQ(Receive(), 0);
-    EXPECT_EQ(Contents(data), "01234567");
+    EXPECT_EQ(Bytes(data), "01234567");
     EXPECT_EQ(Waiting(queue.id), 0u);
-    End(sender);
+    EndChild(sender);
 }
 
 TEST_F(IpcqReceive, TakesBlocksInWhateverOrderTheyCome)
@@ -886,14 +866,14 @@ TEST_F(IpcqReceive, LaterBlocksThatDoNotFit)
         EXPECT_EQ(Reports([&] { EXPECT_EQ(Receive(), 0); }), warning) << change.first;
         EXPECT_EQ(event, 2) << "a server goes on with the next event";
         EXPECT_EQ(status, -1);
-        EXPECT_EQ(Contents(data), "good");
-        End(sender);
+        EXPECT_EQ(Bytes(data), "good");
+        EndChild(sender);
 
         sender = SendByHand(queue.id, me, FirstBlock(1), sendBad);
         EXPECT_EQ(Reports([&] { EXPECT_EQ(Receive(sender), IpcError); }), warning) << change.first;
         EXPECT_EQ(Receive(sender), 0) << "a client gets the code";
         EXPECT_EQ(event, 2);
-        End(sender);
+        EndChild(sender);
     }
 }
 
@@ -903,7 +883,7 @@ TEST_F(IpcqReceive, ASenderThatIsGoneAtOnce)
     first.senders_pid = DeadProcess();
     SendRecord(queue.id, me, first);
     EXPECT_EQ(Receive(), SenderGone);
-    EXPECT_EQ(Contents(data).substr(0, 2), "01") << "what came stays";
+    EXPECT_EQ(Bytes(data).substr(0, 2), "01") << "what came stays";
     EXPECT_EQ(data.Size(), 8u);
 }
 
@@ -949,7 +929,7 @@ TEST_F(IpcqTransfer, BothSidesSendOverAFullQueue)
             CHILD_CHECK(server.send_response(i, 0, text.data(), 1000) == 0);
         for (short i = 0; i < count; i++) {
             CHILD_CHECK(server.receive_event(event, data, response, ack) == -1);
-            CHILD_CHECK(event == i && Contents(data) == text);
+            CHILD_CHECK(event == i && Bytes(data) == text);
         }
         CHILD_CHECK(server.receive_event(event, data, response, ack) == -1 && event == 9999);
     });
@@ -963,7 +943,7 @@ TEST_F(IpcqTransfer, BothSidesSendOverAFullQueue)
     for (short i = 0; i < count; i++) {
         ASSERT_EQ(client.receive_response(event, data), 0);
         ASSERT_EQ(event, i);
-        ASSERT_TRUE(Contents(data) == text);
+        ASSERT_TRUE(Bytes(data) == text);
     }
     EXPECT_EQ(client.send_event(9999, nullptr, 0), 0);
     EXPECT_EQ(WaitForExit(pid), 0);

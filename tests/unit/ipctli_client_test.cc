@@ -12,13 +12,6 @@ class IpctliClient : public IpctliTest {};
 const short Object = 7;
 const char HostFile[] = "/var/orv/data/orvdserver.host";
 
-std::string Dump(const IPCTliClient& client)
-{
-    std::ostringstream out;
-    client.dumpOn(out);
-    return out.str();
-}
-
 // A client without a probe, and its peer.
 struct ClientAndPeer {
     RawSocket listener;
@@ -358,7 +351,7 @@ TEST_F(IpctliClient, AResponse)
     EXPECT_EQ(event, 21);
     EXPECT_EQ(response, 2);
     EXPECT_EQ(ack, 3);
-    EXPECT_EQ(Contents(data), "hello");
+    EXPECT_EQ(Bytes(data), "hello");
     EXPECT_STREQ(ends.client->LastSendersProgramName(), "/opt/raw/prog");
     EXPECT_STREQ(ends.client->LastSendersNodeName(), "rawnode");
 
@@ -463,12 +456,19 @@ void Echo(IPCTli& listener)
     }
 }
 
-TEST_F(IpctliClient, EventsOfAnySizeAreEchoed)
+// A server that echoes one client's events, in a process of its own.
+pid_t StartEcho()
 {
     IPCTli listener;
-    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
+    EXPECT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
     const pid_t server = StartChild([&] { Echo(listener); });
     listener.Tclose();
+    return server;
+}
+
+TEST_F(IpctliClient, EventsOfAnySizeAreEchoed)
+{
+    const pid_t server = StartEcho();
     {
         IPCTliClient client(Object, "orvd", "localhost", 1);
         ASSERT_EQ(client.Connected(), 1);
@@ -479,7 +479,7 @@ TEST_F(IpctliClient, EventsOfAnySizeAreEchoed)
             ASSERT_EQ(client.send_event_with_response(30, text.data(), size), 0) << size;
             ASSERT_EQ(client.receive_response(event, data), 30) << size;
             EXPECT_EQ(event, 30);
-            EXPECT_TRUE(Contents(data) == text) << size;
+            EXPECT_TRUE(Bytes(data) == text) << size;
             EXPECT_STREQ(client.LastSendersProgramName(), "/opt/orv/bin/tester");
             EXPECT_STREQ(client.LastSendersNodeName(), "thisnode");
         }
@@ -491,14 +491,10 @@ TEST_F(IpctliClient, EventsOfAnySizeAreEchoed)
 
 TEST_F(IpctliClient, AServerThatDies)
 {
-    IPCTli listener;
-    ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
-    const pid_t server = StartChild([&] { Echo(listener); });
-    listener.Tclose();
+    const pid_t server = StartEcho();
     IPCTliClient client(Object, "orvd", "localhost", 1);
     ASSERT_EQ(client.Connected(), 1);
-    kill(server, SIGKILL);
-    WaitForExit(server);
+    EndChild(server);
     short event = 5;
     Buffer data;
     EXPECT_EQ(client.receive_response(event, data), ServerGone);

@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 
 #include "svr4/tli.h"
 #include "tests/support/failing_memory.h"
@@ -131,7 +130,7 @@ TEST_F(IpctliEndpoint, ConnectingIsLimitedTo120Seconds)
     RawSocket filler[4];
     for (RawSocket& socket : filler) {
         socket.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        const struct sockaddr_in address = RawSocket::Loopback(Port);
+        const struct sockaddr_in address = Loopback(Port);
         connect(socket.fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address);
     }
     IPCTli end;
@@ -195,8 +194,7 @@ TEST_F(IpctliEndpoint, ListeningWithoutADescriptor)
         IPCTli end;
         const int next = dup(0);
         close(next);
-        const struct rlimit limit = {rlim_t(next), rlim_t(next)};
-        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+        LimitDescriptors(static_cast<unsigned long>(next));
         CHILD_CHECK(end.Tprelisten(nullptr, "4711") == 0);
         CHILD_CHECK(end.Topen(nullptr, "4711") == 0);
     });
@@ -494,8 +492,7 @@ TEST_F(IpctliEndpoint, TheLimitIsNotRenewedByData)
     EXPECT_EQ(connection.end.recv(&received[0], 100), ReceiveTimeOut);
     EXPECT_GT(Handling::secondsLeft, 880);
     EXPECT_LT(Handling::secondsLeft, 900);
-    kill(sender, SIGKILL);
-    WaitForExit(sender);
+    EndChild(sender);
 }
 
 // ---- Ending ----
@@ -775,13 +772,6 @@ std::string Information(const char* host, const char* service)
     std::ostringstream out;
     IPCTli::info(host, service, out);
     EXPECT_TRUE(out.good());
-    return out.str();
-}
-
-std::string HexDump(const std::string& bytes)
-{
-    std::ostringstream out;
-    Buffer::hexdumpOn(bytes.data(), static_cast<unsigned>(bytes.size()), out);
     return out.str();
 }
 

@@ -1,6 +1,8 @@
 // The record, its dump, and events of one or more records, malformed ones included.
 #include <sstream>
 
+#include <fcntl.h>
+
 #include "tests/unit/ipctli_testing.h"
 
 namespace {
@@ -14,13 +16,6 @@ std::string Dump(const TliMsgStruct& msg)
     std::ostringstream out;
     DumpTliMessage(&msg, out);
     EXPECT_TRUE(out.good());
-    return out.str();
-}
-
-std::string HexDump(const void* p, unsigned n)
-{
-    std::ostringstream out;
-    Buffer::hexdumpOn(p, n, out);
     return out.str();
 }
 
@@ -254,7 +249,7 @@ TEST_F(IpctliRecords, OneRecord)
     Buffer data(3);
     EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
     EXPECT_EQ(std::memcmp(&msg, record.bytes.data(), sizeof msg), 0);
-    EXPECT_EQ(Contents(data), "hello");
+    EXPECT_EQ(Bytes(data), "hello");
 
     ASSERT_TRUE(connection.peer.Send(MakeReply(1, 0)));
     EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
@@ -274,10 +269,10 @@ TEST_F(IpctliRecords, TheHeaderOfTheFirstRecordIsKept)
     Buffer data;
     EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
     EXPECT_EQ(std::memcmp(&msg, first.bytes.data(), sizeof msg), 0);
-    EXPECT_EQ(Contents(data), text);
+    EXPECT_EQ(Bytes(data), text);
     EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
     EXPECT_EQ(msg.event, 4);
-    EXPECT_EQ(Contents(data), "next");
+    EXPECT_EQ(Bytes(data), "next");
 }
 
 TEST_F(IpctliRecords, BlocksMayBeSmaller)
@@ -289,7 +284,7 @@ TEST_F(IpctliRecords, BlocksMayBeSmaller)
     TliMsgStruct msg;
     Buffer data;
     EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
-    EXPECT_EQ(Contents(data), "abcde");
+    EXPECT_EQ(Bytes(data), "abcde");
 }
 
 TEST_F(IpctliRecords, BlocksComeInWhateverOrder)
@@ -334,7 +329,7 @@ TEST_F(IpctliRecords, AnySizeArrives)
         EXPECT_EQ(msg.alloc_data_length, size);
         EXPECT_EQ(msg.event, 17);
         EXPECT_EQ(data.Size(), static_cast<unsigned>(size));
-        EXPECT_TRUE(Contents(data) == Pattern(static_cast<size_t>(size))) << size;
+        EXPECT_TRUE(Bytes(data) == Pattern(static_cast<size_t>(size))) << size;
     }
     EXPECT_EQ(WaitForExit(sender), 0);
     const Output output = Capture([&] { EXPECT_EQ(end.recv_block(&msg, data), ServerGone); });

@@ -1,4 +1,4 @@
-// What the tests of the connections share: a private name service, and peers that know nothing but the record layout.
+// What the tests of the connections share: a private name service, and endpoints with a raw peer.
 #ifndef TESTS_UNIT_IPCTLI_TESTING_H
 #define TESTS_UNIT_IPCTLI_TESTING_H
 
@@ -7,9 +7,7 @@
 #include <functional>
 #include <string>
 
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -17,150 +15,20 @@
 
 #include "Misc/ipctli.h"
 #include "Misc/proginfo.h"
+#include "tests/support/objects.h"
+#include "tests/support/raw_tcp_peer.h"
+#include "tests/support/short_reports.h"
 #include "tests/support/testing.h"
-#include "tests/unit/ipcq_testing.h"
 
 namespace ipctli_testing {
 
 using namespace testing_support;
-using ipcq_testing::Contents;
-using ipcq_testing::Pattern;
-using ipcq_testing::Report;
-using ipcq_testing::Reports;
 
-const int Port = 4711;
 const short OutOfMemory = ErrorReporter::OUT_OF_MEMORY;
 const short TcpError = ErrorReporter::TCP_ERROR;
 const short ServerGone = ErrorReporter::SERVER_GONE;
 const short ConnectionLost = ErrorReporter::IPC_CONNECTION_LOST;
 const short ReceiveTimeOut = ErrorReporter::IPC_RECV_TIME_OUT;
-
-/// A record by its offsets alone.
-struct RawRecord {
-    std::string bytes = std::string(1904, '\0');
-
-    void Put(size_t offset, const std::string& text) { bytes.replace(offset, text.size(), text); }
-    void Put16(size_t offset, int value)
-    {
-        const int16_t v = static_cast<int16_t>(value);
-        Put(offset, std::string(reinterpret_cast<const char*>(&v), sizeof v));
-    }
-    void Put32(size_t offset, int32_t value)
-    {
-        Put(offset, std::string(reinterpret_cast<const char*>(&value), sizeof value));
-    }
-    int Get16(size_t offset) const
-    {
-        int16_t v;
-        std::memcpy(&v, &bytes[offset], sizeof v);
-        return v;
-    }
-    int32_t Get32(size_t offset) const
-    {
-        int32_t v;
-        std::memcpy(&v, &bytes[offset], sizeof v);
-        return v;
-    }
-    std::string Text(size_t offset) const { return &bytes[offset]; }
-    std::string Data() const { return bytes.substr(204, static_cast<size_t>(Get16(26))); }
-};
-
-/// A sound record: `data` at `offset` of `total` bytes.
-inline RawRecord MakeRecord(int event, int partsLeft, int32_t offset, int32_t total, const std::string& data)
-{
-    RawRecord record;
-    record.Put(4, "3.2");
-    record.Put16(24, partsLeft);
-    record.Put16(26, static_cast<int>(data.size()));
-    record.Put32(28, offset);
-    record.Put16(32, event);
-    record.Put(34, "rawnode");
-    record.Put(114, "/opt/raw/prog");
-    record.Put32(200, total);
-    record.Put(204, data);
-    return record;
-}
-
-/// A reply without data.
-inline RawRecord MakeReply(int event, int resultCode)
-{
-    RawRecord record = MakeRecord(event, 0, 0, 0, "");
-    record.Put16(198, resultCode);
-    return record;
-}
-
-/// One end of a connection, over the host's sockets.
-class RawSocket {
-public:
-    explicit RawSocket(int descriptor = -1) : fd(descriptor) {}
-    ~RawSocket() { Close(); }
-    RawSocket(const RawSocket&) = delete;
-    RawSocket& operator=(const RawSocket&) = delete;
-
-    bool Connect(int port = Port)
-    {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const struct sockaddr_in address = Loopback(port);
-        return connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0;
-    }
-    bool Listen(int backlog = 5, int port = Port)
-    {
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const int on = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        const struct sockaddr_in address = Loopback(port);
-        return bind(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0 &&
-               listen(fd, backlog) == 0;
-    }
-    int Accept() const { return accept(fd, nullptr, nullptr); }
-
-    bool Send(const std::string& bytes) const
-    {
-        for (size_t sent = 0; sent < bytes.size();) {
-            const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0)
-                return false;
-            sent += static_cast<size_t>(n);
-        }
-        return true;
-    }
-    bool Send(const RawRecord& record) const { return Send(record.bytes); }
-    /// Takes one record; false when the peer closes before its end.
-    bool Receive(RawRecord* record) const
-    {
-        return recv(fd, &record->bytes[0], record->bytes.size(), MSG_WAITALL) == ssize_t(record->bytes.size());
-    }
-    /// Whether the peer has closed and nothing is left to receive.
-    bool AtEnd() const
-    {
-        char byte;
-        return recv(fd, &byte, 1, 0) <= 0;
-    }
-    /// Closes with a reset.
-    void Reset()
-    {
-        const struct linger now = {1, 0};
-        setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-        Close();
-    }
-    void Close()
-    {
-        if (fd >= 0)
-            close(fd);
-        fd = -1;
-    }
-
-    static struct sockaddr_in Loopback(int port)
-    {
-        struct sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return address;
-    }
-
-    int fd;
-};
 
 /// What a call writes to standard output and standard error.
 struct Output {
@@ -193,11 +61,7 @@ public:
           }))
     {
     }
-    ~Nagger()
-    {
-        kill(pid, SIGKILL);
-        WaitForExit(pid);
-    }
+    ~Nagger() { EndChild(pid); }
 
 private:
     pid_t pid;

@@ -21,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/raw_tcp_peer.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
@@ -28,15 +29,6 @@ using namespace testing_support;
 namespace {
 
 // -- Raw sockets: the other side --
-
-struct sockaddr_in Loopback(int port)
-{
-    struct sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
 
 int PortOf(int fd)
 {
@@ -1495,7 +1487,7 @@ TEST_F(Tli, SendingToAPeerThatIsGoneRaisesNoSignal)
         // Once more, now that the error has been told.
         const bool isStillGone = svr4::t_snd(fd, "x", 1, 0) == -1 && svr4::t_errno == svr4::TLOOK;
         const bool receives = Receive(fd) == kLook && svr4::t_look(fd) == svr4::T_DISCONNECT;
-        _exit(sent > 0 && isGone && isStillGone && receives ? 0 : 1);
+        CHILD_CHECK(sent > 0 && isGone && isStillGone && receives);
     });
     EXPECT_EQ(result.signal, 0);
     EXPECT_EQ(result.exitCode, 0);
@@ -1539,7 +1531,7 @@ TEST_F(Tli, AChildServesWhatItsParentAccepted)
         svr4::t_close(server);
         const bool works = Receive(acceptor) == "question" && svr4::t_snd(acceptor, "answer", 6, 0) == 6;
         svr4::t_close(acceptor);
-        _exit(works ? 0 : 1);
+        CHILD_CHECK(works);
     });
     svr4::t_close(acceptor);
     ASSERT_EQ(write(client, "question", 8), 8);
