@@ -9,18 +9,15 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/assertions.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
+#include "tests/unit/SafeArray_testing.h"
 
 using namespace testing_support;
+using safearray_testing::Printed;
+using safearray_testing::PrintOf;
 
 namespace {
-
-std::string Address(const void* p)
-{
-    std::ostringstream os;
-    os << p;
-    return os.str();
-}
 
 std::vector<std::string> Texts(const CStringSafeArray& a)
 {
@@ -47,29 +44,9 @@ TEST(CStringSafeArray, PrintsUnderItsElementName)
 {
     CStringSafeArray a;
     Fill(a, {"one", "two"});
-    std::ostringstream os;
-    a.print(os);
-    EXPECT_EQ(os.str(), "SafeArray(CString)***************\n"
-                        "********** Capacity =32\n"
-                        "********** Quantity =2\n"
-                        "********** This SafeArray is purgable.\n"
-                        "****SafeArray(CString)[0] address = " +
-                            Address(a[0]) +
-                            "\n"
-                            "****SafeArray(CString)[1] address = " +
-                            Address(a[1]) + "\n");
+    EXPECT_EQ(Printed(a), PrintOf("CString", 32, {a[0], a[1]}));
     a.SetPurgeMode(1);
-    std::ostringstream referring;
-    a.print(referring);
-    EXPECT_EQ(referring.str(), "SafeArray(CString)***************\n"
-                               "********** Capacity =32\n"
-                               "********** Quantity =2\n"
-                               "********** This SafeArray is NOT purgable.\n"
-                               "****SafeArray(CString)[0] address = " +
-                                   Address(a[0]) +
-                                   "\n"
-                                   "****SafeArray(CString)[1] address = " +
-                                   Address(a[1]) + "\n");
+    EXPECT_EQ(Printed(a), PrintOf("CString", 32, {a[0], a[1]}, "NOT purgable"));
     a.SetPurgeMode(0);
 }
 
@@ -77,9 +54,7 @@ TEST(CStringSafeArray, DumpsAsItsBase)
 {
     CStringSafeArray a(3);
     Fill(a, {"one"});
-    std::ostringstream os;
-    a.dumpOn(os);
-    EXPECT_EQ(os.str(), "Capacity: 3\nQuantity: 1\nlist[0] = " + Address(a[0]) + "\n");
+    EXPECT_EQ(Dump(a), "Capacity: 3\nQuantity: 1\nlist[0] = " + Address(a[0]) + "\n");
 }
 
 TEST(CStringSafeArray, SortsAlphabeticallyAndFinds)

@@ -11,32 +11,21 @@
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "tests/support/assertions.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
+#include "tests/unit/SafeArray_testing.h"
 
 using namespace testing_support;
+using safearray_testing::Printed;
+using safearray_testing::PrintOf;
 
 namespace {
 
-std::string Text(const CString& s)
-{
-    return static_cast<const char*>(s);
-}
+using testing_support::Text;
 
 std::string Text(const Option& option)
 {
     return Text(option.Name) + "=" + Text(option.Value);
-}
-
-std::string Address(const void* p)
-{
-    std::ostringstream os;
-    os << p;
-    return os.str();
-}
-
-std::string Bytes(const Buffer& b)
-{
-    return std::string(static_cast<const char*>(static_cast<const void*>(b)), b.Size());
 }
 
 void Put(Buffer& b, const std::vector<Option>& options)
@@ -212,29 +201,14 @@ TEST(OptionSafeArray, PrintsUnderItsElementName)
     OptionSafeArray a(3);
     a.AddItem(new Option("port", "7"));
     a.AddItem(*new Option("host", "a"));
-    std::ostringstream os;
-    a.print(os);
-    EXPECT_EQ(os.str(), "SafeArray(Option)***************\n"
-                        "********** Capacity =3\n"
-                        "********** Quantity =2\n"
-                        "********** This SafeArray is purgable.\n"
-                        "****SafeArray(Option)[0] address = " +
-                            Address(a[0]) +
-                            "\n"
-                            "****SafeArray(Option)[1] address = " +
-                            Address(a[1]) + "\n");
+    EXPECT_EQ(Printed(a), PrintOf("Option", 3, {a[0], a[1]}));
 }
 
 TEST(OptionSafeArray, PrintsWhenEmptyAndReferring)
 {
     OptionSafeArray a;
     a.SetPurgeMode(1);
-    std::ostringstream os;
-    a.print(os);
-    EXPECT_EQ(os.str(), "SafeArray(Option)***************\n"
-                        "********** Capacity =0\n"
-                        "********** Quantity =0\n"
-                        "********** This SafeArray is NOT purgable.\n");
+    EXPECT_EQ(Printed(a), PrintOf("Option", 0, {}, "NOT purgable"));
 }
 
 TEST(OptionSafeArray, AddsAndInserts)

@@ -14,14 +14,16 @@
 #include "Misc/Error.h"
 #include "tests/support/assertions.h"
 #include "tests/support/failing_memory.h"
+#include "tests/support/objects.h"
 #include "tests/support/testing.h"
+#include "tests/unit/SafeArray_testing.h"
 
 using namespace testing_support;
+using namespace safearray_testing;
 
 namespace {
 
 const char Unit[] = "Misc/SafeArray";
-const unsigned Ceiling = 256000;
 
 // An element that counts its like.
 struct Thing {
@@ -53,38 +55,10 @@ namespace {
 typedef SafeArray<Thing> ThingSafeArray;
 typedef SafeArrayIter<Thing> ThingSafeArrayIter;
 
-// An array of pointers that are never followed; it refers to them, and notes what it is asked to delete.
-struct Pointers : SafeArrayBase {
-    explicit Pointers(unsigned initialCapacity = 0) : SafeArrayBase(initialCapacity) {}
-    void DeleteItem(void* item) override { deleted.push_back(item); }
-    std::vector<void*> deleted;
-};
-
-char bytes[2 * Ceiling];
-void* P(unsigned i)
-{
-    return bytes + i;
-}
-
-std::vector<void*> Contents(const SafeArrayBase& a)
-{
-    std::vector<void*> contents;
-    for (unsigned i = 0; i < a.Quantity(); i++)
-        contents.push_back(a.at(i));
-    return contents;
-}
-
 void Fill(Pointers& a, unsigned quantity)
 {
     for (unsigned i = 0; i < quantity; i++)
         a.AddPtr(P(i));
-}
-
-std::string Text(const void* p)
-{
-    std::ostringstream os;
-    os << p;
-    return os.str();
 }
 
 int CompareThings(const Thing** a, const Thing** b)
@@ -467,7 +441,8 @@ TEST(SafeArray, DumpOnListsThePointers)
     Fill(a, 2);
     std::ostringstream os;
     a.dumpOn(os);
-    EXPECT_EQ(os.str(), "Capacity: 32\nQuantity: 2\nlist[0] = " + Text(P(0)) + "\nlist[1] = " + Text(P(1)) + "\n");
+    EXPECT_EQ(os.str(),
+              "Capacity: 32\nQuantity: 2\nlist[0] = " + Address(P(0)) + "\nlist[1] = " + Address(P(1)) + "\n");
 }
 
 TEST(SafeArray, BehavesAsAVectorOfPointers)
@@ -712,10 +687,10 @@ TEST(TypedArray, PrintShowsModeSizesAndAddresses)
                             "********** Quantity =2\n"
                             "********** This SafeArray is NOT purgable.\n"
                             "****SafeArray(Thing)[0] address = " +
-                                Text(&one) +
+                                Address(&one) +
                                 "\n"
                                 "****SafeArray(Thing)[1] address = " +
-                                Text(&two) + "\n");
+                                Address(&two) + "\n");
     }
     a.SetPurgeMode(1);
 }

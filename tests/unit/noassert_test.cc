@@ -15,37 +15,18 @@
 #include "tests/support/assertions.h"
 #include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
+#include "tests/unit/SafeArray_testing.h"
 
 #ifndef ZELOO_NO_ASSERTIONS
 #error "this test is about assertions that are off"
 #endif
 
 using namespace testing_support;
+using namespace safearray_testing;
 
 namespace {
 
 const char InsertAtWarning[] = "Warning: invalid index to SafeArrayBase::InsertAt()...\n";
-const unsigned Ceiling = 256000;
-
-struct Pointers : SafeArrayBase {
-    Pointers() : SafeArrayBase(0) {}
-    void DeleteItem(void* item) override { deleted.push_back(item); }
-    std::vector<void*> deleted;
-};
-
-char bytes[Ceiling + 1];
-void* P(unsigned i)
-{
-    return bytes + i;
-}
-
-std::vector<void*> Contents(const SafeArrayBase& a)
-{
-    std::vector<void*> contents;
-    for (unsigned i = 0; i < a.Quantity(); i++)
-        contents.push_back(a.at(i));
-    return contents;
-}
 
 TEST(AssertionsOff, TheExpressionIsNotEvaluated)
 {
