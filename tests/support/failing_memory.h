@@ -3,7 +3,7 @@
 //     const MemoryFailure failure = MemoryFailure::OfSize(sizeof(CmdLine), NewObject);
 //     ProcMgr submission("x", nullptr); // finds no memory for its CmdLine
 //
-// A test that uses it links zeloo_failing_memory (see tests/unit/CMakeLists.txt), which replaces `operator new` and
+// The linker takes it for the tests that use it. It replaces `operator new` and
 // `operator new[]` with std::nothrow and `calloc` for the whole program, the library included, static or shared. The
 // other forms, by which the tests and the C++ library allocate, always find memory.
 #ifndef TESTS_SUPPORT_FAILING_MEMORY_H

@@ -822,8 +822,8 @@ TEST_F(IpcqReceive, TakesBlocksInWhateverOrderTheyCome)
     });
     EXPECT_EQ(Receive(), 0);
     EXPECT_EQ(event, 30);
-    EXPECT_EQ(Contents(data), "01234567");
-    End(sender);
+    EXPECT_EQ(Bytes(data), "01234567");
+    EndChild(sender);
 }
 
 TEST_F(IpcqReceive, TakesAFirstBlockAtItsOwnOffset)
@@ -833,8 +833,8 @@ TEST_F(IpcqReceive, TakesAFirstBlockAtItsOwnOffset)
     const pid_t sender = SendByHand(
         queue.id, me, first, [&](long channel) { SendRecord(queue.id, channel, LaterBlock(0, "234567", 0)); });
     EXPECT_EQ(Receive(), 0);
-    EXPECT_EQ(Contents(data), "23456701");
-    End(sender);
+    EXPECT_EQ(Bytes(data), "23456701");
+    EndChild(sender);
 }
 
 TEST_F(IpcqReceive, LaterBlocksThatDoNotFit)

@@ -298,9 +298,9 @@ TEST_F(IpctliRecords, BlocksComeInWhateverOrder)
     TliMsgStruct msg;
     Buffer data;
     EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
-    EXPECT_EQ(Contents(data), "01234567");
+    EXPECT_EQ(Bytes(data), "01234567");
     EXPECT_EQ(connection.end.recv_block(&msg, data), 0);
-    EXPECT_EQ(Contents(data), "next") << "no byte of the next event is taken";
+    EXPECT_EQ(Bytes(data), "next") << "no byte of the next event is taken";
 }
 
 TEST_F(IpctliRecords, AnySizeArrives)
