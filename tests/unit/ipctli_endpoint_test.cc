@@ -24,6 +24,15 @@ void ExpectSilence(const std::function<void()>& body)
     EXPECT_EQ(output.err, "");
 }
 
+// The caller has its own handler of SIGALRM and its own alarm again, which was set to `seconds` just before the call.
+void ExpectAlarm(const Handling& handler, unsigned seconds)
+{
+    EXPECT_TRUE(handler.IsInPlace());
+    const unsigned left = alarm(0);
+    EXPECT_GT(left, seconds - 10);
+    EXPECT_LE(left, seconds);
+}
+
 // ---- The closed endpoint ----
 
 TEST_F(IpctliEndpoint, AClosedEndpoint)
@@ -148,11 +157,7 @@ TEST_F(IpctliEndpoint, ConnectingIsLimitedTo120Seconds)
         Nagger nagger(SIGALRM);
         ExpectSilence([&] { EXPECT_EQ(end.Topen("localhost", "orvd"), 0); });
     }
-    EXPECT_GT(alarm(0), 490u); // the caller's alarm is armed again
-    struct sigaction now;
-    sigaction(SIGALRM, nullptr, &now);
-    EXPECT_NE(now.sa_handler, sigalarm);
-    EXPECT_EQ(now.sa_flags & SA_RESTART, SA_RESTART);
+    ExpectAlarm(alarms, 500);
 }
 
 // ---- Listening ----
@@ -460,11 +465,7 @@ TEST_F(IpctliEndpoint, TheAlarmEndsAReceive)
         Nagger nagger(SIGALRM);
         ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&byte, 1), ReceiveTimeOut); });
     }
-    EXPECT_GT(alarm(0), 490u);
-    struct sigaction now;
-    sigaction(SIGALRM, nullptr, &now);
-    EXPECT_NE(now.sa_handler, sigalarm);
-    EXPECT_EQ(now.sa_flags & SA_RESTART, SA_RESTART);
+    ExpectAlarm(alarms, 500);
 
     ASSERT_TRUE(connection.peer.Send("x")); // what is there is received under any number of alarms
     Nagger nagger(SIGALRM);

@@ -81,6 +81,14 @@ public:
     }
     ~Handling() { sigaction(number, &earlier, nullptr); }
 
+    /// Whether the handler stands as it was set, with its flags.
+    bool IsInPlace() const
+    {
+        struct sigaction now;
+        sigaction(number, nullptr, &now);
+        return now.sa_handler == Note && (now.sa_flags & (SA_RESTART | SA_SIGINFO | SA_RESETHAND)) == SA_RESTART;
+    }
+
     static volatile sig_atomic_t calls;
     static volatile sig_atomic_t secondsLeft; // the most that any call has seen
 
