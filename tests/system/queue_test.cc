@@ -113,7 +113,7 @@ int RawQueue()
     return msgget(ftok("/opt/orv/bin/orvd", 1), 0660);
 }
 
-TEST_F(QueueSystem, TwoClientsAtOnceWithTransfersOfManyBlocks)
+TEST_F(QueueSystem, ServesTwoClientsAtOnceWithTransfersOfManyBlocks)
 {
     std::vector<pid_t> clients;
     for (char seed : {'a', 'q'})

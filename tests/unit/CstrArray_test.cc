@@ -126,7 +126,7 @@ TEST(CStringSafeArray, DeletesThroughTheVirtualDestructor)
     EXPECT_EQ(CountedString::gone, 2);
 }
 
-TEST(CStringSafeArray, TypedPointers)
+TEST(CStringSafeArray, GetPointersGivesTypedPointers)
 {
     CStringSafeArray a;
     EXPECT_EQ(a.GetPointers(), nullptr);

@@ -24,7 +24,7 @@ protected:
     static constexpr long Saturday = 889279500;
 };
 
-TEST_F(DatesTest, TextForms)
+TEST_F(DatesTest, GivesDateAndTimeInTheirFixedFormats)
 {
     EXPECT_STREQ(Dates::GetDate(Saturday), "03/07/1998");
     EXPECT_STREQ(Dates::GetTime(Saturday), "09:05:00");
@@ -35,7 +35,7 @@ TEST_F(DatesTest, TextForms)
     EXPECT_STREQ(Dates::GetDateTime(&local), "03/07/1998 09:05:00");
 }
 
-TEST_F(DatesTest, LastDayOf1999)
+TEST_F(DatesTest, WritesTheYearInFourDigits)
 {
     tm local = {};
     local.tm_year = 99;
@@ -46,7 +46,7 @@ TEST_F(DatesTest, LastDayOf1999)
     EXPECT_STREQ(Dates::GetDate(Dates::CurrentTime(&local)), "12/31/1999");
 }
 
-TEST_F(DatesTest, TheFormsForNow)
+TEST_F(DatesTest, WithoutAMomentTheTextsAreOfNow)
 {
     std::string date, time, both;
     long before, after;
@@ -63,7 +63,7 @@ TEST_F(DatesTest, TheFormsForNow)
     EXPECT_EQ(Dates::GetDateTime(both.c_str()), before);
 }
 
-TEST_F(DatesTest, BrokenDownTime)
+TEST_F(DatesTest, BreaksAMomentDownAndPutsItTogether)
 {
     const tm local = Dates::CurrentTm(Saturday);
     EXPECT_EQ(local.tm_sec, 0);
@@ -117,7 +117,7 @@ TEST_F(DatesTest, YearsOfMoreThanFourDigitsAreCutToTheBuffers)
     EXPECT_STREQ(Dates::GetDateTime(&local), "2147483648/ -2147483648");
 }
 
-TEST_F(DatesTest, MomentsBeyondTheCalendar)
+TEST_F(DatesTest, MomentsBeyondTheCalendarDoNoHarm)
 {
     EXPECT_LE(strlen(Dates::GetDateTime(LONG_MAX)), 23u);
     EXPECT_EQ(Dates::CurrentTm(LONG_MIN).tm_year, 0);
@@ -173,7 +173,7 @@ TEST_F(DatesTest, SecondsIntoToday)
     EXPECT_EQ(seconds, (before + 19800) % 86400);
 }
 
-TEST_F(DatesTest, DurationTexts)
+TEST_F(DatesTest, WritesADurationInDaysHoursMinutesAndSeconds)
 {
     EXPECT_STREQ(Dates::Secs_to_Format(93784), "  1d  2h  3m  4s");
     EXPECT_STREQ(Dates::Secs_to_Format(0), "  0d  0h  0m  0s");
@@ -185,7 +185,7 @@ TEST_F(DatesTest, DurationTexts)
     EXPECT_STREQ(Dates::Secs_to_Format(9999999L * 86400 + 86399), "9999999d 23h 59m 59");
 }
 
-TEST_F(DatesTest, DurationParts)
+TEST_F(DatesTest, TakesADurationApart)
 {
     int dd, hh, mm, ss;
     Dates::Secs_to_DDHHMMSS(93784, &dd, &hh, &mm, &ss);
@@ -204,7 +204,7 @@ TEST_F(DatesTest, DurationParts)
     EXPECT_EQ(ss, -8);
 }
 
-TEST_F(DatesTest, Differences)
+TEST_F(DatesTest, CountsDaysMinutesAndSecondsBetweenMoments)
 {
     EXPECT_EQ(Dates::DaysBetween(86400, 86399), 1) << "a second apart, but across midnight";
     EXPECT_EQ(Dates::DaysBetween(86399, 0), 0) << "nearly a day apart, on one day";

@@ -77,7 +77,7 @@ TEST(ErrorBeforeInitialize, ReportsWithAnEmptyProgramName)
 }
 
 // A display before any report shows an empty one.
-TEST(ErrorBeforeInitialize, DisplayBeforeAnyReport)
+TEST(ErrorBeforeInitialize, DisplayShowsNoErrorBeforeAnyReport)
 {
     ErrorReporter reporter;
     EXPECT_EQ(ErrorReporter::GetErrorCount(), 0);
@@ -290,7 +290,7 @@ TEST(ErrorTypes, DumpListsEveryCode)
     EXPECT_EQ(std::count(text.begin(), text.end(), '\t'), 83);
 }
 
-TEST(ErrorTypes, NumbersWithoutAMessage)
+TEST(ErrorTypes, NumbersWithoutAMessageAreNotSpecified)
 {
     for (int code : {0, 1, 9, 93, 999, 1000, -1, -32768, 32767})
         EXPECT_STREQ(ErrorReporter::GetErrorType(static_cast<short>(code)), "NOT_SPECIFIED") << code;
@@ -300,7 +300,7 @@ TEST(ErrorTypes, NumbersWithoutAMessage)
     EXPECT_STREQ(ErrorReporter::GetErrorType(92), "Receiving fault message from an invalid node");
 }
 
-TEST(ErrorTypes, SeverityNames)
+TEST(ErrorTypes, SeveritiesHaveTheirNames)
 {
     const char* const names[] = {"NOTICE", "NOTICE_WITH_LOG", "WARNING", "WARNING_WITH_LOG", "PANIC"};
     for (short severity = 0; severity < 5; severity++)
@@ -341,7 +341,7 @@ TEST_F(Error, DisplayShowsTheLastReportOfAnyObject)
     EXPECT_EQ(CaptureStderr([&] { reporter.Display(); }), first);
 }
 
-TEST_F(Error, ErrorCodeLineWithoutAnErrno)
+TEST_F(Error, WithoutAnErrnoItIsAnApplicationErrorOrNone)
 {
     const std::string report = CaptureStderr([&] {
         errno = 0;
@@ -473,7 +473,7 @@ TEST_F(Error, TheTagWrapsAt32Bits)
     EXPECT_EQ(records[3], Record("409989999", 'I', "probe.C", "t"));
 }
 
-TEST_F(Error, SoftwareModule)
+TEST_F(Error, TheSoftwareModuleIsTakenFromTheIdentification)
 {
     SyslogSink sink;
     const std::pair<const char*, const char*> cases[] = {

@@ -92,7 +92,7 @@ TEST(Option, ACopySharesTheTextsUntilOneChanges)
     EXPECT_EQ(Text(copy), "port=77");
 }
 
-TEST(Option, Assignment)
+TEST(Option, AssignmentCopiesNameAndValue)
 {
     Option option("port", "7");
     Option other("host", "a");

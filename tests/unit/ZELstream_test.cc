@@ -42,7 +42,7 @@ std::string PutOnStream(N n)
     return os.str();
 }
 
-TEST(ZELostream, NumbersInABuffer)
+TEST(ZELostream, WritesNumbersIntoABufferWhenItIsFlushed)
 {
     Buffer b;
     {
@@ -69,7 +69,7 @@ TEST(ZELostream, NumbersInABuffer)
     EXPECT_EQ(Put<unsigned char>(0xff), "\xff");
 }
 
-TEST(ZELostream, NumbersOnAStream)
+TEST(ZELostream, WritesNumbersOnAStreamAtOnce)
 {
     EXPECT_EQ(PutOnStream<short>(-5), "-5|");
     EXPECT_EQ(PutOnStream<int>(5), "5|");
@@ -87,7 +87,7 @@ TEST(ZELostream, NumbersOnAStream)
     EXPECT_EQ(os.str(), "__ff|10|");
 }
 
-TEST(ZELostream, Runs)
+TEST(ZELostream, WritesRunsOfBytesAsTheyAre)
 {
     Buffer b;
     std::ostringstream os;
@@ -142,7 +142,7 @@ TEST(ZELostream, StagesUpTo1024Bytes)
     EXPECT_EQ(Bytes(b), std::string(4000, 'e') + "xy");
 }
 
-TEST(ZELostream, Good)
+TEST(ZELostream, IsAsGoodAsItsStream)
 {
     Buffer b;
     EXPECT_EQ(ZELostream(b).good(), 1);
@@ -206,7 +206,7 @@ std::string Get(const std::string& text, N before)
     return std::to_string(n) + " at " + std::to_string(in.tellg());
 }
 
-TEST(ZEListream, NumbersInABuffer)
+TEST(ZEListream, ReadsNumbersFromABuffer)
 {
     EXPECT_EQ(Get<short>("-5|6|", 9), "-5 at 3");
     EXPECT_EQ(Get<int>("12|", 9), "12 at 3");
@@ -217,7 +217,7 @@ TEST(ZEListream, NumbersInABuffer)
     EXPECT_EQ(Get<int>(" \t\r\n\v\f+12|", 9), "12 at 10");
 }
 
-TEST(ZEListream, NumbersWithoutTheirDelimiter)
+TEST(ZEListream, ANumberWithoutItsDelimiterMovesNoPosition)
 {
     EXPECT_EQ(Get<int>("12x", 9), "12 at 0");
     EXPECT_EQ(Get<int>("12", 9), "12 at 0");
@@ -385,7 +385,7 @@ TEST(ZEListream, ReadingALargeBufferTakesLinearTime)
     EXPECT_EQ(in.tellg(), b.Size());
 }
 
-TEST(ZEListream, VeryLongNumbers)
+TEST(ZEListream, ReadsVeryLongNumbers)
 {
     const std::string zeros(1000000, '0');
     EXPECT_EQ(Get<int>(zeros + "7|", 9), "7 at 1000002");
@@ -394,7 +394,7 @@ TEST(ZEListream, VeryLongNumbers)
     EXPECT_EQ(Get<int>(std::string(1000000, ' '), 9), "9 at 0");
 }
 
-TEST(ZEListream, NumbersOnAStream)
+TEST(ZEListream, ReadsNumbersFromAStream)
 {
     std::istringstream is("-5| 6 |7|8|9|10|c\xff");
     ZEListream in(is);
@@ -481,7 +481,7 @@ TEST(ZEListream, ReadFarBeyondTheEndGivesSpareBytes)
     EXPECT_EQ(n, 9);
 }
 
-TEST(ZEListream, Characters)
+TEST(ZEListream, ReadsCharacters)
 {
     Buffer b = BufferOf(std::string("a\0\xff", 3));
     b[3] = '#';
@@ -503,7 +503,7 @@ TEST(ZEListream, Characters)
     EXPECT_EQ(u, 'o');
 }
 
-TEST(ZEListream, ReadOnAStream)
+TEST(ZEListream, ReadsBytesFromAStream)
 {
     std::istringstream is("abcd");
     ZEListream in(is);
@@ -516,7 +516,7 @@ TEST(ZEListream, ReadOnAStream)
     EXPECT_FALSE(in.good());
 }
 
-TEST(ZEListream, Seek)
+TEST(ZEListream, SeekInABufferIgnoresTheDirection)
 {
     Buffer b = BufferOf("12|34|56|");
     ZEListream in(b);
@@ -540,7 +540,7 @@ TEST(ZEListream, Seek)
     EXPECT_EQ(n, 34);
 }
 
-TEST(ZEListream, ReadErrorFlag)
+TEST(ZEListream, TheReadErrorFlagMakesItBadWithoutStoppingIt)
 {
     Buffer b = BufferOf("1|");
     std::istringstream is("1|");

@@ -38,7 +38,7 @@ const char* Raw(const Buffer& b)
     return static_cast<const char*>(b.operator const void*());
 }
 
-TEST(Buffer, Empty)
+TEST(Buffer, AnEmptyBufferHasNoBlock)
 {
     Buffer b(0);
     EXPECT_EQ(b.Size(), 0u);
@@ -89,7 +89,7 @@ TEST(Buffer, PurgesThroughTheVirtualTable)
     EXPECT_EQ(b.Size(), 0u);
 }
 
-TEST(Buffer, CopyAndAssign)
+TEST(Buffer, CopiesAreDeep)
 {
     Buffer a = BufferOf(std::string("a\0b", 3));
     Buffer b(a);
@@ -106,7 +106,7 @@ TEST(Buffer, CopyAndAssign)
     EXPECT_EQ(Bytes(a), std::string("x\0b", 3));
 }
 
-TEST(Buffer, PutDataAt)
+TEST(Buffer, PutDataAtReplacesAndExtends)
 {
     Buffer b;
     b.PutDataAt(10, "ab", 2);
@@ -138,7 +138,7 @@ TEST(Buffer, PutDataAtBeyond32BitsWritesNothing)
     EXPECT_EQ(Raw(b), block);
 }
 
-TEST(Buffer, SourcesWithinTheBuffer)
+TEST(Buffer, TakesSourcesWithinItself)
 {
     Buffer b = BufferOf("abcd");
     for (int i = 0; i < 12; i++) // often enough for the block to move
@@ -156,7 +156,7 @@ TEST(Buffer, SourcesWithinTheBuffer)
     EXPECT_EQ(Bytes(b).substr(100000), "67");
 }
 
-TEST(Buffer, GetDataAt)
+TEST(Buffer, GetDataAtStopsAtTheEnd)
 {
     const Buffer b = BufferOf("0123456789ab");
     char out[12];
@@ -174,7 +174,7 @@ TEST(Buffer, GetDataAt)
     Buffer().GetDataAt(0, out, 5);
 }
 
-TEST(Buffer, Append)
+TEST(Buffer, AppendsTextsAndBytes)
 {
     Buffer b;
     b.Append("");
@@ -192,7 +192,7 @@ TEST(Buffer, Append)
     EXPECT_EQ(Bytes(b), std::string("abcd\0abcd", 9));
 }
 
-TEST(Buffer, CString)
+TEST(Buffer, GivesATerminatedText)
 {
     Buffer terminated = BufferOf(std::string("ab\0", 3));
     EXPECT_EQ(terminated.GetCString(), Raw(terminated));
@@ -206,7 +206,7 @@ TEST(Buffer, CString)
     EXPECT_STREQ(Buffer().GetCString(), "");
 }
 
-TEST(Buffer, ReleaseAndAssign)
+TEST(Buffer, ReleasesItsBlockAndTakesAnother)
 {
     Buffer b = BufferOf("abc");
     void* block = b.ReleasePtr();
@@ -225,7 +225,7 @@ TEST(Buffer, ReleaseAndAssign)
     EXPECT_EQ(b.ReleasePtr(), nullptr);
 }
 
-TEST(BufferFile, Load)
+TEST(BufferFile, LoadsAFileWhole)
 {
     testing_support::TemporaryDirectory dir;
     const std::string path = dir.File("f");
@@ -282,7 +282,7 @@ TEST(BufferFile, LoadFromAStreamAlwaysGivesZero)
     EXPECT_EQ(more.get(), 'x');
 }
 
-TEST(BufferFile, Save)
+TEST(BufferFile, SavesAndAppends)
 {
     testing_support::TemporaryDirectory dir;
     const std::string path = dir.File("f");
@@ -321,7 +321,7 @@ TEST(BufferFile, SaveReportsFailure)
     ErrorReporter::ClearError();
 }
 
-TEST(BufferBlock, Read)
+TEST(BufferBlock, ReadsWhatIsThere)
 {
     char bytes[6];
     std::memset(bytes, '.', sizeof bytes);
@@ -359,7 +359,7 @@ std::pair<std::string, std::vector<std::size_t>> Written(const std::string& byte
 
 typedef std::vector<std::size_t> Sizes;
 
-TEST(BufferBlock, Write)
+TEST(BufferBlock, WritesInBlocksOf512AndStopsAtAZero)
 {
     const std::string aNullB("a\0b", 3);
     EXPECT_EQ(Written(aNullB, 1), std::make_pair(std::string("a"), (Sizes{0, 1})));
@@ -373,7 +373,7 @@ TEST(BufferBlock, Write)
     EXPECT_EQ(Written('\0' + block + block, 1), std::make_pair(std::string(), (Sizes{0, 0, 0, 0})));
 }
 
-TEST(BufferHexDump, ToAStream)
+TEST(BufferHexDump, WritesRowsToAStream)
 {
     EXPECT_EQ(HexDump(""), "HexDump for 0 (0000) bytes\n0000:  \n");
     EXPECT_EQ(HexDump("A\n\xff"), "HexDump for 3 (0003) bytes\n"
@@ -391,7 +391,7 @@ TEST(BufferHexDump, ToAStream)
               " \n");
 }
 
-TEST(BufferHexDump, WideOffsetsAndStreamFlags)
+TEST(BufferHexDump, OffsetsGrowAndTheFlagsOfTheStreamDoNotMatter)
 {
     std::ostringstream out;
     out << std::hex << std::showbase;
@@ -403,7 +403,7 @@ TEST(BufferHexDump, WideOffsetsAndStreamFlags)
               "10000: 7a                                               z\n");
 }
 
-TEST(BufferHexDump, OfABuffer)
+TEST(BufferHexDump, ABufferDumpsItsContents)
 {
     std::ostringstream out;
     BufferOf("hi").dumpOn(out);
@@ -432,7 +432,7 @@ std::string WideHex(const std::string& row)
     return text;
 }
 
-TEST(BufferHexDump, ToAText)
+TEST(BufferHexDump, WritesRowsToAText)
 {
     EXPECT_EQ(TextDump(""), "HexDump for 0 (0000) bytes\r\n0000:       \r\n");
     EXPECT_EQ(TextDump("A\xff"), "HexDump for 2 (0002) bytes\r\n0000: 41   ff         \r\n");
@@ -449,7 +449,7 @@ TEST(BufferHexDump, ToAText)
                                                         "\x01ghijklmnopqrstuv\x01      " + filled + "\r\n");
 }
 
-TEST(BufferHexDump, LargeText)
+TEST(BufferHexDump, WritesALargeText)
 {
     const std::string dump = TextDump(std::string(100000, 'z'));
     EXPECT_EQ(dump.substr(0, 41), "HexDump for 100000 (186a0) bytes\r\n0000: 7");
@@ -459,7 +459,7 @@ TEST(BufferHexDump, LargeText)
     EXPECT_EQ(dump.substr(dump.size() - tail.size()), tail);
 }
 
-TEST(BufferASCII, IsASCIIData)
+TEST(BufferASCII, IsASCIIDataTellsPrintableBytes)
 {
     EXPECT_EQ(Buffer::IsASCIIData("abc", 4), 1);
     EXPECT_EQ(Buffer::IsASCIIData("", 1), 1);
@@ -471,7 +471,7 @@ TEST(BufferASCII, IsASCIIData)
     EXPECT_EQ(Buffer::IsASCIIData(nullptr, 0), 0);
 }
 
-TEST(BufferASCII, Digits)
+TEST(BufferASCII, ConvertsHexDigits)
 {
     for (int c = 0; c < 256; c++) {
         int expected = 255;
@@ -552,7 +552,7 @@ TEST(BufferMemory, FailureLeavesTheBufferEmptyOrUnchanged)
     }));
 }
 
-TEST(BufferMemory, FileTooLarge)
+TEST(BufferMemory, AFileTooLargeLeavesTheBufferEmpty)
 {
     if (!MemoryLimit::IsPossible)
         GTEST_SKIP() << "memory cannot be limited here";

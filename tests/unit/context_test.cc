@@ -35,7 +35,7 @@ int SaveNothing(int sig)
     return svr4::capture_signal(sig, [](int) {});
 }
 
-TEST(MappingOf, TheBoundsOfAMapping)
+TEST(MappingOf, GivesTheBoundsOfAMapping)
 {
     char* memory = static_cast<char*>(mmap(nullptr, 5 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(memory, MAP_FAILED);
@@ -59,7 +59,7 @@ TEST(MappingOf, TheBoundsOfAMapping)
     EXPECT_EQ(svr4::mapping_of(first, &low, &high), -1);
 }
 
-TEST(MappingOf, TheStackAndWhatIsNoMemory)
+TEST(MappingOf, FindsTheStackAndTheCodeButNotWhatIsNoMemory)
 {
     int local = 0;
     uintptr_t low, high;

@@ -59,7 +59,7 @@ std::string Streamed(const CString& s)
     return testing_support::Bytes(b);
 }
 
-TEST(CStringRep, Constructors)
+TEST(CStringRep, EachConstructorCountsOneUser)
 {
     CStringRep empty;
     EXPECT_EQ(empty.count, 1);
@@ -108,7 +108,7 @@ TEST(CStringRep, WithoutMemoryTheLengthIsZero)
     EXPECT_EQ(copyOfNothing.len, 0u);
 }
 
-TEST(CStringRep, Clone)
+TEST(CStringRep, ClonesOnlyWhatIsShared)
 {
     CStringRep r("abc");
     EXPECT_EQ(r.clone(1), &r);
@@ -144,7 +144,7 @@ TEST(CStringRep, CloneStopsTheProcessWithoutMemory)
     }
 }
 
-TEST(CStringRep, Dump)
+TEST(CStringRep, DumpsCountAndText)
 {
     CStringRep r("some text");
     r.count = 7;
@@ -206,7 +206,7 @@ TEST(CString, TheEmptyRepresentationGoesWithItsLastUser)
     EXPECT_EQ(child.exitCode, 0);
 }
 
-TEST(CString, Construction)
+TEST(CString, IsMadeFromTextsAndTheirParts)
 {
     EXPECT_EQ(Str(CString("abc")), "abc");
     EXPECT_EQ(CString("abc").strlen(), 3u);
@@ -218,7 +218,7 @@ TEST(CString, Construction)
     EXPECT_EQ(Str(CString(unterminated, 3)), "xyz");
 }
 
-TEST(CString, FromABuffer)
+TEST(CString, TakesABufferUpToItsFirstZero)
 {
     EXPECT_EQ(Str(CString(BufferOf("abc"))), "abc");
     EXPECT_EQ(Str(CString(BufferOf(std::string("ab\0cd", 5)))), "ab");
@@ -247,7 +247,7 @@ TEST(CString, CopiesShareAndChangesDoNot)
     EXPECT_EQ(Text(a), before) << "a private text is converted in place";
 }
 
-TEST(CString, AssignmentToItself)
+TEST(CString, AnAssignmentToItselfChangesNothing)
 {
     CString a("abc");
     const char* text = a;
@@ -316,7 +316,7 @@ TEST(CString, AZeroByteIsACharacterForEditing)
     EXPECT_EQ(std::memcmp(Text(t), "ab\0defx", 8), 0);
 }
 
-TEST(CString, Comparison)
+TEST(CString, ComparesByTheText)
 {
     const CString a("abc"), b("abc"), c("abd"), d("abcd"), e(a);
     EXPECT_TRUE(a == b);
@@ -363,7 +363,7 @@ TEST(CString, CompareStopsOnNull)
     }
 }
 
-TEST(CString, Concatenation)
+TEST(CString, ConcatenatesAndSharesWhereNothingIsAdded)
 {
     const CString a("ab"), b("cd"), empty;
     EXPECT_EQ(Str(a + b), "abcd");
@@ -393,7 +393,7 @@ TEST(CString, Concatenation)
     EXPECT_EQ(c.strlen(), 11u);
 }
 
-TEST(CString, Delete)
+TEST(CString, DeletesWithinItsLength)
 {
     CString s("abcdef");
     s.Delete(1, 2);
@@ -410,7 +410,7 @@ TEST(CString, Delete)
     EXPECT_EQ(s.strlen(), 0u);
 }
 
-TEST(CString, Insert)
+TEST(CString, InsertsWithinItsLength)
 {
     CString s("ad");
     s.Insert(1, "bc");
@@ -437,7 +437,7 @@ TEST(CString, Insert)
     EXPECT_EQ(Str(s), "<<abcdxyabcdxy");
 }
 
-TEST(CString, ReplaceAll)
+TEST(CString, ReplacesEveryOccurrence)
 {
     CString s("a.b..c");
     const char* before = s;
@@ -456,7 +456,7 @@ TEST(CString, ReplaceAll)
     EXPECT_EQ(Text(empty), Text(globalEmpty));
 }
 
-TEST(CString, Trim)
+TEST(CString, TrimsWhiteSpaceAtEitherEnd)
 {
     CString s(" \t\r\n\v\fa b \n");
     s.lTrim();
@@ -483,7 +483,7 @@ TEST(CString, Trim)
     EXPECT_EQ(Str(high), "\xa0x\xa0");
 }
 
-TEST(CString, Conversions)
+TEST(CString, ConvertsCaseAndUnprintables)
 {
     CString s("aZ1\xe4");
     s.toUpper();
@@ -507,7 +507,7 @@ TEST(CString, Conversions)
     EXPECT_EQ(Str(empty), "");
 }
 
-TEST(CString, LineEnds)
+TEST(CString, ConvertsLineEnds)
 {
     CString dos("a\r\nb\nc\r"), unix("a\r\nb\nc\r");
     dos.toDos();
@@ -526,7 +526,7 @@ TEST(CString, LineEnds)
     EXPECT_EQ(Str(empty), "");
 }
 
-TEST(CString, Escape)
+TEST(CString, EscapesWhatTheModeNames)
 {
     CString s("a.b*");
     s.toEscape(1);
@@ -547,7 +547,7 @@ TEST(CString, Escape)
     EXPECT_EQ(Text(empty), Text(globalEmpty));
 }
 
-TEST(CString, EscapeLengthsAndRoundTripOfEveryByte)
+TEST(CString, EveryByteIsEscapedAndComesBack)
 {
     for (const short mode : {0, 1}) {
         for (int c = 1; c < 256; c++) {
@@ -563,7 +563,7 @@ TEST(CString, EscapeLengthsAndRoundTripOfEveryByte)
     }
 }
 
-TEST(CString, Literal)
+TEST(CString, ResolvesEscapes)
 {
     const struct {
         const char *escaped, *literal;
@@ -596,7 +596,7 @@ TEST(CString, Literal)
     EXPECT_EQ(std::memcmp(bytes, "a\0b", 4), 0);
 }
 
-TEST(CString, ExtractToken)
+TEST(CString, ExtractsTheFirstToken)
 {
     const struct {
         const char *text, *delimiters, *token, *rest;
@@ -628,7 +628,7 @@ TEST(CString, ExtractToken)
     EXPECT_EQ(Str(s), "");
 }
 
-TEST(CString, FindAwkChars)
+TEST(CString, FindsTheCharactersThatAwkTakes)
 {
     EXPECT_EQ(CString("a.b").find_awk_chars(), 1);
     EXPECT_EQ(CString("^").find_awk_chars(), 1);
@@ -636,7 +636,7 @@ TEST(CString, FindAwkChars)
     EXPECT_EQ(CString().find_awk_chars(), 0);
 }
 
-TEST(CString, EncloseWithQuotes)
+TEST(CString, EnclosesInQuotes)
 {
     std::unique_ptr<char[]> quoted(CString::EncloseWithQuotes("a b"));
     EXPECT_STREQ(quoted.get(), "\"a b\"");
@@ -646,7 +646,7 @@ TEST(CString, EncloseWithQuotes)
     EXPECT_EQ(CString::EncloseWithQuotes("a"), nullptr);
 }
 
-TEST(CString, FileNameToCharPtr)
+TEST(CString, ReadsAFileWhole)
 {
     testing_support::TemporaryDirectory dir;
     const std::string path = dir.File("f");
@@ -746,7 +746,7 @@ TEST(CString, ThereIsAnEmptyStringEvenWithoutAnyMemory)
     }
 }
 
-TEST(CString, Dump)
+TEST(CString, DumpsItsRepresentation)
 {
     const std::string out =
         CaptureStdout([] { EXPECT_EQ(Dump(CString("abc")), "CStringRep::dumpOn() \ncount <1> rep <abc> \n"); });
@@ -931,7 +931,7 @@ std::vector<std::string> Lines(const char* text, How how)
 
 typedef std::vector<std::string> Texts;
 
-TEST(CStringIter, Fields)
+TEST(CStringIter, SplitsAtADelimiter)
 {
     EXPECT_EQ(Lines("a::b", ':'), (Texts{"a", "", "b"}));
     EXPECT_EQ(Lines("a:b:", ':'), (Texts{"a", "b"}));
@@ -943,7 +943,7 @@ TEST(CStringIter, Fields)
     EXPECT_EQ(Lines("\n", ':'), (Texts{""}));
 }
 
-TEST(CStringIter, LinesOfLimitedLength)
+TEST(CStringIter, CutsLinesAtALength)
 {
     EXPECT_EQ(Lines("abcdefg\nxy", 3), (Texts{"abc", "def", "g", "xy"}));
     EXPECT_EQ(Lines("abc\nd", 3), (Texts{"abc", "d"})) << "a line of just the length is not cut";
@@ -1019,7 +1019,7 @@ TEST(CStringBuff, CountsZeroBytesInTheChunk)
     EXPECT_EQ(Str(b.GetCString()), "a");
 }
 
-TEST(CStringBuff, SizesBelowOne)
+TEST(CStringBuff, SizesBelowOneCountAsOne)
 {
     for (const int size : {0, -1, -2147483647}) {
         CStringBuff b(size);

@@ -350,7 +350,7 @@ TEST(Dsa, MarkOkExcludesOneBlock)
     EXPECT_EQ(out, Start + Listed("a", 1) + Listed("d", 4) + Listed("e", 5) + End + Total(3, 0, 3));
 }
 
-TEST(Dsa, TheMarkOfNewBlocks)
+TEST(Dsa, NewBlocksCarryTheMark)
 {
     const std::string out = Printed([] {
         std::printf("%d", DSA::get_mark_flag());
@@ -397,7 +397,7 @@ TEST(Dsa, TheTableDoubles)
 
 // ---- Counters and tracing
 
-TEST(Dsa, Counts)
+TEST(Dsa, CountsAllocationsAndReleases)
 {
     const std::string out = Printed([] {
         DSA::statistics();
@@ -468,7 +468,7 @@ std::string HexDump(const std::string& bytes, int n)
     return CaptureStdout([&] { DSA::hexdump(bytes.data(), n); });
 }
 
-TEST(DsaHexDump, PartOfARow)
+TEST(DsaHexDump, FillsUpAShortRow)
 {
     EXPECT_EQ(HexDump("Az", 2), "DSA: HexDump for 2 (0002) bytes\n"
                                 "0000: 41 7a                                            Az\n");
@@ -477,7 +477,7 @@ TEST(DsaHexDump, PartOfARow)
                                               "0123456789abcde\n");
 }
 
-TEST(DsaHexDump, WholeRows)
+TEST(DsaHexDump, WritesWholeRows)
 {
     EXPECT_EQ(HexDump("0123456789abcdef", 16),
               "DSA: HexDump for 16 (0010) bytes\n"
@@ -488,7 +488,7 @@ TEST(DsaHexDump, WholeRows)
               "0010: 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50  ABCDEFGHIJKLMNOP\n");
 }
 
-TEST(DsaHexDump, BlanksForWhatDoesNotPrint)
+TEST(DsaHexDump, ShowsBlanksForWhatDoesNotPrint)
 {
     EXPECT_EQ(HexDump(std::string("\0\x1f ~\x7f\x80\xff\n%s%n0123456", 19), 19),
               "DSA: HexDump for 19 (0013) bytes\n"
@@ -502,7 +502,7 @@ TEST(DsaHexDump, NoBytesGiveAnEmptyRow)
     EXPECT_EQ(HexDump("", -1), "DSA: HexDump for -1 (ffffffff) bytes\n0000: " + std::string(48, ' ') + " \n");
 }
 
-TEST(DsaHexDump, OffsetsBeyondFourDigits)
+TEST(DsaHexDump, OffsetsGrowBeyondFourDigits)
 {
     const std::string out = HexDump(std::string(65537, 'x'), 65537);
     EXPECT_EQ(out.substr(0, out.find('\n')), "DSA: HexDump for 65537 (10001) bytes");

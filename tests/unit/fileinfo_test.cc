@@ -51,7 +51,7 @@ TEST(FileInfoBeforeInitialize, FailuresHaveAnEmptyProgramName)
     EXPECT_EQ(CaptureStderr([] { FileInfo::FileMTime("/nosuch"); }), ": error in FileInfo::FileMTime (/nosuch)\n");
 }
 
-TEST_F(FileInfoTest, SizeByName)
+TEST_F(FileInfoTest, GivesTheSizeOfANamedFile)
 {
     EXPECT_EQ(FileInfo::FileSize(file.c_str()), 12);
     EXPECT_EQ(CaptureStderr([&] {
@@ -62,7 +62,7 @@ TEST_F(FileInfoTest, SizeByName)
               "");
 }
 
-TEST_F(FileInfoTest, SizeByDescriptor)
+TEST_F(FileInfoTest, GivesTheSizeOfADescriptorsFile)
 {
     const int fd = open(file.c_str(), O_RDONLY);
     EXPECT_EQ(FileInfo::FileSize(fd), 12);
@@ -70,7 +70,7 @@ TEST_F(FileInfoTest, SizeByDescriptor)
     EXPECT_EQ(CaptureStderr([&] { EXPECT_EQ(FileInfo::FileSize(-1), 0); }), "orvd: error in FileInfo::FileSize\n");
 }
 
-TEST_F(FileInfoTest, SizesBeyond32Bits)
+TEST_F(FileInfoTest, GivesSizesBeyond32Bits)
 {
     ASSERT_EQ(truncate(file.c_str(), 5000000000L), 0);
     EXPECT_EQ(FileInfo::FileSize(file.c_str()), 5000000000L);
@@ -79,7 +79,7 @@ TEST_F(FileInfoTest, SizesBeyond32Bits)
     close(fd);
 }
 
-TEST_F(FileInfoTest, ModificationTime)
+TEST_F(FileInfoTest, GivesTheModificationTimeAsTextAndNumber)
 {
     for (const long moment : {889279500L, 900000000L, 1L, 0L}) {
         SetTime(file, moment);
@@ -88,7 +88,7 @@ TEST_F(FileInfoTest, ModificationTime)
     }
 }
 
-TEST_F(FileInfoTest, ModificationTimeOfAMissingFile)
+TEST_F(FileInfoTest, AMissingFileHasNoModificationTime)
 {
     const std::string missing = directory.File("nosuch");
     EXPECT_EQ(CaptureStderr([&] { EXPECT_STREQ(FileInfo::FileMTime(missing.c_str()), ""); }),
@@ -108,7 +108,7 @@ TEST_F(FileInfoTest, TheModificationTimeTextIsOverwrittenByTheNextCall)
     EXPECT_NE(text, first);
 }
 
-TEST_F(FileInfoTest, Exists)
+TEST_F(FileInfoTest, TellsWhetherAFileExists)
 {
     EXPECT_EQ(FileInfo::FileExists(file.c_str()), 1);
     EXPECT_EQ(FileInfo::FileExists(directory.Path().c_str()), 1);
@@ -119,7 +119,7 @@ TEST_F(FileInfoTest, Exists)
     EXPECT_EQ(FileInfo::FileExists(directory.File("dangling").c_str()), 0);
 }
 
-TEST_F(FileInfoTest, PathName)
+TEST_F(FileInfoTest, ThePathNameEndsBeforeTheLastSlash)
 {
     EXPECT_STREQ(FileInfo::FilePathName("/a/b/c"), "/a/b");
     EXPECT_STREQ(FileInfo::FilePathName("/c"), "");
@@ -131,7 +131,7 @@ TEST_F(FileInfoTest, PathName)
     EXPECT_STREQ(FileInfo::FilePathName(nullptr), "");
 }
 
-TEST_F(FileInfoTest, BaseName)
+TEST_F(FileInfoTest, TheBaseNameBeginsBehindTheLastSlash)
 {
     EXPECT_STREQ(FileInfo::FileBaseName("/opt/orv/bin/orvd"), "orvd");
     EXPECT_STREQ(FileInfo::FileBaseName("orvd"), "orvd");

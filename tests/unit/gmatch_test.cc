@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(Gmatch, Patterns)
+TEST(Gmatch, MatchesAPatternAgainstTheWholeText)
 {
     EXPECT_NE(svr4::gmatch("a.log", "*.log"), 0);
     EXPECT_EQ(svr4::gmatch("a.logs", "*.log"), 0);

@@ -17,7 +17,7 @@ std::string Dump(const IPCQMessage& msg)
     return out.str();
 }
 
-TEST_F(IpcqRecords, ConstantsAndLayout)
+TEST_F(IpcqRecords, TheFieldsStandAtTheirOffsets)
 {
     EXPECT_EQ(IPCMessageDataSize, 2000);
     EXPECT_EQ(IPCMessageNonDataSize, 300);
@@ -29,7 +29,7 @@ TEST_F(IpcqRecords, ConstantsAndLayout)
     EXPECT_EQ(offsetof(IPCQMessage, msg_data), 304u);
 }
 
-TEST_F(IpcqRecords, TheBytesOnTheQueue)
+TEST_F(IpcqRecords, SendsTheBytesOfTheRecord)
 {
     MakeKeyFile("wire");
     Server server("wire");
@@ -63,7 +63,7 @@ TEST_F(IpcqRecords, TheBytesOnTheQueue)
     EndChild(peer);
 }
 
-TEST_F(IpcqRecords, DumpOfAnInlineMessage)
+TEST_F(IpcqRecords, DumpsAnInlineMessage)
 {
     IPCQMessage msg = Event(12, 345, "AB");
     msg.mtype = 678;
@@ -99,7 +99,7 @@ TEST_F(IpcqRecords, DumpOfAnInlineMessage)
                              HexDump("AB", 2));
 }
 
-TEST_F(IpcqRecords, DumpOfASegmentMessage)
+TEST_F(IpcqRecords, DumpsAMessageWithASegment)
 {
     IPCQMessage msg = Event(1, 2, "AB");
     msg.shmem_id = 0;

@@ -62,7 +62,7 @@ TEST_F(IpcqResources, KeysComeFromKeyFiles)
     unlink("/opt/orv/bin/orvd");
 }
 
-TEST_F(IpcqResources, ReasonsOfFailures)
+TEST_F(IpcqResources, FailuresHaveTheirReasons)
 {
     EXPECT_STREQ(GetQueueErrorMsg(EIDRM), "the ipc queue no longer exists");
     EXPECT_STREQ(GetQueueErrorMsg(ENOSPC), "the system tables are full");
@@ -78,7 +78,7 @@ TEST_F(IpcqResources, ReasonsOfFailures)
     EXPECT_STREQ(earlier, "of unknown error (0)") << "one static buffer";
 }
 
-TEST_F(IpcqResources, ProcessesThatExist)
+TEST_F(IpcqResources, TellsWhetherAProcessExists)
 {
     EXPECT_EQ(process_exists(getpid()), 1);
     EXPECT_EQ(process_exists(1), 1);
@@ -131,7 +131,7 @@ TEST_F(IpcqResources, CreateFailuresAreReported)
     EXPECT_LT(SetOf(KeyOf("/opt/orv/bin/taken")), 0);
 }
 
-TEST_F(IpcqResources, CreateWithoutAccessToTheSet)
+TEST_F(IpcqResources, CreateReportsASetThatIsRefused)
 {
     MakeKeyFile("noaccess");
     const int set = semget(KeyOf("/opt/orv/bin/noaccess"), 1, IPC_CREAT | 0);
@@ -523,7 +523,7 @@ TEST_F(IpcqResources, SegmentsCarryData)
     EXPECT_EQ(copy_from_shmem(id, data, 0, 10), 0);
 }
 
-TEST_F(IpcqResources, SegmentsThatCannotBe)
+TEST_F(IpcqResources, RefusesSegmentsThatCannotBe)
 {
     EXPECT_EQ(copy_to_shmem("abc", 0), -1);
     EXPECT_EQ(copy_to_shmem("abc", -1), -1);
@@ -576,7 +576,7 @@ TEST_F(IpcqResources, DrainDropsMalformedMessages)
     EXPECT_EQ(Waiting(queue.id), 0u);
 }
 
-TEST_F(IpcqResources, StatusDump)
+TEST_F(IpcqResources, DumpsTheStatusOfAQueue)
 {
     PrivateQueue queue;
     SetQueueBytes(queue.id, 16000);
@@ -653,7 +653,7 @@ TEST_F(IpcqResources, MessageDumpOfAMalformedMessageLeavesSegmentsAlone)
     shmctl(segment, IPC_RMID, nullptr);
 }
 
-TEST_F(IpcqResources, ServersWithLargeProcessIds)
+TEST_F(IpcqResources, ServersWithLargeProcessIdsAreFound)
 {
     if (!InSandbox())
         GTEST_SKIP() << "needs a process id range of its own";

@@ -18,7 +18,7 @@ int SetOf(const char* name)
     return semget(ftok_orvm(name), 0, 0660);
 }
 
-TEST_F(IpcqServer, TheOnlyServerOfItsName)
+TEST_F(IpcqServer, IsTheOnlyServerOfItsName)
 {
     MakeKeyFile("only");
     Server server("only");
@@ -45,7 +45,7 @@ TEST_F(IpcqServer, TheOnlyServerOfItsName)
     EXPECT_EQ(next.Created(), 1);
 }
 
-TEST_F(IpcqServer, AServerWithoutAKeyFile)
+TEST_F(IpcqServer, WithoutAKeyFileThereIsNoServer)
 {
     EXPECT_EQ(Reports([] { EXPECT_FALSE(Server("nokeyfile").Created()); }),
               IpcWarning("ftok of \"nokeyfile\" failed, can't create unique queue"));
@@ -104,7 +104,7 @@ TEST_F(IpcqServer, AServerJoinsAQueueWithAFreeSlot)
     delete_q_and_semaphore(queue);
 }
 
-TEST_F(IpcqServer, RequestAndResponse)
+TEST_F(IpcqServer, AnswersRequests)
 {
     const pid_t pid = StartServer("talk", [](Server& server) {
         short event, response, ack;
@@ -141,7 +141,7 @@ TEST_F(IpcqServer, RequestAndResponse)
     EXPECT_EQ(ObjectsOf("msg"), 0);
 }
 
-TEST_F(IpcqServer, TheResponseOnTheQueue)
+TEST_F(IpcqServer, PutsTheResponseOnTheQueue)
 {
     MakeKeyFile("answer");
     Server server("answer");
@@ -166,7 +166,7 @@ TEST_F(IpcqServer, TheResponseOnTheQueue)
     EXPECT_TRUE(server.Created());
 }
 
-TEST_F(IpcqServer, NobodyToAnswer)
+TEST_F(IpcqServer, WithoutARequestThereIsNobodyToAnswer)
 {
     MakeKeyFile("nobody");
     Server server("nobody");
@@ -175,7 +175,7 @@ TEST_F(IpcqServer, NobodyToAnswer)
     EXPECT_EQ(server.send_response(4, 45, nullptr, 0), ErrorReporter::IPC_SEND_PROCESS_GONE);
 }
 
-TEST_F(IpcqServer, TimeOutEvents)
+TEST_F(IpcqServer, ATimeOutIsAnEventFromInside)
 {
     MakeKeyFile("timed");
     Server server("timed");
@@ -204,7 +204,7 @@ TEST_F(IpcqServer, AServerWaitsForEverByDefault)
     EXPECT_EQ(WaitForExit(pid), 0);
 }
 
-TEST_F(IpcqServer, AClientWhoseResponseDoesNotCome)
+TEST_F(IpcqServer, AClientWhoseResponseDoesNotComeGivesUp)
 {
     const pid_t pid = StartServer("silent", [](Server&) { pause(); });
     const pid_t child = StartChild([] {
@@ -231,7 +231,7 @@ TEST_F(IpcqServer, AClientWhoseResponseDoesNotCome)
     Client("dying"); // clears what the dead one left
 }
 
-TEST_F(IpcqServer, InternalEventsAndTheirStatus)
+TEST_F(IpcqServer, EventsOfTheServersOwnProcessTakeNoQueue)
 {
     MakeKeyFile("inside");
     Server server("inside");
@@ -287,7 +287,7 @@ TEST_F(IpcqServer, ShutdownShowsStrandedMessagesWhenDebugging)
     }
 }
 
-TEST_F(IpcqServer, SignalsUnregister)
+TEST_F(IpcqServer, SignalsUnregisterTheServer)
 {
     const pid_t pid = StartServer("signalled", [](Server&) { pause(); });
     kill(pid, SIGTERM);
@@ -372,7 +372,7 @@ TEST_F(IpcqServer, AMalformedMessageDoesNotTakeTheServerDown)
     EXPECT_TRUE(server.Created());
 }
 
-TEST_F(IpcqServer, ClientsWithoutAServer)
+TEST_F(IpcqServer, ClientsWithoutAServerAreNotConnected)
 {
     MakeKeyFile("nobodyhome");
     Client client("nobodyhome");
@@ -483,7 +483,7 @@ TEST_F(IpcqServer, ServerAndClientDumpThemselves)
     EXPECT_EQ(Dump(Client(nullptr)), ClientDump("", "-1", "-1", "", "", ""));
 }
 
-TEST_F(IpcqServer, QueueInfoDump)
+TEST_F(IpcqServer, DumpsTheQueue)
 {
     MakeKeyFile("info");
     Server server("info");

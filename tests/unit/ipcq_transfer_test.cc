@@ -140,7 +140,7 @@ TEST_F(IpcqTransfer, ReceiveZeroesTheWholeMessage)
     }
 }
 
-TEST_F(IpcqTransfer, NoQueueAndNoPeer)
+TEST_F(IpcqTransfer, WithoutAQueueOrAPeerNothingIsSent)
 {
     PrivateQueue queue;
     IPCQMessage msg = Event(1, 1);
@@ -235,7 +235,7 @@ TEST_F(IpcqTransfer, AQueueThatGoesEndsTheWait)
 }
 
 // The waits of 10 seconds stand side by side.
-TEST_F(IpcqTransfer, LimitsAndPeersThatDie)
+TEST_F(IpcqTransfer, WaitsEndAtTheirLimitsAndWhenAPeerDies)
 {
     const PrivateQueue owner;
     const int full = owner.id;
@@ -373,11 +373,11 @@ void EchoSizes(const char* name, int blockSize, unsigned long queueBytes)
     EXPECT_EQ(WaitForExit(pid), 0);
 }
 
-TEST_F(IpcqTransfer, EverySizeInBlocksOf1700)
+TEST_F(IpcqTransfer, CarriesEverySizeInBlocksOf1700)
 {
     EchoSizes("full", 1700, 100000);
 }
-TEST_F(IpcqTransfer, EverySizeInBlocksOf1092)
+TEST_F(IpcqTransfer, CarriesEverySizeInBlocksOf1092)
 {
     EchoSizes("small", 1092, 16384);
 }
@@ -449,7 +449,7 @@ TEST_F(IpcqTransfer, AMultipleOfTheBlockSizeEndsWithAnEmptyBlock)
     ExpectBlock(seen, 1, MoreData, 1700, 0, 0, 1700);
 }
 
-TEST_F(IpcqTransfer, ThreeBlocksOneAcknowledgement)
+TEST_F(IpcqTransfer, ThreeBlocksNeedOneAcknowledgement)
 {
     const Seen seen = WatchASend(3401);
     EXPECT_EQ(seen.code, 0);
@@ -484,7 +484,7 @@ TEST_F(IpcqTransfer, ABlockSizeThatIsNotPositiveKeepsTheLastOne)
     EndChild(peer);
 }
 
-TEST_F(IpcqTransfer, ArgumentsThatCannotBe)
+TEST_F(IpcqTransfer, ArgumentsThatCannotBeAreRefused)
 {
     PrivateQueue queue;
     Receiver server(queue.id);
@@ -514,7 +514,7 @@ TEST_F(IpcqTransfer, ArgumentsThatCannotBe)
     EndChild(peer);
 }
 
-TEST_F(IpcqTransfer, TheMostBlocks)
+TEST_F(IpcqTransfer, CarriesTheMostBlocks)
 {
     const std::string text = Pattern(32767);
     const pid_t pid = StartServer("most", Echo);
@@ -640,7 +640,7 @@ TEST_F(IpcqReceive, ATimeOutBecomesAnEvent)
     EXPECT_EQ(server.Sender(), peer) << "as it was";
 }
 
-TEST_F(IpcqReceive, WithoutAQueue)
+TEST_F(IpcqReceive, WithoutAQueueTheConnectionIsLost)
 {
     server.Adopt(-1);
     data.Append("earlier", 7);
@@ -767,7 +767,7 @@ TEST_F(IpcqReceive, MalformedFirstBlocksAreDropped)
     delete_shmem_id(segment);
 }
 
-TEST_F(IpcqReceive, DataInASegment)
+TEST_F(IpcqReceive, TakesDataFromASegment)
 {
     IPCQMessage msg = Event(1, peer);
     msg.shmem_id = copy_to_shmem(Pattern(100000).data(), 100000);
@@ -778,7 +778,7 @@ TEST_F(IpcqReceive, DataInASegment)
     EXPECT_EQ(ObjectsOf("shm"), 0) << "the segment goes after the copy";
 }
 
-TEST_F(IpcqReceive, BlocksInlineAndInSegments)
+TEST_F(IpcqReceive, PutsBlocksTogetherInlineAndFromSegments)
 {
     const pid_t sender = SendByHand(queue.id, me, FirstBlock(3), [&](long channel) {
         SendRecord(queue.id, channel, LaterBlock(2, "234", 2));
@@ -837,7 +837,7 @@ TEST_F(IpcqReceive, TakesAFirstBlockAtItsOwnOffset)
     EndChild(sender);
 }
 
-TEST_F(IpcqReceive, LaterBlocksThatDoNotFit)
+TEST_F(IpcqReceive, DropsLaterBlocksThatDoNotFit)
 {
     const std::vector<std::pair<const char*, std::function<void(IPCQMessage&)>>> changes = {
         {"event", [](IPCQMessage& m) { m.event = 30; }},
@@ -877,7 +877,7 @@ TEST_F(IpcqReceive, LaterBlocksThatDoNotFit)
     }
 }
 
-TEST_F(IpcqReceive, ASenderThatIsGoneAtOnce)
+TEST_F(IpcqReceive, ASenderThatIsGoneAtOnceIsNoticed)
 {
     IPCQMessage first = FirstBlock(1);
     first.senders_pid = DeadProcess();
@@ -887,7 +887,7 @@ TEST_F(IpcqReceive, ASenderThatIsGoneAtOnce)
     EXPECT_EQ(data.Size(), 8u);
 }
 
-TEST_F(IpcqReceive, DataThatMemoryDoesNotHold)
+TEST_F(IpcqReceive, DataThatMemoryDoesNotHoldIsReported)
 {
     if (!MemoryLimit::IsPossible)
         GTEST_SKIP() << "memory cannot be limited here";

@@ -44,7 +44,7 @@ RawRecord ClientRecord(int event, int responseRqd, int ackRqd)
 
 // ---- Construction ----
 
-TEST_F(IpctliClient, WithoutAServerName)
+TEST_F(IpctliClient, WithoutAServerNameNothingIsConnected)
 {
     const Output output = Capture([] {
         IPCTliClient client(Object, nullptr, "localhost", 1);
@@ -100,7 +100,7 @@ TEST_F(IpctliClient, AnotherServerHasItsOwnService)
     EXPECT_EQ(IPCTliClient(Object, "nosuchservice", "localhost", 0).Connected(), 0);
 }
 
-TEST_F(IpctliClient, TheHostOfTheServer)
+TEST_F(IpctliClient, FindsTheHostOfTheServer)
 {
     RawSocket listener;
     ASSERT_TRUE(listener.Listen(20));
@@ -158,7 +158,7 @@ short ConnectedAfter(const std::string& answer, bool reset = false)
     return connected;
 }
 
-TEST_F(IpctliClient, TheProbe)
+TEST_F(IpctliClient, TheProbesReplyDecides)
 {
     const Output output = Capture([] {
         EXPECT_EQ(ConnectedAfter(MakeReply(0, 1).bytes), 1);
@@ -192,7 +192,7 @@ TEST_F(IpctliClient, WithoutAProbeNothingIsSent)
 
 // ---- Sending ----
 
-TEST_F(IpctliClient, TheRecordsOfTheSends)
+TEST_F(IpctliClient, SendsTheRecordsOfItsEvents)
 {
     ClientAndPeer ends;
     RawRecord record;
@@ -254,7 +254,7 @@ TEST_F(IpctliClient, TheIdentityIsCut)
     EXPECT_EQ(record.Text(34), "");
 }
 
-TEST_F(IpctliClient, DumpOfAConnectedClient)
+TEST_F(IpctliClient, DumpsItselfAndItsConnection)
 {
     ClientAndPeer ends;
     EXPECT_EQ(Replaced(Dump(*ends.client), "fd      : [0-9]+", "fd      : N"),
@@ -337,7 +337,7 @@ TEST_F(IpctliClient, AForkedChildThatDisconnectsLeavesTheParentConnected)
 
 // ---- Receiving ----
 
-TEST_F(IpctliClient, AResponse)
+TEST_F(IpctliClient, ReceivesAResponse)
 {
     ClientAndPeer ends;
     RawRecord record = MakeRecord(21, 0, 0, 5, "hello");
@@ -489,7 +489,7 @@ TEST_F(IpctliClient, EventsOfAnySizeAreEchoed)
     EXPECT_EQ(WaitForExit(server), 0);
 }
 
-TEST_F(IpctliClient, AServerThatDies)
+TEST_F(IpctliClient, AServerThatDiesIsNoticed)
 {
     const pid_t server = StartEcho();
     IPCTliClient client(Object, "orvd", "localhost", 1);

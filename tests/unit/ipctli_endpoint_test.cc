@@ -35,7 +35,7 @@ void ExpectAlarm(const Handling& handler, unsigned seconds)
 
 // ---- The closed endpoint ----
 
-TEST_F(IpctliEndpoint, AClosedEndpoint)
+TEST_F(IpctliEndpoint, AClosedEndpointCarriesNothing)
 {
     ExpectSilence([] {
         IPCTli end;
@@ -54,7 +54,7 @@ TEST_F(IpctliEndpoint, AClosedEndpoint)
     });
 }
 
-TEST_F(IpctliEndpoint, ReceivingOnAClosedEndpoint)
+TEST_F(IpctliEndpoint, ReceivingOnAClosedEndpointIsReported)
 {
     IPCTli end;
     char bytes[4] = "xxx";
@@ -162,7 +162,7 @@ TEST_F(IpctliEndpoint, ConnectingIsLimitedTo120Seconds)
 
 // ---- Listening ----
 
-TEST_F(IpctliEndpoint, ListeningLookUpFailures)
+TEST_F(IpctliEndpoint, ListeningReportsLookUpFailures)
 {
     IPCTli end;
     Output output = Capture([&] { EXPECT_EQ(end.Tprelisten("nosuchhost.invalid", "orvd"), 0); });
@@ -181,7 +181,7 @@ TEST_F(IpctliEndpoint, ListeningLookUpFailures)
     EXPECT_EQ(Descriptor(end), -1);
 }
 
-TEST_F(IpctliEndpoint, ListeningAtATakenAddress)
+TEST_F(IpctliEndpoint, ListeningReportsATakenAddress)
 {
     IPCTli first;
     ASSERT_EQ(first.Tprelisten("localhost", "orvd"), 1);
@@ -193,7 +193,7 @@ TEST_F(IpctliEndpoint, ListeningAtATakenAddress)
     EXPECT_EQ(Descriptor(second), -1);
 }
 
-TEST_F(IpctliEndpoint, ListeningWithoutADescriptor)
+TEST_F(IpctliEndpoint, ListeningReportsThatDescriptorsRunOut)
 {
     const ChildResult child = RunInChild([] {
         IPCTli end;
@@ -207,7 +207,7 @@ TEST_F(IpctliEndpoint, ListeningWithoutADescriptor)
     EXPECT_EQ(child.out, "Tprelisten t_open failure\n");
 }
 
-TEST_F(IpctliEndpoint, ListeningWithoutMemory)
+TEST_F(IpctliEndpoint, ListeningReportsThatMemoryFails)
 {
     IPCTli end;
     Output output = Capture([&] {
@@ -275,7 +275,7 @@ TEST_F(IpctliEndpoint, AServerComesBackAtOnce)
     }
 }
 
-TEST_F(IpctliEndpoint, ListeningAgain)
+TEST_F(IpctliEndpoint, ListeningAgainClosesTheFirstEndpoint)
 {
     IPCTli end;
     const int open = OpenDescriptors();
@@ -291,7 +291,7 @@ TEST_F(IpctliEndpoint, ListeningAgain)
     EXPECT_EQ(output.out, "no callptr provied to Tlisten function\n");
 }
 
-TEST_F(IpctliEndpoint, ListenWithoutPrelisten)
+TEST_F(IpctliEndpoint, ListenNeedsAPrelisten)
 {
     IPCTli end;
     Output output = Capture([&] { EXPECT_EQ(end.Tlisten(), 0); });
@@ -340,7 +340,7 @@ TEST_F(IpctliEndpoint, ListenFindsThatAClientHasGone)
 
 // ---- Accepting ----
 
-TEST_F(IpctliEndpoint, AcceptFromAnEndpointWithoutAProvider)
+TEST_F(IpctliEndpoint, AcceptNeedsAListenerWithAProvider)
 {
     IPCTli listener;
     IPCTli end;
@@ -350,7 +350,7 @@ TEST_F(IpctliEndpoint, AcceptFromAnEndpointWithoutAProvider)
     EXPECT_EQ(Descriptor(end), -1);
 }
 
-TEST_F(IpctliEndpoint, AcceptWithoutARequest)
+TEST_F(IpctliEndpoint, AcceptNeedsARequest)
 {
     IPCTli listener;
     ASSERT_EQ(listener.Tprelisten(nullptr, "orvd"), 1);
@@ -403,7 +403,7 @@ TEST_F(IpctliEndpoint, ReceivesPieceByPiece)
     EXPECT_EQ(WaitForExit(sender), 0);
 }
 
-TEST_F(IpctliEndpoint, APeerThatClosesInOrder)
+TEST_F(IpctliEndpoint, APeerThatClosesInOrderEndsTheReceive)
 {
     RawPeerConnection connection;
     ASSERT_TRUE(connection.peer.Send("half"));
@@ -418,7 +418,7 @@ TEST_F(IpctliEndpoint, APeerThatClosesInOrder)
     EXPECT_GE(Descriptor(connection.end), 0);
 }
 
-TEST_F(IpctliEndpoint, APeerThatResets)
+TEST_F(IpctliEndpoint, APeerThatResetsEndsTheReceive)
 {
     RawPeerConnection connection;
     ASSERT_TRUE(connection.peer.Send("half"));
@@ -429,7 +429,7 @@ TEST_F(IpctliEndpoint, APeerThatResets)
 }
 
 // Neither a signal nor a line: a code.
-TEST_F(IpctliEndpoint, SendingToAPeerThatHasGone)
+TEST_F(IpctliEndpoint, SendingToAPeerThatHasGoneGivesACode)
 {
     RawPeerConnection connection;
     connection.peer.Close();
@@ -666,7 +666,7 @@ std::string DefaultHost(const char* server)
     return host != nullptr ? host : "(null)";
 }
 
-TEST_F(IpctliEndpoint, TheDefaultHost)
+TEST_F(IpctliEndpoint, TheDefaultHostIsThatOfTheFileOrTheName)
 {
     const char* const file = "/var/orv/data/orvdserver.host";
     EXPECT_EQ(DefaultHost("orvd"), "(null)");
@@ -719,7 +719,7 @@ std::string Address(const char* host, const char* service)
     return addr;
 }
 
-TEST_F(IpctliEndpoint, PrintableAddresses)
+TEST_F(IpctliEndpoint, GivesPrintableAddresses)
 {
     EXPECT_EQ(Address("localhost", "orvd"), "127.0.0.1.18.103");
     EXPECT_EQ(Address("there", "other"), "127.0.0.9.18.104");
@@ -739,7 +739,7 @@ TEST_F(IpctliEndpoint, PrintableAddresses)
     unsetenv("NETPATH");
 }
 
-TEST_F(IpctliEndpoint, ConfiguredServices)
+TEST_F(IpctliEndpoint, TellsWhetherAServiceIsConfigured)
 {
     EXPECT_EQ(IPCTli::configured_ok("localhost", "orvd"), 1);
     EXPECT_EQ(IPCTli::configured_ok(nullptr, "orvd"), 1);
@@ -749,7 +749,7 @@ TEST_F(IpctliEndpoint, ConfiguredServices)
     EXPECT_EQ(IPCTli::configured_ok(nullptr, "nosuchservice"), 0);
 }
 
-TEST_F(IpctliEndpoint, NodeNames)
+TEST_F(IpctliEndpoint, NodesAreEqualByNameOrAddress)
 {
     EXPECT_EQ(IPCTli::NodeNamesEqual("localhost", "localhost"), 1);
     EXPECT_EQ(IPCTli::NodeNamesEqual("nosuchhost.invalid", "nosuchhost.invalid"), 1);
@@ -781,7 +781,7 @@ std::string InternetAddress(const std::string& host)
     return std::string("\2\0\x12\x67", 4) + host + std::string(8, '\0');
 }
 
-TEST_F(IpctliEndpoint, InformationAboutAService)
+TEST_F(IpctliEndpoint, PrintsInformationAboutAService)
 {
     const std::string transport = "===================================================\n"
                                   "Transport provider name:      tcp\n"
@@ -808,7 +808,7 @@ TEST_F(IpctliEndpoint, InformationAboutAService)
                   "Hex dump of address: " + HexDump(InternetAddress(std::string("\x7f\0\0\x06", 4))));
 }
 
-TEST_F(IpctliEndpoint, InformationAboutTwoTransports)
+TEST_F(IpctliEndpoint, PrintsInformationAboutTwoTransports)
 {
     setenv("NETPATH", "tcp6:tcp", 1);
     const std::string text = Information("\\1", "orvd");
@@ -821,7 +821,7 @@ TEST_F(IpctliEndpoint, InformationAboutTwoTransports)
     EXPECT_NE(text.find("\n::.18.103\nHex dump of address: HexDump for 28 "), std::string::npos);
 }
 
-TEST_F(IpctliEndpoint, InformationAboutNothing)
+TEST_F(IpctliEndpoint, PrintsThatNothingIsFound)
 {
     const std::string nothing = "No valid addresses found.\n check network files (ie. /etc/hosts, /etc/services)\n";
     EXPECT_EQ(Information("nosuchhost.invalid", "orvd"),
@@ -832,7 +832,7 @@ TEST_F(IpctliEndpoint, InformationAboutNothing)
     unsetenv("NETPATH");
 }
 
-TEST_F(IpctliEndpoint, InformationWithoutASelectionPath)
+TEST_F(IpctliEndpoint, PrintsThatThereIsNoSelectionPath)
 {
     setenv("NETPATH", "tcp", 1);
     const MemoryFailure noPath = MemoryFailure::OfSize(24, Calloc); // no structure of this size is made before it

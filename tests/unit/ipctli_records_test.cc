@@ -40,7 +40,7 @@ TliMsgStruct Record()
     return msg;
 }
 
-TEST_F(IpctliRecords, Layout)
+TEST_F(IpctliRecords, TheFieldsStandAtTheirOffsets)
 {
     EXPECT_EQ(sizeof(TliMsgStruct), 1904u);
     EXPECT_EQ(offsetof(TliMsgStruct, orignode), 34u);
@@ -48,7 +48,7 @@ TEST_F(IpctliRecords, Layout)
     EXPECT_EQ(offsetof(TliMsgStruct, msg_data), 204u);
 }
 
-TEST_F(IpctliRecords, DumpOfARecord)
+TEST_F(IpctliRecords, DumpsEveryField)
 {
     EXPECT_EQ(Dump(Record()), "TliMessage\n"
                               "\n"
@@ -71,7 +71,7 @@ TEST_F(IpctliRecords, DumpOfARecord)
                                   HexDump("AB", 2));
 }
 
-TEST_F(IpctliRecords, DumpOfAnEmptyRecord)
+TEST_F(IpctliRecords, DumpsAnEmptyRecord)
 {
     TliMsgStruct msg;
     std::memset(static_cast<void*>(&msg), 0, sizeof msg);
@@ -125,7 +125,7 @@ TEST_F(IpctliRecords, DumpOfAHostileRecordStaysInside)
 
 // ---- Events out ----
 
-TEST_F(IpctliRecords, TheBytesOnTheConnection)
+TEST_F(IpctliRecords, SendsTheBytesOfTheRecord)
 {
     RawPeerConnection connection;
     TliMsgStruct msg = Record();
@@ -210,7 +210,7 @@ TEST_F(IpctliRecords, RefusedArgumentsSendNothing)
     EXPECT_TRUE(connection.peer.AtEnd());
 }
 
-TEST_F(IpctliRecords, TheLongestData)
+TEST_F(IpctliRecords, TheLongestDataNeeds32768Records)
 {
     RawPeerConnection connection;
     const long longest = 32768L * 1700 - 1;
@@ -234,7 +234,7 @@ TEST_F(IpctliRecords, TheLongestData)
 
 // ---- Events in ----
 
-TEST_F(IpctliRecords, OneRecord)
+TEST_F(IpctliRecords, ReceivesOneRecordWithItsHeader)
 {
     RawPeerConnection connection;
     RawRecord record = MakeRecord(-7, 0, 0, 5, "hello");
@@ -471,7 +471,7 @@ TEST_F(IpctliRecords, AnAnnouncedTotalTakesNoMemory)
     EXPECT_LT(largest, before + 8 * 1024);
 }
 
-TEST_F(IpctliRecords, NoMemoryForTheData)
+TEST_F(IpctliRecords, DataThatMemoryDoesNotHoldIsReported)
 {
     if (!MemoryLimit::IsPossible)
         GTEST_SKIP() << "memory cannot be limited here";

@@ -185,7 +185,7 @@ TEST_F(RedirectTest, ARenameThatFailsIsSilent)
     EXPECT_EQ(ReadFile(log), "") << "the file is cut all the same";
 }
 
-TEST_F(RedirectTest, AFileThatDoesNotOpen)
+TEST_F(RedirectTest, AFileThatDoesNotOpenIsReported)
 {
     for (const short append : {0, 1}) {
         const ChildResult child = RunInChild([append] {
@@ -197,7 +197,7 @@ TEST_F(RedirectTest, AFileThatDoesNotOpen)
     }
 }
 
-TEST_F(RedirectTest, ADescriptorThatCannotBeRedirected)
+TEST_F(RedirectTest, ADescriptorThatCannotBeRedirectedIsReported)
 {
     // The system has no descriptors from the limit on.
     for (const auto& [limit, text] :
@@ -214,7 +214,7 @@ TEST_F(RedirectTest, ADescriptorThatCannotBeRedirected)
 }
 
 // Standard input is the log file by then, so that only a refusal of the system shows this text.
-TEST_F(RedirectTest, AnInputThatCannotBeRedirected)
+TEST_F(RedirectTest, AnInputThatCannotBeRedirectedIsReported)
 {
 #ifdef SYS_dup2
     const ChildResult child = RunInChild([this] {
@@ -401,7 +401,7 @@ TEST_F(DaemonTest, WithoutALogFileNothingIsOpen)
     EXPECT_EQ(ReadFile(told), "0 0 0");
 }
 
-TEST_F(DaemonTest, ALogFileThatDoesNotOpen)
+TEST_F(DaemonTest, ALogFileThatDoesNotOpenIsAFailure)
 {
     const std::string told = directory.File("told");
     const ChildResult child = RunDaemon([&] {
@@ -473,7 +473,7 @@ TEST_F(DaemonTest, AChildOfProcessOneIsTold)
     EXPECT_EQ(ReadFile(err), "Already a daemon. ppid is 1.\n");
 }
 
-TEST_F(DaemonTest, AForkThatFails)
+TEST_F(DaemonTest, AForkThatFailsLeavesTheCallerAsItWas)
 {
     const ChildResult child = RunDaemon([this] {
         MakeCallsFail({SYS_clone}, EAGAIN);
@@ -490,7 +490,7 @@ TEST_F(DaemonTest, AForkThatFails)
     EXPECT_NE(access(log.c_str(), F_OK), 0);
 }
 
-TEST_F(DaemonTest, ASecondForkThatFails)
+TEST_F(DaemonTest, ASecondForkThatFailsIsReportedByTheFirstChild)
 {
     if (RunInChild([] { MakeCallsFail({SYS_clone}, EAGAIN); }).exitCode == NotPossibleHere)
         GTEST_SKIP() << "no system call filters here";
@@ -510,7 +510,7 @@ TEST_F(DaemonTest, ASecondForkThatFails)
     EXPECT_NE(access(log.c_str(), F_OK), 0);
 }
 
-TEST_F(DaemonTest, ASessionThatCannotBeMade)
+TEST_F(DaemonTest, ASessionThatCannotBeMadeIsReported)
 {
     const std::string told = directory.File("told");
     const std::string err = directory.File("err");

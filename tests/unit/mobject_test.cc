@@ -466,7 +466,7 @@ TEST(MonitoredObject, ACopyIsANewObjectAndAnAssignmentIsNot)
     EXPECT_EQ(result.out, StateDump(0, 1, 2, ObjectDump(0, "not avail\n") + ObjectDump(1, "not avail\n")));
 }
 
-TEST(MonitoredObject, StaticObjects)
+TEST(MonitoredObject, ServesStaticObjectsBeforeMainAndAfterIt)
 {
     const ChildResult result = RunInChild([] {
         setenv("ZELOO_TEST_STATIC_OBJECT", "1", 1);
@@ -490,7 +490,7 @@ TEST(MonitoredObject, TheArrayRefersAndPrintsItsName)
                           "********** This SafeArray is NOT purgable.\n");
 }
 
-TEST(MonitoredObject, ManyObjects)
+TEST(MonitoredObject, ManyObjectsComeAndGo)
 {
     const ChildResult result = RunInChild([] {
         std::vector<std::unique_ptr<MonitoredObject>> objects;
@@ -506,7 +506,7 @@ TEST(MonitoredObject, ManyObjects)
     EXPECT_EQ(result.exitCode, 0);
 }
 
-TEST(MonitoredObject, DebugLevel)
+TEST(MonitoredObject, TheDebugLevelIsTheOneLastSet)
 {
     EXPECT_EQ(MonitoredObject::debug(), 0);
     MonitoredObject::SetDebugLevel(5);
@@ -701,7 +701,7 @@ TEST(DumpAndContinue, ReplacesTheFile)
     EXPECT_EQ(result.err, "");
 }
 
-TEST(DumpAndContinue, WithNoObjectsLeft)
+TEST(DumpAndContinue, SaysThatNoObjectIsLeft)
 {
     TemporaryDirectory directory;
     const std::string name = directory.File("state");
@@ -788,7 +788,7 @@ TEST_P(CaptureFault, LeavesAReportAndACore)
 INSTANTIATE_TEST_SUITE_P(Signals, CaptureFault, testing::ValuesIn(kFaults),
                          [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
 
-TEST_F(Capture, AnOverflowOfTheStack)
+TEST_F(Capture, AnOverflowOfTheStackIsCaptured)
 {
     const Crash crash = CrashAs("overflow", [] {
         Probe one("one");
@@ -853,7 +853,7 @@ Crash CrashWithFramePointer(const std::string& name, unsigned long value, bool r
     });
 }
 
-TEST_F(Capture, AFramePointerThatIsNone)
+TEST_F(Capture, AFramePointerThatIsNoneEndsTheTrace)
 {
     const struct {
         const char* name;
@@ -872,7 +872,7 @@ TEST_F(Capture, AFramePointerThatIsNone)
     }
 }
 
-TEST_F(Capture, AFramePointerThatLeavesTheStackOrIsMisaligned)
+TEST_F(Capture, AFramePointerThatLeavesTheStackOrIsMisalignedIsNotFollowed)
 {
     const struct {
         const char* name;
@@ -894,7 +894,7 @@ TEST_F(Capture, AFramePointerThatLeavesTheStackOrIsMisaligned)
     }
 }
 
-TEST_F(Capture, AFrameThatPointsToItself)
+TEST_F(Capture, AFrameThatPointsToItselfEndsTheTrace)
 {
     const Crash crash = CrashAs("bp-self", [] {
         MonitoredObject object;
@@ -1016,7 +1016,7 @@ TEST_F(Capture, TheSameSignalAgainEndsTheProcess)
 }
 
 // A different fault signal during a capture starts a capture of its own.
-TEST_F(Capture, AnotherSignalDuringTheCapture)
+TEST_F(Capture, AnotherSignalDuringTheCaptureIsCapturedToo)
 {
     const Crash crash = CrashAs("nested", [] {
         Probe one("one");
@@ -1173,7 +1173,7 @@ TEST_F(Capture, ALargeFileIsMovedAwayWithNoObjectsAndNoChild)
     unlink((name + ".old").c_str());
 }
 
-TEST_F(Capture, AProgramWithoutAName)
+TEST_F(Capture, AProgramWithoutANameHasADefaultFile)
 {
     unlink(CrashFile("mobject").c_str()); // any test program that crashes leaves one
     const ChildResult result = RunInChild([] {
@@ -1194,7 +1194,7 @@ std::string Left(int sig, const std::string& message)
     return "Handle of signal " + std::to_string(sig) + " exit: " + message + "\n";
 }
 
-TEST_F(Capture, ACrashFileThatCannotBeOpened)
+TEST_F(Capture, ACrashFileThatCannotBeOpenedIsReported)
 {
     ASSERT_EQ(mkdir(CrashFile("no-open").c_str(), 0755), 0);
     const Crash crash = CrashAs("no-open", [] {
@@ -1207,7 +1207,7 @@ TEST_F(Capture, ACrashFileThatCannotBeOpened)
     rmdir(CrashFile("no-open").c_str());
 }
 
-TEST_F(Capture, ACrashFileThatCannotBeWritten)
+TEST_F(Capture, ACrashFileThatCannotBeWrittenIsReported)
 {
     ASSERT_EQ(symlink("/dev/full", CrashFile("no-write").c_str()), 0);
     const Crash crash = CrashAs("no-write", [] {
@@ -1220,7 +1220,7 @@ TEST_F(Capture, ACrashFileThatCannotBeWritten)
     unlink(CrashFile("no-write").c_str());
 }
 
-TEST_F(Capture, ACrashFileThatFillsUp)
+TEST_F(Capture, ACrashFileThatFillsUpIsReported)
 {
     const Crash crash = CrashAs("fills-up", [] {
         Probe object("object");
@@ -1256,7 +1256,7 @@ TEST_F(Capture, RequestsToEndDoNotDisturbIt)
     unlink(CrashFile("disturbed").c_str());
 }
 
-TEST_F(Capture, AStandardErrorThatNobodyReads)
+TEST_F(Capture, AStandardErrorThatNobodyReadsDoesNoHarm)
 {
     const Crash crash = CrashAs("unread", [] {
         MonitoredObject object;
@@ -1319,13 +1319,13 @@ std::string At(const char* p)
 
 const std::string kZeroRow = ": 00000000 00000000 00000000 00000000 [                ]\n";
 
-TEST(DumpMem, Nothing)
+TEST(DumpMem, NothingGivesTheHeadingOnly)
 {
     GuardedPage page;
     EXPECT_EQ(Dumped(page.Start(), 0, "Empty"), "Empty: 0x" + At(page.Start()) + " -- [size 0[0x0] bytes]\n");
 }
 
-TEST(DumpMem, RowsOfWordsAndCharacters)
+TEST(DumpMem, WritesRowsOfWordsAndCharacters)
 {
     GuardedPage page;
     char* p = page.Start();
@@ -1388,7 +1388,7 @@ TEST(DumpMem, TheRowPastTheMemoryIsShownAsZero)
                   kZeroRow);
 }
 
-TEST(DumpMem, ALongRegion)
+TEST(DumpMem, DumpsALongRegion)
 {
     GuardedPage page;
     memset(page.Start(), 'x', 4096);

@@ -165,7 +165,7 @@ TEST_F(Netconfig, APathIsThatOfItsOpening)
     svr4::endnetpath(second);
 }
 
-TEST_F(Netconfig, APathThatIsNone)
+TEST_F(Netconfig, RefusesAPathThatIsNone)
 {
     EXPECT_EQ(svr4::getnetpath(nullptr), nullptr);
     errno = 0;
@@ -209,7 +209,7 @@ TEST_F(Netconfig, HostsGiveAllTheirAddressesOnce)
     ExpectNoHost("orvsingle", "tcp6");
 }
 
-TEST_F(Netconfig, HostsThatAreNone)
+TEST_F(Netconfig, RefusesHostsThatAreNone)
 {
     EXPECT_EQ(Addresses("", "8000"), kNoHost);
     EXPECT_EQ(Addresses("::1", "8000"), kNoHost) << "of another family";
@@ -249,7 +249,7 @@ TEST_F(Netconfig, BadArgumentsGiveNoAddress)
     svr4::netdir_free(list, svr4::ND_ADDRLIST);
 }
 
-TEST_F(Netconfig, UniversalAddresses)
+TEST_F(Netconfig, ConvertsToUniversalAddresses)
 {
     const struct svr4::netconfig *const tcp = Transport("tcp"), *const tcp6 = Transport("tcp6");
     struct sockaddr_in four = {};

@@ -175,7 +175,7 @@ TEST(ProgInfoBeforeInitialize, NamesAreNullAndTextsEmpty)
                                          Dashes + Dashes + "Environment:\n" + Dashes + Dashes);
 }
 
-TEST(ProgInfoTest, Names)
+TEST(ProgInfoTest, KnowsNamesAndVersion)
 {
     Initialize("/opt/orv/bin/orvd", "2.0");
     EXPECT_STREQ(ProgInfo::GetFullProgramName(), "/opt/orv/bin/orvd");
@@ -225,7 +225,7 @@ TEST(ProgInfoTest, TheVectorsAreKeptNotCopied)
     Initialize("orvd", nullptr);
 }
 
-TEST(ProgInfoTest, LongVersion)
+TEST(ProgInfoTest, TheLongVersionHasTheRevision)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"2.0", "2.0"},
@@ -271,7 +271,7 @@ TEST(ProgInfoTest, ALongVersionThatIsTooLongIsCut)
     Initialize("orvd", "2.0");
 }
 
-TEST(ProgInfoTest, FactsOfTheHost)
+TEST(ProgInfoTest, KnowsTheHost)
 {
     const struct utsname host = Host();
     EXPECT_EQ(ProgInfo::GetLoginName(), User(getuid()));

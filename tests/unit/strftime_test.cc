@@ -71,7 +71,7 @@ TEST_F(Strftime, CFollowsTheTimeZone)
     EXPECT_EQ(Format("%C", noon - 120 * 86400), "Fri Jul 24 08:15:00 EDT 2026");
 }
 
-TEST_F(Strftime, CAmongOtherText)
+TEST_F(Strftime, CStandsAmongOtherText)
 {
     EXPECT_EQ(Format("at %C: %Y."), "at Sat Nov 21 12:15:00 UTC 2026: 2026.");
     EXPECT_EQ(Format("%C%C"), "Sat Nov 21 12:15:00 UTC 2026Sat Nov 21 12:15:00 UTC 2026");
@@ -118,7 +118,7 @@ TEST_F(Strftime, APercentSignAtTheEndIsTheHosts)
     EXPECT_EQ(Format("%C %"), HostFormat("%a %b %e %H:%M:%S %Z %Y %"));
 }
 
-TEST_F(Strftime, AnEmptyText)
+TEST_F(Strftime, AnEmptyFormatGivesAnEmptyText)
 {
     char text[4] = "abc";
     const struct tm tm = Local(noon);
@@ -145,7 +145,7 @@ TEST_F(Strftime, WritesNothingBeyondTheArea)
     }
 }
 
-TEST_F(Strftime, ALongFormat)
+TEST_F(Strftime, ALongFormatIsTranslatedWhole)
 {
     const int times = 20000;
     std::string format, expected;

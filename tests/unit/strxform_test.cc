@@ -184,7 +184,7 @@ TEST_F(StringTransformerTest, IsReadyWithoutReset)
     EXPECT_EQ(Output(t), "!");
 }
 
-TEST_F(StringTransformerTest, TemplatesOfAllKinds)
+TEST_F(StringTransformerTest, ExpandsTheDirectivesAndKeepsTheRest)
 {
     EXPECT_EQ(Expand("n", ""), "");
     EXPECT_EQ(Expand("n", "plain"), "plain");
@@ -272,7 +272,7 @@ TEST_F(StringTransformerTest, TheOutputSoFarHasNothingOfAnEarlierExpansion)
     EXPECT_EQ(Output(t), "ab");
 }
 
-TEST_F(StringTransformerTest, OutputOfRuns)
+TEST_F(StringTransformerTest, OutputTakesRunsAndStrings)
 {
     StringTransformer t("n", "%n", variable);
     t.Output("abcdef", 3);
@@ -317,7 +317,7 @@ TEST_F(StringTransformerTest, GrowsAcrossItsFirstSize)
     }
 }
 
-TEST_F(StringTransformerTest, ALongExpansion)
+TEST_F(StringTransformerTest, ALongExpansionTakesLinearTime)
 {
     StringTransformer t("n", "%n", variable);
     char c;
@@ -332,7 +332,7 @@ TEST_F(StringTransformerTest, ALongExpansion)
         ASSERT_EQ(output[i], static_cast<char>('a' + i % 26)) << i;
 }
 
-TEST_F(StringTransformerTest, ALongTemplate)
+TEST_F(StringTransformerTest, ALongTemplateIsExpandedWhole)
 {
     std::string format, expected;
     for (int i = 0; i < 100000; i++) {

@@ -198,7 +198,7 @@ TEST(UnixProcess, WaitCollectsOnce)
     EXPECT_GT(process.pid(), 1) << "the process id stays";
 }
 
-TEST(UnixProcess, WaitForAChildThatEndedBefore)
+TEST(UnixProcess, WaitGivesTheCodeOfAChildThatEndedBefore)
 {
     UnixProcess process("exit 6", UnixProcess::leave_alone_at_destruction, 20);
     siginfo_t info;
@@ -1080,7 +1080,7 @@ TEST(UnixProcessSafeArray, ADuplicateLeavesTheChildAlone)
 
 // ---- Questions about other processes
 
-TEST(UnixProcess, ProcessExists)
+TEST(UnixProcess, ProcessExistsTellsWhetherAnIdIsThatOfAProcess)
 {
     EXPECT_FALSE(UnixProcess::ProcessExists(-5));
     EXPECT_FALSE(UnixProcess::ProcessExists(-1));
