@@ -9,13 +9,6 @@
 #include "Misc/export.h"
 #include "Misc/proginfo.h"
 
-namespace zeloo {
-
-/// Copies a text (null counts as empty) into a field of `size` bytes, cut to what fits and always terminated.
-ZELOO_API void CopyIdentity(char* field, unsigned size, const char* text);
-
-} // namespace zeloo
-
 /// What is the same in IPCQClient and IPCTliClient: the identity that a client's messages carry, and the ways to send an
 /// event. Each of the two is the `Client` of its own base class; there are no others. Their headers list the codes.
 template <class Client>
@@ -75,7 +68,10 @@ private:
     template <unsigned size>
     static void Register(char (&field)[size], const char* text)
     {
-        zeloo::CopyIdentity(field, size, text);
+        unsigned n = 0;
+        for (; text != nullptr && n < size - 1 && text[n] != '\0'; n++)
+            field[n] = text[n];
+        field[n] = '\0';
     }
     Client& This() { return static_cast<Client&>(*this); }
 };

@@ -158,7 +158,7 @@ private:
     void delete_cp();
     void takeOver(char* text);
     template <class Fill>
-    void rebuild(uint64_t n, Fill fill);
+    ZELOO_LOCAL void rebuild(uint64_t n, Fill fill);
     void splice(unsigned pos, unsigned removed, const char* s, uint64_t n);
     void convert(int copy, int (*conversion)(int));
 

@@ -56,18 +56,14 @@ inline char* NewJoinedText(const char* const* texts)
     return joined;
 }
 
-/// Copies `s` (null counts as empty) into a fixed field of `size` bytes, cut to what fits and always terminated.
-inline void CopyText(char* field, std::size_t size, const char* s)
-{
-    const std::size_t n = strnlen(TextOrEmpty(s), size - 1);
-    if (n > 0)
-        std::memmove(field, s, n);
-    field[n] = '\0';
-}
+/// Copies `s` (null counts as empty) into a fixed field, cut to what fits and always terminated.
 template <std::size_t N>
 void CopyText(char (&field)[N], const char* s)
 {
-    CopyText(field, N, s);
+    s = TextOrEmpty(s);
+    const std::size_t n = strnlen(s, N - 1);
+    std::memmove(field, s, n);
+    field[n] = '\0';
 }
 
 /// Whether a fixed field holds a terminator.
