@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "Misc/cstring.h"
 
@@ -59,6 +60,18 @@ inline std::string Pattern(std::size_t size)
     for (std::size_t i = 0; i < size; i++)
         text[i] = static_cast<char>((i * 31 + i / 251) & 0xFF);
     return text;
+}
+
+/// What an object writes to a stream of the library over a buffer.
+template <class Object>
+std::string Streamed(const Object& object)
+{
+    Buffer buffer;
+    {
+        ZELostream out(buffer);
+        out << object;
+    }
+    return Bytes(buffer);
 }
 
 /// What Buffer::hexdumpOn writes of `n` bytes.
