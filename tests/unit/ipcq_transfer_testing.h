@@ -1,0 +1,58 @@
+// What the tests of sending and receiving over queues share: the codes, and a sender by hand.
+#ifndef TESTS_UNIT_IPCQ_TRANSFER_TESTING_H
+#define TESTS_UNIT_IPCQ_TRANSFER_TESTING_H
+
+#include <functional>
+#include <string>
+
+#include "tests/unit/ipcq_testing.h"
+
+namespace ipcq_testing {
+
+class IpcqTransfer : public IpcqTest {};
+
+const short Timeout = ErrorReporter::IPC_RECV_TIME_OUT;
+const short SendTimeout = ErrorReporter::IPC_SEND_TIME_OUT;
+const short ReceiverGone = ErrorReporter::IPC_RECV_PROCESS_GONE;
+const short SenderGone = ErrorReporter::IPC_SEND_PROCESS_GONE;
+const short ServerGone = ErrorReporter::SERVER_GONE;
+const short IpcError = ErrorReporter::IPC_ERROR;
+
+/// A sender by hand: what it sends after the acknowledgement of its first block.
+inline pid_t SendByHand(int queue, long to, const IPCQMessage& first, const std::function<void(long data)>& rest)
+{
+    return StartChild([=] {
+        IPCQMessage msg = first;
+        msg.senders_pid = getpid();
+        CHILD_CHECK(SendRecord(queue, to, msg) == 0);
+        IPCQMessage acknowledgement;
+        CHILD_CHECK(TakeRecord(queue, AckChannel(getpid(), to), &acknowledgement, 0) == 300);
+        CHILD_CHECK(acknowledgement.event == Ack && acknowledgement.senders_pid == to);
+        CHILD_CHECK(acknowledgement.shmem_id == -1 && acknowledgement.shmem_size == 0);
+        CHILD_CHECK(acknowledgement.alloc_data_length == 0 && acknowledgement.origprog[0] == 0);
+        rest(DataChannel(getpid(), to));
+        pause();
+    });
+}
+
+/// The block after the first two bytes of "01234567", of which `last` blocks follow it.
+inline IPCQMessage LaterBlock(int offset, const std::string& text, int partsLeft)
+{
+    IPCQMessage msg = Event(MoreData, getpid(), text);
+    msg.alloc_data_length = 8;
+    msg.curr_data_offset = offset;
+    msg.parts_left = static_cast<int16_t>(partsLeft);
+    return msg;
+}
+
+inline IPCQMessage FirstBlock(int partsLeft)
+{
+    IPCQMessage msg = LaterBlock(0, "01", partsLeft);
+    msg.event = 30;
+    msg.result_code = 6;
+    return msg;
+}
+
+} // namespace ipcq_testing
+
+#endif
