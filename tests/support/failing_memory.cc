@@ -11,20 +11,11 @@ static MemoryFailure::Rule rule; // needs no constructor at run time: static obj
 static std::vector<std::size_t>* sizes = nullptr;
 static int callsNoted = 0;
 
-MemoryFailure::MemoryFailure(const Rule& what) : own(what), earlier(rule)
-{
-    rule = own;
-}
+MemoryFailure::MemoryFailure(const Rule& what) : own(what), earlier(rule) { rule = own; }
 
-MemoryFailure::~MemoryFailure()
-{
-    rule = earlier;
-}
+MemoryFailure::~MemoryFailure() { rule = earlier; }
 
-void MemoryFailure::Restart() const
-{
-    rule = own;
-}
+void MemoryFailure::Restart() const { rule = own; }
 
 std::vector<std::size_t> SizesAllocated(int calls, const std::function<void()>& body)
 {

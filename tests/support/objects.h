@@ -26,10 +26,7 @@ std::string Dump(const Object& object)
     return out.str();
 }
 
-inline std::string Text(const CString& s)
-{
-    return static_cast<const char*>(s);
-}
+inline std::string Text(const CString& s) { return static_cast<const char*>(s); }
 
 /// The contents of a buffer.
 inline std::string Bytes(const Buffer& buffer)
@@ -82,10 +79,7 @@ inline std::string HexDump(const void* bytes, std::size_t n)
     return out.str();
 }
 
-inline std::string HexDump(const std::string& bytes)
-{
-    return HexDump(bytes.data(), bytes.size());
-}
+inline std::string HexDump(const std::string& bytes) { return HexDump(bytes.data(), bytes.size()); }
 
 /// An address as a stream prints it.
 inline std::string Address(const void* p)

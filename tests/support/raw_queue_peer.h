@@ -24,14 +24,8 @@ const short Ack = static_cast<short>(0xFFFE);
 const short MoreData = static_cast<short>(0xFFFD);
 
 /// The channels of what `receiver` acknowledges to `sender`, and of the blocks that `sender` sends behind the first.
-inline long AckChannel(long sender, long receiver)
-{
-    return 251658239L - sender + receiver;
-}
-inline long DataChannel(long sender, long receiver)
-{
-    return 268435455L - sender + receiver;
-}
+inline long AckChannel(long sender, long receiver) { return 251658239L - sender + receiver; }
+inline long DataChannel(long sender, long receiver) { return 268435455L - sender + receiver; }
 
 /// The host's view of a message: the widened type, and what follows the record's type of four bytes.
 struct RawMessage {

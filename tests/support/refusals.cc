@@ -43,10 +43,7 @@ void MakeCallsFail(std::initializer_list<long> numbers, int error)
     ChildNeeds(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0);
 }
 
-void DropPrivileges()
-{
-    ChildNeeds(unshare(CLONE_NEWUSER) == 0 && geteuid() != 0);
-}
+void DropPrivileges() { ChildNeeds(unshare(CLONE_NEWUSER) == 0 && geteuid() != 0); }
 
 void LimitDescriptors(unsigned long limit)
 {
@@ -54,10 +51,7 @@ void LimitDescriptors(unsigned long limit)
     ChildNeeds(setrlimit(RLIMIT_NOFILE, &few) == 0);
 }
 
-long VirtualSize()
-{
-    return std::atol(ReadFile("/proc/self/statm").c_str()) * sysconf(_SC_PAGESIZE);
-}
+long VirtualSize() { return std::atol(ReadFile("/proc/self/statm").c_str()) * sysconf(_SC_PAGESIZE); }
 
 static unsigned long LimitVirtualSize(unsigned long bytes)
 {
@@ -72,13 +66,8 @@ static unsigned long LimitVirtualSize(unsigned long bytes)
     return earlier;
 }
 
-MemoryLimit::MemoryLimit(long more) : earlier(LimitVirtualSize(static_cast<unsigned long>(VirtualSize() + more)))
-{
-}
+MemoryLimit::MemoryLimit(long more) : earlier(LimitVirtualSize(static_cast<unsigned long>(VirtualSize() + more))) {}
 
-MemoryLimit::~MemoryLimit()
-{
-    LimitVirtualSize(earlier);
-}
+MemoryLimit::~MemoryLimit() { LimitVirtualSize(earlier); }
 
 } // namespace testing_support

@@ -37,9 +37,6 @@ std::string WithoutVariables(const std::string& reports)
     return Replaced(text, "Line= [1-9][0-9]*", "Line= <line>");
 }
 
-std::string ReportsInFull(const std::function<void()>& body)
-{
-    return WithoutVariables(CaptureStderr(body));
-}
+std::string ReportsInFull(const std::function<void()>& body) { return WithoutVariables(CaptureStderr(body)); }
 
 } // namespace testing_support

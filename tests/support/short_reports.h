@@ -32,10 +32,7 @@ inline std::string ReportsIn(const std::string& text)
 }
 
 /// The reports that `body` makes, in short.
-inline std::string Reports(const std::function<void()>& body)
-{
-    return ReportsIn(CaptureStderr(body));
-}
+inline std::string Reports(const std::function<void()>& body) { return ReportsIn(CaptureStderr(body)); }
 
 } // namespace testing_support
 

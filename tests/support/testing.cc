@@ -233,10 +233,7 @@ bool InSandbox()
     return kind != nullptr && std::strcmp(kind, "private") == 0;
 }
 
-void MakeKeyFile(const std::string& serverName)
-{
-    WriteFile("/opt/orv/bin/" + serverName, "");
-}
+void MakeKeyFile(const std::string& serverName) { WriteFile("/opt/orv/bin/" + serverName, ""); }
 
 int OpenDescriptors()
 {

@@ -17,14 +17,8 @@ namespace testing_support {
 
 /// What `body` writes to a file descriptor, through streams, stdio or write(2).
 std::string CaptureOutput(int fd, const std::function<void()>& body);
-inline std::string CaptureStdout(const std::function<void()>& body)
-{
-    return CaptureOutput(1, body);
-}
-inline std::string CaptureStderr(const std::function<void()>& body)
-{
-    return CaptureOutput(2, body);
-}
+inline std::string CaptureStdout(const std::function<void()>& body) { return CaptureOutput(1, body); }
+inline std::string CaptureStderr(const std::function<void()>& body) { return CaptureOutput(2, body); }
 
 /// How a child process ended and what it wrote.
 struct ChildResult {

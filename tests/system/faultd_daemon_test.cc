@@ -24,15 +24,9 @@ namespace {
 const char DaemonLog[] = "/var/orv/data/faultd.log";
 
 // The number in the lock file; 0 when there is none.
-pid_t LockOwner()
-{
-    return static_cast<pid_t>(std::atol(ReadFile(LockFileName).c_str()));
-}
+pid_t LockOwner() { return static_cast<pid_t>(std::atol(ReadFile(LockFileName).c_str())); }
 
-bool IsGone(pid_t pid)
-{
-    return kill(pid, 0) != 0;
-}
+bool IsGone(pid_t pid) { return kill(pid, 0) != 0; }
 
 // The value of a field of /proc/PID/status.
 std::string StatusOf(pid_t pid, const std::string& field)

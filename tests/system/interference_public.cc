@@ -21,52 +21,22 @@ short process_exists(long pid)
     Taken("process_exists");
 }
 
-int ftok_orvm(const char*)
-{
-    Taken("ftok_orvm");
-}
+int ftok_orvm(const char*) { Taken("ftok_orvm"); }
 
-const char* GetQueueErrorMsg(int)
-{
-    Taken("GetQueueErrorMsg");
-}
+const char* GetQueueErrorMsg(int) { Taken("GetQueueErrorMsg"); }
 
-int create_queue(const char*, long)
-{
-    Taken("create_queue");
-}
+int create_queue(const char*, long) { Taken("create_queue"); }
 
-int connect_to_queue(const char*, short, long*, long)
-{
-    Taken("connect_to_queue");
-}
+int connect_to_queue(const char*, short, long*, long) { Taken("connect_to_queue"); }
 
-short is_a_live_server_process(int, long)
-{
-    Taken("is_a_live_server_process");
-}
+short is_a_live_server_process(int, long) { Taken("is_a_live_server_process"); }
 
-void delete_q_and_semaphore(int)
-{
-    Taken("delete_q_and_semaphore");
-}
+void delete_q_and_semaphore(int) { Taken("delete_q_and_semaphore"); }
 
-short ipc_send(int, long, IPCQMessage*, long, long)
-{
-    Taken("ipc_send");
-}
+short ipc_send(int, long, IPCQMessage*, long, long) { Taken("ipc_send"); }
 
-short ipc_recv(int, long, IPCQMessage*, long, long)
-{
-    Taken("ipc_recv");
-}
+short ipc_recv(int, long, IPCQMessage*, long, long) { Taken("ipc_recv"); }
 
-void CheckNodesFile()
-{
-    Taken("CheckNodesFile");
-}
+void CheckNodesFile() { Taken("CheckNodesFile"); }
 
-TEST(InterferenceOfPublicNames, TheProgramCallsItsOwn)
-{
-    EXPECT_EQ(process_exists(-5), 55);
-}
+TEST(InterferenceOfPublicNames, TheProgramCallsItsOwn) { EXPECT_EQ(process_exists(-5), 55); }

@@ -38,13 +38,9 @@ public:
     ~TimedCall();
 };
 
-TimedCall::TimedCall(long)
-{
-}
+TimedCall::TimedCall(long) {}
 
-TimedCall::~TimedCall()
-{
-}
+TimedCall::~TimedCall() {}
 
 class CollectedOutput {
 public:
@@ -56,83 +52,37 @@ public:
     bool Grow(size_t size);
 };
 
-CollectedOutput::CollectedOutput()
-{
-}
+CollectedOutput::CollectedOutput() {}
 
-CollectedOutput::~CollectedOutput()
-{
-}
+CollectedOutput::~CollectedOutput() {}
 
-ssize_t CollectedOutput::ReadFrom(int)
-{
-    Taken("CollectedOutput::ReadFrom");
-}
+ssize_t CollectedOutput::ReadFrom(int) { Taken("CollectedOutput::ReadFrom"); }
 
-void CollectedOutput::HandTo(Buffer&)
-{
-    Taken("CollectedOutput::HandTo");
-}
+void CollectedOutput::HandTo(Buffer&) { Taken("CollectedOutput::HandTo"); }
 
-bool CollectedOutput::MakeRoom(size_t)
-{
-    Taken("CollectedOutput::MakeRoom");
-}
+bool CollectedOutput::MakeRoom(size_t) { Taken("CollectedOutput::MakeRoom"); }
 
-bool CollectedOutput::Grow(size_t)
-{
-    Taken("CollectedOutput::Grow");
-}
+bool CollectedOutput::Grow(size_t) { Taken("CollectedOutput::Grow"); }
 
-void sigalarm(int)
-{
-    Taken("sigalarm");
-}
+void sigalarm(int) { Taken("sigalarm"); }
 
-void AssertionFailed(const char*, const char*, int)
-{
-    Taken("AssertionFailed");
-}
+void AssertionFailed(const char*, const char*, int) { Taken("AssertionFailed"); }
 
-void Report(short, short, int, long, const char*, ...)
-{
-    Taken("Report");
-}
+void Report(short, short, int, long, const char*, ...) { Taken("Report"); }
 
-void Report(const ErrorReporter&, short, short, int, const char*, long, const char*, ...)
-{
-    Taken("Report");
-}
+void Report(const ErrorReporter&, short, short, int, const char*, long, const char*, ...) { Taken("Report"); }
 
-bool RecordFits(const TliMsgStruct&, int32_t, int32_t)
-{
-    Taken("RecordFits");
-}
+bool RecordFits(const TliMsgStruct&, int32_t, int32_t) { Taken("RecordFits"); }
 
-bool RecordFits(const IPCQMessage&)
-{
-    Taken("RecordFits");
-}
+bool RecordFits(const IPCQMessage&) { Taken("RecordFits"); }
 
-void dumpmem(uintptr_t, unsigned long, const char*, std::ostream&)
-{
-    Taken("dumpmem");
-}
+void dumpmem(uintptr_t, unsigned long, const char*, std::ostream&) { Taken("dumpmem"); }
 
-bool process_exists(pid_t)
-{
-    Taken("process_exists");
-}
+bool process_exists(pid_t) { Taken("process_exists"); }
 
-extern "C" int gmatch(const char*, const char*)
-{
-    Taken("gmatch");
-}
+extern "C" int gmatch(const char*, const char*) { Taken("gmatch"); }
 
-extern "C" int t_open(const char*, int, void*)
-{
-    Taken("t_open");
-}
+extern "C" int t_open(const char*, int, void*) { Taken("t_open"); }
 
 namespace {
 

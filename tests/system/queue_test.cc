@@ -108,10 +108,7 @@ struct EchoRecord : RawQueueRecord {
     }
 };
 
-int RawQueue()
-{
-    return msgget(ftok("/opt/orv/bin/orvd", 1), 0660);
-}
+int RawQueue() { return msgget(ftok("/opt/orv/bin/orvd", 1), 0660); }
 
 TEST_F(QueueSystem, ServesTwoClientsAtOnceWithTransfersOfManyBlocks)
 {

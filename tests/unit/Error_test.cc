@@ -24,10 +24,7 @@ namespace {
 const char Module[] = "$Id: probe.C,v 1.151 1998/03/07 09:05:00 orv Exp $";
 const char Program[] = "/opt/orv/bin/orvd";
 
-std::string DescriptionOf(int error)
-{
-    return strerror(error);
-}
+std::string DescriptionOf(int error) { return strerror(error); }
 
 // What a report leaves on standard error, with `stamp` in it.
 std::string Displayed(const std::string& stamp, int count, const std::string& program, const std::string& severity,

@@ -29,20 +29,11 @@ using namespace testing_support;
 namespace {
 
 // The writer of a 32-bit host in network order, byte by byte.
-std::string BE16(unsigned n)
-{
-    return {static_cast<char>(n >> 8), static_cast<char>(n)};
-}
+std::string BE16(unsigned n) { return {static_cast<char>(n >> 8), static_cast<char>(n)}; }
 
-std::string BE32(uint32_t n)
-{
-    return BE16(n >> 16) + BE16(n & 0xFFFF);
-}
+std::string BE32(uint32_t n) { return BE16(n >> 16) + BE16(n & 0xFFFF); }
 
-std::string Wire(const std::string& text)
-{
-    return BE16(static_cast<unsigned>(text.size())) + text;
-}
+std::string Wire(const std::string& text) { return BE16(static_cast<unsigned>(text.size())) + text; }
 
 std::string Wire(int32_t id, const std::string& node, const std::string& text)
 {

@@ -21,10 +21,7 @@ const char* SafeArray<HierarchicNum>::ElementName()
 
 namespace {
 
-std::string Text(const HierarchicNum& h)
-{
-    return static_cast<const char*>(h);
-}
+std::string Text(const HierarchicNum& h) { return static_cast<const char*>(h); }
 
 std::vector<unsigned long> Levels(HierarchicNum h)
 {

@@ -23,10 +23,7 @@ namespace {
 
 using testing_support::Text;
 
-std::string Text(const Option& option)
-{
-    return Text(option.Name) + "=" + Text(option.Value);
-}
+std::string Text(const Option& option) { return Text(option.Name) + "=" + Text(option.Value); }
 
 void Put(Buffer& b, const std::vector<Option>& options)
 {
@@ -35,10 +32,7 @@ void Put(Buffer& b, const std::vector<Option>& options)
         out << option;
 }
 
-int ByName(const Option** a, const Option** b)
-{
-    return Text((*a)->Name).compare(Text((*b)->Name));
-}
+int ByName(const Option** a, const Option** b) { return Text((*a)->Name).compare(Text((*b)->Name)); }
 
 std::vector<std::string> Texts(const OptionSafeArray& a)
 {

@@ -76,10 +76,7 @@ Fault FaultOf(long number, const char* node)
     return fault;
 }
 
-ProcInfo& Running(int i)
-{
-    return *ProcMgr::processes[i];
-}
+ProcInfo& Running(int i) { return *ProcMgr::processes[i]; }
 
 // A process that has been started leads its own group only a moment later.
 bool LeadsItsGroup(long pid)
@@ -87,10 +84,7 @@ bool LeadsItsGroup(long pid)
     return WaitUntil([&] { return getpgid(static_cast<pid_t>(pid)) == pid; });
 }
 
-bool IsGone(long pid)
-{
-    return kill(static_cast<pid_t>(pid), 0) == -1 && errno == ESRCH;
-}
+bool IsGone(long pid) { return kill(static_cast<pid_t>(pid), 0) == -1 && errno == ESRCH; }
 
 // Ends a command, unless it has ended, and waits until nothing is left of it.
 bool End(long pid)
@@ -102,10 +96,7 @@ bool End(long pid)
 }
 
 // Gives the running commands one more second of age than MaxTime allows.
-void Age(int i)
-{
-    Running(i).timestamp = Dates::CurrentTime() - ProcMgr::GetMaxTime() - 1;
-}
+void Age(int i) { Running(i).timestamp = Dates::CurrentTime() - ProcMgr::GetMaxTime() - 1; }
 
 // Runs `body` in a process whose children need not be waited for, and ends the commands that it leaves running.
 ChildResult InDaemon(const std::function<void()>& body)

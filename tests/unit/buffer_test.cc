@@ -33,10 +33,7 @@ namespace {
 
 const unsigned Most = 4294967295u;
 
-const char* Raw(const Buffer& b)
-{
-    return static_cast<const char*>(b.operator const void*());
-}
+const char* Raw(const Buffer& b) { return static_cast<const char*>(b.operator const void*()); }
 
 TEST(Buffer, AnEmptyBufferHasNoBlock)
 {

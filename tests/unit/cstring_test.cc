@@ -35,20 +35,11 @@ CString globalCopy(globalText);
 
 const int AnyAllocation = NewObject | NewArray;
 
-const char* Text(const CString& s)
-{
-    return s;
-}
+const char* Text(const CString& s) { return s; }
 
-std::string Str(const CString& s)
-{
-    return Text(s);
-}
+std::string Str(const CString& s) { return Text(s); }
 
-int Users(const CString& s)
-{
-    return std::atoi(Dump(s).c_str() + std::strlen("CStringRep::dumpOn() \ncount <"));
-}
+int Users(const CString& s) { return std::atoi(Dump(s).c_str() + std::strlen("CStringRep::dumpOn() \ncount <")); }
 
 TEST(CStringRep, EachConstructorCountsOneUser)
 {

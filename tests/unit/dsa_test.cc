@@ -93,10 +93,7 @@ std::string Statistics(int allocations, int deallocations, int net, int blocks, 
            "  High Tide: " + std::to_string(tide) + " \n";
 }
 
-std::string WithoutPointers(const std::string& text)
-{
-    return Replaced(text, "0x[0-9a-f]+", "<p>");
-}
+std::string WithoutPointers(const std::string& text) { return Replaced(text, "0x[0-9a-f]+", "<p>"); }
 
 // ---- Before main and after it
 

@@ -11,10 +11,7 @@ using namespace zeloo;
 
 namespace {
 
-const unsigned char* Bytes(const std::string& text)
-{
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
+const unsigned char* Bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
 
 // What `put` writes; whatever it does not write is a '#'.
 template <class Put>

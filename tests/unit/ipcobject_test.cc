@@ -42,10 +42,7 @@ protected:
 const char EmptyDump[] = "IPCClient Object Begin\nIPCClient Object End\n";
 
 /// The tags given to monitored objects so far: a queue client takes one each, whether it connects or not.
-long Tags()
-{
-    return MonitoredObject().myObjectTag();
-}
+long Tags() { return MonitoredObject().myObjectTag(); }
 
 TEST_F(IpcObject, WithoutANameNothingIsConnected)
 {

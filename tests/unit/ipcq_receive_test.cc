@@ -266,8 +266,8 @@ TEST_F(IpcqReceive, TakesAFirstBlockAtItsOwnOffset)
 {
     IPCQMessage first = FirstBlock(1);
     first.curr_data_offset = 6;
-    const pid_t sender = SendByHand(
-        queue.id, me, first, [&](long channel) { SendRecord(queue.id, channel, LaterBlock(0, "234567", 0)); });
+    const pid_t sender = SendByHand(queue.id, me, first,
+                                    [&](long channel) { SendRecord(queue.id, channel, LaterBlock(0, "234567", 0)); });
     EXPECT_EQ(Receive(), 0);
     EXPECT_EQ(Bytes(data), "23456701");
     EndChild(sender);

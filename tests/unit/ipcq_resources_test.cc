@@ -11,15 +11,9 @@ using namespace ipcq_testing;
 
 class IpcqResources : public IpcqTest {};
 
-key_t KeyOf(const std::string& path)
-{
-    return ftok(path.c_str(), 1);
-}
+key_t KeyOf(const std::string& path) { return ftok(path.c_str(), 1); }
 
-int SetOf(key_t key)
-{
-    return semget(key, 0, 0660);
-}
+int SetOf(key_t key) { return semget(key, 0, 0660); }
 
 double SecondsOf(const std::function<void()>& body)
 {

@@ -13,10 +13,7 @@ protected:
     Buffer data;
 };
 
-int SetOf(const char* name)
-{
-    return semget(ftok_orvm(name), 0, 0660);
-}
+int SetOf(const char* name) { return semget(ftok_orvm(name), 0, 0660); }
 
 TEST_F(IpcqServer, IsTheOnlyServerOfItsName)
 {

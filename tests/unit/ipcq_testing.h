@@ -37,10 +37,7 @@ inline struct msqid_ds QueueStatus(int qid)
     return status;
 }
 
-inline unsigned long Waiting(int qid)
-{
-    return QueueStatus(qid).msg_qnum;
-}
+inline unsigned long Waiting(int qid) { return QueueStatus(qid).msg_qnum; }
 
 inline void SetQueueBytes(int qid, unsigned long bytes)
 {

@@ -29,10 +29,7 @@ void Empty(int queue, long channel)
 }
 
 int handled = 0;
-void Handler(int)
-{
-    handled++;
-}
+void Handler(int) { handled++; }
 
 // ---- ipc_send and ipc_recv ----
 
@@ -330,14 +327,8 @@ void EchoSizes(const char* name, int blockSize, unsigned long queueBytes)
     EXPECT_EQ(WaitForExit(pid), 0);
 }
 
-TEST_F(IpcqTransfer, CarriesEverySizeInBlocksOf1700)
-{
-    EchoSizes("full", 1700, 100000);
-}
-TEST_F(IpcqTransfer, CarriesEverySizeInBlocksOf1092)
-{
-    EchoSizes("small", 1092, 16384);
-}
+TEST_F(IpcqTransfer, CarriesEverySizeInBlocksOf1700) { EchoSizes("full", 1700, 100000); }
+TEST_F(IpcqTransfer, CarriesEverySizeInBlocksOf1092) { EchoSizes("small", 1092, 16384); }
 
 // What a raw receiver sees of one event, with its acknowledgement in between.
 struct Seen {

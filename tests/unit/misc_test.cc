@@ -126,10 +126,7 @@ std::string Report(int count, const char* severity, const char* type, const char
     return DisplayedReport({"misc", type, description, severity, code, "/opt/orv/bin/orvd", std::to_string(count)});
 }
 
-std::string Reports(const std::string& err)
-{
-    return Replaced(WithoutTimes(err), "Line= [0-9]+", "Line= <line>");
-}
+std::string Reports(const std::string& err) { return Replaced(WithoutTimes(err), "Line= [0-9]+", "Line= <line>"); }
 
 // What the resolver leaves in errno is its own affair.
 std::string WithoutErrorCodes(const std::string& text)

@@ -63,10 +63,7 @@ void BecomeProgram(const std::string& name)
     ProgInfo::Initialize(3, argv, envp, "1.0");
 }
 
-std::string CrashFile(const std::string& name)
-{
-    return kDirectory + "/" + name + ".sig";
-}
+std::string CrashFile(const std::string& name) { return kDirectory + "/" + name + ".sig"; }
 
 struct Crash {
     ChildResult child;
@@ -172,10 +169,7 @@ struct Report {
     }
 };
 
-unsigned long Hex(const std::string& text)
-{
-    return std::stoul(text, nullptr, 16);
-}
+unsigned long Hex(const std::string& text) { return std::stoul(text, nullptr, 16); }
 
 class Lines {
 public:
@@ -294,10 +288,7 @@ std::string CheckReport(const std::string& text, const std::string& name, int si
 
 int* volatile nowhere = nullptr; // not for the compiler to see
 
-UNCHECKED void WriteToNull()
-{
-    *nowhere = 1;
-}
+UNCHECKED void WriteToNull() { *nowhere = 1; }
 
 UNCHECKED void WriteBehindAFile()
 {
@@ -309,10 +300,7 @@ UNCHECKED void WriteBehindAFile()
 
 volatile int dividend = 7, zero = 0, quotient;
 
-UNCHECKED void DivideByZero()
-{
-    quotient = dividend / zero;
-}
+UNCHECKED void DivideByZero() { quotient = dividend / zero; }
 
 struct Fault {
     const char* name;
@@ -321,10 +309,7 @@ struct Fault {
     bool aboveFrames; // the frame pointer at the fault is that of a function compiled with frame pointers
 };
 
-void PrintTo(const Fault& fault, std::ostream* os)
-{
-    *os << fault.name;
-}
+void PrintTo(const Fault& fault, std::ostream* os) { *os << fault.name; }
 
 const Fault kFaults[] = {
     {"segv", SIGSEGV, WriteToNull, true},

@@ -80,10 +80,7 @@ void ExpectNoHost(const std::string& host, const char* netid = "tcp")
     EXPECT_TRUE(result == kNoHost || result == kSystem) << host << ": " << result;
 }
 
-void Append(const char* path, const std::string& text)
-{
-    std::ofstream(path, std::ios::app) << text;
-}
+void Append(const char* path, const std::string& text) { std::ofstream(path, std::ios::app) << text; }
 
 class Netconfig : public testing::Test {
 protected:

@@ -45,10 +45,7 @@ std::string Show()
     return text.str();
 }
 
-std::string Node()
-{
-    return ProgInfo::GetNodeNameLongVersion();
-}
+std::string Node() { return ProgInfo::GetNodeNameLongVersion(); }
 
 struct utsname Host()
 {

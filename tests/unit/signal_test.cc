@@ -19,17 +19,9 @@ volatile sig_atomic_t depth = 0;
 volatile sig_atomic_t deepest = 0;
 volatile sig_atomic_t defaultInHandler = 0;
 
-void Count(int)
-{
-    seen = seen + 1;
-}
-void Other(int)
-{
-}
-void FailInHandler(int)
-{
-    errno = ENOENT;
-}
+void Count(int) { seen = seen + 1; }
+void Other(int) {}
+void FailInHandler(int) { errno = ENOENT; }
 
 bool IsHeld(int sig)
 {

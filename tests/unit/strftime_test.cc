@@ -54,15 +54,9 @@ protected:
     }
 };
 
-TEST_F(Strftime, CIsDateAndTime)
-{
-    EXPECT_EQ(Format("%C"), "Sat Nov 21 12:15:00 UTC 2026");
-}
+TEST_F(Strftime, CIsDateAndTime) { EXPECT_EQ(Format("%C"), "Sat Nov 21 12:15:00 UTC 2026"); }
 
-TEST_F(Strftime, ADayOfOneDigitHasABlankBeforeIt)
-{
-    EXPECT_EQ(Format("%C", 0), "Thu Jan  1 00:00:00 UTC 1970");
-}
+TEST_F(Strftime, ADayOfOneDigitHasABlankBeforeIt) { EXPECT_EQ(Format("%C", 0), "Thu Jan  1 00:00:00 UTC 1970"); }
 
 TEST_F(Strftime, CFollowsTheTimeZone)
 {

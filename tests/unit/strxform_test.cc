@@ -208,10 +208,7 @@ TEST_F(StringTransformerTest, APercentSignAtTheEndIsDropped)
     EXPECT_EQ(Expand("n", "%%%"), "%");
 }
 
-TEST_F(StringTransformerTest, APercentSignInTheVocabularyIsHandedOut)
-{
-    EXPECT_EQ(Expand("%n", "a%%n%n"), "a[%]n[n]");
-}
+TEST_F(StringTransformerTest, APercentSignInTheVocabularyIsHandedOut) { EXPECT_EQ(Expand("%n", "a%%n%n"), "a[%]n[n]"); }
 
 TEST_F(StringTransformerTest, AnEmptyVocabularyHandsOutNothing)
 {

@@ -10,10 +10,7 @@
 namespace {
 
 int seen = 0;
-void CountAlarm(int)
-{
-    seen++;
-}
+void CountAlarm(int) { seen++; }
 
 TEST(TimedCall, InterruptsACallThatBlocks)
 {

@@ -174,10 +174,7 @@ protected:
 };
 
 inline volatile sig_atomic_t alarms = 0;
-inline void CountAlarm(int)
-{
-    alarms = alarms + 1;
-}
+inline void CountAlarm(int) { alarms = alarms + 1; }
 
 /// Lets SIGALRM come again and again, to a handler that asks for a restart.
 class Interrupting {

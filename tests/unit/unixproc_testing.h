@@ -48,10 +48,7 @@ inline void ExpectReport(const std::string& output, const std::string& type, int
 }
 
 inline volatile sig_atomic_t seen = 0;
-inline void Count(int)
-{
-    seen = seen + 1;
-}
+inline void Count(int) { seen = seen + 1; }
 
 inline void Handle(int sig, void (*handler)(int), int flags)
 {
