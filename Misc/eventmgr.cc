@@ -104,25 +104,25 @@ static int DiskIsFull(int oldFileFull, long timeFileFull)
 
 int EventManager::FileSystemFull()
 {
-    static int OldFileFull = 0;   // the previous result
-    static long TimeFileFull = 0; // when fullness was first seen
+    static int wasFull = 0;    // the previous result
+    static long fullSince = 0; // when fullness was first seen
 
-    if (std::cerr.good() && std::cout.good() && GetErrorCode() != ENOSPC && OldFileFull != 1)
+    if (std::cerr.good() && std::cout.good() && GetErrorCode() != ENOSPC && wasFull != 1)
         return 0;
-    const int full = DiskIsFull(OldFileFull, TimeFileFull);
+    const int full = DiskIsFull(wasFull, fullSince);
     if (!full) {
         std::cout.clear();
         std::cerr.clear();
         ClearError();
     }
-    if (OldFileFull == 1 && !full) {
-        const char* since = Dates::GetDateTime(TimeFileFull);
+    if (wasFull == 1 && !full) {
+        const char* since = Dates::GetDateTime(fullSince);
         zeloo::Report(*this, WARNING, FILE_SYSTEM_FULL, errno, ZELOO_HERE,
                       "File system full detected at %s, but its ok now.", since);
     }
-    if (OldFileFull == 0 && full)
-        TimeFileFull = Dates::CurrentTime();
-    OldFileFull = full;
+    if (wasFull == 0 && full)
+        fullSince = Dates::CurrentTime();
+    wasFull = full;
     return full;
 }
 
@@ -161,11 +161,11 @@ short EventManager::main()
     short status = 0;
     short exitnow = InBasket().Created() ? 0 : 1;
     while (!exitnow) {
-        short AckRqd = 0;
-        GetNextEvent(CurrentEvent, CurrentEventData, CurrentEventResponseRqd, AckRqd, CurrentEventError);
+        short ackRqd = 0;
+        GetNextEvent(CurrentEvent, CurrentEventData, CurrentEventResponseRqd, ackRqd, CurrentEventError);
         BeginTrace();
         if (FileSystemFull()) {
-            status = RefuseEvent(AckRqd, exitnow);
+            status = RefuseEvent(ackRqd, exitnow);
             EndTrace(status);
             if (ExitPending)
                 IsPendingExitOkNow(exitnow);
@@ -179,7 +179,7 @@ short EventManager::main()
             AcceptEvent(CurrentEvent, InBasket().LastSendersProgramName(), InBasket().LastSendersNodeName());
         status = accepted ? HandleAcceptedEvent(exitnow) : RejectEvent(logging);
         EndTrace(status);
-        if (AckRqd == 1)
+        if (ackRqd == 1)
             InBasket().send_response(StatusEventCode(), status, nullptr, 0);
         if (logging)
             TimeStampE(CurrentEvent, *LogStreamPtr);

@@ -221,7 +221,7 @@ char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
                                            : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
     inet_ntop(family, bytes, host, sizeof host);
     const unsigned port = ntohs(address.sin6_port);
-    constexpr size_t size = INET6_ADDRSTRLEN + sizeof ".255.255";
+    const size_t size = INET6_ADDRSTRLEN + sizeof ".255.255";
     char* text = static_cast<char*>(malloc(size));
     if (text == nullptr) {
         Fail(ND_NOMEM);

@@ -58,9 +58,9 @@ char* CString::literal_to_escape(char* dst, const char* src, short mode)
 // The value of a digit in `base` 8 or 16, or -1.
 static int DigitValue(char c, int base)
 {
-    static const char Digits[] = "0123456789abcdef";
-    const char* at = c == '\0' ? nullptr : std::strchr(Digits, std::tolower(static_cast<unsigned char>(c)));
-    return at != nullptr && at - Digits < base ? static_cast<int>(at - Digits) : -1;
+    static const char digits[] = "0123456789abcdef";
+    const char* at = c == '\0' ? nullptr : std::strchr(digits, std::tolower(static_cast<unsigned char>(c)));
+    return at != nullptr && at - digits < base ? static_cast<int>(at - digits) : -1;
 }
 
 // Reads at most `most` digits, moves `src` behind them and gives the byte that they stand for.

@@ -11,7 +11,6 @@
 #include <netdb.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <time.h>
 
 #include "Misc/CstrArray.h"
 #include "Misc/Error.h"

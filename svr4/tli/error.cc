@@ -83,9 +83,9 @@ const char* t_strerror(int errnum)
         "Incoming connection queue is full",
         "Protocol error on transport primitive",
     };
-    constexpr int count = static_cast<int>(sizeof texts / sizeof *texts);
-    static_assert(count == TPROTO + 1, "a text for every code");
-    if (errnum >= 0 && errnum < count)
+    constexpr int Count = static_cast<int>(sizeof texts / sizeof *texts);
+    static_assert(Count == TPROTO + 1, "a text for every code");
+    if (errnum >= 0 && errnum < Count)
         return texts[errnum];
     static char unknown[32];
     snprintf(unknown, sizeof unknown, "%d: error unknown", errnum);

@@ -57,7 +57,7 @@ void Abort(int fd)
 {
     struct sockaddr nobody = {};
     nobody.sa_family = AF_UNSPEC;
-    connect(fd, &nobody, sizeof nobody);
+    static_cast<void>(connect(fd, &nobody, sizeof nobody));
 }
 
 bool MeansDisconnect(int error)
