@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 

@@ -1,7 +1,6 @@
 #include "Misc/FileList.h"
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <vector>
 

@@ -8,7 +8,6 @@
 
 #include <setjmp.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>

@@ -1,6 +1,4 @@
 // The client of a server on another host, with peers that know the record layout alone and with servers of the library.
-#include <sstream>
-
 #include "tests/unit/ipctli_testing.h"
 
 namespace {

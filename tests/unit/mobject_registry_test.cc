@@ -30,7 +30,7 @@ extern "C" const char* __asan_default_options()
 
 namespace {
 
-// Objects constructed before main and destroyed after it, on demand: see StaticObjects.
+// Objects constructed before main and destroyed after it, on demand: see ServesStaticObjectsBeforeMainAndAfterIt.
 struct StaticObject {
     StaticObject()
     {

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>

@@ -1,6 +1,5 @@
 #include "Misc/state.h"
 
-#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
