@@ -130,6 +130,6 @@ private:
     RawMessage message;
 };
 
-const bool registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
+const bool Registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
 
 } // namespace

@@ -142,6 +142,6 @@ private:
     char record[RecordSize] = {};
 };
 
-const bool registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
+const bool Registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
 
 } // namespace

@@ -407,9 +407,9 @@ TEST_F(FaultDaemonTest, AtItsEndTellsWhichCommandsWereNotStarted)
     StartDaemon();
     Ctl({"raise", "alpha", "7", "t"});
     for (int i = 1; i <= 10; i++)
-        Ctl({"start", "alpha", "7", "sleep 1; echo done " + std::to_string(i)});
+        Ctl({"start", "alpha", "7", "sleep 3; echo done " + std::to_string(i)});
     EndDaemon(0);
-    const std::string prefix = "not started any more: export FAULT_NODE='alpha' FAULT_NUMBER=7\nsleep 1; echo done ";
+    const std::string prefix = "not started any more: export FAULT_NODE='alpha' FAULT_NUMBER=7\nsleep 3; echo done ";
     EXPECT_TRUE(Logs(prefix + "9\n" + prefix + "10\n"));
     EXPECT_TRUE(WaitUntil([] { return CountOf(ReadFile(DaemonLog), "\ndone ") == 8; })) << "those run to their end";
 }

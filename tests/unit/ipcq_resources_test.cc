@@ -404,7 +404,7 @@ protected:
 
     std::string Called()
     {
-        const std::string line = ReadFile("/opt/orv/bin/called");
+        std::string line = ReadFile("/opt/orv/bin/called");
         unlink("/opt/orv/bin/called");
         return line;
     }

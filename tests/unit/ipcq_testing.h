@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <string>
 
-#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -69,7 +69,7 @@ inline int ObjectsOf(const std::string& kind)
     return AllObjectsOf(kind) - atStart[kind];
 }
 
-inline const int countedBeforeMain = ObjectsOf("msg");
+inline const int CountedBeforeMain = ObjectsOf("msg");
 
 /// Whether the host lets a queue hold so many bytes.
 inline bool QueuesMayHold(unsigned long bytes)

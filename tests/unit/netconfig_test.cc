@@ -71,13 +71,13 @@ std::string Addresses(const char* host, const char* service, const char* netid =
     return all;
 }
 
-const std::string kNoHost = "1", kNoService = "2", kSystem = "9";
+const std::string NoHost = "1", NoService = "2", System = "9";
 
 // Without a name server the resolver cannot know for sure that a name does not exist.
 void ExpectNoHost(const std::string& host, const char* netid = "tcp")
 {
     const std::string result = Addresses(host.c_str(), "8000", netid);
-    EXPECT_TRUE(result == kNoHost || result == kSystem) << host << ": " << result;
+    EXPECT_TRUE(result == NoHost || result == System) << host << ": " << result;
 }
 
 void Append(const char* path, const std::string& text) { std::ofstream(path, std::ios::app) << text; }
@@ -177,8 +177,8 @@ TEST_F(Netconfig, ServicesHaveNamesAndNumbers)
     EXPECT_EQ(Addresses("127.0.0.1", "orvd"), "127.0.0.1.31.64 ");
     EXPECT_EQ(Addresses("127.0.0.1", "orvother"), "127.0.0.1.31.66 ");
     EXPECT_EQ(Addresses("127.0.0.1", "9orv"), "127.0.0.1.31.67 ");
-    EXPECT_EQ(Addresses("127.0.0.1", "orvudp"), kNoService) << "of another protocol";
-    EXPECT_EQ(Addresses("127.0.0.1", "orvnone"), kNoService);
+    EXPECT_EQ(Addresses("127.0.0.1", "orvudp"), NoService) << "of another protocol";
+    EXPECT_EQ(Addresses("127.0.0.1", "orvnone"), NoService);
 }
 
 TEST_F(Netconfig, APortNumberIsOneFrom1To65535)
@@ -187,10 +187,10 @@ TEST_F(Netconfig, APortNumberIsOneFrom1To65535)
     EXPECT_EQ(Addresses("127.0.0.1", "256"), "127.0.0.1.1.0 ");
     EXPECT_EQ(Addresses("127.0.0.1", "65535"), "127.0.0.1.255.255 ");
     for (const char* service : {"0", "65536", "18446744073709551617", "-1", "+80", " 80", ""}) {
-        EXPECT_EQ(Addresses("127.0.0.1", service), kNoService) << service;
-        EXPECT_EQ(Addresses("\\1", service), kNoService) << service;
+        EXPECT_EQ(Addresses("127.0.0.1", service), NoService) << service;
+        EXPECT_EQ(Addresses("\\1", service), NoService) << service;
     }
-    EXPECT_EQ(Addresses("127.0.0.1", "80 "), kNoService);
+    EXPECT_EQ(Addresses("127.0.0.1", "80 "), NoService);
 }
 
 TEST_F(Netconfig, HostsGiveAllTheirAddressesOnce)
@@ -208,9 +208,9 @@ TEST_F(Netconfig, HostsGiveAllTheirAddressesOnce)
 
 TEST_F(Netconfig, RefusesHostsThatAreNone)
 {
-    EXPECT_EQ(Addresses("", "8000"), kNoHost);
-    EXPECT_EQ(Addresses("::1", "8000"), kNoHost) << "of another family";
-    EXPECT_EQ(Addresses("127.0.0.1", "8000", "tcp6"), kNoHost);
+    EXPECT_EQ(Addresses("", "8000"), NoHost);
+    EXPECT_EQ(Addresses("::1", "8000"), NoHost) << "of another family";
+    EXPECT_EQ(Addresses("127.0.0.1", "8000", "tcp6"), NoHost);
     for (const char* host : {"orvnowhere", "256.1.1.1.1", "\\2", "1\\", "\\1x", "a b"}) {
         ExpectNoHost(host);
     }

@@ -13,7 +13,7 @@
 
 namespace {
 
-const time_t noon = 1795263300; // Sat Nov 21 12:15:00 2026 in UTC
+const time_t Noon = 1795263300; // Sat Nov 21 12:15:00 2026 in UTC
 
 class Strftime : public testing::Test {
 protected:
@@ -37,7 +37,7 @@ protected:
         return result;
     }
 
-    static std::string Format(const std::string& format, time_t t = noon)
+    static std::string Format(const std::string& format, time_t t = Noon)
     {
         char text[1000];
         const struct tm tm = Local(t);
@@ -46,7 +46,7 @@ protected:
         return std::string(text, n);
     }
 
-    static std::string HostFormat(const std::string& format, time_t t = noon)
+    static std::string HostFormat(const std::string& format, time_t t = Noon)
     {
         char text[1000];
         const struct tm tm = Local(t);
@@ -62,7 +62,7 @@ TEST_F(Strftime, CFollowsTheTimeZone)
 {
     SetZone("EST5EDT,M3.2.0,M11.1.0");
     EXPECT_EQ(Format("%C"), "Sat Nov 21 07:15:00 EST 2026");
-    EXPECT_EQ(Format("%C", noon - 120 * 86400), "Fri Jul 24 08:15:00 EDT 2026");
+    EXPECT_EQ(Format("%C", Noon - 120 * 86400), "Fri Jul 24 08:15:00 EDT 2026");
 }
 
 TEST_F(Strftime, CStandsAmongOtherText)
@@ -115,14 +115,14 @@ TEST_F(Strftime, APercentSignAtTheEndIsTheHosts)
 TEST_F(Strftime, AnEmptyFormatGivesAnEmptyText)
 {
     char text[4] = "abc";
-    const struct tm tm = Local(noon);
+    const struct tm tm = Local(Noon);
     EXPECT_EQ(svr4::strftime(text, sizeof text, "", &tm), 0u);
     EXPECT_STREQ(text, "");
 }
 
 TEST_F(Strftime, WritesNothingBeyondTheArea)
 {
-    const struct tm tm = Local(noon);
+    const struct tm tm = Local(Noon);
     const std::string whole = "Sat Nov 21 12:15:00 UTC 2026";
     for (size_t size = 0; size < 40; size++) {
         // A block of its own size, so that a sanitizer sees a read or write beyond it too.
@@ -148,7 +148,7 @@ TEST_F(Strftime, ALongFormatIsTranslatedWhole)
         expected += "Sat Nov 21 12:15:00 UTC 2026";
     }
     std::unique_ptr<char[]> text(new char[expected.size() + 1]);
-    const struct tm tm = Local(noon);
+    const struct tm tm = Local(Noon);
     EXPECT_EQ(svr4::strftime(text.get(), expected.size() + 1, format.c_str(), &tm), expected.size());
     EXPECT_EQ(text.get(), expected);
     EXPECT_EQ(svr4::strftime(text.get(), expected.size(), format.c_str(), &tm), 0u);
@@ -171,7 +171,7 @@ TEST_F(Strftime, WithoutMemoryForTheTranslationNothingFits)
         const std::string format(60u << 20, 'x'); // which would be spelt out in some 700 MB
         const testing_support::MemoryLimit limit(300 << 20);
         char text[100] = "";
-        const struct tm tm = Local(noon);
+        const struct tm tm = Local(Noon);
         CHILD_CHECK(svr4::strftime(text, sizeof text, (format + "%C").c_str(), &tm) == 0);
         CHILD_CHECK(svr4::strftime(text, sizeof text, "%C", &tm) == 28);
     });
