@@ -8,6 +8,7 @@
 #ifndef TESTS_SUPPORT_RAW_TCP_PEER_H
 #define TESTS_SUPPORT_RAW_TCP_PEER_H
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 
@@ -75,6 +76,14 @@ public:
         const struct sockaddr_in address = Loopback(port);
         return connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0;
     }
+    /// Begins to connect, and does not wait for the peer; false when that is refused at once.
+    bool BeginToConnect(int port = Port)
+    {
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        const struct sockaddr_in address = Loopback(port);
+        return connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0 ||
+               errno == EINPROGRESS;
+    }
     bool Listen(int backlog = 5, int port = Port)
     {
         fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -104,7 +113,7 @@ public:
     {
         return recv(fd, bytes, size, MSG_WAITALL) == static_cast<ssize_t>(size);
     }
-    bool Receive(RawRecord* record) const { return Receive(&record->bytes[0], record->bytes.size()); }
+    bool Receive(RawRecord* record) const { return Receive(record->bytes.data(), record->bytes.size()); }
     /// Whether the peer has closed, in order or not, and nothing is left to receive.
     bool AtEnd() const
     {

@@ -19,7 +19,8 @@ protected:
         earlier = ReadFile("/etc/hosts");
         WriteFile("/etc/hosts", "127.0.0.1 localhost\n"
                                 "10.9.8.7 kestrel.kelvaro.example kestrel k7\n"
-                                "10.0.0.1 10\n");
+                                "10.0.0.1 10\n"
+                                "255.255.255.255 everybody\n");
     }
     void TearDown() override
     {
@@ -41,11 +42,13 @@ TEST_F(OfficialHostName, OfAnAddress)
     EXPECT_EQ(Name("10.9.8.7"), "kestrel.kelvaro.example");
     EXPECT_EQ(Name("127.0.0.1"), "localhost");
     EXPECT_EQ(Name("10.0.0.1"), "10");
+    EXPECT_EQ(Name("255.255.255.255"), "everybody");
 }
 
 TEST_F(OfficialHostName, OfAName)
 {
     EXPECT_EQ(Name("kestrel.kelvaro.example"), "kestrel.kelvaro.example");
+    EXPECT_EQ(Name("kestrel"), "kestrel.kelvaro.example");
     EXPECT_EQ(Name("k7"), "kestrel.kelvaro.example");
     EXPECT_EQ(Name("localhost"), "localhost");
 }
@@ -61,8 +64,21 @@ TEST_F(OfficialHostName, OfAnUnknownHost)
     EXPECT_EQ(Name("10.9.8.6"), "(null)");
     EXPECT_EQ(Name("nosuchhost.invalid"), "(null)");
     EXPECT_EQ(Name("300.1.1.1"), "(null)");
+    EXPECT_EQ(Name("300.1.1.1.1"), "(null)");
     EXPECT_EQ(Name(""), "(null)");
     EXPECT_EQ(Name(nullptr), "(null)");
+}
+
+TEST_F(OfficialHostName, LeavesNoDescriptorOpen)
+{
+    Name("kestrel");
+    const int descriptors = OpenDescriptors();
+    for (int i = 0; i < 10; i++) {
+        Name("kestrel");
+        Name("10.9.8.7");
+        Name("nosuchhost.invalid");
+    }
+    EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
 } // namespace

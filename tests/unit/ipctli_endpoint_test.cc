@@ -1,11 +1,9 @@
-// Endpoints: names and addresses, connecting, listening and accepting, time limits, and every line that they print.
+// Endpoints: connecting, listening and accepting, time limits, and every line that they print.
 #include <cstdlib>
 #include <memory>
-#include <sstream>
 #include <utility>
 
-#include <fcntl.h>
-#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "svr4/tli.h"
 #include "tests/support/failing_memory.h"
@@ -137,11 +135,8 @@ TEST_F(IpctliEndpoint, ConnectingIsLimitedTo120Seconds)
     RawSocket listener;
     ASSERT_TRUE(listener.Listen(0));
     RawSocket filler[4];
-    for (RawSocket& socket : filler) {
-        socket.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        const struct sockaddr_in address = Loopback(Port);
-        connect(socket.fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address);
-    }
+    for (RawSocket& socket : filler)
+        ASSERT_TRUE(socket.BeginToConnect());
     IPCTli end;
     {
         Handling handling(SIGUSR2);
@@ -398,7 +393,7 @@ TEST_F(IpctliEndpoint, ReceivesPieceByPiece)
         }
     });
     std::string received(1904, 'x');
-    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&received[0], 1904), 0); });
+    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(received.data(), 1904), 0); });
     EXPECT_TRUE(received == text);
     EXPECT_EQ(WaitForExit(sender), 0);
 }
@@ -410,9 +405,9 @@ TEST_F(IpctliEndpoint, APeerThatClosesInOrderEndsTheReceive)
     connection.peer.Close();
     std::string received(8, 'x');
     ExpectSilence([&] {
-        EXPECT_EQ(connection.end.recv(&received[0], 8), ServerGone);
+        EXPECT_EQ(connection.end.recv(received.data(), 8), ServerGone);
         EXPECT_EQ(received, std::string("half\0\0\0\0", 8));
-        EXPECT_EQ(connection.end.recv(&received[0], 8), ServerGone);
+        EXPECT_EQ(connection.end.recv(received.data(), 8), ServerGone);
     });
     EXPECT_EQ(received, std::string(8, '\0'));
     EXPECT_GE(Descriptor(connection.end), 0);
@@ -424,7 +419,7 @@ TEST_F(IpctliEndpoint, APeerThatResetsEndsTheReceive)
     ASSERT_TRUE(connection.peer.Send("half"));
     connection.peer.Reset();
     std::string received(8, 'x');
-    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&received[0], 8), ServerGone); });
+    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(received.data(), 8), ServerGone); });
     ExpectSilence([&] { EXPECT_EQ(connection.end.send("x", 1), TcpError); });
 }
 
@@ -448,7 +443,7 @@ TEST_F(IpctliEndpoint, AReceiveIsLimitedTo900Seconds)
     std::string received(8, 'x');
     Handling handling(SIGUSR2);
     Nagger nagger(SIGUSR2);
-    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(&received[0], 8), ReceiveTimeOut); });
+    ExpectSilence([&] { EXPECT_EQ(connection.end.recv(received.data(), 8), ReceiveTimeOut); });
     EXPECT_EQ(received, std::string("half\0\0\0\0", 8));
     EXPECT_GT(Handling::secondsLeft, 890);
     EXPECT_LE(Handling::secondsLeft, 900);
@@ -490,7 +485,7 @@ TEST_F(IpctliEndpoint, TheLimitIsNotRenewedByData)
         }
     });
     std::string received(100, '?');
-    EXPECT_EQ(connection.end.recv(&received[0], 100), ReceiveTimeOut);
+    EXPECT_EQ(connection.end.recv(received.data(), 100), ReceiveTimeOut);
     EXPECT_GT(Handling::secondsLeft, 880);
     EXPECT_LT(Handling::secondsLeft, 900);
     EndChild(sender);
@@ -509,7 +504,7 @@ TEST_F(IpctliEndpoint, ShutdownDeliversWhatWasSent)
     EXPECT_EQ(Descriptor(connection.end), -1);
     EXPECT_EQ(connection.end.Tclose(), -1);
     std::string received(block.size(), '?');
-    EXPECT_EQ(recv(connection.peer.fd, &received[0], received.size(), MSG_WAITALL), ssize_t(block.size()));
+    EXPECT_EQ(recv(connection.peer.fd, received.data(), received.size(), MSG_WAITALL), ssize_t(block.size()));
     EXPECT_TRUE(received == block);
     EXPECT_TRUE(connection.peer.AtEnd());
 }
@@ -656,204 +651,6 @@ TEST_F(IpctliEndpoint, TheOwnerEndsTheConnectionThoughAChildHasACopy)
     EXPECT_TRUE(peer.AtEnd());
     kill(child, SIGKILL);
     WaitForExit(child);
-}
-
-// ---- Names ----
-
-std::string DefaultHost(const char* server)
-{
-    const char* host = IPCTli::get_default_hostname(server);
-    return host != nullptr ? host : "(null)";
-}
-
-TEST_F(IpctliEndpoint, TheDefaultHostIsThatOfTheFileOrTheName)
-{
-    const char* const file = "/var/orv/data/orvdserver.host";
-    EXPECT_EQ(DefaultHost("orvd"), "(null)");
-    EXPECT_EQ(DefaultHost("pexserver"), "(null)");
-    EXPECT_EQ(DefaultHost("orvpmd"), "(null)");
-    EXPECT_EQ(DefaultHost("else where"), "else where");
-    EXPECT_EQ(DefaultHost("ORVD"), "ORVD");
-    EXPECT_EQ(DefaultHost(""), "");
-    EXPECT_EQ(DefaultHost(nullptr), "(null)");
-
-    WriteFile(file, "alpha beta\ngamma\n");
-    for (const char* server : {"orvd", "pexserver", "orvpmd"})
-        EXPECT_EQ(DefaultHost(server), "alpha");
-    EXPECT_EQ(DefaultHost("orvsys"), "orvsys");
-    const struct {
-        std::string content;
-        std::string host;
-    } cases[] = {
-        {"", ""},
-        {"\nsecond\n", ""},
-        {" leading\n", ""},
-        {"\tleading\n", ""},
-        {"noend", "noend"},
-        {"tab\tx\n", "tab"},
-        {"return\r\n", "return"},
-        {"feed\f\n", "feed"},
-        {"vertical\v\n", "vertical"},
-        {std::string(255, 'h') + "\n", std::string(255, 'h')},
-        {std::string(256, 'h') + "\n", std::string(256, 'h')},
-        {std::string(257, 'h') + "\n", std::string(256, 'h')},
-        {std::string(5000, 'h'), std::string(256, 'h')},
-        {std::string("nul\0x\n", 6), "nul"},
-    };
-    for (const auto& each : cases) {
-        WriteFile(file, each.content);
-        EXPECT_EQ(DefaultHost("orvd"), each.host) << each.content;
-    }
-    EXPECT_EQ(DefaultHost(std::string(300, 'x').c_str()), std::string(256, 'x'));
-    const char* first = IPCTli::get_default_hostname("one");
-    EXPECT_EQ(IPCTli::get_default_hostname("two"), first);
-    EXPECT_STREQ(first, "two");
-    EXPECT_STREQ(IPCTli::get_default_hostname(first), "two");
-}
-
-std::string Address(const char* host, const char* service)
-{
-    char addr[IPCTli::AsciiAddrSize];
-    std::memset(addr, 'x', sizeof addr);
-    IPCTli::get_ascii_addr(host, service, addr);
-    return addr;
-}
-
-TEST_F(IpctliEndpoint, GivesPrintableAddresses)
-{
-    EXPECT_EQ(Address("localhost", "orvd"), "127.0.0.1.18.103");
-    EXPECT_EQ(Address("there", "other"), "127.0.0.9.18.104");
-    EXPECT_EQ(Address("\\1", "orvd"), "0.0.0.0.18.103");
-    EXPECT_EQ(Address("thisnode", "orvd"), "");
-    EXPECT_EQ(Address("localhost", "nosuchservice"), "");
-    EXPECT_EQ(Address(nullptr, "orvd"), "");
-    EXPECT_EQ(Address("localhost", nullptr), "");
-    setenv("NETPATH", "tcp:tcp6", 1); // the last one wins
-    EXPECT_EQ(Address("\\1", "orvd"), "::.18.103");
-    EXPECT_EQ(Address("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "65535"),
-              "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff.255.255");
-    setenv("NETPATH", "tcp6:tcp", 1);
-    EXPECT_EQ(Address("\\1", "orvd"), "0.0.0.0.18.103");
-    setenv("NETPATH", "", 1);
-    EXPECT_EQ(Address("\\1", "orvd"), "");
-    unsetenv("NETPATH");
-}
-
-TEST_F(IpctliEndpoint, TellsWhetherAServiceIsConfigured)
-{
-    EXPECT_EQ(IPCTli::configured_ok("localhost", "orvd"), 1);
-    EXPECT_EQ(IPCTli::configured_ok(nullptr, "orvd"), 1);
-    EXPECT_EQ(IPCTli::configured_ok("thisnode", "orvd"), 1);
-    EXPECT_EQ(IPCTli::configured_ok("nosuchhost.invalid", "orvd"), 0);
-    EXPECT_EQ(IPCTli::configured_ok("localhost", "nosuchservice"), 0);
-    EXPECT_EQ(IPCTli::configured_ok(nullptr, "nosuchservice"), 0);
-}
-
-TEST_F(IpctliEndpoint, NodesAreEqualByNameOrAddress)
-{
-    EXPECT_EQ(IPCTli::NodeNamesEqual("localhost", "localhost"), 1);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("nosuchhost.invalid", "nosuchhost.invalid"), 1);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "alsohere"), 1);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "127.0.0.1"), 1);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "there"), 0);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "nosuchhost.invalid"), 0);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("nosuchhost.invalid", "here"), 0);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("a.invalid", "b.invalid"), 0); // both unknown are not equal
-    EXPECT_EQ(IPCTli::NodeNamesEqual(nullptr, "here"), 0);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("here", nullptr), 0);
-    EXPECT_EQ(IPCTli::NodeNamesEqual(nullptr, nullptr), 0);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("", ""), 0);
-    EXPECT_EQ(IPCTli::NodeNamesEqual("", "here"), 0);
-    WriteFile("/etc/services", services); // without the service there are no addresses to compare
-    EXPECT_EQ(IPCTli::NodeNamesEqual("here", "alsohere"), 0);
-}
-
-std::string Information(const char* host, const char* service)
-{
-    std::ostringstream out;
-    IPCTli::info(host, service, out);
-    EXPECT_TRUE(out.good());
-    return out.str();
-}
-
-std::string InternetAddress(const std::string& host)
-{
-    return std::string("\2\0\x12\x67", 4) + host + std::string(8, '\0');
-}
-
-TEST_F(IpctliEndpoint, PrintsInformationAboutAService)
-{
-    const std::string transport = "===================================================\n"
-                                  "Transport provider name:      tcp\n"
-                                  "Transport protocol family:    inet\n"
-                                  "The transport device file:    /dev/tcp\n"
-                                  "Transport provider semantics: connection-oriented transport with orderly release\n";
-    EXPECT_EQ(Information("there", "orvd"), "Information for host: there service: orvd\n" + transport +
-                                                "There are <1> addresses for the orvd service on there\n"
-                                                "127.0.0.9.18.103\n"
-                                                "Hex dump of address: " +
-                                                HexDump(InternetAddress(std::string("\x7f\0\0\x09", 4))));
-    EXPECT_EQ(Information(nullptr, "orvd"), "Information for host: \\1 service: orvd\n" + transport +
-                                                "There are <1> addresses for the orvd service on \\1\n"
-                                                "0.0.0.0.18.103\n"
-                                                "Hex dump of address: " +
-                                                HexDump(InternetAddress(std::string(4, '\0'))));
-    WriteFile("/etc/hosts", "127.0.0.5 several\n127.0.0.6 several\n");
-    const std::string several = Information("several", "orvd");
-    EXPECT_EQ(several.substr(several.find("There")),
-              "There are <2> addresses for the orvd service on several\n"
-              "127.0.0.5.18.103\n"
-              "Hex dump of address: " +
-                  HexDump(InternetAddress(std::string("\x7f\0\0\x05", 4))) + "127.0.0.6.18.103\n" +
-                  "Hex dump of address: " + HexDump(InternetAddress(std::string("\x7f\0\0\x06", 4))));
-}
-
-TEST_F(IpctliEndpoint, PrintsInformationAboutTwoTransports)
-{
-    setenv("NETPATH", "tcp6:tcp", 1);
-    const std::string text = Information("\\1", "orvd");
-    unsetenv("NETPATH");
-    const size_t second = text.rfind("====\nTransport provider name:      tcp\n");
-    ASSERT_NE(second, std::string::npos);
-    EXPECT_NE(text.find("====\nTransport provider name:      tcp6\nTransport protocol family:    inet6\n"
-                        "The transport device file:    /dev/tcp6\n"),
-              std::string::npos);
-    EXPECT_NE(text.find("\n::.18.103\nHex dump of address: HexDump for 28 "), std::string::npos);
-}
-
-TEST_F(IpctliEndpoint, PrintsThatNothingIsFound)
-{
-    const std::string nothing = "No valid addresses found.\n check network files (ie. /etc/hosts, /etc/services)\n";
-    EXPECT_EQ(Information("nosuchhost.invalid", "orvd"),
-              "Information for host: nosuchhost.invalid service: orvd\n" + nothing);
-    EXPECT_EQ(Information("localhost", nullptr), "Information for host: localhost service: \n" + nothing);
-    setenv("NETPATH", "", 1);
-    EXPECT_EQ(Information("localhost", "orvd"), "Information for host: localhost service: orvd\n" + nothing);
-    unsetenv("NETPATH");
-}
-
-TEST_F(IpctliEndpoint, PrintsThatThereIsNoSelectionPath)
-{
-    setenv("NETPATH", "tcp", 1);
-    const MemoryFailure noPath = MemoryFailure::OfSize(24, Calloc); // no structure of this size is made before it
-    EXPECT_EQ(Information("localhost", "orvd"),
-              "Information for host: localhost service: orvd\nUnable to setnetpath()\n");
-    IPCTli end;
-    EXPECT_EQ(end.get_addrs_and_provider("localhost", "orvd"), 0);
-    unsetenv("NETPATH");
-}
-
-TEST_F(IpctliEndpoint, LookUpsLeaveNothingOpen)
-{
-    IPCTli end;
-    const int open = OpenDescriptors();
-    for (int i = 0; i < 10; i++) {
-        end.get_addrs_and_provider("localhost", "orvd");
-        IPCTli::NodeNamesEqual("here", "there");
-        Information("localhost", "orvd");
-        end.Topen("localhost", "orvd");
-    }
-    EXPECT_EQ(OpenDescriptors(), open);
 }
 
 } // namespace

@@ -2,12 +2,13 @@
 #ifndef TESTS_UNIT_IPCTLI_TESTING_H
 #define TESTS_UNIT_IPCTLI_TESTING_H
 
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <sstream>
 #include <string>
 
-#include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 

@@ -140,22 +140,13 @@ TEST_F(Tli, AnEndpointIsNotConnectedToItself)
 struct FullListener {
     FullListener() : fd(RawListener(0))
     {
-        for (int i = 0; i < 4; i++) {
-            const int client = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            const struct sockaddr_in address = Loopback(PortOf(fd));
-            connect(client, reinterpret_cast<const struct sockaddr*>(&address), sizeof address);
-            clients.push_back(client);
-        }
+        for (RawSocket& client : clients)
+            EXPECT_TRUE(client.BeginToConnect(PortOf(fd)));
         usleep(100000);
     }
-    ~FullListener()
-    {
-        for (const int client : clients)
-            close(client);
-        close(fd);
-    }
+    ~FullListener() { close(fd); }
     int fd;
-    std::vector<int> clients;
+    RawSocket clients[4];
 };
 
 TEST_F(Tli, AnInterruptedConnectCanBeGivenUpOrGoneOnWith)
@@ -180,9 +171,8 @@ TEST_F(Tli, AnInterruptedConnectCanBeGivenUpOrGoneOnWith)
     EXPECT_EQ(svr4::t_getstate(third), svr4::T_IDLE);
     EXPECT_EQ(svr4::t_look(third), 0);
 
-    for (const int client : full.clients)
-        close(client);
-    full.clients.clear();
+    for (RawSocket& client : full.clients)
+        client.Close();
     fcntl(full.fd, F_SETFL, O_NONBLOCK);
     int accepted;
     EXPECT_TRUE(WaitUntil([&] {
@@ -228,9 +218,8 @@ TEST_F(Tli, FiveRequestsAreKeptApartAndHandedOutInOrder)
         ports.push_back(PortOf(clients.back()));
         ASSERT_EQ(write(clients.back(), std::to_string(i).c_str(), 1), 1);
     }
-    std::vector<Call> calls(5);
+    Call calls[5];
     for (int i = 0; i < 5; i++) {
-        calls[i].addr.buf = reinterpret_cast<char*>(&calls[i].address);
         ASSERT_EQ(svr4::t_listen(server, &calls[i]), 0);
         EXPECT_EQ(svr4::t_getstate(server), svr4::T_INCON);
         EXPECT_EQ(ntohs(calls[i].address.sin_port), ports[i]);

@@ -199,13 +199,17 @@ private:
     struct sigaction earlier;
 };
 
-/// An idle endpoint connects, and is closed.
+/// An idle endpoint connects, sends, and is closed.
 inline void ExpectConnects(int fd)
 {
     const int listener = RawListener();
     Call call(PortOf(listener));
-    EXPECT_EQ(svr4::t_connect(fd, &call, nullptr), 0);
+    ASSERT_EQ(svr4::t_connect(fd, &call, nullptr), 0);
+    const int peer = accept(listener, nullptr, nullptr);
+    EXPECT_EQ(svr4::t_snd(fd, "new", 3, 0), 3);
+    EXPECT_EQ(RawRead(peer), "new");
     svr4::t_close(fd);
+    close(peer);
     close(listener);
 }
 

@@ -94,17 +94,23 @@ TEST_F(Tli, SendWaitsUntilAllIsOnItsWay)
     EXPECT_EQ(WaitForExit(reader), 0);
 }
 
+// Sends what a connection that nobody reads from holds: a part of much, and more until nothing at all fits.
+void FillConnection(int fd)
+{
+    const std::string data(Much, 'x');
+    const int sent = svr4::t_snd(fd, data.data(), Much, 0);
+    EXPECT_GT(sent, 0);
+    EXPECT_LT(sent, static_cast<int>(Much));
+    while (svr4::t_snd(fd, data.data(), Much, 0) > 0) {
+    }
+}
+
 TEST_F(Tli, AnInterruptedSendTellsWhatItHasSent)
 {
     int peer;
     const int fd = Connected(&peer);
-    const std::string data(Much, 'x');
     const Interrupting interrupting;
-    const int sent = svr4::t_snd(fd, data.data(), Much, 0);
-    EXPECT_GT(sent, 0);
-    EXPECT_LT(sent, static_cast<int>(Much));
-    while (svr4::t_snd(fd, data.data(), Much, 0) > 0) { // until nothing at all fits
-    }
+    FillConnection(fd);
     EXPECT_EQ(svr4::t_errno, svr4::TSYSERR);
     EXPECT_EQ(errno, EINTR);
     svr4::t_close(fd);
@@ -117,12 +123,7 @@ TEST_F(Tli, AnEndpointThatDoesNotWaitSaysSo)
     const int fd = Connected(&peer, O_NONBLOCK);
     char byte;
     EXPECT_TLI_ERROR(svr4::TNODATA, svr4::t_rcv(fd, &byte, 1, nullptr));
-    const std::string data(Much, 'x');
-    const int sent = svr4::t_snd(fd, data.data(), Much, 0);
-    EXPECT_GT(sent, 0);
-    EXPECT_LT(sent, static_cast<int>(Much));
-    while (svr4::t_snd(fd, data.data(), Much, 0) > 0) {
-    }
+    FillConnection(fd);
     EXPECT_EQ(svr4::t_errno, svr4::TFLOW);
     svr4::t_close(fd);
     close(peer);
@@ -174,15 +175,7 @@ TEST_F(Tli, ThisSideMayReleaseFirst)
     EXPECT_EQ(svr4::t_rcvrel(fd), 0);
     EXPECT_EQ(svr4::t_getstate(fd), svr4::T_IDLE);
 
-    const int listener = RawListener();
-    Call call(PortOf(listener));
-    EXPECT_EQ(svr4::t_connect(fd, &call, nullptr), 0) << "the endpoint connects again";
-    const int second = accept(listener, nullptr, nullptr);
-    EXPECT_EQ(svr4::t_snd(fd, "new", 3, 0), 3);
-    EXPECT_EQ(RawRead(second), "new");
-    svr4::t_close(fd);
-    close(second);
-    close(listener);
+    ExpectConnects(fd);
 }
 
 TEST_F(Tli, AnEndpointKeepsItsAddressForTheNextConnection)
@@ -233,14 +226,21 @@ TEST_F(Tli, AnAddressLostBetweenConnectionsIsAskedForAgain)
     close(listener);
 }
 
-TEST_F(Tli, AResetComesBehindTheData)
+// An endpoint that a peer has sent "bye" and then reset.
+int ResetBehindData()
 {
     int peer;
     const int fd = Connected(&peer);
-    ASSERT_EQ(write(peer, "bye", 3), 3);
-    ASSERT_TRUE(WaitForEvent(fd, svr4::T_DATA));
+    EXPECT_EQ(write(peer, "bye", 3), 3);
+    EXPECT_TRUE(WaitForEvent(fd, svr4::T_DATA));
     Reset(peer);
-    ASSERT_TRUE(WaitForReset(fd));
+    EXPECT_TRUE(WaitForReset(fd));
+    return fd;
+}
+
+TEST_F(Tli, AResetComesBehindTheData)
+{
+    const int fd = ResetBehindData();
     EXPECT_EQ(svr4::t_look(fd), svr4::T_DATA);
     EXPECT_EQ(Receive(fd), "bye");
     EXPECT_EQ(Receive(fd), Attention);
@@ -263,12 +263,7 @@ TEST_F(Tli, AResetComesBehindTheData)
 
 TEST_F(Tli, AResetThatASendNoticesLeavesTheDataBeforeItToReceive)
 {
-    int peer;
-    const int fd = Connected(&peer);
-    ASSERT_EQ(write(peer, "bye", 3), 3);
-    ASSERT_TRUE(WaitForEvent(fd, svr4::T_DATA));
-    Reset(peer);
-    ASSERT_TRUE(WaitForReset(fd));
+    const int fd = ResetBehindData();
     EXPECT_TLI_ERROR(svr4::TLOOK, svr4::t_snd(fd, "x", 1, 0));
     EXPECT_EQ(svr4::t_look(fd), svr4::T_DISCONNECT);
     EXPECT_EQ(Receive(fd), "bye");
