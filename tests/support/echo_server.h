@@ -36,8 +36,9 @@ const short Refused = 45;
             server.Shutdown();
         if (event == End)
             _exit(0);
-        while (event == Retire || event == Hang)
-            pause();
+        if (event == Retire || event == Hang)
+            for (;;)
+                pause();
         if (ack)
             server.send_response(AckEvent, data.Size() > 0 ? data[0] : 0, nullptr, 0);
         if (!response)

@@ -65,10 +65,10 @@ try {
     return nullptr;
 }
 
-extern "C" void* calloc(std::size_t n, std::size_t size) noexcept
+extern "C" void* calloc(std::size_t nmemb, std::size_t size) noexcept
 {
     std::size_t bytes;
-    if (__builtin_mul_overflow(n, size, &bytes)) {
+    if (__builtin_mul_overflow(nmemb, size, &bytes)) {
         errno = ENOMEM;
         return nullptr;
     }

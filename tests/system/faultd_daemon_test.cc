@@ -134,11 +134,12 @@ TEST_F(FaultDaemonTest, LogsBehindTheEarlierMessages)
 
 TEST_F(FaultDaemonTest, OfManyThatAreStartedOneServes)
 {
-    std::vector<pid_t> starts;
-    for (int i = 0; i < 8; i++)
-        starts.push_back(StartProgram(Faultd, {}, directory.File(std::to_string(i))));
+    const int count = 8;
+    pid_t starts[count];
+    for (int i = 0; i < count; i++)
+        starts[i] = StartProgram(Faultd, {}, directory.File(std::to_string(i)));
     int refused = 0;
-    for (size_t i = 0; i < starts.size(); i++)
+    for (int i = 0; i < count; i++)
         if (WaitForExit(starts[i]) != 0) {
             refused++;
             EXPECT_EQ(ReadFile(directory.File(std::to_string(i))), SecondServer);
@@ -146,7 +147,7 @@ TEST_F(FaultDaemonTest, OfManyThatAreStartedOneServes)
     ASSERT_TRUE(WaitUntil([] { return Ctl({"list"}).exitCode == 0; }));
     daemon = LockOwner();
     // Those that went into the background found the lock taken there.
-    const int expected = static_cast<int>(starts.size()) - 1 - refused;
+    const int expected = count - 1 - refused;
     EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(DaemonLog), SecondServer) == expected; }))
         << refused << " refused\n"
         << ReadFile(DaemonLog);

@@ -23,7 +23,7 @@ namespace {
 
 std::string Text(const HierarchicNum& h) { return static_cast<const char*>(h); }
 
-std::vector<unsigned long> Levels(HierarchicNum h)
+std::vector<unsigned long> Levels(const HierarchicNum& h)
 {
     std::vector<unsigned long> levels;
     for (int i = 0; h.is_valid_level(i); i++)

@@ -55,10 +55,11 @@ TEST(Assertion, GoesOnWhenTheExpressionHolds)
 TEST(Assertion, IsAnExpression)
 {
     // Both forms can stand where a statement without braces stands.
-    if (true)
-        ZELOO_ASSERT(true, "Misc/unit");
-    else
-        ZELOO_REQUIRE(false, "Misc/unit");
+    for (const bool first : {true, false})
+        if (first)
+            ZELOO_ASSERT(first, "Misc/unit");
+        else
+            ZELOO_REQUIRE(!first, "Misc/unit");
 }
 
 TEST(Assertion, AHandlerOfSigabrtSeesTheWholeLine)

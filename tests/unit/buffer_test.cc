@@ -226,7 +226,7 @@ TEST(BufferFile, LoadsAFileWhole)
 {
     testing_support::TemporaryDirectory dir;
     const std::string path = dir.File("f");
-    const std::string content("zero\0and \xff\r\n", 13);
+    const std::string content("zero\0and \xff\r\n", 12);
     testing_support::WriteFile(path, content);
     const int descriptors = testing_support::OpenDescriptors();
     Buffer b = BufferOf("old");

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csetjmp>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include <setjmp.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -25,7 +25,7 @@ extern "C" const char* __asan_default_options()
 
 namespace {
 
-const uintptr_t kPage = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+const uintptr_t PageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
 
 uintptr_t Address(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 
@@ -36,12 +36,12 @@ int SaveNothing(int sig)
 
 TEST(MappingOf, GivesTheBoundsOfAMapping)
 {
-    char* memory = static_cast<char*>(mmap(nullptr, 5 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    char* memory = static_cast<char*>(mmap(nullptr, 5 * PageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(memory, MAP_FAILED);
-    ASSERT_EQ(mprotect(memory + kPage, 3 * kPage, PROT_READ | PROT_WRITE), 0);
-    const uintptr_t first = Address(memory) + kPage;
-    const uintptr_t behind = first + 3 * kPage;
-    for (const uintptr_t address : {first, first + 1, first + kPage, behind - 1}) {
+    ASSERT_EQ(mprotect(memory + PageSize, 3 * PageSize, PROT_READ | PROT_WRITE), 0);
+    const uintptr_t first = Address(memory) + PageSize;
+    const uintptr_t behind = first + 3 * PageSize;
+    for (const uintptr_t address : {first, first + 1, first + PageSize, behind - 1}) {
         uintptr_t low = 0, high = 0;
         EXPECT_EQ(svr4::mapping_of(address, &low, &high), 0);
         EXPECT_EQ(low, first);
@@ -53,7 +53,7 @@ TEST(MappingOf, GivesTheBoundsOfAMapping)
         EXPECT_EQ(low, 1u);
         EXPECT_EQ(high, 2u);
     }
-    munmap(memory, 5 * kPage);
+    munmap(memory, 5 * PageSize);
     uintptr_t low, high;
     EXPECT_EQ(svr4::mapping_of(first, &low, &high), -1);
 }
@@ -65,8 +65,8 @@ TEST(MappingOf, FindsTheStackAndTheCodeButNotWhatIsNoMemory)
     ASSERT_EQ(svr4::mapping_of(Address(&local), &low, &high), 0);
     EXPECT_LE(low, Address(&local));
     EXPECT_GT(high, Address(&local));
-    EXPECT_EQ(low % kPage, 0u);
-    EXPECT_EQ(high % kPage, 0u);
+    EXPECT_EQ(low % PageSize, 0u);
+    EXPECT_EQ(high % PageSize, 0u);
     ASSERT_EQ(svr4::mapping_of(reinterpret_cast<uintptr_t>(&SaveNothing), &low, &high), 0) << "code can be read";
     EXPECT_EQ(svr4::mapping_of(0, &low, &high), -1);
     EXPECT_EQ(svr4::mapping_of(UINTPTR_MAX, &low, &high), -1);
@@ -75,22 +75,22 @@ TEST(MappingOf, FindsTheStackAndTheCodeButNotWhatIsNoMemory)
 TEST(MappingOf, FindsTheLastOfManyMappings)
 {
     // Neighbours of different protection are not merged: the list is much longer than one read of it.
-    char* memory = static_cast<char*>(mmap(nullptr, 2000 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    char* memory = static_cast<char*>(mmap(nullptr, 2000 * PageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(memory, MAP_FAILED);
     for (int i = 0; i < 2000; i += 2)
-        ASSERT_EQ(mprotect(memory + i * kPage, kPage, PROT_READ), 0);
+        ASSERT_EQ(mprotect(memory + i * PageSize, PageSize, PROT_READ), 0);
     for (int i = 0; i < 2000; i++) {
-        const uintptr_t page = Address(memory) + i * kPage;
+        const uintptr_t page = Address(memory) + i * PageSize;
         uintptr_t low = 0, high = 0;
         if (i % 100 > 1)
             continue;
         ASSERT_EQ(svr4::mapping_of(page + 17, &low, &high), i % 2 == 0 ? 0 : -1) << i;
         if (i % 2 == 0 && i != 0) {
             EXPECT_EQ(low, page);
-            EXPECT_EQ(high, page + kPage);
+            EXPECT_EQ(high, page + PageSize);
         }
     }
-    munmap(memory, 2000 * kPage);
+    munmap(memory, 2000 * PageSize);
 }
 
 TEST(MappingOf, KeepsErrnoAndLeavesNoDescriptor)

@@ -19,7 +19,7 @@ std::string Written(Put put)
 {
     char room[RowTextLength + 8];
     std::memset(room, '#', sizeof room);
-    const std::string text(room, put(room));
+    std::string text(room, put(room));
     EXPECT_LE(text.size(), RowTextLength);
     EXPECT_EQ(std::string(room + text.size(), room + sizeof room), std::string(sizeof room - text.size(), '#'));
     return text;

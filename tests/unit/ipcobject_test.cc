@@ -1,10 +1,9 @@
 #include "Misc/ipcobject.h"
 
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <vector>
-
-#include <time.h>
 
 #include "Misc/cstring.h"
 #include "Misc/ipctli.h"

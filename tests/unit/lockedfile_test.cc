@@ -651,9 +651,9 @@ const int Rounds = 400;
 TEST_F(LockTest, OneOfManyProcessesThatFindAStaleLockGetsIt)
 {
     SharedRace race;
-    std::vector<pid_t> racers;
-    for (int i = 0; i < Racers; i++)
-        racers.push_back(StartChild([&] {
+    std::vector<pid_t> racers(Racers);
+    for (pid_t& racer : racers)
+        racer = StartChild([&] {
             for (int round = 1; round <= Rounds; round++) {
                 AwaitValue(race->round, round);
                 {
@@ -665,7 +665,7 @@ TEST_F(LockTest, OneOfManyProcessesThatFindAStaleLockGetsIt)
                 }
                 race->finished++;
             }
-        }));
+        });
 
     const std::string stale[] = {Content(1), "", Content(DeadProcess())};
     int violations = 0;

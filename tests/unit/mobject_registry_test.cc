@@ -119,9 +119,9 @@ TEST(MonitoredObject, TheArrayRefersAndPrintsItsName)
 TEST(MonitoredObject, ManyObjectsComeAndGo)
 {
     const ChildResult result = RunInChild([] {
-        std::vector<std::unique_ptr<MonitoredObject>> objects;
-        for (int i = 0; i < 1000; i++)
-            objects.push_back(std::make_unique<MonitoredObject>());
+        std::vector<std::unique_ptr<MonitoredObject>> objects(1000);
+        for (auto& object : objects)
+            object = std::make_unique<MonitoredObject>();
         for (int i = 0; i < 1000; i += 2)
             objects[i].reset();
         std::string expected;

@@ -45,9 +45,9 @@ extern "C" const char* __asan_default_options()
 
 namespace {
 
-const std::string kDirectory = "/var/orv/data";
+const std::string Directory = "/var/orv/data";
 
-// --- Crashes ---------------------------------------------------------------------------------------------------
+// ---- Crashes ----
 
 // Lets the process be the program `name` with two arguments.
 void BecomeProgram(const std::string& name)
@@ -58,11 +58,11 @@ void BecomeProgram(const std::string& name)
     static char* argv[] = {nullptr, one, two, nullptr};
     static char* envp[] = {nullptr};
     full = "/opt/orv/bin/" + name;
-    argv[0] = &full[0];
+    argv[0] = full.data();
     ProgInfo::Initialize(3, argv, envp, "1.0");
 }
 
-std::string CrashFile(const std::string& name) { return kDirectory + "/" + name + ".sig"; }
+std::string CrashFile(const std::string& name) { return Directory + "/" + name + ".sig"; }
 
 struct Crash {
     ChildResult child;
@@ -202,7 +202,7 @@ void ParseRows(Lines& lines, Report* report)
     std::vector<std::string> match;
     unsigned long address = report->stackStart;
     const unsigned long end = report->stackStart + report->stackSize;
-    while (lines.Peek() != "") {
+    while (!lines.Peek().empty()) {
         const std::string line = lines.Peek();
         if (lines.Take("\t dup ([0-9]+) line\\(s\\)", &match)) {
             address += 16 * std::stoul(match[1]);
@@ -258,8 +258,9 @@ std::string Heading(const std::string& name, int sig)
            " -d two words \n\n......initiating dump...\n\n";
 }
 
-const std::vector<std::string> kLabels = {"SS",  "UESP", "EFL", "CS",  "EIP", "ERR", "TRAPNO", "EAX", "ECX", "EDX",
-                                          "EBX", "ESP",  "EBP", "ESI", "EDI", "DS",  "ES",     "FS",  "GS"};
+const std::vector<std::string> RegisterLabels = {"SS",  "UESP", "EFL", "CS",  "EIP", "ERR", "TRAPNO",
+                                                 "EAX", "ECX",  "EDX", "EBX", "ESP", "EBP", "ESI",
+                                                 "EDI", "DS",   "ES",  "FS",  "GS"};
 
 // Checks one whole report but for the object dump, which it returns.
 std::string CheckReport(const std::string& text, const std::string& name, int sig)
@@ -270,7 +271,7 @@ std::string CheckReport(const std::string& text, const std::string& name, int si
     std::vector<std::string> labels;
     for (const auto& r : report.registers)
         labels.push_back(r.first);
-    EXPECT_EQ(labels, kLabels);
+    EXPECT_EQ(labels, RegisterLabels);
     EXPECT_NE(report.Register("EIP"), 0u);
     EXPECT_EQ(report.Register("ESP"), report.Register("UESP"));
     unsigned long below = report.Register("UESP") - 1;
@@ -291,8 +292,8 @@ UNCHECKED void WriteToNull() { *nowhere = 1; }
 
 UNCHECKED void WriteBehindAFile()
 {
-    const int fd = open((kDirectory + "/empty").c_str(), O_RDWR | O_CREAT, 0600);
-    unlink((kDirectory + "/empty").c_str());
+    const int fd = open((Directory + "/empty").c_str(), O_RDWR | O_CREAT, 0600);
+    unlink((Directory + "/empty").c_str());
     volatile char* memory = static_cast<char*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
     memory[0] = 1;
 }
@@ -310,7 +311,7 @@ struct Fault {
 
 void PrintTo(const Fault& fault, std::ostream* os) { *os << fault.name; }
 
-const Fault kFaults[] = {
+const Fault Faults[] = {
     {"segv", SIGSEGV, WriteToNull, true},
     {"bus", SIGBUS, WriteBehindAFile, true},
 #if defined(__x86_64__)
@@ -324,14 +325,14 @@ const Fault kFaults[] = {
     {"killed", SIGSEGV, [] { kill(getpid(), SIGSEGV); }, false},
 };
 
-// --- Captures ------------------------------------------------------------------------------------------------------
+// ---- Captures ----
 
 class Capture : public testing::Test {
 protected:
     void SetUp() override
     {
-        if (access(kDirectory.c_str(), W_OK) != 0)
-            GTEST_SKIP() << kDirectory << " is not there";
+        if (access(Directory.c_str(), W_OK) != 0)
+            GTEST_SKIP() << Directory << " is not there";
     }
 };
 
@@ -366,7 +367,7 @@ TEST_P(CaptureFault, LeavesAReportAndACore)
     unlink(CrashFile(name).c_str());
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, CaptureFault, testing::ValuesIn(kFaults),
+INSTANTIATE_TEST_SUITE_P(Signals, CaptureFault, testing::ValuesIn(Faults),
                          [](const testing::TestParamInfo<Fault>& info) { return std::string(info.param.name); });
 
 TEST_F(Capture, AnOverflowOfTheStackIsCaptured)
@@ -867,7 +868,7 @@ TEST_F(Capture, StandardErrorIsUsedWhateverItsState)
     unlink(CrashFile("state").c_str());
 }
 
-// --- The hex dump --------------------------------------------------------------------------------------------------
+// ---- The hex dump ----
 
 // A page between two that cannot be touched.
 class GuardedPage {
@@ -898,7 +899,7 @@ std::string At(const char* p)
     return os.str();
 }
 
-const std::string kZeroRow = ": 00000000 00000000 00000000 00000000 [                ]\n";
+const std::string ZeroRow = ": 00000000 00000000 00000000 00000000 [                ]\n";
 
 TEST(DumpMem, NothingGivesTheHeadingOnly)
 {
@@ -942,7 +943,7 @@ TEST(DumpMem, ARegionThatEndsInARunShowsTheNextRow)
     GuardedPage page;
     char* p = page.Start();
     EXPECT_EQ(Dumped(p, 64, "Zero"),
-              "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64) + kZeroRow);
+              "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64) + ZeroRow);
     memset(p + 64, 'A', 64);
     EXPECT_EQ(Dumped(p, 64, "Zero"), "Zero: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(p + 64) +
                                          ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n");
@@ -957,7 +958,7 @@ TEST(DumpMem, TheRowPastTheMemoryIsShownAsZero)
     GuardedPage page;
     char* p = page.End() - 64;
     EXPECT_EQ(Dumped(p, 64, "Last"),
-              "Last: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(page.End()) + kZeroRow);
+              "Last: 0x" + At(p) + " -- [size 64[0x40] bytes]\n\t dup 4 line(s)\n" + At(page.End()) + ZeroRow);
     memset(p, 'A', 56); // the next row is only partly there
     EXPECT_EQ(Dumped(p + 8, 32, "Part"),
               "Part: 0x" + At(p + 8) + " -- [size 32[0x20] bytes]\n" + At(p + 8) +
@@ -966,7 +967,7 @@ TEST(DumpMem, TheRowPastTheMemoryIsShownAsZero)
     EXPECT_EQ(Dumped(p + 8, 48, "Edge"),
               "Edge: 0x" + At(p + 8) + " -- [size 48[0x30] bytes]\n" + At(p + 8) +
                   ": 41414141 41414141 41414141 41414141 [AAAAAAAAAAAAAAAA]\n\t dup 2 line(s)\n" + At(p + 56) +
-                  kZeroRow);
+                  ZeroRow);
 }
 
 TEST(DumpMem, DumpsALongRegion)
@@ -976,7 +977,7 @@ TEST(DumpMem, DumpsALongRegion)
     EXPECT_EQ(Dumped(page.Start(), 4096, "Stack"),
               "Stack: 0x" + At(page.Start()) + " -- [size 4096[0x1000] bytes]\n" + At(page.Start()) +
                   ": 78787878 78787878 78787878 78787878 [xxxxxxxxxxxxxxxx]\n\t dup 255 line(s)\n" + At(page.End()) +
-                  kZeroRow);
+                  ZeroRow);
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 #define ntohl(x) __bswap_32(x)
 #endif
 #include "Misc/nfstream.h"
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <climits>

@@ -100,7 +100,7 @@ ChildResult OnNode(const char* hosts, const std::function<void()>& body)
 {
     const std::string earlier = ReadFile("/etc/hosts");
     WriteFile("/etc/hosts", hosts);
-    const ChildResult child = RunInChild([&] {
+    ChildResult child = RunInChild([&] {
         ChildNeeds(unshare(CLONE_NEWUTS) == 0 && sethostname("n1", 2) == 0);
         body();
     });

@@ -36,7 +36,7 @@ std::string List(const StateMachine& machine, State& state)
     std::vector<char> list(machine.GetVisibleTransitionListLength(state) + 1, '#');
     machine.GetVisibleTransitionList(state, list.data());
     EXPECT_EQ(list.back(), '#') << "beyond the length announced";
-    const std::string text = list.data();
+    std::string text = list.data();
     EXPECT_EQ(text.size() + 1, list.size() - 1) << "the length announced is exact";
     return text;
 }

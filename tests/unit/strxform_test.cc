@@ -16,10 +16,10 @@ using testing_support::Text;
 
 namespace {
 
-const long noon = 1795263300; // Sat Nov 21 12:15:00 2026 in UTC
+const long Noon = 1795263300; // Sat Nov 21 12:15:00 2026 in UTC
 
-const char variable[] = "STRXFORM_TEST_TEMPLATE";
-const char timeVariable[] = "STRXFORM_TEST_TIME";
+const char Variable[] = "STRXFORM_TEST_TEMPLATE";
+const char TimeVariable[] = "STRXFORM_TEST_TIME";
 
 // Every test starts with none of the variables set, in UTC.
 class Environment : public testing::Test {
@@ -27,7 +27,7 @@ protected:
     Environment() { SetZone("UTC0"); }
     ~Environment() override
     {
-        for (const char* name : {variable, timeVariable, "CFTIME", "TZ"})
+        for (const char* name : {Variable, TimeVariable, "CFTIME", "TZ"})
             unsetenv(name);
         tzset();
     }
@@ -63,62 +63,62 @@ std::string Expand(StringTransformer& t)
 
 std::string Expand(const char* vocabulary, const char* format)
 {
-    StringTransformer t(vocabulary, format, variable);
+    StringTransformer t(vocabulary, format, Variable);
     return Expand(t);
 }
 
 TEST_F(EnvironmentValueTest, TheDefaultStandsInForAnUnsetVariable)
 {
-    EnvironmentValue value("fallback", variable);
+    EnvironmentValue value("fallback", Variable);
     EXPECT_EQ(Text(value.GetValue()), "fallback");
 }
 
 TEST_F(EnvironmentValueTest, AVariableIsPreferred)
 {
-    setenv(variable, "set", 1);
-    EnvironmentValue value("fallback", variable);
+    setenv(Variable, "set", 1);
+    EnvironmentValue value("fallback", Variable);
     EXPECT_EQ(Text(value.GetValue()), "set");
 }
 
 TEST_F(EnvironmentValueTest, AnEmptyVariableCountsAsUnset)
 {
-    setenv(variable, "", 1);
-    EnvironmentValue value("fallback", variable);
+    setenv(Variable, "", 1);
+    EnvironmentValue value("fallback", Variable);
     EXPECT_EQ(Text(value.GetValue()), "fallback");
 }
 
 TEST_F(EnvironmentValueTest, EscapesAreResolvedInBoth)
 {
-    EnvironmentValue value("a\\tb\\101", variable);
+    EnvironmentValue value("a\\tb\\101", Variable);
     EXPECT_EQ(Text(value.GetValue()), "a\tbA");
-    setenv(variable, "c\\nd\\x41", 1);
-    EnvironmentValue other("a", variable);
+    setenv(Variable, "c\\nd\\x41", 1);
+    EnvironmentValue other("a", Variable);
     EXPECT_EQ(Text(other.GetValue()), "c\ndA");
 }
 
 TEST_F(EnvironmentValueTest, TheEnvironmentIsReadWhenFirstAskedAndNotAgain)
 {
-    EnvironmentValue value("fallback", variable);
-    setenv(variable, "first", 1);
+    EnvironmentValue value("fallback", Variable);
+    setenv(Variable, "first", 1);
     EXPECT_EQ(Text(value.GetValue()), "first");
-    setenv(variable, "second", 1);
+    setenv(Variable, "second", 1);
     EXPECT_EQ(Text(value.GetValue()), "first");
-    unsetenv(variable);
+    unsetenv(Variable);
     EXPECT_EQ(Text(value.GetValue()), "first");
 }
 
 TEST_F(EnvironmentValueTest, AnEmptyValueIsLookedUpAgain)
 {
-    EnvironmentValue value("", variable);
+    EnvironmentValue value("", Variable);
     EXPECT_EQ(Text(value.GetValue()), "");
-    setenv(variable, "now", 1);
+    setenv(Variable, "now", 1);
     EXPECT_EQ(Text(value.GetValue()), "now");
 }
 
 TEST_F(EnvironmentValueTest, SetValueReplacesTheEnvironment)
 {
-    setenv(variable, "set", 1);
-    EnvironmentValue value("fallback", variable);
+    setenv(Variable, "set", 1);
+    EnvironmentValue value("fallback", Variable);
     value.SetValue("own\\t");
     EXPECT_EQ(Text(value.GetValue()), "own\t");
     value.SetValue("own again");
@@ -129,7 +129,7 @@ TEST_F(EnvironmentValueTest, SetValueReplacesTheEnvironment)
 
 TEST_F(EnvironmentValueTest, SetValueLeavesItsArgumentAlone)
 {
-    EnvironmentValue value("", variable);
+    EnvironmentValue value("", Variable);
     const CString escaped("\\t");
     value.SetValue(escaped);
     EXPECT_EQ(Text(escaped), "\\t");
@@ -138,11 +138,11 @@ TEST_F(EnvironmentValueTest, SetValueLeavesItsArgumentAlone)
 
 TEST_F(EnvironmentValueTest, ACopyHasAllThreeTexts)
 {
-    EnvironmentValue unasked("fallback", variable);
+    EnvironmentValue unasked("fallback", Variable);
     EnvironmentValue copyOfUnasked(unasked);
-    setenv(variable, "set", 1);
+    setenv(Variable, "set", 1);
     EXPECT_EQ(Text(copyOfUnasked.GetValue()), "set");
-    unsetenv(variable);
+    unsetenv(Variable);
     EnvironmentValue copyOfAsked(copyOfUnasked);
     EXPECT_EQ(Text(copyOfAsked.GetValue()), "set");
     EXPECT_EQ(Text(unasked.GetValue()), "fallback");
@@ -161,7 +161,7 @@ TEST_F(EnvironmentValueTest, NullTextsAreEmpty)
 
 TEST_F(StringTransformerTest, HandsOutTheDirectivesOfItsVocabulary)
 {
-    StringTransformer t("nd", "core.%n.%d%%x%q", variable);
+    StringTransformer t("nd", "core.%n.%d%%x%q", Variable);
     t.reset();
     char c = '?';
     ASSERT_EQ(t.nextCharacter(c), 1);
@@ -177,7 +177,7 @@ TEST_F(StringTransformerTest, HandsOutTheDirectivesOfItsVocabulary)
 
 TEST_F(StringTransformerTest, IsReadyWithoutReset)
 {
-    StringTransformer t("n", "%n!", variable);
+    StringTransformer t("n", "%n!", Variable);
     char c;
     EXPECT_EQ(t.nextCharacter(c), 1);
     EXPECT_EQ(t.nextCharacter(c), 0);
@@ -219,24 +219,24 @@ TEST_F(StringTransformerTest, AnEmptyVocabularyHandsOutNothing)
 
 TEST_F(StringTransformerTest, TheTemplateComesFromTheEnvironment)
 {
-    setenv(variable, "env %n", 1);
+    setenv(Variable, "env %n", 1);
     EXPECT_EQ(Expand("n", "default %n"), "env [n]");
-    setenv(variable, "", 1);
+    setenv(Variable, "", 1);
     EXPECT_EQ(Expand("n", "default %n"), "default [n]");
-    setenv(variable, "a\\tb\\045n\\\\", 1);
+    setenv(Variable, "a\\tb\\045n\\\\", 1);
     EXPECT_EQ(Expand("n", "default %n"), "a\tb[n]\\") << "an escaped percent sign is one like others";
 }
 
 TEST_F(StringTransformerTest, TheTemplateIsSettledAtConstruction)
 {
-    StringTransformer t("n", "first %n", variable);
-    setenv(variable, "second", 1);
+    StringTransformer t("n", "first %n", Variable);
+    setenv(Variable, "second", 1);
     EXPECT_EQ(Expand(t), "first [n]");
 }
 
 TEST_F(StringTransformerTest, StaysAtTheEnd)
 {
-    StringTransformer t("n", "%n.", variable);
+    StringTransformer t("n", "%n.", Variable);
     EXPECT_EQ(Expand(t), "[n].");
     char c = '?';
     for (int i = 0; i < 5; i++)
@@ -249,7 +249,7 @@ TEST_F(StringTransformerTest, StaysAtTheEnd)
 
 TEST_F(StringTransformerTest, ResetStartsAnew)
 {
-    StringTransformer t("n", "a much longer start %n%n", variable);
+    StringTransformer t("n", "a much longer start %n%n", Variable);
     char c;
     ASSERT_EQ(t.nextCharacter(c), 1);
     EXPECT_EQ(Output(t), "a much longer start ");
@@ -261,7 +261,7 @@ TEST_F(StringTransformerTest, ResetStartsAnew)
 
 TEST_F(StringTransformerTest, TheOutputSoFarHasNothingOfAnEarlierExpansion)
 {
-    StringTransformer t("n", "ab%ncdefghij", variable);
+    StringTransformer t("n", "ab%ncdefghij", Variable);
     EXPECT_EQ(Expand(t), "ab[n]cdefghij");
     t.reset();
     char c;
@@ -271,7 +271,7 @@ TEST_F(StringTransformerTest, TheOutputSoFarHasNothingOfAnEarlierExpansion)
 
 TEST_F(StringTransformerTest, OutputTakesRunsAndStrings)
 {
-    StringTransformer t("n", "%n", variable);
+    StringTransformer t("n", "%n", Variable);
     t.Output("abcdef", 3);
     t.Output("xyz", 0);
     t.Output(nullptr, 5);
@@ -282,7 +282,7 @@ TEST_F(StringTransformerTest, OutputTakesRunsAndStrings)
 
 TEST_F(StringTransformerTest, AZeroByteEndsTheOutput)
 {
-    StringTransformer t("n", "a%nb", variable);
+    StringTransformer t("n", "a%nb", Variable);
     char c;
     ASSERT_EQ(t.nextCharacter(c), 1);
     t.Output("x\0y", 3);
@@ -298,14 +298,14 @@ TEST_F(StringTransformerTest, GrowsAcrossItsFirstSize)
 {
     for (unsigned n : {1022u, 1023u, 1024u, 1025u, 2047u, 2048u, 2049u, 5000u}) {
         const std::string run(n, 'x');
-        StringTransformer once("n", "<%n>", variable);
+        StringTransformer once("n", "<%n>", Variable);
         char c;
         ASSERT_EQ(once.nextCharacter(c), 1);
         once.Output(run.c_str(), n);
         ASSERT_EQ(once.nextCharacter(c), 0);
         EXPECT_EQ(Output(once), "<" + run + ">") << n;
 
-        StringTransformer single("n", "<%n>", variable);
+        StringTransformer single("n", "<%n>", Variable);
         ASSERT_EQ(single.nextCharacter(c), 1);
         for (unsigned i = 0; i < n; i++)
             single.Output('x');
@@ -316,7 +316,7 @@ TEST_F(StringTransformerTest, GrowsAcrossItsFirstSize)
 
 TEST_F(StringTransformerTest, ALongExpansionTakesLinearTime)
 {
-    StringTransformer t("n", "%n", variable);
+    StringTransformer t("n", "%n", Variable);
     char c;
     ASSERT_EQ(t.nextCharacter(c), 1);
     const unsigned n = 4000000; // without end in sight where every character moves all before it
@@ -341,17 +341,17 @@ TEST_F(StringTransformerTest, ALongTemplateIsExpandedWhole)
 
 TEST_F(StringTransformerTest, ACopyIsAtItsStart)
 {
-    StringTransformer t("nd", "a%nb%d%C", variable, "%Y", timeVariable);
+    StringTransformer t("nd", "a%nb%d%C", Variable, "%Y", TimeVariable);
     char c;
     ASSERT_EQ(t.nextCharacter(c), 1);
-    t.OutputTime(noon);
-    setenv(variable, "later", 1);
-    setenv(timeVariable, "later", 1);
+    t.OutputTime(Noon);
+    setenv(Variable, "later", 1);
+    setenv(TimeVariable, "later", 1);
     StringTransformer copy(t);
     EXPECT_EQ(Output(copy), "");
     EXPECT_EQ(Expand(copy), "a[n]b[d]%C");
     copy.reset();
-    copy.OutputTime(noon);
+    copy.OutputTime(Noon);
     EXPECT_EQ(Output(copy), "2026") << "the time format is copied as it was settled";
     EXPECT_EQ(Output(t), "a2026") << "the original stands where it stood";
     ASSERT_EQ(t.nextCharacter(c), 1);
@@ -360,7 +360,7 @@ TEST_F(StringTransformerTest, ACopyIsAtItsStart)
 
 TEST_F(StringTransformerTest, ACopyOutlivesItsOriginal)
 {
-    StringTransformer* t = new StringTransformer("n", "<%n>", variable);
+    StringTransformer* t = new StringTransformer("n", "<%n>", Variable);
     const std::string run(3000, 'x');
     t->Output(run.c_str(), 3000);
     StringTransformer copy(*t);
@@ -370,63 +370,63 @@ TEST_F(StringTransformerTest, ACopyOutlivesItsOriginal)
 
 TEST_F(StringTransformerTest, TimesAreAsDatePrintsThem)
 {
-    StringTransformer t("t", "at %t.", variable);
+    StringTransformer t("t", "at %t.", Variable);
     char c;
     ASSERT_EQ(t.nextCharacter(c), 1);
-    t.OutputTime(noon);
+    t.OutputTime(Noon);
     ASSERT_EQ(t.nextCharacter(c), 0);
     EXPECT_EQ(Output(t), "at Sat Nov 21 12:15:00 UTC 2026.");
 }
 
 TEST_F(StringTransformerTest, TimesAreLocal)
 {
-    StringTransformer t("t", "", variable);
+    StringTransformer t("t", "", Variable);
     SetZone("EST5EDT,M3.2.0,M11.1.0");
-    t.OutputTime(noon);
+    t.OutputTime(Noon);
     EXPECT_EQ(Output(t), "Sat Nov 21 07:15:00 EST 2026");
 }
 
 TEST_F(StringTransformerTest, TheTimeFormatIsThatOfCFTIME)
 {
-    StringTransformer t("t", "", variable);
+    StringTransformer t("t", "", Variable);
     setenv("CFTIME", "%Y\\055%m", 1);
-    t.OutputTime(noon);
+    t.OutputTime(Noon);
     setenv("CFTIME", "%d", 1);
-    t.OutputTime(noon);
+    t.OutputTime(Noon);
     EXPECT_EQ(Output(t), "2026-112026-11") << "settled by the first time";
     setenv("CFTIME", "", 1);
-    StringTransformer other("t", "", variable);
-    other.OutputTime(noon);
+    StringTransformer other("t", "", Variable);
+    other.OutputTime(Noon);
     EXPECT_EQ(Output(other), "Sat Nov 21 12:15:00 UTC 2026");
 }
 
 TEST_F(StringTransformerTest, TheTimeFormatMayHaveItsOwnVariable)
 {
     setenv("CFTIME", "not used", 1);
-    StringTransformer t("t", "", variable, "%H:%M", timeVariable);
-    t.OutputTime(noon);
+    StringTransformer t("t", "", Variable, "%H:%M", TimeVariable);
+    t.OutputTime(Noon);
     EXPECT_EQ(Output(t), "12:15");
-    setenv(timeVariable, "%S", 1);
-    StringTransformer other("t", "", variable, "%H:%M", timeVariable);
-    other.OutputTime(noon);
+    setenv(TimeVariable, "%S", 1);
+    StringTransformer other("t", "", Variable, "%H:%M", TimeVariable);
+    other.OutputTime(Noon);
     EXPECT_EQ(Output(other), "00");
 }
 
 TEST_F(StringTransformerTest, ATimeOf39CharactersFits)
 {
     const std::string fits(39, 'x');
-    StringTransformer t("t", "", variable, fits.c_str(), timeVariable);
-    t.OutputTime(noon);
+    StringTransformer t("t", "", Variable, fits.c_str(), TimeVariable);
+    t.OutputTime(Noon);
     EXPECT_EQ(Output(t), fits);
 }
 
 TEST_F(StringTransformerTest, ALongerTimeWritesNothing)
 {
     for (const std::string& format : {std::string(40, 'x'), std::string(5000, 'x'), std::string("%C %C")}) {
-        StringTransformer t("t", "<%t>", variable, format.c_str(), timeVariable);
+        StringTransformer t("t", "<%t>", Variable, format.c_str(), TimeVariable);
         char c;
         ASSERT_EQ(t.nextCharacter(c), 1);
-        t.OutputTime(noon);
+        t.OutputTime(Noon);
         ASSERT_EQ(t.nextCharacter(c), 0);
         EXPECT_EQ(Output(t), "<>");
     }
@@ -434,7 +434,7 @@ TEST_F(StringTransformerTest, ALongerTimeWritesNothing)
 
 TEST_F(StringTransformerTest, ATimeBeyondTheYearsWritesNothing)
 {
-    StringTransformer t("t", "", variable, "%Y", timeVariable);
+    StringTransformer t("t", "", Variable, "%Y", TimeVariable);
     t.OutputTime(LONG_MAX);
     t.OutputTime(LONG_MIN);
     EXPECT_EQ(Output(t), "");
@@ -444,8 +444,8 @@ TEST_F(StringTransformerTest, ATimeBeyondTheYearsWritesNothing)
 
 TEST_F(StringTransformerTest, AnEmptyTimeFormatWritesNothing)
 {
-    StringTransformer t("t", "", variable, "", timeVariable);
-    t.OutputTime(noon);
+    StringTransformer t("t", "", Variable, "", TimeVariable);
+    t.OutputTime(Noon);
     EXPECT_EQ(Output(t), "");
 }
 
@@ -455,7 +455,7 @@ TEST_F(StringTransformerTest, WhatFindsNoMemoryIsLeftOut)
         GTEST_SKIP() << "memory cannot be limited here";
     const testing_support::ChildResult child = testing_support::RunInChild([] {
         const std::string run(100u << 20, 'x');
-        StringTransformer t("n", "<%n>", variable);
+        StringTransformer t("n", "<%n>", Variable);
         char c;
         CHILD_CHECK(t.nextCharacter(c) == 1);
         {
@@ -486,7 +486,7 @@ TEST_F(StringTransformerTest, WhatFindsNoMemoryIsLeftOut)
 TEST_F(StringTransformerTest, TheLargestExpansionIsNotExceeded)
 {
     // Refused before a byte is read: the length does not fit behind the one character.
-    StringTransformer t("n", "", variable);
+    StringTransformer t("n", "", Variable);
     t.Output('a');
     t.Output("b", UINT_MAX);
     t.Output('c');

@@ -2,13 +2,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <time.h>
 
 #include "tests/unit/unixproc_testing.h"
 
@@ -257,13 +257,13 @@ private:
     }
 };
 
-LongWaits* const longWaits =
+LongWaits* const StartedWaits =
     static_cast<LongWaits*>(testing::AddGlobalTestEnvironment(new LongWaits)); // owned by the framework
 
 TEST(WaitForProcessToTerminate, SendsSigtermEvery20Seconds)
 {
-    for (LongWaits::Wait& wait : longWaits->waits)
-        EXPECT_EQ(longWaits->Result(wait), wait.expected) << wait.name;
+    for (LongWaits::Wait& wait : StartedWaits->waits)
+        EXPECT_EQ(StartedWaits->Result(wait), wait.expected) << wait.name;
 }
 
 } // namespace
