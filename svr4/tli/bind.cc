@@ -58,14 +58,15 @@ static int BindFailure(int error, const Address& address)
     }
 }
 
-// Binds the endpoint's socket, listening with a `qlen` above 0, and notes the address it got.
+// Binds the endpoint's socket, listening with a `qlen` above 0, and notes the address it got. As many clients as the
+// host allows may wait to be handed out, whatever `qlen` is: one that it turns away tries again after a second only.
 static int Bind(Endpoint* endpoint, const Address& address, unsigned qlen)
 {
     const int fd = endpoint->socket.fd;
     if (qlen > 0)
         ReuseAddress(fd);
     Address* bound = &endpoint->bound;
-    if (bind(fd, address.Generic(), address.length) == 0 && (qlen == 0 || listen(fd, static_cast<int>(qlen)) == 0) &&
+    if (bind(fd, address.Generic(), address.length) == 0 && (qlen == 0 || listen(fd, SOMAXCONN) == 0) &&
         getsockname(fd, bound->Generic(), bound->Room()) == 0)
         return 0;
     const int error = errno;

@@ -1,5 +1,6 @@
 // Connecting, listening and accepting.
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -270,6 +271,32 @@ TEST_F(Tli, AcceptWorksWhileOtherRequestsWait)
     svr4::t_close(server);
     close(first);
     close(second);
+}
+
+TEST_F(Tli, ClientsThatConnectAtOnceNeedNotTryAgain)
+{
+    const int server = Listening(5);
+    const struct sockaddr_in address = Loopback(PortOf(server));
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<int> clients;
+    for (int i = 0; i < 64; i++) {
+        clients.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        connect(clients.back(), reinterpret_cast<const struct sockaddr*>(&address), sizeof address);
+    }
+    for (const int client : clients) {
+        Call call;
+        ASSERT_EQ(svr4::t_listen(server, &call), 0);
+        const int acceptor = Bound();
+        EXPECT_EQ(svr4::t_accept(server, acceptor, &call), 0);
+        struct pollfd connected = {client, POLLOUT, 0};
+        EXPECT_EQ(poll(&connected, 1, 5000), 1);
+        svr4::t_close(acceptor);
+        const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+        ASSERT_LT(taken.count(), 0.9) << "what the host refuses comes again after a second";
+    }
+    for (const int client : clients)
+        close(client);
+    svr4::t_close(server);
 }
 
 TEST_F(Tli, ListenIsInterruptedByASignal)
