@@ -2,11 +2,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include <poll.h>
 
 #include "svr4/tli/endpoint.h"
-#include "svr4/tli/error.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -44,15 +45,27 @@ static int FinishConnect(Endpoint* endpoint, struct t_call* call)
     return PutAddress(peer, &call->addr);
 }
 
-// The code for an attempt that could not be begun.
-static int ConnectFailure(int error)
+// Refuses what this transport does not carry in its connect messages.
+static int CheckCall(const struct t_call* call)
 {
-    switch (error) {
-    case EADDRINUSE: return Fail(TADDRBUSY);
-    case EACCES:
-    case EPERM: return Fail(TACCES);
-    default: return FailSystem(error);
-    }
+    if (call == nullptr)
+        return FailSystem(EFAULT);
+    if (call->opt.len > 0)
+        return Fail(TBADOPT);
+    return call->udata.len > 0 ? Fail(TBADDATA) : 0;
+}
+
+// Gives an endpoint that has had its connection a new socket, with the address that the earlier one was bound to.
+static bool RenewBound(Endpoint* endpoint)
+{
+    if (!endpoint->Renew())
+        return false;
+    if (endpoint->bound.length == 0)
+        return true;
+    const int fd = endpoint->socket.fd;
+    ReuseAddress(fd);
+    endpoint->isSpent = bind(fd, endpoint->bound.Generic(), endpoint->bound.length) < 0; // to be tried again then
+    return !endpoint->isSpent;
 }
 
 int t_connect(int fd, const struct t_call* sndcall, struct t_call* rcvcall)
@@ -65,13 +78,13 @@ int t_connect(int fd, const struct t_call* sndcall, struct t_call* rcvcall)
     Address address;
     if (CheckCall(sndcall) < 0 || GetAddress(endpoint->provider, sndcall->addr, &address) < 0)
         return -1;
-    if (endpoint->isSpent && !endpoint->RenewBound())
-        return ConnectFailure(errno);
+    if (endpoint->isSpent && !RenewBound(endpoint))
+        return FailAddress(errno);
     if (endpoint->bound.length > 0)
         ReuseAddress(fd); // so that the next connection can have the address while this one lingers
     if (connect(fd, address.Generic(), address.length) < 0 && errno != EINPROGRESS) {
         if (!MeansDisconnect(errno))
-            return ConnectFailure(errno);
+            return FailAddress(errno);
         endpoint->reason = errno;
     }
     endpoint->isSpent = true;
@@ -83,6 +96,88 @@ int t_rcvconnect(int fd, struct t_call* call)
 {
     Endpoint* endpoint = FindIn(fd, In(T_OUTCON));
     return endpoint == nullptr ? -1 : FinishConnect(endpoint, call);
+}
+
+// Waits for a client. Returns its socket.
+static int AcceptSocket(const Endpoint* endpoint, Address* peer)
+{
+    for (;;) {
+        const int fd = accept4(endpoint->socket.fd, peer->Generic(), peer->Room(), SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd >= 0)
+            return fd;
+        if (errno == EAGAIN) {
+            if (endpoint->Await(POLLIN, TNODATA) < 0)
+                return -1;
+        } else if (!MeansDisconnect(errno)) { // else that client has gone already
+            return Fail(TSYSERR);
+        }
+    }
+}
+
+int t_listen(int fd, struct t_call* call)
+{
+    Endpoint* endpoint = FindIn(fd, In(T_IDLE) | In(T_INCON));
+    if (endpoint == nullptr)
+        return -1;
+    if (endpoint->qlen == 0)
+        return Fail(TBADQLEN);
+    if (call == nullptr)
+        return FailSystem(EFAULT);
+    if (endpoint->FindGone() != nullptr)
+        return Fail(TLOOK);
+    if (endpoint->outstanding >= endpoint->qlen)
+        return Fail(TQFULL);
+    if (call->addr.maxlen > 0 && call->addr.maxlen < endpoint->provider.addressLength)
+        return Fail(TBUFOVFLW);
+    std::unique_ptr<Request> request(new (std::nothrow) Request);
+    if (request == nullptr)
+        return FailSystem(ENOMEM);
+    Address peer;
+    const int client = AcceptSocket(endpoint, &peer);
+    if (client < 0)
+        return -1;
+    request->socket = Socket(client);
+    call->sequence = endpoint->Add(request.release());
+    call->opt.len = 0;
+    call->udata.len = 0;
+    return PutAddress(peer, &call->addr);
+}
+
+// The endpoint `resfd` when it may take a connection that `listener`, which is `fd`, hands out; else null with t_errno.
+static Endpoint* FindAcceptor(Endpoint* listener, int fd, int resfd)
+{
+    if (resfd == fd)
+        return listener->outstanding > 1 ? Fail(TINDOUT) : listener;
+    Endpoint* acceptor = FindIn(resfd, In(T_IDLE));
+    if (acceptor == nullptr)
+        return nullptr;
+    if (acceptor->qlen > 0)
+        return Fail(TRESQLEN);
+    if (&acceptor->provider != &listener->provider)
+        return Fail(TPROVMISMATCH);
+    return acceptor;
+}
+
+int t_accept(int fd, int resfd, const struct t_call* call)
+{
+    Endpoint* listener = Find(fd);
+    if (listener == nullptr || Find(resfd) == nullptr || FindIn(fd, In(T_INCON)) == nullptr)
+        return -1;
+    Endpoint* acceptor = FindAcceptor(listener, fd, resfd);
+    if (acceptor == nullptr || CheckCall(call) < 0)
+        return -1;
+    Request** place = listener->FindRequest(call->sequence);
+    if (place == nullptr)
+        return Fail(TBADSEQ);
+    if ((*place)->HasGone())
+        return Fail(TLOOK);
+    if (!acceptor->Replace(listener->Take(place).socket.fd))
+        return Fail(TSYSERR);
+    acceptor->qlen = 0;
+    acceptor->isSpent = true;
+    acceptor->reason = 0;
+    acceptor->state = T_DATAXFER;
+    return 0;
 }
 
 } // namespace svr4

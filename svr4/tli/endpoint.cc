@@ -4,14 +4,15 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include "svr4/errno.h"
-#include "svr4/tli/error.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -50,17 +51,6 @@ bool Endpoint::Renew()
     return true;
 }
 
-bool Endpoint::RenewBound()
-{
-    if (!Renew())
-        return false;
-    if (bound.length == 0)
-        return true;
-    ReuseAddress(socket.fd);
-    isSpent = bind(socket.fd, bound.Generic(), bound.length) < 0; // to be tried again then
-    return !isSpent;
-}
-
 bool Endpoint::IsDisconnected()
 {
     if (reason == 0)
@@ -85,7 +75,7 @@ int Endpoint::Await(short events, int code) const
     return poll(&descriptor, 1, -1) < 0 ? Fail(TSYSERR) : 0;
 }
 
-void Endpoint::Add(Request* request)
+int Endpoint::Add(Request* request)
 {
     static int lastSequence = 0;
     request->sequence = lastSequence = lastSequence < INT_MAX ? lastSequence + 1 : 1;
@@ -95,6 +85,7 @@ void Endpoint::Add(Request* request)
     *end = request;
     outstanding++;
     state = T_INCON;
+    return lastSequence;
 }
 
 Request** Endpoint::FindRequest(int sequence)
@@ -107,11 +98,10 @@ Request** Endpoint::FindRequest(int sequence)
 
 Request** Endpoint::FindGone()
 {
-    Request** first = nullptr;
     for (Request** place = &requests; *place != nullptr; place = &(*place)->next)
-        if ((*place)->HasGone() && first == nullptr)
-            first = place;
-    return first;
+        if ((*place)->HasGone())
+            return place;
+    return nullptr;
 }
 
 Request Endpoint::Take(Request** place)
@@ -124,23 +114,8 @@ Request Endpoint::Take(Request** place)
     return request;
 }
 
-Endpoint* Enter(int fd, const Provider& provider, bool waits)
-{
-    if (fd >= endpointCount) {
-        const int count = std::max(fd + 1, endpointCount < INT_MAX / 2 ? 2 * endpointCount : INT_MAX);
-        void* larger = realloc(endpoints, static_cast<size_t>(count) * sizeof *endpoints);
-        if (larger == nullptr)
-            return nullptr;
-        endpoints = static_cast<Endpoint**>(larger);
-        std::fill(endpoints + endpointCount, endpoints + count, nullptr);
-        endpointCount = count;
-    }
-    if (endpoints[fd] != nullptr)
-        Drop(fd); // closed behind our back
-    return endpoints[fd] = new (std::nothrow) Endpoint{Socket(fd), provider, waits};
-}
-
-void Drop(int fd)
+// Forgets an endpoint and closes its requests; its descriptor stays as it is. REQUIRES: `fd` is in the table.
+static void Drop(int fd)
 {
     Endpoint* endpoint = endpoints[fd];
     endpoints[fd] = nullptr;
@@ -166,3 +141,126 @@ Endpoint* FindIn(int fd, unsigned states)
 }
 
 } // namespace svr4::tli
+
+namespace svr4 {
+
+using namespace tli;
+
+// Makes the descriptor of a new socket an endpoint. Null when memory fails.
+static Endpoint* Enter(int fd, const Provider& provider, bool waits)
+{
+    if (fd >= endpointCount) {
+        const int count = std::max(fd + 1, endpointCount < INT_MAX / 2 ? 2 * endpointCount : INT_MAX);
+        void* larger = realloc(endpoints, static_cast<size_t>(count) * sizeof *endpoints);
+        if (larger == nullptr)
+            return nullptr;
+        endpoints = static_cast<Endpoint**>(larger);
+        std::fill(endpoints + endpointCount, endpoints + count, nullptr);
+        endpointCount = count;
+    }
+    if (endpoints[fd] != nullptr)
+        Drop(fd); // closed behind our back
+    return endpoints[fd] = new (std::nothrow) Endpoint{Socket(fd), provider, waits};
+}
+
+constexpr Provider Providers[] = {
+    {"/dev/tcp", AF_INET, sizeof(struct sockaddr_in)},
+    {"/dev/tcp6", AF_INET6, sizeof(struct sockaddr_in6)},
+};
+
+int t_open(const char* path, int oflag, struct t_info* info)
+{
+    const Provider* provider = nullptr;
+    for (const Provider& known : Providers)
+        if (path != nullptr && strcmp(path, known.device) == 0)
+            provider = &known;
+    if (provider == nullptr)
+        return Fail(TBADNAME);
+    if ((oflag & ~O_NONBLOCK) != O_RDWR)
+        return Fail(TBADFLAG);
+    const int fd = NewSocket(*provider);
+    if (fd < 0)
+        return Fail(TSYSERR);
+    if (Enter(fd, *provider, (oflag & O_NONBLOCK) == 0) == nullptr) {
+        close(fd);
+        return FailSystem(ENOMEM);
+    }
+    if (info != nullptr)
+        *info = {static_cast<long>(provider->addressLength), -2, 0, -2, -2, -2, T_COTS_ORD};
+    return fd;
+}
+
+// Binds the endpoint's socket, listening with a `qlen` above 0, and notes the address it got. As many clients as the
+// host allows may wait to be handed out, whatever `qlen` is: one that it turns away tries again after a second only.
+static int Bind(Endpoint* endpoint, const Address& address, unsigned qlen)
+{
+    const int fd = endpoint->socket.fd;
+    if (qlen > 0)
+        ReuseAddress(fd);
+    Address* bound = &endpoint->bound;
+    if (bind(fd, address.Generic(), address.length) == 0 && (qlen == 0 || listen(fd, SOMAXCONN) == 0) &&
+        getsockname(fd, bound->Generic(), bound->Room()) == 0)
+        return 0;
+    const int error = errno;
+    bound->length = 0;
+    endpoint->Renew(); // the socket may be half done
+    // The port is at the same place in both families.
+    const bool anyPort = reinterpret_cast<const struct sockaddr_in*>(address.Generic())->sin_port == 0;
+    if (error == EADDRNOTAVAIL || (error == EADDRINUSE && anyPort))
+        return Fail(TNOADDR);
+    return FailAddress(error);
+}
+
+int t_bind(int fd, const struct t_bind* req, struct t_bind* ret)
+{
+    Endpoint* endpoint = FindIn(fd, In(T_UNBND));
+    if (endpoint == nullptr)
+        return -1;
+    Address address;
+    address.storage.ss_family = static_cast<sa_family_t>(endpoint->provider.family);
+    address.length = endpoint->provider.addressLength;
+    const bool any = req == nullptr || req->addr.len == 0;
+    if (!any && GetAddress(endpoint->provider, req->addr, &address) < 0)
+        return -1;
+    const unsigned qlen = req == nullptr ? 0 : std::min<unsigned>(req->qlen, SOMAXCONN);
+    // Who neither gives an address nor asks for it gets one with the connection: that takes no port of its own.
+    const bool later = any && qlen == 0 && (ret == nullptr || ret->addr.maxlen == 0);
+    if (!later && Bind(endpoint, address, qlen) < 0)
+        return -1;
+    endpoint->qlen = qlen;
+    endpoint->state = T_IDLE;
+    if (ret == nullptr)
+        return 0;
+    ret->qlen = qlen;
+    return PutAddress(endpoint->bound, &ret->addr);
+}
+
+int t_unbind(int fd)
+{
+    Endpoint* endpoint = FindIn(fd, In(T_IDLE));
+    if (endpoint == nullptr)
+        return -1;
+    if (!endpoint->Renew())
+        return Fail(TSYSERR);
+    endpoint->bound.length = 0;
+    endpoint->qlen = 0;
+    endpoint->state = T_UNBND;
+    return 0;
+}
+
+int t_getstate(int fd)
+{
+    const Endpoint* endpoint = Find(fd);
+    return endpoint == nullptr ? -1 : endpoint->state;
+}
+
+int t_close(int fd)
+{
+    if (Find(fd) == nullptr)
+        return -1;
+    Drop(fd);
+    close(fd); // whatever it returns, the descriptor is gone
+    return 0;
+}
+
+} // namespace svr4

@@ -1,12 +1,95 @@
-// The endpoints of this process, and their connection requests.
+// What stands behind the calls: sockets, addresses, the endpoints of this process and their connection requests.
 #ifndef SVR4_TLI_ENDPOINT_H
 #define SVR4_TLI_ENDPOINT_H
 
+#include <sys/socket.h>
+#include <sys/types.h>
+
 #include "svr4/tli.h"
-#include "svr4/tli/socket.h"
-#include "svr4/tli/structures.h"
 
 namespace svr4::tli {
+
+/// What a call that failed returns: -1, or null where it returns a pointer.
+struct Failure {
+    operator int() const { return -1; }
+    template <class T>
+    operator T*() const
+    {
+        return nullptr;
+    }
+};
+
+/// Fails with `code` in t_errno.
+Failure Fail(int code);
+
+/// Fails with TSYSERR, and with `error` in `errno`.
+Failure FailSystem(int error);
+
+/// Fails with the code for a bind(2) or connect(2) that failed with `error`.
+Failure FailAddress(int error);
+
+/// A transport provider, and the sockets that it gives.
+struct Provider {
+    const char* device;
+    int family;
+    socklen_t addressLength;
+};
+
+/// A descriptor and the socket it stood for when it was taken: the program may have closed it since, and opened
+/// something else under its number, which is not ours to use or to close.
+class Socket {
+public:
+    Socket() = default;
+    explicit Socket(int descriptor);
+    bool IsOurs() const;
+    /// Closes the descriptor if it is ours.
+    void Close() const;
+
+    int fd = -1;
+
+private:
+    dev_t device = 0;
+    ino_t inode = 0;
+};
+
+/// The address of one end of a connection.
+struct Address {
+    struct sockaddr_storage storage = {};
+    socklen_t length = 0; // 0: any address
+
+    struct sockaddr* Generic() { return reinterpret_cast<struct sockaddr*>(&storage); }
+    const struct sockaddr* Generic() const { return reinterpret_cast<const struct sockaddr*>(&storage); }
+    /// The length, which is that of the storage now, for a call that puts an address and its length there.
+    socklen_t* Room()
+    {
+        length = sizeof storage;
+        return &length;
+    }
+};
+
+/// Takes an address of the provider's family. 0, or -1 with TBADADDR.
+int GetAddress(const Provider& provider, const struct netbuf& from, Address* address);
+
+/// Gives the caller an address, who may not want it. 0, or -1 with TBUFOVFLW or TSYSERR.
+int PutAddress(const Address& address, struct netbuf* to);
+
+/// A new socket, or -1 with `errno`.
+int NewSocket(const Provider& provider);
+
+/// Lets the socket be bound to an address that lingers from an earlier connection, and its own be had again.
+void ReuseAddress(int fd);
+
+/// Breaks a connection, or an attempt at one, off at once, even where other processes hold the socket too.
+void Abort(int fd);
+
+/// Whether `error` says that the connection is gone.
+bool MeansDisconnect(int error);
+
+/// The error that is pending on a socket, which loses it, or 0.
+int TakeError(int fd);
+
+/// Whether one of `events` of poll(2), or an error, is there now.
+bool IsReady(int fd, short events);
 
 /// A connection request that was handed out and is not answered yet.
 struct Request {
@@ -37,8 +120,6 @@ struct Endpoint {
     bool Replace(int source);
     /// Gives the endpoint a new, unbound socket. False with `errno`.
     bool Renew();
-    /// As Renew, with the address that the endpoint was bound to.
-    bool RenewBound();
 
     /// Whether a T_DISCONNECT is pending; its reason is kept.
     bool IsDisconnected();
@@ -48,8 +129,8 @@ struct Endpoint {
     /// endpoint does not wait.
     int Await(short events, int code) const;
 
-    /// Appends a request, which gets its number.
-    void Add(Request* request);
+    /// Appends a request and returns the number that it gets.
+    int Add(Request* request);
     /// The place of the outstanding request `sequence`, or null.
     Request** FindRequest(int sequence);
     /// The place of the first outstanding request whose client has gone, or null.
@@ -57,12 +138,6 @@ struct Endpoint {
     /// Takes the request out of its place.
     Request Take(Request** place);
 };
-
-/// Makes the descriptor of a new socket an endpoint. Null when memory fails.
-Endpoint* Enter(int fd, const Provider& provider, bool waits);
-
-/// Forgets an endpoint and closes its requests; its descriptor stays as it is. REQUIRES: `fd` is in the table.
-void Drop(int fd);
 
 /// The endpoint `fd`, or null with TBADF.
 Endpoint* Find(int fd);

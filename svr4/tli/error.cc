@@ -1,4 +1,4 @@
-#include "svr4/tli/error.h"
+#include "svr4/tli.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "svr4/errno.h"
-#include "svr4/tli.h"
+#include "svr4/tli/endpoint.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -26,6 +26,16 @@ tli::Failure tli::FailSystem(int error)
 {
     errno = error;
     return Fail(TSYSERR);
+}
+
+tli::Failure tli::FailAddress(int error)
+{
+    switch (error) {
+    case EADDRINUSE: return Fail(TADDRBUSY);
+    case EACCES:
+    case EPERM: return Fail(TACCES);
+    default: return FailSystem(error);
+    }
 }
 
 void t_error(const char* errmsg)

@@ -1,6 +1,8 @@
-#include "svr4/tli/socket.h"
+#include "svr4/tli/endpoint.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -62,21 +64,9 @@ void Abort(int fd)
 
 bool MeansDisconnect(int error)
 {
-    switch (error) {
-    case ECONNREFUSED:
-    case ECONNRESET:
-    case ECONNABORTED:
-    case EPIPE:
-    case ETIMEDOUT:
-    case EHOSTUNREACH:
-    case EHOSTDOWN:
-    case ENETUNREACH:
-    case ENETDOWN:
-    case ENETRESET:
-    case ENOTCONN:
-    case EPROTO: return true;
-    default: return false;
-    }
+    constexpr int Disconnects[] = {ECONNREFUSED, ECONNRESET,  ECONNABORTED, EPIPE,     ETIMEDOUT, EHOSTUNREACH,
+                                   EHOSTDOWN,    ENETUNREACH, ENETDOWN,     ENETRESET, ENOTCONN,  EPROTO};
+    return std::find(std::begin(Disconnects), std::end(Disconnects), error) != std::end(Disconnects);
 }
 
 int TakeError(int fd)

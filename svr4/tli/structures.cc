@@ -1,21 +1,14 @@
-#include "svr4/tli/structures.h"
+#include "svr4/tli.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "svr4/tli/endpoint.h"
-#include "svr4/tli/error.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4::tli {
-
-socklen_t* Address::Room()
-{
-    length = sizeof storage;
-    return &length;
-}
 
 int GetAddress(const Provider& provider, const struct netbuf& from, Address* address)
 {
@@ -41,15 +34,6 @@ int PutAddress(const Address& address, struct netbuf* to)
     return 0;
 }
 
-int CheckCall(const struct t_call* call)
-{
-    if (call == nullptr)
-        return FailSystem(EFAULT);
-    if (call->opt.len > 0)
-        return Fail(TBADOPT);
-    return call->udata.len > 0 ? Fail(TBADDATA) : 0;
-}
-
 } // namespace svr4::tli
 
 namespace svr4 {
@@ -67,14 +51,10 @@ static size_t SizeOf(int struct_type)
     }
 }
 
-// The address buffer of a structure, or null for one without.
+// The address buffer of a structure, which is the first thing in it, or null for one without.
 static struct netbuf* AddressOf(void* ptr, int struct_type)
 {
-    switch (struct_type) {
-    case T_BIND: return &static_cast<struct t_bind*>(ptr)->addr;
-    case T_CALL: return &static_cast<struct t_call*>(ptr)->addr;
-    default: return nullptr;
-    }
+    return struct_type == T_BIND || struct_type == T_CALL ? static_cast<struct netbuf*>(ptr) : nullptr;
 }
 
 void* t_alloc(int fd, int struct_type, int fields)
