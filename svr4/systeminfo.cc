@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include <sys/utsname.h>
 
@@ -10,32 +9,17 @@
 
 namespace svr4 {
 
-static const char* Text(const struct utsname& host, int command)
-{
-    switch (command) {
-    case SI_SYSNAME: return host.sysname;
-    case SI_HOSTNAME: return host.nodename;
-    case SI_RELEASE: return host.release;
-    case SI_VERSION: return host.version;
-    case SI_MACHINE:
-    case SI_ARCHITECTURE: return host.machine;
-    default: return nullptr;
-    }
-}
-
 int sysinfo(int command, char* buf, long count)
 {
     struct utsname host;
     if (uname(&host) != 0)
         return -1;
-    const char* text = Text(host, command);
-    if (text == nullptr) {
+    const char* const texts[] = {host.sysname, host.nodename, host.release, host.version, host.machine, host.machine};
+    if (command < SI_SYSNAME || command > SI_ARCHITECTURE) {
         errno = EINVAL;
         return -1;
     }
-    if (count > 0)
-        snprintf(buf, static_cast<size_t>(count), "%s", text);
-    return static_cast<int>(strlen(text)) + 1;
+    return snprintf(buf, count > 0 ? static_cast<size_t>(count) : 0, "%s", texts[command - SI_SYSNAME]) + 1;
 }
 
 } // namespace svr4
