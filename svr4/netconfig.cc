@@ -24,13 +24,12 @@ constexpr struct netconfig Transports[] = {
     {"tcp", NC_TPI_COTS_ORD, NC_VISIBLE, "inet", "tcp", "/dev/tcp"},
     {"tcp6", NC_TPI_COTS_ORD, NC_NOFLAG, "inet6", "tcp", "/dev/tcp6"},
 };
-constexpr size_t TransportCount = sizeof Transports / sizeof *Transports;
+constexpr char VisibleTransports[] = "tcp"; // those with NC_VISIBLE: the path without NETPATH
 
 // A selection path on its way.
 struct NetPath {
-    char* copy;         // of NETPATH, or null without one
-    char* names;        // what is left of it, or null at its end
-    size_t nextVisible; // without NETPATH: the next transport to look at
+    char* copy; // of NETPATH
+    char* rest; // what is left of it, or null at its end
 };
 
 int Fail(int code)
@@ -90,30 +89,24 @@ bool Contains(const struct nd_addrlist& list, const struct addrinfo& found)
     return false;
 }
 
-// A list of the addresses `found`, once each; null when memory fails.
+// A list of the addresses `found`, once each, in one block; null when memory fails.
 struct nd_addrlist* MakeList(const struct addrinfo* found)
 {
     size_t count = 0;
     for (const struct addrinfo* next = found; next != nullptr; next = next->ai_next)
         count++;
-    struct nd_addrlist* list = static_cast<struct nd_addrlist*>(calloc(1, sizeof *list));
+    constexpr size_t SizeOfAddress = sizeof(struct netbuf) + sizeof(struct sockaddr_storage);
+    struct nd_addrlist* list = static_cast<struct nd_addrlist*>(calloc(1, sizeof *list + count * SizeOfAddress));
     if (list == nullptr)
         return nullptr;
-    list->n_addrs = static_cast<struct netbuf*>(calloc(count, sizeof *list->n_addrs));
-    for (; list->n_addrs != nullptr && found != nullptr; found = found->ai_next) {
+    list->n_addrs = reinterpret_cast<struct netbuf*>(list + 1);
+    char* room = reinterpret_cast<char*>(list->n_addrs + count);
+    for (; found != nullptr; found = found->ai_next) {
         if (Contains(*list, *found))
             continue;
-        struct netbuf* address = &list->n_addrs[list->n_cnt];
-        address->buf = static_cast<char*>(malloc(found->ai_addrlen));
-        if (address->buf == nullptr)
-            break;
-        memcpy(address->buf, found->ai_addr, found->ai_addrlen);
-        address->len = address->maxlen = found->ai_addrlen;
-        list->n_cnt++;
-    }
-    if (list->n_addrs == nullptr || found != nullptr) {
-        netdir_free(list, ND_ADDRLIST);
-        return nullptr;
+        memcpy(room, found->ai_addr, found->ai_addrlen);
+        list->n_addrs[list->n_cnt++] = {found->ai_addrlen, found->ai_addrlen, room};
+        room += sizeof(struct sockaddr_storage);
     }
     return list;
 }
@@ -126,15 +119,11 @@ void* setnetpath()
     if (path == nullptr)
         return nullptr;
     const char* names = getenv("NETPATH");
-    if (names == nullptr)
+    path->copy = path->rest = strdup(names != nullptr ? names : VisibleTransports);
+    if (path->copy != nullptr)
         return path;
-    path->copy = path->names = strdup(names);
-    path->nextVisible = TransportCount;
-    if (path->copy == nullptr) {
-        free(path);
-        return nullptr;
-    }
-    return path;
+    free(path);
+    return nullptr;
 }
 
 const struct netconfig* getnetpath(void* handlep)
@@ -142,16 +131,9 @@ const struct netconfig* getnetpath(void* handlep)
     NetPath* path = static_cast<NetPath*>(handlep);
     if (path == nullptr)
         return nullptr;
-    while (path->names != nullptr) {
-        const char* netid = strsep(&path->names, ":");
+    while (const char* netid = strsep(&path->rest, ":"))
         if (const struct netconfig* transport = FindTransport(netid))
             return transport;
-    }
-    while (path->nextVisible < TransportCount) {
-        const struct netconfig* transport = &Transports[path->nextVisible++];
-        if ((transport->nc_flag & NC_VISIBLE) != 0)
-            return transport;
-    }
     return nullptr;
 }
 
@@ -193,13 +175,8 @@ int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* s
 
 void netdir_free(void* ptr, int struct_type)
 {
-    if (ptr == nullptr || struct_type != ND_ADDRLIST)
-        return;
-    struct nd_addrlist* list = static_cast<struct nd_addrlist*>(ptr);
-    for (int i = 0; i < list->n_cnt; i++)
-        free(list->n_addrs[i].buf);
-    free(list->n_addrs);
-    free(list);
+    if (struct_type == ND_ADDRLIST)
+        free(ptr);
 }
 
 char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
@@ -221,13 +198,11 @@ char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
                                            : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
     inet_ntop(family, bytes, host, sizeof host);
     const unsigned port = ntohs(address.sin6_port);
-    const size_t size = INET6_ADDRSTRLEN + sizeof ".255.255";
-    char* text = static_cast<char*>(malloc(size));
-    if (text == nullptr) {
+    char* text;
+    if (asprintf(&text, "%s.%u.%u", host, port >> 8, port & 255) < 0) {
         Fail(ND_NOMEM);
         return nullptr;
     }
-    snprintf(text, size, "%s.%u.%u", host, port >> 8, port & 255);
     return text;
 }
 
