@@ -248,12 +248,6 @@ int t_unbind(int fd)
     return 0;
 }
 
-int t_getstate(int fd)
-{
-    const Endpoint* endpoint = Find(fd);
-    return endpoint == nullptr ? -1 : endpoint->state;
-}
-
 int t_close(int fd)
 {
     if (Find(fd) == nullptr)

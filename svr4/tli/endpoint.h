@@ -67,12 +67,6 @@ struct Address {
     }
 };
 
-/// Takes an address of the provider's family. 0, or -1 with TBADADDR.
-int GetAddress(const Provider& provider, const struct netbuf& from, Address* address);
-
-/// Gives the caller an address, who may not want it. 0, or -1 with TBUFOVFLW or TSYSERR.
-int PutAddress(const Address& address, struct netbuf* to);
-
 /// A new socket, or -1 with `errno`.
 int NewSocket(const Provider& provider);
 
@@ -90,6 +84,12 @@ int TakeError(int fd);
 
 /// Whether one of `events` of poll(2), or an error, is there now.
 bool IsReady(int fd, short events);
+
+/// Takes an address of the provider's family. 0, or -1 with TBADADDR.
+int GetAddress(const Provider& provider, const struct netbuf& from, Address* address);
+
+/// Gives the caller an address, who may not want it. 0, or -1 with TBUFOVFLW or TSYSERR.
+int PutAddress(const Address& address, struct netbuf* to);
 
 /// A connection request that was handed out and is not answered yet.
 struct Request {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 
 #include <netinet/in.h>
@@ -57,8 +58,7 @@ void ReuseAddress(int fd) { TurnOn(fd, SOL_SOCKET, SO_REUSEADDR); }
 
 void Abort(int fd)
 {
-    struct sockaddr nobody = {};
-    nobody.sa_family = AF_UNSPEC;
+    const struct sockaddr nobody = {AF_UNSPEC, {}};
     static_cast<void>(connect(fd, &nobody, sizeof nobody));
 }
 
@@ -80,6 +80,30 @@ bool IsReady(int fd, short events)
 {
     struct pollfd descriptor = {fd, events, 0};
     return poll(&descriptor, 1, 0) > 0;
+}
+
+int GetAddress(const Provider& provider, const struct netbuf& from, Address* address)
+{
+    if (from.buf == nullptr || from.len < provider.addressLength || from.len > sizeof address->storage)
+        return Fail(TBADADDR);
+    *address = {};
+    address->length = provider.addressLength;
+    memcpy(&address->storage, from.buf, address->length);
+    return address->storage.ss_family == provider.family ? 0 : Fail(TBADADDR);
+}
+
+int PutAddress(const Address& address, struct netbuf* to)
+{
+    to->len = 0;
+    if (to->maxlen == 0)
+        return 0;
+    if (to->maxlen < address.length)
+        return Fail(TBUFOVFLW);
+    if (to->buf == nullptr)
+        return FailSystem(EFAULT);
+    memcpy(to->buf, &address.storage, address.length);
+    to->len = address.length;
+    return 0;
 }
 
 } // namespace svr4::tli
