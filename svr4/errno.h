@@ -20,6 +20,13 @@ private:
     const int value;
 };
 
+/// Fails as a call of the system does: puts `error` into `errno` and returns -1.
+inline int FailWith(int error)
+{
+    errno = error;
+    return -1;
+}
+
 } // namespace svr4
 
 #endif

@@ -1,10 +1,11 @@
 #include "svr4/ipc.h"
 
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
 #include <unistd.h>
+
+#include "svr4/errno.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -46,7 +47,6 @@ namespace {
 union SemaphoreArgument {
     int val;
     struct semid_ds* buf;
-    unsigned short* array;
 };
 
 // The largest value of a semaphore here. It stands for "the process that set this semaphore".
@@ -62,14 +62,10 @@ long semaphore_pid(int semid, int index)
 
 int set_semaphore_pid(int semid, int index, long pid)
 {
-    if (pid < 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (pid >= OwnerSetIt && pid != getpid()) {
-        errno = ERANGE;
-        return -1;
-    }
+    if (pid < 0)
+        return FailWith(EINVAL);
+    if (pid >= OwnerSetIt && pid != getpid())
+        return FailWith(ERANGE);
     SemaphoreArgument argument;
     argument.val = pid < OwnerSetIt ? static_cast<int>(pid) : OwnerSetIt;
     return semctl(semid, index, SETVAL, argument) < 0 ? -1 : 0;

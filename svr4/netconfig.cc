@@ -1,6 +1,5 @@
 #include "svr4/netconfig.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +9,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "svr4/errno.h"
 #include "svr4/tli.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: netconfig.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -25,12 +25,6 @@ constexpr struct netconfig Transports[] = {
     {"tcp6", NC_TPI_COTS_ORD, NC_NOFLAG, "inet6", "tcp", "/dev/tcp6"},
 };
 constexpr char VisibleTransports[] = "tcp"; // those with NC_VISIBLE: the path without NETPATH
-
-// A selection path on its way.
-struct NetPath {
-    char* copy; // of NETPATH
-    char* rest; // what is left of it, or null at its end
-};
 
 int Fail(int code)
 {
@@ -113,25 +107,23 @@ struct nd_addrlist* MakeList(const struct addrinfo* found)
 
 } // namespace
 
+// The handle of a path is what is left of its text, or null at its end; behind that stands the text.
 void* setnetpath()
 {
-    NetPath* path = static_cast<NetPath*>(calloc(1, sizeof(NetPath)));
-    if (path == nullptr)
-        return nullptr;
     const char* names = getenv("NETPATH");
-    path->copy = path->rest = strdup(names != nullptr ? names : VisibleTransports);
-    if (path->copy != nullptr)
-        return path;
-    free(path);
-    return nullptr;
+    if (names == nullptr)
+        names = VisibleTransports;
+    char** rest = static_cast<char**>(calloc(1, sizeof *rest + strlen(names) + 1));
+    if (rest != nullptr)
+        *rest = strcpy(reinterpret_cast<char*>(rest + 1), names);
+    return rest;
 }
 
 const struct netconfig* getnetpath(void* handlep)
 {
-    NetPath* path = static_cast<NetPath*>(handlep);
-    if (path == nullptr)
+    if (handlep == nullptr)
         return nullptr;
-    while (const char* netid = strsep(&path->rest, ":"))
+    while (const char* netid = strsep(static_cast<char**>(handlep), ":"))
         if (const struct netconfig* transport = FindTransport(netid))
             return transport;
     return nullptr;
@@ -139,11 +131,8 @@ const struct netconfig* getnetpath(void* handlep)
 
 int endnetpath(void* handlep)
 {
-    if (handlep == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    free(static_cast<NetPath*>(handlep)->copy);
+    if (handlep == nullptr)
+        return FailWith(EINVAL);
     free(handlep);
     return 0;
 }
@@ -184,12 +173,10 @@ char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
     const int family = Family(config);
     struct sockaddr_in6 address = {}; // the larger of the two; family and port are at the same place in both
     const size_t length = family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in);
-    if (family == AF_UNSPEC || addr == nullptr || addr->buf == nullptr || addr->len < length) {
-        Fail(ND_BADARG);
-        return nullptr;
-    }
-    memcpy(&address, addr->buf, length);
-    if (address.sin6_family != family) {
+    const bool isWhole = family != AF_UNSPEC && addr != nullptr && addr->buf != nullptr && addr->len >= length;
+    if (isWhole)
+        memcpy(&address, addr->buf, length);
+    if (!isWhole || address.sin6_family != family) {
         Fail(ND_BADARG);
         return nullptr;
     }

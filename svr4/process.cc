@@ -1,5 +1,6 @@
 #include "svr4/process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -32,10 +33,8 @@ int fork_held(void (*inChild)())
 
 int execvp(const char* file, char* const argv[])
 {
-    if (file == nullptr) {
-        errno = EFAULT;
-        return -1;
-    }
+    if (file == nullptr)
+        return FailWith(EFAULT);
     ::execvp(file, argv);
     if (errno == ENOENT && std::strcmp(file, "/sbin/sh") == 0)
         ::execvp("/bin/sh", argv);
@@ -85,9 +84,7 @@ long heap_size()
 {
     const uintptr_t start = StartOfBreak();
     const uintptr_t now = CurrentBreak();
-    if (start == 0 || now <= start)
-        return 0;
-    return now - start > INT_MAX ? INT_MAX : static_cast<long>(now - start);
+    return start == 0 || now <= start ? 0 : static_cast<long>(std::min<uintptr_t>(now - start, INT_MAX));
 }
 
 } // namespace svr4

@@ -65,10 +65,8 @@ int MakeStacks()
 
 int capture_signal(int sig, void (*handler)(int))
 {
-    if (sig <= 0 || sig >= NSIG) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (sig <= 0 || sig >= NSIG)
+        return FailWith(EINVAL);
     void (*const earlier)(int) = handlers[sig];
     handlers[sig] = handler;
     struct sigaction action = {};

@@ -61,4 +61,11 @@ TEST(SavedErrno, EachGivesItsOwnValueBack)
     EXPECT_EQ(errno, EXDEV);
 }
 
+TEST(FailWith, IsTheResultOfACallThatFailed)
+{
+    errno = 0;
+    EXPECT_EQ(svr4::FailWith(ERANGE), -1);
+    EXPECT_EQ(errno, ERANGE);
+}
+
 } // namespace

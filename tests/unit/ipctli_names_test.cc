@@ -194,8 +194,9 @@ TEST_F(IpctliNames, PrintsThatNothingIsFound)
 
 TEST_F(IpctliNames, PrintsThatThereIsNoSelectionPath)
 {
-    setenv("NETPATH", "tcp", 1);
-    const MemoryFailure noPath = MemoryFailure::OfSize(24, Calloc); // no structure of this size is made before it
+    const std::string path = "tcp" + std::string(5000, ':'); // nothing else takes as much
+    setenv("NETPATH", path.c_str(), 1);
+    const MemoryFailure noPath = MemoryFailure::OfSize(sizeof(char*) + path.size() + 1, Calloc);
     EXPECT_EQ(Information("localhost", "orvd"),
               "Information for host: localhost service: orvd\nUnable to setnetpath()\n");
     IPCTli end;
