@@ -131,9 +131,10 @@ struct t_info {
 int t_open(const char* path, int oflag, struct t_info* info);
 
 /// Gives an endpoint in T_UNBND the address of `req`, or any free one when `req` or its address is empty, and makes it
-/// T_IDLE. With a `qlen` above 0 it listens; the address may then linger from an earlier server. Fills `ret`, unless
-/// it is null, with address and queue length. TBADADDR; TADDRBUSY: another endpoint has the address; TNOADDR: no free
-/// address, or not one of this host; TACCES; TBUFOVFLW: the endpoint is bound, but `ret` is too small.
+/// T_IDLE. With a `qlen` above 0 it listens; the address may then linger from an earlier server, and as many clients
+/// wait to be handed out as the host allows. Fills `ret`, unless it is null, with address and queue length. TBADADDR;
+/// TADDRBUSY: another endpoint has the address; TNOADDR: no free address, or not one of this host; TACCES; TBUFOVFLW:
+/// the endpoint is bound, but `ret` is too small.
 int t_bind(int fd, const struct t_bind* req, struct t_bind* ret);
 
 /// Takes the address from an endpoint in T_IDLE, which is T_UNBND then. Requests not yet handed out are refused.

@@ -190,8 +190,8 @@ int t_open(const char* path, int oflag, struct t_info* info)
     return fd;
 }
 
-// Binds the endpoint's socket, listening with a `qlen` above 0, and notes the address it got. As many clients as the
-// host allows may wait to be handed out, whatever `qlen` is: one that it turns away tries again after a second only.
+// Binds the endpoint's socket, listening with a `qlen` above 0, and notes the address it got. The backlog is no matter
+// of `qlen`: a client that the host turns away tries again after a second only.
 static int Bind(Endpoint* endpoint, const Address& address, unsigned qlen)
 {
     const int fd = endpoint->socket.fd;
