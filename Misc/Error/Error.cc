@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
 
 #include <syslog.h>
 
@@ -30,7 +31,6 @@ char ErrorReporter::Description[150];
 char ErrorReporter::TimeStamp[25];
 long ErrorReporter::Line = 0;
 
-static const char NotSpecified[] = "NOT_SPECIFIED";
 static const char Reserved[] = "This error code is reserved";
 
 // The messages of the types OUT_OF_MEMORY to MISCONFIGURATION_NODES; programs and logs rely on their exact wording.
@@ -164,12 +164,11 @@ void ErrorReporter::_ReportErrorExt(short const sev, short const errorkind, char
 
     if (sev == NOTICE_WITH_LOG || sev == WARNING_WITH_LOG || sev == PANIC) {
         const char* more = TextOrEmpty(addition);
-        char* text = NewFormatted("errno=%d, %s|%s|%s%s%s", ErrorCode, GetErrorDesc(ErrorCode), GetErrorType(ErrType),
-                                  TextOrEmpty(description), *more != '\0' ? "|" : "", more);
+        const auto text = NewFormatted("errno=%d, %s|%s|%s%s%s", ErrorCode, GetErrorDesc(ErrorCode),
+                                       GetErrorType(ErrType), TextOrEmpty(description), *more != '\0' ? "|" : "", more);
         errno = savedErrno.Value(); // a %m in the text means the error that is reported
         if (text != nullptr)
-            MakeErrorLogEntry(sev, errorkind, text, moduleid, theLine);
-        delete[] text;
+            MakeErrorLogEntry(sev, errorkind, text.get(), moduleid, theLine);
     }
     if (sev == PANIC)
         Panic();
@@ -199,31 +198,11 @@ void ErrorReporter::Display() const
     std::cerr.write(text, length);
 }
 
-namespace {
+// One logged report: tag, type, version, cause, severity, level, node and processor number, bus type, bus and slot number,
+// software module, temperature, voltage, speed and count; then the program and the description. Most are constant.
+static const char LogFormat[] = "%d|Appl|1|S|%c|1|0|0|0|0|0|%s|0|0|0|1#%s %s|%s";
 
-// The fields of one logged report.
-struct E_Header {
-    int32_t E_Tag;
-    const char* E_Type = "Appl";
-    unsigned char E_Version = '1';
-    unsigned char E_Cause = 'S';
-    unsigned char E_Severity;
-    unsigned char E_Level = '1';
-    unsigned char E_NodeNumber = 0;
-    unsigned char E_ProcessorNumber = 0;
-    unsigned char E_BusType = '0';
-    unsigned char E_BusNumber = 0;
-    unsigned char E_BusSlotNumber = 0;
-    char E_SoftwareModule[24];
-    unsigned short E_Temperature = 0;
-    unsigned short E_Voltage = 0;
-    unsigned short E_Speed = 0;
-    unsigned short E_Count = 1;
-};
-
-} // namespace
-
-static unsigned char SeverityLetter(short severity)
+static char SeverityLetter(short severity)
 {
     if (severity == ErrorReporter::PANIC)
         return 'F';
@@ -231,7 +210,7 @@ static unsigned char SeverityLetter(short severity)
 }
 
 // The source file's name in a module identification: what stands between its first blank and the comma behind it.
-static void CopySoftwareModule(char (&field)[sizeof E_Header::E_SoftwareModule], const char* moduleid)
+static void CopySoftwareModule(char (&field)[24], const char* moduleid)
 {
     const char* blank = strchr(moduleid, ' ');
     CopyText(field, blank != nullptr ? blank + 1 : "Unknown");
@@ -240,13 +219,13 @@ static void CopySoftwareModule(char (&field)[sizeof E_Header::E_SoftwareModule],
 }
 
 // A copy of `line` for use as a format without arguments: %% and %m stay as they are, any other % is doubled and so
-// stands for itself. The caller releases it with delete[]; null when memory fails.
-static char* NewFormatOf(const char* line)
+// stands for itself. Null when memory fails.
+static std::unique_ptr<char[]> NewFormatOf(const char* line)
 {
-    char* format = new (std::nothrow) char[2 * strlen(line) + 1];
+    std::unique_ptr<char[]> format(new (std::nothrow) char[2 * strlen(line) + 1]);
     if (format == nullptr)
         return nullptr;
-    char* to = format;
+    char* to = format.get();
     for (const char* from = line; *from != '\0'; from++) {
         *to++ = *from;
         if (*from != '%')
@@ -263,55 +242,42 @@ static char* NewFormatOf(const char* line)
 // Sends one record. The line is the format: the host puts in the text of `error` where it says %m.
 static void SendToLog(const char* line, int error)
 {
-    char* format = NewFormatOf(line);
+    const auto format = NewFormatOf(line);
     if (format == nullptr)
         return;
     openlog(ProgInfo::GetProgramName(), 0, LOG_USER);
     errno = error;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-    syslog(LOG_INFO, format);
+    syslog(LOG_INFO, format.get());
 #pragma GCC diagnostic pop
     closelog();
-    delete[] format;
 }
 
 void ErrorReporter::MakeErrorLogEntry(short const SeverityLevel, int const ErrCode, char const* Description,
                                       char const* ModuleName, long const theLine) const
 {
     const svr4::SavedErrno savedErrno;
-    E_Header header;
-    header.E_Tag =
-        static_cast<int32_t>(410000000u + 10000u * static_cast<uint32_t>(ErrCode) + static_cast<uint32_t>(theLine));
-    header.E_Severity = SeverityLetter(SeverityLevel);
-    CopySoftwareModule(header.E_SoftwareModule, TextOrEmpty(ModuleName));
-    char* line = NewFormatted("%d|%s|%c|%c|%c|%c|%d|%d|%c|%d|%d|%s|%d|%d|%d|%d#%s %s|%s", header.E_Tag, header.E_Type,
-                              header.E_Version, header.E_Cause, header.E_Severity, header.E_Level, header.E_NodeNumber,
-                              header.E_ProcessorNumber, header.E_BusType, header.E_BusNumber, header.E_BusSlotNumber,
-                              header.E_SoftwareModule, header.E_Temperature, header.E_Voltage, header.E_Speed,
-                              header.E_Count, ProgramName(), ProgInfo::GetLongVersion(), TextOrEmpty(Description));
+    const uint32_t tag = 410000000u + 10000u * static_cast<uint32_t>(ErrCode) + static_cast<uint32_t>(theLine);
+    char softwareModule[24];
+    CopySoftwareModule(softwareModule, TextOrEmpty(ModuleName));
+    const auto line = NewFormatted(LogFormat, static_cast<int32_t>(tag), SeverityLetter(SeverityLevel), softwareModule,
+                                   ProgramName(), ProgInfo::GetLongVersion(), TextOrEmpty(Description));
     if (line != nullptr)
-        SendToLog(line, savedErrno.Value());
-    delete[] line;
+        SendToLog(line.get(), savedErrno.Value());
 }
 
 short ErrorReporter::GetErrorCode() { return ErrorCode; }
 
 const char* ErrorReporter::GetErrorType(short type)
 {
-    return type >= OUT_OF_MEMORY && type <= MISCONFIGURATION_NODES ? Messages[type - OUT_OF_MEMORY] : NotSpecified;
+    return type >= OUT_OF_MEMORY && type <= MISCONFIGURATION_NODES ? Messages[type - OUT_OF_MEMORY] : "NOT_SPECIFIED";
 }
 
 const char* ErrorReporter::GetErrorSeverity(short severity)
 {
-    switch (severity) {
-    case NOTICE: return "NOTICE";
-    case NOTICE_WITH_LOG: return "NOTICE_WITH_LOG";
-    case WARNING: return "WARNING";
-    case WARNING_WITH_LOG: return "WARNING_WITH_LOG";
-    case PANIC: return "PANIC";
-    default: return "UNRECOGNIZED";
-    }
+    static const char* const names[] = {"NOTICE", "NOTICE_WITH_LOG", "WARNING", "WARNING_WITH_LOG", "PANIC"};
+    return severity >= NOTICE && severity <= PANIC ? names[severity] : "UNRECOGNIZED";
 }
 
 const char* ErrorReporter::GetErrorDesc(short errcode) { return strerror(errcode); }
@@ -330,13 +296,8 @@ int ErrorReporter::GetErrorCount() { return ErrorCount; }
 
 void ErrorReporter::dumpErrorCodesOn(std::ostream& os)
 {
-    const short end = 1000;
-    const auto specified = [](short code) { return strcmp(GetErrorType(code), NotSpecified) != 0; };
     os << "\nDump of all error codes and general messages from ErrorReporter:\n";
-    short code = 0;
-    while (code < end && !specified(code))
-        code++;
-    for (; code < end && specified(code); code++) {
+    for (short code = OUT_OF_MEMORY; code <= MISCONFIGURATION_NODES; code++) {
         char line[128];
         snprintf(line, sizeof line, "%4d\t%s\n", code, GetErrorType(code));
         os << line;

@@ -1,5 +1,6 @@
 #include "Misc/Error/report.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <new>
 
@@ -9,23 +10,23 @@
 
 namespace zeloo {
 
-char* NewFormatted(const char* format, va_list arguments)
+static std::unique_ptr<char[]> Format(const char* format, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    char* text = length >= 0 ? new (std::nothrow) char[length + size_t(1)] : nullptr;
+    std::unique_ptr<char[]> text(length >= 0 ? new (std::nothrow) char[length + size_t(1)] : nullptr);
     if (text != nullptr)
-        std::vsnprintf(text, length + size_t(1), format, again);
+        std::vsnprintf(text.get(), length + size_t(1), format, again);
     va_end(again);
     return text;
 }
 
-char* NewFormatted(const char* format, ...)
+std::unique_ptr<char[]> NewFormatted(const char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    char* text = NewFormatted(format, arguments);
+    auto text = Format(format, arguments);
     va_end(arguments);
     return text;
 }
@@ -37,11 +38,10 @@ static void ReportAs(const ErrorReporter& reporter, short severity, short type, 
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(text, sizeof text, format, arguments);
-    char* whole = length >= int(sizeof text) ? NewFormatted(format, again) : nullptr;
+    const auto whole = length >= int(sizeof text) ? Format(format, again) : nullptr;
     va_end(again);
     errno = error;
-    reporter._ReportError(severity, type, whole != nullptr ? whole : text, module, line);
-    delete[] whole;
+    reporter._ReportError(severity, type, whole != nullptr ? whole.get() : text, module, line);
 }
 
 void Report(const ErrorReporter& reporter, short severity, short type, int error, const char* module, long line,

@@ -2,7 +2,7 @@
 #ifndef MISC_ERROR_REPORT_H
 #define MISC_ERROR_REPORT_H
 
-#include <cstdarg>
+#include <memory>
 
 #include "Misc/Error.h"
 
@@ -18,9 +18,8 @@ namespace zeloo {
 [[gnu::format(printf, 6, 7)]] void Report(short severity, short type, int error, const char* module, long line,
                                           const char* format, ...);
 
-/// The formatted text in a block of its own, which the caller releases with delete[]; null when memory fails.
-[[gnu::format(printf, 1, 0)]] char* NewFormatted(const char* format, va_list arguments);
-[[gnu::format(printf, 1, 2)]] char* NewFormatted(const char* format, ...);
+/// The formatted text; null when memory fails.
+[[gnu::format(printf, 1, 2)]] std::unique_ptr<char[]> NewFormatted(const char* format, ...);
 
 } // namespace zeloo
 
