@@ -4,7 +4,7 @@
 #include <cctype>
 #include <cstring>
 
-#include "Misc/cstring/room.h"
+#include "Misc/detail/text.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 

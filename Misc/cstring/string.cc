@@ -8,7 +8,6 @@
 
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
-#include "Misc/cstring/room.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/immortal.h"
 #include "Misc/detail/text.h"
@@ -18,17 +17,62 @@ using zeloo::TextOrEmpty;
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-ZEListream& CString::ObjectRead(ZEListream& s)
+CStringRep::CStringRep() : count(1), rep(NewRoom(0)), len(0)
 {
-    scanFrom(s);
-    return s;
+    if (rep != nullptr)
+        rep[0] = '\0';
 }
 
-ZELostream& CString::ObjectWrite(ZELostream& s) const
+CStringRep::CStringRep(const char* s) : count(1), rep(nullptr), len(0)
 {
-    printOn(s);
-    return s;
+    const uint64_t n = std::strlen(s);
+    rep = NewRoom(n);
+    if (rep == nullptr)
+        return;
+    std::memcpy(rep, s, n + 1);
+    len = static_cast<uint32_t>(n);
 }
+
+CStringRep::CStringRep(char** p) : count(1), rep(*p), len(static_cast<uint32_t>(std::strlen(*p))) { *p = nullptr; }
+
+CStringRep::CStringRep(const CStringRep& r)
+    : count(0), rep(r.rep != nullptr ? NewRoom(r.len) : nullptr), len(rep != nullptr ? r.len : 0)
+{
+    if (rep != nullptr)
+        std::memcpy(rep, r.rep, len + uint64_t{1});
+}
+
+CStringRep::CStringRep(unsigned n) : count(0), rep(NewRoom(n)), len(rep != nullptr ? n : 0)
+{
+    if (rep != nullptr)
+        rep[len] = '\0';
+}
+
+CStringRep::~CStringRep() { delete[] rep; }
+
+CStringRep* CStringRep::clone(int copy)
+{
+    if (count < 2)
+        return this;
+    CStringRep* t = copy ? new (std::nothrow) CStringRep(*this) : new (std::nothrow) CStringRep(len);
+    if (t != nullptr && t->rep == nullptr) {
+        delete t;
+        t = nullptr;
+    }
+    ZELOO_REQUIRE(t != NULL, "Misc/cstring");
+    t->count = 1;
+    return t;
+}
+
+void CStringRep::dumpOn(std::ostream& os) const
+{
+    os << "CStringRep::dumpOn() " << std::endl;
+    os << "count <" << count << "> rep <" << TextOrEmpty(rep) << "> " << std::endl;
+}
+
+ZEListream& CString::ObjectRead(ZEListream& s) { return scanFrom(s), s; }
+
+ZELostream& CString::ObjectWrite(ZELostream& s) const { return printOn(s), s; }
 
 void CString::scanFrom(ZEListream& s)
 {
@@ -158,10 +202,8 @@ CString& CString::operator=(const char* s)
 
 CString& CString::operator=(const CString& s)
 {
-    if (s.cp == cp)
-        return *this;
     CStringRep* r = s.cp;
-    r->count++;
+    r->count++; // first: it may be this string's own
     delete_cp();
     cp = r;
     return *this;
@@ -214,14 +256,9 @@ CString& CString::operator+=(const char& c)
 
 char* CString::EncloseWithQuotes(const char* s)
 {
-    const uint64_t n = std::strlen(s);
-    char* text = NewRoom(n + 2);
-    if (text == nullptr)
-        return nullptr;
-    text[0] = '"';
-    std::memcpy(text + 1, s, n);
-    text[n + 1] = '"';
-    text[n + 2] = '\0';
+    char* text = NewRoom(uint64_t{std::strlen(s)} + 2);
+    if (text != nullptr)
+        stpcpy(stpcpy(stpcpy(text, "\""), s), "\"");
     return text;
 }
 

@@ -3,6 +3,7 @@
 #define MISC_DETAIL_TEXT_H
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <ostream>
@@ -21,11 +22,17 @@ inline const char* BaseName(const char* path)
     return slash != nullptr ? slash + 1 : path;
 }
 
-/// A copy of the first `n` characters of `s`, terminated. The caller releases it with delete[]. Null when memory
-/// fails.
+/// Room for a text of `n` characters and its terminator, not filled; the caller releases it with delete[]. Null when
+/// memory fails, and for a length that does not fit 32 bits, in which the lengths of strings are kept.
+inline char* NewRoom(std::uint64_t n)
+{
+    return n < UINT32_MAX ? new (std::nothrow) char[static_cast<std::size_t>(n) + 1] : nullptr;
+}
+
+/// A copy of the first `n` characters of `s`, terminated, in room as above.
 inline char* NewText(const char* s, std::size_t n)
 {
-    char* copy = new (std::nothrow) char[n + 1];
+    char* copy = NewRoom(n);
     if (copy != nullptr) {
         std::memcpy(copy, s, n);
         copy[n] = '\0';
