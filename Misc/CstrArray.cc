@@ -2,10 +2,4 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: CstrArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-template <>
-const char* SafeArray<CString>::ElementName()
-{
-    return "CString";
-}
-
-template class SafeArray<CString>;
+ZELOO_DEFINE_ARRAY(CString);

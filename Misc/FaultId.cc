@@ -94,13 +94,7 @@ void FaultId::dumpOn(std::ostream& os) const
     os << "NodeName = " << static_cast<const char*>(myNodename) << std::endl;
 }
 
-template <>
-const char* SafeArray<FaultId>::ElementName()
-{
-    return "FaultId";
-}
-
-template class SafeArray<FaultId>;
+ZELOO_DEFINE_ARRAY(FaultId);
 
 FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr) { makeArray(); }
 

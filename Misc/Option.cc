@@ -4,10 +4,4 @@
 
 Option::Option(const char* name, const char* value) : Name(name), Value(value) {}
 
-template <>
-const char* SafeArray<Option>::ElementName()
-{
-    return "Option";
-}
-
-template class SafeArray<Option>;
+ZELOO_DEFINE_ARRAY(Option);

@@ -17,21 +17,8 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ProcMgr.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-template <>
-const char* SafeArray<CmdLine>::ElementName()
-{
-    return "CmdLine";
-}
-
-template class SafeArray<CmdLine>;
-
-template <>
-const char* SafeArray<ProcInfo>::ElementName()
-{
-    return "ProcInfo";
-}
-
-template class SafeArray<ProcInfo>;
+ZELOO_DEFINE_ARRAY(CmdLine);
+ZELOO_DEFINE_ARRAY(ProcInfo);
 
 namespace {
 

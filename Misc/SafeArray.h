@@ -189,6 +189,15 @@ SafeArray<X>::SafeArray(const SafeArray& other) : SafeArrayBase(other.Capacity()
             AddPtr(copy);
 }
 
+/// For the source file of the element class X, whose header declares both: its name in dumps, and the code of its array.
+#define ZELOO_DEFINE_ARRAY(X)                                                                                          \
+    template <>                                                                                                        \
+    const char* SafeArray<X>::ElementName()                                                                            \
+    {                                                                                                                  \
+        return #X;                                                                                                     \
+    }                                                                                                                  \
+    template class SafeArray<X>
+
 /// The typed iterator for the element class X, the base of XSafeArrayIter. A loop reads `iter()` until it gives null
 /// and calls `++iter` after each element.
 template <class X>

@@ -38,13 +38,7 @@ void State::init(const char* Abbrev, const char* Title)
 
 void State::dumpOn(std::ostream& os) const { os << "State: " << Name() << ", abbrev: " << Abbrev() << '\n'; }
 
-template <>
-const char* SafeArray<State>::ElementName()
-{
-    return "State";
-}
-
-template class SafeArray<State>;
+ZELOO_DEFINE_ARRAY(State);
 
 Transition::Transition(State& from, State& to, short v) : OldState(from), NewState(to), Visible(v) {}
 
@@ -56,13 +50,7 @@ void Transition::dumpOn(std::ostream& os) const
     os << "}\n";
 }
 
-template <>
-const char* SafeArray<Transition>::ElementName()
-{
-    return "Transition";
-}
-
-template class SafeArray<Transition>;
+ZELOO_DEFINE_ARRAY(Transition);
 
 void StateMachine::AddState(State& s1)
 {

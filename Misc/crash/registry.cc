@@ -8,13 +8,7 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-template <>
-const char* SafeArray<MonitoredObject>::ElementName()
-{
-    return "MonitoredObject";
-}
-
-template class SafeArray<MonitoredObject>;
+ZELOO_DEFINE_ARRAY(MonitoredObject);
 
 short MonitoredObject::DebugLevel = 0;
 long MonitoredObject::InstanceCounter = 0;

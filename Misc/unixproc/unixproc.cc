@@ -27,13 +27,7 @@ static const short NotYetCollected = -222;
 static const short NoStatus = -1;
 static const char TimeExceededBanner[] = "\n\n******** Process max wait time exceeded **********\n";
 
-template <>
-const char* SafeArray<UnixProcess>::ElementName()
-{
-    return "UnixProcess";
-}
-
-template class SafeArray<UnixProcess>;
+ZELOO_DEFINE_ARRAY(UnixProcess);
 
 long UnixProcess::GlobalUnixProcessMaxWaitTime = 0;
 
