@@ -1,7 +1,10 @@
 #include "Misc/unixproc.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <cstdlib>
 #include <iostream>
 #include <optional>
 
@@ -16,7 +19,6 @@
 #include "Misc/detail/paths.h"
 #include "Misc/detail/text.h"
 #include "Misc/detail/timedcall.h"
-#include "Misc/unixproc/output.h"
 #include "svr4/errno.h"
 #include "svr4/process.h"
 #include "svr4/signal.h"
@@ -235,20 +237,43 @@ int UnixProcess::initp(const char** argv)
     return ends[0];
 }
 
-// Collects what comes from `fd`, for at most `limit` seconds unless that is 0. False when the time ran out.
-static bool ReadToEnd(int fd, long limit, zeloo::CollectedOutput& collected)
+// Puts `n` bytes behind the first `used` ones of `output` and returns how many are in use then. It grows to twice what it
+// needs, since every growth copies the whole; without memory for that the exact size may do. What finds none is dropped.
+static unsigned Collect(Buffer& output, unsigned used, const char* bytes, unsigned n)
+{
+    const uint64_t end = uint64_t{used} + n;
+    if (end > output.Size())
+        output.PutDataAt(static_cast<unsigned>(std::min(2 * end, uint64_t{UINT32_MAX})), nullptr, 0);
+    output.PutDataAt(used, bytes, n);
+    return end <= output.Size() ? static_cast<unsigned>(end) : used;
+}
+
+// Gives back what `output` holds behind the first `used` bytes.
+static void Trim(Buffer& output, unsigned used)
+{
+    const svr4::SavedErrno savedErrno;
+    if (used == 0)
+        return;
+    void* block = output.ReleasePtr();
+    void* trimmed = std::realloc(block, used);
+    output.AssignPtr(trimmed != nullptr ? trimmed : block, used);
+}
+
+// Collects what comes from `fd` in `output`, which is empty, for at most `limit` seconds unless that is 0. False when the
+// time ran out.
+static bool ReadToEnd(int fd, long limit, Buffer& output)
 {
     std::optional<zeloo::TimedCall> timed;
     if (limit != 0)
         timed.emplace(limit);
-    for (;;) {
-        const ssize_t n = collected.ReadFrom(fd);
-        if (n == 0)
-            return true;
-        if (n < 0 && errno == EINTR)
-            return false;
-        // Any other error: reads again, without limit. This is intended.
-    }
+    char block[16384];
+    unsigned used = 0;
+    ssize_t n;
+    while ((n = read(fd, block, sizeof block)) != 0 && !(n < 0 && errno == EINTR))
+        if (n > 0) // any other error: reads again, without limit. This is intended.
+            used = Collect(output, used, block, static_cast<unsigned>(n));
+    Trim(output, used);
+    return n == 0;
 }
 
 void UnixProcess::dopipe(const char** argv, Buffer& Output)
@@ -262,9 +287,7 @@ void UnixProcess::dopipe(const char** argv, Buffer& Output)
     if (fd < 0)
         return;
 
-    zeloo::CollectedOutput collected;
-    const bool ended = ReadToEnd(fd, maxwaittime, collected);
-    collected.HandTo(Output);
+    const bool ended = ReadToEnd(fd, maxwaittime, Output);
     close(fd);
 
     exitstatus = NoStatus;
