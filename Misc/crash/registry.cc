@@ -38,7 +38,6 @@ long MonitoredObject::myObjectTag() { return ObjectTag; }
 void MonitoredObject::dumpOn(std::ostream& os) const { os << "not avail\n"; }
 
 void MonitoredObject::SigTermProc(int) {}
-
 void MonitoredObject::SigRestartProc(int) {}
 
 void MonitoredObject::SetDumpStateFileName(const char* name)

@@ -10,34 +10,35 @@
 
 namespace zeloo {
 
-SignalFileBuffer::SignalFileBuffer(const char* name, int mode)
-    : fd(open(name, O_WRONLY | O_CREAT | O_CLOEXEC | mode, 0666)), error(fd < 0 ? errno : 0)
+SignalFile::SignalFile(const char* name, int mode)
+    : std::ostream(nullptr), fd(open(name, O_WRONLY | O_CREAT | O_CLOEXEC | mode, 0666)), error(fd < 0 ? errno : 0)
 {
     setp(block, block + sizeof block);
+    init(this);
 }
 
-void SignalFileBuffer::Close()
+SignalFile::~SignalFile()
 {
     if (fd < 0)
         return;
     sync();
     close(fd);
-    fd = -1;
 }
 
-SignalFileBuffer::int_type SignalFileBuffer::overflow(int_type c)
+std::streambuf::int_type SignalFile::overflow(std::streambuf::int_type c)
 {
+    using traits = std::streambuf::traits_type;
     if (sync() != 0)
-        return traits_type::eof();
-    if (!traits_type::eq_int_type(c, traits_type::eof()))
-        sputc(traits_type::to_char_type(c));
-    return traits_type::not_eof(c);
+        return traits::eof();
+    if (!traits::eq_int_type(c, traits::eof()))
+        sputc(traits::to_char_type(c));
+    return traits::not_eof(c);
 }
 
-int SignalFileBuffer::sync()
+int SignalFile::sync()
 {
     for (const char* p = pbase(); p < pptr() && error == 0;) {
-        const ssize_t n = write(fd, p, static_cast<size_t>(pptr() - p));
+        const ssize_t n = ::write(fd, p, static_cast<size_t>(pptr() - p));
         if (n > 0)
             p += n;
         else if (n < 0 && errno != EINTR)

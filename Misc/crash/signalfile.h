@@ -7,37 +7,25 @@
 
 namespace zeloo {
 
-/// The bytes of a SignalFile.
-class SignalFileBuffer : public std::streambuf {
-public:
-    SignalFileBuffer(const char* name, int mode);
-    ~SignalFileBuffer() override { Close(); }
-
-    bool IsOpen() const { return fd >= 0; }
-    int Error() const { return error; }
-    void Close();
-
-protected:
-    int_type overflow(int_type c) override;
-    int sync() override;
-
-private:
-    int fd;
-    int error;
-    char block[4096];
-};
-
 /// A file written from a signal handler: the signal may have come in the middle of malloc, so a FILE or a filebuf,
 /// which allocate, will not do. The file is opened for writing, created with mode 0666 where there is none, with `mode`
 /// (O_APPEND or O_TRUNC) beside. IsOpen tells whether that succeeded; Error is the `errno` of the first failure, of the
-/// opening or of a later write, or 0. Close, which the destructor calls, writes what is left.
-class SignalFile : private SignalFileBuffer, public std::ostream {
+/// opening or of a later write, or 0. The destructor writes what is left.
+class SignalFile : private std::streambuf, public std::ostream {
 public:
-    SignalFile(const char* name, int mode) : SignalFileBuffer(name, mode), std::ostream(nullptr) { init(this); }
+    SignalFile(const char* name, int mode);
+    ~SignalFile() override;
 
-    using SignalFileBuffer::Close;
-    using SignalFileBuffer::Error;
-    using SignalFileBuffer::IsOpen;
+    bool IsOpen() const { return fd >= 0; }
+    int Error() const { return error; }
+
+private:
+    std::streambuf::int_type overflow(std::streambuf::int_type c) override;
+    int sync() override;
+
+    int fd;
+    int error;
+    char block[4096];
 };
 
 /// Standard error, good and unbuffered, with decimal numbers, whatever the program has done to it.

@@ -40,14 +40,6 @@ void ReadRowIfMapped(uintptr_t address, unsigned char* row)
         memset(row, 0, BytesInRow);
 }
 
-// The bounds of the stack that the signal interrupted. When that stack has overflowed its pointer is outside, and
-// the frame pointer tells.
-bool FindStack(const svr4::SignalledContext& context, uintptr_t* low, uintptr_t* high)
-{
-    return svr4::mapping_of(context.stackPointer, low, high) == 0 ||
-           svr4::mapping_of(context.framePointer, low, high) == 0;
-}
-
 void WriteRegisters(const svr4::SignalledContext& context, std::ostream& file)
 {
     for (size_t i = 0; i < svr4::RegisterCount; i++) {
@@ -119,7 +111,9 @@ void dumpstack(std::ostream& file)
     const uintptr_t stackPointer = context.stackPointer;
     const uintptr_t frame = context.framePointer;
     uintptr_t low = 0, high = 0;
-    const bool known = frame != 0 && frame >= stackPointer && FindStack(context, &low, &high);
+    // The pointer of a stack that has overflowed lies outside of it, and the frame pointer tells its bounds.
+    const bool known = frame != 0 && frame >= stackPointer &&
+                       (svr4::mapping_of(stackPointer, &low, &high) == 0 || svr4::mapping_of(frame, &low, &high) == 0);
 
     file << "Dynamic link:\tReturn Address:\n";
     if (known)
