@@ -2,10 +2,18 @@
 #ifndef MISC_DETAIL_ASSERTION_H
 #define MISC_DETAIL_ASSERTION_H
 
+#include <cstdio>
+#include <cstdlib>
+
 namespace zeloo {
 
 /// Writes "Assertion failed: EXPRESSION, file UNIT, line LINE" and a newline to standard error and aborts.
-[[noreturn]] void AssertionFailed(const char* expression, const char* unit, int line);
+[[noreturn]] inline void AssertionFailed(const char* expression, const char* unit, int line)
+{
+    std::fprintf(stderr, "Assertion failed: %s, file %s, line %d\n", expression, unit, line);
+    std::fflush(stderr);
+    std::abort();
+}
 
 } // namespace zeloo
 
