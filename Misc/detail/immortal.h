@@ -7,9 +7,9 @@
 namespace zeloo {
 
 /// The object of type T that serves the whole process. It is made on first use, so that static objects of other units
-/// can use it in their constructors, and never destroyed, so that they can in their destructors. One a type: two
-/// objects of one class are two derived types.
-template <class T>
+/// can use it in their constructors, and never destroyed, so that they can in their destructors. There is one for each
+/// type and `Tag`.
+template <class T, class Tag = T>
 T& Immortal()
 {
     alignas(T) static unsigned char place[sizeof(T)];

@@ -29,18 +29,6 @@ static const int LongestLine = 511;
 static const std::size_t AddressSize = 4; // bytes of an Internet address
 static const char Separators[] = " \t";
 
-namespace {
-
-// The lists of nodes, with their names in reports, are types of their own so that each is an object of its own.
-struct ValidNodeList : CStringSafeArray {
-    static constexpr char Name[] = "ValidNodes";
-};
-struct InValidNodeList : CStringSafeArray {
-    static constexpr char Name[] = "InValidNodes";
-};
-
-} // namespace
-
 static const ErrorReporter& Reporter()
 {
     const svr4::SavedErrno savedErrno; // making a reporter clears it
@@ -48,25 +36,24 @@ static const ErrorReporter& Reporter()
 }
 
 // The lines of the node list file and those learned since it was read.
-static ValidNodeList& ValidNodes() { return zeloo::Immortal<ValidNodeList>(); }
+static CStringSafeArray& ValidNodes() { return zeloo::Immortal<CStringSafeArray, struct Valid>(); }
 
 // Every node that has been rejected.
-static InValidNodeList& InValidNodes() { return zeloo::Immortal<InValidNodeList>(); }
+static CStringSafeArray& InValidNodes() { return zeloo::Immortal<CStringSafeArray, struct InValid>(); }
 
 static timespec nodesFileTime = {0, 0};  // the modification time of the node list file last read
 static bool missingFileReported = false; // since the file was last seen
 
-// Adds a copy of `text`. When memory fails or the list is full that is reported, and the result is false: a caller
-// somewhere in the network that makes up ever new names must not stop the process.
-template <class List>
-static bool AddCopy(List& list, const char* text)
+// Adds a copy of `text` to the list that reports call `name`. When memory fails or the list is full that is reported, and
+// the result is false: a caller somewhere in the network that makes up ever new names must not stop the process.
+static bool AddCopy(CStringSafeArray& list, const char* name, const char* text)
 {
     CString* entry = list.Quantity() < zeloo::MostElements ? new (std::nothrow) CString(text) : nullptr;
     if (entry != nullptr)
         list.AddItem(entry);
     else
         zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::OUT_OF_MEMORY, errno, ZELOO_HERE,
-                      "failed to allocate memory for %s.", List::Name);
+                      "failed to allocate memory for %s.", name);
     return entry != nullptr;
 }
 
@@ -164,7 +151,7 @@ static void ReadValidNodes()
         return;
     char line[LongestLine + 1];
     while (ReadLine(file, line))
-        AddCopy(ValidNodes(), line);
+        AddCopy(ValidNodes(), "ValidNodes", line);
     std::fclose(file);
 }
 
@@ -236,7 +223,7 @@ static bool IsRejected(const CString& node)
 // Rejects a node. 1 when this is its first time, which is logged, else 0.
 static int Reject(const CString& node)
 {
-    if (IsRejected(node) || !AddCopy(InValidNodes(), node))
+    if (IsRejected(node) || !AddCopy(InValidNodes(), "InValidNodes", node))
         return 0;
     const CString description = CString("ORV rejected message from invalid node ") + node;
     Reporter()._ReportErrorExt(ErrorReporter::WARNING_WITH_LOG, ErrorReporter::MISCONFIGURATION_NODES, description,
@@ -262,6 +249,6 @@ int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString
         return 0;
     if (!FindNode(node, true, ReturnVal))
         return Reject(node);
-    AddCopy(ValidNodes(), node + " " + ReturnVal); // the next time it is found without a look-up
+    AddCopy(ValidNodes(), "ValidNodes", node + " " + ReturnVal); // the next time it is found without a look-up
     return 0;
 }
