@@ -52,8 +52,7 @@ void HierarchicNum::inc()
 {
     if (NumLevels == 0)
         return;
-    unsigned long& last = Levels[NumLevels - 1];
-    last = static_cast<uint32_t>(last + 1);
+    Levels[NumLevels - 1] = static_cast<uint32_t>(Levels.at(NumLevels - 1) + 1);
     create_text_rep();
 }
 
@@ -61,8 +60,7 @@ void HierarchicNum::dec()
 {
     if (NumLevels == 0)
         return;
-    unsigned long& last = Levels[NumLevels - 1];
-    last = static_cast<uint32_t>(last - 1);
+    Levels[NumLevels - 1] = static_cast<uint32_t>(Levels.at(NumLevels - 1) - 1);
     create_text_rep();
 }
 

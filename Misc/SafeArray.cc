@@ -5,8 +5,6 @@
 #include <cstring>
 #include <iostream>
 
-#include <search.h>
-
 #include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/limits.h"
@@ -149,9 +147,8 @@ void** SafeArrayBase::GetPointers() const
     return copy;
 }
 
-// The C library's functions get the address of the key, so that both arguments of `fptr` are pointers to element
-// pointers. They may not be called with a null array.
-
+// The searches hand over the address of the key, so that both arguments of `fptr` are pointers to element pointers. The C
+// library's functions may not be called with a null array.
 void* SafeArrayBase::bsearch(const void* key, int (*fptr)(const void*, const void*)) const
 {
     ZELOO_REQUIRE(key != NULL, "Misc/SafeArray");
@@ -166,11 +163,10 @@ void* SafeArrayBase::lfind(const void* key, int (*fptr)(const void*, const void*
 {
     ZELOO_REQUIRE(key != NULL, "Misc/SafeArray");
     ZELOO_REQUIRE(fptr != NULL, "Misc/SafeArray");
-    if (myQuantity == 0)
-        return nullptr;
-    size_t quantity = myQuantity;
-    void* place = ::lfind(&key, list, &quantity, sizeof(void*), fptr);
-    return place != nullptr ? *static_cast<void**>(place) : nullptr;
+    for (unsigned i = 0; i < myQuantity; i++)
+        if (fptr(&key, list + i) == 0)
+            return list[i];
+    return nullptr;
 }
 
 void* SafeArrayBase::search(const void* key, int (*fptr)(const void*, const void*)) const
@@ -213,12 +209,8 @@ void SafeArrayIterBase::next()
     if (wrapBackward) {
         resetBackward();
     } else if (!wrapForward) {
-        if (MyArray.Quantity() != 0 && index < MyArray.Quantity() - 1) {
-            ptr = MyArray.at(++index);
-        } else {
-            wrapForward = 1;
-            ptr = nullptr;
-        }
+        wrapForward = index + 1 >= MyArray.Quantity();
+        ptr = wrapForward ? nullptr : MyArray.at(++index);
     }
 }
 
@@ -227,12 +219,8 @@ void SafeArrayIterBase::prev()
     if (wrapForward) {
         resetForward();
     } else if (!wrapBackward) {
-        if (MyArray.Quantity() != 0 && index > 0) {
-            ptr = MyArray.at(--index);
-        } else {
-            wrapBackward = 1;
-            ptr = nullptr;
-        }
+        wrapBackward = index == 0 || MyArray.Quantity() == 0;
+        ptr = wrapBackward ? nullptr : MyArray.at(--index);
     }
 }
 

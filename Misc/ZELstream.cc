@@ -39,28 +39,15 @@ void ZELostream::put(char c)
         localbuf_add(&c, 1);
 }
 
+// Not by way of an overriding put(char).
+void ZELostream::put(unsigned char c) { ZELostream::put(static_cast<char>(c)); }
+
 void ZELostream::put(short n) { putNumber(n, "|"); }
-
 void ZELostream::put(int n) { putNumber(n, "|"); }
-
 void ZELostream::put(long n) { putNumber(n, "|"); }
-
-void ZELostream::put(unsigned char c)
-{
-    if (mystrm != nullptr)
-        mystrm->put(static_cast<char>(c));
-    else
-        localbuf_add(&c, 1);
-}
-
 void ZELostream::put(unsigned short n) { putNumber(n, "|"); }
-
 void ZELostream::put(unsigned int n) { putNumber(n, "|"); }
-
-void ZELostream::put(unsigned long n)
-{
-    putNumber(n, "l|"); // the `l` is intended
-}
+void ZELostream::put(unsigned long n) { putNumber(n, "l|"); } // the `l` is intended
 
 ZELostream::~ZELostream()
 {
@@ -166,25 +153,13 @@ void ZEListream::get(char& c)
         read(&c, 1);
 }
 
+void ZEListream::get(unsigned char& c) { ZEListream::get(reinterpret_cast<char&>(c)); }
+
 void ZEListream::get(short& n) { getNumber(n); }
-
 void ZEListream::get(int& n) { getNumber(n); }
-
 void ZEListream::get(long& n) { getNumber(n); }
-
-void ZEListream::get(unsigned char& c)
-{
-    char& byte = reinterpret_cast<char&>(c);
-    if (mystrm != nullptr)
-        mystrm->get(byte);
-    else
-        read(&byte, 1);
-}
-
 void ZEListream::get(unsigned short& n) { getNumber(n); }
-
 void ZEListream::get(unsigned int& n) { getNumber(n); }
-
 void ZEListream::get(unsigned long& n) { getNumber(n); }
 
 ZEListream::~ZEListream() {}

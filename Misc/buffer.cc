@@ -21,17 +21,9 @@ using zeloo::BytesInRow;
 static char spareByte;       // what operator[] gives out of range
 static char* scratchCString; // the last copy that GetCString made
 
-Buffer::Buffer(unsigned Size) : AllocSize(0), ptr(nullptr)
-{
-    if (Size != 0)
-        ReSize(Size);
-}
+Buffer::Buffer(unsigned Size) : AllocSize(0), ptr(nullptr) { ReSize(Size); }
 
-Buffer::Buffer(const Buffer& buffer) : AllocSize(0), ptr(nullptr)
-{
-    ReSize(buffer.Size());
-    buffer.GetDataAt(0, ptr, AllocSize);
-}
+Buffer::Buffer(const Buffer& buffer) : Buffer(buffer.Size()) { buffer.GetDataAt(0, ptr, AllocSize); }
 
 Buffer::~Buffer() { PurgeContents(); }
 
@@ -47,20 +39,18 @@ void Buffer::dumpOn(std::ostream& out) const { hexdumpOn(ptr, AllocSize, out); }
 void Buffer::ReSize(const unsigned Size)
 {
     PurgeContents();
-    if (Size == 0)
-        return;
-    ptr = std::malloc(Size);
-    AllocSize = ptr == nullptr ? 0 : Size;
+    ptr = Size != 0 ? std::malloc(Size) : nullptr;
+    AllocSize = ptr != nullptr ? Size : 0;
 }
 
 char& Buffer::operator[](unsigned index) { return index < AllocSize ? static_cast<char*>(ptr)[index] : spareByte; }
 
 Buffer& Buffer::operator=(const Buffer& b)
 {
-    if (this == &b)
-        return *this;
-    ReSize(b.Size());
-    b.GetDataAt(0, ptr, AllocSize);
+    if (this != &b) {
+        ReSize(b.Size());
+        b.GetDataAt(0, ptr, AllocSize);
+    }
     return *this;
 }
 

@@ -1,5 +1,6 @@
 #include "Misc/state.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -16,18 +17,11 @@ using zeloo::TextOrEmpty;
 // The state that an object may stay in whatever the table says.
 static const char WaitingEscalation[] = "waiting_escalation";
 
-static const char ListSeparator = '|';
+static const char ListSeparator[] = "|";
 
 State::State(const char* Abbrev, const char* Title) : abbrev(Abbrev), title(Title) {}
 
-State& State::operator=(const State& s)
-{
-    if (this != &s) {
-        abbrev = s.abbrev;
-        title = s.title;
-    }
-    return *this;
-}
+State& State::operator=(const State& s) = default;
 
 void State::init(const char* Abbrev, const char* Title)
 {
@@ -56,8 +50,7 @@ void StateMachine::AddState(State& s1)
 {
     if (FindState(s1) >= 0)
         return;
-    State* copy = new (std::nothrow) State(s1);
-    if (copy != nullptr)
+    if (State* copy = new (std::nothrow) State(s1))
         States.AddItem(copy);
 }
 
@@ -68,8 +61,7 @@ void StateMachine::AddTransition(State& stateFrom, State& stateTo, short v)
     Transition wanted(stateFrom, stateTo, v);
     if (FindTransition(wanted) >= 0)
         return;
-    Transition* added = new (std::nothrow) Transition(wanted);
-    if (added != nullptr)
+    if (Transition* added = new (std::nothrow) Transition(wanted))
         Transitions.AddItem(added);
 }
 
@@ -132,16 +124,7 @@ short StateMachine::GetVisibleTransitionCount(State& state) const
     for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition)
         if (IsOffered(*transition(), state))
             count++;
-    return static_cast<short>(count < SHRT_MAX ? count : SHRT_MAX);
-}
-
-// Writes `text` and a separator to `to`; the place behind them.
-static char* WriteField(char* to, const char* text)
-{
-    const size_t length = std::strlen(text);
-    std::memcpy(to, text, length);
-    to[length] = ListSeparator;
-    return to + length + 1;
+    return static_cast<short>(std::min(count, SHRT_MAX));
 }
 
 void StateMachine::GetVisibleTransitionList(State& state, char* TList) const
@@ -150,8 +133,9 @@ void StateMachine::GetVisibleTransitionList(State& state, char* TList) const
     for (TransitionSafeArrayIter transition(Transitions); transition(); ++transition) {
         if (!IsOffered(*transition(), state))
             continue;
-        TList = WriteField(TList, transition()->GetNewState().Abbrev());
-        TList = WriteField(TList, transition()->GetNewState().Name());
+        const State& offered = transition()->GetNewState();
+        TList = stpcpy(stpcpy(TList, offered.Abbrev()), ListSeparator);
+        TList = stpcpy(stpcpy(TList, offered.Name()), ListSeparator);
     }
     *TList = '\0';
 }
@@ -168,35 +152,30 @@ unsigned StateMachine::GetVisibleTransitionListLength(State& state) const
     return static_cast<unsigned>(length);
 }
 
-// Appends the abbreviation of `state`.
-static void AddAbbreviation(CStringSafeArray& Names, const State& state)
+// Puts the abbreviations of those of `states` that `isWanted` takes in the place of the elements of `names`.
+template <class Predicate>
+static void PutAbbreviations(const StateSafeArray& states, CStringSafeArray& names, Predicate isWanted)
 {
-    CString* name = new (std::nothrow) CString(state.Abbrev());
-    if (name != nullptr)
-        Names.AddItem(name);
+    names.DeleteAllItems();
+    for (StateSafeArrayIter state(states); state(); ++state)
+        if (isWanted(*state()))
+            if (CString* name = new (std::nothrow) CString(state()->Abbrev()))
+                names.AddItem(name);
 }
 
 void StateMachine::GetValidStateNames(CStringSafeArray& Names) const
 {
-    Names.DeleteAllItems();
-    for (StateSafeArrayIter state(States); state(); ++state)
-        AddAbbreviation(Names, *state());
+    PutAbbreviations(States, Names, [](const State&) { return true; });
 }
 
 void StateMachine::GetValidInitialStateNames(CStringSafeArray& Names) const
 {
-    Names.DeleteAllItems();
-    for (StateSafeArrayIter state(States); state(); ++state)
-        if (!IsEntered(*state()))
-            AddAbbreviation(Names, *state());
+    PutAbbreviations(States, Names, [this](const State& state) { return !IsEntered(state); });
 }
 
 void StateMachine::GetValidLastStateNames(CStringSafeArray& Names) const
 {
-    Names.DeleteAllItems();
-    for (StateSafeArrayIter state(States); state(); ++state)
-        if (!IsLeft(*state()))
-            AddAbbreviation(Names, *state());
+    PutAbbreviations(States, Names, [this](const State& state) { return !IsLeft(state); });
 }
 
 void StateMachine::dumpOn(std::ostream& os) const
