@@ -31,27 +31,27 @@ tm Dates::CurrentTm(long moment)
     return local != nullptr ? *local : tm(); // null: the year does not fit its field
 }
 
+// The local time at `moment`, valid until the next call.
+static tm* Local(long moment)
+{
+    static tm local;
+    local = Dates::CurrentTm(moment);
+    return &local;
+}
+
 const char* Dates::GetDate(tm* TMstruct)
 {
     return Fill(dateText, "%02ld/%02d/%04ld", TMstruct->tm_mon + 1L, TMstruct->tm_mday, TMstruct->tm_year + 1900L);
 }
 
-const char* Dates::GetDate(long moment)
-{
-    tm local = CurrentTm(moment);
-    return GetDate(&local);
-}
+const char* Dates::GetDate(long moment) { return GetDate(Local(moment)); }
 
 const char* Dates::GetTime(tm* TMstruct)
 {
     return Fill(timeText, "%02d:%02d:%02d", TMstruct->tm_hour, TMstruct->tm_min, TMstruct->tm_sec);
 }
 
-const char* Dates::GetTime(long moment)
-{
-    tm local = CurrentTm(moment);
-    return GetTime(&local);
-}
+const char* Dates::GetTime(long moment) { return GetTime(Local(moment)); }
 
 const char* Dates::GetDateTime(tm* TMstruct)
 {
@@ -59,11 +59,7 @@ const char* Dates::GetDateTime(tm* TMstruct)
     return Fill(text, "%s %s", GetDate(TMstruct), GetTime(TMstruct));
 }
 
-const char* Dates::GetDateTime(long moment)
-{
-    tm local = CurrentTm(moment);
-    return GetDateTime(&local);
-}
+const char* Dates::GetDateTime(long moment) { return GetDateTime(Local(moment)); }
 
 long Dates::GetDateTime(const char* datetime)
 {

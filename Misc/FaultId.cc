@@ -119,8 +119,7 @@ void FaultIdList::AddFaultId(const FaultId& f)
         _ReportError(WARNING, TOO_MANY_FAULTS, f, ZELOO_HERE);
         return;
     }
-    FaultId* copy = new (std::nothrow) FaultId(f);
-    if (copy != nullptr)
+    if (FaultId* copy = new (std::nothrow) FaultId(f))
         FaultIds->AddItem(copy);
     else
         _ReportError(WARNING, OUT_OF_MEMORY, OutOfStore, ZELOO_HERE);

@@ -53,9 +53,10 @@ static char* TrailerOf(const void* p) { return static_cast<char*>(const_cast<voi
 // What follows a block's data is not aligned: it is copied bytewise.
 static bool IsIntact(const void* p, uint32_t cookie) { return std::memcmp(TrailerOf(p), &cookie, sizeof cookie) == 0; }
 
-// abort() flushes nothing, and what was printed tells why it came to this.
-[[noreturn]] static void FlushAndAbort()
+// Prints `reason` and aborts. abort() flushes nothing, and what was printed tells why it came to this.
+[[noreturn]] static void Abort(const char* reason)
 {
+    std::printf("%s", reason);
     std::fflush(stdout);
     std::abort();
 }
@@ -66,14 +67,10 @@ DSA::~DSA() { show_allocated_blocks(); }
 
 void*(DSA::malloc)(unsigned int size)
 {
-    if (alloc_tag == abort_alloc_tag) {
-        std::printf("DSA: Abort because alloc_tag matches\n");
-        FlushAndAbort();
-    }
-    if (size == 0) {
-        std::printf("DSA: Abort because attempt to alloc bad number of bytes (%d)\n", static_cast<int>(size));
-        FlushAndAbort();
-    }
+    if (alloc_tag == abort_alloc_tag)
+        Abort("DSA: Abort because alloc_tag matches\n");
+    if (size == 0)
+        Abort("DSA: Abort because attempt to alloc bad number of bytes (0)\n");
     // Intended: the counters move even when the system then has no memory.
     allocations = Add(allocations, 1);
     numBlocks = Add(numBlocks, 1);
@@ -103,24 +100,20 @@ void*(DSA::malloc)(unsigned int size)
 
 void(DSA::free)(void* p)
 {
-    if (p == nullptr) {
-        std::printf("DSA: ERROR...Attempt to free a null ptr\n");
-        FlushAndAbort();
-    }
+    if (p == nullptr)
+        Abort("DSA: ERROR...Attempt to free a null ptr\n");
     const int slot = find_in_list(p);
     const uint32_t size = slot >= 0 ? HeaderOf(p)->size : 0; // before a pointer that is no block there may be nothing
     if (trace_flag > 0)
         std::printf("DSA: deallocating %u bytes at %p\n", size, p);
-    if (slot < 0) {
-        std::printf("DSA: ERROR...attempt to free a bad pointer\n");
-        FlushAndAbort();
-    }
+    if (slot < 0)
+        Abort("DSA: ERROR...attempt to free a bad pointer\n");
     alloc_list[slot] = nullptr;
     mark_list[slot] = 0;
     if (!IsIntact(p, dsa_magic_cookie)) {
         std::printf("DSA: ERROR...buffer overwrite detected\n");
         hexdump(p, static_cast<int>(size));
-        FlushAndAbort();
+        Abort("");
     }
     deallocations = Add(deallocations, 1);
     numBlocks = Add(numBlocks, -1u);
@@ -149,7 +142,6 @@ void DSA::mark_ok(const void* p)
 }
 
 void DSA::mark_on() { mark_flag = 0; }
-
 void DSA::mark_off() { mark_flag = 1; }
 
 short DSA::set_mark_flag(short flag)

@@ -1,5 +1,6 @@
 #include "Misc/eventmgr.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -35,11 +36,9 @@ EventManager::EventManager(const char* ServerName, std::ostream* DebugStrm)
       CurrentEventError(0), EventCount(0), ExitPending(0), CoprocessFlag(0), myPid(getpid()), myParentPid(getppid()),
       LogStreamPtr(DebugStrm)
 {
-    for (int slot = 0; slot < TraceSlots; slot++) {
-        traceEvents[slot] = Unset;
-        traceStatus[slot] = Unset;
-        traceTimes[slot] = 0;
-    }
+    std::fill_n(traceEvents, TraceSlots, Unset);
+    std::fill_n(traceStatus, TraceSlots, Unset);
+    std::fill_n(traceTimes, TraceSlots, 0L);
 }
 
 EventManager::~EventManager() = default;

@@ -15,10 +15,6 @@
 static const short DefaultRetryCount = 5;
 static const short DefaultRetryWaitTime = 5; // seconds
 
-// The answer of AmIontheORVDServerHost, found by its first call.
-static int16_t FirstServerHostCheck = 1;
-static int16_t ExistsOnTheORVDServerHost = 0;
-
 // `client` when it is connected, else null, which is also what stands for a client without memory.
 template <class TransportClient>
 static TransportClient* ConnectedOrNull(TransportClient* client)
@@ -170,12 +166,11 @@ short IPCClient::TLIServerExists(short Object, const char* IPCServerName, const 
 
 short IPCClient::AmIontheORVDServerHost()
 {
-    if (FirstServerHostCheck) {
-        FirstServerHostCheck = 0;
+    static const bool isServerHost = [] {
         const char* host = IPCTli::get_default_hostname("orvd");
-        ExistsOnTheORVDServerHost = host == nullptr || !IsAnotherHost(host);
-    }
-    return ExistsOnTheORVDServerHost;
+        return host == nullptr || !IsAnotherHost(host);
+    }();
+    return isServerHost;
 }
 
 ReconnectClient::ReconnectClient(short server, const char* serverName, const char* serverNode)

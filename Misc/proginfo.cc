@@ -63,9 +63,7 @@ void ProgInfo::Initialize(int argc_p, char* const* argv_p, char* const* envp_p, 
 }
 
 const char* ProgInfo::GetFullProgramName() { return fullProgramName; }
-
 const char* ProgInfo::GetProgramName() { return programName; }
-
 const char* ProgInfo::GetVersion() { return version; }
 
 const char* ProgInfo::GetLongVersion()
@@ -107,15 +105,10 @@ const char* ProgInfo::GetLoginName()
 }
 
 const char* ProgInfo::GetNodeName() { return GetSysInfoString(svr4::SI_HOSTNAME, &nodeName); }
-
 const char* ProgInfo::GetSystemName() { return GetSysInfoString(svr4::SI_SYSNAME, &systemName); }
-
 const char* ProgInfo::GetOSRelease() { return GetSysInfoString(svr4::SI_RELEASE, &osRelease); }
-
 const char* ProgInfo::GetOSVersion() { return GetSysInfoString(svr4::SI_VERSION, &osVersion); }
-
 const char* ProgInfo::GetMachine() { return GetSysInfoString(svr4::SI_MACHINE, &machine); }
-
 const char* ProgInfo::GetArchitecture() { return GetSysInfoString(svr4::SI_ARCHITECTURE, &architecture); }
 
 const char* ProgInfo::GetNodeNameLongVersion()
@@ -140,35 +133,25 @@ int ProgInfo::GetMaxDynamicMemoryUsed()
     return size < INT_MAX ? static_cast<int>(size) : INT_MAX;
 }
 
-static void ShowProgram(std::ostream& os)
-{
-    os << "Program Name:      " << TextOrEmpty(ProgInfo::GetProgramName()) << '\n'
-       << "Full Program Name: " << TextOrEmpty(ProgInfo::GetFullProgramName()) << '\n'
-       << "Version:           " << TextOrEmpty(ProgInfo::GetVersion()) << '\n'
-       << "Long Version:      " << ProgInfo::GetLongVersion() << '\n'
-       << "Login Name:        " << ProgInfo::GetLoginName() << '\n'
-       << "uid:               " << getuid() << ' ' << UserName(getuid()) << '\n'
-       << "euid:              " << geteuid() << ' ' << UserName(geteuid()) << '\n'
-       << "gid:               " << getgid() << ' ' << GroupName(getgid()) << '\n'
-       << "egid:              " << getegid() << ' ' << GroupName(getegid()) << '\n';
-}
-
-static void ShowHost(std::ostream& os)
-{
-    os << "NodeName:          " << ProgInfo::GetNodeName() << '\n'
-       << "SystemName:        " << ProgInfo::GetSystemName() << '\n'
-       << "Unix Release:      " << ProgInfo::GetOSRelease() << '\n'
-       << "Unix Version:      " << ProgInfo::GetOSVersion() << '\n'
-       << "Machine:           " << ProgInfo::GetMachine() << '\n'
-       << "Architecture:      " << ProgInfo::GetArchitecture() << '\n'
-       << "Current Dynamic Memory Max: " << ProgInfo::GetMaxDynamicMemoryUsed() << '\n';
-}
-
 void ProgInfo::ShowProgramInfo(std::ostream& os)
 {
     os << Separator << "Program Information\n" << Separator;
-    ShowProgram(os);
-    ShowHost(os);
+    os << "Program Name:      " << TextOrEmpty(GetProgramName()) << '\n'
+       << "Full Program Name: " << TextOrEmpty(GetFullProgramName()) << '\n'
+       << "Version:           " << TextOrEmpty(GetVersion()) << '\n'
+       << "Long Version:      " << GetLongVersion() << '\n'
+       << "Login Name:        " << GetLoginName() << '\n'
+       << "uid:               " << getuid() << ' ' << UserName(getuid()) << '\n'
+       << "euid:              " << geteuid() << ' ' << UserName(geteuid()) << '\n'
+       << "gid:               " << getgid() << ' ' << GroupName(getgid()) << '\n'
+       << "egid:              " << getegid() << ' ' << GroupName(getegid()) << '\n'
+       << "NodeName:          " << GetNodeName() << '\n'
+       << "SystemName:        " << GetSystemName() << '\n'
+       << "Unix Release:      " << GetOSRelease() << '\n'
+       << "Unix Version:      " << GetOSVersion() << '\n'
+       << "Machine:           " << GetMachine() << '\n'
+       << "Architecture:      " << GetArchitecture() << '\n'
+       << "Current Dynamic Memory Max: " << GetMaxDynamicMemoryUsed() << '\n';
     os << Separator << "Command Line Parameters\n" << Separator;
     for (int i = 0; argv != nullptr && i < argc && argv[i] != nullptr; i++)
         os << "argv[" << i << "]: " << argv[i] << '\n';
@@ -179,5 +162,4 @@ void ProgInfo::ShowProgramInfo(std::ostream& os)
 }
 
 char* const* ProgInfo::Getargv() { return argv; }
-
 int ProgInfo::Getargc() { return argc; }
