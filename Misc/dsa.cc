@@ -10,8 +10,6 @@
 
 #include "Misc/detail/hexdump.h"
 
-using zeloo::BytesInRow;
-
 [[maybe_unused]] static const char* ModuleId() { return "$Id: dsa.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace {
@@ -144,11 +142,7 @@ void DSA::mark_ok(const void* p)
 void DSA::mark_on() { mark_flag = 0; }
 void DSA::mark_off() { mark_flag = 1; }
 
-short DSA::set_mark_flag(short flag)
-{
-    mark_flag = static_cast<char>(flag);
-    return mark_flag;
-}
+short DSA::set_mark_flag(short flag) { return mark_flag = static_cast<char>(flag); }
 
 short DSA::get_mark_flag() { return mark_flag; }
 
@@ -206,7 +200,7 @@ void DSA::hexdump(const void* p, int n)
     std::printf("DSA: HexDump for %d (%04x) bytes\n", n, static_cast<unsigned>(n));
     unsigned done = 0;
     do {
-        const unsigned count = std::min(size - done, BytesInRow);
+        const unsigned count = std::min(size - done, zeloo::BytesInRow);
         char row[zeloo::RowTextLength + 1];
         *zeloo::PutByteRow(row, bytes + done, count) = '\0';
         std::printf("%04x: %s\n", done, row);

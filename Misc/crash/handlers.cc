@@ -111,7 +111,7 @@ static void ExamineCrashFile(int sig)
         RotateCrashFile();
 }
 
-// Prepares the crash file for the report of `sig` and writes its heading. What keeps it from doing so ends the process.
+// Names the crash file, makes room for the report of `sig` and says on standard error where it is.
 static void CheckLooping(int sig)
 {
     const char* program = ProgInfo::GetProgramName();
@@ -120,7 +120,19 @@ static void CheckLooping(int sig)
     if (access(signal_filename, F_OK) == 0)
         ExamineCrashFile(sig);
     StandardError() << "Call trace and dump of monitored objects in " << signal_filename << '\n';
+}
 
+// A fault of the capture itself.
+static void IgnoreSig(int sig)
+{
+    StandardError() << "\n\nSignal " << sig << " detected processing state caputre. siglongjmp out..\n\n";
+    siglongjmp(captureContext, 1);
+}
+
+// Appends to the crash file a heading and what the process looks like: the stack dump and the object dump. A fault in one
+// of them ends that dump only; what else fails ends the process.
+static void CaptureState(int sig)
+{
     SignalFile file(signal_filename, O_APPEND);
     if (!file.IsOpen())
         exit_sighandler(sig, "open of sighandler file failed. ", strerror(file.Error()));
@@ -131,22 +143,6 @@ static void CheckLooping(int sig)
     file.flush();
     if (!file)
         exit_sighandler(sig, "write of sighandler file failed. ", strerror(file.Error()));
-}
-
-// A fault of the capture itself.
-static void IgnoreSig(int sig)
-{
-    StandardError() << "\n\nSignal " << sig << " detected processing state caputre. siglongjmp out..\n\n";
-    siglongjmp(captureContext, 1);
-}
-
-// Appends to the crash file what the process looks like: the stack dump and the object dump. A fault in one of them ends
-// that dump only; what else fails ends the process.
-static void CaptureState(int sig)
-{
-    SignalFile file(signal_filename, O_APPEND);
-    if (!file.IsOpen())
-        exit_sighandler(sig, "open of sighandler file failed. ", strerror(file.Error()));
     file << "\n......initiating dump...\n\n";
 
     struct sigaction earlierSegv, earlierBus;

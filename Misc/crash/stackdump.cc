@@ -30,16 +30,6 @@ void WriteDuplicates(unsigned long count, std::ostream& file)
     file << line;
 }
 
-// The row at `address`, or zero bytes where there is none.
-void ReadRowIfMapped(uintptr_t address, unsigned char* row)
-{
-    uintptr_t low, high;
-    if (svr4::mapping_of(address, &low, &high) == 0 && high - address >= BytesInRow)
-        svr4::copy_memory(address, row, BytesInRow);
-    else
-        memset(row, 0, BytesInRow);
-}
-
 void WriteRegisters(const svr4::SignalledContext& context, std::ostream& file)
 {
     for (size_t i = 0; i < svr4::RegisterCount; i++) {
@@ -97,7 +87,11 @@ void dumpmem(uintptr_t address, unsigned long length, const char* label, std::os
     }
     if (duplicates != 0) {
         WriteDuplicates(duplicates, file);
-        ReadRowIfMapped(end, row); // the row past the region closes the run; the region may end with its mapping
+        // The row past the region closes the run; the region may end with its mapping.
+        uintptr_t low, high;
+        memset(row, 0, BytesInRow);
+        if (svr4::mapping_of(end, &low, &high) == 0 && high - end >= BytesInRow)
+            svr4::copy_memory(end, row, BytesInRow);
         WriteRow(end, row, file);
     }
 }
