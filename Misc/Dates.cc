@@ -63,16 +63,12 @@ const char* Dates::GetDateTime(long moment) { return GetDateTime(Local(moment));
 
 long Dates::GetDateTime(const char* datetime)
 {
-    int month = 0, day = 0, year = 0, hour = 0, minute = 0, second = 0;
-    // The widths of the format bound the numbers; what it does not find stays 0, and mktime normalises the rest.
-    (void)sscanf(datetime, "%02d/%02d/%04d %02d:%02d:%02d", &month, &day, &year, &hour, &minute, &second);
     tm local = {};
-    local.tm_mon = month - 1;
-    local.tm_mday = day;
-    local.tm_year = year - 1900;
-    local.tm_hour = hour;
-    local.tm_min = minute;
-    local.tm_sec = second;
+    // The widths of the format bound the numbers; what it does not find stays 0, and mktime normalises the rest.
+    (void)sscanf(datetime, "%02d/%02d/%04d %02d:%02d:%02d", &local.tm_mon, &local.tm_mday, &local.tm_year,
+                 &local.tm_hour, &local.tm_min, &local.tm_sec);
+    local.tm_mon -= 1;
+    local.tm_year -= 1900;
     local.tm_isdst = -1;
     return CurrentTime(&local);
 }

@@ -13,8 +13,6 @@
 #include "Misc/nfstream.h"
 #include "Misc/proginfo.h"
 
-using zeloo::TextOrEmpty;
-
 [[maybe_unused]] static const char* ModuleId() { return "$Id: FaultId.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const char OutOfStore[] = "orvlaf: out of free store";
@@ -22,7 +20,7 @@ static const char OutOfStore[] = "orvlaf: out of free store";
 FaultId::FaultId() : myId(0) {}
 
 FaultId::FaultId(long fault_id, const char* Nodename)
-    : myId(fault_id), myNodename(*TextOrEmpty(Nodename) != '\0' ? Nodename : ProgInfo::GetNodeName())
+    : myId(fault_id), myNodename(*zeloo::TextOrEmpty(Nodename) != '\0' ? Nodename : ProgInfo::GetNodeName())
 {
     concatNodenameId(myId, myNodename);
 }
@@ -35,7 +33,7 @@ FaultId& FaultId::operator=(const char* NodenameIdStr)
 
 void FaultId::ConstFromStr(const char* NodenameIdStr)
 {
-    const char* text = TextOrEmpty(NodenameIdStr);
+    const char* text = zeloo::TextOrEmpty(NodenameIdStr);
     const char* separator = std::strchr(text, '/');
     if (separator == nullptr)
         separator = std::strchr(text, ':');

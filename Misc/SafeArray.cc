@@ -9,8 +9,6 @@
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/limits.h"
 
-using zeloo::MostElements;
-
 [[maybe_unused]] static const char* ModuleId() { return "$Id: SafeArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const unsigned FirstCapacity = 32;
@@ -112,7 +110,7 @@ void SafeArrayBase::Expand(int delta)
     if (delta == 0)
         return;
     // A negative delta shrinks by wrapping; one below minus the capacity wraps to a huge value, which is clipped.
-    unsigned capacity = std::min(myCapacity + static_cast<unsigned>(delta), MostElements);
+    unsigned capacity = std::min(myCapacity + static_cast<unsigned>(delta), zeloo::MostElements);
     capacity = std::max(capacity, myQuantity);
     if (capacity == myCapacity)
         return;
@@ -194,7 +192,7 @@ void SafeArrayBase::printAs(const char* element, std::ostream& os) const
     }
 }
 
-unsigned SafeArrayBase::Growth(unsigned n) { return n == 0 ? FirstCapacity : std::min(n, MostElements); }
+unsigned SafeArrayBase::Growth(unsigned n) { return n == 0 ? FirstCapacity : std::min(n, zeloo::MostElements); }
 
 SafeArrayIterBase::SafeArrayIterBase(const SafeArrayBase& a) : MyArray(a) { resetBackward(); }
 

@@ -10,8 +10,6 @@
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/text.h"
 
-using zeloo::TextOrEmpty;
-
 [[maybe_unused]] static const char* ModuleId() { return "$Id: state.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 // The state that an object may stay in whatever the table says.
@@ -69,7 +67,7 @@ int StateMachine::FindState(State& ThisState) const { return FindState(ThisState
 
 int StateMachine::FindState(const char* Abbrev) const
 {
-    Abbrev = TextOrEmpty(Abbrev);
+    Abbrev = zeloo::TextOrEmpty(Abbrev);
     StateSafeArrayIter state(States);
     for (; state(); ++state)
         if (std::strcmp(state()->Abbrev(), Abbrev) == 0)
@@ -94,7 +92,8 @@ State& StateMachine::GetState(const char* NewStateAbbrev)
     const int index = FindState(NewStateAbbrev);
     if (index >= 0)
         return *States[index];
-    zeloo::Report(*this, WARNING, INVALID_STATE, errno, ZELOO_HERE, "Invalid state: %s", TextOrEmpty(NewStateAbbrev));
+    zeloo::Report(*this, WARNING, INVALID_STATE, errno, ZELOO_HERE, "Invalid state: %s",
+                  zeloo::TextOrEmpty(NewStateAbbrev));
     return *States.first();
 }
 

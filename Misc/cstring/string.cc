@@ -162,10 +162,9 @@ void CString::delete_cp()
 void CString::takeOver(char* text)
 {
     CStringRep* r = new (std::nothrow) CStringRep(&text);
-    if (r == nullptr) {
-        delete[] text;
+    delete[] text; // null unless memory failed
+    if (r == nullptr)
         return;
-    }
     delete_cp();
     cp = r;
 }

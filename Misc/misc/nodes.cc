@@ -13,7 +13,6 @@
 #include <sys/stat.h>
 
 #include "Misc/CstrArray.h"
-#include "Misc/Error.h"
 #include "Misc/Error/report.h"
 #include "Misc/cstring.h"
 #include "Misc/detail/immortal.h"

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <optional>
 
 #include <sys/types.h>
@@ -36,10 +37,8 @@ long UnixProcess::GlobalUnixProcessMaxWaitTime = 0;
 // The arguments with one blank between them; empty when memory fails.
 static CString JoinArguments(const char** argv)
 {
-    char* text = zeloo::NewJoinedText(argv);
-    CString joined(text);
-    delete[] text;
-    return joined;
+    const std::unique_ptr<char[]> text(zeloo::NewJoinedText(argv));
+    return CString(text.get());
 }
 
 // What every child does first, while no signal reaches it.
