@@ -145,8 +145,8 @@ void** SafeArrayBase::GetPointers() const
     return copy;
 }
 
-// The searches hand over the address of the key, so that both arguments of `fptr` are pointers to element pointers. The C
-// library's functions may not be called with a null array.
+// The searches hand over the address of the key, so that both arguments of `fptr` are pointers to element pointers. The
+// C library's functions may not be called with a null array.
 void* SafeArrayBase::bsearch(const void* key, int (*fptr)(const void*, const void*)) const
 {
     ZELOO_REQUIRE(key != NULL, "Misc/SafeArray");

@@ -189,7 +189,7 @@ SafeArray<X>::SafeArray(const SafeArray& other) : SafeArrayBase(other.Capacity()
             AddPtr(copy);
 }
 
-/// For the source file of the element class X, whose header declares both: its name in dumps, and the code of its array.
+/// For the source file of the element class X, whose header declares both: its name in dumps and the code of its array.
 #define ZELOO_DEFINE_ARRAY(X)                                                                                          \
     template <>                                                                                                        \
     const char* SafeArray<X>::ElementName()                                                                            \

@@ -198,8 +198,8 @@ void ErrorReporter::Display() const
     std::cerr.write(text, length);
 }
 
-// One logged report: tag, type, version, cause, severity, level, node and processor number, bus type, bus and slot number,
-// software module, temperature, voltage, speed and count; then the program and the description. Most are constant.
+// One logged report: tag, type, version, cause, severity, level, node and processor number, bus type, bus and slot
+// number, software module, temperature, voltage, speed and count; then program and description. Most are constant.
 static const char LogFormat[] = "%d|Appl|1|S|%c|1|0|0|0|0|0|%s|0|0|0|1#%s %s|%s";
 
 static char SeverityLetter(short severity)

@@ -129,8 +129,8 @@ static void IgnoreSig(int sig)
     siglongjmp(captureContext, 1);
 }
 
-// Appends to the crash file a heading and what the process looks like: the stack dump and the object dump. A fault in one
-// of them ends that dump only; what else fails ends the process.
+// Appends to the crash file a heading and what the process looks like: the stack dump and the object dump. A fault in
+// one of them ends that dump only; what else fails ends the process.
 static void CaptureState(int sig)
 {
     SignalFile file(signal_filename, O_APPEND);

@@ -43,8 +43,8 @@ static CStringSafeArray& InValidNodes() { return zeloo::Immortal<CStringSafeArra
 static timespec nodesFileTime = {0, 0};  // the modification time of the node list file last read
 static bool missingFileReported = false; // since the file was last seen
 
-// Adds a copy of `text` to the list that reports call `name`. When memory fails or the list is full that is reported, and
-// the result is false: a caller somewhere in the network that makes up ever new names must not stop the process.
+// Adds a copy of `text` to the list that reports call `name`. When memory fails or the list is full that is reported,
+// and the result is false: a caller somewhere in the network that makes up ever new names must not stop the process.
 static bool AddCopy(CStringSafeArray& list, const char* name, const char* text)
 {
     CString* entry = list.Quantity() < zeloo::MostElements ? new (std::nothrow) CString(text) : nullptr;

@@ -236,8 +236,8 @@ int UnixProcess::initp(const char** argv)
     return ends[0];
 }
 
-// Puts `n` bytes behind the first `used` ones of `output` and returns how many are in use then. It grows to twice what it
-// needs, since every growth copies the whole; without memory for that the exact size may do. What finds none is dropped.
+// Puts `n` bytes behind the first `used` ones of `output` and returns how many are in use then. It grows to twice what
+// it needs, since each growth copies the whole; without memory for that the exact size may do. What finds none is lost.
 static unsigned Collect(Buffer& output, unsigned used, const char* bytes, unsigned n)
 {
     const uint64_t end = uint64_t{used} + n;
@@ -258,8 +258,8 @@ static void Trim(Buffer& output, unsigned used)
     output.AssignPtr(trimmed != nullptr ? trimmed : block, used);
 }
 
-// Collects what comes from `fd` in `output`, which is empty, for at most `limit` seconds unless that is 0. False when the
-// time ran out.
+// Collects what comes from `fd` in `output`, which is empty, for at most `limit` seconds unless that is 0. False when
+// the time ran out.
 static bool ReadToEnd(int fd, long limit, Buffer& output)
 {
     std::optional<zeloo::TimedCall> timed;
