@@ -76,6 +76,10 @@ public:
     /// prints why and closes the endpoint.
     short Tlisten();
 
+    /// The descriptor behind the endpoint, -1 when closed: to wait with poll(2) for what comes, and to ask the host
+    /// about the connection. It stays the endpoint's own.
+    int Descriptor() const { return fd; }
+
     /// Disconnects. What was sent still reaches the peer; nothing can be sent any more.
     void Tshutdown();
     /// Closes this process's endpoint without disconnecting: a connection of which another process has a copy goes on.

@@ -12,7 +12,9 @@
 #include <cstdint>
 #include <string>
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -53,14 +55,16 @@ inline RawRecord MakeReply(int event, int resultCode)
     return record;
 }
 
-inline struct sockaddr_in Loopback(int port)
+inline struct sockaddr_in SocketAddress(const char* host, int port)
 {
     struct sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_pton(AF_INET, host, &address.sin_addr);
     return address;
 }
+
+inline struct sockaddr_in Loopback(int port) { return SocketAddress("127.0.0.1", port); }
 
 /// One end of a connection, closed with the object.
 class RawSocket {
@@ -70,10 +74,10 @@ public:
     RawSocket(const RawSocket&) = delete;
     RawSocket& operator=(const RawSocket&) = delete;
 
-    bool Connect(int port = Port)
+    bool Connect(int port = Port, const char* host = "127.0.0.1")
     {
         fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const struct sockaddr_in address = Loopback(port);
+        const struct sockaddr_in address = SocketAddress(host, port);
         return connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) == 0;
     }
     /// Begins to connect, and does not wait for the peer; false when that is refused at once.
@@ -114,11 +118,12 @@ public:
         return recv(fd, bytes, size, MSG_WAITALL) == static_cast<ssize_t>(size);
     }
     bool Receive(RawRecord* record) const { return Receive(record->bytes.data(), record->bytes.size()); }
-    /// Whether the peer has closed, in order or not, and nothing is left to receive.
+    /// Whether the peer closes within 20 seconds, in order or not, and nothing is left to receive.
     bool AtEnd() const
     {
+        struct pollfd descriptor = {fd, POLLIN, 0};
         char byte;
-        return recv(fd, &byte, 1, 0) <= 0;
+        return poll(&descriptor, 1, 20000) > 0 && recv(fd, &byte, 1, 0) <= 0;
     }
 
     /// Closes with a reset.
