@@ -1,132 +1,22 @@
 // Clients on other hosts: relayd, run for real, between TCP connections and a server's queue.
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
-#include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sched.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "Misc/ipcobject.h"
-#include "Misc/ipctli.h"
-#include "tests/support/raw_tcp_peer.h"
-#include "tests/unit/echo_testing.h"
+#include "tests/system/relayd_testing.h"
 
-using namespace ipcq_testing;
+using namespace relayd_testing;
 
 namespace {
-
-const std::string Relayd = ProgramUnderTest(RELAYD);
-const char FarHost[] = "far"; // another address of this host, so that it counts as another host
-const short GoneEvent = -1;
-
-/// The children of a process; zombies count.
-std::vector<pid_t> ChildrenOf(pid_t pid)
-{
-    std::vector<pid_t> children;
-    const std::string number = std::to_string(pid);
-    std::ifstream in("/proc/" + number + "/task/" + number + "/children");
-    for (pid_t child; in >> child;)
-        children.push_back(child);
-    return children;
-}
-
-/// A connection made by hand, for whole records.
-class RawConnection : public RawSocket {
-public:
-    RawConnection() : connected(Connect()) {}
-    using RawSocket::Send;
-    bool Send(const TliMsgStruct& record) const { return Send(&record, sizeof record); }
-    bool Receive(TliMsgStruct& record) const { return RawSocket::Receive(&record, sizeof record); }
-    bool IsClosedByPeer() const { return AtEnd(); }
-
-    const bool connected;
-};
-
-TliMsgStruct Record(short event, const std::string& data = "", bool response = false, bool ack = false)
-{
-    TliMsgStruct record = {};
-    std::strcpy(record.senders_version, "2.1");
-    std::strcpy(record.origprog, "raw");
-    std::strcpy(record.orignode, "faraway");
-    record.event = event;
-    record.response_rqd = response;
-    record.ack_rqd = ack;
-    record.result_code = -1;
-    record.alloc_data_length = static_cast<int32_t>(data.size());
-    record.send_data_length = static_cast<int16_t>(data.size());
-    std::memcpy(record.msg_data, data.data(), data.size());
-    return record;
-}
-
-TliMsgStruct ProbeRecord(short object = 0)
-{
-    TliMsgStruct record = {};
-    record.object = object;
-    record.QueueExistCheck = 1;
-    return record;
-}
-
-class RelaydTest : public EchoTest {
-protected:
-    static void SetUpTestSuite()
-    {
-        if (!InSandbox())
-            return;
-        std::ofstream("/etc/services", std::ios::app) << "\norvd 4711/tcp\nhello 4712/tcp\n";
-        std::ofstream("/etc/hosts", std::ios::app) << "\n127.0.0.2 " << FarHost << "\n";
-    }
-    void TearDown() override
-    {
-        EchoTest::TearDown();
-        if (relay > 0) {
-            EXPECT_EQ(EndRelay(), 0) << Log();
-        }
-    }
-
-    void StartRelay(const std::vector<std::string>& arguments = {})
-    {
-        relay = StartProgram(Relayd, arguments, directory.File("relayd.log"));
-        ASSERT_TRUE(WaitUntil([] { return RawConnection().connected; })) << Log();
-        { // it is answered when the ones before it have got their processes
-            RawConnection last;
-            TliMsgStruct answer;
-            EXPECT_TRUE(last.Send(ProbeRecord()) && last.Receive(answer));
-        }
-        EXPECT_TRUE(Serves(0));
-    }
-    int EndRelay(int signal = SIGTERM)
-    {
-        const int code = EndChild(relay, signal);
-        relay = 0;
-        return code;
-    }
-    std::string Log() const { return ReadFile(directory.File("relayd.log")); }
-    /// Waits until the relay serves `n` connections.
-    bool Serves(size_t n) const
-    {
-        return WaitUntil([&] { return ChildrenOf(relay).size() == n; });
-    }
-
-    TemporaryDirectory directory;
-    pid_t relay = 0;
-};
-
-std::unique_ptr<IPCClient> FarClient(short object = 0, const char* name = "orvd")
-{
-    return std::make_unique<IPCClient>(object, name, FarHost);
-}
 
 // ---- The same over both transports ------------------------------------------------------------------------------
 
@@ -184,10 +74,10 @@ TEST_P(BothTransports, NamesTheSender)
 {
     IPCClient client(0, "orvd", Node(), GetParam());
     client.RegisterProgramName("/opt/orv/bin/client");
-    client.RegisterNodeName("the node");
+    client.RegisterNodeName(FarHost);
     EXPECT_EQ(client.send_event_with_response(Who, nullptr, 0), 0);
     EXPECT_EQ(client.receive_response(event, data), 0);
-    EXPECT_EQ(Bytes(data), "/opt/orv/bin/client|the node");
+    EXPECT_EQ(Bytes(data), "/opt/orv/bin/client|far");
 }
 
 TEST_P(BothTransports, KeepsTheOrderOfEvents)
@@ -292,7 +182,7 @@ TEST_F(RelaydTest, AnswersProbesAndEventsWithWholeRecords)
     EXPECT_EQ(answer.result_code, 0x21);
     ASSERT_TRUE(connection.Receive(answer));
     EXPECT_EQ(answer.event, Who) << "asked for both, it gets both";
-    EXPECT_EQ(std::string(answer.msg_data, 11), "raw|faraway");
+    EXPECT_EQ(std::string(answer.msg_data, 7), "raw|far");
 }
 
 TEST_F(RelaydTest, TellsItsClientThatTheServerHasGone)
@@ -589,37 +479,24 @@ TEST_F(RelaydTest, APulledCableOnlyDelays)
     const auto reached = [&](const char* step) { return access(directory.File(step).c_str(), F_OK) == 0; };
     const auto await = [&](const char* step) { return WaitUntil([&] { return reached(step); }); };
     const auto reach = [&](const char* step) { WriteFile(directory.File(step), ""); };
-    const pid_t client = StartChild([&] { // on a host of its own
-        CHILD_CHECK(unshare(CLONE_NEWNET) == 0);
-        reach("unshared");
-        CHILD_CHECK(await("cabled"));
-        ReconnectClient client(0, "orvd", "192.0.2.1");
-        client.SetRetryCount(1);
-        Buffer answer;
-        CHILD_CHECK(client.SendEventWithResponse(Echo, answer, Echo, "1", 1) == 0);
+    SecondHost second([&] {
+        IPCClient client(0, "orvd", FirstAddress);
+        client.RegisterNodeName("second");
+        CHILD_CHECK(client.send_event_wait_ack(Echo, "\x01", 1) == 1);
         reach("connected");
         CHILD_CHECK(await("pulled"));
-        CHILD_CHECK(client.SendEventWithResponse(Echo, answer, Echo, "2", 1) == 0);
-        CHILD_CHECK(Bytes(answer) == "2");
+        CHILD_CHECK(client.send_event_wait_ack(Echo, "\x02", 1) == 2);
         CHILD_CHECK(reached("put back"));
         CHILD_CHECK(system("ip link set cable down") == 0); // the network is unreachable: no waiting
-        CHILD_CHECK(!IPCClient(0, "orvd", "192.0.2.1").Connected());
+        CHILD_CHECK(!IPCClient(0, "orvd", FirstAddress).Connected());
     });
-    ASSERT_TRUE(await("unshared"));
-    const std::string pid = std::to_string(client);
-    const std::string cable = "ip link add cable type veth peer name cable netns " + pid +
-                              " && ip address add 192.0.2.1/24 dev cable && ip link set cable up"
-                              " && nsenter --net --target " +
-                              pid + " sh -c 'ip address add 192.0.2.2/24 dev cable && ip link set cable up'";
-    ASSERT_EQ(system(cable.c_str()), 0);
-    reach("cabled");
     ASSERT_TRUE(await("connected"));
-    EXPECT_EQ(system("ip link set cable down"), 0);
+    EXPECT_TRUE(second.PullCable());
     reach("pulled");
     usleep(700000);
     reach("put back");
-    EXPECT_EQ(system("ip link set cable up"), 0);
-    EXPECT_EQ(WaitForExit(client), 0);
+    EXPECT_TRUE(second.PutCableBack());
+    EXPECT_EQ(second.WaitForExit(), 0);
 }
 
 TEST_F(RelaydTest, ManyConnectionsComeAndGo)
@@ -651,8 +528,17 @@ TEST_F(RelaydTest, ComplainsOfWrongUsage)
     };
     EXPECT_EQ(run({"--help"}), 0);
     EXPECT_NE(Log().find("Exit codes: 0 ended as asked, 1 could not listen, 2 wrong usage.\n"), std::string::npos);
-    const std::vector<std::string> wrong[] = {
-        {"orvd"}, {"--service"}, {"--object", "1"}, {"--object", "x", "n"}, {"--object", "99999", "n"}};
+    const std::vector<std::string> wrong[] = {{"orvd"},
+                                              {"--service"},
+                                              {"--object", "1"},
+                                              {"--object", "x", "n"},
+                                              {"--object", "99999", "n"},
+                                              {"--max-connections", "0"},
+                                              {"--max-connections", "1x"},
+                                              {"--max-connections"},
+                                              {"--keepalive", "0"},
+                                              {"--keepalive", "32768"},
+                                              {"--trust-node-names", "yes"}};
     for (const std::vector<std::string>& arguments : wrong) {
         EXPECT_EQ(run(arguments), 2);
         EXPECT_EQ(Log().find("usage: relayd "), 0u);
