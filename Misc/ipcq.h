@@ -116,7 +116,8 @@ ZELOO_API short copy_from_shmem(long shmid, Buffer& Data, long offset, long size
 ZELOO_API void delete_shmem_id(long shmid);
 
 /// Moves the messages that wait on a channel into `MsgArray`, which owns them, oldest first. Does not wait. Malformed
-/// messages are dropped with a report. Stops silently when memory fails or the array is full; `errno` is kept.
+/// messages are dropped with a report. Takes what was there when it began, until the array holds 8,192 messages. Stops
+/// silently when memory fails; `errno` is kept.
 ZELOO_API void DrainIPCMessages(int ORVM_msqid, long FromChannel, IPCQMsgSafeArray& MsgArray);
 
 /// Writes the queue's counters and the message sizes.
@@ -175,6 +176,11 @@ public:
 /// shutdown of a server.
 extern ZELOO_API InternalQMessageSafeArray* InternalQMsgsPtr;
 
+namespace zeloo {
+class Mail;
+struct QueueEnd;
+} // namespace zeloo
+
 /// One end of a server's queue: what servers and clients share. An object belongs to the process that made it: in a
 /// forked child, its Shutdown, destructor and SigTermProc leave queue, semaphore set and mail alone. A program that goes
 /// into the background makes it afterwards.
@@ -190,7 +196,7 @@ public:
 
     /// Sends an event with `len` bytes of data to a process. Data larger than a block travels in several, the first
     /// of which is acknowledged by the receiver within 300 seconds. Data whose length is a multiple of the block
-    /// size is followed by an empty block. An event to this process itself does not use the queue: it waits in
+    /// size is followed by an empty block. What was put on the queue for an event that failed is taken back. An event to this process itself does not use the queue: it waits in
     /// `*InternalQMsgsPtr`; one that asks for a response or an acknowledgement is refused (60, with a report). So
     /// are, with a report of type BAD_IPC_PARAMETER, a negative length, a null `ptr` with a length, and data of more
     /// than 32768 blocks. Returns a code.
@@ -203,20 +209,28 @@ public:
     /// before those on the queue. When the receive limit runs out, the result is 0 with the event `TimeOutEvent`
     /// from the program "Internal" on this node.
     ///
-    /// A malformed first block is dropped with a report, and the wait goes on. So is, when events are taken from
-    /// anybody, a transfer with a malformed later block; when a response is awaited, that gives 60. Returns a code;
-    /// 69 only when a later block does not come in time. What was received of a broken event stays in `Data`.
+    /// A malformed first block is dropped with a report, and the wait goes on. A later block that does not fit, and an
+    /// event whose sender has gone on to another one, give 60. Within a transfer a partner that has died is noticed
+    /// within a fifth of a second. Returns a code; 69 only when a later block does not come in time. What was received
+    /// of a broken event stays in `Data`.
     short IPCReceive(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data, short& EventStatus,
                      short& ResponseRqd, short& AckRqd);
 
     /// Saves the messages that wait for this process, so that its own mail does not fill the queue on which it is
     /// about to wait. They are delivered by the next receives, oldest first. A client in the server's own process
-    /// saves nothing: that mail is the server's. `errno` is kept.
+    /// saves nothing: that mail is the server's; so does a forked child. At most 8,192 messages are saved (twice as many
+    /// while the process itself waits within a transfer); what is beyond stays on the queue, whose limit its senders then
+    /// meet. `errno` is kept.
     void IPCDrain();
 
     /// Limits in seconds; 0 waits for ever.
     void SetReceiveTimeOut(long seconds) { ReceiveTimeOut = seconds; }
     void SetSendTimeOut(long seconds) { SendTimeOut = seconds; }
+    /// Bounds in seconds how long a living partner may be silent within a transfer of several blocks: each wait for an
+    /// acknowledgement, for a block after the first, and for room for such a block. After that the event is dropped with
+    /// a report (69 for an acknowledgement or block, 70 for room). 0, the value at first: 300 seconds for an
+    /// acknowledgement, the receive limit for a block (a server then waits for ever), the send limit for room.
+    void SetTransferTimeOut(long seconds) { TransferTimeOut = seconds; }
 
     /// Who sent the last event that was received; empty when nobody did.
     const char* LastSendersProgramName() const { return SendersProgramName; }
@@ -239,12 +253,26 @@ protected:
     char SendersProgramName[80];
     char SendersNodeName[80];
 
+    /// IPCReceive from anybody, for a server that goes on: an event of which a block does not fit, or whose sender was
+    /// silent for the transfer limit, is dropped with a report, and the wait goes on.
+    short ReceiveFromAnybody(short& REvent, short TimeOutEvent, Buffer& Data, short& EventStatus, short& ResponseRqd,
+                             short& AckRqd);
+    /// Puts back on the queue what was kept for others, for whose room it waits a second at most.
+    void LeaveQueue();
+
 private:
+    friend class zeloo::Mail;
+    zeloo::QueueEnd End();
+    short ReceiveEvent(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data, short& EventStatus,
+                       short& ResponseRqd, short& AckRqd);
     short SendInternal(const char* FromProg, const char* FromNode, short Object, short event, const void* ptr, long len,
                        short status);
     void ClearEvent(Buffer& Data, short& EventStatus, short& ResponseRqd, short& AckRqd);
     short ReceiveInternal(short& REvent, Buffer& Data, short& EventStatus, short& ResponseRqd, short& AckRqd);
     short TakeFirstBlock(long MessageSenderPID);
+
+    long TransferTimeOut;
+    zeloo::Mail* mail; // owned; null when there was no memory for it
 };
 
 /// The server end of a queue. A server process has one; it receives events from everybody and answers the last
@@ -267,7 +295,9 @@ public:
     /// Waits for the next event; for ever unless a receive limit is set. Returns the sender's status: -1 for the
     /// requests of clients, the status given to an event sent by this process to itself, 0 for the time-out event;
     /// a code with `REvent` 0 on failure. When the queue has gone or fails (65, 60), what is left of it is removed
-    /// and the failure is a PANIC report.
+    /// and the failure is a PANIC report. An event of which a block does not fit is dropped with a report, and the wait
+    /// goes on: no client's bad block ends a server. But one that lives and is silent in the middle of an event holds it,
+    /// for ever unless SetTransferTimeOut is used.
     short receive_event(short& REvent, Buffer& Data, short& ResponseRqd, short& AckRqd);
 
     /// Answers the sender of the last event. Returns a code.

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -47,22 +48,39 @@ static uintptr_t CurrentBreak() { return reinterpret_cast<uintptr_t>(sbrk(0)); }
 // the second choice.
 static const uintptr_t BreakAtLoad = CurrentBreak();
 
-// The value of field `number` of /proc/self/stat, counted from 1; 0 when it cannot be read. The second field, the
-// program's name in parentheses, may itself hold blanks and parentheses: fields are counted from its end.
-static uintptr_t StatusField(int number)
+// The status line of a process (0: this one) behind its second field, the program's name in parentheses, which may itself
+// hold blanks and parentheses: at the blank before the third. Null when it cannot be read.
+static const char* StatusBehindName(long pid, char (&text)[2048])
 {
-    char text[2048];
-    const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
+    char path[40] = "/proc/self/stat";
+    if (pid != 0)
+        std::snprintf(path, sizeof path, "/proc/%ld/stat", pid);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        return 0;
+        return nullptr;
     const ssize_t length = read(fd, text, sizeof text - 1);
     close(fd);
     if (length <= 0)
-        return 0;
+        return nullptr;
     text[length] = '\0';
+    const char* parenthesis = std::strrchr(text, ')');
+    return parenthesis == nullptr ? nullptr : parenthesis + 1;
+}
 
-    const char* at = std::strrchr(text, ')');
-    for (int field = 2; at != nullptr && field < number; field++)
+bool is_zombie(long pid)
+{
+    const SavedErrno savedErrno;
+    char text[2048];
+    const char* state = pid > 0 ? StatusBehindName(pid, text) : nullptr;
+    return state != nullptr && (state[1] == 'Z' || state[1] == 'X');
+}
+
+// The value of field `number`, counted from 1, of this process's status; 0 when it cannot be read.
+static uintptr_t StatusField(int number)
+{
+    char text[2048];
+    const char* at = StatusBehindName(0, text);
+    for (int field = 3; at != nullptr && field < number; field++)
         at = std::strchr(at + 1, ' ');
     return at == nullptr ? 0 : std::strtoull(at, nullptr, 10);
 }

@@ -4,14 +4,12 @@
 
 #include <unistd.h>
 
-#include "Misc/detail/limits.h"
+#include "Misc/Error/report.h"
+#include "Misc/detail/owner.h"
 #include "Misc/detail/text.h"
-#include "Misc/ipcq/message.h"
 #include "Misc/ipcq/transfer.h"
-#include "Misc/ipcq/wait.h"
 #include "Misc/proginfo.h"
 #include "Misc/wire/blocks.h"
-#include "svr4/errno.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -35,11 +33,16 @@ InternalQMessageSafeArray* InternalQMsgsPtr = nullptr;
 
 IPCQBase::IPCQBase(const char* pServerName)
     : ReceiveTimeOut(900), SendTimeOut(60), MyQueueID(-1), MyPID(getpid()), ServerPID(-1),
-      ServerName(zeloo::NewText(pServerName)), SendersPID(-1), SendersProgramName(), SendersNodeName()
+      ServerName(zeloo::NewText(pServerName)), SendersPID(-1), SendersProgramName(), SendersNodeName(),
+      TransferTimeOut(0), mail(new (std::nothrow) zeloo::Mail(*this))
 {
 }
 
-IPCQBase::~IPCQBase() { delete[] ServerName; }
+IPCQBase::~IPCQBase()
+{
+    delete mail;
+    delete[] ServerName;
+}
 
 void IPCQBase::dumpOn(std::ostream& out) const
 {
@@ -61,6 +64,8 @@ short IPCQBase::IPCSend(const char* FromProg, const char* FromNode, const char* 
     const bool internal = ToPID == MyPID;
     if (!internal && MyQueueID < 0)
         return IPC_CONNECTION_LOST;
+    if (!internal && mail == nullptr)
+        return OUT_OF_MEMORY;
     const int blockSize = zeloo::SendingBlockSize();
     const int64_t longest = internal ? INT32_MAX : zeloo::wire::Cutter::LongestData(blockSize);
     if (len < 0 || len > longest || (ptr == nullptr && len > 0)) {
@@ -87,8 +92,7 @@ short IPCQBase::IPCSend(const char* FromProg, const char* FromNode, const char* 
     LocalMsg.response_rqd = response_required;
     LocalMsg.ack_rqd = ack_required;
     LocalMsg.result_code = status;
-    const zeloo::QueueEnd end = {*this, MyQueueID, MyPID, SendTimeOut, ReceiveTimeOut};
-    return zeloo::SendEvent(end, ToPID, static_cast<const char*>(ptr), static_cast<int32_t>(len), blockSize);
+    return zeloo::SendEvent(End(), ToPID, static_cast<const char*>(ptr), static_cast<int32_t>(len), blockSize);
 }
 
 short IPCQBase::SendInternal(const char* FromProg, const char* FromNode, short Object, short event, const void* ptr,
@@ -119,43 +123,63 @@ short IPCQBase::SendInternal(const char* FromProg, const char* FromNode, short O
     return NO_ERRORS;
 }
 
+zeloo::QueueEnd IPCQBase::End()
+{
+    return {*this, *mail, MyQueueID, MyPID, SendTimeOut, ReceiveTimeOut, TransferTimeOut};
+}
+
 short IPCQBase::IPCReceive(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data, short& EventStatus,
                            short& ResponseRqd, short& AckRqd)
 {
+    const short code = ReceiveEvent(REvent, MessageSenderPID, TimeOutEvent, Data, EventStatus, ResponseRqd, AckRqd);
+    switch (code) {
+    case zeloo::BrokenEvent: errno = 0; return IPC_ERROR;
+    case zeloo::StalledEvent: return IPC_RECV_TIME_OUT;
+    default: return code;
+    }
+}
+
+short IPCQBase::ReceiveEvent(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data, short& EventStatus,
+                             short& ResponseRqd, short& AckRqd)
+{
+    ClearEvent(Data, EventStatus, ResponseRqd, AckRqd);
+    if (MessageSenderPID == 0 && InternalQMsgsPtr != nullptr && InternalQMsgsPtr->Quantity() > 0)
+        return ReceiveInternal(REvent, Data, EventStatus, ResponseRqd, AckRqd);
+    if (MyQueueID < 0)
+        return IPC_CONNECTION_LOST;
+    if (mail == nullptr)
+        return OUT_OF_MEMORY;
+
+    const short code = TakeFirstBlock(MessageSenderPID);
+    IPCDrain();
+    if (code == IPC_RECV_TIME_OUT) {
+        zeloo::CopyText(SendersProgramName, "Internal");
+        zeloo::CopyText(SendersNodeName, ProgInfo::GetNodeName());
+        REvent = TimeOutEvent;
+        return NO_ERRORS;
+    }
+    if (code != NO_ERRORS)
+        return code;
+
+    REvent = LocalMsg.event;
+    SendersPID = LocalMsg.senders_pid;
+    zeloo::CopyText(SendersProgramName, LocalMsg.origprog);
+    zeloo::CopyText(SendersNodeName, LocalMsg.orignode);
+    ResponseRqd = LocalMsg.response_rqd;
+    AckRqd = LocalMsg.ack_rqd;
+    EventStatus = LocalMsg.result_code;
+    return zeloo::ReceiveData(End(), Data);
+}
+
+short IPCQBase::ReceiveFromAnybody(short& REvent, short TimeOutEvent, Buffer& Data, short& EventStatus,
+                                   short& ResponseRqd, short& AckRqd)
+{
     for (;;) {
-        ClearEvent(Data, EventStatus, ResponseRqd, AckRqd);
-        if (MessageSenderPID == 0 && InternalQMsgsPtr != nullptr && InternalQMsgsPtr->Quantity() > 0)
-            return ReceiveInternal(REvent, Data, EventStatus, ResponseRqd, AckRqd);
-        if (MyQueueID < 0)
-            return IPC_CONNECTION_LOST;
-
-        short code = TakeFirstBlock(MessageSenderPID);
-        IPCDrain();
-        if (code == IPC_RECV_TIME_OUT) {
-            zeloo::CopyText(SendersProgramName, "Internal");
-            zeloo::CopyText(SendersNodeName, ProgInfo::GetNodeName());
-            REvent = TimeOutEvent;
-            return NO_ERRORS;
-        }
-        if (code != NO_ERRORS)
+        const short code = ReceiveEvent(REvent, 0, TimeOutEvent, Data, EventStatus, ResponseRqd, AckRqd);
+        if (code == zeloo::BrokenEvent)
+            zeloo::Report(*this, WARNING, IPC_ERROR, 0, ZELOO_HERE, "Multi-block event dropped, a block does not fit.");
+        else if (code != zeloo::StalledEvent)
             return code;
-
-        REvent = LocalMsg.event;
-        SendersPID = LocalMsg.senders_pid;
-        zeloo::CopyText(SendersProgramName, LocalMsg.origprog);
-        zeloo::CopyText(SendersNodeName, LocalMsg.orignode);
-        ResponseRqd = LocalMsg.response_rqd;
-        AckRqd = LocalMsg.ack_rqd;
-        EventStatus = LocalMsg.result_code;
-        code = zeloo::ReceiveData({*this, MyQueueID, MyPID, SendTimeOut, ReceiveTimeOut}, Data);
-        if (code != zeloo::BrokenTransfer)
-            return code;
-
-        errno = 0;
-        _ReportError(WARNING, IPC_ERROR, "Multi-block event dropped, a block does not fit.", ModuleId(), __LINE__);
-        if (MessageSenderPID != 0)
-            return IPC_ERROR;
-        // The event of one bad sender is no reason for a server to give up its queue: wait for the next.
     }
 }
 
@@ -192,39 +216,31 @@ short IPCQBase::ReceiveInternal(short& REvent, Buffer& Data, short& EventStatus,
 // Puts the first block of the next event into LocalMsg: a saved one if there is one, else from the queue.
 short IPCQBase::TakeFirstBlock(long MessageSenderPID)
 {
+    mail->ClearTheDead(0);
     while (const IPCQMsg* saved = MsgArray.first()) {
         LocalMsg = saved->msg;
         zeloo::LocalMessage.length = static_cast<size_t>(IPCMessageNonDataSize + LocalMsg.msg_data_len);
         MsgArray.RemoveAt(0);
-        if (zeloo::FirstBlock(zeloo::LocalMessage))
+        if (zeloo::FirstBlock(zeloo::LocalMessage, MyPID))
             return NO_ERRORS;
         zeloo::ReportMalformed(MyQueueID);
     }
-    return zeloo::ReceiveMessage(MyQueueID, MyPID, zeloo::LocalMessage, zeloo::FirstBlock, MessageSenderPID,
-                                 ReceiveTimeOut, nullptr);
+    return zeloo::ReceiveFirstBlock(End(), MessageSenderPID);
 }
 
 void IPCQBase::IPCDrain()
 {
-    const bool serversMail = !is_a_server() && MyPID == ServerPID;
-    if (MyQueueID >= 0 && !serversMail)
-        DrainIPCMessages(MyQueueID, MyPID, MsgArray);
+    if (mail != nullptr && zeloo::IsOwner(MyPID))
+        mail->Save(zeloo::MostSaved);
+}
+
+void IPCQBase::LeaveQueue()
+{
+    if (mail != nullptr && MyQueueID >= 0 && zeloo::IsOwner(MyPID))
+        mail->GiveAllBack();
 }
 
 void DrainIPCMessages(int ORVM_msqid, long FromChannel, IPCQMsgSafeArray& MsgArray)
 {
-    static IPCQMsg* spare = nullptr; // kept from call to call, as most of them find nothing
-    const svr4::SavedErrno savedErrno;
-    zeloo::ReceivedMessage message;
-    while (MsgArray.Quantity() < zeloo::MostElements) {
-        if (spare == nullptr)
-            spare = new (std::nothrow) IPCQMsg;
-        if (spare == nullptr ||
-            zeloo::TakeMessage(ORVM_msqid, FromChannel, message, zeloo::CompleteMessage, IPC_NOWAIT) != 0)
-            break;
-        IPCQMsg* holder = spare;
-        spare = nullptr;
-        holder->msg = message.msg();
-        MsgArray.AddItem(holder);
-    }
+    zeloo::SaveMail(ORVM_msqid, FromChannel, MsgArray, zeloo::MostSaved);
 }

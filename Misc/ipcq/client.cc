@@ -63,4 +63,5 @@ void IPCQClient::Shutdown()
 {
     if (Connected() && zeloo::IsOwner(MyPID))
         IPCDrain();
+    LeaveQueue();
 }

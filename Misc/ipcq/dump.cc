@@ -64,7 +64,7 @@ void DumpIPCStatus(int ORVM_msqid, std::ostream& out)
 void DumpIPCMessages(int ORVM_msqid, std::ostream& out)
 {
     zeloo::ReceivedMessage message;
-    while (zeloo::TakeMessage(ORVM_msqid, 0, message, zeloo::AnyMessage, IPC_NOWAIT) == 0) {
+    while (zeloo::TakeMessage(ORVM_msqid, 0, message, IPC_NOWAIT) == 0) {
         out << "Message stranded on queue:\n";
         DumpIPCMessage(&message.msg(), out);
         // A record cut short names no segment: its field is zero, and segment 0 is somebody else's.

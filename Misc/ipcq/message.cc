@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Misc/Error/report.h"
+#include "Misc/detail/timedcall.h"
 #include "Misc/wire/records.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -25,32 +26,25 @@ IPCQMessage& LocalMsg = zeloo::LocalMessage.area.record.msg;
 
 namespace zeloo {
 
-bool AnyMessage(const ReceivedMessage&) { return true; }
-
 bool CompleteMessage(const ReceivedMessage& message) { return wire::IsComplete(message.msg(), message.length); }
 
-bool FirstBlock(const ReceivedMessage& message)
+bool FirstBlock(const ReceivedMessage& message, long receiver)
 {
-    return wire::StartsEvent(message.msg(), message.length, SegmentSizeOf(message.msg()));
+    return wire::StartsEvent(message.msg(), message.length, SegmentSizeOf(message.msg()), receiver);
 }
 
 int64_t SegmentSizeOf(const IPCQMessage& message) { return message.shmem_id >= 0 ? SegmentSize(message.shmem_id) : -1; }
 
-int TakeMessage(int queue, long channel, ReceivedMessage& message, MessageCheck check, int flags)
+int TakeMessage(int queue, long channel, ReceivedMessage& message, int flags)
 {
-    for (;;) {
-        const ssize_t n =
-            svr4::msgrcv(queue, &message.area.record, IPCMessageDataSize + 1, channel, flags | MSG_NOERROR);
-        if (n < 0)
-            return errno;
-        message.length = static_cast<size_t>(n);
-        const size_t used = sizeof message.msg().mtype + message.length;
-        if (used < sizeof(IPCQMessage))
-            std::memset(reinterpret_cast<char*>(&message.area.record) + used, 0, sizeof(IPCQMessage) - used);
-        if (check(message))
-            return 0;
-        ReportMalformed(queue);
-    }
+    const ssize_t n = svr4::msgrcv(queue, &message.area.record, IPCMessageDataSize + 1, channel, flags | MSG_NOERROR);
+    if (n < 0)
+        return errno;
+    message.length = static_cast<size_t>(n);
+    const size_t used = sizeof message.msg().mtype + message.length;
+    if (used < sizeof(IPCQMessage))
+        std::memset(reinterpret_cast<char*>(&message.area.record) + used, 0, sizeof(IPCQMessage) - used);
+    return 0;
 }
 
 int PutMessage(int queue, IPCQMessage* message, int flags)
@@ -59,17 +53,43 @@ int PutMessage(int queue, IPCQMessage* message, int flags)
     return svr4::msgsnd(queue, message, length, flags) == 0 ? 0 : errno;
 }
 
+unsigned long WaitingMessages(int queue)
+{
+    struct msqid_ds status;
+    return msgctl(queue, IPC_STAT, &status) == 0 ? status.msg_qnum : 0;
+}
+
 void DiscardMessages(int queue, long channel)
 {
-    svr4::MessageArea<int32_t> area;
-    while (svr4::msgrcv(queue, &area.record, 0, channel, IPC_NOWAIT | MSG_NOERROR) >= 0) {
-    }
+    TakeWaiting(queue, channel, [](const ReceivedMessage&) { return true; });
 }
+
+// Who puts rubbish on a queue can do it many thousand times a second.
+static const int64_t ReportMilliseconds = 1000;
+static int64_t lastReport = -ReportMilliseconds;
+static long unreported = 0;
 
 void ReportMalformed(int queue)
 {
-    Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, 0, ZELOO_HERE, "Malformed message dropped from queue %d.",
-           queue);
+    unreported++;
+    ReportMoreMalformed(queue);
+}
+
+bool MoreAreMalformed() { return unreported > 0; }
+
+void ReportMoreMalformed(int queue)
+{
+    const int64_t now = MillisecondsNow();
+    if (unreported == 0 || now - lastReport < ReportMilliseconds)
+        return;
+    if (unreported == 1)
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, 0, ZELOO_HERE,
+               "Malformed message dropped from queue %d.", queue);
+    else
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, 0, ZELOO_HERE,
+               "%ld malformed messages dropped from queue %d.", unreported, queue);
+    lastReport = now;
+    unreported = 0;
 }
 
 bool QueueIsGone(int error) { return error == EINVAL || error == EIDRM || error == ENOENT; }

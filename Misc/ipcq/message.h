@@ -26,26 +26,36 @@ struct ReceivedMessage {
 /// The place of LocalMsg.
 extern ReceivedMessage LocalMessage;
 
-/// What a receiver asks of a message; one that does not meet it is malformed.
-typedef bool (*MessageCheck)(const ReceivedMessage&);
-bool AnyMessage(const ReceivedMessage&);
-/// Header and inline data lie within what was received.
-bool CompleteMessage(const ReceivedMessage&);
-/// A sound first block, with its segment if it names one.
-bool FirstBlock(const ReceivedMessage&);
+/// Whether header and inline data lie within what was received.
+bool CompleteMessage(const ReceivedMessage& message);
+/// Whether it is a sound first block for the process `receiver`, with its segment if it names one.
+bool FirstBlock(const ReceivedMessage& message, long receiver);
 
-/// Takes the oldest message of a channel (0: of any) that meets `check` off the queue; the bytes that it did not fill
-/// become zero. The others are dropped with a report. `flags` are those of msgrcv. Returns 0 or the `errno` of msgrcv.
-int TakeMessage(int queue, long channel, ReceivedMessage& message, MessageCheck check, int flags);
+/// Takes the oldest message of a channel (0: of any) off the queue; the bytes that it did not fill become zero. `flags`
+/// are those of msgrcv. Returns 0 or the `errno` of msgrcv.
+int TakeMessage(int queue, long channel, ReceivedMessage& message, int flags);
 
-/// Puts a message, which lies in a svr4::MessageArea, on the queue. Returns 0 or the `errno` of msgsnd.
+/// Puts a message, which lies in a svr4::MessageArea, on the channel that its type names. `flags` are those of msgsnd.
+/// Returns 0 or the `errno` of msgsnd.
 int PutMessage(int queue, IPCQMessage* message, int flags);
+
+/// Calls `take` for the messages that wait on a channel, off the queue, oldest first; those that come meanwhile are left
+/// to another time. Stops when `take` gives false.
+template <class Function>
+void TakeWaiting(int queue, long channel, Function take);
+
+/// How many messages there are on a queue; 0 when it has gone.
+unsigned long WaitingMessages(int queue);
 
 /// Takes the messages that wait on a channel off the queue and drops them.
 void DiscardMessages(int queue, long channel);
 
-/// Reports a malformed message.
+/// Reports a malformed message, which has been dropped: the first at once, those of the next second as a number.
 void ReportMalformed(int queue);
+/// Reports the number of those that have not been reported, if it is time.
+void ReportMoreMalformed(int queue);
+/// Whether there are such.
+bool MoreAreMalformed();
 
 /// Bytes of a shared-memory segment, or -1 when there is none.
 int64_t SegmentSize(long shmid);
@@ -59,6 +69,18 @@ void ReportQueueFailure(int error, long line, const char* what);
 
 /// The size of the blocks that are sent: the last positive value of IPCMessageMaxDataLen, within the record.
 int SendingBlockSize();
+
+template <class Function>
+void TakeWaiting(int queue, long channel, Function take)
+{
+    ReceivedMessage message;
+    unsigned long left = 1;
+    for (bool isFirst = true; left > 0 && TakeMessage(queue, channel, message, IPC_NOWAIT) == 0; isFirst = false) {
+        left = isFirst ? WaitingMessages(queue) : left - 1; // of all channels; asked only when there is something
+        if (!take(message))
+            return;
+    }
+}
 
 } // namespace zeloo
 

@@ -37,7 +37,7 @@ void IPCQServer::SigTermProc(int) { Shutdown(); }
 short IPCQServer::receive_event(short& REvent, Buffer& Data, short& ResponseRqd, short& AckRqd)
 {
     short status = 0;
-    const short code = IPCReceive(REvent, 0, ReceiveTimeOutEvent, Data, status, ResponseRqd, AckRqd);
+    const short code = ReceiveFromAnybody(REvent, ReceiveTimeOutEvent, Data, status, ResponseRqd, AckRqd);
     if (code == NO_ERRORS)
         return status;
     REvent = 0;

@@ -1,61 +1,244 @@
 #include "Misc/ipcq/transfer.h"
 
-#include "Misc/ipcq/message.h"
+#include <cerrno>
+#include <cstring>
+
+#include "Misc/Error/report.h"
+#include "Misc/detail/timedcall.h"
 #include "Misc/ipcq/wait.h"
+#include "Misc/wire/channels.h"
 #include "Misc/wire/records.h"
 #include "Misc/wire/transfer.h"
+#include "svr4/errno.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const long AckSeconds = 300;
+static const long FirstSlice = 1;              // milliseconds: the own mail may be just what fills the queue
+static const long IdleSlice = 100;             // of a wait for an event, in which nothing is urgent
+static const int64_t GraceMilliseconds = 1000; // in which a stranger puts back what he took off the data channel
 
 namespace zeloo {
 
+using wire::Owner;
 using wire::ReceivingSide;
 using wire::SendingSide;
 
-static short SendLocalMsg(const QueueEnd& end, long channel, long receiver)
+namespace {
+
+// A wait within a transfer: its partner is watched, the mail is kept and others' records go back.
+class TransferAttempt : public Attempt {
+public:
+    TransferAttempt(const QueueEnd& ownEnd, long partnerPID, short codeWhenGone)
+        : end(ownEnd), partner(partnerPID), gone(codeWhenGone)
+    {
+    }
+    long FirstSlice() const override { return ::FirstSlice; }
+    short Look() override
+    {
+        end.mail.Save(2 * MostSaved);
+        end.mail.GiveBack();
+        end.mail.ClearTheDead(partner);
+        ReportMoreMalformed(end.queue);
+        return HasGone(partner) ? gone : short(ErrorReporter::NO_ERRORS);
+    }
+
+protected:
+    const QueueEnd& end;
+    long partner;
+
+private:
+    short gone;
+};
+
+class SendAttempt : public TransferAttempt {
+public:
+    SendAttempt(const QueueEnd& ownEnd, long receiver)
+        : TransferAttempt(ownEnd, receiver, ErrorReporter::IPC_SEND_PROCESS_GONE)
+    {
+    }
+    int Try(int flags) override { return PutMessage(end.queue, &LocalMsg, flags); }
+};
+
+// Takes the partner's records from a channel, and no others.
+class ReceiveAttempt : public TransferAttempt {
+public:
+    ReceiveAttempt(const QueueEnd& ownEnd, long partnerPID, long fromChannel, ReceivedMessage& place)
+        : TransferAttempt(ownEnd, partnerPID, ErrorReporter::IPC_RECV_PROCESS_GONE), message(place),
+          channel(fromChannel)
+    {
+    }
+    int Try(int flags) override
+    {
+        const int error = TakeMessage(end.queue, channel, message, flags);
+        if (error != 0)
+            return error;
+        switch (wire::OwnerOf(message.msg(), message.length, partner, end.pid)) {
+        case Owner::Partner: return 0;
+        case Owner::Nobody: ReportMalformed(end.queue); return TryAgain;
+        default: end.mail.PutBack(message); return TryLater;
+        }
+    }
+
+protected:
+    ReceivedMessage& message;
+
+private:
+    long channel;
+};
+
+// Takes a later block, unless the partner has given up the event.
+class BlockAttempt : public ReceiveAttempt {
+public:
+    BlockAttempt(const QueueEnd& ownEnd, const ReceivingSide& event)
+        : ReceiveAttempt(ownEnd, event.Partner(), event.Channel(), LocalMessage)
+    {
+    }
+    short Look() override
+    {
+        const short code = ReceiveAttempt::Look();
+        if (code != ErrorReporter::NO_ERRORS || !end.mail.HasMessageOf(partner))
+            return code;
+        // The partner puts its next event on the queue behind the blocks of this one: what was there has been read.
+        const int64_t now = MillisecondsNow();
+        if (isSuperseded)
+            return now - since >= GraceMilliseconds ? BrokenEvent : code;
+        isSuperseded = true;
+        since = now;
+        return code;
+    }
+
+private:
+    bool isSuperseded = false;
+    int64_t since = 0;
+};
+
+// Takes an event from the own channel, whoever sent it.
+class FirstBlockAttempt : public Attempt {
+public:
+    FirstBlockAttempt(const QueueEnd& ownEnd, long partnerPID) : end(ownEnd), partner(partnerPID) {}
+    int Try(int flags) override
+    {
+        const int error = TakeMessage(end.queue, end.pid, LocalMessage, flags);
+        if (error != 0 || FirstBlock(LocalMessage, end.pid))
+            return error;
+        ReportMalformed(end.queue);
+        return TryAgain;
+    }
+    long FirstSlice() const override
+    {
+        return partner != 0 || end.mail.HasToTend() || MoreAreMalformed() ? IdleSlice : 0;
+    }
+    short Look() override
+    {
+        end.mail.GiveBack();
+        end.mail.ClearTheDead(0);
+        ReportMoreMalformed(end.queue);
+        return partner != 0 && HasGone(partner) ? ErrorReporter::IPC_RECV_PROCESS_GONE : ErrorReporter::NO_ERRORS;
+    }
+
+private:
+    const QueueEnd& end;
+    long partner;
+};
+
+} // namespace
+
+// ---- Sending ----
+
+static short SendLocalMsg(const QueueEnd& end, long channel, long receiver, Patience patience)
 {
-    end.object.IPCDrain();
-    if (receiver != 0 && !process_exists(receiver))
+    end.mail.Save(MostSaved);
+    if (!process_exists(receiver))
         return ErrorReporter::IPC_SEND_PROCESS_GONE;
     LocalMsg.mtype = static_cast<int32_t>(channel);
-    return SendMessage(end.queue, &LocalMsg, receiver, end.sendTimeOut, &end.object);
+    SendAttempt attempt(end, receiver);
+    return WaitFor(attempt, patience, ErrorReporter::IPC_SEND_TIME_OUT, "ipc_send failure");
 }
 
-// The acknowledgement does not go through LocalMsg, which holds the event that is being sent.
-static short AwaitAck(const QueueEnd& end, long receiver, SendingSide& event)
+// How long a wait may last that begins when the partner is within the transfer: the transfer limit, or what the contract
+// says without one.
+static Patience WithinTransfer(const QueueEnd& end, long seconds)
 {
-    ReceivedMessage answer;
-    end.object.IPCDrain();
-    const short code =
-        ReceiveMessage(end.queue, event.Channel(), answer, CompleteMessage, receiver, AckSeconds, &end.object);
+    return end.transferTimeOut > 0 ? Patience::BySeconds(end.transferTimeOut) : Patience::InSteps(seconds);
+}
+
+static void ReportSilence(const QueueEnd& end, long partner)
+{
+    Report(end.object, ErrorReporter::WARNING, ErrorReporter::IPC_RECV_TIME_OUT, 0, ZELOO_HERE,
+           "Multi-block event dropped, process %ld was silent for %ld seconds.", partner, end.transferTimeOut);
+}
+
+static short SendBlock(const QueueEnd& end, SendingSide& event, const char* data)
+{
+    const Patience patience =
+        event.IsFirst() ? Patience::InSteps(end.sendTimeOut) : WithinTransfer(end, end.sendTimeOut);
+    event.FillBlock(&LocalMsg, data);
+    const short code = SendLocalMsg(end, event.Channel(), event.Partner(), patience);
     if (code == ErrorReporter::NO_ERRORS)
-        event.Answer(answer.msg(), &LocalMsg);
+        event.BlockSent(&LocalMsg);
     return code;
 }
 
-short SendEvent(const QueueEnd& end, long receiver, const char* data, int32_t length, int blockSize)
+// The acknowledgement does not go through LocalMsg, which holds the event that is being sent.
+static short AwaitAck(const QueueEnd& end, SendingSide& event)
 {
-    SendingSide event(end.pid, receiver, length, blockSize);
-    if (event.HasSeveral()) // an acknowledgement that is there already came too late for an earlier event
-        DiscardMessages(end.queue, event.AckChannel());
+    ReceivedMessage answer;
+    end.mail.Save(MostSaved);
+    ReceiveAttempt attempt(end, event.Partner(), event.Channel(), answer);
+    const short code =
+        WaitFor(attempt, WithinTransfer(end, AckSeconds), ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
+    if (code == ErrorReporter::NO_ERRORS)
+        event.Answer(answer.msg(), &LocalMsg);
+    else if (code == ErrorReporter::IPC_RECV_TIME_OUT && end.transferTimeOut > 0)
+        ReportSilence(end, event.Partner());
+    return code;
+}
+
+static short SendBlocks(const QueueEnd& end, SendingSide& event, const char* data)
+{
     for (;;) {
         short code = ErrorReporter::NO_ERRORS;
         switch (event.Next()) {
-        case SendingSide::SendBlock:
-            event.FillBlock(&LocalMsg, data);
-            code = SendLocalMsg(end, event.Channel(), receiver);
-            if (code == ErrorReporter::NO_ERRORS)
-                event.BlockSent(&LocalMsg);
+        case SendingSide::ForgetAcks:
+            end.mail.Sweep(event.Channel(), event.Partner());
+            event.Forgotten();
             break;
-        case SendingSide::AwaitAck: code = AwaitAck(end, receiver, event); break;
+        case SendingSide::SendBlock: code = SendBlock(end, event, data); break;
+        case SendingSide::AwaitAck: code = AwaitAck(end, event); break;
         case SendingSide::Done: return ErrorReporter::NO_ERRORS;
         case SendingSide::Refused: return ErrorReporter::IPC_ERROR;
         }
         if (code != ErrorReporter::NO_ERRORS)
             return code;
     }
+}
+
+short SendEvent(const QueueEnd& end, long receiver, const char* data, int32_t length, int blockSize)
+{
+    SendingSide event(end.pid, receiver, length, blockSize);
+    end.mail.NoteCorrespondent(receiver);
+    const short code = SendBlocks(end, event, data);
+    const svr4::SavedErrno savedErrno;
+    if (code != ErrorReporter::NO_ERRORS && code != ErrorReporter::SERVER_GONE && event.HasSeveral()) {
+        end.mail.ClearPair(end.pid, receiver);
+        if (end.object.is_a_server()) // a server's own channel is its own business
+            end.mail.TakeBackFirstBlock(receiver);
+    }
+    return code;
+}
+
+// ---- Receiving ----
+
+short ReceiveFirstBlock(const QueueEnd& end, long partner)
+{
+    FirstBlockAttempt attempt(end, partner);
+    const Patience patience =
+        partner != 0 ? Patience::InSteps(end.receiveTimeOut) : Patience::Exactly(end.receiveTimeOut);
+    const short code = WaitFor(attempt, patience, ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
+    if (code != ErrorReporter::NO_ERRORS)
+        std::memset(static_cast<void*>(&LocalMsg), 0, sizeof LocalMsg);
+    return code;
 }
 
 // Puts the data of LocalMsg, which has been checked, into its place.
@@ -74,26 +257,26 @@ static bool PlaceData(Buffer& data)
 
 static short Acknowledge(const QueueEnd& end, ReceivingSide& event)
 {
-    if (!process_exists(event.Sender()))
-        return ErrorReporter::IPC_SEND_PROCESS_GONE;
-    // The sender waits for the acknowledgement now: what is on the data channel already belongs to an earlier event,
-    // which broke off.
-    DiscardMessages(end.queue, event.DataChannel());
     wire::MakeAck(&LocalMsg, static_cast<int32_t>(end.pid));
-    const short code = SendLocalMsg(end, event.AckChannel(), event.Sender());
+    const short code = SendLocalMsg(end, event.Channel(), event.Partner(), WithinTransfer(end, end.sendTimeOut));
     event.Acknowledged();
     return code;
 }
 
 static short AwaitBlock(const QueueEnd& end, ReceivingSide& event, Buffer& data)
 {
-    end.object.IPCDrain();
-    const short code = ReceiveMessage(end.queue, event.DataChannel(), LocalMessage, AnyMessage, event.Sender(),
-                                      end.receiveTimeOut, &end.object);
+    end.mail.Save(MostSaved);
+    BlockAttempt attempt(end, event);
+    const short code =
+        WaitFor(attempt, WithinTransfer(end, end.receiveTimeOut), ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
+    if (code == ErrorReporter::IPC_RECV_TIME_OUT && end.transferTimeOut > 0) {
+        ReportSilence(end, event.Partner());
+        return StalledEvent;
+    }
     if (code != ErrorReporter::NO_ERRORS)
         return code;
     const bool isTaken = event.TakeBlock(LocalMsg, LocalMessage.length, SegmentSizeOf(LocalMsg));
-    return isTaken && !PlaceData(data) ? BrokenTransfer : short(ErrorReporter::NO_ERRORS);
+    return isTaken && !PlaceData(data) ? BrokenEvent : short(ErrorReporter::NO_ERRORS);
 }
 
 static short ReportNoRoom(const QueueEnd& end)
@@ -104,15 +287,19 @@ static short ReportNoRoom(const QueueEnd& end)
 }
 
 // Takes the blocks that are due, until the event is whole or broken.
-static short ReceiveLaterBlocks(const QueueEnd& end, ReceivingSide& event, Buffer& data)
+static short ReceiveBlocks(const QueueEnd& end, ReceivingSide& event, Buffer& data)
 {
     for (;;) {
         short code = ErrorReporter::NO_ERRORS;
         switch (event.Next()) {
+        case ReceivingSide::ForgetBlocks:
+            end.mail.Sweep(event.Channel(), event.Partner());
+            event.Forgotten();
+            break;
         case ReceivingSide::Acknowledge: code = Acknowledge(end, event); break;
         case ReceivingSide::AwaitBlock: code = AwaitBlock(end, event, data); break;
         case ReceivingSide::Done: return ErrorReporter::NO_ERRORS;
-        case ReceivingSide::Broken: return BrokenTransfer;
+        case ReceivingSide::Broken: return BrokenEvent;
         case ReceivingSide::OutOfMemory: return ReportNoRoom(end);
         }
         if (code != ErrorReporter::NO_ERRORS)
@@ -130,10 +317,20 @@ short ReceiveData(const QueueEnd& end, Buffer& data)
         return ReportNoRoom(end);
     ReceivingSide event(LocalMsg, end.pid);
     if (!PlaceData(data))
-        return BrokenTransfer;
-    const short code = ReceiveLaterBlocks(end, event, data);
-    if (code == BrokenTransfer) // what comes yet is discarded by the sender's next event
-        DiscardMessages(end.queue, event.DataChannel());
+        return BrokenEvent;
+    if (event.Next() == ReceivingSide::Done)
+        return ErrorReporter::NO_ERRORS;
+
+    const long sender = event.Partner();
+    end.mail.NoteCorrespondent(sender);
+    end.mail.Open(event.Channel());
+    const short code = ReceiveBlocks(end, event, data);
+    const svr4::SavedErrno savedErrno;
+    if (code != ErrorReporter::NO_ERRORS && code != ErrorReporter::SERVER_GONE) {
+        end.mail.ClearPair(sender, end.pid);
+        end.mail.NoteCorrespondent(sender, true); // it may be about to send more
+    }
+    end.mail.CloseChannel();
     return code;
 }
 

@@ -6,109 +6,158 @@
 #include <cstring>
 #include <ctime>
 
-#include <sys/time.h>
-
 #include "Misc/detail/timedcall.h"
+#include "Misc/ipcq/message.h"
 #include "Misc/wire/blocks.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-static const long StepSeconds = 10;   // after which a wait looks whether its peer still lives
-static const long LongestSlice = 128; // milliseconds between two drains of a wait
+static const long LongestSlice = 128; // milliseconds: a partner's death is noticed within a fifth of a second
+static const struct timespec Moment = {0, 1000 * 1000}; // for the reader of what was put back
 
 namespace zeloo {
 
-// One slice of a wait: the alarm goes off after `milliseconds`, and then every second, so that it is not lost.
-static void ArmSlice(long milliseconds)
+static bool IsToBeAwaited(int result) { return result == EAGAIN || result == ENOMSG || result == EINTR || result < 0; }
+
+// One slice of a wait.
+class Slice {
+public:
+    Slice(long first, long before, int64_t stepEnd)
+        : length(first > 0 ? std::clamp(2 * before, first, LongestSlice) : 0), begin(MillisecondsNow()),
+          end(length > 0 ? std::min(begin + length, stepEnd) : stepEnd)
+    {
+    }
+    long Length() const { return length; }
+    long Milliseconds() const { return end == Never ? 0 : static_cast<long>(std::max<int64_t>(end - begin, 1)); }
+    bool IsOver(int64_t now) const { return now >= end; }
+
+    static constexpr int64_t Never = INT64_MAX;
+
+private:
+    long length;
+    int64_t begin;
+    int64_t end;
+};
+
+// Tries until the slice is over, or a signal comes, or the result is one that does not ask for more.
+static int TryWithin(const Slice& slice, Attempt& attempt, int result)
 {
-    struct itimerval slice = {};
-    slice.it_value.tv_usec = milliseconds * 1000;
-    slice.it_interval.tv_sec = 1;
-    setitimer(ITIMER_REAL, &slice, nullptr);
+    do {
+        if (result == Attempt::TryLater)
+            nanosleep(&Moment, nullptr);
+        result = attempt.Try(0);
+    } while (result < 0 && !slice.IsOver(MillisecondsNow()));
+    return result;
 }
 
-// Whether the alarm of the slice has gone off: it then counts from a whole second again.
-static bool SliceIsOver(long milliseconds)
+// Waits after `*result`. The code that ends the wait, or 0 with the last result.
+static short Wait(Attempt& attempt, const Patience& patience, short late, int* result)
 {
-    struct itimerval left;
-    getitimer(ITIMER_REAL, &left);
-    return left.it_value.tv_sec > 0 || left.it_value.tv_usec > milliseconds * 1000;
-}
-
-static int64_t MillisecondsNow()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-// Runs `call`, which blocks and gives 0 or an `errno`, until the alarm goes off after `seconds` (0: not at all) or
-// another signal comes; both give EINTR.
-template <class Call>
-static int WaitFor(long seconds, IPCQBase* waiter, Call call)
-{
-    TimedCall limit(seconds);
-    if (waiter == nullptr)
-        return call();
-    const int64_t end = MillisecondsNow() + seconds * 1000;
-    for (long slice = 1;; slice = std::min(2 * slice, LongestSlice)) {
-        ArmSlice(slice);
-        const int error = call();
-        if (error != EINTR || !SliceIsOver(slice) || MillisecondsNow() >= end)
-            return error;
-        waiter->IPCDrain();
+    const auto stepFrom = [&](int64_t now) {
+        return patience.seconds > 0 ? now + patience.seconds * 1000 : Slice::Never;
+    };
+    int64_t stepEnd = stepFrom(MillisecondsNow());
+    Slice slice(attempt.FirstSlice(), 0, stepEnd);
+    TimedCall alarm(0, slice.Milliseconds());
+    for (long step = 1;;) {
+        *result = TryWithin(slice, attempt, *result);
+        if (!IsToBeAwaited(*result))
+            return ErrorReporter::NO_ERRORS;
+        const short code = attempt.Look();
+        if (code != ErrorReporter::NO_ERRORS)
+            return code;
+        const int64_t now = MillisecondsNow();
+        if (now >= stepEnd || !slice.IsOver(now)) {
+            if (step == patience.steps)
+                return late;
+            step++;
+            stepEnd = stepFrom(now);
+        }
+        slice = Slice(attempt.FirstSlice(), slice.Length(), stepEnd);
+        alarm.Arm(0, slice.Milliseconds());
     }
 }
 
-static short CodeOfFailure(int error, const char* what, long line)
+static short CodeOfFailure(int error, const char* what)
 {
     if (QueueIsGone(error))
         return ErrorReporter::SERVER_GONE;
-    ReportQueueFailure(error, line, what);
+    ReportQueueFailure(error, __LINE__, what);
     return ErrorReporter::IPC_ERROR;
 }
 
-// Tries `call`, which gives 0 or an `errno`, without waiting, and waits in steps while it gives `busy`. What the peer
-// and the time say comes back as `gone` and `late`.
-template <class Call>
-static short TryThenWait(Call call, int busy, long step, long checkPID, long maxTimeToWait, IPCQBase* waiter,
-                         short gone, short late, const char* what)
+short WaitFor(Attempt& attempt, Patience patience, short late, const char* what)
 {
-    const long rounds = step != 0 ? maxTimeToWait / step : 0;
-    const auto wait = [&] { return WaitFor(step, waiter, [&] { return call(0); }); };
-    int error = call(IPC_NOWAIT);
-    if (error == busy)
-        error = wait();
-    for (long round = 1; error == EINTR; round++) {
-        if (checkPID != 0 && !process_exists(checkPID))
-            return gone;
-        if (rounds > 0 && round >= rounds)
-            return late;
-        error = wait();
+    int result = attempt.Try(IPC_NOWAIT);
+    if (IsToBeAwaited(result)) {
+        const short code = Wait(attempt, patience, late, &result);
+        if (code != ErrorReporter::NO_ERRORS)
+            return code;
     }
-    return error == 0 ? short(ErrorReporter::NO_ERRORS) : CodeOfFailure(error, what, __LINE__);
-}
-
-short SendMessage(int queue, IPCQMessage* message, long checkPID, long maxTimeToWait, IPCQBase* waiter)
-{
-    return TryThenWait([=](int flags) { return PutMessage(queue, message, flags); }, EAGAIN, StepSeconds, checkPID,
-                       maxTimeToWait, waiter, ErrorReporter::IPC_SEND_PROCESS_GONE, ErrorReporter::IPC_SEND_TIME_OUT,
-                       "ipc_send failure");
-}
-
-short ReceiveMessage(int queue, long channel, ReceivedMessage& message, MessageCheck check, long checkPID,
-                     long maxTimeToWait, IPCQBase* waiter)
-{
-    const long step = checkPID != 0 ? StepSeconds : maxTimeToWait;
-    const short code = TryThenWait([&](int flags) { return TakeMessage(queue, channel, message, check, flags); },
-                                   ENOMSG, step, checkPID, maxTimeToWait, waiter, ErrorReporter::IPC_RECV_PROCESS_GONE,
-                                   ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
-    if (code != ErrorReporter::NO_ERRORS)
-        std::memset(static_cast<void*>(&message.msg()), 0, sizeof(IPCQMessage));
-    return code;
+    return result == 0 ? short(ErrorReporter::NO_ERRORS) : CodeOfFailure(result, what);
 }
 
 } // namespace zeloo
+
+namespace {
+
+using zeloo::Attempt;
+using zeloo::Patience;
+
+// A wait for a single message, with nothing to do meanwhile but to look at the peer.
+class PlainAttempt : public Attempt {
+public:
+    PlainAttempt(int queueID, long peerPID, short codeWhenGone) : queue(queueID), peer(peerPID), gone(codeWhenGone) {}
+    short Look() override { return peer != 0 && !process_exists(peer) ? gone : short(ErrorReporter::NO_ERRORS); }
+
+protected:
+    int queue;
+
+private:
+    long peer;
+    short gone;
+};
+
+class PlainSend : public PlainAttempt {
+public:
+    PlainSend(int queueID, IPCQMessage* record, long peerPID)
+        : PlainAttempt(queueID, peerPID, ErrorReporter::IPC_SEND_PROCESS_GONE), message(record)
+    {
+    }
+    int Try(int flags) override { return zeloo::PutMessage(queue, message, flags); }
+
+private:
+    IPCQMessage* message;
+};
+
+class PlainReceive : public PlainAttempt {
+public:
+    PlainReceive(int queueID, long fromChannel, zeloo::ReceivedMessage& place, long peerPID)
+        : PlainAttempt(queueID, peerPID, ErrorReporter::IPC_RECV_PROCESS_GONE), channel(fromChannel), message(place)
+    {
+    }
+    int Try(int flags) override
+    {
+        const int error = zeloo::TakeMessage(queue, channel, message, flags);
+        if (error != 0 || zeloo::CompleteMessage(message))
+            return error;
+        zeloo::ReportMalformed(queue);
+        return TryAgain;
+    }
+
+private:
+    long channel;
+    zeloo::ReceivedMessage& message;
+};
+
+short Receive(int queue, long channel, zeloo::ReceivedMessage& message, long checkPID, long maxTimeToWait)
+{
+    PlainReceive attempt(queue, channel, message, checkPID);
+    const Patience patience = checkPID != 0 ? Patience::InSteps(maxTimeToWait) : Patience::Exactly(maxTimeToWait);
+    return zeloo::WaitFor(attempt, patience, ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
+}
+
+} // namespace
 
 short ipc_send(int qid, long ToChannel, IPCQMessage* pmsg, long CheckPID, long MaxTimeToWait)
 {
@@ -119,23 +168,25 @@ short ipc_send(int qid, long ToChannel, IPCQMessage* pmsg, long CheckPID, long M
         return ErrorReporter::IPC_ERROR;
     }
     pmsg->mtype = static_cast<int32_t>(ToChannel);
-    if (pmsg == &LocalMsg)
-        return zeloo::SendMessage(qid, pmsg, CheckPID, MaxTimeToWait, nullptr);
     svr4::MessageArea<IPCQMessage> area;
-    std::memcpy(&area.record, pmsg, offsetof(IPCQMessage, msg_data) + static_cast<size_t>(pmsg->msg_data_len));
-    return zeloo::SendMessage(qid, &area.record, CheckPID, MaxTimeToWait, nullptr);
+    IPCQMessage* message = pmsg;
+    if (pmsg != &LocalMsg) {
+        message = &area.record;
+        std::memcpy(message, pmsg, offsetof(IPCQMessage, msg_data) + static_cast<size_t>(pmsg->msg_data_len));
+    }
+    PlainSend attempt(qid, message, CheckPID);
+    return zeloo::WaitFor(attempt, Patience::InSteps(MaxTimeToWait), ErrorReporter::IPC_SEND_TIME_OUT,
+                          "ipc_send failure");
 }
 
 short ipc_recv(int QId, long FromChannel, IPCQMessage* pmsg, long CheckPID, long MaxTimeToWait)
 {
-    if (pmsg == &LocalMsg)
-        return zeloo::ReceiveMessage(QId, FromChannel, zeloo::LocalMessage, zeloo::CompleteMessage, CheckPID,
-                                     MaxTimeToWait, nullptr);
-    zeloo::ReceivedMessage message;
-    const short code =
-        zeloo::ReceiveMessage(QId, FromChannel, message, zeloo::CompleteMessage, CheckPID, MaxTimeToWait, nullptr);
-    const size_t used = code == 0 ? sizeof pmsg->mtype + message.length : 0;
-    std::memcpy(static_cast<void*>(pmsg), &message.msg(), used);
-    std::memset(reinterpret_cast<char*>(pmsg) + used, 0, sizeof(IPCQMessage) - used);
+    zeloo::ReceivedMessage own;
+    zeloo::ReceivedMessage& message = pmsg == &LocalMsg ? zeloo::LocalMessage : own;
+    const short code = Receive(QId, FromChannel, message, CheckPID, MaxTimeToWait);
+    if (code != ErrorReporter::NO_ERRORS)
+        std::memset(static_cast<void*>(pmsg), 0, sizeof *pmsg);
+    else if (pmsg != &message.msg())
+        std::memcpy(static_cast<void*>(pmsg), &message.msg(), sizeof *pmsg);
     return code;
 }

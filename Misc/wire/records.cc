@@ -48,10 +48,10 @@ static bool HasItsSegment(const Block& block, int64_t segmentSize)
     return block.isInline || segmentSize >= block.length;
 }
 
-bool StartsEvent(const IPCQMessage& message, size_t length, int64_t segmentSize)
+bool StartsEvent(const IPCQMessage& message, size_t length, int64_t segmentSize, long receiver)
 {
     if (!IsComplete(message, length) || !Terminated(message.senders_version) || !Terminated(message.destprog) ||
-        !Terminated(message.origprog) || !Terminated(message.orignode))
+        !Terminated(message.origprog) || !Terminated(message.orignode) || message.senders_pid == receiver)
         return false;
     const Block block = BlockOf(message);
     Gatherer event;
@@ -65,10 +65,21 @@ bool StartsEvent(const IPCQMessage& message, size_t length, int64_t segmentSize)
     return block.partsLeft == 0 || (block.partsLeft - 1 <= block.total - block.length && message.senders_pid > 0);
 }
 
-bool ContinuesEvent(const IPCQMessage& message, size_t length, int64_t segmentSize, int32_t sender)
+bool ContinuesEvent(const IPCQMessage& message, size_t length, int64_t segmentSize)
 {
-    return IsComplete(message, length) && message.event == MultiBlockData && message.senders_pid == sender &&
+    return IsComplete(message, length) && message.event == MultiBlockData &&
            HasItsSegment(BlockOf(message), segmentSize);
+}
+
+Owner OwnerOf(const IPCQMessage& message, size_t length, long partner, long self)
+{
+    if (length < size_t(IPCMessageNonDataSize) || length > size_t(IPCMessageDataSize))
+        return Owner::Nobody;
+    if (message.senders_pid == partner)
+        return Owner::Partner;
+    if (!IsComplete(message, length))
+        return Owner::Nobody;
+    return message.senders_pid == self ? Owner::Self : Owner::Stranger;
 }
 
 void MakeAck(IPCQMessage* message, int32_t receiver)

@@ -17,14 +17,25 @@ bool IsComplete(const IPCQMessage& message, size_t length);
 /// The block that a complete record carries.
 Block BlockOf(const IPCQMessage& message);
 
-/// Whether a record of `length` bytes is a sound first block, as far as it can tell by itself: it is complete, its
-/// texts are terminated, its block fits into its event, and somebody sent it who can be answered. A block in a
-/// shared-memory segment needs one of `segmentSize` bytes; negative: there is none.
-bool StartsEvent(const IPCQMessage& message, size_t length, int64_t segmentSize);
+/// Whether a record of `length` bytes is a sound first block for the process `receiver`, as far as it can tell by itself:
+/// it is complete, its texts are terminated, its block fits into its event, and another process sent it who can be
+/// answered. A block in a shared-memory segment needs one of `segmentSize` bytes; negative: there is none.
+bool StartsEvent(const IPCQMessage& message, size_t length, int64_t segmentSize, long receiver);
 
-/// Whether a record of `length` bytes carries on an event from `sender`: a complete later block of that process, with
-/// its segment (`segmentSize` as above) if it names one.
-bool ContinuesEvent(const IPCQMessage& message, size_t length, int64_t segmentSize, int32_t sender);
+/// Whether a record of `length` bytes from the partner carries on its event: a complete later block, with its segment
+/// (`segmentSize` as above) if it names one.
+bool ContinuesEvent(const IPCQMessage& message, size_t length, int64_t segmentSize);
+
+/// Whose a record on a channel of a transfer is.
+enum class Owner {
+    Partner,  // it belongs to the transfer
+    Self,     // the own record for somebody else, which he has not read yet
+    Stranger, // it belongs to two others
+    Nobody    // it is cut short
+};
+
+/// Whose the record of `length` bytes is for the process `self` that has to do with `partner`.
+Owner OwnerOf(const IPCQMessage& message, size_t length, long partner, long self);
 
 /// Makes `*message` the acknowledgement of a first block by the process `receiver`.
 void MakeAck(IPCQMessage* message, int32_t receiver);

@@ -8,18 +8,16 @@
 namespace zeloo::wire {
 
 SendingSide::SendingSide(long sender, long receiver, int32_t total, int32_t blockSize)
-    : senderPID(sender), receiverPID(receiver), blocks(total, blockSize)
+    : senderPID(sender), receiverPID(receiver), blocks(total, blockSize), step(HasSeveral() ? ForgetAcks : SendBlock)
 {
 }
 
 long SendingSide::Channel() const
 {
-    if (step == AwaitAck)
-        return AckChannel();
-    return isFirst ? receiverPID : wire::DataChannel(senderPID, receiverPID);
+    if (step == ForgetAcks || step == AwaitAck)
+        return AckChannel(senderPID, receiverPID);
+    return isFirst ? receiverPID : DataChannel(senderPID, receiverPID);
 }
-
-long SendingSide::AckChannel() const { return wire::AckChannel(senderPID, receiverPID); }
 
 void SendingSide::FillBlock(IPCQMessage* message, const char* data) const
 {
@@ -58,17 +56,18 @@ ReceivingSide::ReceivingSide(const IPCQMessage& first, long receiver)
     : senderPID(first.senders_pid), receiverPID(receiver), step(Done)
 {
     if (blocks.Begin(BlockOf(first)) == Gatherer::More)
-        step = Acknowledge;
+        step = ForgetBlocks;
 }
 
-long ReceivingSide::AckChannel() const { return wire::AckChannel(senderPID, receiverPID); }
-
-long ReceivingSide::DataChannel() const { return wire::DataChannel(senderPID, receiverPID); }
+long ReceivingSide::Channel() const
+{
+    return step == Acknowledge ? AckChannel(senderPID, receiverPID) : DataChannel(senderPID, receiverPID);
+}
 
 bool ReceivingSide::TakeBlock(const IPCQMessage& message, size_t length, int64_t segmentSize)
 {
     const Gatherer::Result result =
-        ContinuesEvent(message, length, segmentSize, senderPID) ? blocks.Add(BlockOf(message)) : Gatherer::Misfit;
+        ContinuesEvent(message, length, segmentSize) ? blocks.Add(BlockOf(message)) : Gatherer::Misfit;
     switch (result) {
     case Gatherer::Whole: step = Done; break;
     case Gatherer::More: step = AwaitBlock; break;

@@ -15,8 +15,9 @@ namespace zeloo::wire {
 class SendingSide {
 public:
     enum Step {
-        SendBlock, // put CurrentBlock on Channel, then tell with BlockSent
-        AwaitAck,  // receive from Channel, and hand what came to Answer
+        ForgetAcks, // take the partner's records off Channel: they came too late for earlier events; then tell with Forgotten
+        SendBlock, // fill a block and put it on Channel, then tell with BlockSent
+        AwaitAck,  // receive the partner's record from Channel, and hand it to Answer
         Done,
         Refused // the answer was no acknowledgement
     };
@@ -26,18 +27,21 @@ public:
     SendingSide(long sender, long receiver, int32_t total, int32_t blockSize);
 
     Step Next() const { return step; }
-    /// Whether the event travels in several blocks, and so needs acknowledgement and data channel.
-    bool HasSeveral() const { return blocks.HasSeveral(); }
+    /// The process whose records belong to the transfer.
+    long Partner() const { return receiverPID; }
     /// The channel to which or from which the next step goes.
     long Channel() const;
-    /// Where an acknowledgement is awaited.
-    long AckChannel() const;
+    /// Whether the event travels in several blocks.
+    bool HasSeveral() const { return blocks.HasSeveral(); }
+    /// Whether the next block is the first one.
+    bool IsFirst() const { return isFirst; }
+    void Forgotten() { step = SendBlock; }
     /// Puts the block that is to be sent now into `*message`, the record with the header of the event, whose data begins
     /// at `data`.
     void FillBlock(IPCQMessage* message, const char* data) const;
     /// Says that it has been sent; `*message` describes the next block then, except for its data.
     void BlockSent(IPCQMessage* message);
-    /// Takes what came from the acknowledgement channel.
+    /// Takes the partner's record.
     void Answer(const IPCQMessage& answer, IPCQMessage* message);
 
 private:
@@ -47,15 +51,17 @@ private:
     long receiverPID;
     Cutter blocks;
     bool isFirst = true;
-    Step step = SendBlock;
+    Step step;
 };
 
 /// The receiving side, from a first block (see StartsEvent) on.
 class ReceivingSide {
 public:
     enum Step {
-        Acknowledge, // send an acknowledgement to Sender on AckChannel, then tell with Acknowledged
-        AwaitBlock,  // receive from DataChannel, and hand what came to TakeBlock
+        ForgetBlocks, // take the partner's records off Channel: they belong to an earlier event, since the partner waits now
+                      // for the acknowledgement; then tell with Forgotten
+        Acknowledge, // put an acknowledgement on Channel, then tell with Acknowledged
+        AwaitBlock,  // receive the partner's record from Channel, and hand it to TakeBlock
         Done,
         Broken,     // the event is to be given up: a block does not fit
         OutOfMemory // the event is to be given up
@@ -66,16 +72,19 @@ public:
 
     Step Next() const { return step; }
     /// The process that sends the event.
-    int32_t Sender() const { return senderPID; }
-    long AckChannel() const;
-    long DataChannel() const;
+    long Partner() const { return senderPID; }
+    long Channel() const;
+    void Forgotten() { step = Acknowledge; }
     void Acknowledged() { step = AwaitBlock; }
-    /// Takes a record of `length` bytes behind its type. A block in a shared-memory segment needs one of `segmentSize`
-    /// bytes; negative: there is none. True when the record's data belongs into the event, at its offset.
+    /// Takes the partner's record of `length` bytes behind its type. A block in a shared-memory segment needs one of
+    /// `segmentSize` bytes; negative: there is none. True when the record's data belongs into the event, at its offset.
     bool TakeBlock(const IPCQMessage& message, size_t length, int64_t segmentSize);
+    /// Whether a message on the own channel, which came after the first block, says that the partner has gone on to
+    /// another event. What is on the data channel still counts; with nothing there this event is to be given up.
+    bool IsEndedBy(const IPCQMessage& newer) const { return newer.senders_pid == senderPID; }
 
 private:
-    int32_t senderPID;
+    long senderPID;
     long receiverPID;
     Gatherer blocks;
     Step step;

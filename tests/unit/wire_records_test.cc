@@ -27,7 +27,26 @@ IPCQMessage Message(int32_t total, int32_t offset, int32_t length, int16_t parts
 
 size_t LengthOf(const IPCQMessage& message) { return 300 + static_cast<size_t>(message.msg_data_len); }
 
-bool Starts(const IPCQMessage& message) { return StartsEvent(message, LengthOf(message), -1); }
+const long Receiver = 99;
+
+bool Starts(const IPCQMessage& message) { return StartsEvent(message, LengthOf(message), -1, Receiver); }
+
+TEST(WireChannels, ARecordTellsForWhomItIsEvenWhereTwoPairsShareTheChannel)
+{
+    const long most = 4194304;
+    for (const long server : {long(500), most / 2, most})
+        for (const long distance : {long(-499), long(-1), long(1), long(400), most / 2 - 1}) {
+            const long before = server - distance; // its blocks for the server share a channel with
+            const long after = server + distance;  // the server's for this one
+            ASSERT_EQ(DataChannel(before, server), DataChannel(server, after));
+            EXPECT_EQ(Addressee(DataChannel(before, server), before), server);
+            EXPECT_EQ(Addressee(DataChannel(server, after), server), after);
+            ASSERT_EQ(AckChannel(before, server), AckChannel(server, after));
+            EXPECT_EQ(Addressee(AckChannel(before, server), server), before);
+            EXPECT_EQ(Addressee(AckChannel(server, after), after), server);
+            EXPECT_EQ(Addressee(server, before), server) << "the own channel";
+        }
+}
 
 TEST(WireChannels, AreThoseOfTheInterface)
 {
@@ -122,28 +141,53 @@ TEST(WireQueueRecord, ABlockInASegmentNeedsOneThatIsLongEnough)
     IPCQMessage message = Message(10, 0, 0, 0);
     message.shmem_id = 3;
     message.shmem_size = 10;
-    EXPECT_TRUE(StartsEvent(message, 300, 10));
-    EXPECT_TRUE(StartsEvent(message, 300, 4096));
-    EXPECT_FALSE(StartsEvent(message, 300, 9));
-    EXPECT_FALSE(StartsEvent(message, 300, -1));
+    EXPECT_TRUE(StartsEvent(message, 300, 10, Receiver));
+    EXPECT_TRUE(StartsEvent(message, 300, 4096, Receiver));
+    EXPECT_FALSE(StartsEvent(message, 300, 9, Receiver));
+    EXPECT_FALSE(StartsEvent(message, 300, -1, Receiver));
     message.shmem_size = -10;
-    EXPECT_FALSE(StartsEvent(message, 300, 4096));
+    EXPECT_FALSE(StartsEvent(message, 300, 4096, Receiver));
 }
 
-TEST(WireQueueRecord, ALaterBlockIsThePartnersAlone)
+TEST(WireQueueRecord, AFirstBlockOfTheReceiverItselfStartsNothing)
+{
+    IPCQMessage message = Message(10, 0, 10, 0);
+    EXPECT_TRUE(Starts(message));
+    message.senders_pid = Receiver;
+    EXPECT_FALSE(Starts(message));
+}
+
+TEST(WireQueueRecord, ALaterBlockCarriesAnEventOn)
 {
     IPCQMessage message = Message(20, 10, 10, 0);
     message.event = MultiBlockData;
-    EXPECT_TRUE(ContinuesEvent(message, 310, -1, 4711));
-    EXPECT_FALSE(ContinuesEvent(message, 310, -1, 4712)) << "of another process";
-    EXPECT_FALSE(ContinuesEvent(message, 309, -1, 4711)) << "cut short";
+    EXPECT_TRUE(ContinuesEvent(message, 310, -1));
+    EXPECT_FALSE(ContinuesEvent(message, 309, -1)) << "cut short";
     message.event = MultiBlockAck;
-    EXPECT_FALSE(ContinuesEvent(message, 310, -1, 4711)) << "of another kind";
+    EXPECT_FALSE(ContinuesEvent(message, 310, -1)) << "of another kind";
     message.event = MultiBlockData;
     message.shmem_id = 1;
     message.shmem_size = 10;
-    EXPECT_FALSE(ContinuesEvent(message, 310, 9, 4711)) << "without its segment";
-    EXPECT_TRUE(ContinuesEvent(message, 310, 10, 4711));
+    EXPECT_FALSE(ContinuesEvent(message, 310, 9)) << "without its segment";
+    EXPECT_TRUE(ContinuesEvent(message, 310, 10));
+}
+
+TEST(WireQueueRecord, BelongsToThePartnerToItselfOrToStrangers)
+{
+    IPCQMessage message = Message(20, 10, 10, 0);
+    EXPECT_EQ(OwnerOf(message, 310, 4711, 99), Owner::Partner);
+    EXPECT_EQ(OwnerOf(message, 310, 98, 4711), Owner::Self);
+    EXPECT_EQ(OwnerOf(message, 310, 98, 99), Owner::Stranger);
+    EXPECT_EQ(OwnerOf(message, 310, 4711, 4711), Owner::Partner) << "what is to be taken back";
+}
+
+TEST(WireQueueRecord, BelongsToNobodyWhenItsSenderOrItsDataWereCutOff)
+{
+    IPCQMessage message = Message(20, 10, 10, 0);
+    for (const size_t length : {size_t(0), size_t(299), size_t(2001)})
+        EXPECT_EQ(OwnerOf(message, length, 4711, 99), Owner::Nobody) << length;
+    EXPECT_EQ(OwnerOf(message, 309, 98, 99), Owner::Nobody) << "nothing that could be put back";
+    EXPECT_EQ(OwnerOf(message, 309, 4711, 99), Owner::Partner) << "the partner's fault is the transfer's";
 }
 
 TEST(WireQueueRecord, AnAcknowledgementIsZeroButForItsFields)

@@ -46,6 +46,13 @@ std::vector<Sent> SendAll(const std::string& data, int32_t blockSize)
     SendingSide side(Sender, Receiver, static_cast<int32_t>(data.size()), blockSize);
     int acks = 0;
     while (side.Next() != SendingSide::Done) {
+        if (side.Next() == SendingSide::ForgetAcks) {
+            EXPECT_EQ(side.Channel(), AckChannel(Sender, Receiver));
+            EXPECT_TRUE(sent.empty()) << "before the first block goes";
+            side.Forgotten();
+            continue;
+        }
+        EXPECT_EQ(side.IsFirst(), sent.empty() || side.Next() == SendingSide::AwaitAck);
         if (side.Next() == SendingSide::AwaitAck) {
             EXPECT_EQ(side.Channel(), AckChannel(Sender, Receiver));
             EXPECT_EQ(sent.size(), 1u) << "only the first block is acknowledged";
@@ -101,6 +108,7 @@ TEST(WireSendingSide, GivesUpWhenTheAnswerIsNoAcknowledgement)
 {
     IPCQMessage message = Header();
     SendingSide side(Sender, Receiver, 1700, 1700);
+    side.Forgotten();
     const std::string data = Pattern(1700);
     side.FillBlock(&message, data.data());
     side.BlockSent(&message);
@@ -130,13 +138,16 @@ TEST(WireReceivingSide, AcknowledgesTheFirstOfSeveralAndGathersTheOthersInWhatev
         };
         ReceivingSide side(sent[0].message, Receiver);
         place(sent[0].message);
-        EXPECT_EQ(side.Sender(), Sender);
+        EXPECT_EQ(side.Partner(), Sender);
+        ASSERT_EQ(side.Next(), ReceivingSide::ForgetBlocks);
+        EXPECT_EQ(side.Channel(), DataChannel(Sender, Receiver));
+        side.Forgotten();
         ASSERT_EQ(side.Next(), ReceivingSide::Acknowledge);
-        EXPECT_EQ(side.AckChannel(), AckChannel(Sender, Receiver));
+        EXPECT_EQ(side.Channel(), AckChannel(Sender, Receiver));
         side.Acknowledged();
         for (size_t i = 1; i < sent.size(); i++) {
             ASSERT_EQ(side.Next(), ReceivingSide::AwaitBlock);
-            EXPECT_EQ(side.DataChannel(), sent[i].channel);
+            EXPECT_EQ(side.Channel(), sent[i].channel);
             const IPCQMessage& message = sent[i].message;
             ASSERT_TRUE(side.TakeBlock(message, 300 + static_cast<size_t>(message.msg_data_len), -1));
             place(message);
@@ -155,9 +166,6 @@ TEST(WireReceivingSide, BreaksWithABlockThatDoesNotFit)
         EXPECT_FALSE(side.TakeBlock(block, 300 + static_cast<size_t>(block.msg_data_len), -1));
         return side.Next();
     };
-    IPCQMessage stranger = sent[1].message;
-    stranger.senders_pid = Sender + 1;
-    EXPECT_EQ(nextAfter(stranger), ReceivingSide::Broken);
     IPCQMessage other = sent[1].message;
     other.event = 12;
     EXPECT_EQ(nextAfter(other), ReceivingSide::Broken);
@@ -165,6 +173,15 @@ TEST(WireReceivingSide, BreaksWithABlockThatDoesNotFit)
     overlapping.curr_data_offset--;
     EXPECT_EQ(nextAfter(overlapping), ReceivingSide::Broken);
     EXPECT_EQ(nextAfter(sent[0].message), ReceivingSide::Broken);
+}
+
+TEST(WireReceivingSide, IsEndedByAnotherEventOfItsPartner)
+{
+    const ReceivingSide side(SendAll(Pattern(5000), 1700)[0].message, Receiver);
+    IPCQMessage newer = Header();
+    EXPECT_TRUE(side.IsEndedBy(newer));
+    newer.senders_pid = Sender + 1;
+    EXPECT_FALSE(side.IsEndedBy(newer));
 }
 
 } // namespace

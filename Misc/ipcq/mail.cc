@@ -1,0 +1,215 @@
+#include "Misc/ipcq/mail.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "Misc/detail/timedcall.h"
+#include "Misc/wire/channels.h"
+#include "Misc/wire/records.h"
+#include "svr4/errno.h"
+#include "svr4/process.h"
+
+[[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
+
+static const int64_t ClearingMilliseconds = 100;             // between two looks at the correspondents
+static const struct timespec Moment = {0, 10 * 1000 * 1000}; // between two tries to give back
+static const int MomentsBeforeTheEnd = 100;
+
+namespace zeloo {
+
+using wire::AckChannel;
+using wire::DataChannel;
+using wire::Owner;
+
+bool HasGone(long pid) { return !process_exists(pid) || svr4::is_zombie(pid); }
+
+void SaveMail(int queue, long channel, IPCQMsgSafeArray& saved, unsigned most)
+{
+    const svr4::SavedErrno savedErrno;
+    if (saved.Quantity() >= most)
+        return;
+    static IPCQMsg* spare = nullptr; // there before a message is taken off the queue
+    if (spare == nullptr)
+        spare = new (std::nothrow) IPCQMsg;
+    if (spare == nullptr)
+        return;
+    TakeWaiting(queue, channel, [&](const ReceivedMessage& message) {
+        if (!CompleteMessage(message)) {
+            ReportMalformed(queue);
+            return true;
+        }
+        spare->msg = message.msg();
+        saved.AddItem(spare);
+        spare = saved.Quantity() < most ? new (std::nothrow) IPCQMsg : nullptr;
+        return spare != nullptr;
+    });
+}
+
+// ---- Correspondents ----
+
+Correspondents::~Correspondents() { std::free(list); }
+
+void Correspondents::Note(long pid, bool isUnfinished)
+{
+    for (unsigned i = 0; i < count; i++)
+        if (list[i].pid == pid) {
+            list[i].isUnfinished = isUnfinished;
+            return;
+        }
+    if (count == capacity) {
+        const unsigned larger = capacity + 16;
+        void* room = std::realloc(list, larger * sizeof *list);
+        if (room == nullptr)
+            return;
+        list = static_cast<Entry*>(room);
+        capacity = larger;
+    }
+    list[count++] = {static_cast<int32_t>(pid), isUnfinished};
+}
+
+void Correspondents::ForgetFinished()
+{
+    for (unsigned i = count; i-- > 0;)
+        if (!list[i].isUnfinished)
+            RemoveAt(i);
+}
+
+// ---- Own mail ----
+
+void Mail::Save(unsigned most)
+{
+    const bool serversMail = !object.is_a_server() && object.MyPID == object.ServerPID;
+    if (object.MyQueueID >= 0 && !serversMail)
+        SaveMail(object.MyQueueID, object.MyPID, object.MsgArray, most);
+}
+
+bool Mail::HasMessageOf(long pid) const
+{
+    for (unsigned i = 0; i < object.MsgArray.Quantity(); i++)
+        if (object.MsgArray[i]->msg.senders_pid == pid)
+            return true;
+    return false;
+}
+
+// ---- Others' records ----
+
+void Mail::Sweep(long channel, long owner)
+{
+    TakeWaiting(object.MyQueueID, channel, [&](const ReceivedMessage& message) {
+        const Owner found = wire::OwnerOf(message.msg(), message.length, owner, object.MyPID);
+        if (found == Owner::Nobody)
+            ReportMalformed(object.MyQueueID);
+        else if (found != Owner::Partner && !Keep(message.msg()))
+            return false;
+        return true;
+    });
+    GiveBack();
+}
+
+bool Mail::Keep(const IPCQMessage& message)
+{
+    IPCQMsg* holder = new (std::nothrow) IPCQMsg;
+    if (holder == nullptr)
+        return false;
+    holder->msg = message;
+    aside.AddItem(holder);
+    return true;
+}
+
+bool Mail::StaysAway(const IPCQMessage& message) const
+{
+    return message.senders_pid == object.MyPID && message.mtype == openChannel;
+}
+
+void Mail::PutBack(ReceivedMessage& message)
+{
+    if (StaysAway(message.msg()) || PutMessage(object.MyQueueID, &message.msg(), IPC_NOWAIT) == EAGAIN)
+        Keep(message.msg());
+}
+
+void Mail::GiveBack()
+{
+    for (unsigned i = 0; i < aside.Quantity();) {
+        const IPCQMessage& kept = aside[i]->msg;
+        if (StaysAway(kept)) {
+            i++;
+            continue;
+        }
+        svr4::MessageArea<IPCQMessage> area;
+        area.record = kept;
+        if (process_exists(wire::Addressee(kept.mtype, kept.senders_pid)) &&
+            PutMessage(object.MyQueueID, &area.record, IPC_NOWAIT) == EAGAIN)
+            return;
+        aside.RemoveAt(i);
+    }
+}
+
+void Mail::CloseChannel()
+{
+    openChannel = 0;
+    GiveBack();
+}
+
+void Mail::GiveAllBack()
+{
+    CloseChannel();
+    for (int moment = 0; aside.Quantity() > 0 && moment < MomentsBeforeTheEnd; moment++) {
+        nanosleep(&Moment, nullptr);
+        GiveBack();
+    }
+}
+
+// ---- What nobody reads any more ----
+
+void Mail::ClearPair(long sender, long receiver)
+{
+    Sweep(DataChannel(sender, receiver), sender);
+    Sweep(AckChannel(sender, receiver), receiver);
+}
+
+void Mail::TakeBackFirstBlock(long receiver)
+{
+    TakeWaiting(object.MyQueueID, receiver, [&](const ReceivedMessage& message) {
+        const bool isTheBlock = message.msg().senders_pid == object.MyPID && message.msg().parts_left > 0;
+        return isTheBlock || !CompleteMessage(message) || Keep(message.msg());
+    });
+    GiveBack();
+}
+
+void Mail::NoteCorrespondent(long pid, bool isUnfinished)
+{
+    if (object.is_a_server())
+        correspondents.Note(pid, isUnfinished);
+}
+
+void Mail::ClearTheDead(long partner)
+{
+    if (correspondents.Quantity() == 0)
+        return;
+    const int64_t now = MillisecondsNow();
+    if (now - lastClearing < ClearingMilliseconds)
+        return;
+    lastClearing = now;
+    if (WaitingMessages(object.MyQueueID) == 0) {
+        correspondents.ForgetFinished(); // they have read everything
+        return;
+    }
+    for (unsigned i = correspondents.Quantity(); i-- > 0;) {
+        const long pid = correspondents[i].pid;
+        if (pid == partner)
+            continue;
+        if (HasGone(pid)) {
+            DiscardMessages(object.MyQueueID, pid);
+            ClearPair(object.MyPID, pid);
+            ClearPair(pid, object.MyPID);
+            correspondents.RemoveAt(i);
+        } else if (partner == 0) {
+            Sweep(DataChannel(pid, object.MyPID), pid); // no event is under way to which they could belong
+        }
+    }
+}
+
+} // namespace zeloo

@@ -1,0 +1,101 @@
+// What lies on a queue for one end of it: its own mail, which it keeps, and what belongs to others, which it neither uses
+// nor loses.
+#ifndef MISC_IPCQ_MAIL_H
+#define MISC_IPCQ_MAIL_H
+
+#include "Misc/ipcq/message.h"
+
+namespace zeloo {
+
+/// The most messages that are saved; as many again while the process waits within a transfer. What is beyond stays on
+/// the queue, whose limit its senders then meet.
+constexpr unsigned MostSaved = 8192;
+
+/// Saves the messages that wait on a channel, off the queue, while `saved` holds less than `most`. Malformed ones are
+/// dropped with a report.
+void SaveMail(int queue, long channel, IPCQMsgSafeArray& saved, unsigned most);
+
+/// Whether a process takes no part in a transfer any more: it does not exist, or it is a zombie.
+bool HasGone(long pid);
+
+/// Processes to which a server has written.
+class Correspondents {
+public:
+    struct Entry {
+        int32_t pid;
+        bool isUnfinished; // it may still put blocks of a broken event on the queue
+    };
+
+    Correspondents() = default;
+    ~Correspondents();
+    Correspondents(const Correspondents&) = delete;
+    Correspondents& operator=(const Correspondents&) = delete;
+
+    /// Notes a process, unless there is no memory for that.
+    void Note(long pid, bool isUnfinished);
+    void ForgetFinished();
+    void RemoveAt(unsigned i) { list[i] = list[--count]; }
+    unsigned Quantity() const { return count; }
+    const Entry& operator[](unsigned i) const { return list[i]; }
+
+private:
+    Entry* list = nullptr;
+    unsigned count = 0;
+    unsigned capacity = 0;
+};
+
+/// The mail of one IPCQBase.
+class Mail {
+public:
+    explicit Mail(IPCQBase& end) : object(end) {}
+
+    // ---- Own mail ----
+
+    /// Saves the own mail, until `most` messages are saved.
+    void Save(unsigned most);
+    /// Whether a saved message came from a process.
+    bool HasMessageOf(long pid) const;
+
+    // ---- Others' records ----
+
+    /// Takes what waits on a channel off it: what came from `owner` is dropped, all else goes back. But own records that
+    /// nobody has read yet stay away from the open channel.
+    void Sweep(long channel, long owner);
+    /// Puts a record back on the channel from which it was taken, or keeps it until there is room.
+    void PutBack(ReceivedMessage& message);
+    /// The data channel that this end reads: own records for others would stand before the partner's. 0: none.
+    void Open(long channel) { openChannel = channel; }
+    void CloseChannel();
+    /// Gives back what is kept for others, as far as there is room. What is for a process that has gone is dropped.
+    void GiveBack();
+    /// The same, waiting a second for room: this end is about to go.
+    void GiveAllBack();
+
+    // ---- What nobody reads any more ----
+
+    /// Drops every record of a transfer between two processes, one of them this.
+    void ClearPair(long sender, long receiver);
+    /// Takes back a first block that this process has put on another's own channel and that waits for its answer.
+    void TakeBackFirstBlock(long receiver);
+    /// Notes that this server has written to a process, or that one may still write to it blocks that nobody awaits.
+    void NoteCorrespondent(long pid, bool isUnfinished = false);
+    /// Clears the channels of the correspondents that have gone. `partner` is that of the transfer under way; with 0
+    /// there is none, and what the others still send belongs to nothing.
+    void ClearTheDead(long partner);
+    /// Whether ClearTheDead or GiveBack have something to do.
+    bool HasToTend() const { return aside.Quantity() > 0 || correspondents.Quantity() > 0; }
+
+private:
+    bool Keep(const IPCQMessage& message);
+    bool StaysAway(const IPCQMessage& message) const;
+
+    IPCQBase& object;
+    IPCQMsgSafeArray aside{0}; // kept for others
+    long openChannel = 0;
+    Correspondents correspondents;
+    int64_t lastClearing = 0;
+};
+
+} // namespace zeloo
+
+#endif
