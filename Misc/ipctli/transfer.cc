@@ -28,9 +28,10 @@ short IPCTli::send(const char* buff, long bsize)
     for (long sent = 0; sent < bsize;) {
         const unsigned rest = static_cast<unsigned>(std::min<long>(bsize - sent, LargestTransfer));
         const int n = svr4::t_snd(fd, buff + sent, rest, 0);
-        if (n < 0)
+        if (n >= 0)
+            sent += n;
+        else if (svr4::t_errno != svr4::TSYSERR || errno != EINTR) // half a record would be the end of the connection
             return TCP_ERROR;
-        sent += n;
     }
     return NO_ERRORS;
 }

@@ -162,6 +162,31 @@ int EndChild(pid_t pid, int signal)
     return WaitForExit(pid);
 }
 
+pid_t StartChildAt(pid_t wanted, const std::function<void()>& body)
+{
+    pid_t pid = -1;
+    for (int attempt = 0; attempt < 10 && pid != wanted; attempt++) { // another process may be started in between
+        if (pid > 0)
+            EndChild(pid);
+        WriteFile("/proc/sys/kernel/ns_last_pid", std::to_string(wanted - 1));
+        pid = StartChild([&] {
+            if (getpid() == wanted)
+                body();
+            else
+                pause();
+        });
+    }
+    return pid;
+}
+
+pid_t ZombieProcess()
+{
+    const pid_t pid = StartChild([] {});
+    siginfo_t ended;
+    waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT);
+    return pid;
+}
+
 pid_t DeadProcess()
 {
     const pid_t pid = StartChild([] {});

@@ -48,6 +48,10 @@ pid_t StartProgram(const std::string& program, const std::vector<std::string>& a
 int WaitForExit(pid_t pid, int seconds = 60);
 /// Sends a child a signal and waits for it, with the same result.
 int EndChild(pid_t pid, int signal = SIGKILL);
+/// StartChild with a process id of one's choice, in the sandbox, which nobody has.
+pid_t StartChildAt(pid_t pid, const std::function<void()>& body);
+/// A child that has ended and is not waited for.
+pid_t ZombieProcess();
 /// The process id of a child that has ended and was waited for.
 pid_t DeadProcess();
 /// Forks a child that waits for signals only. The caller ends it.

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -149,6 +150,27 @@ inline std::string IpcWarning(const std::string& description)
 {
     return Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, description);
 }
+
+/// How many malformed messages reports speak of: the first at once, those of the next second as a number.
+inline long MalformedIn(const std::string& reports, int qid)
+{
+    const std::string one = IpcWarning("Malformed message dropped from queue " + std::to_string(qid) + ".");
+    const std::string many = " malformed messages dropped from queue " + std::to_string(qid) + ".\n";
+    long count = 0;
+    for (size_t at = 0, end; (end = reports.find('\n', at)) != std::string::npos; at = end + 1) {
+        const std::string line = reports.substr(at, end + 1 - at);
+        if (line == one)
+            count++;
+        else if (line.size() > many.size() && line.compare(line.size() - many.size(), many.size(), many) == 0)
+            count += std::atol(&line[line.rfind('|') + 1]);
+        else
+            ADD_FAILURE() << line;
+    }
+    return count;
+}
+
+/// Waits until the next malformed message is reported at once again.
+inline void LetReportsRest() { usleep(1100000); }
 
 class IpcqTest : public ::testing::Test {
 protected:

@@ -12,22 +12,6 @@ namespace {
 
 using namespace ipcq_testing;
 
-// Fills a queue until a message of `room` bytes fits no more.
-void Fill(int queue, long channel, size_t room)
-{
-    SetQueueBytes(queue, 16384);
-    const std::string junk(room, 'j');
-    while (SendRaw(queue, channel, junk.data(), junk.size(), IPC_NOWAIT) == 0) {
-    }
-}
-
-void Empty(int queue, long channel)
-{
-    IPCQMessage msg;
-    while (TakeRecord(queue, channel, &msg) >= 0) {
-    }
-}
-
 int handled = 0;
 void Handler(int) { handled++; }
 
@@ -259,14 +243,16 @@ TEST_F(IpcqTransfer, MalformedMessagesDoNotEndAWait)
 {
     PrivateQueue queue;
     char bytes[2001] = {};
-    SendRaw(queue.id, 9, bytes, 2001);
-    SendRaw(queue.id, 9, bytes, 299);
-    SendRaw(queue.id, 9, bytes, 0);
-    SendRecord(queue.id, 9, Event(5, 1, "good"));
-    const std::string warning = IpcWarning("Malformed message dropped from queue " + std::to_string(queue.id) + ".");
+    LetReportsRest();
+    const std::string first = Reports([&] {
+        SendRaw(queue.id, 9, bytes, 2001);
+        SendRecord(queue.id, 9, Event(5, 1, "good"));
+        IPCQMessage msg;
+        EXPECT_EQ(ipc_recv(queue.id, 9, &msg, 0, 5), 0);
+        EXPECT_STREQ(msg.msg_data, "good");
+    });
+    EXPECT_EQ(first, IpcWarning("Malformed message dropped from queue " + std::to_string(queue.id) + "."));
     IPCQMessage msg;
-    EXPECT_EQ(Reports([&] { EXPECT_EQ(ipc_recv(queue.id, 9, &msg, 0, 5), 0); }), warning + warning + warning);
-    EXPECT_STREQ(msg.msg_data, "good");
 
     // They give nobody more time either.
     const pid_t nuisance = StartChild([&] {
@@ -277,6 +263,25 @@ TEST_F(IpcqTransfer, MalformedMessagesDoNotEndAWait)
     });
     CaptureStderr([&] { EXPECT_EQ(ipc_recv(queue.id, 9, &msg, 0, 1), Timeout); });
     EndChild(nuisance);
+}
+
+TEST_F(IpcqTransfer, AFloodOfMalformedMessagesIsReportedOnceASecond)
+{
+    PrivateQueue queue;
+    LetReportsRest();
+    const int count = 40;
+    const auto takeMalformed = [&](int number) {
+        for (int i = 0; i < number; i++)
+            SendRaw(queue.id, 9, "rubbish", 7);
+        SendRecord(queue.id, 9, Event(5, 1, "good"));
+        IPCQMessage msg;
+        EXPECT_EQ(ipc_recv(queue.id, 9, &msg, 0, 5), 0);
+    };
+    const std::string queueText = "queue " + std::to_string(queue.id) + ".";
+    EXPECT_EQ(Reports([&] { takeMalformed(count); }), IpcWarning("Malformed message dropped from " + queueText));
+    LetReportsRest();
+    EXPECT_EQ(Reports([&] { takeMalformed(1); }),
+              IpcWarning(std::to_string(count) + " malformed messages dropped from " + queueText));
 }
 
 // ---- IPCSend and IPCReceive ----

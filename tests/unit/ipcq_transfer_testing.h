@@ -2,6 +2,7 @@
 #ifndef TESTS_UNIT_IPCQ_TRANSFER_TESTING_H
 #define TESTS_UNIT_IPCQ_TRANSFER_TESTING_H
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -51,6 +52,31 @@ inline IPCQMessage FirstBlock(int partsLeft)
     msg.event = 30;
     msg.result_code = 6;
     return msg;
+}
+
+/// Fills a queue until a message of `room` bytes fits no more.
+inline void Fill(int queue, long channel, size_t room)
+{
+    SetQueueBytes(queue, 16384);
+    const std::string junk(room, 'j');
+    while (SendRaw(queue, channel, junk.data(), junk.size(), IPC_NOWAIT) == 0) {
+    }
+}
+
+/// Takes off what waits on a channel.
+inline void Empty(int queue, long channel)
+{
+    IPCQMessage msg;
+    while (TakeRecord(queue, channel, &msg) >= 0) {
+    }
+}
+
+/// The seconds that `body` takes.
+inline double Seconds(const std::function<void()>& body)
+{
+    const auto start = std::chrono::steady_clock::now();
+    body();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 } // namespace ipcq_testing

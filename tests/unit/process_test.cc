@@ -23,10 +23,7 @@
 
 #include "tests/support/testing.h"
 
-using testing_support::ChildNeeds;
-using testing_support::ChildResult;
-using testing_support::NotPossibleHere;
-using testing_support::RunInChild;
+using namespace testing_support;
 
 namespace {
 
@@ -87,6 +84,28 @@ TEST(HeapSize, EndsAtTheLargestInt)
     if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no 3 GB of address space behind the break";
     EXPECT_EQ(child.out, std::to_string(INT_MAX));
+}
+
+TEST(IsZombie, IsWhoHasEndedAndIsNotWaitedFor)
+{
+    const pid_t zombie = ZombieProcess();
+    const pid_t living = IdleProcess();
+    EXPECT_TRUE(svr4::is_zombie(zombie));
+    EXPECT_FALSE(svr4::is_zombie(living));
+    EXPECT_FALSE(svr4::is_zombie(getpid()));
+    EndChild(living);
+    WaitForExit(zombie);
+    errno = EXDEV;
+    for (const long pid : {long(living), long(zombie), 0L, -1L, 99999999999L})
+        EXPECT_FALSE(svr4::is_zombie(pid)) << pid;
+    EXPECT_EQ(errno, EXDEV);
+}
+
+TEST(IsZombie, IsToldWhateverTheNameOfTheProgram)
+{
+    const pid_t zombie = StartChild([] { prctl(PR_SET_NAME, ") R (x) S"); });
+    ASSERT_TRUE(WaitUntil([&] { return svr4::is_zombie(zombie); }));
+    WaitForExit(zombie);
 }
 
 TEST(Setpgrp, MakesASessionAndAGroupOfItsOwn)
