@@ -303,35 +303,6 @@ TEST_F(IpctliRecords, BlocksComeInWhateverOrder)
     EXPECT_EQ(Bytes(data), "next") << "no byte of the next event is taken";
 }
 
-TEST_F(IpctliRecords, SignalsOfTheCallerDoNotCutASendInHalf)
-{
-    const std::string text = Pattern(20 << 20);
-    IPCTli listener;
-    ASSERT_EQ(listener.Tprelisten("localhost", "orvd"), 1);
-    const pid_t sender = StartChild([&] {
-        listener.Tclose();
-        struct sigaction action = {};
-        action.sa_handler = [](int) {}; // without SA_RESTART
-        sigaction(SIGUSR1, &action, nullptr);
-        const Nagger nagger(SIGUSR1);
-        IPCTli end;
-        CHILD_CHECK(end.Topen("localhost", "orvd"));
-        TliMsgStruct msg = Record();
-        CHILD_CHECK(end.send_block(&msg, text.data(), long(text.size())) == 0);
-        end.Tshutdown();
-        CHILD_CHECK(end.Tclose() == 0);
-    });
-    IPCTli end;
-    ASSERT_EQ(listener.Tlisten(), 1);
-    ASSERT_EQ(end.Taccept(listener), 1);
-    usleep(300000); // the sender waits for room, and signals come
-    TliMsgStruct msg;
-    Buffer data;
-    ASSERT_EQ(end.recv_block(&msg, data), 0);
-    EXPECT_TRUE(Bytes(data) == text);
-    EXPECT_EQ(WaitForExit(sender), 0);
-}
-
 TEST_F(IpctliRecords, AnySizeArrives)
 {
     const int sizes[] = {0, 1, 1699, 1700, 1701, 3400, 1 << 20, 10 << 20, (1 << 20) + 1, 2 * (1 << 20) + 1};
@@ -520,6 +491,35 @@ TEST_F(IpctliRecords, DataThatMemoryDoesNotHoldIsReported)
     });
     EXPECT_EQ(WaitForExit(child), 0);
     EXPECT_TRUE(connection.peer.AtEnd());
+}
+
+TEST_F(IpctliRecords, SignalsOfTheCallerDoNotCutASendInHalf)
+{
+    const std::string text = Pattern(20 << 20);
+    IPCTli listener;
+    ASSERT_EQ(listener.Tprelisten("localhost", "orvd"), 1);
+    const pid_t sender = StartChild([&] {
+        listener.Tclose();
+        struct sigaction action = {};
+        action.sa_handler = [](int) {}; // without SA_RESTART
+        sigaction(SIGUSR1, &action, nullptr);
+        const Nagger nagger(SIGUSR1);
+        IPCTli end;
+        CHILD_CHECK(end.Topen("localhost", "orvd"));
+        TliMsgStruct msg = Record();
+        CHILD_CHECK(end.send_block(&msg, text.data(), long(text.size())) == 0);
+        end.Tshutdown();
+        CHILD_CHECK(end.Tclose() == 0);
+    });
+    IPCTli end;
+    ASSERT_EQ(listener.Tlisten(), 1);
+    ASSERT_EQ(end.Taccept(listener), 1);
+    usleep(300000); // the sender waits for room, and signals come
+    TliMsgStruct msg;
+    Buffer data;
+    ASSERT_EQ(end.recv_block(&msg, data), 0);
+    EXPECT_TRUE(Bytes(data) == text);
+    EXPECT_EQ(WaitForExit(sender), 0);
 }
 
 } // namespace
