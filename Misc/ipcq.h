@@ -56,6 +56,9 @@ ZELOO_API void DumpIPCMessage(const IPCQMessage* pmsg, std::ostream& out);
 // ---- Queue resources --------------------------------------------------------------------------------------------
 // Failures give -1 or 0 and, where a contract says so, a report of severity WARNING and type IPC_ERROR. None of them
 // stops the process.
+//
+// Whoever makes, joins or removes the queue of a name locks its key file for that moment, if it may read it, with
+// signals held back. A lock that does not come within a second is done without: it only keeps order.
 
 /// The key of a server name: ftok of the file of that name under /opt/orv/bin, or else (but not for "orvd") in the
 /// current directory. A name with a "/" is a path and used as it stands. Negative when there is no such file.
@@ -68,14 +71,16 @@ ZELOO_API const char* GetQueueErrorMsg(int errornum);
 /// 1 when a process with that id exists, whosever it is; 0 otherwise. 0 stands for the caller's process group.
 ZELOO_API short process_exists(long pid);
 
-/// Makes the semaphore set and the queue of a new server and sizes the queue. The queue must not exist yet. Returns
-/// its id, or -1 after a report, with nothing of the two left.
+/// Makes the semaphore set and the queue of a new server and sizes the queue. The queue must not exist yet; a set that
+/// is there is taken over. Returns the queue's id, or -1 after a report. Then there is no new queue, and a set of
+/// others is as it was; one that this call made, or whose first slot holds `ServerPID`, is removed.
 ZELOO_API int create_queue(const char* fileptr, long ServerPID);
 
 /// Opens the queue of a server name. A queue that is not there is looked for again every 2 seconds until
 /// `TimeOutValue` seconds have been slept. `*pServerPID` becomes `RequestedServerPID` or, when that is negative, the
-/// process id of the queue's first server; -1 when there is none. A queue without a live server is removed. Returns
-/// the queue's id; -1, without a report, when there is no queue on which that process is a live server.
+/// process id of the queue's first server; -1 when there is none. A queue without a live server is removed; one without
+/// a set stays, as nothing tells whose it is. Returns the queue's id; -1, without a report, when there is no queue on
+/// which that process is a live server.
 ZELOO_API int connect_to_queue(const char* fileptr, short TimeOutValue, long* pServerPID, long RequestedServerPID);
 
 /// Raises the byte limit of a new queue to 500736: as super-user itself, else through the resizing tool, which may
@@ -276,11 +281,12 @@ private:
 };
 
 /// The server end of a queue. A server process has one; it receives events from everybody and answers the last
-/// sender.
+/// sender. It belongs to the process that made it: a daemon makes it after daemonize, not before.
 class ZELOO_API IPCQServer : public IPCQBase {
 public:
     /// Joins the queue of that name when it has a live server and a free slot, or makes it when there is none (one
-    /// whose servers are all dead is removed first). See Created.
+    /// whose servers are all dead is removed first). While no other server object of the process has a queue, a slot
+    /// with its own process id is a dead predecessor's and counts as free. See Created.
     explicit IPCQServer(const char* IPCServerName);
     /// Shutdown.
     ~IPCQServer() override;
@@ -307,7 +313,8 @@ public:
     void SetReceiveTimeOutEvent(short t_event) { ReceiveTimeOutEvent = t_event; }
 
     /// Unregisters the server. The last one of a queue removes it; at debug level 2 or more the messages left on it
-    /// are written to the standard output first. The events of this process to itself are dropped in every case.
+    /// are written to the standard output first. The events of this process to itself are dropped in every case. In a
+    /// forked child only the child's object loses its queue.
     void Shutdown();
 
 private:
@@ -321,6 +328,9 @@ public:
     /// Joins the queue of that name, for which it waits up to `TimeOutValue` seconds (see connect_to_queue), to talk
     /// to object `Object` of the server with process id `RequestedServerPID` (-1: whichever there is). The messages
     /// carry this program's version, full name and node. A null name joins nothing.
+    ///
+    /// The first client of a process on a queue drops the messages that wait there for the process's id, which were
+    /// for a dead process that had it before; not so in a process that serves the queue itself.
     IPCQClient(short Object, const char* IPCServerName, unsigned short TimeOutValue = 0, long RequestedServerPID = -1);
     /// Shutdown.
     ~IPCQClient() override;
@@ -336,7 +346,8 @@ public:
     /// failure; 0 with `REvent` 0 when the receive limit runs out.
     short receive_response(short& REvent, Buffer& Data);
 
-    /// Writes the state of the queue and its messages, which this takes off the queue.
+    /// Writes the state of the queue and its messages, which this takes off the queue. In a forked child they stay
+    /// there and are not written.
     void dumpQueueInfoOn(std::ostream& out);
 
     /// Takes the client's mail off the queue.

@@ -33,6 +33,9 @@ ZELOO_API short redirectoutput(const char* LogFileName, short Append);
 /// A caller whose parent is process 1 is a daemon already. That is told on standard error, and the caller goes on as it
 /// is, with only descriptors, mask, SIGCLD and output changed.
 ///
+/// The daemon is another process: queues, connections, locks and children that the caller had stay the caller's, which
+/// has gone. An IPCQServer is made afterwards, and so is all else of that kind.
+///
 /// Returns, in the daemon, the result of redirectoutput, with `errno` 0 when that is 0. Where it failed or the name is
 /// null the descriptors stay closed. Returns -1 when a fork failed and -2 when the session could not be made, with the
 /// reason on standard error and the descriptors open; the result is then that of the process that got that far.

@@ -3,6 +3,9 @@
 #include "Misc/detail/owner.h"
 #include "Misc/detail/text.h"
 #include "Misc/ipcq.h"
+#include "Misc/ipcq/ends.h"
+#include "Misc/ipcq/message.h"
+#include "Misc/ipcq/resources.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -14,6 +17,10 @@ IPCQClient::IPCQClient(short Object, const char* IPCServerName, unsigned short T
     RegisterProgram();
     const short seconds = static_cast<short>(std::min<int>(TimeOutValue, INT16_MAX));
     MyQueueID = connect_to_queue(ServerName, seconds, &ServerPID, RequestedServerPID);
+    // What waits before the process has asked for anything was for a dead process with the same id, unless the process
+    // is a server of the queue itself.
+    if (Connected() && zeloo::IsFirstClientOn(MyQueueID) && !zeloo::IsRegistered(MyQueueID, MyPID))
+        zeloo::DiscardMessages(MyQueueID, MyPID);
 }
 
 IPCQClient::~IPCQClient() { Shutdown(); }
@@ -56,7 +63,8 @@ void IPCQClient::dumpQueueInfoOn(std::ostream& out)
     out << "IPC Status: \n";
     DumpIPCStatus(MyQueueID, out);
     out << "Outstanding Messages:\n";
-    DumpIPCMessages(MyQueueID, out);
+    if (zeloo::IsOwner(MyPID))
+        DumpIPCMessages(MyQueueID, out);
 }
 
 void IPCQClient::Shutdown()

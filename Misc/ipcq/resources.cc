@@ -11,15 +11,14 @@
 #include "Misc/detail/paths.h"
 #include "Misc/detail/text.h"
 #include "Misc/ipcq/message.h"
+#include "Misc/ipcq/resources.h"
 #include "Misc/unixproc.h"
 #include "Misc/wire/blocks.h"
 
 using zeloo::Report;
-using zeloo::ReportQueueFailure;
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-static const int KeyProject = 1;
 static const int AccessMode = 0660;
 static const int RetrySeconds = 2;
 static const int ResizingToolArgument = 2;
@@ -27,22 +26,8 @@ static const long ResizingToolSeconds = 15;
 static const int RecommendedQueueBytes = 500736;
 static const int SystemMessageLimit = 2048;
 static const int BlocksOnAQueue = 15;
-
-int ftok_orvm(const char* fileptr)
-{
-    if (fileptr == nullptr)
-        return -1;
-    if (std::strchr(fileptr, '/') != nullptr)
-        return ftok(fileptr, KeyProject);
-    char path[4096];
-    int key = -1;
-    if (std::snprintf(path, sizeof path, "%s%s", zeloo::ProgramDirectory, fileptr) < int(sizeof path))
-        key = ftok(path, KeyProject);
-    // The daemon's own key file has one place only: no second try for it.
-    if (key == -1 && std::strcmp(fileptr, "orvd") != 0)
-        key = ftok(fileptr, KeyProject);
-    return key;
-}
+static const char NoSemaphore[] = "Can't create semaphore";
+static const char NoQueue[] = "Can't create message queue";
 
 const char* GetQueueErrorMsg(int errornum)
 {
@@ -64,68 +49,123 @@ short process_exists(long pid) { return UnixProcess::ProcessExists(pid); }
 
 int create_queue(const char* fileptr, long ServerPID)
 {
-    const int key = ftok_orvm(fileptr);
-    if (key < 0) {
-        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, errno, ZELOO_HERE,
-               "ftok of \"%s\" failed, can't create unique queue", zeloo::TextOrEmpty(fileptr));
-        return -1;
+    const zeloo::KeyFile file(fileptr);
+    zeloo::NewQueue made;
+    {
+        const zeloo::NameLock lock(file);
+        made = zeloo::MakeQueue(file, ServerPID);
     }
-    const int semid = semget(key, 1, IPC_CREAT | AccessMode);
-    if (semid < 0) {
-        ReportQueueFailure(errno, __LINE__, "Can't create semaphore");
-        return -1;
-    }
-    if (svr4::set_semaphore_pid(semid, 0, ServerPID) < 0) {
-        ReportQueueFailure(errno, __LINE__, "Can't create semaphore");
-        delete_semaphore(semid);
-        return -1;
-    }
-    const int msqid = msgget(key, IPC_CREAT | IPC_EXCL | AccessMode);
-    if (msqid < 0) {
-        const int error = errno;
-        delete_semaphore(semid);
-        ReportQueueFailure(error, __LINE__, "Can't create message queue");
-        return -1;
-    }
-    check_q_sizes(msqid);
-    check_max_data_size(msqid);
-    return msqid;
-}
-
-static int OpenQueue(key_t key, int TimeOutValue)
-{
-    int msqid = msgget(key, AccessMode);
-    for (int waited = 0; msqid < 0 && waited < TimeOutValue; waited += RetrySeconds) {
-        sleep(RetrySeconds);
-        msqid = msgget(key, AccessMode);
-    }
-    return msqid;
+    return zeloo::FinishQueue(made, fileptr);
 }
 
 int connect_to_queue(const char* fileptr, short TimeOutValue, long* pServerPID, long RequestedServerPID)
 {
     *pServerPID = -1;
-    const int key = ftok_orvm(fileptr);
-    if (key < 0)
+    const zeloo::KeyFile file(fileptr);
+    if (file.Key() < 0)
         return -1;
-    const int msqid = OpenQueue(key, TimeOutValue);
-    if (msqid < 0)
-        return -1;
-
-    const int semid = semget(key, 0, AccessMode);
-    if (semid < 0 && errno == ENOENT) {
-        msgctl(msqid, IPC_RMID, nullptr); // nobody can find an owner of this queue any more: make room for the next
-        return -1;
+    for (int waited = 0;; waited += RetrySeconds) {
+        {
+            const zeloo::NameLock lock(file);
+            const int msqid = zeloo::OpenQueue(file);
+            if (msqid >= 0)
+                return zeloo::JoinQueue(file, msqid, pServerPID, RequestedServerPID);
+        }
+        if (waited >= TimeOutValue)
+            return -1;
+        sleep(RetrySeconds);
     }
-    if (RequestedServerPID >= 0)
-        *pServerPID = RequestedServerPID;
+}
+
+namespace zeloo {
+
+static NewQueue Failure(const char* failed) { return {-1, errno, failed}; }
+
+// Nothing is written to a slot that may be somebody else's before there is a new queue: the lock can fail, and a process
+// id that was overwritten there cannot always be put back.
+NewQueue MakeQueue(const KeyFile& file, long serverPid)
+{
+    if (file.Key() < 0)
+        return Failure(nullptr);
+    int semid = semget(file.Key(), 1, IPC_CREAT | IPC_EXCL | AccessMode);
+    const bool isNewSet = semid >= 0;
+    if (!isNewSet && errno == EEXIST)
+        semid = semget(file.Key(), 1, AccessMode);
+    if (semid < 0)
+        return Failure(NoSemaphore);
+    if (isNewSet && svr4::set_semaphore_pid(semid, 0, serverPid) < 0) {
+        const NewQueue failure = Failure(NoSemaphore);
+        delete_semaphore(semid);
+        return failure;
+    }
+    const int msqid = msgget(file.Key(), IPC_CREAT | IPC_EXCL | AccessMode);
+    if (msqid < 0) {
+        const NewQueue failure = Failure(NoQueue);
+        if (svr4::semaphore_pid(semid, 0) == serverPid) // its own set, unless a faster one has taken it over
+            delete_semaphore(semid);
+        return failure;
+    }
+    if (!isNewSet && svr4::set_semaphore_pid(semid, 0, serverPid) < 0) {
+        const NewQueue failure = Failure(NoSemaphore);
+        msgctl(msqid, IPC_RMID, nullptr);
+        return failure;
+    }
+    return {msqid, 0, nullptr};
+}
+
+int FinishQueue(const NewQueue& made, const char* name)
+{
+    if (made.id >= 0) {
+        check_q_sizes(made.id);
+        check_max_data_size(made.id);
+    } else if (made.failed == nullptr) {
+        Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, made.error, ZELOO_HERE,
+               "ftok of \"%s\" failed, can't create unique queue", TextOrEmpty(name));
+    } else {
+        ReportQueueFailure(made.error, __LINE__, made.failed);
+    }
+    return made.id;
+}
+
+int OpenQueue(const KeyFile& file) { return file.Key() < 0 ? -1 : msgget(file.Key(), AccessMode); }
+
+int JoinQueue(const KeyFile& file, int msqid, long* serverPid, long requestedPid)
+{
+    const int semid = semget(file.Key(), 0, AccessMode);
+    if (requestedPid >= 0)
+        *serverPid = requestedPid;
     else if (semid >= 0)
-        *pServerPID = svr4::semaphore_pid(semid, 0);
-    if (!is_a_live_server_process(msqid, *pServerPID))
+        *serverPid = svr4::semaphore_pid(semid, 0);
+    if (!is_a_live_server_process(msqid, *serverPid)) // nor is one whose set is gone: nothing tells whose queue it is
         return -1;
     check_max_data_size(msqid);
     return msqid;
 }
+
+bool IsRegistered(int msqid, long pid)
+{
+    const int semid = get_semid_from_msqid(msqid);
+    const int slots = semid < 0 ? 0 : svr4::semaphore_count(semid);
+    for (int slot = 0; slot < slots; slot++)
+        if (svr4::semaphore_pid(semid, slot) == pid)
+            return true;
+    return false;
+}
+
+int ReplacePredecessor(const KeyFile& file, long pid)
+{
+    const int msqid = OpenQueue(file);
+    if (msqid < 0 || !IsRegistered(msqid, pid))
+        return -1;
+    remove_serverpid_from_queue(msqid, pid);
+    is_a_live_server_process(msqid, pid); // removes the queue when no live server is left
+    if (add_serverpid_to_queue(msqid, pid) < 0)
+        return -1;
+    check_max_data_size(msqid);
+    return msqid;
+}
+
+} // namespace zeloo
 
 int16_t IPCMessageMaxDataLen = zeloo::wire::MostInlineData;
 

@@ -4,22 +4,49 @@
 #include "Misc/Error/report.h"
 #include "Misc/detail/owner.h"
 #include "Misc/ipcq.h"
+#include "Misc/ipcq/ends.h"
+#include "Misc/ipcq/resources.h"
 #include "Misc/proginfo.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
+// Whether the queue has a live server already. `*joined` becomes the queue when this process is one of them now.
+static bool JoinServers(const zeloo::KeyFile& file, long pid, int* joined)
+{
+    if (zeloo::LiveServers() == 0) // a slot with the own process id is a dead predecessor's
+        *joined = zeloo::ReplacePredecessor(file, pid);
+    if (*joined >= 0)
+        return true;
+    long first = -1;
+    const int found = zeloo::OpenQueue(file);
+    if (found < 0 || zeloo::JoinQueue(file, found, &first, -1) < 0)
+        return false;
+    if (add_serverpid_to_queue(found, pid) >= 0)
+        *joined = found;
+    return true;
+}
+
 IPCQServer::IPCQServer(const char* IPCServerName) : IPCQBase(IPCServerName), ReceiveTimeOutEvent(0)
 {
     ReceiveTimeOut = 0;
-    long pid;
-    const int msqid = connect_to_queue(ServerName, 0, &pid, -1);
-    if (msqid < 0) {
-        ServerPID = MyPID;
-        MyQueueID = create_queue(ServerName, MyPID);
-    } else if (add_serverpid_to_queue(msqid, MyPID) >= 0) {
-        ServerPID = MyPID;
-        MyQueueID = msqid;
+    const zeloo::KeyFile file(ServerName);
+    zeloo::NewQueue made = {-1, 0, nullptr};
+    bool isFirst;
+    {
+        // Also keeps a signal from ending the process before the object knows what it has to remove.
+        const zeloo::NameLock lock(file);
+        isFirst = !JoinServers(file, MyPID, &MyQueueID);
+        if (isFirst) {
+            made = zeloo::MakeQueue(file, MyPID);
+            MyQueueID = made.id;
+        }
+        if (isFirst || Created())
+            ServerPID = MyPID;
+        if (Created())
+            zeloo::CountServer(1);
     }
+    if (isFirst)
+        zeloo::FinishQueue(made, ServerName);
 }
 
 IPCQServer::~IPCQServer() { Shutdown(); }
@@ -30,6 +57,23 @@ void IPCQServer::dumpOn(std::ostream& out) const
     IPCQBase::dumpOn(out);
     out << "IPCQServer::ReceiveTimeOutEvent: " << ReceiveTimeOutEvent << '\n';
     out << "IPCQServer Object End\n";
+}
+
+// Runs in signal handlers. `*queue` becomes -1.
+static void LeaveQueue(int* queue, const char* name, long pid, short debugLevel)
+{
+    const zeloo::KeyFile file(name);
+    const zeloo::NameLock lock(file);
+    const int msqid = *queue;
+    if (msqid < 0) // a handler has left it meanwhile
+        return;
+    *queue = -1;
+    zeloo::CountServer(-1);
+    if (remove_serverpid_from_queue(msqid, pid) > 0) // no set (-1) is no other server either
+        return;
+    if (debugLevel >= 2)
+        DumpIPCMessages(msqid, std::cout);
+    delete_q_and_semaphore(msqid);
 }
 
 void IPCQServer::SigTermProc(int) { Shutdown(); }
@@ -58,13 +102,12 @@ short IPCQServer::send_response(short event, short Status, const void* ptr, long
 
 void IPCQServer::Shutdown()
 {
-    // No set (-1) is no other server either.
-    if (Created() && zeloo::IsOwner(MyPID) && remove_serverpid_from_queue(MyQueueID, ServerPID) <= 0) {
-        if (debug() >= 2)
-            DumpIPCMessages(MyQueueID, std::cout);
-        delete_q_and_semaphore(MyQueueID);
+    if (!zeloo::IsOwner(MyPID)) {
+        MyQueueID = -1;
+        return;
     }
-    MyQueueID = -1;
+    if (Created())
+        LeaveQueue(&MyQueueID, ServerName, ServerPID, debug());
     delete InternalQMsgsPtr;
     InternalQMsgsPtr = nullptr;
 }

@@ -3,6 +3,8 @@
 #include <ctime>
 #include <sstream>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace {
@@ -197,7 +199,7 @@ TEST_F(IpcqResources, ConnectFindsAQueueThatComesWhileItWaits)
     EXPECT_LT(SetOf(KeyOf("/opt/orv/bin/late")), 0);
 }
 
-TEST_F(IpcqResources, AQueueWhoseSetIsGoneIsCleared)
+TEST_F(IpcqResources, AQueueWithoutASetIsRefusedAndStays)
 {
     MakeKeyFile("orphan");
     const int queue = msgget(KeyOf("/opt/orv/bin/orphan"), IPC_CREAT | 0660);
@@ -205,9 +207,142 @@ TEST_F(IpcqResources, AQueueWhoseSetIsGoneIsCleared)
     long found = 3;
     EXPECT_EQ(connect_to_queue("orphan", 0, &found, -1), -1);
     EXPECT_EQ(found, -1);
-    EXPECT_FALSE(QueueExists(queue));
-    Server next("orphan");
-    EXPECT_TRUE(next.Created()) << "the next server can make it afresh";
+    EXPECT_EQ(connect_to_queue("orphan", 0, &found, getpid()), -1);
+    EXPECT_EQ(Reports([] { EXPECT_FALSE(Server("orphan").Created()); }),
+              IpcWarning("Can't create message queue because the queue exists, exclusive requested"));
+    EXPECT_TRUE(QueueExists(queue)) << "nothing tells whose it is";
+    EXPECT_LT(SetOf(KeyOf("/opt/orv/bin/orphan")), 0);
+    msgctl(queue, IPC_RMID, nullptr);
+}
+
+// A set that was there before the call which fails.
+class IpcqEarlierSet : public IpcqResources {
+protected:
+    void SetUp() override
+    {
+        IpcqResources::SetUp();
+        MakeKeyFile("earlier");
+        set = semget(key = KeyOf("/opt/orv/bin/earlier"), 1, IPC_CREAT | 0660);
+        ASSERT_GE(set, 0);
+    }
+    void TearDown() override
+    {
+        msgctl(msgget(key, 0660), IPC_RMID, nullptr);
+        semctl(set, 0, IPC_RMID);
+    }
+    void Set(int value) { ASSERT_EQ(semctl(set, 0, SETVAL, value), 0); }
+    int Value() { return semctl(set, 0, GETVAL); }
+
+    key_t key = -1;
+    int set = -1;
+};
+
+const char QueueIsTaken[] = "Can't create message queue because the queue exists, exclusive requested";
+
+TEST_F(IpcqEarlierSet, OfAnotherIsAsItWasWhenTheQueueIsTaken)
+{
+    ASSERT_GE(msgget(key, IPC_CREAT | 0660), 0);
+    for (const int holder : {1, 0}) {
+        Set(holder);
+        EXPECT_EQ(Reports([] { EXPECT_EQ(create_queue("earlier", getpid()), -1); }), IpcWarning(QueueIsTaken));
+        EXPECT_EQ(SetOf(key), set);
+        EXPECT_EQ(Value(), holder);
+    }
+}
+
+TEST_F(IpcqEarlierSet, OfTheCallerGoesWhenTheQueueIsTaken)
+{
+    ASSERT_GE(msgget(key, IPC_CREAT | 0660), 0);
+    Set(getpid());
+    EXPECT_EQ(Reports([] { EXPECT_EQ(create_queue("earlier", getpid()), -1); }), IpcWarning(QueueIsTaken));
+    EXPECT_LT(SetOf(key), 0);
+}
+
+TEST_F(IpcqEarlierSet, IsAsItWasWhereItMayNotBeDeleted)
+{
+    ASSERT_GE(msgget(key, IPC_CREAT | 0660), 0);
+    Set(1);
+    struct semid_ds status = {};
+    ASSERT_EQ(semctl(set, 0, IPC_STAT, &status), 0);
+    status.sem_perm.mode = 0666;
+    ASSERT_EQ(semctl(set, 0, IPC_SET, &status), 0);
+    const ChildResult result = RunInChild([] {
+        DropPrivileges();
+        std::fputs(Reports([] { CHILD_CHECK(create_queue("earlier", getpid()) == -1); }).c_str(), stdout);
+    });
+    EXPECT_EQ(SetOf(key), set);
+    EXPECT_EQ(Value(), 1);
+    if (result.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no user namespace within the sandbox";
+    EXPECT_EQ(result.out, IpcWarning(QueueIsTaken));
+}
+
+TEST_F(IpcqEarlierSet, ThatCannotHoldTheServerLeavesNoQueue)
+{
+    Set(1);
+    EXPECT_EQ(Reports([] { EXPECT_EQ(create_queue("earlier", 4000000), -1); }),
+              IpcWarning("Can't create semaphore because of unknown error (34)"));
+    EXPECT_LT(msgget(key, 0660), 0);
+    EXPECT_EQ(Value(), 1);
+}
+
+TEST_F(IpcqEarlierSet, IsTakenOverByANewQueue)
+{
+    Set(1);
+    EXPECT_GE(create_queue("earlier", getpid()), 0);
+    EXPECT_EQ(SetOf(key), set);
+    EXPECT_EQ(Value(), getpid());
+}
+
+// A process that has the lock of a name and keeps it.
+pid_t StartLockHolder(const std::string& name)
+{
+    const pid_t holder = StartChild([&] {
+        const int fd = open(("/opt/orv/bin/" + name).c_str(), O_RDONLY);
+        CHILD_CHECK(flock(fd, LOCK_EX | LOCK_NB) == 0);
+        for (;;)
+            pause();
+    });
+    const int fd = open(("/opt/orv/bin/" + name).c_str(), O_RDONLY);
+    EXPECT_TRUE(WaitUntil([fd] { return flock(fd, LOCK_EX | LOCK_NB) != 0 || flock(fd, LOCK_UN) != 0; }));
+    close(fd);
+    return holder;
+}
+
+TEST_F(IpcqResources, WhoHoldsTheLockForEverDelaysTheOthersOnly)
+{
+    const pid_t server = StartServer("locked", [](Server&) { pause(); });
+    const pid_t holder = StartLockHolder("locked");
+    const double connecting = SecondsOf([&] { EXPECT_EQ(Client("locked").GetServerPID(), server); });
+    EXPECT_GE(connecting, 0.95) << "a second for the holder";
+    EXPECT_LT(connecting, 2.5);
+    const double leaving = SecondsOf([&] { EXPECT_EQ(EndChild(server, SIGTERM), 0); });
+    EXPECT_GE(leaving, 0.95);
+    EXPECT_LT(leaving, 2.5);
+    EXPECT_LT(msgget(KeyOf("/opt/orv/bin/locked"), 0660), 0);
+    EXPECT_LT(SecondsOf([] { EXPECT_TRUE(Server("locked").Created()); }), 3.5)
+        << "one wait to make it, one to leave it";
+    EndChild(holder);
+}
+
+bool LockIsFree(const char* path)
+{
+    const int fd = open(path, O_RDONLY);
+    const bool isFree = flock(fd, LOCK_EX | LOCK_NB) == 0;
+    close(fd);
+    return isFree;
+}
+
+TEST_F(IpcqResources, ASleepingConnectDoesNotHoldTheLock)
+{
+    MakeKeyFile("sleeps");
+    const pid_t child = StartChild([] {
+        long found;
+        connect_to_queue("sleeps", 2, &found, -1);
+    });
+    usleep(500000);
+    EXPECT_TRUE(LockIsFree("/opt/orv/bin/sleeps"));
+    EXPECT_EQ(WaitForExit(child), 0);
 }
 
 TEST_F(IpcqResources, AQueueWhoseSetIsRefusedIsLeftAlone)
@@ -426,6 +561,32 @@ TEST_F(IpcqResizingTool, ChangesTheLimit)
     EXPECT_EQ(reports, Report(ErrorReporter::NOTICE, ErrorReporter::IPC_QUEUE_TOO_SMALL,
                               "Changed IPC Queue " + id + " from 16384 to 400000 bytes."));
     EXPECT_EQ(Called(), "/opt/orv/bin/.orvsys -c 2 -q " + id + " -s 500736\n");
+}
+
+TEST_F(IpcqResizingTool, RunsWithoutTheLock)
+{
+    MakeKeyFile("resized");
+    const std::string go = "/opt/orv/bin/go";
+    WriteTool("while ! rm " + go + " 2>/dev/null; do sleep 0.05; done\n");
+    const pid_t child = StartChild([] {
+        DropPrivileges();
+        Reports([] {
+            Server server("resized");
+            CHILD_CHECK(server.Created());
+            server.Shutdown();
+            CHILD_CHECK(create_queue("resized", getpid()) >= 0);
+        });
+    });
+    for (int tool = 0; tool < 2; tool++) { // of the server and of create_queue
+        ASSERT_TRUE(WaitUntil([] { return ReadFile("/opt/orv/bin/called").find('\n') != std::string::npos; }));
+        EXPECT_TRUE(LockIsFree("/opt/orv/bin/resized"));
+        Called();
+        WriteFile(go, "");
+        ASSERT_TRUE(WaitUntil([&] { return access(go.c_str(), F_OK) != 0; })) << "the tool has gone on";
+    }
+    EXPECT_EQ(WaitForExit(child), 0);
+    unlink(go.c_str());
+    delete_q_and_semaphore(msgget(KeyOf("/opt/orv/bin/resized"), 0));
 }
 
 TEST_F(IpcqResizingTool, ChangesNothing)

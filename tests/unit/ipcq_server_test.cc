@@ -1,5 +1,7 @@
 #include "tests/unit/ipcq_testing.h"
 
+#include <initializer_list>
+#include <iostream>
 #include <sstream>
 #include <vector>
 
@@ -99,6 +101,168 @@ TEST_F(IpcqServer, AServerJoinsAQueueWithAFreeSlot)
     EXPECT_EQ(semctl(set, 1, GETVAL), 0);
     EXPECT_TRUE(QueueExists(queue)) << "another server is registered";
     delete_q_and_semaphore(queue);
+}
+
+// A queue and its set, made beforehand, with these process ids in the slots.
+int MakeQueueOf(const char* name, std::initializer_list<long> servers)
+{
+    MakeKeyFile(name);
+    const int queue = msgget(ftok_orvm(name), IPC_CREAT | IPC_EXCL | 0660);
+    semget(ftok_orvm(name), static_cast<int>(servers.size()), IPC_CREAT | IPC_EXCL | 0660);
+    for (const long server : servers)
+        EXPECT_GE(add_serverpid_to_queue(queue, server), 0);
+    return queue;
+}
+
+TEST_F(IpcqServer, ASlotWithItsOwnIdIsADeadPredecessors)
+{
+    const int queue = MakeQueueOf("reused", {getpid()});
+    EXPECT_EQ(Reports([&] {
+                  Server server("reused");
+                  EXPECT_TRUE(server.Created());
+                  EXPECT_NE(server.Queue(), queue);
+                  EXPECT_EQ(server.GetServerPID(), getpid());
+                  EXPECT_EQ(semctl(SetOf("reused"), 0, GETVAL), getpid());
+                  EXPECT_FALSE(Server("reused").Created()) << "now it is a living one's";
+              }),
+              "");
+    EXPECT_FALSE(QueueExists(queue));
+    EXPECT_EQ(ObjectsOf("msg"), 0);
+    EXPECT_EQ(ObjectsOf("sem"), 0);
+    const int next = MakeQueueOf("reused", {getpid()});
+    EXPECT_TRUE(Server("reused").Created()) << "again, when the object has gone";
+    EXPECT_FALSE(QueueExists(next));
+}
+
+TEST_F(IpcqServer, ItsPredecessorsSlotIsTakenBesideOtherLiveServers)
+{
+    const int queue = MakeQueueOf("beside", {getpid(), 1});
+    {
+        Server server("beside");
+        EXPECT_TRUE(server.Created());
+        EXPECT_EQ(server.Queue(), queue);
+        EXPECT_EQ(Client("beside").GetServerPID(), getpid());
+    }
+    EXPECT_TRUE(QueueExists(queue));
+    EXPECT_EQ(semctl(SetOf("beside"), 0, GETVAL), 0);
+    EXPECT_EQ(semctl(SetOf("beside"), 1, GETVAL), 1);
+    delete_q_and_semaphore(queue);
+}
+
+TEST_F(IpcqServer, DeadServersBesideItsPredecessorDoNotCount)
+{
+    const int queue = MakeQueueOf("gone", {DeadProcess(), getpid()});
+    Server server("gone");
+    EXPECT_TRUE(server.Created());
+    EXPECT_NE(server.Queue(), queue);
+    EXPECT_FALSE(QueueExists(queue));
+}
+
+TEST_F(IpcqServer, AServerObjectThatServesNothingOrBelongsToTheParentDoesNotCount)
+{
+    MakeKeyFile("parents");
+    Server parents("parents");
+    Server refused("parents");
+    ASSERT_TRUE(parents.Created());
+    EXPECT_EQ(WaitForExit(StartChild([] {
+                  MakeQueueOf("childs", {getpid()});
+                  Server childs("childs");
+                  CHILD_CHECK(childs.Created());
+                  CHILD_CHECK(!Server("parents").Created()); // though the child has copies of the objects
+              })),
+              0);
+    parents.Shutdown();
+    MakeQueueOf("later", {getpid()});
+    EXPECT_TRUE(Server("later").Created());
+}
+
+// What a process finds of the mail that waited for its id before it ran `body`.
+class IpcqEarlierMail : public IpcqServer {
+protected:
+    void SetUp() override
+    {
+        IpcqServer::SetUp();
+        server = StartServer("mail", [](Server&) { pause(); });
+        queue = msgget(ftok_orvm("mail"), 0660);
+    }
+    void TearDown() override { EXPECT_EQ(EndChild(server, SIGTERM), 0); }
+
+    pid_t server = -1;
+    int queue = -1;
+};
+
+TEST_F(IpcqEarlierMail, IsDroppedByTheFirstClientOfAProcess)
+{
+    EXPECT_EQ(WaitForExit(StartChild([&] {
+                  SendRecord(queue, getpid(), Event(1, server));
+                  SendRecord(queue, getpid(), Event(2, server, "for somebody else"));
+                  SendRecord(queue, getppid(), Event(3, server));
+                  Client first("mail");
+                  CHILD_CHECK(Waiting(queue) == 1);
+                  CHILD_CHECK(first.Saved().Quantity() == 0);
+                  SendRecord(queue, getpid(), Event(4, server));
+                  Client second("mail");
+                  CHILD_CHECK(Waiting(queue) == 2); // the first one's
+              })),
+              0);
+    IPCQMsgSafeArray rest;
+    DrainIPCMessages(queue, getpid(), rest);
+    EXPECT_EQ(rest.Quantity(), 1u);
+}
+
+TEST_F(IpcqEarlierMail, IsDroppedByAForkedChildOnItsOwn)
+{
+    Client parents("mail");
+    SendRecord(queue, getpid(), Event(1, server));
+    EXPECT_EQ(WaitForExit(StartChild([&] {
+                  SendRecord(queue, getpid(), Event(2, server));
+                  Client childs("mail");
+                  CHILD_CHECK(Waiting(queue) == 1); // the parent's
+              })),
+              0);
+    parents.IPCDrain();
+    EXPECT_EQ(parents.Saved().Quantity(), 1u);
+}
+
+TEST_F(IpcqEarlierMail, IsDroppedOnEachQueueAndOnOneThatTookItsPlace)
+{
+    EXPECT_EQ(WaitForExit(StartChild([&] {
+                  Client first("mail");
+                  pid_t other = StartServer("second", [](Server&) { pause(); });
+                  for (int round = 0; round < 2; round++) {
+                      const int second = msgget(ftok_orvm("second"), 0660);
+                      SendRecord(second, getpid(), Event(1, other));
+                      Client onSecond("second");
+                      CHILD_CHECK(Waiting(second) == 0);
+                      EndChild(other, SIGTERM);
+                      other = StartServer("second", [](Server&) { pause(); });
+                  }
+                  EndChild(other, SIGTERM);
+                  SendRecord(queue, getpid(), Event(1, server));
+                  Client again("mail");
+                  CHILD_CHECK(Waiting(queue) == 1); // other queues make no client of this one the first
+                  again.IPCDrain();
+              })),
+              0);
+}
+
+TEST_F(IpcqEarlierMail, StaysInTheServersOwnProcess)
+{
+    MakeKeyFile("own");
+    Server own("own");
+    SendRecord(own.Queue(), getpid(), Event(1, server));
+    Client("own");
+    EXPECT_EQ(Waiting(own.Queue()), 1u);
+
+    // Also when the client talks to another server of the queue.
+    const int shared = MakeQueueOf("shared", {server, DeadProcess()});
+    Server second("shared");
+    ASSERT_EQ(second.Queue(), shared);
+    SendRecord(shared, getpid(), Event(1, server));
+    const Client client("shared");
+    EXPECT_EQ(client.GetServerPID(), server);
+    EXPECT_EQ(Waiting(shared), 1u);
+    delete_q_and_semaphore(shared);
 }
 
 TEST_F(IpcqServer, AnswersRequests)
@@ -572,6 +736,39 @@ TEST_F(IpcqForkedChild, OfAClientLeavesTheParentsMailAlone)
     }
     kill(pid, SIGTERM);
     WaitForExit(pid);
+}
+
+TEST_F(IpcqForkedChild, KeepsItsOwnInternalEvents)
+{
+    MakeKeyFile("parent");
+    MakeKeyFile("child");
+    Server* parents = new Server("parent");
+    EXPECT_EQ(WaitForExit(StartChild([=] {
+                  Server childs("child");
+                  CHILD_CHECK(Client("child").send_event(8, "note", 4) == 0);
+                  delete parents;
+                  short event, response, ack;
+                  Buffer data;
+                  childs.SetReceiveTimeOut(10);
+                  CHILD_CHECK(childs.receive_event(event, data, response, ack) == -1 && event == 8);
+              })),
+              0);
+    delete parents;
+}
+
+TEST_F(IpcqForkedChild, DumpsNothingOfTheParentsMail)
+{
+    const pid_t pid = StartServer("dumps", [](Server&) { pause(); });
+    {
+        Client client("dumps");
+        SendRecord(client.Queue(), getpid(), Event(1, pid));
+        const ChildResult result = RunInChild([&] { client.dumpQueueInfoOn(std::cout); });
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(CountOf(result.out, "Outstanding Messages:\n"), 1);
+        EXPECT_EQ(CountOf(result.out, "Message stranded on queue:"), 0);
+        EXPECT_EQ(Waiting(client.Queue()), 1u);
+    }
+    EXPECT_EQ(EndChild(pid, SIGTERM), 0);
 }
 
 } // namespace
