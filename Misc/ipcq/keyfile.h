@@ -34,7 +34,9 @@ private:
 /// others, but not stop them.
 class NameLock : public svr4::FileLock {
 public:
-    explicit NameLock(const KeyFile& file) : FileLock(file.Path(), 1000) {}
+    static constexpr int Patience = 1000; // milliseconds
+
+    explicit NameLock(const KeyFile& file, int patience = Patience) : FileLock(file.Path(), patience) {}
 };
 
 } // namespace zeloo

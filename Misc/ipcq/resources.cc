@@ -64,9 +64,12 @@ int connect_to_queue(const char* fileptr, short TimeOutValue, long* pServerPID, 
     const zeloo::KeyFile file(fileptr);
     if (file.Key() < 0)
         return -1;
+    int patience = zeloo::NameLock::Patience;
     for (int waited = 0;; waited += RetrySeconds) {
         {
-            const zeloo::NameLock lock(file);
+            const zeloo::NameLock lock(file, patience);
+            if (!lock.Locked())
+                patience = 0; // once is enough for one that is never given back
             const int msqid = zeloo::OpenQueue(file);
             if (msqid >= 0)
                 return zeloo::JoinQueue(file, msqid, pServerPID, RequestedServerPID);

@@ -322,6 +322,9 @@ TEST_F(IpcqResources, WhoHoldsTheLockForEverDelaysTheOthersOnly)
     EXPECT_LT(msgget(KeyOf("/opt/orv/bin/locked"), 0660), 0);
     EXPECT_LT(SecondsOf([] { EXPECT_TRUE(Server("locked").Created()); }), 3.5)
         << "one wait to make it, one to leave it";
+    long found;
+    EXPECT_LT(SecondsOf([&] { EXPECT_EQ(connect_to_queue("locked", 5, &found, -1), -1); }), 7.9)
+        << "one wait for all tries, whose sleeps take 6 seconds";
     EndChild(holder);
 }
 
