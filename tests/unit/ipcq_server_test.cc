@@ -756,6 +756,22 @@ TEST_F(IpcqForkedChild, KeepsItsOwnInternalEvents)
     delete parents;
 }
 
+TEST_F(IpcqForkedChild, SavesNothingOfTheParentsMail)
+{
+    const pid_t pid = StartServer("saves", [](Server&) { pause(); });
+    {
+        Client client("saves");
+        SendRecord(client.Queue(), getpid(), Event(1, pid));
+        EXPECT_EQ(WaitForExit(StartChild([&] {
+                      client.IPCDrain();
+                      CHILD_CHECK(client.Saved().Quantity() == 0);
+                  })),
+                  0);
+        EXPECT_EQ(Waiting(client.Queue()), 1u);
+    }
+    EXPECT_EQ(EndChild(pid, SIGTERM), 0);
+}
+
 TEST_F(IpcqForkedChild, DumpsNothingOfTheParentsMail)
 {
     const pid_t pid = StartServer("dumps", [](Server&) { pause(); });
