@@ -186,6 +186,9 @@ class Mail;
 struct QueueEnd;
 } // namespace zeloo
 
+class IPCQServer;
+class IPCQClient;
+
 /// One end of a server's queue: what servers and clients share. An object belongs to the process that made it: in a
 /// forked child, its Shutdown, destructor and SigTermProc leave queue, semaphore set and mail alone. A program that goes
 /// into the background makes it afterwards.
@@ -258,18 +261,19 @@ protected:
     char SendersProgramName[80];
     char SendersNodeName[80];
 
-    /// IPCReceive from anybody, for a server that goes on: an event of which a block does not fit, or whose sender was
-    /// silent for the transfer limit, is dropped with a report, and the wait goes on.
-    short ReceiveFromAnybody(short& REvent, short TimeOutEvent, Buffer& Data, short& EventStatus, short& ResponseRqd,
-                             short& AckRqd);
-    /// Puts back on the queue what was kept for others, for whose room it waits a second at most.
-    void LeaveQueue();
-
 private:
+    friend class IPCQServer;
+    friend class IPCQClient;
     friend class zeloo::Mail;
-    zeloo::QueueEnd End();
-    short ReceiveEvent(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data, short& EventStatus,
-                       short& ResponseRqd, short& AckRqd);
+    ZELOO_LOCAL zeloo::QueueEnd End();
+    // IPCReceive from anybody, for a server that goes on: an event of which a block does not fit, or whose sender was
+    // silent for the transfer limit, is dropped with a report, and the wait goes on.
+    ZELOO_LOCAL short ReceiveFromAnybody(short& REvent, short TimeOutEvent, Buffer& Data, short& EventStatus,
+                                         short& ResponseRqd, short& AckRqd);
+    // Puts back on the queue what was kept for others, for whose room it waits a second at most.
+    ZELOO_LOCAL void GiveBackOthersMail();
+    ZELOO_LOCAL short ReceiveEvent(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data,
+                                   short& EventStatus, short& ResponseRqd, short& AckRqd);
     short SendInternal(const char* FromProg, const char* FromNode, short Object, short event, const void* ptr, long len,
                        short status);
     void ClearEvent(Buffer& Data, short& EventStatus, short& ResponseRqd, short& AckRqd);

@@ -22,12 +22,7 @@ InternalQMessage::InternalQMessage(const InternalQMessage& other) = default;
 
 InternalQMessage::~InternalQMessage() = default;
 
-template <>
-const char* SafeArray<InternalQMessage>::ElementName()
-{
-    return "InternalQMessage";
-}
-template class SafeArray<InternalQMessage>;
+ZELOO_DEFINE_ARRAY(InternalQMessage);
 
 InternalQMessageSafeArray* InternalQMsgsPtr = nullptr;
 
@@ -234,7 +229,7 @@ void IPCQBase::IPCDrain()
         mail->Save(zeloo::MostSaved);
 }
 
-void IPCQBase::LeaveQueue()
+void IPCQBase::GiveBackOthersMail()
 {
     if (mail != nullptr && MyQueueID >= 0 && zeloo::IsOwner(MyPID))
         mail->GiveAllBack();

@@ -39,8 +39,10 @@ short IPCQClient::SendToServer(short event, const void* ptr, long len, short res
 {
     const short code = IPCSend(ClientProgram, ClientNode, ClientVersion, ServerPID, ServerName, DestObject, event, ptr,
                                len, response, ack, -1);
-    if (code != NO_ERRORS)
+    if (code != NO_ERRORS) {
+        GiveBackOthersMail();
         MyQueueID = -1;
+    }
     return code;
 }
 
@@ -71,5 +73,5 @@ void IPCQClient::Shutdown()
 {
     if (Connected() && zeloo::IsOwner(MyPID))
         IPCDrain();
-    LeaveQueue();
+    GiveBackOthersMail();
 }

@@ -9,12 +9,7 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-template <>
-const char* SafeArray<IPCQMsg>::ElementName()
-{
-    return "IPCQMsg";
-}
-template class SafeArray<IPCQMsg>;
+ZELOO_DEFINE_ARRAY(IPCQMsg);
 
 namespace zeloo {
 

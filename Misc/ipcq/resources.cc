@@ -279,35 +279,53 @@ int remove_serverpid_from_queue(int msqid, long ServerPID)
     return others;
 }
 
-short is_a_live_server_process(int msqid, long ServerPID)
-{
-    const int semid = get_semid_from_msqid(msqid);
-    if (semid < 0)
-        return 0;
-    int alive = 0;
-    short found = 0;
-    const int slots = svr4::semaphore_count(semid);
-    for (int slot = 0; slot < slots; slot++) {
-        const long pid = svr4::semaphore_pid(semid, slot);
-        if (pid <= 0)
-            continue;
-        if (process_exists(pid)) {
-            alive++;
-            found |= pid == ServerPID;
-        } else {
-            svr4::set_semaphore_pid(semid, slot, 0);
-        }
-    }
-    if (alive == 0)
-        delete_q_and_semaphore(msqid);
-    return found;
-}
-
 static void ReportDeletion(long line, const char* object, int id)
 {
     if (errno != EPERM && errno != EINVAL)
         Report(ErrorReporter::WARNING, ErrorReporter::IPC_ERROR, errno, ModuleId(), line,
                "Unable to delete %s %d because %s", object, id, GetQueueErrorMsg(errno));
+}
+
+static void DeleteQueue(int msqid)
+{
+    if (msgctl(msqid, IPC_RMID, nullptr) < 0)
+        ReportDeletion(__LINE__, "message queue", msqid);
+}
+
+// Frees the slots of dead processes. How many live ones are registered; `*found` tells whether `pid` is among them.
+static int CountLiveServers(int semid, long pid, short* found)
+{
+    int alive = 0;
+    *found = 0;
+    const int slots = svr4::semaphore_count(semid);
+    for (int slot = 0; slot < slots; slot++) {
+        const long registered = svr4::semaphore_pid(semid, slot);
+        if (registered <= 0)
+            continue;
+        if (process_exists(registered)) {
+            alive++;
+            *found |= registered == pid;
+        } else {
+            svr4::set_semaphore_pid(semid, slot, 0);
+        }
+    }
+    return alive;
+}
+
+short is_a_live_server_process(int msqid, long ServerPID)
+{
+    const int semid = get_semid_from_msqid(msqid);
+    if (semid < 0)
+        return 0;
+    short found;
+    if (CountLiveServers(semid, ServerPID, &found) > 0)
+        return found;
+    // Once the queue has gone a new server may take the set over, if this process is so slow that nobody waits for it.
+    DeleteQueue(msqid);
+    short taken;
+    if (CountLiveServers(semid, 0, &taken) == 0)
+        delete_semaphore(semid);
+    return 0;
 }
 
 void delete_semaphore(int semid)
@@ -319,8 +337,7 @@ void delete_semaphore(int semid)
 void delete_q_and_semaphore(int msqid)
 {
     const int semid = get_semid_from_msqid(msqid); // by the queue's key: to be asked while there is a queue
-    if (msgctl(msqid, IPC_RMID, nullptr) < 0)
-        ReportDeletion(__LINE__, "message queue", msqid);
+    DeleteQueue(msqid);
     if (semid >= 0)
         delete_semaphore(semid);
 }

@@ -60,7 +60,7 @@ void IPCQServer::dumpOn(std::ostream& out) const
 }
 
 // Runs in signal handlers. `*queue` becomes -1.
-static void LeaveQueue(int* queue, const char* name, long pid, short debugLevel)
+static void GiveUpQueue(int* queue, const char* name, long pid, short debugLevel)
 {
     const zeloo::KeyFile file(name);
     const zeloo::NameLock lock(file);
@@ -87,7 +87,11 @@ short IPCQServer::receive_event(short& REvent, Buffer& Data, short& ResponseRqd,
     REvent = 0;
     if (code == SERVER_GONE || code == IPC_ERROR) {
         const int error = errno;
-        delete_q_and_semaphore(MyQueueID);
+        {
+            const zeloo::KeyFile file(ServerName);
+            const zeloo::NameLock lock(file);
+            delete_q_and_semaphore(MyQueueID);
+        }
         zeloo::Report(*this, PANIC, code, error, ZELOO_HERE, "Unable to receive data via ipc because %s",
                       GetQueueErrorMsg(error));
     }
@@ -107,7 +111,7 @@ void IPCQServer::Shutdown()
         return;
     }
     if (Created())
-        LeaveQueue(&MyQueueID, ServerName, ServerPID, debug());
+        GiveUpQueue(&MyQueueID, ServerName, ServerPID, debug());
     delete InternalQMsgsPtr;
     InternalQMsgsPtr = nullptr;
 }
