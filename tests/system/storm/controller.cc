@@ -32,7 +32,8 @@ Controller::Controller(const Mode& modeToRun, const Settings& given)
 
 int64_t Controller::After(long mean)
 {
-    return mean == 0 ? INT64_MAX : Now() + (mean / 4 + Random(mean * 3 / 2)) * Millisecond;
+    const long hastened = mean / settings.haste;
+    return mean == 0 ? INT64_MAX : Now() + (hastened / 4 + Random(hastened * 3 / 2)) * Millisecond;
 }
 
 // ---- Starting ----

@@ -30,6 +30,7 @@ struct Settings {
     int clients = 16;
     long seconds = 180;
     unsigned long seed = 0;
+    long haste = 1;                   // divides the times between two kills or stops
     unsigned long queueBytes = 16384; // the limit of a new queue
 };
 

@@ -17,7 +17,7 @@
 using namespace storm;
 
 static const char Usage[] =
-    "usage: storm [--seconds N] [--clients N] [--seed N] [--full] [--log FILE] MODE[:QUEUEBYTES]...\n"
+    "usage: storm [--seconds N] [--clients N] [--seed N] [--haste N] [--full] [--log FILE] MODE[:QUEUEBYTES]...\n"
     "Runs each mode for N seconds (180) and prints a line about it. Needs scripts/sandbox.\n"
     "  a        calm\n"
     "  b        clients are killed\n"
@@ -28,6 +28,7 @@ static const char Usage[] =
     "  f        over TCP through the relay; clients are killed, and the server now and then\n"
     "  --clients N  that many clients (16), an even number\n"
     "  --seed N     chooses whom it hits and when\n"
+    "  --haste N    hits N times as often (1)\n"
     "  --full       asks for the numbers that three minutes must bring\n"
     "  --log FILE   where the reports of the processes go (nowhere)\n"
     "Exit codes: 0 all is well, 1 something is not, 2 wrong usage, 77 not in a sandbox.\n";
@@ -90,21 +91,25 @@ int main(int argc, char** argv, char** envp)
     settings.seed = static_cast<unsigned long>(Now());
     bool isFull = false;
     const char* log = "/dev/null";
-    static const struct option options[] = {
-        {"seconds", required_argument, nullptr, 's'}, {"clients", required_argument, nullptr, 'c'},
-        {"seed", required_argument, nullptr, 'r'},    {"full", no_argument, nullptr, 'f'},
-        {"log", required_argument, nullptr, 'l'},     {nullptr, 0, nullptr, 0}};
+    static const struct option options[] = {{"seconds", required_argument, nullptr, 's'},
+                                            {"clients", required_argument, nullptr, 'c'},
+                                            {"seed", required_argument, nullptr, 'r'},
+                                            {"haste", required_argument, nullptr, 'h'},
+                                            {"full", no_argument, nullptr, 'f'},
+                                            {"log", required_argument, nullptr, 'l'},
+                                            {nullptr, 0, nullptr, 0}};
     for (int option; (option = getopt_long(argc, argv, "", options, nullptr)) != -1;)
         switch (option) {
         case 's': settings.seconds = std::atol(optarg); break;
         case 'c': settings.clients = std::atoi(optarg); break;
         case 'r': settings.seed = std::strtoul(optarg, nullptr, 10); break;
+        case 'h': settings.haste = std::atol(optarg); break;
         case 'f': isFull = true; break;
         case 'l': log = optarg; break;
         default: return WrongUsage();
         }
-    if (optind == argc || settings.seconds <= 0 || settings.clients <= 0 || settings.clients > MostClients ||
-        settings.clients % 2 != 0)
+    if (optind == argc || settings.seconds <= 0 || settings.haste <= 0 || settings.clients <= 0 ||
+        settings.clients > MostClients || settings.clients % 2 != 0)
         return WrongUsage();
     if (!testing_support::InSandbox()) {
         std::cerr << "storm: not in a sandbox\n";
