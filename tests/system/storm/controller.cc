@@ -89,6 +89,10 @@ void Controller::StartRelay()
 
 void Controller::Kill(pid_t pid)
 {
+    if (Random(2) == 0) {
+        kill(pid, SIGSTOP); // what it was about to read stays on the queue
+        SleepMilliseconds(Random(30));
+    }
     kill(pid, SIGKILL);
     if (Random(3) == 0)
         SleepMilliseconds(Random(60)); // it is a zombie
@@ -257,7 +261,6 @@ void Controller::CountWhatIsLeft()
 
 Losses Controller::Run()
 {
-    WriteFile("/proc/sys/kernel/msgmnb", std::to_string(settings.queueBytes));
     testing_support::MakeKeyFile(ServerName);
     StartServer();
     if (mode.orders.isFar)

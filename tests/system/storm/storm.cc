@@ -36,14 +36,15 @@ static const char Usage[] =
 static const Mode Modes[] = {
     {"a", 0, 0, 0, false, {false, false, 1}, 50000, 0, 0},
     {"b", 300, 0, 0, false, {false, false, 1}, 1, 300, 0},
-    {"c", 0, 1000, 0, false, {false, false, 1}, 1, 0, 100},
+    {"c", 0, 800, 0, false, {false, false, 1}, 1, 0, 100},
     {"d", 400, 1500, 4000, false, {false, false, 3}, 1, 100, 50}, // a stop must not outlast the patience of the server
     {"e", 0, 0, 0, true, {false, true, 1}, 1, 0, 0},
     {"e-kills", 600, 0, 0, true, {false, true, 1}, 1, 100, 0},
     {"f", 400, 5000, 0, false, {true, false, 1}, 1, 100, 10},
 };
 
-static const int64_t MostNanoseconds = 2000000000; // for an answer
+static const char QueueLimit[] = "/proc/sys/kernel/msgmnb"; // of new queues
+static const int64_t MostNanoseconds = 2000000000;          // for an answer
 
 static const Mode* FindMode(const std::string& name)
 {
@@ -133,6 +134,11 @@ int main(int argc, char** argv, char** envp)
             return WrongUsage();
         settings.queueBytes =
             colon == std::string::npos ? 16384 : std::strtoul(argument.c_str() + colon + 1, nullptr, 10);
+        testing_support::WriteFile(QueueLimit, std::to_string(settings.queueBytes));
+        if (std::strtoul(testing_support::ReadFile(QueueLimit).c_str(), nullptr, 10) != settings.queueBytes) {
+            std::printf("%-8s %7lu: not allowed here\n", mode->name, settings.queueBytes);
+            continue;
+        }
         isWell &= RunMode(*mode, settings, isFull);
     }
     return isWell ? 0 : 1;

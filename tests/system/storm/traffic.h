@@ -40,7 +40,7 @@ struct Exchange {
     Exchange(uint32_t client, uint32_t requestNumber, bool onlyLarge)
         : number(requestNumber), seed(Mix(uint64_t(client) << 32 | requestNumber)), event(short(1 + number % 30000)),
           status(short(seed % 1000)),
-          isInBurst(!onlyLarge && Mix(~(uint64_t(client) << 32 | requestNumber / BurstLength)) % 8 == 0)
+          isInBurst(!onlyLarge && Mix(~(uint64_t(client) << 32 | requestNumber / BurstLength)) % 4 == 0)
     {
         const uint64_t chance = Mix(seed + 1);
         requestSize = isInBurst ? uint32_t(chance % BurstBytes) : SizeOf(chance, onlyLarge);
