@@ -44,7 +44,7 @@ struct Losses {
 
 class Controller {
 public:
-    Controller(const Mode& mode, const Settings& settings);
+    Controller(const Mode& modeToRun, const Settings& given);
     Losses Run();
 
 private:
@@ -77,8 +77,7 @@ private:
     pid_t server = 0;
     pid_t relay = 0;
     pid_t clients[MostClients] = {};
-    int distance[MostClients] = {}; // in collision: of the client's id from the server's
-    int lastDistance = 0;
+    int lastDistance = 0; // in collision: of a client's id from the server's
     uint32_t lastIdentity = 0;
     pid_t stopped = 0;
     int64_t nextClientKill = 0;
