@@ -15,13 +15,15 @@
 #include "Misc/proginfo.h"
 #include "Misc/unixproc.h"
 
-static const short TickEvent = -1; // the time-out of a receive; no client's event
+static const short TickEvent = -1;     // the time-out of a receive; no client's event
+static const long SilenceSeconds = 30; // for which a client may hold all others in the middle of an event
 
 FaultServer::FaultServer(FaultStore& store, long commandSeconds, const char* remoteAccess)
     : EventManager(FaultServerName, &std::clog), store(store), commandSeconds(commandSeconds),
       remoteAccess(remoteAccess)
 {
     InBasket().SetReceiveTimeOutEvent(TickEvent);
+    InBasket().SetTransferTimeOut(SilenceSeconds);
 }
 
 // Whether commands wait or run.
