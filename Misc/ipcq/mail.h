@@ -4,6 +4,7 @@
 #define MISC_IPCQ_MAIL_H
 
 #include "Misc/ipcq/message.h"
+#include "Misc/wire/transfer.h"
 
 namespace zeloo {
 
@@ -14,6 +15,9 @@ constexpr unsigned MostSaved = 8192;
 /// Saves the messages that wait on a channel, off the queue, while `saved` holds less than `most`. Malformed ones are
 /// dropped with a report.
 void SaveMail(int queue, long channel, IPCQMsgSafeArray& saved, unsigned most);
+
+/// Puts the data of a block, which has been checked, into its place. False when its segment cannot be had.
+bool PlaceData(const IPCQMessage& message, Buffer& data);
 
 /// Whether a process takes no part in a transfer any more: it does not exist, or it is a zombie.
 bool HasGone(long pid);
@@ -44,10 +48,23 @@ private:
     unsigned capacity = 0;
 };
 
+/// An event of several blocks that is acknowledged, and whose blocks are gathered, while its first block still waits
+/// among the own mail for its turn.
+struct EarlyEvent {
+    EarlyEvent(const IPCQMessage& first, long receiver) : event(first, receiver) {}
+
+    wire::ReceivingSide event;
+    Buffer data;
+    EarlyEvent* next = nullptr;
+};
+
 /// The mail of one IPCQBase.
 class Mail {
 public:
     explicit Mail(IPCQBase& end) : object(end) {}
+    ~Mail();
+    Mail(const Mail&) = delete;
+    Mail& operator=(const Mail&) = delete;
 
     // ---- Own mail ----
 
@@ -55,6 +72,17 @@ public:
     void Save(unsigned most);
     /// Whether a saved message came from a process.
     bool HasMessageOf(long pid) const;
+
+    // ---- Events before their turn ----
+
+    /// Acknowledges the next saved event of a process to which this one is about to send: it may be waiting for nothing
+    /// else, and two that send to each other would wait for each other. Its blocks are gathered from then on.
+    void AcceptEarly(long partner);
+    /// Takes the blocks of such events off the queue, as far as they have come.
+    void GatherEarly();
+    /// What has been gathered of a process's event whose first block has just been taken from the saved mail, to be
+    /// deleted; null for an event that has not been acknowledged yet.
+    EarlyEvent* TakeEarly(long sender);
 
     // ---- Others' records ----
 
@@ -86,11 +114,15 @@ public:
     bool HasToTend() const { return aside.Quantity() > 0 || correspondents.Quantity() > 0; }
 
 private:
+    const IPCQMessage* NextEarly(long partner) const;
+    bool AwaitsEarlyBlocks(long sender) const;
+    void GatherEarly(EarlyEvent& early);
     bool Keep(const IPCQMessage& message);
     bool StaysAway(const IPCQMessage& message) const;
 
     IPCQBase& object;
-    IPCQMsgSafeArray aside{0}; // kept for others
+    EarlyEvent* earlyEvents = nullptr; // oldest first
+    IPCQMsgSafeArray aside{0};         // kept for others
     long openChannel = 0;
     Correspondents correspondents;
     int64_t lastClearing = 0;

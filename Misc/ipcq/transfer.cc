@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "Misc/Error/report.h"
 #include "Misc/detail/timedcall.h"
@@ -37,6 +38,7 @@ public:
     short Look() override
     {
         end.mail.Save(2 * MostSaved);
+        end.mail.GatherEarly();
         end.mail.GiveBack();
         end.mail.ClearTheDead(partner);
         ReportMoreMalformed(end.queue);
@@ -58,6 +60,12 @@ public:
     {
     }
     int Try(int flags) override { return PutMessage(end.queue, &LocalMsg, flags); }
+    short Look() override
+    {
+        const short code = TransferAttempt::Look();
+        end.mail.AcceptEarly(partner);
+        return code;
+    }
 };
 
 // Takes the partner's records from a channel, and no others.
@@ -68,6 +76,7 @@ public:
           channel(fromChannel)
     {
     }
+    bool IsReceive() const override { return true; }
     int Try(int flags) override
     {
         const int error = TakeMessage(end.queue, channel, message, flags);
@@ -85,6 +94,17 @@ protected:
 
 private:
     long channel;
+};
+
+class AckAttempt : public ReceiveAttempt {
+public:
+    using ReceiveAttempt::ReceiveAttempt;
+    short Look() override
+    {
+        const short code = ReceiveAttempt::Look();
+        end.mail.AcceptEarly(partner);
+        return code;
+    }
 };
 
 // Takes a later block, unless the partner has given up the event.
@@ -117,6 +137,7 @@ private:
 class FirstBlockAttempt : public Attempt {
 public:
     FirstBlockAttempt(const QueueEnd& ownEnd, long partnerPID) : end(ownEnd), partner(partnerPID) {}
+    bool IsReceive() const override { return true; }
     int Try(int flags) override
     {
         const int error = TakeMessage(end.queue, end.pid, LocalMessage, flags);
@@ -185,7 +206,8 @@ static short AwaitAck(const QueueEnd& end, SendingSide& event)
 {
     ReceivedMessage answer;
     end.mail.Save(MostSaved);
-    ReceiveAttempt attempt(end, event.Partner(), event.Channel(), answer);
+    end.mail.AcceptEarly(event.Partner());
+    AckAttempt attempt(end, event.Partner(), event.Channel(), answer);
     const short code =
         WaitFor(attempt, WithinTransfer(end, AckSeconds), ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
     if (code == ErrorReporter::NO_ERRORS)
@@ -241,20 +263,6 @@ short ReceiveFirstBlock(const QueueEnd& end, long partner)
     return code;
 }
 
-// Puts the data of LocalMsg, which has been checked, into its place.
-static bool PlaceData(Buffer& data)
-{
-    if (LocalMsg.shmem_id < 0) {
-        data.PutDataAt(static_cast<unsigned>(LocalMsg.curr_data_offset), LocalMsg.msg_data,
-                       static_cast<unsigned>(LocalMsg.msg_data_len));
-        return true;
-    }
-    if (!copy_from_shmem(LocalMsg.shmem_id, data, LocalMsg.curr_data_offset, LocalMsg.shmem_size))
-        return false;
-    delete_shmem_id(LocalMsg.shmem_id);
-    return true;
-}
-
 static short Acknowledge(const QueueEnd& end, ReceivingSide& event)
 {
     wire::MakeAck(&LocalMsg, static_cast<int32_t>(end.pid));
@@ -276,7 +284,7 @@ static short AwaitBlock(const QueueEnd& end, ReceivingSide& event, Buffer& data)
     if (code != ErrorReporter::NO_ERRORS)
         return code;
     const bool isTaken = event.TakeBlock(LocalMsg, LocalMessage.length, SegmentSizeOf(LocalMsg));
-    return isTaken && !PlaceData(data) ? BrokenEvent : short(ErrorReporter::NO_ERRORS);
+    return isTaken && !PlaceData(LocalMsg, data) ? BrokenEvent : short(ErrorReporter::NO_ERRORS);
 }
 
 static short ReportNoRoom(const QueueEnd& end)
@@ -307,23 +315,14 @@ static short ReceiveBlocks(const QueueEnd& end, ReceivingSide& event, Buffer& da
     }
 }
 
-short ReceiveData(const QueueEnd& end, Buffer& data)
+// Receives what is still missing of an event.
+static short ReceiveRest(const QueueEnd& end, ReceivingSide& event, Buffer& data)
 {
-    const unsigned size = static_cast<unsigned>(LocalMsg.alloc_data_length);
-    if (size == 0)
-        return ErrorReporter::NO_ERRORS;
-    data.ReSize(size);
-    if (data.Size() != size)
-        return ReportNoRoom(end);
-    ReceivingSide event(LocalMsg, end.pid);
-    if (!PlaceData(data))
-        return BrokenEvent;
-    if (event.Next() == ReceivingSide::Done)
-        return ErrorReporter::NO_ERRORS;
-
     const long sender = event.Partner();
-    end.mail.NoteCorrespondent(sender);
-    end.mail.Open(event.Channel());
+    if (event.Next() != ReceivingSide::Done) {
+        end.mail.NoteCorrespondent(sender);
+        end.mail.Open(wire::DataChannel(sender, end.pid));
+    }
     const short code = ReceiveBlocks(end, event, data);
     const svr4::SavedErrno savedErrno;
     if (code != ErrorReporter::NO_ERRORS && code != ErrorReporter::SERVER_GONE) {
@@ -332,6 +331,27 @@ short ReceiveData(const QueueEnd& end, Buffer& data)
     }
     end.mail.CloseChannel();
     return code;
+}
+
+short ReceiveData(const QueueEnd& end, Buffer& data)
+{
+    const unsigned size = static_cast<unsigned>(LocalMsg.alloc_data_length);
+    if (size == 0)
+        return ErrorReporter::NO_ERRORS;
+    if (LocalMsg.parts_left > 0) {
+        const std::unique_ptr<EarlyEvent> early(end.mail.TakeEarly(LocalMsg.senders_pid));
+        if (early != nullptr) {
+            data.AssignPtr(early->data.ReleasePtr(), size);
+            return ReceiveRest(end, early->event, data);
+        }
+    }
+    data.ReSize(size);
+    if (data.Size() != size)
+        return ReportNoRoom(end);
+    ReceivingSide event(LocalMsg, end.pid);
+    if (!PlaceData(LocalMsg, data))
+        return BrokenEvent;
+    return event.Next() == ReceivingSide::Done ? short(ErrorReporter::NO_ERRORS) : ReceiveRest(end, event, data);
 }
 
 } // namespace zeloo

@@ -64,8 +64,11 @@ static short Wait(Attempt& attempt, const Patience& patience, short late, int* r
         if (!IsToBeAwaited(*result))
             return ErrorReporter::NO_ERRORS;
         const short code = attempt.Look();
-        if (code != ErrorReporter::NO_ERRORS)
-            return code;
+        if (code != ErrorReporter::NO_ERRORS) {
+            // What a partner that has gone put on the queue at last is there all the same.
+            const bool isThere = attempt.IsReceive() && (*result = attempt.Try(IPC_NOWAIT)) == 0;
+            return isThere ? short(ErrorReporter::NO_ERRORS) : code;
+        }
         const int64_t now = MillisecondsNow();
         if (now >= stepEnd || !slice.IsOver(now)) {
             if (step == patience.steps)
@@ -136,6 +139,7 @@ public:
         : PlainAttempt(queueID, peerPID, ErrorReporter::IPC_RECV_PROCESS_GONE), channel(fromChannel), message(place)
     {
     }
+    bool IsReceive() const override { return true; }
     int Try(int flags) override
     {
         const int error = zeloo::TakeMessage(queue, channel, message, flags);

@@ -79,6 +79,8 @@ public:
     /// Takes the partner's record of `length` bytes behind its type. A block in a shared-memory segment needs one of
     /// `segmentSize` bytes; negative: there is none. True when the record's data belongs into the event, at its offset.
     bool TakeBlock(const IPCQMessage& message, size_t length, int64_t segmentSize);
+    /// The event is Broken: the data of a block that it took cannot be had.
+    void GiveUp() { step = Broken; }
     /// Whether a message on the own channel, which came after the first block, says that the partner has gone on to
     /// another event. What is on the data channel still counts; with nothing there this event is to be given up.
     bool IsEndedBy(const IPCQMessage& newer) const { return newer.senders_pid == senderPID; }

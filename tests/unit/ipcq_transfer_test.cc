@@ -562,6 +562,49 @@ TEST_F(IpcqTransfer, BothSidesSendOverAFullQueue)
     EXPECT_EQ(WaitForExit(pid), 0);
 }
 
+// Two processes that send each other events of many blocks before either receives: each waits for the other to take
+// note of its first block.
+TEST_F(IpcqTransfer, BothSidesSendEventsOfManyBlocks)
+{
+    const int count = 100;
+    const auto text = [](const char* side, int i) { return side + Pattern(static_cast<size_t>(20000 + i)); };
+    const pid_t pid = StartServer("crossing2", [&](Server& server) {
+        SetQueueBytes(server.Queue(), 16384);
+        short event, response, ack;
+        Buffer data;
+        CHILD_CHECK(server.receive_event(event, data, response, ack) == -1 && event == 1);
+        for (short i = 0; i < count; i++) {
+            const std::string answer = text("answer", i);
+            CHILD_CHECK(server.send_response(i, 0, answer.data(), long(answer.size())) == 0);
+        }
+        for (short i = 0; i < count; i++) {
+            CHILD_CHECK(server.receive_event(event, data, response, ack) == -1);
+            CHILD_CHECK(event == i && Bytes(data) == text("request", i));
+        }
+        CHILD_CHECK(server.receive_event(event, data, response, ack) == -1 && event == 9999);
+        CHILD_CHECK(Waiting(server.Queue()) == 0);
+    });
+    Client client("crossing2");
+    ASSERT_EQ(client.send_event(1, nullptr, 0), 0);
+    EXPECT_LT(Seconds([&] {
+                  for (short i = 0; i < count; i++) {
+                      const std::string request = text("request", i);
+                      ASSERT_EQ(client.send_event(i, request.data(), long(request.size())), 0) << i;
+                  }
+              }),
+              60)
+        << "far below the 300 seconds for one acknowledgement";
+    short event;
+    Buffer data;
+    for (short i = 0; i < count; i++) {
+        ASSERT_EQ(client.receive_response(event, data), 0);
+        ASSERT_EQ(event, i);
+        ASSERT_TRUE(Bytes(data) == text("answer", i)) << i;
+    }
+    EXPECT_EQ(client.send_event(9999, nullptr, 0), 0);
+    EXPECT_EQ(WaitForExit(pid), 0);
+}
+
 TEST_F(IpcqTransfer, ASignalCountsAsTheEndOfAStep)
 {
     PrivateQueue queue;

@@ -14,7 +14,8 @@ namespace storm {
 constexpr uint32_t Kilobyte = 1024;
 constexpr uint32_t Megabyte = 1024 * Kilobyte;
 constexpr uint32_t BurstLength = 8;  // requests that are sent before the first answer is awaited
-constexpr uint32_t BurstBytes = 900; // fits one block on any queue: several blocks need a partner who listens
+constexpr uint32_t SmallBytes = 900; // fits one block on any queue
+constexpr uint32_t BurstBytes = 20000;
 constexpr short IdleEvent = 32000;
 
 /// A well mixed number.
@@ -35,16 +36,23 @@ inline uint32_t SizeOf(uint64_t chance, bool onlyLarge)
     return least + uint32_t((chance >> 16) % (64 * Kilobyte - least + 1));
 }
 
+/// Within a burst: often one block, else several, while the partner sends several as well.
+inline uint32_t SizeInBurst(uint64_t chance, bool onlyLarge)
+{
+    const uint32_t least = onlyLarge ? 2 * Kilobyte : 0;
+    const bool isSmall = !onlyLarge && chance % 2 == 0;
+    return least + uint32_t((chance >> 16) % (isSmall ? SmallBytes : BurstBytes));
+}
+
 /// A request and its answer.
 struct Exchange {
     Exchange(uint32_t client, uint32_t requestNumber, bool onlyLarge)
         : number(requestNumber), seed(Mix(uint64_t(client) << 32 | requestNumber)), event(short(1 + number % 30000)),
-          status(short(seed % 1000)),
-          isInBurst(!onlyLarge && Mix(~(uint64_t(client) << 32 | requestNumber / BurstLength)) % 4 == 0)
+          status(short(seed % 1000)), isInBurst(Mix(~(uint64_t(client) << 32 | requestNumber / BurstLength)) % 4 == 0)
     {
-        const uint64_t chance = Mix(seed + 1);
-        requestSize = isInBurst ? uint32_t(chance % BurstBytes) : SizeOf(chance, onlyLarge);
-        answerSize = isInBurst ? uint32_t((chance >> 32) % BurstBytes) : SizeOf(Mix(seed + 2), onlyLarge);
+        const auto sizeOf = isInBurst ? SizeInBurst : SizeOf;
+        requestSize = sizeOf(Mix(seed + 1), onlyLarge);
+        answerSize = sizeOf(Mix(seed + 2), onlyLarge);
     }
     uint64_t RequestPattern() const { return seed + 3; }
     uint64_t AnswerPattern() const { return seed + 4; }
