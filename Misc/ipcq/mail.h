@@ -116,6 +116,7 @@ public:
 private:
     const IPCQMessage* NextEarly(long partner) const;
     bool AwaitsEarlyBlocks(long sender) const;
+    bool IsReadEarly(long channel) const;
     void GatherEarly(EarlyEvent& early);
     bool Keep(const IPCQMessage& message);
     bool StaysAway(const IPCQMessage& message) const;

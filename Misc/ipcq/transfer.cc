@@ -338,7 +338,7 @@ short ReceiveData(const QueueEnd& end, Buffer& data)
     const unsigned size = static_cast<unsigned>(LocalMsg.alloc_data_length);
     if (size == 0)
         return ErrorReporter::NO_ERRORS;
-    if (LocalMsg.parts_left > 0) {
+    if (LocalMsg.parts_left > 0 && LocalMsg.shmem_id < 0) {
         const std::unique_ptr<EarlyEvent> early(end.mail.TakeEarly(LocalMsg.senders_pid));
         if (early != nullptr) {
             data.AssignPtr(early->data.ReleasePtr(), size);

@@ -139,6 +139,52 @@ TEST_F(IpcqBystanders, ClientsOnBothSidesOfTheServersIdAreAllAnswered)
     EXPECT_EQ(ObjectsOf("msg"), 1) << "the fixture's";
 }
 
+TEST_F(IpcqBystanders, WhoWaitsForAnAcknowledgementGivesOneToThatPartner)
+{
+    const pid_t partner = StartChild([&] {
+        IPCQMessage first = FirstBlock(1), block;
+        first.senders_pid = getpid();
+        CHILD_CHECK(SendRecord(queue.id, me, first) == 0);
+        CHILD_CHECK(TakeRecord(queue.id, AckChannel(getpid(), me), &block, 0) == 300);
+        CHILD_CHECK(SendRecord(queue.id, DataChannel(getpid(), me), LaterBlock(2, "234567", 0)) == 0);
+        CHILD_CHECK(TakeRecord(queue.id, getpid(), &block, 0) == 2000);
+        CHILD_CHECK(SendRecord(queue.id, AckChannel(me, getpid()), Event(Ack, getpid())) == 0);
+        CHILD_CHECK(TakeRecord(queue.id, DataChannel(me, getpid()), &block, 0) == 300);
+        pause();
+    });
+    EXPECT_EQ(server.IPCSend("p", "n", "v", partner, "d", 0, 1, Pattern(1700).data(), 1700, 0, 0, 0), 0);
+    EXPECT_EQ(Receive(), 0);
+    EXPECT_EQ(event, 30);
+    EXPECT_EQ(Bytes(data), "01234567");
+    EXPECT_EQ(Waiting(queue.id), 0u);
+    EndChild(partner);
+}
+
+TEST_F(IpcqBystanders, AnEventThatBeginsInASegmentIsAcknowledgedInItsTurn)
+{
+    const pid_t partner = StartChild([&] {
+        IPCQMessage first = FirstBlock(1), block;
+        first.senders_pid = getpid();
+        first.shmem_id = copy_to_shmem("01", 2);
+        first.shmem_size = 2;
+        first.msg_data_len = 0;
+        CHILD_CHECK(SendRecord(queue.id, me, first) == 0);
+        CHILD_CHECK(TakeRecord(queue.id, getpid(), &block, 0) == 2000);
+        usleep(300000);
+        CHILD_CHECK(TakeRecord(queue.id, AckChannel(getpid(), me), &block) < 0);
+        CHILD_CHECK(SendRecord(queue.id, AckChannel(me, getpid()), Event(Ack, getpid())) == 0);
+        CHILD_CHECK(TakeRecord(queue.id, DataChannel(me, getpid()), &block, 0) == 300);
+        CHILD_CHECK(TakeRecord(queue.id, AckChannel(getpid(), me), &block, 0) == 300);
+        CHILD_CHECK(SendRecord(queue.id, DataChannel(getpid(), me), LaterBlock(2, "234567", 0)) == 0);
+        pause();
+    });
+    EXPECT_EQ(server.IPCSend("p", "n", "v", partner, "d", 0, 1, Pattern(1700).data(), 1700, 0, 0, 0), 0);
+    EXPECT_EQ(Receive(), 0);
+    EXPECT_EQ(Bytes(data), "01234567");
+    EXPECT_EQ(ObjectsOf("shm"), 0);
+    EndChild(partner);
+}
+
 TEST_F(IpcqBystanders, ADrainEndsUnderAFloodAndSavesSoManyOnly)
 {
     const unsigned most = 8192;
