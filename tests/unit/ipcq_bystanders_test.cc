@@ -10,15 +10,8 @@ namespace {
 
 using namespace ipcq_testing;
 
-class IpcqBystanders : public IpcqTransfer {
+class IpcqBystanders : public IpcqOneServer {
 protected:
-    PrivateQueue queue;
-    Receiver server{queue.id};
-    const pid_t me = getpid();
-    short event = 0, status = 0, response = 0, ack = 0;
-    Buffer data;
-
-    short Receive() { return server.IPCReceive(event, 0, 0, data, status, response, ack); }
     // A record that looks as if a pair of strangers had put it on a channel for `addressee`.
     static IPCQMessage StrangersBlock(long channel, long base, pid_t addressee)
     {

@@ -12,20 +12,13 @@ const double Soon = 2; // far below the ten seconds of a step, on a busy machine
 
 const char* const Broken = "Multi-block event dropped, a block does not fit.";
 
-class IpcqDeparted : public IpcqTransfer {
+class IpcqDeparted : public IpcqOneServer {
 protected:
-    PrivateQueue queue;
-    Receiver server{queue.id};
-    const pid_t me = getpid();
-    short event = 0, status = 0, response = 0, ack = 0;
-    Buffer data;
-
     void SetUp() override
     {
-        IpcqTransfer::SetUp();
+        IpcqOneServer::SetUp();
         SetQueueBytes(queue.id, 16384);
     }
-    short Receive() { return server.IPCReceive(event, 0, 0, data, status, response, ack); }
     short Send(pid_t to, size_t size)
     {
         const std::string text = Pattern(size);

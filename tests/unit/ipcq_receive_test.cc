@@ -9,19 +9,13 @@ namespace {
 
 using namespace ipcq_testing;
 
-// A server of this process on a private queue.
-class IpcqReceive : public IpcqTransfer {
+class IpcqReceive : public IpcqOneServer {
 protected:
-    PrivateQueue queue;
-    Receiver server{queue.id};
-    pid_t me = getpid();
     pid_t peer = -1;
-    short event = 0, status = 0, response = 0, ack = 0;
-    Buffer data;
 
     void SetUp() override
     {
-        IpcqTransfer::SetUp();
+        IpcqOneServer::SetUp();
         peer = IdleProcess();
     }
     void TearDown() override
@@ -29,10 +23,6 @@ protected:
         EndChild(peer);
         delete InternalQMsgsPtr;
         InternalQMsgsPtr = nullptr;
-    }
-    short Receive(long from = 0, short timeOutEvent = 0)
-    {
-        return server.IPCReceive(event, from, timeOutEvent, data, status, response, ack);
     }
 };
 

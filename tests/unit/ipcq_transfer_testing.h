@@ -12,6 +12,21 @@ namespace ipcq_testing {
 
 class IpcqTransfer : public IpcqTest {};
 
+/// A server of this process on a private queue, and what it receives.
+class IpcqOneServer : public IpcqTransfer {
+protected:
+    PrivateQueue queue;
+    Receiver server{queue.id};
+    const pid_t me = getpid();
+    short event = 0, status = 0, response = 0, ack = 0;
+    Buffer data;
+
+    short Receive(long from = 0, short timeOutEvent = 0)
+    {
+        return server.IPCReceive(event, from, timeOutEvent, data, status, response, ack);
+    }
+};
+
 const short Timeout = ErrorReporter::IPC_RECV_TIME_OUT;
 const short SendTimeout = ErrorReporter::IPC_SEND_TIME_OUT;
 const short ReceiverGone = ErrorReporter::IPC_RECV_PROCESS_GONE;
