@@ -16,7 +16,7 @@
 
 static const int64_t ClearingMilliseconds = 100;             // between two looks at the correspondents
 static const struct timespec Moment = {0, 10 * 1000 * 1000}; // between two tries to give back
-static const int MomentsBeforeTheEnd = 100;
+static const int MostMoments = 100;
 
 namespace zeloo {
 
@@ -149,16 +149,19 @@ void Mail::GiveBack()
     }
 }
 
-void Mail::CloseChannel()
+void Mail::EndTransfer()
 {
     openChannel = 0;
-    GiveBack();
+    if (object.is_a_server())
+        GiveBack();
+    else
+        GiveAllBack();
 }
 
 void Mail::GiveAllBack()
 {
-    CloseChannel();
-    for (int moment = 0; aside.Quantity() > 0 && moment < MomentsBeforeTheEnd; moment++) {
+    GiveBack();
+    for (int moment = 0; aside.Quantity() > 0 && moment < MostMoments; moment++) {
         nanosleep(&Moment, nullptr);
         GiveBack();
     }

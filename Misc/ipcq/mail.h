@@ -91,12 +91,14 @@ public:
     void Sweep(long channel, long owner);
     /// Puts a record back on the channel from which it was taken, or keeps it until there is room.
     void PutBack(ReceivedMessage& message);
-    /// The data channel that this end reads: own records for others would stand before the partner's. 0: none.
+    /// The data channel that this end reads until EndTransfer: own records for others would stand before the partner's.
     void Open(long channel) { openChannel = channel; }
-    void CloseChannel();
+    /// Gives back what is kept for others. A server goes on with that while it waits for events; others wait a second
+    /// for room, since nobody knows when they do something on the queue again.
+    void EndTransfer();
     /// Gives back what is kept for others, as far as there is room. What is for a process that has gone is dropped.
     void GiveBack();
-    /// The same, waiting a second for room: this end is about to go.
+    /// The same, waiting a second for room.
     void GiveAllBack();
 
     // ---- What nobody reads any more ----

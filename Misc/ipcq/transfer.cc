@@ -247,6 +247,7 @@ short SendEvent(const QueueEnd& end, long receiver, const char* data, int32_t le
         if (end.object.is_a_server()) // a server's own channel is its own business
             end.mail.TakeBackFirstBlock(receiver);
     }
+    end.mail.EndTransfer();
     return code;
 }
 
@@ -329,7 +330,7 @@ static short ReceiveRest(const QueueEnd& end, ReceivingSide& event, Buffer& data
         end.mail.ClearPair(sender, end.pid);
         end.mail.NoteCorrespondent(sender, true); // it may be about to send more
     }
-    end.mail.CloseChannel();
+    end.mail.EndTransfer();
     return code;
 }
 
