@@ -49,7 +49,7 @@ int WaitForExit(pid_t pid, int seconds = 60);
 /// Sends a child a signal and waits for it, with the same result.
 int EndChild(pid_t pid, int signal = SIGKILL);
 /// StartChild with a process id of one's choice, in the sandbox, which nobody has.
-pid_t StartChildAt(pid_t pid, const std::function<void()>& body);
+pid_t StartChildAt(pid_t wanted, const std::function<void()>& body);
 /// A child that has ended and is not waited for.
 pid_t ZombieProcess();
 /// The process id of a child that has ended and was waited for.

@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -101,7 +102,7 @@ protected:
     // Lets all start at once; the process id of the server that got the queue, or -1.
     pid_t RunRound()
     {
-        *round = {};
+        new (round) Round();
         std::vector<pid_t> servers, clients;
         for (int i = 0; i < Servers; i++)
             servers.push_back(StartServer(i));
@@ -198,7 +199,7 @@ TEST_F(QueueStart, OneOfManySuccessorsOfAKilledServerGetsTheQueue)
 TEST_F(QueueStart, ASignalAtAnyMomentLeavesNothingBehind)
 {
     for (int i = 0; i < 150 && !HasFailure(); i++) {
-        *round = {};
+        new (round) Round();
         const pid_t child = StartChild([=] {
             const IPCQClient monitored(0, nullptr); // from now on signals are handled
             round->go = 1;

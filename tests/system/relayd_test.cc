@@ -109,11 +109,11 @@ TEST_P(BothTransports, ReconnectClientFindsARestartedServer)
 
 TEST_P(BothTransports, ServesSeveralClientsAtOnce)
 {
-    std::vector<pid_t> clients;
+    std::vector<pid_t> clients(4);
     const IPCClient::client_types kind = GetParam();
     const char* node = Node();
     for (int i = 0; i < 4; i++)
-        clients.push_back(StartChild([=] {
+        clients[static_cast<size_t>(i)] = StartChild([=] {
             IPCClient client(0, "orvd", node, kind);
             CHILD_CHECK(client.Connected());
             const std::string text = Pattern(static_cast<size_t>(20000 + i));
@@ -124,7 +124,7 @@ TEST_P(BothTransports, ServesSeveralClientsAtOnce)
                 CHILD_CHECK(client.receive_response(answered, answer) == 0);
                 CHILD_CHECK(answered == Echo && Bytes(answer) == text);
             }
-        }));
+        });
     for (pid_t client : clients)
         EXPECT_EQ(WaitForExit(client), 0);
 }
@@ -426,7 +426,7 @@ TEST_F(RelaydTest, OutlivesWhatItsClientsDo)
     }
     { // half a record
         RawConnection connection;
-        EXPECT_TRUE(connection.Send(&malformed[0], 1000));
+        EXPECT_TRUE(connection.Send(malformed.data(), 1000));
     }
     { // half an event
         RawConnection connection;

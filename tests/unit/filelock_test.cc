@@ -62,15 +62,15 @@ TEST_F(FileLockTest, ManyProcessesTakeTurns)
 {
     const std::string count = directory.File("count");
     WriteFile(count, "0");
-    std::vector<pid_t> children;
-    for (int i = 0; i < 6; i++)
-        children.push_back(StartChild([&] {
+    std::vector<pid_t> children(6);
+    for (pid_t& child : children)
+        child = StartChild([&] {
             for (int round = 0; round < 50; round++) {
                 const FileLock lock(path.c_str(), 30000);
                 CHILD_CHECK(lock.Locked());
                 WriteFile(count, std::to_string(std::stoi(ReadFile(count)) + 1));
             }
-        }));
+        });
     for (const pid_t child : children)
         EXPECT_EQ(WaitForExit(child), 0);
     EXPECT_EQ(ReadFile(count), "300");

@@ -108,7 +108,7 @@ int MakeQueueOf(const char* name, std::initializer_list<long> servers)
 {
     MakeKeyFile(name);
     const int queue = msgget(ftok_orvm(name), IPC_CREAT | IPC_EXCL | 0660);
-    semget(ftok_orvm(name), static_cast<int>(servers.size()), IPC_CREAT | IPC_EXCL | 0660);
+    EXPECT_GE(semget(ftok_orvm(name), static_cast<int>(servers.size()), IPC_CREAT | IPC_EXCL | 0660), 0);
     for (const long server : servers)
         EXPECT_GE(add_serverpid_to_queue(queue, server), 0);
     return queue;
