@@ -50,6 +50,16 @@ bool Mail::IsReadEarly(long channel) const
     return false;
 }
 
+// Whether no later message comes from the sender of this one.
+static bool IsLastOf(const IPCQMsgSafeArray& messages, unsigned index)
+{
+    const int32_t sender = messages[index]->msg.senders_pid;
+    for (unsigned i = index + 1; i < messages.Quantity(); i++)
+        if (messages[i]->msg.senders_pid == sender)
+            return false;
+    return true;
+}
+
 // The first block of the partner's oldest saved event that has not been acknowledged; null when there is none. One in a
 // segment waits for its turn: it is looked at again then, and copying takes the segment away.
 const IPCQMessage* Mail::NextEarly(long partner) const
@@ -64,7 +74,7 @@ const IPCQMessage* Mail::NextEarly(long partner) const
         while (early != nullptr && early->event.Partner() != partner)
             early = early->next;
         if (early == nullptr)
-            return &first;
+            return IsLastOf(object.MsgArray, i) ? &first : nullptr; // else it was given up
         early = early->next;
     }
     return nullptr;

@@ -198,10 +198,13 @@ void Mail::ClearTheDead(long partner)
     if (now - lastClearing < ClearingMilliseconds)
         return;
     lastClearing = now;
-    if (WaitingMessages(object.MyQueueID) == 0) {
-        correspondents.ForgetFinished(); // they have read everything
+    // An empty queue says that everything has been read, unless somebody has some of it in hand.
+    const bool wasEmpty = isEmpty;
+    isEmpty = partner == 0 && aside.Quantity() == 0 && WaitingMessages(object.MyQueueID) == 0;
+    if (wasEmpty && isEmpty)
+        correspondents.ForgetFinished();
+    if (isEmpty)
         return;
-    }
     for (unsigned i = correspondents.Quantity(); i-- > 0;) {
         const long pid = correspondents[i].pid;
         if (pid == partner || AwaitsEarlyBlocks(pid))

@@ -129,6 +129,7 @@ private:
     long openChannel = 0;
     Correspondents correspondents;
     int64_t lastClearing = 0;
+    bool isEmpty = false; // when the correspondents were looked at last
 };
 
 } // namespace zeloo

@@ -16,7 +16,7 @@
 
 static const long AckSeconds = 300;
 static const long FirstSlice = 1;              // milliseconds: the own mail may be just what fills the queue
-static const long IdleSlice = 100;             // of a wait for an event, in which nothing is urgent
+static const long IdleSlice = 64;              // of a wait for an event, in which nothing is urgent
 static const int64_t GraceMilliseconds = 1000; // in which a stranger puts back what he took off the data channel
 
 namespace zeloo {
@@ -26,6 +26,21 @@ using wire::ReceivingSide;
 using wire::SendingSide;
 
 namespace {
+
+// Whether a partner has gone and has had its say: what it put on the queue at last may still be there, or a stranger may
+// have it in hand, so one more slice is waited for that.
+class PartnerWatch {
+public:
+    bool HasLeft(long partner)
+    {
+        const bool hadGone = hasGone;
+        hasGone = HasGone(partner);
+        return hadGone && hasGone;
+    }
+
+private:
+    bool hasGone = false;
+};
 
 // A wait within a transfer: its partner is watched, the mail is kept and others' records go back.
 class TransferAttempt : public Attempt {
@@ -42,7 +57,7 @@ public:
         end.mail.GiveBack();
         end.mail.ClearTheDead(partner);
         ReportMoreMalformed(end.queue);
-        return HasGone(partner) ? gone : short(ErrorReporter::NO_ERRORS);
+        return watch.HasLeft(partner) ? gone : short(ErrorReporter::NO_ERRORS);
     }
 
 protected:
@@ -50,6 +65,7 @@ protected:
     long partner;
 
 private:
+    PartnerWatch watch;
     short gone;
 };
 
@@ -76,7 +92,6 @@ public:
           channel(fromChannel)
     {
     }
-    bool IsReceive() const override { return true; }
     int Try(int flags) override
     {
         const int error = TakeMessage(end.queue, channel, message, flags);
@@ -137,7 +152,6 @@ private:
 class FirstBlockAttempt : public Attempt {
 public:
     FirstBlockAttempt(const QueueEnd& ownEnd, long partnerPID) : end(ownEnd), partner(partnerPID) {}
-    bool IsReceive() const override { return true; }
     int Try(int flags) override
     {
         const int error = TakeMessage(end.queue, end.pid, LocalMessage, flags);
@@ -155,12 +169,13 @@ public:
         end.mail.GiveBack();
         end.mail.ClearTheDead(0);
         ReportMoreMalformed(end.queue);
-        return partner != 0 && HasGone(partner) ? ErrorReporter::IPC_RECV_PROCESS_GONE : ErrorReporter::NO_ERRORS;
+        return partner != 0 && watch.HasLeft(partner) ? ErrorReporter::IPC_RECV_PROCESS_GONE : ErrorReporter::NO_ERRORS;
     }
 
 private:
     const QueueEnd& end;
     long partner;
+    PartnerWatch watch;
 };
 
 } // namespace
@@ -266,6 +281,11 @@ short ReceiveFirstBlock(const QueueEnd& end, long partner)
 
 static short Acknowledge(const QueueEnd& end, ReceivingSide& event)
 {
+    // Who waits for an acknowledgement sends nothing else: this event's sender has given it up, or has died and left its
+    // process id to another, who would take the acknowledgement for its own.
+    end.mail.Save(MostSaved);
+    if (end.mail.HasMessageOf(event.Partner()))
+        return BrokenEvent;
     wire::MakeAck(&LocalMsg, static_cast<int32_t>(end.pid));
     const short code = SendLocalMsg(end, event.Channel(), event.Partner(), WithinTransfer(end, end.sendTimeOut));
     event.Acknowledged();

@@ -12,7 +12,7 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-static const long LongestSlice = 128; // milliseconds: a partner's death is noticed within a fifth of a second
+static const long LongestSlice = 64; // milliseconds: a partner's death is noticed within a fifth of a second
 static const struct timespec Moment = {0, 1000 * 1000}; // for the reader of what was put back
 
 namespace zeloo {
@@ -64,11 +64,8 @@ static short Wait(Attempt& attempt, const Patience& patience, short late, int* r
         if (!IsToBeAwaited(*result))
             return ErrorReporter::NO_ERRORS;
         const short code = attempt.Look();
-        if (code != ErrorReporter::NO_ERRORS) {
-            // What a partner that has gone put on the queue at last is there all the same.
-            const bool isThere = attempt.IsReceive() && (*result = attempt.Try(IPC_NOWAIT)) == 0;
-            return isThere ? short(ErrorReporter::NO_ERRORS) : code;
-        }
+        if (code != ErrorReporter::NO_ERRORS)
+            return code;
         const int64_t now = MillisecondsNow();
         if (now >= stepEnd || !slice.IsOver(now)) {
             if (step == patience.steps)
@@ -139,7 +136,6 @@ public:
         : PlainAttempt(queueID, peerPID, ErrorReporter::IPC_RECV_PROCESS_GONE), channel(fromChannel), message(place)
     {
     }
-    bool IsReceive() const override { return true; }
     int Try(int flags) override
     {
         const int error = zeloo::TakeMessage(queue, channel, message, flags);

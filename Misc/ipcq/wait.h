@@ -17,8 +17,6 @@ public:
     virtual int Try(int flags) = 0;
     /// Called when a slice or a step of the wait is over, or a signal has come: 0, or the code that ends the wait.
     virtual short Look() = 0;
-    /// Whether it takes something: then one more Try comes before the wait ends with a code of Look.
-    virtual bool IsReceive() const { return false; }
     /// The milliseconds until the first Look; the slices grow up to a fifth of a second's bound. 0: Look is called after
     /// each step only.
     virtual long FirstSlice() const { return 0; }

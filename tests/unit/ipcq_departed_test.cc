@@ -194,6 +194,46 @@ TEST_F(IpcqDeparted, ANewEventOfASenderEndsTheOneThatItGaveUp)
     EndChild(sender);
 }
 
+TEST_F(IpcqDeparted, AnEventWhoseSenderHasBegunAnotherIsNotAcknowledged)
+{
+    const pid_t sender = StartChild([&] {
+        IPCQMessage outdated = FirstBlock(1), acknowledgement; // as of a dead process with the same id
+        outdated.senders_pid = getpid();
+        CHILD_CHECK(SendRecord(queue.id, me, outdated) == 0);
+        IPCQMessage first = FirstBlock(1);
+        first.senders_pid = getpid();
+        first.event = 31;
+        CHILD_CHECK(SendRecord(queue.id, me, first) == 0);
+        CHILD_CHECK(TakeRecord(queue.id, AckChannel(getpid(), me), &acknowledgement, 0) == 300);
+        CHILD_CHECK(SendRecord(queue.id, DataChannel(getpid(), me), LaterBlock(2, "234567", 0)) == 0);
+        pause();
+    });
+    ASSERT_TRUE(WaitUntil([&] { return Waiting(queue.id) == 2; }));
+    EXPECT_EQ(Receive(), IpcError);
+    EXPECT_EQ(event, 30);
+    EXPECT_EQ(Receive(), 0);
+    EXPECT_EQ(event, 31);
+    EXPECT_EQ(Bytes(data), "01234567");
+    EndChild(sender);
+}
+
+TEST_F(IpcqDeparted, WhatASenderPutOnTheQueueBeforeItDiedStillCounts)
+{
+    const pid_t sender = StartChild([&] {
+        IPCQMessage first = FirstBlock(2), acknowledgement;
+        first.senders_pid = getpid();
+        SendRecord(queue.id, me, first);
+        TakeRecord(queue.id, AckChannel(getpid(), me), &acknowledgement, 0);
+        for (int i = 0; i < 20; i++)
+            usleep(10000); // the receiver waits in slices
+        SendRecord(queue.id, DataChannel(getpid(), me), LaterBlock(2, "234", 1));
+        SendRecord(queue.id, DataChannel(getpid(), me), LaterBlock(5, "567", 0));
+    });
+    EXPECT_EQ(Receive(), 0);
+    EXPECT_EQ(Bytes(data), "01234567");
+    EXPECT_EQ(WaitForExit(sender), 0);
+}
+
 TEST_F(IpcqDeparted, ANewEventBehindBlocksThatAreNotReadYetEndsNothing)
 {
     const pid_t sender = SendByHand(queue.id, me, FirstBlock(2), [&](long channel) {
