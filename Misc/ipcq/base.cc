@@ -146,7 +146,7 @@ short IPCQBase::ReceiveEvent(short& REvent, long MessageSenderPID, short TimeOut
         return OUT_OF_MEMORY;
 
     const short code = TakeFirstBlock(MessageSenderPID);
-    IPCDrain();
+    mail->Save(zeloo::MostSaved);
     if (code == IPC_RECV_TIME_OUT) {
         zeloo::CopyText(SendersProgramName, "Internal");
         zeloo::CopyText(SendersNodeName, ProgInfo::GetNodeName());

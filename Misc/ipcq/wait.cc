@@ -22,8 +22,8 @@ static bool IsToBeAwaited(int result) { return result == EAGAIN || result == ENO
 // One slice of a wait.
 class Slice {
 public:
-    Slice(long first, long before, int64_t stepEnd)
-        : length(first > 0 ? std::clamp(2 * before, first, LongestSlice) : 0), begin(MillisecondsNow()),
+    Slice(int64_t now, long first, long before, int64_t stepEnd)
+        : length(first > 0 ? std::clamp(2 * before, first, LongestSlice) : 0), begin(now),
           end(length > 0 ? std::min(begin + length, stepEnd) : stepEnd)
     {
     }
@@ -56,8 +56,9 @@ static short Wait(Attempt& attempt, const Patience& patience, short late, int* r
     const auto stepFrom = [&](int64_t now) {
         return patience.seconds > 0 ? now + patience.seconds * 1000 : Slice::Never;
     };
-    int64_t stepEnd = stepFrom(MillisecondsNow());
-    Slice slice(attempt.FirstSlice(), 0, stepEnd);
+    const int64_t start = MillisecondsNow();
+    int64_t stepEnd = stepFrom(start);
+    Slice slice(start, attempt.FirstSlice(), 0, stepEnd);
     TimedCall alarm(0, slice.Milliseconds());
     for (long step = 1;;) {
         *result = TryWithin(slice, attempt, *result);
@@ -73,7 +74,7 @@ static short Wait(Attempt& attempt, const Patience& patience, short late, int* r
             step++;
             stepEnd = stepFrom(now);
         }
-        slice = Slice(attempt.FirstSlice(), slice.Length(), stepEnd);
+        slice = Slice(now, attempt.FirstSlice(), slice.Length(), stepEnd);
         alarm.Arm(0, slice.Milliseconds());
     }
 }
