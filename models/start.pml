@@ -7,9 +7,9 @@
  * for the function that its comment names.
  *
  * Assumed:
- * - A process that dies lets go of its lock. STOPS allows a process to go on without the lock while another holds it, as
- *   it does when that one has stood still for a second.
- * - A set has one slot. What sizes the queue is left out: it changes neither queue nor set.
+ * - A process that dies lets go of its lock. STOPS allows a process to go on without the lock while another holds it,
+ *   as it does when that one has stood still for a second.
+ * - A set has one slot. OLD_RULES are those before there was a lock. What sizes the queue is left out: it changes neither queue nor set.
  */
 
 #ifndef DEATHS
@@ -39,8 +39,8 @@ byte late = Reborn;
 
 #define Exists(process) (!gone[process])
 
-#define OwnState byte q = None; byte sem = None; byte value = 0; byte others = 0; bool found = false; bool isNew = false; \
-    byte joined = None;
+#define OwnState byte q = None; byte sem = None; byte value = 0; byte others = 0; bool found = false; \
+    bool isNew = false; byte joined = None;
 
 inline Lock() /* NameLock */
 {

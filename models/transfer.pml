@@ -3,23 +3,32 @@
  * progression, so that A->S and S->B share their channels, and B->S and S->A theirs. Events of several blocks go both
  * ways.
  *
- * A step is what the kernel does at once: one msgsnd or msgrcv, or one change of what a process keeps to itself. Every
- * other process can act between two steps, and any process can die (DEATHS of them in a run). Each inline stands for the
- * function that its comment names; its branches are the steps of that function, in any order where the function takes
+ * A step is what the kernel does at once: one msgsnd or msgrcv, or a change of what a process keeps to itself. Every
+ * other process can act between two steps, and any process can die (DEATHS of them in a run). Each inline stands for
+ * the function that its comment names; its branches are the steps of that function, in any order where the function takes
  * them by the clock (the looks of a wait).
  *
  * Assumed:
- * - A time limit ends a wait only when no process can do anything else: limits are long against steps. So time-outs
- *   are taken with `timeout`, and in runs without deaths and stale mail not at all: there nothing may need one.
- * - Within one wait a process puts a stranger's record back USELESS times while its partner's record is not there; then
- *   it waits until it is. More of them repeat the same states.
- * - A stranger gives back what he took off a data channel, if there is room, before the grace of a second ends in
- *   which the channel's reader waits for it.
+ * - A time limit ends a wait only when no process can do anything else: limits are long against steps. In runs in which
+ *   nobody dies and nothing is left over there is no limit: nothing may need one.
+ * - Within one wait a process puts strangers' records back USELESS times while its partner's record is not there, and
+ *   then waits until it is: more of that repeats the same states.
+ * - What a stranger has taken off a channel he gives back, if there is room, before its partner is held for gone or to
+ *   have given up the event, and before a server forgets a process (IsSettled). With mail left over by an earlier
+ *   transfer, or a block that comes twice, also while its channel is swept (IsSwept): a late block of an earlier event
+ *   that a stranger holds during the sweep can't be told from one of this event. For the same reason an event that was
+ *   given up is not acknowledged in the instant in which its sender begins the next (MayAcknowledge).
  * - A client that gives up ends. A process that is gone has been reaped: process_exists and HasGone say the same.
- * - Memory does not fail, and records are not malformed: other tests cover these.
+ * - Memory does not fail, no record is malformed, and there is room for what is saved and kept: other tests
+ *   cover these.
  *
  * A record: its channel, the sender's process id, its kind, the blocks left after it and, for the assertions only, the
  * event that it belongs to. No decision looks at that.
+ *
+ * What is left out or put in by name: OLD_CHANNELS, whatever lies on a channel is used or thrown away; OLD_DEATHS,
+ * nothing is taken back; HASTY, without IsSettled; FORGETFUL, a server forgets its partner and those whose records it
+ * keeps; NEVER_NEWER, an event is acknowledged whose sender has begun another; STALE records are there before; TWICE, a
+ * block of A comes twice.
  */
 
 #ifndef SLOTS
@@ -60,7 +69,8 @@
 #define Reach ((DataBase - AckBase) / 2)
 #define AckChannel(sender, receiver) (AckBase - (sender) + (receiver))
 #define DataChannel(sender, receiver) (DataBase - (sender) + (receiver))
-#define Addressee(ch, from) ((ch) < AckBase - Reach -> (ch) : ((ch) < AckBase + Reach -> (from) - ((ch) - AckBase) : (from) + ((ch) - DataBase)))
+#define Addressee(ch, from) ((ch) < AckBase - Reach -> (ch) : \
+    ((ch) < AckBase + Reach -> (from) - ((ch) - AckBase) : (from) + ((ch) - DataBase)))
 
 /* The events: that of a client in a round, and the server's answer to it. */
 #define Request(client, round) ((client) * 4 + 2 * (round))
@@ -73,7 +83,7 @@
 #define Late 2   /* 69, 70 */
 #define Broken 3 /* 60 */
 
-#if DEATHS > 0 || defined(STALE)
+#if DEATHS > 0 || defined(STALE) || defined(TWICE)
 #define TimeLimit timeout
 #define Clean 0
 #else
@@ -173,7 +183,7 @@ inline GiveBack()
 inline Discard(ch)
 {
     do
-    :: atomic { Waits(ch) -> Take(ch); printf("discard %d\n", me); Drop() }
+    :: atomic { Waits(ch) -> Take(ch); printf("drop %d\n", me); Drop() }
     :: else -> break
     od
 }
@@ -185,7 +195,7 @@ inline Discard(ch)
 #else
 #define IsSettled (NoHands && (full(queue) || kept[(me % 3) + 1] + kept[((me + 1) % 3) + 1] == 0))
 #endif
-#if defined(STALE) && !defined(HASTY)
+#if (defined(STALE) || defined(TWICE)) && !defined(HASTY)
 #define IsSwept NoHands
 #else
 #define IsSwept true
@@ -209,11 +219,12 @@ inline Sweep(other, begin, end)
         :: atomic {
             Waits(swept) -> Take(swept);
 #ifdef OLD_CHANNELS
+            printf("drop %d\n", me);
             Drop()
 #else
             Judge(owner);
             if
-            :: hf == owner -> Drop()
+            :: hf == owner -> printf("drop %d\n", me); Drop()
             :: else -> Keep()
             fi
 #endif
@@ -234,7 +245,7 @@ inline TakeBackFirstBlock()
     :: atomic {
         Waits(peer) -> Take(peer);
         if
-        :: hf == me && hp > 0 -> printf("discard %d\n", me); Drop()
+        :: hf == me && hp > 0 -> printf("drop %d\n", me); Drop()
         :: else -> Keep()
         fi
        }
@@ -255,8 +266,8 @@ inline Save()
 /* ---- Mail::ClearTheDead ---- */
 
 #define Bury(client) Discard(client); Sweep(client, 0, 4)
-#define Leaves(client) (Waits(client) || WaitsFrom(DataChannel(client, S), client) || WaitsFrom(DataChannel(S, client), S) || \
-    WaitsFrom(AckChannel(client, S), S) || WaitsFrom(AckChannel(S, client), client))
+#define Leaves(client) (Waits(client) || WaitsFrom(DataChannel(client, S), client) || \
+    WaitsFrom(DataChannel(S, client), S) || WaitsFrom(AckChannel(client, S), S) || WaitsFrom(AckChannel(S, client), client))
 #define IsToBury(client) (me == S && (noted & Bit(client)) && gone[client] && Leaves(client))
 
 /* Correspondents::ForgetFinished: not the partner, nor while records for others are kept */
@@ -267,7 +278,8 @@ inline Save()
 #define Forgettable (noted & ~unfinished & ~Bit(peer))
 #define HoldsNothing (empty(aside) && empty(away))
 #endif
-#define Forget atomic { me == S && inHand[me] == 0 && Forgettable && empty(queue) && HoldsNothing && IsSettled -> noted = noted & ~Forgettable }
+#define Forget atomic { me == S && inHand[me] == 0 && Forgettable && empty(queue) && HoldsNothing && IsSettled -> \
+    noted = noted & ~Forgettable }
 
 /* ---- One event: SendEvent and ReceiveData ---- */
 
@@ -335,6 +347,7 @@ inline AfterPut()
 inline AfterTake()
 {
     assert(hf == peer && Addressee(hc, hf) == me); /* no record used by another than its addressee */
+    printf("use %d\n", me);
     if
     :: next == AwaitAck ->
         assert(hk == Ack);
@@ -579,8 +592,22 @@ end:
     assert(empty(queue)) /* nothing lies there that nobody will read */
 }
 
+/* Puts a block of A on the queue once more. */
+proctype Doubler()
+{
+    mtype kind; byte left; byte event;
+end:
+    atomic {
+        nfull(queue) && WaitsFrom(DataChannel(A, S), A) ->
+        queue?? <eval(DataChannel(A, S)), eval(A), kind, left, event>;
+        queue!DataChannel(A, S), A, kind, left, event;
+        printf("twice %d %d %e %d %d\n", DataChannel(A, S), A, kind, left, event)
+    }
+}
+
 #ifdef STALE
-#define Left(ch, from, kind, left) queue!ch, from, kind, left, Stale; printf("stale %d %d %e %d %d\n", ch, from, kind, left, Stale)
+#define Left(ch, from, kind, left) \
+    queue!ch, from, kind, left, Stale; printf("stale %d %d %e %d %d\n", ch, from, kind, left, Stale)
 #endif
 
 init
@@ -605,6 +632,9 @@ init
         run Process(B, REQUEST_B);
         run Process(S, 0);
         run Killer();
+#ifdef TWICE
+        run Doubler();
+#endif
         run Observer()
     }
 }
