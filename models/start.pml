@@ -9,7 +9,8 @@
  * Assumed:
  * - A process that dies lets go of its lock. STOPS allows a process to go on without the lock while another holds it,
  *   as it does when that one has stood still for a second.
- * - A set has one slot. OLD_RULES are those before there was a lock. What sizes the queue is left out: it changes neither queue nor set.
+ * - A set has one slot. OLD_RULES are those before there was a lock. What sizes the queue is left out: it changes
+ *   neither queue nor set.
  */
 
 #ifndef DEATHS

@@ -5,8 +5,8 @@
  *
  * A step is what the kernel does at once: one msgsnd or msgrcv, or a change of what a process keeps to itself. Every
  * other process can act between two steps, and any process can die (DEATHS of them in a run). Each inline stands for
- * the function that its comment names; its branches are the steps of that function, in any order where the function takes
- * them by the clock (the looks of a wait).
+ * the function that its comment names; its branches are the steps of that function, in any order where the function
+ * takes them by the clock (the looks of a wait).
  *
  * Assumed:
  * - A time limit ends a wait only when no process can do anything else: limits are long against steps. In runs in which
@@ -267,7 +267,8 @@ inline Save()
 
 #define Bury(client) Discard(client); Sweep(client, 0, 4)
 #define Leaves(client) (Waits(client) || WaitsFrom(DataChannel(client, S), client) || \
-    WaitsFrom(DataChannel(S, client), S) || WaitsFrom(AckChannel(client, S), S) || WaitsFrom(AckChannel(S, client), client))
+    WaitsFrom(DataChannel(S, client), S) || WaitsFrom(AckChannel(client, S), S) || \
+    WaitsFrom(AckChannel(S, client), client))
 #define IsToBury(client) (me == S && (noted & Bit(client)) && gone[client] && Leaves(client))
 
 /* Correspondents::ForgetFinished: not the partner, nor while records for others are kept */
