@@ -99,7 +99,7 @@ void Mail::AcceptEarly(long partner)
     early->data.ReSize(static_cast<unsigned>(first->alloc_data_length));
 
     wire::ReceivingSide& event = early->event;
-    Sweep(event.Channel(), partner);
+    ForgetBlocks(partner);
     event.Forgotten();
     svr4::MessageArea<IPCQMessage> area;
     wire::MakeAck(&area.record, static_cast<int32_t>(object.MyPID));

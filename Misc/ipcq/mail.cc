@@ -67,7 +67,15 @@ void Correspondents::Note(long pid, bool isUnfinished)
         list = static_cast<Entry*>(room);
         capacity = larger;
     }
-    list[count++] = {static_cast<int32_t>(pid), isUnfinished};
+    list[count++] = {static_cast<int32_t>(pid), isUnfinished, false};
+}
+
+bool Correspondents::IsUnfinished(long pid) const
+{
+    for (unsigned i = 0; i < count; i++)
+        if (list[i].pid == pid)
+            return list[i].isUnfinished;
+    return false;
 }
 
 void Correspondents::ForgetFinished()
@@ -86,10 +94,10 @@ void Mail::Save(unsigned most)
         SaveMail(object.MyQueueID, object.MyPID, object.MsgArray, most);
 }
 
-bool Mail::HasMessageOf(long pid) const
+bool Mail::HasNewerEvent(const wire::ReceivingSide& event) const
 {
     for (unsigned i = 0; i < object.MsgArray.Quantity(); i++)
-        if (object.MsgArray[i]->msg.senders_pid == pid)
+        if (event.IsEndedBy(object.MsgArray[i]->msg))
             return true;
     return false;
 }
@@ -184,6 +192,16 @@ void Mail::TakeBackFirstBlock(long receiver)
     GiveBack();
 }
 
+void Mail::ForgetBlocks(long sender)
+{
+    const long channel = DataChannel(sender, object.MyPID);
+    Sweep(channel, sender);
+    if (correspondents.IsUnfinished(sender)) {
+        nanosleep(&Moment, nullptr); // a stranger may have had one in hand
+        Sweep(channel, sender);
+    }
+}
+
 void Mail::NoteCorrespondent(long pid, bool isUnfinished)
 {
     if (object.is_a_server())
@@ -206,14 +224,18 @@ void Mail::ClearTheDead(long partner)
     if (isEmpty)
         return;
     for (unsigned i = correspondents.Quantity(); i-- > 0;) {
-        const long pid = correspondents[i].pid;
+        Correspondents::Entry& correspondent = correspondents[i];
+        const long pid = correspondent.pid;
         if (pid == partner || AwaitsEarlyBlocks(pid))
             continue;
-        if (HasGone(pid)) {
+        const bool hadGone = correspondent.hasGone;
+        correspondent.hasGone = HasGone(pid);
+        if (correspondent.hasGone) {
             DiscardMessages(object.MyQueueID, pid);
             ClearPair(object.MyPID, pid);
             ClearPair(pid, object.MyPID);
-            correspondents.RemoveAt(i);
+            if (hadGone) // at the first look somebody may have had some of it in hand
+                correspondents.RemoveAt(i);
         } else if (partner == 0) {
             Sweep(DataChannel(pid, object.MyPID), pid); // no event is under way to which they could belong
         }

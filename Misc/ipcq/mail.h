@@ -28,6 +28,7 @@ public:
     struct Entry {
         int32_t pid;
         bool isUnfinished; // it may still put blocks of a broken event on the queue
+        bool hasGone;      // that was seen at the last look
     };
 
     Correspondents() = default;
@@ -39,8 +40,9 @@ public:
     void Note(long pid, bool isUnfinished);
     void ForgetFinished();
     void RemoveAt(unsigned i) { list[i] = list[--count]; }
+    bool IsUnfinished(long pid) const;
     unsigned Quantity() const { return count; }
-    const Entry& operator[](unsigned i) const { return list[i]; }
+    Entry& operator[](unsigned i) { return list[i]; }
 
 private:
     Entry* list = nullptr;
@@ -70,8 +72,8 @@ public:
 
     /// Saves the own mail, until `most` messages are saved.
     void Save(unsigned most);
-    /// Whether a saved message came from a process.
-    bool HasMessageOf(long pid) const;
+    /// Whether a saved message says that an event's sender has gone on to another one.
+    bool HasNewerEvent(const wire::ReceivingSide& event) const;
 
     // ---- Events before their turn ----
 
@@ -107,6 +109,8 @@ public:
     void ClearPair(long sender, long receiver);
     /// Takes back a first block that this process has put on another's own channel and that waits for its answer.
     void TakeBackFirstBlock(long receiver);
+    /// Drops what a process sent of earlier events, on their data channel.
+    void ForgetBlocks(long sender);
     /// Notes that this server has written to a process, or that one may still write to it blocks that nobody awaits.
     void NoteCorrespondent(long pid, bool isUnfinished = false);
     /// Clears the channels of the correspondents that have gone. `partner` is that of the transfer under way; with 0

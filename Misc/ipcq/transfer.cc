@@ -49,6 +49,7 @@ public:
         : end(ownEnd), partner(partnerPID), gone(codeWhenGone)
     {
     }
+    long Partner() const { return partner; }
     long FirstSlice() const override { return ::FirstSlice; }
     short Look() override
     {
@@ -82,6 +83,24 @@ public:
         end.mail.AcceptEarly(partner);
         return code;
     }
+};
+
+// Puts an acknowledgement on the queue, unless it is no longer for this event. Who waits for one sends nothing else: the
+// event's sender has given it up, or has died and left its process id to another, who would take it for its own.
+class AckPutAttempt : public SendAttempt {
+public:
+    AckPutAttempt(const QueueEnd& ownEnd, const ReceivingSide& event)
+        : SendAttempt(ownEnd, event.Partner()), side(event)
+    {
+    }
+    short Look() override
+    {
+        const short code = SendAttempt::Look();
+        return code == ErrorReporter::NO_ERRORS && end.mail.HasNewerEvent(side) ? BrokenEvent : code;
+    }
+
+private:
+    const ReceivingSide& side;
 };
 
 // Takes the partner's records from a channel, and no others.
@@ -126,13 +145,13 @@ public:
 class BlockAttempt : public ReceiveAttempt {
 public:
     BlockAttempt(const QueueEnd& ownEnd, const ReceivingSide& event)
-        : ReceiveAttempt(ownEnd, event.Partner(), event.Channel(), LocalMessage)
+        : ReceiveAttempt(ownEnd, event.Partner(), event.Channel(), LocalMessage), side(event)
     {
     }
     short Look() override
     {
         const short code = ReceiveAttempt::Look();
-        if (code != ErrorReporter::NO_ERRORS || !end.mail.HasMessageOf(partner))
+        if (code != ErrorReporter::NO_ERRORS || !end.mail.HasNewerEvent(side))
             return code;
         // The partner puts its next event on the queue behind the blocks of this one: what was there has been read.
         const int64_t now = MillisecondsNow();
@@ -144,6 +163,7 @@ public:
     }
 
 private:
+    const ReceivingSide& side;
     bool isSuperseded = false;
     int64_t since = 0;
 };
@@ -182,13 +202,12 @@ private:
 
 // ---- Sending ----
 
-static short SendLocalMsg(const QueueEnd& end, long channel, long receiver, Patience patience)
+static short SendLocalMsg(const QueueEnd& end, long channel, SendAttempt& attempt, Patience patience)
 {
     end.mail.Save(MostSaved);
-    if (!process_exists(receiver))
+    if (!process_exists(attempt.Partner()))
         return ErrorReporter::IPC_SEND_PROCESS_GONE;
     LocalMsg.mtype = static_cast<int32_t>(channel);
-    SendAttempt attempt(end, receiver);
     return WaitFor(attempt, patience, ErrorReporter::IPC_SEND_TIME_OUT, "ipc_send failure");
 }
 
@@ -210,7 +229,8 @@ static short SendBlock(const QueueEnd& end, SendingSide& event, const char* data
     const Patience patience =
         event.IsFirst() ? Patience::InSteps(end.sendTimeOut) : WithinTransfer(end, end.sendTimeOut);
     event.FillBlock(&LocalMsg, data);
-    const short code = SendLocalMsg(end, event.Channel(), event.Partner(), patience);
+    SendAttempt attempt(end, event.Partner());
+    const short code = SendLocalMsg(end, event.Channel(), attempt, patience);
     if (code == ErrorReporter::NO_ERRORS)
         event.BlockSent(&LocalMsg);
     return code;
@@ -281,13 +301,12 @@ short ReceiveFirstBlock(const QueueEnd& end, long partner)
 
 static short Acknowledge(const QueueEnd& end, ReceivingSide& event)
 {
-    // Who waits for an acknowledgement sends nothing else: this event's sender has given it up, or has died and left its
-    // process id to another, who would take the acknowledgement for its own.
     end.mail.Save(MostSaved);
-    if (end.mail.HasMessageOf(event.Partner()))
+    if (end.mail.HasNewerEvent(event))
         return BrokenEvent;
     wire::MakeAck(&LocalMsg, static_cast<int32_t>(end.pid));
-    const short code = SendLocalMsg(end, event.Channel(), event.Partner(), WithinTransfer(end, end.sendTimeOut));
+    AckPutAttempt attempt(end, event);
+    const short code = SendLocalMsg(end, event.Channel(), attempt, WithinTransfer(end, end.sendTimeOut));
     event.Acknowledged();
     return code;
 }
@@ -322,7 +341,7 @@ static short ReceiveBlocks(const QueueEnd& end, ReceivingSide& event, Buffer& da
         short code = ErrorReporter::NO_ERRORS;
         switch (event.Next()) {
         case ReceivingSide::ForgetBlocks:
-            end.mail.Sweep(event.Channel(), event.Partner());
+            end.mail.ForgetBlocks(event.Partner());
             event.Forgotten();
             break;
         case ReceivingSide::Acknowledge: code = Acknowledge(end, event); break;
