@@ -70,16 +70,23 @@ private:
     short gone;
 };
 
-class SendAttempt : public TransferAttempt {
+// Puts LocalMsg on the queue.
+class PutAttempt : public TransferAttempt {
 public:
-    SendAttempt(const QueueEnd& ownEnd, long receiver)
+    PutAttempt(const QueueEnd& ownEnd, long receiver)
         : TransferAttempt(ownEnd, receiver, ErrorReporter::IPC_SEND_PROCESS_GONE)
     {
     }
     int Try(int flags) override { return PutMessage(end.queue, &LocalMsg, flags); }
+};
+
+// Puts a block of an own event on the queue.
+class SendAttempt : public PutAttempt {
+public:
+    using PutAttempt::PutAttempt;
     short Look() override
     {
-        const short code = TransferAttempt::Look();
+        const short code = PutAttempt::Look();
         end.mail.AcceptEarly(partner);
         return code;
     }
@@ -87,15 +94,14 @@ public:
 
 // Puts an acknowledgement on the queue, unless it is no longer for this event. Who waits for one sends nothing else: the
 // event's sender has given it up, or has died and left its process id to another, who would take it for its own.
-class AckPutAttempt : public SendAttempt {
+class AckPutAttempt : public PutAttempt {
 public:
-    AckPutAttempt(const QueueEnd& ownEnd, const ReceivingSide& event)
-        : SendAttempt(ownEnd, event.Partner()), side(event)
+    AckPutAttempt(const QueueEnd& ownEnd, const ReceivingSide& event) : PutAttempt(ownEnd, event.Partner()), side(event)
     {
     }
     short Look() override
     {
-        const short code = SendAttempt::Look();
+        const short code = PutAttempt::Look();
         return code == ErrorReporter::NO_ERRORS && end.mail.HasNewerEvent(side) ? BrokenEvent : code;
     }
 
@@ -202,7 +208,7 @@ private:
 
 // ---- Sending ----
 
-static short SendLocalMsg(const QueueEnd& end, long channel, SendAttempt& attempt, Patience patience)
+static short SendLocalMsg(const QueueEnd& end, long channel, PutAttempt& attempt, Patience patience)
 {
     end.mail.Save(MostSaved);
     if (!process_exists(attempt.Partner()))
