@@ -56,7 +56,7 @@ void Correspondents::Note(long pid, bool isUnfinished)
 {
     for (unsigned i = 0; i < count; i++)
         if (list[i].pid == pid) {
-            list[i].isUnfinished = isUnfinished;
+            list[i].isUnfinished |= isUnfinished;
             return;
         }
     if (count == capacity) {
@@ -68,6 +68,13 @@ void Correspondents::Note(long pid, bool isUnfinished)
         capacity = larger;
     }
     list[count++] = {static_cast<int32_t>(pid), isUnfinished, false};
+}
+
+void Correspondents::NoteFinished(long pid)
+{
+    for (unsigned i = 0; i < count; i++)
+        if (list[i].pid == pid)
+            list[i].isUnfinished = false;
 }
 
 bool Correspondents::IsUnfinished(long pid) const

@@ -38,6 +38,7 @@ public:
 
     /// Notes a process, unless there is no memory for that.
     void Note(long pid, bool isUnfinished);
+    void NoteFinished(long pid);
     void ForgetFinished();
     void RemoveAt(unsigned i) { list[i] = list[--count]; }
     bool IsUnfinished(long pid) const;
@@ -113,6 +114,8 @@ public:
     void ForgetBlocks(long sender);
     /// Notes that this server has written to a process, or that one may still write to it blocks that nobody awaits.
     void NoteCorrespondent(long pid, bool isUnfinished = false);
+    /// Notes that an event of such a process has come whole.
+    void NoteWholeEvent(long sender) { correspondents.NoteFinished(sender); }
     /// Clears the channels of the correspondents that have gone. `partner` is that of the transfer under way; with 0
     /// there is none, and what the others still send belongs to nothing.
     void ClearTheDead(long partner);

@@ -371,7 +371,9 @@ static short ReceiveRest(const QueueEnd& end, ReceivingSide& event, Buffer& data
     }
     const short code = ReceiveBlocks(end, event, data);
     const svr4::SavedErrno savedErrno;
-    if (code != ErrorReporter::NO_ERRORS && code != ErrorReporter::SERVER_GONE) {
+    if (code == ErrorReporter::NO_ERRORS) {
+        end.mail.NoteWholeEvent(sender);
+    } else if (code != ErrorReporter::SERVER_GONE) {
         end.mail.ClearPair(sender, end.pid);
         end.mail.NoteCorrespondent(sender, true); // it may be about to send more
     }
