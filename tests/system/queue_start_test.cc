@@ -198,6 +198,9 @@ TEST_F(QueueStart, OneOfManySuccessorsOfAKilledServerGetsTheQueue)
 // A server that ends because of a signal, whatever it does at that moment, takes what it made along.
 TEST_F(QueueStart, ASignalAtAnyMomentLeavesNothingBehind)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the leak checker waits for ever for an allocator in which the signal has come";
+#endif
     for (int i = 0; i < 150 && !HasFailure(); i++) {
         new (round) Round();
         const pid_t child = StartChild([=] {
