@@ -202,12 +202,14 @@ public:
     virtual short is_a_server() = 0;
     void dumpOn(std::ostream& out) const override;
 
-    /// Sends an event with `len` bytes of data to a process. Data larger than a block travels in several, the first
-    /// of which is acknowledged by the receiver within 300 seconds. Data whose length is a multiple of the block
-    /// size is followed by an empty block. What was put on the queue for an event that failed is taken back. An event to this process itself does not use the queue: it waits in
+    /// Sends an event with `len` bytes of data to a process. Data larger than a block travels in several, the
+    /// first of which is acknowledged by the receiver within 300 seconds; while that is awaited, what the receiver
+    /// is sending to this process is acknowledged in turn and gathered for the next receives. Data whose length is
+    /// a multiple of the block size is followed by an empty block. What was put on the queue for an event that
+    /// failed is taken back. An event to this process itself does not use the queue: it waits in
     /// `*InternalQMsgsPtr`; one that asks for a response or an acknowledgement is refused (60, with a report). So
-    /// are, with a report of type BAD_IPC_PARAMETER, a negative length, a null `ptr` with a length, and data of more
-    /// than 32768 blocks. Returns a code.
+    /// are, with a report of type BAD_IPC_PARAMETER, a negative length, a null `ptr` with a length, and data of
+    /// more than 32768 blocks. Returns a code.
     short IPCSend(const char* FromProg, const char* FromNode, const char* FromVersion, long ToPID, const char* ToProg,
                   short Object, short event, const void* ptr, long len, short response_required, short ack_required,
                   short status);
