@@ -146,7 +146,6 @@ short IPCQBase::ReceiveEvent(short& REvent, long MessageSenderPID, short TimeOut
         return OUT_OF_MEMORY;
 
     const short code = TakeFirstBlock(MessageSenderPID);
-    mail->Save(zeloo::MostSaved);
     if (code == IPC_RECV_TIME_OUT) {
         zeloo::CopyText(SendersProgramName, "Internal");
         zeloo::CopyText(SendersNodeName, ProgInfo::GetNodeName());
@@ -216,6 +215,7 @@ short IPCQBase::TakeFirstBlock(long MessageSenderPID)
         LocalMsg = saved->msg;
         zeloo::LocalMessage.length = static_cast<size_t>(IPCMessageNonDataSize + LocalMsg.msg_data_len);
         MsgArray.RemoveAt(0);
+        mail->Save(zeloo::MostSaved);
         if (zeloo::FirstBlock(zeloo::LocalMessage, MyPID))
             return NO_ERRORS;
         zeloo::ReportMalformed(MyQueueID);

@@ -101,6 +101,14 @@ void Mail::Save(unsigned most)
         SaveMail(object.MyQueueID, object.MyPID, object.MsgArray, most);
 }
 
+bool Mail::SaveOne(unsigned most)
+{
+    const unsigned before = object.MsgArray.Quantity();
+    if (before < most)
+        Save(before + 1);
+    return object.MsgArray.Quantity() > before;
+}
+
 bool Mail::HasNewerEvent(const wire::ReceivingSide& event) const
 {
     for (unsigned i = 0; i < object.MsgArray.Quantity(); i++)

@@ -73,6 +73,8 @@ public:
 
     /// Saves the own mail, until `most` messages are saved.
     void Save(unsigned most);
+    /// Saves the oldest of it, unless `most` messages are saved. Whether there was one.
+    bool SaveOne(unsigned most);
     /// Whether a saved message says that an event's sender has gone on to another one.
     bool HasNewerEvent(const wire::ReceivingSide& event) const;
 

@@ -77,7 +77,15 @@ public:
         : TransferAttempt(ownEnd, receiver, ErrorReporter::IPC_SEND_PROCESS_GONE)
     {
     }
-    int Try(int flags) override { return PutMessage(end.queue, &LocalMsg, flags); }
+    // It may be the own mail that fills the queue. Room is used as soon as there is some: a flood leaves it no time.
+    int Try(int flags) override
+    {
+        const bool mayWait = (flags & IPC_NOWAIT) == 0;
+        int error = PutMessage(end.queue, &LocalMsg, IPC_NOWAIT);
+        while (error == EAGAIN && end.mail.SaveOne(mayWait ? 2 * MostSaved : MostSaved))
+            error = PutMessage(end.queue, &LocalMsg, IPC_NOWAIT);
+        return error == EAGAIN && mayWait ? PutMessage(end.queue, &LocalMsg, flags) : error;
+    }
 };
 
 // Puts a block of an own event on the queue.
@@ -181,8 +189,10 @@ public:
     int Try(int flags) override
     {
         const int error = TakeMessage(end.queue, end.pid, LocalMessage, flags);
-        if (error != 0 || FirstBlock(LocalMessage, end.pid))
+        if (error != 0 || FirstBlock(LocalMessage, end.pid)) {
+            mayHaveMore = (flags & IPC_NOWAIT) != 0;
             return error;
+        }
         ReportMalformed(end.queue);
         return TryAgain;
     }
@@ -198,10 +208,14 @@ public:
         return partner != 0 && watch.HasLeft(partner) ? ErrorReporter::IPC_RECV_PROCESS_GONE : ErrorReporter::NO_ERRORS;
     }
 
+    /// Whether more may have been waiting when the event came.
+    bool MayHaveMore() const { return mayHaveMore; }
+
 private:
     const QueueEnd& end;
     long partner;
     PartnerWatch watch;
+    bool mayHaveMore = false;
 };
 
 } // namespace
@@ -210,7 +224,8 @@ private:
 
 static short SendLocalMsg(const QueueEnd& end, long channel, PutAttempt& attempt, Patience patience)
 {
-    end.mail.Save(MostSaved);
+    if (!end.object.is_a_server()) // which does that when an event comes
+        end.mail.Save(MostSaved);
     if (!process_exists(attempt.Partner()))
         return ErrorReporter::IPC_SEND_PROCESS_GONE;
     LocalMsg.mtype = static_cast<int32_t>(channel);
@@ -302,6 +317,8 @@ short ReceiveFirstBlock(const QueueEnd& end, long partner)
     const short code = WaitFor(attempt, patience, ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
     if (code != ErrorReporter::NO_ERRORS)
         std::memset(static_cast<void*>(&LocalMsg), 0, sizeof LocalMsg);
+    else if (attempt.MayHaveMore())
+        end.mail.Save(MostSaved);
     return code;
 }
 

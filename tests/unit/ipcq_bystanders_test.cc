@@ -149,7 +149,8 @@ TEST_F(IpcqBystanders, WhoWaitsForAnAcknowledgementGivesOneToThatPartner)
     EXPECT_EQ(Receive(), 0);
     EXPECT_EQ(event, 30);
     EXPECT_EQ(Bytes(data), "01234567");
-    EXPECT_EQ(Waiting(queue.id), 0u);
+    EXPECT_TRUE(WaitUntil([&] { return Waiting(queue.id) == 0; }))
+        << "the partner takes its last block in its own time";
     EndChild(partner);
 }
 
@@ -213,9 +214,8 @@ TEST_F(IpcqBystanders, AWaitSavesAsManyAgainAndThenMeetsItsOwnLimit)
     while (server.Saved().Quantity() < most)
         server.Saved().AddItem(new IPCQMsg());
     fillWithMail();
-    const unsigned long waiting = Waiting(queue.id);
     EXPECT_EQ(send(), 0);
-    EXPECT_EQ(server.Saved().Quantity(), most + waiting);
+    EXPECT_EQ(server.Saved().Quantity(), most + 1) << "no more than what makes room";
 
     while (server.Saved().Quantity() < 2 * most)
         server.Saved().AddItem(new IPCQMsg());
