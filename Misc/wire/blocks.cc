@@ -25,15 +25,30 @@ static bool IsSound(const Block& block)
            int64_t(block.offset) + block.length <= block.total && (!block.isInline || block.length <= MostInlineData);
 }
 
+// Where an event stands with this block.
+static Gatherer::Result Standing(const Block& block, int64_t partsMissing, int64_t bytesMissing)
+{
+    if (partsMissing == 0)
+        return bytesMissing == 0 ? Gatherer::Whole : Gatherer::Misfit;
+    // Who sends data within records goes on so; blocks in segments can be of any length.
+    return block.isInline && bytesMissing > partsMissing * MostInlineData ? Gatherer::Misfit : Gatherer::More;
+}
+
+Gatherer::Result Gatherer::Judge(const Block& first)
+{
+    if (!IsSound(first) || (first.total == 0 && first.partsLeft > 0))
+        return Misfit;
+    return Standing(first, first.partsLeft, int64_t(first.total) - first.length);
+}
+
 Gatherer::Result Gatherer::Begin(const Block& first)
 {
     parts.Clear();
     bytes.Clear();
     total = first.total;
     partCount = first.partsLeft + 1;
-    if (!IsSound(first) || (total == 0 && first.partsLeft > 0))
-        return Misfit;
-    return Take(first);
+    const Result result = Judge(first);
+    return result == Misfit ? Misfit : Take(first);
 }
 
 Gatherer::Result Gatherer::Add(const Block& block)
@@ -51,12 +66,7 @@ Gatherer::Result Gatherer::Take(const Block& block)
     if (result != Ranges::Added)
         return result == Ranges::NoMemory ? NoMemory : Misfit;
 
-    const int64_t partsMissing = partCount - parts.Count();
-    const int64_t bytesMissing = total - bytes.Count();
-    if (partsMissing == 0)
-        return bytesMissing == 0 ? Whole : Misfit;
-    // Who sends data within records goes on so; blocks in segments can be of any length.
-    return block.isInline && bytesMissing > partsMissing * MostInlineData ? Misfit : More;
+    return Standing(block, partCount - parts.Count(), total - bytes.Count());
 }
 
 } // namespace zeloo::wire

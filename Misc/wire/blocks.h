@@ -58,6 +58,8 @@ public:
         NoMemory // there is no memory for the account
     };
 
+    /// What Begin gives for a block, as long as there is memory.
+    static Result Judge(const Block& first);
     /// Begins an event with the block that came first; what was there before is forgotten.
     Result Begin(const Block& first);
     /// Takes another block. After a Misfit or NoMemory the event is to be given up.

@@ -54,11 +54,7 @@ bool StartsEvent(const IPCQMessage& message, size_t length, int64_t segmentSize,
         !Terminated(message.origprog) || !Terminated(message.orignode) || message.senders_pid == receiver)
         return false;
     const Block block = BlockOf(message);
-    Gatherer event;
-    const Gatherer::Result result = event.Begin(block);
-    if (result != Gatherer::Whole && result != Gatherer::More)
-        return false;
-    if (!HasItsSegment(block, segmentSize))
+    if (Gatherer::Judge(block) == Gatherer::Misfit || !HasItsSegment(block, segmentSize))
         return false;
     // Every block but the last carries something, so a total has a most number of blocks; and a transfer is tied to
     // its sender's process id.
