@@ -1,5 +1,6 @@
 #include "Misc/proginfo.h"
 
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -21,6 +22,9 @@ using zeloo::TextOrEmpty;
 
 static const char BuildLetter[] = "P";
 static const char RevisionKeyword[] = "$Revision:";
+// That the name service does not know the node is kept for so long, as every log record asks for the name: while no name
+// server answers each look-up takes many seconds.
+static const std::chrono::minutes LookUpInterval(1);
 static const char Separator[] = "---------------------------------------------------\n";
 
 static int argc;
@@ -113,9 +117,14 @@ const char* ProgInfo::GetArchitecture() { return GetSysInfoString(svr4::SI_ARCHI
 
 const char* ProgInfo::GetNodeNameLongVersion()
 {
+    using std::chrono::steady_clock;
+    static steady_clock::time_point nextLookUp; // at once
+
     const char* node = GetSysInfoString(svr4::SI_HOSTNAME, &nodeNameLongVersion);
-    if (translatedNodeName == nullptr) // kept once found: a log record must not wait for a name server each time
+    if (translatedNodeName == nullptr && steady_clock::now() >= nextLookUp) {
         translatedNodeName = NewText(zeloo::OfficialHostName(node));
+        nextLookUp = steady_clock::now() + LookUpInterval; // from the end of the look-up, which may have taken long
+    }
     return translatedNodeName != nullptr ? translatedNodeName : node;
 }
 

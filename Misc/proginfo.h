@@ -35,7 +35,8 @@ public:
     static const char* GetMachine();
     static const char* GetArchitecture();
     /// The official name of the node in the host tables or the name service, or the node name itself while they do not
-    /// know it. The first call may wait for the name service.
+    /// know it. A name found is kept for good, and that there is none for a minute: the first call may wait for the name
+    /// service, and a later one only when the last look-up found nothing and ended a minute ago or more.
     static const char* GetNodeNameLongVersion();
     /// The text of svr4::sysinfo for `sysinfo_id`, up to 256 characters. It is read when `*str` is null, and `*str`
     /// then gets a copy that the caller releases with delete[]. Empty when the text cannot be had.

@@ -146,16 +146,6 @@ TEST_F(ProgInfoOnANode, TheLongVersionHasTheTranslatedName)
                          "n1.kelvaro.example\n");
 }
 
-TEST_F(ProgInfoOnANode, ATranslationIsLookedForUntilThereIsOne)
-{
-    const ChildResult child = OnNode("127.0.0.1 localhost\n", [] {
-        puts(ProgInfo::GetNodeNameLongVersion());
-        WriteFile("/etc/hosts", "10.9.8.7 n1.kelvaro.example n1\n");
-        puts(ProgInfo::GetNodeNameLongVersion());
-    });
-    EXPECT_EQ(child.out, "n1\nn1.kelvaro.example\n");
-}
-
 // Before any call of ProgInfo::Initialize in this process.
 TEST(ProgInfoBeforeInitialize, NamesAreNullAndTextsEmpty)
 {
