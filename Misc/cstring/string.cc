@@ -88,8 +88,7 @@ void CString::scanFrom(ZEListream& s)
     text[got] = '\0';
     takeOver(text);
     if (got < expected) {
-        std::cout << "Error: short read in Cstring scanFrom. " << std::endl;
-        std::cout << "read: " << got << " expected: " << expected << std::endl;
+        std::cout << "Error: short read in Cstring scanFrom. read: " << got << " expected: " << expected << std::endl;
         s.SetReadErrorFlag();
     }
 }

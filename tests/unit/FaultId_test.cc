@@ -640,7 +640,7 @@ TEST(FaultIdList, ATruncatedFileGivesWhatItHoldsAndAReport)
     TemporaryDirectory directory;
     const std::string path = directory.File("list");
     const std::string one = Wire(7, "beta", "beta/00000007"), two = Wire(8, "beta", "beta/00000008");
-    const std::string shortRead = "Error: short read in Cstring scanFrom. \nread: 5 expected: 13\n";
+    const std::string shortRead = "Error: short read in Cstring scanFrom. read: 5 expected: 13\n";
     const struct {
         std::string bytes;
         std::vector<std::string> texts;
@@ -654,7 +654,7 @@ TEST(FaultIdList, ATruncatedFileGivesWhatItHoldsAndAReport)
         {BE16(2) + one + two.substr(0, two.size() - 8), {"beta/00000007"}, shortRead},
         {BE16(2) + one + BE32(8) + "\xFF",
          {"beta/00000007"},
-         "Error: short read in Cstring scanFrom. \nread: 0 expected: 65280\n"},
+         "Error: short read in Cstring scanFrom. read: 0 expected: 65280\n"},
     };
     for (const auto& c : cases) {
         WriteFile(path, c.bytes);
