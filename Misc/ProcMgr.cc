@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <iostream>
 #include <new>
 
 #include <sys/types.h>
@@ -11,6 +10,7 @@
 #include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/limits.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/mobject.h"
 #include "Misc/unixproc.h"

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 
 #include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/limits.h"
+#include "Misc/detail/standardstreams.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: SafeArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 

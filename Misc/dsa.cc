@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 
 #include "Misc/detail/hexdump.h"
+#include "Misc/detail/standardstreams.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: dsa.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 
 #include <sys/statvfs.h>
 #include <sys/times.h>
@@ -12,6 +11,7 @@
 
 #include "Misc/Dates.h"
 #include "Misc/Error/report.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
 #include "svr4/process.h"

@@ -3,13 +3,13 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Misc/Dates.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
 

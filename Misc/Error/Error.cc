@@ -5,13 +5,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <memory>
 
 #include <syslog.h>
 
 #include "Misc/Dates.h"
 #include "Misc/Error/report.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
 #include "svr4/errno.h"

@@ -1,10 +1,11 @@
 #include "Misc/crash/signalfile.h"
 
 #include <cerrno>
-#include <iostream>
 
 #include <fcntl.h>
 #include <unistd.h>
+
+#include "Misc/detail/standardstreams.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <new>
 
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/immortal.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 
 using zeloo::NewRoom;

@@ -1,8 +1,8 @@
 #include <cerrno>
-#include <iostream>
 
 #include "Misc/Error/report.h"
 #include "Misc/detail/owner.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/ipcq.h"
 #include "Misc/ipcq/ends.h"
 #include "Misc/ipcq/resources.h"

@@ -1,13 +1,13 @@
 #include "Misc/ipctli.h"
 
 #include <cstring>
-#include <iostream>
 #include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "Misc/detail/owner.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/detail/timedcall.h"
 #include "Misc/ipctli/failure.h"

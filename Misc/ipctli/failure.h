@@ -2,8 +2,7 @@
 #ifndef MISC_IPCTLI_FAILURE_H
 #define MISC_IPCTLI_FAILURE_H
 
-#include <iostream>
-
+#include "Misc/detail/standardstreams.h"
 #include "svr4/errno.h"
 #include "svr4/tli.h"
 

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 #include <optional>
 
 #include "Misc/Error/report.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/timedcall.h"
 #include "Misc/ipctli/failure.h"
 #include "Misc/wire/records.h"

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <iostream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,6 +10,7 @@
 
 #include "Misc/cstring.h"
 #include "Misc/detail/limits.h"
+#include "Misc/detail/standardstreams.h"
 #include "svr4/errno.h"
 #include "svr4/process.h"
 #include "svr4/signal.h"

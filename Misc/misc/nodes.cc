@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <new>
 
 #include <netdb.h>
@@ -18,6 +17,7 @@
 #include "Misc/detail/immortal.h"
 #include "Misc/detail/limits.h"
 #include "Misc/detail/paths.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/mobject.h"
 #include "svr4/errno.h"

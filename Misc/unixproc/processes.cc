@@ -4,11 +4,11 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
-#include <iostream>
 
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <iostream>
 #include <memory>
 #include <optional>
 
@@ -18,6 +17,7 @@
 #include "Misc/detail/limits.h"
 #include "Misc/detail/owner.h"
 #include "Misc/detail/paths.h"
+#include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/detail/timedcall.h"
 #include "svr4/errno.h"

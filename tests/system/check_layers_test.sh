@@ -125,6 +125,14 @@ expect "Misc/Dates.h:$line: <linux/types.h> is not known to System V: that is th
 fails "a header of Linux"
 
 fresh
+for file in Misc/dsa.cc Misc/misc/part.h; do
+    plant $file '#include <iostream>'
+    expect "$file:$line: the streams may not be ready before main: include Misc/detail/standardstreams.h"
+done
+plant Misc/dsa.h '#include <iostream>'
+fails "standard streams that may not be ready"
+
+fresh
 plant Misc/dsa.cc '#ifdef __linux__'
 expect "Misc/dsa.cc:$line: Misc asks for a host or processor (__linux__): that is the business of svr4"
 plant Misc/dsa.cc '#elif defined(ZELOO_NO_ASSERTIONS) && defined(__x86_64__)'
