@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <new>
 
 #include "Misc/Error/report.h"
+#include "Misc/detail/filestream.h"
 #include "Misc/detail/text.h"
 #include "Misc/nfstream.h"
 #include "Misc/proginfo.h"
@@ -161,9 +161,9 @@ void FaultIdList::Load()
     if (MyFileName.strlen() == 0)
         return;
     errno = 0; // of a file that is merely short there is no error to report
-    std::ifstream file(MyFileName, std::ios::in | std::ios::binary);
-    if (!file.is_open()) {
-        _ReportError(WARNING, OPENING_FILE, MyFileName, ZELOO_HERE);
+    zeloo::InputFile file(MyFileName);
+    if (!file.is_open()) { // the host opens a directory, only to read it is impossible
+        _ReportError(WARNING, errno == EISDIR ? READING_FROM_FILE : OPENING_FILE, MyFileName, ZELOO_HERE);
         return;
     }
     infstream s(file);
@@ -177,7 +177,7 @@ void FaultIdList::Save() const
     if (MyFileName.strlen() == 0)
         return;
     errno = 0;
-    std::ofstream file(MyFileName, std::ios::out | std::ios::trunc | std::ios::binary);
+    zeloo::OutputFile file(MyFileName, zeloo::OutputFile::Truncate);
     if (!file.is_open()) {
         _ReportError(WARNING, OPENING_FILE, MyFileName, ZELOO_HERE);
         return;

@@ -126,8 +126,9 @@ public:
     void scanFrom(ZEListream& s);
 
     /// Reads the set from its file, as scanFrom does; without a file name does nothing. A file that cannot be opened
-    /// (WARNING report, OPENING_FILE) leaves the set as it is; one that cannot be read to the end of what it announces
-    /// (WARNING, READING_FROM_FILE) gives the elements before that. The file's name is the description.
+    /// (WARNING report, OPENING_FILE) leaves the set as it is, and so does a directory (WARNING, READING_FROM_FILE); one
+    /// that cannot be read to the end of what it announces (WARNING, READING_FROM_FILE) gives the elements before that.
+    /// The file's name is the description.
     void Load();
     /// Writes the set to its file, created or overwritten; without a file name does nothing. Failures are reported as a
     /// WARNING, OPENING_FILE or WRITING_TO_FILE, with the file's name as the description.

@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <new>
 
 #include "Misc/Error/report.h"
 #include "Misc/cstring.h"
+#include "Misc/detail/filestream.h"
 #include "Misc/detail/hexdump.h"
 #include "Misc/detail/text.h"
 
@@ -139,12 +139,10 @@ void Buffer::AssignPtr(void* newptr, unsigned ptrSize)
 short Buffer::LoadBufferFromFile(const char* filename)
 {
     PurgeContents();
-    std::ifstream in(filename, std::ios::in | std::ios::binary);
+    zeloo::InputFile in(filename);
     if (!in.is_open())
         return 0;
-    in.seekg(0, std::ios::end);
-    const std::streamoff size = in.tellg();
-    in.seekg(0, std::ios::beg);
+    const std::streamoff size = in.Size();
     if (size < 0 || size > UINT32_MAX)
         return 0;
     ReSize(static_cast<unsigned>(size));
@@ -171,7 +169,7 @@ short Buffer::LoadBufferFromFile(std::istream& in, unsigned len)
 
 short Buffer::SaveBufferToFile(const char* filename, short append)
 {
-    std::ofstream out(filename, std::ios::out | std::ios::binary | (append ? std::ios::app : std::ios::trunc));
+    zeloo::OutputFile out(filename, append ? zeloo::OutputFile::Append : zeloo::OutputFile::Truncate);
     if (out.is_open() && AllocSize != 0)
         BlockWrite(ptr, AllocSize, out, 0);
     if (!out.fail())

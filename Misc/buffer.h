@@ -57,9 +57,9 @@ public:
     /// Takes ownership of `newptr`, a malloc'd block of `ptrSize` bytes, in place of the contents.
     void AssignPtr(void* newptr, unsigned ptrSize);
 
-    /// Replaces the contents by those of a file. 1 on success; 0 when the file cannot be opened or sized, memory
-    /// fails (both leave the buffer empty) or fewer bytes come than the file's size (the size is kept, the bytes
-    /// that did not come are 0).
+    /// Replaces the contents by those of a file. 1 on success; 0 when the file cannot be opened or sized or is a
+    /// directory, memory fails (all leave the buffer empty) or fewer bytes come than the file's size (the size is kept,
+    /// the bytes that did not come are 0).
     short LoadBufferFromFile(const char* filename);
     /// Replaces the contents by `len` bytes read from `in`; those that do not come are 0. A stream that is not good
     /// leaves the buffer empty. The result is always 0: this is intended.

@@ -137,7 +137,7 @@ public:
     /// not null.
     static char* EncloseWithQuotes(const char* s);
     /// The content of a file with a terminator, in a new[] block that the caller owns; null when the file cannot be
-    /// opened or sized, or memory fails.
+    /// opened or sized or is a directory, or memory fails.
     static char* FileNameToCharPtr(const char* filename);
     /// The length, without terminator, of what literal_to_escape writes.
     static unsigned literal_to_escape_strlen(const char* s, short mode);

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <new>
 
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
 #include "Misc/detail/assertion.h"
+#include "Misc/detail/filestream.h"
 #include "Misc/detail/immortal.h"
 #include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
@@ -262,12 +262,10 @@ char* CString::EncloseWithQuotes(const char* s)
 
 char* CString::FileNameToCharPtr(const char* filename)
 {
-    std::ifstream in(filename, std::ios::in | std::ios::binary);
+    zeloo::InputFile in(filename);
     if (!in.is_open())
         return nullptr;
-    in.seekg(0, std::ios::end);
-    const std::streamoff size = in.tellg();
-    in.seekg(0, std::ios::beg);
+    const std::streamoff size = in.Size();
     char* text = size < 0 ? nullptr : NewRoom(static_cast<uint64_t>(size));
     if (text == nullptr)
         return nullptr;

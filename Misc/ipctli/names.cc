@@ -3,11 +3,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <ostream>
 #include <utility>
 
+#include "Misc/detail/filestream.h"
 #include "Misc/detail/hostname.h"
 #include "Misc/detail/paths.h"
 #include "Misc/detail/text.h"
@@ -80,7 +80,7 @@ char* IPCTli::get_default_hostname(const char* HostName)
         zeloo::CopyText(host, HostName);
         return host;
     }
-    std::ifstream file(zeloo::ServerHostFile);
+    zeloo::InputFile file(zeloo::ServerHostFile);
     if (!file)
         return nullptr;
     host[0] = '\0';
