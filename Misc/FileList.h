@@ -12,19 +12,22 @@
 /// time the list was made. Symbolic links are not followed; they and what cannot be examined are not listed. The
 /// pattern (see svr4::gmatch) is matched against the whole path, in which "*" also matches "/": "*.log" finds
 /// /var/x/a.log, "a*.log" does not. One list at a time can be made in a process. A list holds at most as many names
-/// as a CStringSafeArray.
+/// as a CStringSafeArray, and no path longer than the host takes one; what does not fit is left out with a report
+/// (WARNING, OTHER).
 class ZELOO_API FileList {
 public:
     /// Lists the files below `rootPath`, in the order of the walk; the paths begin with `rootPath`. A root that is
     /// itself a regular file is listed; one that cannot be walked gives an empty list. A null or empty
-    /// `shellPattern` lists every file.
+    /// `shellPattern` lists every file. One report says that files are missing, for want of room or since the walk was
+    /// cut short (by a lack of memory, say).
     FileList(const char* rootPath, const char* shellPattern);
     /// Frees the list; the files stay.
     ~FileList();
 
     /// 1 when a path equal to `name` is in the list, else 0.
     short FindFile(const char* name) const;
-    /// Adds a copy of `name`, which need not be a file, when there is no pattern or `name` matches it.
+    /// Adds a copy of `name`, which need not be a file, when there is no pattern or `name` matches it. A list without
+    /// room, or memory, for it reports that (WARNING, OTHER). Null counts as the empty name.
     void AddFileName(const char* name);
     /// Sorts the list alphabetically (CString::compare).
     void sort();

@@ -1,9 +1,12 @@
 #include "Misc/FileList.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,6 +27,8 @@ std::string Lines(const std::vector<std::string>& names)
         text += name + "\n";
     return text;
 }
+
+const unsigned MostNames = 256000; // of a list
 
 std::vector<std::string> walked;
 
@@ -161,6 +166,82 @@ TEST_F(FileListTest, ListsATreeDeeperThanTheOpenDirectories)
     FileList list(directory.File("deep").c_str(), "*/f");
     const std::string text = Dump(list);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 21);
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST_F(FileListTest, ANullNameIsTheEmptyOne)
+{
+    FileList logs("/nosuch", "*.log");
+    logs.AddFileName(nullptr);
+    EXPECT_EQ(Dump(logs), Lines({}));
+    FileList all("/nosuch", "");
+    all.AddFileName(nullptr);
+    EXPECT_EQ(Dump(all), Lines({""}));
+}
+
+TEST_F(FileListTest, AFullListTakesNoMore)
+{
+    FileList list("/nosuch", "");
+    for (unsigned i = 0; i < MostNames; i++)
+        list.AddFileName("x");
+    EXPECT_EQ(ReportsInFull([&] { list.AddFileName("y"); }),
+              WarningReport("FileList", "OTHER", 0, "No room in the list for y."));
+    EXPECT_EQ(list.FindFile("x"), 1);
+    EXPECT_EQ(list.FindFile("y"), 0);
+    EXPECT_EQ(CountOf(Dump(list), "\n"), int(MostNames) + 1);
+}
+
+TEST_F(FileListTest, ATreeOfMoreFilesThanAListHoldsIsListedAsFarAsItFits)
+{
+    if (!InSandbox())
+        GTEST_SKIP() << "a quarter of a million names need a file system that goes with the test";
+    const std::string many = "/dev/shm/many";
+    ASSERT_EQ(mkdir(many.c_str(), 0755), 0);
+    WriteFile(many + "/0", "");
+    for (unsigned i = 1; i <= MostNames; i++)
+        ASSERT_EQ(link((many + "/0").c_str(), (many + "/" + std::to_string(i)).c_str()), 0) << i;
+    std::string names;
+    const std::string reports = ReportsInFull([&] { names = Dump(FileList(many.c_str(), "")); });
+    EXPECT_EQ(reports, WarningReport("FileList", "OTHER", 0,
+                                     "There are more files below " + many + " than the 256000 in the list."));
+    EXPECT_EQ(CountOf(names, "\n"), int(MostNames) + 1);
+    EXPECT_EQ(ReportsInFull([&] { names = Dump(FileList(many.c_str(), "*/1?????")); }), "");
+    EXPECT_EQ(CountOf(names, "\n"), 100001);
+}
+
+TEST_F(FileListTest, ATreeDeeperThanPathsReachIsListedAsFarAsTheyReach)
+{
+    if (!InSandbox())
+        GTEST_SKIP() << "so deep a tree needs a file system that goes with the test";
+    const std::string deep = "/dev/shm/deep";
+    ASSERT_EQ(mkdir(deep.c_str(), 0755), 0);
+    WriteFile(deep + "/z", "");
+    int folder = open(deep.c_str(), O_RDONLY | O_DIRECTORY);
+    for (int i = 0; i < 30000; i++) {
+        const int file = openat(folder, "f", O_WRONLY | O_CREAT, 0600);
+        ASSERT_GE(file, 0) << i;
+        close(file);
+        ASSERT_EQ(mkdirat(folder, "d", 0700), 0) << i;
+        const int next = openat(folder, "d", O_RDONLY | O_DIRECTORY);
+        close(folder);
+        folder = next;
+    }
+    close(folder);
+
+    const int descriptors = OpenDescriptors();
+    const ChildResult child = RunInChild([&] {
+        std::string names;
+        const std::string reports = ReportsInFull([&] { names = Dump(FileList(deep.c_str(), "")); });
+        const int depth = (PATH_MAX - 1 - int(deep.size())) / 2; // of files named ".../d/d/f"
+        CHILD_CHECK(CountOf(names, "/f\n") == depth);
+        CHILD_CHECK(CountOf(names, "/z\n") == 1);
+        const std::string listed = std::to_string(CountOf(names, "\n") - 1);
+        CHILD_CHECK(reports == WarningReport("FileList", "OTHER", ENAMETOOLONG,
+                                             "There are more files below " + deep + " than the " + listed +
+                                                 " that could be listed."));
+    });
+    EXPECT_EQ(child.signal, 0);
+    EXPECT_EQ(child.exitCode, 0) << child.err;
     EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
