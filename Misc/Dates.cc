@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "Misc/detail/text.h"
+
 [[maybe_unused]] static const char* ModuleId() { return "$Id: Dates.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const long SecondsPerMinute = 60;
@@ -65,8 +67,8 @@ long Dates::GetDateTime(const char* datetime)
 {
     tm local = {};
     // The widths of the format bound the numbers; what it does not find stays 0, and mktime normalises the rest.
-    (void)sscanf(datetime, "%02d/%02d/%04d %02d:%02d:%02d", &local.tm_mon, &local.tm_mday, &local.tm_year,
-                 &local.tm_hour, &local.tm_min, &local.tm_sec);
+    (void)sscanf(zeloo::TextOrEmpty(datetime), "%02d/%02d/%04d %02d:%02d:%02d", &local.tm_mon, &local.tm_mday,
+                 &local.tm_year, &local.tm_hour, &local.tm_min, &local.tm_sec);
     local.tm_mon -= 1;
     local.tm_year -= 1900;
     local.tm_isdst = -1;

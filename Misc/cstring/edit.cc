@@ -155,21 +155,30 @@ void CString::toUnix()
 
 void CString::ExtractToken(CString& token, const char* delimiters)
 {
-    CString set(delimiters); // a copy: the delimiters may be the text of `token`
-    token = "";
-    if (cp->rep[0] == '"') {
-        set = "\"";
-        Delete(0, 1);
-    }
-    if (cp->rep[0] == '\'') {
-        set = "'";
-        Delete(0, 1);
-    }
-    const char* start = cp->rep + std::strspn(cp->rep, set);
-    if (*start == '\0')
+    if (this == &token) { // which is set empty first
+        token = "";
         return;
-    token = CString(start, static_cast<unsigned>(std::strcspn(start, set)));
-    Delete(0, token.strlen() + 1); // not counting the delimiters skipped: intended
+    }
+    // Everything is made before anything is changed: memory may fail, and the delimiters may lie in either text.
+    const char* set = zeloo::TextOrEmpty(delimiters);
+    unsigned removed = 0;
+    for (const char* quote : {"\"", "'"})
+        if (cp->rep[removed] == *quote) {
+            set = quote;
+            removed++;
+        }
+    const char* start = cp->rep + removed + std::strspn(cp->rep + removed, set);
+    const unsigned length = static_cast<unsigned>(std::strcspn(start, set));
+    const CString first(start, length);
+    if (first.strlen() != length) // no memory
+        return;
+    if (length != 0) // with one delimiter, but not counting those skipped: intended
+        removed = std::min(removed + length + 1, cp->len);
+
+    const CStringRep* before = cp;
+    Delete(0, removed);
+    if (removed == 0 || cp != before)
+        token = first;
 }
 
 int CString::find_awk_chars() const { return std::strpbrk(cp->rep, ".^") != nullptr; }

@@ -150,6 +150,7 @@ TEST_F(DatesTest, WhatAParsedTextDoesNotHaveCountsAsZero)
     SetZone("UTC0");
     EXPECT_EQ(Dates::GetDateTime(""), -62169984000L) << "30 November of year -1: month 0 and day 0 of year 0";
     EXPECT_EQ(Dates::GetDateTime("rubbish"), -62169984000L);
+    EXPECT_EQ(Dates::GetDateTime(static_cast<const char*>(nullptr)), -62169984000L);
     EXPECT_EQ(Dates::GetDateTime("01/01/99999 00:00:00"), Dates::GetDateTime("01/01/9999 09:00:00"))
         << "four digits of the year are read, the fifth is the hour";
 }

@@ -610,6 +610,26 @@ TEST(CString, ExtractsTheFirstToken)
     EXPECT_EQ(Str(s), "");
 }
 
+TEST(CString, ExtractsNoTokenWithoutMemory)
+{
+    for (const char* text : {"abc def", "\"abc\" def", "\"'abc' def", "abc", "\"", "  abc"}) {
+        CString whole(text), expected;
+        whole.ExtractToken(expected, " ");
+        bool isDone = false;
+        for (long allowed = 0; !isDone; allowed++) {
+            CString s(text), token("before");
+            {
+                const MemoryFailure failure = MemoryFailure::After(allowed, AnyAllocation);
+                s.ExtractToken(token, " ");
+            }
+            isDone = s == whole;
+            EXPECT_EQ(Str(s), isDone ? Str(whole) : text) << text << allowed;
+            EXPECT_EQ(Str(token), isDone ? Str(expected) : "before") << text << allowed;
+            ASSERT_LT(allowed, 20);
+        }
+    }
+}
+
 TEST(CString, FindsTheCharactersThatAwkTakes)
 {
     EXPECT_EQ(CString("a.b").find_awk_chars(), 1);
