@@ -5,9 +5,16 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
+#include <string>
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "Misc/nfstream.h"
+
+#include "durablefile.h"
 
 static const char* ModuleId() { return "$Id: faultstore.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -18,7 +25,7 @@ bool FaultStore::ByNodeAndNumber::operator()(const FaultId& a, const FaultId& b)
 }
 
 FaultStore::FaultStore(const char* directory)
-    : directory(directory), listFile(this->directory + "/list"), ids(listFile + ".new")
+    : directory(directory), listFile(this->directory + "/list"), isInStep(false), ids(nullptr)
 {
 }
 
@@ -33,26 +40,128 @@ static FaultRecord LostRecord(const FaultId& id)
 
 short FaultStore::Load()
 {
-    struct stat status;
-    if (mkdir(directory, 0755) != 0 && (stat(directory, &status) != 0 || !S_ISDIR(status.st_mode)))
-        return Fail(MKDIR_FAILED, directory);
-    if (access(listFile, F_OK) != 0 && errno == ENOENT)
-        return NO_ERRORS; // the first start
-    FaultIdList saved(listFile);
-    const int reports = GetErrorCount();
-    saved.Load(); // tells of a failure only in a report
-    const bool isWhole = GetErrorCount() == reports;
-    if (!isWhole)
-        std::rename(listFile, listFile + ".broken"); // whoever can mend it still has it
-    while (const FaultId* id = saved.GetNext()) {
-        if (!IsFaultId(*id))
-            continue;
-        FaultRecord fault;
-        const bool read = LoadRecord(*id, fault) == NO_ERRORS;
-        faults.emplace(*id, read ? fault : LostRecord(*id));
-        ids.AddFaultId(*id);
+    bool isNew = false;
+    FaultIdList saved(nullptr);
+    Files broken; // what was read and is not whole
+    short status = Open(isNew);
+    if (status == NO_ERRORS && !isNew)
+        status = LoadList(saved, broken);
+    if (status == NO_ERRORS)
+        status = LoadRecords(saved, broken);
+    if (status == NO_ERRORS)
+        status = MoveAside(broken);
+    isInStep = status == NO_ERRORS;
+    if (isInStep && (isNew || broken.count(listFile) != 0))
+        status = SaveList();
+    isInStep = status == NO_ERRORS;
+    return status;
+}
+
+static bool EndsIn(const std::string& text, const std::string& end)
+{
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// Makes the directory, or removes from it what a crash left half written. `isNew` is set when there are no faults in it.
+short FaultStore::Open(bool& isNew) const
+{
+    if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
+        return Fail(MKDIR_FAILED, directory, errno);
+    if (const int error = SyncDirectory(directory.substr(0, directory.rfind('/') + 1).c_str()))
+        return Fail(MKDIR_FAILED, directory, error);
+    DIR* files = opendir(directory.c_str());
+    if (files == nullptr)
+        return Fail(errno == ENOTDIR ? MKDIR_FAILED : OPENING_FILE, directory, errno);
+    isNew = true;
+    errno = 0;
+    while (const dirent* file = readdir(files)) {
+        const std::string name = file->d_name;
+        if (EndsIn(name, HalfWritten))
+            unlink((directory + "/" + name).c_str());
+        else if (name[0] != '.')
+            isNew = false; // a list that is missing beside other files has been lost
+        errno = 0;
     }
-    return isWhole ? static_cast<short>(NO_ERRORS) : SaveList();
+    const int error = errno;
+    closedir(files);
+    return error == 0 ? static_cast<short>(NO_ERRORS) : Fail(READING_FROM_FILE, directory, error);
+}
+
+short FaultStore::LoadList(FaultIdList& saved, Files& broken) const
+{
+    Buffer data;
+    if (const int error = ReadWholeFile(listFile.c_str(), data))
+        return Fail(READING_FROM_FILE, listFile, error);
+    std::istringstream bytes(std::string(static_cast<const char*>(static_cast<const void*>(data)), data.Size()));
+    infstream in(bytes);
+    const int reports = GetErrorCount();
+    errno = 0;
+    saved.scanFrom(in);
+    if (errno == ENOMEM || GetErrorCount() != reports)
+        return Fail(READING_FROM_FILE, listFile, ENOMEM); // the list may be sound
+    if (!in.good() || bytes.peek() != std::istringstream::traits_type::eof())
+        NoteBroken(listFile, broken);
+    return NO_ERRORS;
+}
+
+// Reads the faults of the list.
+short FaultStore::LoadRecords(FaultIdList& saved, Files& broken)
+{
+    while (const FaultId* id = saved.GetNext()) {
+        errno = 0;
+        if (!IsFaultId(*id)) {
+            if (errno == ENOMEM)
+                return Fail(OUT_OF_MEMORY, listFile, ENOMEM);
+            NoteBroken(listFile, broken);
+            continue;
+        }
+        const short status = LoadRecord(*id, broken);
+        if (status != NO_ERRORS)
+            return status;
+        ids.AddFaultId(*id);
+        if (static_cast<std::size_t>(ids.MyQuantity()) != faults.size())
+            return Fail(OUT_OF_MEMORY, listFile, ENOMEM);
+    }
+    return NO_ERRORS;
+}
+
+short FaultStore::LoadRecord(const FaultId& id, Files& broken)
+{
+    const std::string file = RecordFile(id);
+    Buffer data;
+    FaultRecord fault;
+    const int error = ReadWholeFile(file.c_str(), data);
+    errno = 0;
+    const bool isWhole = error == 0 && Unpack(data, fault) && fault.summary.hdr.myId == id;
+    if ((error != 0 && error != ENOENT) || (!isWhole && errno == ENOMEM))
+        return Fail(READING_FROM_FILE, file, error != 0 ? error : ENOMEM); // the record may be sound
+    faults.emplace(id, isWhole ? fault : LostRecord(id));
+    if (error == ENOENT)
+        Fail(READING_FROM_FILE, file, ENOENT);
+    else if (!isWhole)
+        NoteBroken(file, broken);
+    return NO_ERRORS;
+}
+
+void FaultStore::NoteBroken(const std::string& file, Files& broken) const
+{
+    if (broken.insert(file).second)
+        Fail(READING_FROM_FILE, file, 0);
+}
+
+// Sets the files aside. The list keeps its place until another takes it, so that there always is one.
+short FaultStore::MoveAside(const Files& broken) const
+{
+    for (const std::string& file : broken) {
+        int error = SetAside(file.c_str());
+        if (error == 0 && file != listFile && unlink(file.c_str()) != 0)
+            error = errno;
+        if (error == 0)
+            error = SyncDirectory(directory.c_str());
+        if (error != 0)
+            return Fail(WRITING_TO_FILE, file, error);
+    }
+    return NO_ERRORS;
 }
 
 const FaultRecord* FaultStore::Find(const FaultId& id) const
@@ -64,23 +173,31 @@ const FaultRecord* FaultStore::Find(const FaultId& id) const
 short FaultStore::Put(const FaultRecord& fault)
 {
     const FaultId& id = fault.summary.hdr.myId;
-    const bool added = Find(id) == nullptr;
-    if (added && ids.MyQuantity() == SHRT_MAX)
-        return Fail(TOO_MANY_FAULTS, id);
+    const bool isNew = Find(id) == nullptr;
+    if (isNew && ids.MyQuantity() == SHRT_MAX)
+        return Fail(TOO_MANY_FAULTS, static_cast<const char*>(id), 0);
     short status = SaveRecord(fault);
-    if (status == NO_ERRORS && added) {
-        ids.AddFaultId(id);
-        status = SaveList();
-        if (status != NO_ERRORS) {
-            ids.DeleteOne(id);
-            unlink(RecordFile(id));
-        }
-    }
+    if (status == NO_ERRORS && isNew)
+        status = Enlist(id);
     if (status != NO_ERRORS)
         return status;
     faults.erase(id);
     faults.emplace(id, fault);
     return NO_ERRORS;
+}
+
+// Adds a fault, whose record is saved, to the list.
+short FaultStore::Enlist(const FaultId& id)
+{
+    const short quantity = ids.MyQuantity();
+    ids.AddFaultId(id); // tells of memory that fails only in a report
+    const short status = ids.MyQuantity() > quantity ? SaveList() : static_cast<short>(OUT_OF_MEMORY);
+    if (status != NO_ERRORS) {
+        ids.DeleteOne(id);
+        if (isInStep) // else the list may have it
+            unlink(RecordFile(id).c_str());
+    }
+    return status;
 }
 
 short FaultStore::SetState(const FaultId& id, const char* state)
@@ -101,9 +218,10 @@ short FaultStore::Remove(const FaultId& id)
     const short status = SaveList();
     if (status != NO_ERRORS) {
         ids.AddFaultId(removed);
+        isInStep = isInStep && static_cast<std::size_t>(ids.MyQuantity()) == faults.size();
         return status;
     }
-    unlink(RecordFile(removed));
+    unlink(RecordFile(removed).c_str()); // what stays of a fault that is not in the list means nothing
     faults.erase(removed);
     return NO_ERRORS;
 }
@@ -124,9 +242,9 @@ void FaultStore::dumpOn(std::ostream& out) const
 }
 
 // The name of the fault, with the characters that could mean something in a path as % and two hex digits.
-CString FaultStore::RecordFile(const FaultId& id) const
+std::string FaultStore::RecordFile(const FaultId& id) const
 {
-    CString name = directory + "/";
+    std::string name = directory + "/";
     for (const char* c = id; *c != '\0'; c++) {
         const unsigned char byte = static_cast<unsigned char>(*c);
         char text[4];
@@ -136,39 +254,43 @@ CString FaultStore::RecordFile(const FaultId& id) const
     return name;
 }
 
-short FaultStore::LoadRecord(const FaultId& id, FaultRecord& fault) const
+short FaultStore::SaveRecord(const FaultRecord& fault)
 {
-    const CString file = RecordFile(id);
+    const std::string file = RecordFile(fault.summary.hdr.myId);
     Buffer data;
     errno = 0;
-    if (!data.LoadBufferFromFile(file) || !Unpack(data, fault) || fault.summary.hdr.myId != id)
-        return Fail(READING_FROM_FILE, file);
-    return NO_ERRORS;
-}
-
-short FaultStore::SaveRecord(const FaultRecord& fault) const
-{
-    const CString file = RecordFile(fault.summary.hdr.myId);
-    Buffer data;
     Pack(fault, data);
-    const short status = data.SaveBufferToFile(file + ".new", 0);
-    return status == NO_ERRORS ? Rename(file + ".new", file) : status;
+    if (errno == ENOMEM)
+        return Fail(OUT_OF_MEMORY, file, ENOMEM); // it has room for a part only
+    return Save(file, data, data.Size());
 }
 
-short FaultStore::SaveList() const
+short FaultStore::SaveList()
 {
-    const int reports = GetErrorCount();
-    ids.Save(); // tells of a failure only in a report
-    return GetErrorCount() == reports ? Rename(listFile + ".new", listFile) : static_cast<short>(WRITING_TO_FILE);
+    std::ostringstream bytes;
+    onfstream out(bytes);
+    ids.printOn(out);
+    out.flush();
+    if (!out.good())
+        return Fail(OUT_OF_MEMORY, listFile, ENOMEM);
+    const std::string list = bytes.str();
+    return Save(listFile, list.data(), list.size());
 }
 
-short FaultStore::Rename(const CString& from, const CString& to) const
+short FaultStore::Save(const std::string& file, const void* bytes, std::size_t size)
 {
-    return std::rename(from, to) == 0 ? static_cast<short>(NO_ERRORS) : Fail(WRITING_TO_FILE, to);
+    if (!isInStep)
+        return Fail(WRITING_TO_FILE, file, 0);
+    if (const int error = ReplaceFile(file.c_str(), bytes, size))
+        return Fail(WRITING_TO_FILE, file, error);
+    const int error = SyncDirectory(directory.c_str());
+    isInStep = error == 0;
+    return isInStep ? static_cast<short>(NO_ERRORS) : Fail(WRITING_TO_FILE, directory, error);
 }
 
-short FaultStore::Fail(short type, const char* what) const
+short FaultStore::Fail(short type, const std::string& what, int error) const
 {
-    _ReportError(WARNING, type, what, ModuleId(), __LINE__);
+    errno = error;
+    _ReportError(WARNING, type, what.c_str(), ModuleId(), __LINE__);
     return type;
 }

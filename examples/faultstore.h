@@ -2,8 +2,11 @@
 #ifndef EXAMPLES_FAULTSTORE_H
 #define EXAMPLES_FAULTSTORE_H
 
+#include <cstddef>
 #include <map>
 #include <ostream>
+#include <set>
+#include <string>
 
 #include "Misc/Error.h"
 #include "Misc/FaultId.h"
@@ -11,9 +14,13 @@
 #include "fault.h"
 
 /// A set of faults, each with its attachment, that outlives the process: a FaultIdList in the file "list" of a
-/// directory, and a file beside it for each fault. A change is in the files when the operation returns; a file is
-/// replaced as a whole, so that a crash leaves the old or the new one. Operations return an ErrorType, 0 for success;
-/// one that fails is reported and changes nothing.
+/// directory, and a file beside it for each fault. A change is on the disk when the operation returns, and a file is
+/// replaced as a whole: a crash or a power cut leaves the faults of before the change or those of after it. Operations
+/// return an ErrorType, 0 for success; one that fails is reported, changes nothing and leaves no file behind.
+///
+/// Nothing that has not been read is written over, so a store takes no changes before a Load has succeeded. It takes
+/// none either, until the next start, once it cannot know what the disk holds: when a file has been replaced and the
+/// host cannot say that this will last.
 class FaultStore : public ErrorReporter {
 public:
     struct ByNodeAndNumber {
@@ -24,9 +31,11 @@ public:
     /// An empty store in `directory`, an absolute path.
     explicit FaultStore(const char* directory);
 
-    /// Creates the directory, or reads the faults that are there. A list that cannot be read to its end is reported and
-    /// set aside as "list.broken", and what was read counts. A fault whose file cannot be read is reported and kept,
-    /// with a text that says so.
+    /// Creates the directory, or reads the faults that are there. What cannot be read now (no descriptor or memory, an
+    /// error of the disk, a list that is missing beside its faults) fails, and all files stay as they are: the next start
+    /// may read them. Only what was read and is not whole is reported and set aside, under a name that nothing takes
+    /// later: "list.broken", "list.broken.2" and so on. Of a list what was read counts. A fault whose file is missing, or
+    /// was set aside, is kept with a text that says so.
     short Load();
     const Faults& All() const { return faults; }
     /// The fault of that name, or null. It belongs to the store.
@@ -39,16 +48,25 @@ public:
     void dumpOn(std::ostream& out) const;
 
 private:
-    CString RecordFile(const FaultId& id) const;
-    short LoadRecord(const FaultId& id, FaultRecord& fault) const;
-    short SaveRecord(const FaultRecord& fault) const;
-    short SaveList() const;
-    short Rename(const CString& from, const CString& to) const;
-    short Fail(short type, const char* what) const;
+    typedef std::set<std::string> Files;
 
-    const CString directory;
-    const CString listFile;
-    FaultIdList ids; // of all faults; kept in listFile + ".new", which then takes the place of listFile
+    short Open(bool& isNew) const;
+    short LoadList(FaultIdList& saved, Files& broken) const;
+    short LoadRecords(FaultIdList& saved, Files& broken);
+    short LoadRecord(const FaultId& id, Files& broken);
+    void NoteBroken(const std::string& file, Files& broken) const;
+    short MoveAside(const Files& broken) const;
+    short Enlist(const FaultId& id);
+    short SaveRecord(const FaultRecord& fault);
+    short SaveList();
+    short Save(const std::string& file, const void* bytes, std::size_t size);
+    std::string RecordFile(const FaultId& id) const;
+    short Fail(short type, const std::string& what, int error) const;
+
+    const std::string directory;
+    const std::string listFile;
+    bool isInStep;   // the files are known to hold what is in memory
+    FaultIdList ids; // of all faults
     Faults faults;
 };
 
