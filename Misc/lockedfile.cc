@@ -19,7 +19,7 @@ static const size_t LockSize = 64;  // bytes in a lock file
 static const long LastSystemId = 2; // processes up to this id are the system's and own no locks
 
 LockFile::LockFile(CString& name, int max_retries)
-    : BaseName(name), FileLocked(0), LockName(name + LockSuffix), owner(getpid())
+    : BaseName(name), FileLocked(0), LockError(ENOMEM), LockName(name + LockSuffix), owner(getpid())
 {
     if (LockName.strlen() > BaseName.strlen()) // without memory the name could be that of the protected file
         TakeLock(max_retries);
@@ -44,16 +44,12 @@ void LockFile::TakeLock(int max_retries)
 {
     for (int tries = 0;;) {
         const int fd = open(LockName, O_RDWR | O_CREAT | O_EXCL, LockPermissions);
+        LockError = fd >= 0 ? 0 : errno;
         if (fd >= 0) {
-            // While it is empty, other processes may take the new file for a stale one and delete it.
-            const bool isMine = Guard(fd) && IsLockFile(fd);
-            if (isMine)
-                WriteOwner(fd);
-            close(fd);
-            if (isMine)
+            if (FillIn(fd))
                 return;
-        } else if (errno != EEXIST) {
-            ReportCreationError(errno);
+        } else if (LockError != EEXIST) {
+            ReportCreationError();
             return;
         } else if (tries < max_retries) {
             tries++;
@@ -64,62 +60,94 @@ void LockFile::TakeLock(int max_retries)
     }
 }
 
-// A directory that does not exist is nothing to complain about.
-void LockFile::ReportCreationError(int error) const
+// Makes this process the owner of the new lock file `fd`, which it closes. False when that has another owner, or none,
+// already: while it is empty, other processes may take it for a stale one and delete it.
+bool LockFile::FillIn(int fd)
 {
-    if (error == ENOENT)
+    const int isMine = Guard(fd) ? IsLockFile(fd) : 0;
+    if (isMine != 0)
+        LockError = isMine > 0 ? WriteOwner(fd) : errno; // what cannot be examined is left, and stale while it is empty
+    close(fd);
+    return isMine != 0;
+}
+
+// A directory that does not exist is nothing to complain about.
+void LockFile::ReportCreationError() const
+{
+    if (LockError == ENOENT)
         return;
     const CString text = CString("Error creating lock file ") + LockName;
-    errno = error;
+    errno = LockError;
     perror(text);
 }
 
-// Whether the content of the lock file `fd` names no live owner. A file that cannot be read may have one.
-static bool IsStale(int fd)
+// 0 when the content of the lock file `fd` names no live owner; else EAGAIN, or why it cannot be read.
+static int ReadOwner(int fd)
 {
     char text[LockSize + 1];
     const ssize_t n = pread(fd, text, LockSize, 0);
     if (n < 0)
-        return false;
+        return errno;
     text[n] = '\0';
     const long number = strtol(text, nullptr, 10); // one that is too large becomes one that no process has
-    return number <= LastSystemId || !UnixProcess::ProcessExists(number);
+    return number <= LastSystemId || !UnixProcess::ProcessExists(number) ? 0 : EAGAIN;
 }
 
 // Deletes a stale lock file. True when it is worth trying to create the lock file again.
-bool LockFile::BreakStaleLock() const
+bool LockFile::BreakStaleLock()
 {
     const int fd = open(LockName, O_RDWR);
-    if (fd < 1) { // intended: descriptor 0 counts as a failure here
-        if (fd == 0)
-            close(fd);
-        return false;
-    }
-    bool isGone = false;
+    if (fd > 0)
+        LockError = DeleteStale(fd);
+    else if (fd == 0)
+        LockError = EBADF; // intended: descriptor 0 counts as a failure here
+    else
+        LockError = errno == ENOENT ? EAGAIN : errno;
+    if (fd >= 0)
+        close(fd);
+    return LockError == 0;
+}
+
+// Deletes the lock file `fd` if it is stale. 0 when it has gone; else EAGAIN, or why that failed.
+int LockFile::DeleteStale(int fd) const
+{
+    if (const int error = ReadOwner(fd))
+        return error;
     // Whoever has the guard is taking this lock. With it the file is examined once more: only now nobody can have
     // replaced it, or fill it in, before it is deleted.
-    if (IsStale(fd) && Guard(fd))
-        isGone = !IsLockFile(fd) || (IsStale(fd) && unlink(LockName) == 0);
-    close(fd);
-    return isGone;
+    if (!Guard(fd))
+        return EAGAIN;
+    const int isLockFile = IsLockFile(fd);
+    if (isLockFile <= 0)
+        return isLockFile == 0 ? 0 : errno;
+    if (const int error = ReadOwner(fd))
+        return error;
+    return unlink(LockName) == 0 ? 0 : errno;
 }
 
-// Whether `fd` is the file that bears the name of the lock file now.
-bool LockFile::IsLockFile(int fd) const
+// Whether `fd` is the file that bears the name of the lock file now: 1 or 0; -1 with `errno` when that cannot be told.
+int LockFile::IsLockFile(int fd) const
 {
     struct stat opened, named;
-    return fstat(fd, &opened) == 0 && stat(LockName, &named) == 0 && opened.st_dev == named.st_dev &&
-           opened.st_ino == named.st_ino;
+    if (stat(LockName, &named) != 0)
+        return errno == ENOENT ? 0 : -1;
+    if (fstat(fd, &opened) != 0)
+        return -1;
+    return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-// Takes possession of the new lock file `fd`, which this process guards.
-void LockFile::WriteOwner(int fd)
+// Takes possession of the new lock file `fd`, which this process guards. 0, or why that failed.
+int LockFile::WriteOwner(int fd)
 {
     char text[LockSize] = "";
     FileLocked = 1;
     snprintf(text, sizeof text, "%ul", static_cast<unsigned>(owner)); // intended: the letter l is part of the content
-    if (write(fd, text, sizeof text) != static_cast<ssize_t>(sizeof text))
-        Cleanup();
+    const ssize_t n = write(fd, text, sizeof text);
+    if (n == static_cast<ssize_t>(sizeof text))
+        return 0;
+    const int error = n < 0 ? errno : ENOSPC;
+    Cleanup();
+    return error;
 }
 
 // The file `name`, created with exactly these permissions. A file that has appeared meanwhile is opened as it is.
@@ -141,8 +169,10 @@ LockedFileDesc::LockedFileDesc(CString& name, int max_retries, int createperm)
         myfd = CreateFile(BaseName, createperm);
         newfile = myfd != -1;
     }
-    if (myfd == -1)
+    if (myfd == -1) {
+        LockError = errno;
         Cleanup();
+    }
 }
 
 LockedFileDesc::~LockedFileDesc() { Cleanup(); }

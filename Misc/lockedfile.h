@@ -26,8 +26,8 @@ public:
     /// Tries to take the lock on `name`: once, and while the lock file exists up to `max_retries` times more, after a
     /// second each. Then it replaces the lock file if it is stale, and gives up otherwise. Locked() tells the result.
     /// A directory that does not exist ends the attempt at once; so does any other error than that the lock file
-    /// exists, with a message on standard error. A stale lock file that cannot be read, written or deleted counts as
-    /// held. `name` is copied and not changed.
+    /// exists, with a message on standard error. A lock file that cannot be examined, or that is stale and cannot be
+    /// opened for reading and writing or deleted, ends it too. `name` is copied and not changed.
     explicit LockFile(CString& name, int max_retries = 0);
     LockFile(const LockFile&) = delete;
     LockFile& operator=(const LockFile&) = delete;
@@ -36,6 +36,9 @@ public:
 
     /// 1 while this object holds the lock, else 0.
     short Locked() const { return FileLocked; }
+    /// Why the constructor did not get the lock: EAGAIN when another process has it, or is about to take or release it;
+    /// else the `errno` of what failed. 0 when it got it.
+    int Error() const { return LockError; }
     /// Releases the lock, if it is held, by deleting the lock file. May be called in a signal handler.
     virtual void Cleanup();
     /// Calls Cleanup.
@@ -44,13 +47,16 @@ public:
 protected:
     CString BaseName;
     short FileLocked;
+    int LockError;
 
 private:
     void TakeLock(int max_retries);
-    void ReportCreationError(int error) const;
-    bool BreakStaleLock() const;
-    bool IsLockFile(int fd) const;
-    void WriteOwner(int fd);
+    bool FillIn(int fd);
+    void ReportCreationError() const;
+    bool BreakStaleLock();
+    int DeleteStale(int fd) const;
+    int IsLockFile(int fd) const;
+    int WriteOwner(int fd);
 
     CString LockName; // kept, since a signal handler cannot allocate
     pid_t owner;      // the process that made the object

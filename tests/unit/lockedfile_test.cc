@@ -404,6 +404,76 @@ TEST_F(LockTest, ALockFileThatCannotBeWrittenWholeIsRemoved)
     EXPECT_EQ(child.err, "");
 }
 
+TEST_F(LockTest, TellsWhyItIsNotLocked)
+{
+    LockFile held(name, 0);
+    EXPECT_EQ(held.Error(), 0);
+    EXPECT_EQ(LockFile(name, 0).Error(), EAGAIN);
+    held.Cleanup();
+    EXPECT_EQ(held.Error(), 0);
+
+    CString nowhere("/nosuch/data");
+    EXPECT_EQ(LockFile(nowhere, 0).Error(), ENOENT);
+    WriteFile(file, "");
+    CString below((file + "/x").c_str());
+    CaptureStderr([&] { EXPECT_EQ(LockFile(below, 0).Error(), ENOTDIR); });
+
+    ASSERT_EQ(mkdir(lock.c_str(), 0755), 0);
+    EXPECT_EQ(LockFile(name, 0).Error(), EISDIR);
+    ASSERT_EQ(rmdir(lock.c_str()), 0);
+
+    std::remove(file.c_str());
+    ASSERT_EQ(mkdir(file.c_str(), 0755), 0);
+    EXPECT_EQ(LockedFileDesc(name, 0, 0600).Error(), EISDIR);
+    EXPECT_FALSE(Exists(lock));
+}
+
+TEST_F(LockTest, ALockFileThatCannotBeWrittenSaysWhy)
+{
+    const std::vector<std::pair<int, std::function<void()>>> refusals = {
+        {EDQUOT, [] { MakeCallsFail({SYS_write}, EDQUOT); }}, {ENOSPC, [] { // a part can be written
+                                                                   const struct rlimit limit = {10, 10};
+                                                                   setrlimit(RLIMIT_FSIZE, &limit);
+                                                               }}};
+    for (const auto& [error, refuse] : refusals) {
+        const ChildResult child = RunInChild([&, refuse = refuse] {
+            refuse();
+            _exit(LockFile(name, 0).Error());
+        });
+        if (child.exitCode == NotPossibleHere)
+            GTEST_SKIP() << "no system call filters here";
+        EXPECT_EQ(child.exitCode, error);
+        EXPECT_FALSE(Exists(lock));
+    }
+}
+
+TEST_F(LockTest, ALockFileThatCannotBeExaminedIsAFailure)
+{
+#ifdef SYS_newfstatat
+    for (const bool isThere : {false, true}) {
+        if (isThere)
+            WriteFile(lock, Content(1));
+        const ChildResult child = RunInChild(
+            [&] {
+                MakeCallsFail({SYS_newfstatat, SYS_stat, SYS_fstat}, EIO);
+                LockFile refused(name, 0);
+                CHILD_CHECK(!refused.Locked());
+                CHILD_CHECK(refused.Error() == EIO);
+            },
+            10);
+        if (child.exitCode == NotPossibleHere)
+            GTEST_SKIP() << "no system call filters here";
+        EXPECT_EQ(child.exitCode, 0) << child.signal << child.err;
+        EXPECT_TRUE(Exists(lock));
+        EXPECT_EQ(ReadFile(lock), isThere ? Content(1) : "") << "nobody's file is deleted";
+        LockFile next(name, 0);
+        EXPECT_EQ(next.Locked(), 1);
+    }
+#else
+    GTEST_SKIP() << "no such system call here";
+#endif
+}
+
 TEST_F(LockTest, ASignalThatEndsTheProgramRemovesTheLock)
 {
     WriteFile(file, "kept");
