@@ -9,6 +9,10 @@
 #include "Misc/export.h"
 #include "Misc/mobject.h"
 
+namespace zeloo {
+class ChildLimit;
+}
+
 /// The role of a side after a fork.
 enum coprocess_types { failP = 0, parentP = 1, childP = 2 };
 
@@ -49,8 +53,10 @@ public:
     /// The same for the vector "/sbin/sh", "-c", `Cmd`.
     explicit UnixProcess(const char* Cmd, ctor_dtor_flag cd_f = terminate_at_destruction, long maxtime = 0);
     /// Runs `argv` to its end with its standard output, zero bytes included, in place of the contents of `Output`.
-    /// When the limit runs out, `Output` holds what came until then, followed by a line that says so. What finds no
-    /// memory is left out. The destructor leaves the child alone. No descriptors are closed in the child, and its
+    /// When the limit runs out, also while the child writes without end or after it has closed its output, `Output`
+    /// holds what came until then, followed by a line that says so. Output beyond the bound set by SetGlobalMaxOutput
+    /// is left out, with a line that tells how much; so is what finds no memory, and what comes behind that, and what a
+    /// Buffer cannot hold. The destructor leaves the child alone. No descriptors are closed in the child, and its
     /// standard error is the caller's. REQUIRES: `argv` is not null.
     UnixProcess(const char** argv, Buffer& Output, long maxtime = 0);
     /// The same for the vector "/sbin/sh", "-c", `Cmd`.
@@ -66,7 +72,8 @@ public:
     /// when there is no child, when it was killed because the limit ran out, or when the system does not tell. Later
     /// calls return the same value at once.
     short wait();
-    /// Sends SIGTERM to the child and forgets its process id; pid() is -1 from then on. Does not wait.
+    /// Sends SIGTERM to the child, unless wait() or the capture has found its end or has killed it, after which its
+    /// process id may be another's; and forgets the id: pid() is -1 from then on. Does not wait.
     void terminate();
     /// Whether the process id of the child is in use; true also for a child that has ended but was not waited for.
     short exists() const { return ProcessExists(mypid); }
@@ -93,7 +100,12 @@ public:
     /// Sets the limit for the objects made from now on with a limit of 0.
     static void SetGlobalMaxWaitTime(long seconds) { GlobalUnixProcessMaxWaitTime = seconds; }
 
+    /// Sets the bound in bytes for the output that is collected from now on; 0 is none. Output beyond it is read and
+    /// counted, but not kept: behind the first `bytes` bytes one line says how many were left out.
+    static void SetGlobalMaxOutput(long bytes) { GlobalUnixProcessMaxOutput = bytes; }
+
     static long GlobalUnixProcessMaxWaitTime; // seconds; 0, its value at the start, is no limit
+    static long GlobalUnixProcessMaxOutput;   // bytes; 0, its value at the start, is no bound
 
 private:
     UnixProcess(ctor_dtor_flag cd_f, long maxtime);
@@ -101,12 +113,15 @@ private:
     int initp(const char** argv);
     void dopipe(const char** argv, Buffer& Output);
     [[noreturn]] void childexec(const char** argv);
+    bool collect(zeloo::ChildLimit& limit, int* status);
+    void killOverdue();
 
     long maxwaittime; // seconds; 0 is no limit
     short exitstatus; // of the child, or -1 or -222 (see wait)
     long mypid;
     CString mycmd;
     ctor_dtor_flag cd_flag;
+    bool isOver;      // the child has ended, or was killed for its time: its id may be somebody else's
     const long owner; // the process that made the object
 };
 

@@ -16,6 +16,7 @@
 #include "Misc/misc.h"
 #include "Misc/mobject.h"
 #include "Misc/proginfo.h"
+#include "Misc/unixproc.h"
 
 #include "faultserver.h"
 #include "faultstore.h"
@@ -149,6 +150,7 @@ int main(int argc, char** argv, char** envp)
         return 1;
     umask(022);
     std::signal(SIGCLD, SIG_IGN); // ProcMgr's commands are not waited for
+    UnixProcess::SetGlobalMaxOutput(64 << 20);
     MonitoredObject::SetDebugLevel(settings.debug);
     MonitoredObject::SetDumpStateFileName(StateFile);
     return Serve(settings);

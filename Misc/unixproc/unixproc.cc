@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 
@@ -19,7 +18,8 @@
 #include "Misc/detail/paths.h"
 #include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
-#include "Misc/detail/timedcall.h"
+#include "Misc/unixproc/capture.h"
+#include "Misc/unixproc/limit.h"
 #include "svr4/errno.h"
 #include "svr4/process.h"
 #include "svr4/signal.h"
@@ -33,6 +33,7 @@ static const char TimeExceededBanner[] = "\n\n******** Process max wait time exc
 ZELOO_DEFINE_ARRAY(UnixProcess);
 
 long UnixProcess::GlobalUnixProcessMaxWaitTime = 0;
+long UnixProcess::GlobalUnixProcessMaxOutput = 0;
 
 // The arguments with one blank between them; empty when memory fails.
 static CString JoinArguments(const char** argv)
@@ -62,7 +63,7 @@ static short ExitCode(int status)
 
 UnixProcess::UnixProcess(ctor_dtor_flag cd_f, long maxtime)
     : maxwaittime(maxtime != 0 ? maxtime : GlobalUnixProcessMaxWaitTime), exitstatus(NotYetCollected), mypid(-1),
-      cd_flag(cd_f), owner(getpid())
+      cd_flag(cd_f), isOver(false), owner(getpid())
 {
 }
 
@@ -92,7 +93,7 @@ UnixProcess::UnixProcess(const char* Cmd, Buffer& Output, long maxtime)
 
 UnixProcess::UnixProcess(UnixProcess& p)
     : ErrorReporter(), MonitoredObject(), maxwaittime(p.maxwaittime), exitstatus(NotYetCollected), mypid(p.mypid),
-      mycmd(p.mycmd), cd_flag(leave_alone_at_destruction), owner(getpid())
+      mycmd(p.mycmd), cd_flag(leave_alone_at_destruction), isOver(p.isOver), owner(getpid())
 {
 }
 
@@ -110,24 +111,33 @@ UnixProcess::~UnixProcess()
 }
 
 // Ends a child whose time has run out.
-static void KillOverdue(const UnixProcess& process)
+void UnixProcess::killOverdue()
 {
-    kill(static_cast<pid_t>(process.pid()), SIGKILL);
-    zeloo::Report(process, UnixProcess::WARNING, UnixProcess::WAIT_TIME_EXCEEDED, errno, ZELOO_HERE,
-                  "Process killed: %s", static_cast<const char*>(process.cmd()));
+    isOver = true; // nothing is left for a SIGTERM to do, and the id is not the child's for ever
+    kill(static_cast<pid_t>(mypid), SIGKILL);
+    zeloo::Report(*this, WARNING, WAIT_TIME_EXCEEDED, EINTR, ZELOO_HERE, "Process killed: %s",
+                  static_cast<const char*>(mycmd));
 }
 
-// Waits for the end of a child, for at most `limit` seconds unless that is 0. A child that has ended already costs
-// no timer.
-static pid_t WaitForChild(pid_t pid, int* status, long limit)
+// Waits for the end of the child and takes its status. A child that has ended already costs no timer. False with `errno`
+// when there is no status.
+bool UnixProcess::collect(zeloo::ChildLimit& limit, int* status)
 {
-    if (limit == 0)
-        return waitpid(pid, status, 0);
-    const pid_t ended = waitpid(pid, status, WNOHANG);
-    if (ended != 0)
-        return ended;
-    zeloo::TimedCall timed(limit);
-    return waitpid(pid, status, 0);
+    const auto pid = static_cast<pid_t>(mypid); // a handler may call terminate at any time
+    siginfo_t info;
+    info.si_pid = 0;
+    int result = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | WNOHANG);
+    if (result == 0 && info.si_pid == 0) {
+        limit.Arm();
+        result = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+    }
+    if (result != 0) {
+        if (errno == ECHILD && zeloo::IsOwner(owner))
+            isOver = true; // somebody else has taken the status, and the id is free
+        return false;
+    }
+    isOver = true; // before the status is taken: until then nobody else can have the id
+    return waitpid(pid, status, 0) == pid;
 }
 
 short UnixProcess::wait()
@@ -139,25 +149,25 @@ short UnixProcess::wait()
         return NoStatus;
 
     int status = -1;
-    pid_t ended;
+    bool isCollected;
     {
         svr4::SavedSignal sigcld(SIGCLD);
         svr4::signal(SIGCLD, SIG_DFL);
-        ended = WaitForChild(static_cast<pid_t>(mypid), &status, maxwaittime);
+        zeloo::ChildLimit limit(maxwaittime);
+        isCollected = collect(limit, &status);
     }
-    if (ended == -1 && errno == EINTR) {
-        KillOverdue(*this);
-        return NoStatus;
-    }
-    if (status != -1)
+    if (isCollected)
         exitstatus = ExitCode(status);
+    else if (errno == EINTR)
+        killOverdue();
     return exitstatus;
 }
 
 void UnixProcess::terminate()
 {
     if (mypid > 1) {
-        kill(static_cast<pid_t>(mypid), SIGTERM);
+        if (!isOver)
+            kill(static_cast<pid_t>(mypid), SIGTERM);
         mypid = -1;
     }
 }
@@ -236,43 +246,20 @@ int UnixProcess::initp(const char** argv)
     return ends[0];
 }
 
-// Puts `n` bytes behind the first `used` ones of `output` and returns how many are in use then. It grows to twice what
-// it needs, since each growth copies the whole; without memory for that the exact size may do. What finds none is lost.
-static unsigned Collect(Buffer& output, unsigned used, const char* bytes, unsigned n)
+// Collects what comes from `fd`. False when the time ran out.
+static bool ReadToEnd(int fd, const zeloo::ChildLimit& limit, zeloo::Capture& capture)
 {
-    const uint64_t end = uint64_t{used} + n;
-    if (end > output.Size())
-        output.PutDataAt(static_cast<unsigned>(std::min(2 * end, uint64_t{UINT32_MAX})), nullptr, 0);
-    output.PutDataAt(used, bytes, n);
-    return end <= output.Size() ? static_cast<unsigned>(end) : used;
-}
-
-// Gives back what `output` holds behind the first `used` bytes.
-static void Trim(Buffer& output, unsigned used)
-{
-    const svr4::SavedErrno savedErrno;
-    if (used == 0)
-        return;
-    void* block = output.ReleasePtr();
-    void* trimmed = std::realloc(block, used);
-    output.AssignPtr(trimmed != nullptr ? trimmed : block, used);
-}
-
-// Collects what comes from `fd` in `output`, which is empty, for at most `limit` seconds unless that is 0. False when
-// the time ran out.
-static bool ReadToEnd(int fd, long limit, Buffer& output)
-{
-    std::optional<zeloo::TimedCall> timed;
-    if (limit != 0)
-        timed.emplace(limit);
     char block[16384];
-    unsigned used = 0;
     ssize_t n;
-    while ((n = read(fd, block, sizeof block)) != 0 && !(n < 0 && errno == EINTR))
-        if (n > 0) // any other error: reads again, without limit. This is intended.
-            used = Collect(output, used, block, static_cast<unsigned>(n));
-    Trim(output, used);
-    return n == 0;
+    while ((n = read(fd, block, sizeof block)) != 0) {
+        if (n > 0)
+            capture.Take(block, static_cast<size_t>(n));
+        else if (errno == EINTR)
+            return false;
+        if (limit.HasPassed()) // without a limit any other error is tried again for ever: this is intended
+            return false;
+    }
+    return true;
 }
 
 void UnixProcess::dopipe(const char** argv, Buffer& Output)
@@ -286,18 +273,24 @@ void UnixProcess::dopipe(const char** argv, Buffer& Output)
     if (fd < 0)
         return;
 
-    const bool ended = ReadToEnd(fd, maxwaittime, Output);
-    close(fd);
-
-    exitstatus = NoStatus;
-    int status = 0;
-    if (ended && waitpid(static_cast<pid_t>(mypid), &status, 0) != -1)
-        exitstatus = ExitCode(status);
-    sigcld.reset();
-    if (!ended) {
-        KillOverdue(*this);
-        Output.Append(TimeExceededBanner);
+    zeloo::Capture capture(static_cast<uint64_t>(std::max(GlobalUnixProcessMaxOutput, 0L)));
+    bool inTime;
+    {
+        zeloo::ChildLimit limit(maxwaittime);
+        limit.Arm();
+        inTime = ReadToEnd(fd, limit, capture);
+        close(fd);
+        exitstatus = NoStatus;
+        int status = 0;
+        if (inTime && collect(limit, &status))
+            exitstatus = ExitCode(status);
+        else if (inTime) // a child may run on with its output closed
+            inTime = !(errno == EINTR && limit.HasPassed());
     }
+    sigcld.reset();
+    if (!inTime)
+        killOverdue();
+    capture.HandOver(Output, inTime ? "" : TimeExceededBanner);
 }
 
 // Runs in the child only. It never leaves through exit(), which would write what the parent's streams hold.

@@ -1,11 +1,13 @@
 // The time limits of children, and what a caller finds as it left it.
 #include <cerrno>
+#include <climits>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 
 #include "tests/unit/unixproc_testing.h"
@@ -50,6 +52,121 @@ TEST(UnixProcess, ACaptureThatTimesOutWithoutOutputHoldsTheBannerOnly)
         EXPECT_EQ(Reap(process.pid()), -SIGKILL);
     });
     EXPECT_EQ(Bytes(output), Banner);
+}
+
+TEST(UnixProcess, AChildThatFloodsItsOutputIsKilledAtTheLimit)
+{
+    UnixProcess::SetGlobalMaxOutput(1000);
+    Buffer output;
+    const std::string err = CaptureStderr([&] {
+        UnixProcess process("yes & yes & exec yes", output, 1);
+        EXPECT_EQ(process.wait(), -1);
+        const int end = Reap(process.pid());
+        EXPECT_TRUE(end == -SIGKILL || end == -SIGPIPE) << end;
+    });
+    UnixProcess::SetGlobalMaxOutput(0);
+    EXPECT_EQ(Bytes(output).substr(output.Size() - Banner.size()), Banner);
+    ExpectReport(err, ErrorReporter::GetErrorType(ErrorReporter::WAIT_TIME_EXCEEDED), EINTR,
+                 "Process killed: /sbin/sh -c yes & yes & exec yes");
+}
+
+TEST(UnixProcess, ALimitHoldsWhileNoReadEverBlocks)
+{
+    const ChildResult child = RunInChild([] {
+        Buffer output;
+        MakeCallsFail({SYS_read}, EIO);
+        UnixProcess process(Sleeper, output, 1);
+        CHILD_CHECK(process.wait() == -1 && Bytes(output) == Banner);
+    });
+    if (child.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to make reads fail here";
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_NE(child.err.find("Process killed: sleep 60"), std::string::npos) << child.err;
+}
+
+TEST(UnixProcess, AChildThatRunsOnWithItsOutputClosedIsKilledAtTheLimit)
+{
+    Buffer output;
+    const std::string err = CaptureStderr([&] {
+        UnixProcess process("echo x; exec >&-; exec sleep 60", output, 1);
+        EXPECT_EQ(process.wait(), -1);
+        EXPECT_EQ(Reap(process.pid()), -SIGKILL);
+    });
+    EXPECT_EQ(Bytes(output), "x\n" + Banner);
+    ExpectReport(err, ErrorReporter::GetErrorType(ErrorReporter::WAIT_TIME_EXCEEDED), EINTR,
+                 "Process killed: /sbin/sh -c echo x; exec >&-; exec sleep 60");
+
+    UnixProcess inTime("echo y; exec >&-; sleep 0.2; exit 5", output, 60);
+    EXPECT_EQ(inTime.wait(), 5);
+    EXPECT_EQ(Bytes(output), "y\n");
+}
+
+TEST(UnixProcess, TheLargestLimitIsNotPassedAtOnce)
+{
+    Buffer output;
+    UnixProcess process("echo x; sleep 0.1; echo y; exit 3", output, LONG_MAX);
+    EXPECT_EQ(process.wait(), 3);
+    EXPECT_EQ(Bytes(output), "x\ny\n");
+}
+
+// While it lives, SIGALRM is held back and has a handler that counts.
+class HeldAlarm {
+public:
+    HeldAlarm()
+    {
+        Handle(SIGALRM, Count, 0);
+        seen = 0;
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGALRM);
+        sigprocmask(SIG_BLOCK, &mask, &before);
+    }
+    ~HeldAlarm()
+    {
+        sigprocmask(SIG_SETMASK, &before, nullptr);
+        signal(SIGALRM, SIG_DFL);
+    }
+    static bool Waits()
+    {
+        sigset_t pending;
+        return sigpending(&pending) == 0 && sigismember(&pending, SIGALRM) == 1;
+    }
+
+private:
+    sigset_t before;
+};
+
+TEST(UnixProcess, ACallerThatHoldsTheAlarmBackHasLimitsAndGetsNoStrayAlarm)
+{
+    {
+        const HeldAlarm held;
+        CaptureStderr([] {
+            UnixProcess process(Sleeper, UnixProcess::wait_at_construction, 1);
+            EXPECT_EQ(process.wait(), -1);
+            EXPECT_EQ(Reap(process.pid()), -SIGKILL);
+            Buffer output;
+            UnixProcess captured(Sleeper, output, 1);
+            EXPECT_EQ(Reap(captured.pid()), -SIGKILL);
+            EXPECT_EQ(Bytes(output), Banner);
+            UnixProcess closed("exec >&-; exec sleep 60", output, 1);
+            EXPECT_EQ(Reap(closed.pid()), -SIGKILL);
+        });
+        EXPECT_FALSE(HeldAlarm::Waits());
+    }
+    EXPECT_EQ(seen, 0);
+}
+
+TEST(UnixProcess, AnAlarmOfTheCallersThatWaitsWaitsStillAfterwards)
+{
+    const HeldAlarm held;
+    raise(SIGALRM);
+    Buffer output;
+    UnixProcess captured("sleep 0.1; echo x", output, 60);
+    UnixProcess process("sleep 0.1; exit 3", UnixProcess::wait_at_construction, 60);
+    EXPECT_EQ(Bytes(output), "x\n") << "it is not taken for the end of the limit";
+    EXPECT_EQ(process.wait(), 3);
+    EXPECT_EQ(seen, 0);
+    EXPECT_TRUE(HeldAlarm::Waits());
 }
 
 TEST(UnixProcess, ALimitOf0StandsForTheGlobalLimit)

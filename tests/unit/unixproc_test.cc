@@ -1,6 +1,8 @@
 #include "Misc/unixproc.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -265,6 +268,73 @@ TEST(UnixProcess, OutputThatFindsNoMemoryIsLeftOut)
     EXPECT_EQ(child.out, "1 5");
 }
 
+// While it lives, output is kept up to so many bytes.
+class OutputBound {
+public:
+    explicit OutputBound(long bytes) { UnixProcess::SetGlobalMaxOutput(bytes); }
+    ~OutputBound() { UnixProcess::SetGlobalMaxOutput(0); }
+};
+
+std::string LeftOut(const std::string& bytes)
+{
+    return "\n******** Output cut, " + bytes + " bytes left out **********\n";
+}
+
+TEST(UnixProcess, KeepsTheFirstBytesUpToTheBoundAndTellsHowManyItLeftOut)
+{
+    EXPECT_EQ(UnixProcess::GlobalUnixProcessMaxOutput, 0);
+    const OutputBound bound(10);
+    const std::pair<const char*, std::string> rules[] = {
+        {"printf 123456789", "123456789"},
+        {"printf 1234567890", "1234567890"},
+        {"printf 12345678901", "1234567890" + LeftOut("1")},
+        {"printf 123456; sleep 0.1; printf 789012345", "1234567890" + LeftOut("5")},
+        {"printf 1234567890; sleep 0.1; printf 12345; sleep 0.1; printf 6", "1234567890" + LeftOut("6")},
+        {"true", ""},
+    };
+    for (const auto& [command, expected] : rules) {
+        Buffer output;
+        UnixProcess process(command, output);
+        EXPECT_EQ(Bytes(output), expected) << command;
+        EXPECT_EQ(process.wait(), 0);
+    }
+}
+
+TEST(UnixProcess, ABoundTakesNoMoreMemoryThanItKeeps)
+{
+    if (!MemoryLimit::IsPossible)
+        GTEST_SKIP() << "memory cannot be limited here";
+    const ChildResult child = RunInChild([] {
+        const OutputBound bound(1 << 20);
+        const MemoryLimit limit(8 << 20);
+        Buffer output;
+        UnixProcess process("ulimit -v unlimited; head -c 100000000 /dev/zero; exit 5", output);
+        std::cout << process.wait() << (Bytes(output) == std::string(1 << 20, '\0') + LeftOut("98951424"));
+    });
+    EXPECT_EQ(child.out, "51");
+}
+
+TEST(UnixProcess, TheBannerOfTheLimitStaysBehindTheLineOfTheBound)
+{
+    const OutputBound bound(2);
+    Buffer output;
+    CaptureStderr([&] {
+        UnixProcess process("printf abc; exec sleep 60", output, 1);
+        Reap(process.pid());
+    });
+    EXPECT_EQ(Bytes(output), "ab" + LeftOut("1") + "\n\n******** Process max wait time exceeded **********\n");
+}
+
+TEST(UnixProcess, ABoundThatIsNegativeOrBeyondABufferIsNone)
+{
+    for (const long bytes : {-1L, LONG_MIN, LONG_MAX}) {
+        const OutputBound bound(bytes);
+        Buffer output;
+        UnixProcess process("echo x", output);
+        EXPECT_EQ(Bytes(output), "x\n");
+    }
+}
+
 // ---- What the child inherits
 
 TEST(UnixProcess, TheChildLeadsItsOwnSessionAndGroup)
@@ -430,6 +500,79 @@ TEST(UnixProcess, TerminateSendsSigtermOnce)
     process.terminate();
     EXPECT_EQ(process.pid(), -1);
     EXPECT_EQ(process.wait(), -1);
+}
+
+// While it lives, SIGTERM is held back: it waits when this process was sent one.
+class HeldSigterm {
+public:
+    HeldSigterm()
+    {
+        sigemptyset(&set);
+        sigaddset(&set, SIGTERM);
+        sigprocmask(SIG_BLOCK, &set, &before);
+    }
+    ~HeldSigterm() { sigprocmask(SIG_SETMASK, &before, nullptr); }
+    // Whether there was one; it is taken back.
+    bool HasCome() const
+    {
+        const struct timespec none = {0, 0};
+        return sigtimedwait(&set, nullptr, &none) == SIGTERM;
+    }
+
+private:
+    sigset_t set;
+    sigset_t before;
+};
+
+TEST(UnixProcess, TerminateSignalsNobodyOnceTheEndOfTheChildIsKnown)
+{
+    const HeldSigterm held;
+    const auto terminate = [](UnixProcess& process) {
+        PidOf(process) = getpid(); // as though the child's id had become this process's
+        UnixProcess copy(process);
+        copy.terminate();
+        process.SigTermProc(SIGTERM);
+        process.terminate();
+        EXPECT_EQ(process.pid(), -1);
+        EXPECT_EQ(copy.pid(), -1);
+    };
+    {
+        SCOPED_TRACE("waited for");
+        UnixProcess process("exit 3");
+        EXPECT_EQ(process.wait(), 3);
+        terminate(process);
+        EXPECT_EQ(process.wait(), 3);
+    }
+    {
+        SCOPED_TRACE("waited for by the constructor");
+        UnixProcess process("exit 3", UnixProcess::wait_at_construction);
+        terminate(process);
+    }
+    {
+        SCOPED_TRACE("captured");
+        Buffer output;
+        UnixProcess process("exit 3", output);
+        terminate(process);
+    }
+    {
+        SCOPED_TRACE("killed for its time");
+        UnixProcess process(Sleeper, UnixProcess::terminate_at_destruction, 1);
+        CaptureStderr([&] { EXPECT_EQ(process.wait(), -1); });
+        Reap(process.pid());
+        terminate(process);
+    }
+    {
+        SCOPED_TRACE("waited for by somebody else");
+        UnixProcess process("exit 3");
+        Reap(process.pid());
+        EXPECT_EQ(process.wait(), -1);
+        terminate(process);
+    }
+    EXPECT_FALSE(held.HasCome());
+    UnixProcess unknown("exit 3");
+    Reap(unknown.pid());
+    terminate(unknown);
+    EXPECT_TRUE(held.HasCome()) << "as before, where nobody has waited";
 }
 
 TEST(UnixProcess, WaitWithoutAChildTakesNoOtherChild)
