@@ -24,8 +24,13 @@ enum coprocess_types { failP = 0, parentP = 1, childP = 2 };
 /// process id. It ignores SIGCLD and has default dispositions for the signals that MonitoredObject handles.
 ///
 /// A command that cannot be executed is reported by the child (WARNING, EXEC_FAILED) on its standard error and then
-/// ends with status 0, as an empty shell command does. A fork or pipe that fails is reported (WARNING, FORK_FAILED or
-/// OPENING_PIPE) and leaves an object with the process id -1 and the exit status -1.
+/// ends with status 0, as an empty shell command does. The report has the layout of an ErrorReporter's, but is the child's
+/// alone: the error state and the streams of this process stay as they are. A fork or pipe that fails is reported
+/// (WARNING, FORK_FAILED or OPENING_PIPE) and leaves an object with the process id -1 and the exit status -1; so does a
+/// pipe that cannot be put into place in the child.
+///
+/// A start costs the same whatever the size of this process, which stands still until the command is being executed: the
+/// child shares its memory until then. No handlers set with pthread_atfork run.
 ///
 /// Time limits are in seconds. A limit of 0 stands for GlobalUnixProcessMaxWaitTime, and when that is 0 too there is
 /// none. A child that outlives the limit is killed with SIGKILL but not waited for, which is reported (WARNING,
@@ -112,7 +117,6 @@ private:
     void init(const char** argv, short waitflg);
     int initp(const char** argv);
     void dopipe(const char** argv, Buffer& Output);
-    [[noreturn]] void childexec(const char** argv);
     bool collect(zeloo::ChildLimit& limit, int* status);
     void killOverdue();
 

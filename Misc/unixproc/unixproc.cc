@@ -13,15 +13,14 @@
 
 #include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
-#include "Misc/detail/limits.h"
 #include "Misc/detail/owner.h"
 #include "Misc/detail/paths.h"
 #include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/unixproc/capture.h"
 #include "Misc/unixproc/limit.h"
+#include "Misc/unixproc/start.h"
 #include "svr4/errno.h"
-#include "svr4/process.h"
 #include "svr4/signal.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: unixproc.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -40,20 +39,6 @@ static CString JoinArguments(const char** argv)
 {
     const std::unique_ptr<char[]> text(zeloo::NewJoinedText(argv));
     return CString(text.get());
-}
-
-// What every child does first, while no signal reaches it.
-static void LeaveParent()
-{
-    MonitoredObject::UnMonitor();
-    svr4::signal(SIGCLD, SIG_IGN);
-}
-
-static void CloseInheritedDescriptors()
-{
-    const svr4::SavedErrno savedErrno;
-    for (int fd = 3; fd < zeloo::DescriptorLimit; fd++)
-        close(fd);
 }
 
 static short ExitCode(int status)
@@ -198,12 +183,7 @@ void UnixProcess::init(const char** argv, short waitflg)
         svr4::signal(SIGCLD, SIG_DFL); // before the fork: the status of a child that ends at once must be kept
     }
 
-    mypid = svr4::fork_held(LeaveParent);
-    if (mypid == 0) {
-        CloseInheritedDescriptors();
-        svr4::setpgrp();
-        childexec(argv);
-    }
+    mypid = zeloo::CommandStart(argv, mycmd, nullptr).Run();
     if (mypid == -1) {
         exitstatus = NoStatus;
         sigcld.reset();
@@ -224,26 +204,21 @@ int UnixProcess::initp(const char** argv)
         return -1;
     }
 
-    mypid = svr4::fork_held(LeaveParent);
-    if (mypid == 0) {
-        close(ends[0]);
-        if (ends[1] != STDOUT_FILENO) { // as it is when the parent had closed its own
-            dup2(ends[1], STDOUT_FILENO);
-            close(ends[1]);
-        }
-        svr4::setpgrp();
-        childexec(argv);
-    }
-    const svr4::SavedErrno forkError;
+    zeloo::CommandStart start(argv, mycmd, ends);
+    mypid = start.Run();
+    const svr4::SavedErrno startError;
     close(ends[1]);
-    if (mypid == -1) {
-        exitstatus = NoStatus;
-        close(ends[0]);
-        zeloo::Report(*this, WARNING, FORK_FAILED, forkError.Value(), ZELOO_HERE,
+    if (mypid != -1)
+        return ends[0];
+
+    exitstatus = NoStatus;
+    close(ends[0]);
+    if (start.PipeFailed())
+        zeloo::Report(*this, WARNING, OPENING_PIPE, startError.Value(), ZELOO_HERE, "pipe command failed");
+    else
+        zeloo::Report(*this, WARNING, FORK_FAILED, startError.Value(), ZELOO_HERE,
                       "fork failed attempting to execute: %s", static_cast<const char*>(mycmd));
-        return -1;
-    }
-    return ends[0];
+    return -1;
 }
 
 // Collects what comes from `fd`. False when the time ran out.
@@ -291,17 +266,4 @@ void UnixProcess::dopipe(const char** argv, Buffer& Output)
     if (!inTime)
         killOverdue();
     capture.HandOver(Output, inTime ? "" : TimeExceededBanner);
-}
-
-// Runs in the child only. It never leaves through exit(), which would write what the parent's streams hold.
-void UnixProcess::childexec(const char** argv)
-{
-    svr4::execvp(argv[0], const_cast<char* const*>(argv));
-    std::cerr.tie(nullptr); // the report must not flush the parent's standard output
-    zeloo::Report(*this, WARNING, EXEC_FAILED, errno, ZELOO_HERE, "exec() failed attempting: %s",
-                  static_cast<const char*>(mycmd));
-
-    const char* blank[] = {"sh", "-c", " ", nullptr};
-    svr4::execvp(zeloo::Shell, const_cast<char* const*>(blank));
-    _exit(-1);
 }

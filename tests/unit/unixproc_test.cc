@@ -15,7 +15,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -398,32 +397,6 @@ TEST(UnixProcess, TheChildIgnoresSigcldAndHasTheMaskOfTheCaller)
     UnixProcess captured(argv, output);
     EXPECT_EQ(Bytes(output), expected);
     sigprocmask(SIG_SETMASK, &before, nullptr);
-}
-
-// An object that notes when the program is told to end.
-class Witness : public MonitoredObject {
-public:
-    explicit Witness(const std::string& file) : myFile(file) {}
-    void SigTermProc(int sig) override { WriteFile(myFile, std::to_string(sig)); }
-
-private:
-    std::string myFile;
-};
-
-TEST(UnixProcess, ASignalForANewbornChildNeverRunsTheHandlersOfTheParent)
-{
-    TemporaryDirectory directory;
-    const ChildResult child = RunInChild([&] {
-        Witness witness(directory.File("witness"));
-        pthread_atfork(nullptr, nullptr, [] { kill(getpid(), SIGTERM); }); // before anything else runs in the child
-        UnixProcess process(Sleeper, UnixProcess::leave_alone_at_destruction);
-        Buffer output;
-        UnixProcess captured(Sleeper, output);
-        _exit(Reap(process.pid()) == -SIGTERM ? captured.wait() : 1);
-    });
-    EXPECT_EQ(child.exitCode, 0);
-    EXPECT_EQ(child.err, "");
-    EXPECT_EQ(ReadFile(directory.File("witness")), "");
 }
 
 // ---- Failures of the start
