@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <new>
 
 #include <sys/types.h>
@@ -66,10 +67,20 @@ static long PendingCount() { return static_cast<long>(ProcMgr::commands.Quantity
 
 static long ActiveCount() { return static_cast<long>(ProcMgr::processes.Quantity()); }
 
+// A new command, or null without memory for it or its text. An empty text is run all the same.
+static CmdLine* NewCommand(const char* text, const FaultId& fault)
+{
+    auto* command = new (std::nothrow) CmdLine{text, 0, fault};
+    if (command == nullptr || command->cmd.strlen() == std::strlen(zeloo::TextOrEmpty(text)))
+        return command;
+    delete command;
+    return nullptr;
+}
+
 ProcMgr::ProcMgr(const char* Cmd, Fault* Cur_f)
 {
     CountProcesses();
-    CmdLine* command = new (std::nothrow) CmdLine{Cmd, 0, Cur_f != nullptr ? Cur_f->GetFaultId() : FaultId()};
+    CmdLine* command = NewCommand(Cmd, Cur_f != nullptr ? Cur_f->GetFaultId() : FaultId());
     if (command != nullptr && MonitoredObject::debug() >= 4)
         std::cout << "The Coming FaultId is " << command->Cur_fid << std::endl;
     Submit(command, "no memory for new command.");
@@ -80,7 +91,7 @@ ProcMgr::ProcMgr(const char** argv)
     ZELOO_REQUIRE(argv != NULL, "Misc/ProcMgr");
     CountProcesses();
     char* text = zeloo::NewJoinedText(argv);
-    Submit(text != nullptr ? new (std::nothrow) CmdLine{text, 0, FaultId()} : nullptr, "no memory for new string.");
+    Submit(text != nullptr ? NewCommand(text, FaultId()) : nullptr, "no memory for new string.");
     delete[] text;
 }
 

@@ -31,6 +31,7 @@ static struct EarlyAndLate {
     }
 } earlyAndLate;
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <functional>
@@ -629,6 +630,36 @@ TEST(ProcMgr, WithoutMemoryACommandIsNotSubmitted)
         const char* argv[] = {"x", nullptr};
         ProcMgr vector(argv);
         CHILD_CHECK(ProcMgr::commands.Quantity() == 0 && ProcMgr::processes.Quantity() == 0);
+    });
+    EXPECT_EQ(WithoutVariables(child.err),
+              WarningReport("ProcMgr", "Memory allocation failed.", ENOMEM, "no memory for new command.") +
+                  WarningReport("ProcMgr", "Memory allocation failed.", ENOMEM, "no memory for new string."));
+    EXPECT_EQ(child.exitCode, 0);
+}
+
+TEST(ProcMgr, WithoutMemoryForItsTextACommandIsNotSubmitted)
+{
+    const ChildResult child = InDaemon([] {
+        const std::string text = "x " + std::string(5000, 'y');
+        const int any = NewObject | NewArray | Calloc;
+        {
+            const MemoryFailure failure = MemoryFailure::FromSize(text.size(), any);
+            ProcMgr submission(text.c_str(), nullptr);
+        }
+        const char* argv[] = {"x", text.c_str() + 2, nullptr};
+        ProcMgr::SetMaxActive(0);
+        const auto sizes = SizesAllocated(any, [&] { ProcMgr vector(argv); });
+        ProcMgr::commands.DeleteAllItems();
+        ProcMgr::SetMaxActive(8);
+        const auto last = std::find(sizes.rbegin(), sizes.rend(), text.size() + 1); // of the joined text and its copy
+        CHILD_CHECK(last != sizes.rend());
+        {
+            const MemoryFailure failure = MemoryFailure::After(sizes.rend() - last - 1, any);
+            ProcMgr vector(argv);
+        }
+        CHILD_CHECK(ProcMgr::commands.Quantity() == 0 && ProcMgr::processes.Quantity() == 0);
+        ProcMgr empty("", nullptr);
+        CHILD_CHECK(ProcMgr::processes.Quantity() == 1);
     });
     EXPECT_EQ(WithoutVariables(child.err),
               WarningReport("ProcMgr", "Memory allocation failed.", ENOMEM, "no memory for new command.") +
