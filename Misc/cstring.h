@@ -204,7 +204,8 @@ private:
     char delimiter; // what ends a line or field
 };
 
-/// Collects a text character by character with one string append for `size` characters.
+/// Collects a text character by character with one string append for `size` characters. Without memory for that append
+/// the character that calls for it is left out.
 class ZELOO_API CStringBuff {
 public:
     /// Appends in chunks of `size` characters; a `size` below 1 counts as 1.

@@ -79,8 +79,12 @@ CStringBuff& CStringBuff::operator+=(char c)
         return *this;
     }
     if (Index == BuffSize) {
-        Index = 0;
+        const CString before = FinalString;
         FinalString += Buff;
+        const bool isSame = static_cast<const char*>(FinalString) == static_cast<const char*>(before);
+        if (isSame && *Buff != '\0') // no memory: the chunk must not get lost
+            return *this;
+        Index = 0;
     }
     Buff[Index++] = c;
     Buff[Index] = '\0';

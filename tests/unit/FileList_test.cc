@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/failing_memory.h"
 #include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
@@ -177,6 +178,34 @@ TEST_F(FileListTest, ANullNameIsTheEmptyOne)
     FileList all("/nosuch", "");
     all.AddFileName(nullptr);
     EXPECT_EQ(Dump(all), Lines({""}));
+}
+
+TEST_F(FileListTest, WithoutMemoryANameIsLeftOut)
+{
+    FileList list("/nosuch", "");
+    list.AddFileName("first");
+    for (const long allowed : {0, 1, 2}) { // no string, no text, or no representation
+        EXPECT_EQ(ReportsInFull([&] {
+                      const MemoryFailure failure = MemoryFailure::After(allowed, NewObject | NewArray);
+                      list.AddFileName("second");
+                  }),
+                  WarningReport("FileList", "OTHER", 0, "No room in the list for second."));
+        EXPECT_EQ(Dump(list), Lines({"first"}));
+    }
+    const ChildResult child = RunInChild([&] {
+        std::string names;
+        const std::string reports = ReportsInFull([&] {
+            MemoryFailure failure = MemoryFailure::After(8, NewObject | NewArray); // for some of the files
+            FileList walk(root.c_str(), "");
+            names = Dump(walk);
+        });
+        const int listed = CountOf(names, "\n") - 1;
+        CHILD_CHECK(listed > 0 && listed < 4);
+        CHILD_CHECK(reports == WarningReport("FileList", "OTHER", 0,
+                                             "There are more files below " + root + " than the " +
+                                                 std::to_string(listed) + " in the list."));
+    });
+    EXPECT_EQ(child.exitCode, 0) << child.err;
 }
 
 TEST_F(FileListTest, AFullListTakesNoMore)

@@ -297,6 +297,19 @@ TEST(CStringBuff, SizesBelowOneCountAsOne)
     }
 }
 
+TEST(CStringBuff, KeepsAChunkForWhichThereIsNoMemory)
+{
+    CStringBuff b(4);
+    b += CString("abcdefgh");
+    {
+        const MemoryFailure failure = MemoryFailure::Of(AnyAllocation);
+        b += 'x';
+        b += 'y';
+    }
+    b += 'i';
+    EXPECT_EQ(Text(b.GetCString()), "abcdefghi");
+}
+
 TEST(CStringBuff, WorksWithoutMemoryForTheChunk)
 {
     std::unique_ptr<CStringBuff> b;
