@@ -34,14 +34,23 @@ static const ErrorReporter& Reporter()
     return zeloo::Immortal<ErrorReporter>();
 }
 
+static bool secondIsValid = false; // which of the two lists below holds the valid nodes
+
+static CStringSafeArray& NodesList(bool second)
+{
+    return second ? zeloo::Immortal<CStringSafeArray, struct Second>()
+                  : zeloo::Immortal<CStringSafeArray, struct First>();
+}
+
 // The lines of the node list file and those learned since it was read.
-static CStringSafeArray& ValidNodes() { return zeloo::Immortal<CStringSafeArray, struct Valid>(); }
+static CStringSafeArray& ValidNodes() { return NodesList(secondIsValid); }
 
 // Every node that has been rejected.
 static CStringSafeArray& InValidNodes() { return zeloo::Immortal<CStringSafeArray, struct InValid>(); }
 
 static timespec nodesFileTime = {0, 0};  // the modification time of the node list file last read
 static bool missingFileReported = false; // since the file was last seen
+static bool unreadableReported = false;  // since the file was last read
 
 // Adds a copy of `text` to the list that reports call `name`. When memory fails or the list is full that is reported,
 // and the result is false: a caller somewhere in the network that makes up ever new names must not stop the process.
@@ -143,15 +152,41 @@ static bool ReadLine(FILE* file, char (&line)[LongestLine + 1])
     return c != EOF || length > 0;
 }
 
-static void ReadValidNodes()
+// Adds the lines of the node list file to `nodes`. 0, or the type of the failure, with `errno`.
+static short ReadNodes(CStringSafeArray& nodes)
 {
     FILE* file = std::fopen(zeloo::NodesFile, "r");
     if (file == nullptr)
-        return;
+        return ErrorReporter::OPENING_FILE;
     char line[LongestLine + 1];
     while (ReadLine(file, line))
-        AddCopy(ValidNodes(), "ValidNodes", line);
+        AddCopy(nodes, "ValidNodes", line);
+    const svr4::SavedErrno savedErrno;
+    const bool failed = std::ferror(file) != 0;
     std::fclose(file);
+    return failed ? ErrorReporter::READING_FROM_FILE : ErrorReporter::NO_ERRORS;
+}
+
+// Puts the lines of the node list file in the place of the valid nodes. False when it cannot be read.
+static bool ReplaceValidNodes()
+{
+    CStringSafeArray& nodes = NodesList(!secondIsValid);
+    const short failure = ReadNodes(nodes);
+    if (failure != ErrorReporter::NO_ERRORS) {
+        nodes.DeleteAllItems();
+        if (!unreadableReported)
+            zeloo::Report(Reporter(), ErrorReporter::WARNING, failure, errno, ZELOO_HERE, "%s", zeloo::NodesFile);
+        unreadableReported = true;
+        return false;
+    }
+    unreadableReported = false;
+    if (MonitoredObject::debug() >= 4) {
+        Tell("List before deletion:", "");
+        TellAll("Valid node: ", ValidNodes());
+    }
+    ValidNodes().DeleteAllItems();
+    secondIsValid = !secondIsValid;
+    return true;
 }
 
 void CheckNodesFile()
@@ -165,15 +200,8 @@ void CheckNodesFile()
         return;
     }
     missingFileReported = false;
-    if (!IsLater(status.st_mtim, nodesFileTime))
-        return;
-    if (MonitoredObject::debug() >= 4) {
-        Tell("List before deletion:", "");
-        TellAll("Valid node: ", ValidNodes());
-    }
-    ValidNodes().DeleteAllItems();
-    ReadValidNodes();
-    nodesFileTime = status.st_mtim; // of before the reading, so that what is written meanwhile is read next time
+    if (IsLater(status.st_mtim, nodesFileTime) && ReplaceValidNodes())
+        nodesFileTime = status.st_mtim; // of before the reading, so that what is written meanwhile is read next time
 }
 
 // The token of a node list entry at `at`, which moves behind it; empty when there is none.

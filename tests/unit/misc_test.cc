@@ -32,6 +32,7 @@ static struct EarlyAndLateUser {
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -334,17 +335,49 @@ TEST_F(NodesTest, AMissingFileIsReportedOnceAndTheListStays)
                                       Report(3, "WARNING", "OTHER", NoFileCode, NoFile));
 }
 
-TEST_F(NodesTest, AFileThatCannotBeReadEmptiesTheList)
+TEST_F(NodesTest, AFileThatCannotBeReadKeepsTheListAndIsReportedOnce)
 {
     const ChildResult child = RunInChild([] {
         SetNodes("alpha full\n", 1000);
         Ask("alpha");
-        unlink(NodesFile);
+        std::rename(NodesFile, "/var/orv/data/aside");
+        mkdir(NodesFile, 0755);
+        Ask("alpha");
+        Ask("alpha");
+        rmdir(NodesFile);
+        SetNodes("alpha later\n", 1001); // earlier than the directory was made
+        Ask("alpha");
+        std::rename(NodesFile, "/var/orv/data/aside");
         mkdir(NodesFile, 0755);
         Ask("alpha");
         rmdir(NodesFile);
+        unlink("/var/orv/data/aside");
     });
-    EXPECT_EQ(child.out, "0 [full]\n1 [none]\n");
+    EXPECT_EQ(child.out, "0 [full]\n0 [full]\n0 [full]\n0 [later]\n0 [later]\n");
+    const char* const type = "Failed to read from a file.";
+    const char* const code = "21 : Is a directory";
+    EXPECT_EQ(Reports(child.err),
+              Report(1, "WARNING", type, code, NodesFile) + Report(2, "WARNING", type, code, NodesFile));
+}
+
+TEST_F(NodesTest, AFileThatDoesNotOpenKeepsTheListUntilItDoes)
+{
+    const ChildResult child = RunInChild([] {
+        struct rlimit limit;
+        getrlimit(RLIMIT_NOFILE, &limit);
+        SetNodes("alpha full\n", 1000);
+        Ask("alpha");
+        SetNodes("alpha later\n", 1001);
+        const struct rlimit none = {3, limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        Ask("alpha");
+        Ask("alpha");
+        setrlimit(RLIMIT_NOFILE, &limit);
+        Ask("alpha");
+    });
+    EXPECT_EQ(child.out, "0 [full]\n0 [full]\n0 [full]\n0 [later]\n");
+    EXPECT_EQ(Reports(child.err),
+              Report(1, "WARNING", "Failed to open a file.", "24 : Too many open files", NodesFile));
 }
 
 TEST_F(NodesTest, AnAliasIsAcceptedByAddressAndThenByName)
