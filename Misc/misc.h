@@ -16,9 +16,10 @@ struct hostent;
 /// How many of the descriptors 0 to 59 are open.
 ZELOO_API int NumberOfOpenFiles();
 
-/// Points standard input, output and error at the log file `LogFileName`. With an `Append` of 0 an existing file is
-/// first renamed to the same name with ".old" behind it, which replaces an older one, and a fresh file is made; a
-/// rename that fails is passed over silently. Otherwise the output goes to the end of the existing file. A new file
+/// Points standard input, output and error at the log file `LogFileName`. With an `Append` of 0 an existing
+/// regular file is first renamed to the same name with ".old" behind it, which replaces an older one, and a fresh file
+/// is made; a rename that fails is passed over silently. What is no regular file (a device, a FIFO) is opened as it is,
+/// and so is every file otherwise, where the output goes to its end. A new file
 /// gets the permissions 0644 less the file creation mask. Output that is still buffered goes where it belonged before.
 /// Returns 0 with `errno` kept, also when `LogFileName` is null and so nothing is done. Returns -1 with the reason on
 /// standard error when the redirection failed; standard input is closed then, or the log file already.
@@ -29,6 +30,14 @@ ZELOO_API short redirectoutput(const char* LogFileName, short Append);
 /// the daemon's now. The descriptors 0 to 59 are closed, the file creation mask is 0, SIGTTOU, SIGTTIN, SIGTSTP, SIGHUP
 /// and SIGCLD are ignored (so that children never become zombies and their ends cannot be waited for), and the output
 /// goes to the log file as redirectoutput does it.
+///
+/// SIGHUP stays ignored, also by the programs that the daemon runs, until a handler is set for it. A MonitoredObject that
+/// is made when there is no other does that: from then on SIGHUP ends the daemon as SIGTERM does. One that was made before
+/// and still lives does not.
+///
+/// The working directory stays the caller's, and so do relative names; it keeps its file system from being unmounted. A
+/// daemon that minds calls chdir("/") afterwards. An alarm that the caller has set does not come with the daemon, and a
+/// signal that comes while it leaves the caller runs no handler in a process that is about to go.
 ///
 /// A caller whose parent is process 1 is a daemon already. That is told on standard error, and the caller goes on as it
 /// is, with only descriptors, mask, SIGCLD and output changed.
@@ -51,7 +60,9 @@ ZELOO_API hostent* GetHost(const char* Name);
 ZELOO_API int AddrEqual(const char* FromNode, const char* NName);
 
 /// Reads the node list file "/var/orv/data/orvnodes.dat" when its modification time is later than that of the file
-/// last read. While there is no file the current list stays, and its absence is reported (WARNING, OTHER) once.
+/// last read. While there is no file the current list stays, and its absence is reported (WARNING, OTHER) once. A file
+/// that cannot be opened (WARNING, OPENING_FILE) or read to its end (WARNING, READING_FROM_FILE) leaves the current list
+/// too; that is reported once, and tried again at every call, until it can be read.
 ///
 /// The file is text, one node a line: the node name and, behind blanks or tabs, its access option. Blanks and tabs in
 /// front of the name, lines without a name and what follows the option are skipped. What exceeds 511 characters of a

@@ -41,6 +41,12 @@ static short Failed(const char* what)
     return -1;
 }
 
+static bool IsRegularFile(const char* name)
+{
+    struct stat status;
+    return stat(name, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 short redirectoutput(const char* LogFileName, short Append)
 {
     if (LogFileName == nullptr)
@@ -48,7 +54,7 @@ short redirectoutput(const char* LogFileName, short Append)
     {
         const svr4::SavedErrno savedErrno; // neither a rename nor a close that finds nothing is a failure
         FlushOutput();
-        if (!Append)
+        if (!Append && IsRegularFile(LogFileName)) // a device that is renamed is lost to the whole host
             std::rename(LogFileName, CString(LogFileName) + ".old");
         close(0); // so that the log file becomes descriptor 0
     }
@@ -80,19 +86,16 @@ static short Detach()
     for (const int sig : {SIGTTOU, SIGTTIN, SIGTSTP})
         svr4::signal(sig, SIG_IGN);
 
-    { // a parent that leads the session takes the terminal with it, whose SIGHUP may come before it is ignored
-        sigset_t hangup;
-        sigemptyset(&hangup);
-        sigaddset(&hangup, SIGHUP);
-        const svr4::SignalsHeld held(hangup);
-        if (ForkAndLeave() < 0)
-            return Failed("Can't fork first child");
-        if (svr4::setpgrp() < 0) {
-            std::cerr << "can't change process group" << std::endl;
-            return -2;
-        }
-        svr4::signal(SIGHUP, SIG_IGN);
+    // A parent that leads the session takes the terminal with it, whose SIGHUP may come before it is ignored. And no
+    // handler runs, and cleans up what is the daemon's, in a parent that is about to go.
+    const svr4::SignalsHeld held;
+    if (ForkAndLeave() < 0)
+        return Failed("Can't fork first child");
+    if (svr4::setpgrp() < 0) {
+        std::cerr << "can't change process group" << std::endl;
+        return -2;
     }
+    svr4::signal(SIGHUP, SIG_IGN);
     // The second child leads no process group and so can never get a terminal again.
     return ForkAndLeave() < 0 ? Failed("Can't fork second child") : 0;
 }

@@ -2,10 +2,12 @@
 #include "Misc/misc.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <string>
@@ -21,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Misc/mobject.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
@@ -146,6 +149,42 @@ TEST_F(RedirectTest, ARenameThatFailsIsSilent)
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.out + child.err, "");
     EXPECT_EQ(ReadFile(log), "") << "the file is cut all the same";
+}
+
+TEST_F(RedirectTest, RenamesRegularFilesOnly)
+{
+    ASSERT_EQ(mkfifo(log.c_str(), 0644), 0);
+    const ChildResult child = RunInChild([this] {
+        const int reader = open(log.c_str(), O_RDONLY | O_NONBLOCK);
+        CHILD_CHECK(Redirect(0) == 0);
+        CHILD_CHECK(write(1, "out", 3) == 3);
+        char text[4] = "";
+        CHILD_CHECK(read(reader, text, 3) == 3);
+        CHILD_CHECK(std::string(text) == "out");
+        CHILD_CHECK(redirectoutput("/dev/null", 0) == 0);
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    struct stat status;
+    ASSERT_EQ(stat(log.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISFIFO(status.st_mode));
+    EXPECT_NE(access(old.c_str(), F_OK), 0);
+    ASSERT_EQ(stat("/dev/null", &status), 0);
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
+    EXPECT_NE(access("/dev/null.old", F_OK), 0);
+}
+
+TEST_F(RedirectTest, ALinkIsRenamedWhenItIsOneToARegularFile)
+{
+    const std::string target = directory.File("target");
+    WriteFile(target, "earlier\n");
+    ASSERT_EQ(symlink("target", log.c_str()), 0);
+    EXPECT_EQ(RunInChild([this] { CHILD_CHECK(Redirect(0) == 0); }).exitCode, 0);
+    EXPECT_EQ(ReadFile(old), "earlier\n");
+    EXPECT_EQ(ReadFile(target), "earlier\n") << "nothing of it is cut";
+    std::remove(log.c_str());
+    ASSERT_EQ(symlink("/dev/null", log.c_str()), 0);
+    EXPECT_EQ(RunInChild([this] { CHILD_CHECK(Redirect(0) == 0); }).exitCode, 0);
+    EXPECT_EQ(std::filesystem::read_symlink(log), "/dev/null");
 }
 
 TEST_F(RedirectTest, AFileThatDoesNotOpenIsReported)
@@ -393,6 +432,45 @@ TEST_F(DaemonTest, TheParentRunsNoExitHandlers)
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_EQ(child.out, "");
     EXPECT_EQ(ReadFile(log), "daemon\nhandler\n");
+}
+
+// No handler of the caller runs in the two processes that are left behind, whatever comes between fork and end.
+TEST_F(DaemonTest, ASignalOnTheWayRunsNoHandler)
+{
+    const ChildResult child = RunDaemon([&] {
+        std::atexit([] { std::puts("handler"); });
+        signal(SIGINT, [](int) { std::exit(3); });
+        pthread_atfork(
+            nullptr, [] { raise(SIGINT); }, nullptr);
+        const short result = daemonize(log.c_str(), 0);
+        sigset_t blocked;
+        sigprocmask(SIG_SETMASK, nullptr, &blocked);
+        std::printf("daemon %d %d", result, sigismember(&blocked, SIGINT));
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.out, "");
+    EXPECT_EQ(ReadFile(log), "daemon 0 0");
+}
+
+// The working directory is the caller's, and SIGHUP is ignored until somebody handles it.
+TEST_F(DaemonTest, KeepsItsDirectoryAndIgnoresHangUps)
+{
+    const ChildResult child = RunDaemon([this] {
+        CHILD_CHECK(chdir(directory.Path().c_str()) == 0);
+        CHILD_CHECK(daemonize("daemon.log", 0) == 0);
+        raise(SIGHUP);
+        char path[PATH_MAX];
+        std::printf("%d", getcwd(path, sizeof path) != nullptr && directory.Path() == path);
+        std::fflush(stdout);
+        MonitoredObject object;
+        raise(SIGHUP);
+        std::printf(" not ended");
+        std::fflush(stdout);
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    const std::string text = ReadFile(log);
+    EXPECT_EQ(text.substr(0, 1), "1") << text;
+    EXPECT_EQ(text.find(" not ended"), std::string::npos) << text;
 }
 
 TEST_F(DaemonTest, AChildOfProcessOneIsADaemonAlready)
