@@ -13,13 +13,13 @@
 #include <unistd.h>
 
 #include "Misc/lockedfile.h"
-#include "Misc/misc.h"
 #include "Misc/mobject.h"
 #include "Misc/proginfo.h"
 #include "Misc/unixproc.h"
 
 #include "faultserver.h"
 #include "faultstore.h"
+#include "starter.h"
 
 static const char DataDirectory[] = "/var/orv/data";
 static const char StateFile[] = "/var/orv/data/faultd.state";
@@ -36,7 +36,7 @@ static const char Usage[] =
     "  --remote-access ACCESS  what nodes may do that /var/orv/data/orvnodes.dat does not list: none (the default),\n"
     "                          read, full; or global: every node may do everything, the list does not matter\n"
     "Environment: FAULT_MESSAGE is the template of the messages, CFTIME the format of the times in them.\n"
-    "Exit codes: 0 ended as asked, or gone into the background; 1 could not start; 2 wrong usage.\n";
+    "Exit codes: 0 ended as asked, or serves in the background; 1 could not start; 2 wrong usage.\n";
 
 struct Settings {
     bool foreground = false;
@@ -87,47 +87,40 @@ static bool ReadOptions(int argc, char** argv, Settings& settings)
     return true;
 }
 
-// Tells why the daemon does not start, in one piece: several may be writing to the log.
-static int Refuse(const std::string& reason)
+static int RefuseUnlocked(Starter& starter, const LockFile& lock)
 {
-    std::cerr << "faultd: " + reason + "\n";
-    return 1;
-}
-
-static int RefuseSecond()
-{
-    return Refuse("another faultd is running: /var/orv/data/faultd.lock holds its process id");
+    if (lock.Error() == EAGAIN)
+        return starter.Refuse("another faultd is running: /var/orv/data/faultd.lock holds its process id");
+    return starter.Refuse(std::string("no way to take the lock /var/orv/data/faultd.lock: ") +
+                          std::strerror(lock.Error()));
 }
 
 // Serves until it is told to end.
-static int Serve(const Settings& settings)
+static int Serve(const Settings& settings, Starter& starter)
 {
     CString name(LockedName);
     LockFile lock(name, 0);
     if (!lock.Locked())
-        return RefuseSecond();
+        return RefuseUnlocked(starter, lock);
     FaultStore store(FaultDirectory);
     if (store.Load() != ErrorReporter::NO_ERRORS)
-        return Refuse("the faults cannot be kept in /var/orv/data/faults");
+        return starter.Refuse("the faults cannot be kept in /var/orv/data/faults");
     FaultServer server(store, settings.seconds, settings.remoteAccess);
     if (!server.InBasket().Created())
-        return Refuse("no message queue: another server has it, or the host refuses one");
+        return starter.Refuse("no message queue: another server has it, or the host refuses one");
+    starter.Serves();
     server.main();
     return 0;
 }
 
-// Leaves the terminal. What would keep the daemon from starting is said while there still is one. The lock itself comes
-// later, since it must belong to the process that stays.
-static int Daemonize(const char* log)
+// Leaves the terminal for the log. Returns 0, or -1 when that failed, which has been told.
+static int Daemonize(Starter& starter, const char* log)
 {
-    CString name(LockedName);
-    if (!LockFile(name, 0).Locked())
-        return RefuseSecond();
     const int fd = open(log, O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd < 0)
-        return Refuse(std::string("no way to write the log ") + log + ": " + std::strerror(errno));
+        return -starter.Refuse(std::string("no way to write the log ") + log + ": " + std::strerror(errno));
     close(fd);
-    return daemonize(log, 1) == 0 ? 0 : 1;
+    return starter.Daemonize(log);
 }
 
 int main(int argc, char** argv, char** envp)
@@ -142,16 +135,17 @@ int main(int argc, char** argv, char** envp)
         std::cerr << Usage;
         return 2;
     }
+    Starter starter;
     if (access(FaultKeyFile, F_OK) != 0)
-        return Refuse(std::string("the key file ") + FaultKeyFile + " is missing; create it with `touch`");
+        return starter.Refuse(std::string("the key file ") + FaultKeyFile + " is missing; create it with `touch`");
     if (access(DataDirectory, W_OK) != 0)
-        return Refuse(std::string("no way to write into ") + DataDirectory + ": " + std::strerror(errno));
-    if (!settings.foreground && Daemonize(settings.log) != 0)
+        return starter.Refuse(std::string("no way to write into ") + DataDirectory + ": " + std::strerror(errno));
+    if (!settings.foreground && Daemonize(starter, settings.log) != 0)
         return 1;
     umask(022);
     std::signal(SIGCLD, SIG_IGN); // ProcMgr's commands are not waited for
     UnixProcess::SetGlobalMaxOutput(64 << 20);
     MonitoredObject::SetDebugLevel(settings.debug);
     MonitoredObject::SetDumpStateFileName(StateFile);
-    return Serve(settings);
+    return Serve(settings, starter);
 }

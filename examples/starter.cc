@@ -1,0 +1,79 @@
+#include "starter.h"
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Misc/misc.h"
+
+static const char Serving = '\0';      // what is told when the daemon serves; otherwise it is the reason, a text
+static const int LowestKept = 60;      // the descriptors below this one do not survive daemonize
+static const char Name[] = "faultd: "; // in front of what is told
+
+Starter::~Starter()
+{
+    if (caller >= 0)
+        close(caller);
+}
+
+// Waits for what the daemon tells, however long its start takes, and ends with it.
+[[noreturn]] static void EndAsTold(int daemon, const char* log)
+{
+    std::string told;
+    char text[256];
+    ssize_t n;
+    while ((n = read(daemon, text, sizeof text)) > 0 || (n < 0 && errno == EINTR))
+        if (n > 0)
+            told.append(text, static_cast<std::size_t>(n));
+    if (told == std::string(1, Serving))
+        _exit(0);
+    std::cerr << (told.empty() ? Name + std::string("ended before it served; see ") + log + "\n" : told) << std::flush;
+    _exit(1);
+}
+
+int Starter::Daemonize(const char* log)
+{
+    if (getppid() == 1) // of the system's first process the caller is the daemon itself, see daemonize
+        return daemonize(log, 1) == 0 ? 0 : -1;
+    int ends[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0) {
+        caller = fcntl(ends[1], F_DUPFD_CLOEXEC, LowestKept);
+        close(ends[1]);
+    }
+    const pid_t pid = caller >= 0 ? fork() : -1;
+    if (pid < 0)
+        return Refuse(std::string("no way into the background: ") + std::strerror(errno)), -1;
+    if (pid > 0) {
+        close(caller);
+        EndAsTold(ends[0], log);
+    }
+    close(ends[0]);
+    const short status = daemonize(log, 1);
+    if (status == -1)
+        Refuse(std::string("no way into the background with the log ") + log + ": " + std::strerror(errno));
+    return status == 0 ? 0 : -1;
+}
+
+// A caller that has gone, or does not listen, is no reason to end.
+static void Tell(int& caller, const std::string& text)
+{
+    if (caller < 0)
+        return;
+    send(caller, text.data(), text.size(), MSG_NOSIGNAL);
+    close(caller);
+    caller = -1;
+}
+
+void Starter::Serves() { Tell(caller, std::string(1, Serving)); }
+
+int Starter::Refuse(const std::string& reason)
+{
+    const std::string line = Name + reason + "\n";
+    std::cerr << line; // in one piece: several may be writing to the log
+    Tell(caller, line);
+    return 1;
+}
