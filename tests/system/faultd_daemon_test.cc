@@ -136,8 +136,9 @@ TEST_F(FaultDaemonTest, LogsBehindTheEarlierMessages)
 TEST_F(FaultDaemonTest, ReturnsOnlyOnceItServes)
 {
     for (int i = 0; i < 20; i++) {
-        StartDaemon();
-        EXPECT_RESULT(Ctl({"list"}), 0, "", "");
+        EXPECT_RESULT(RunProgram(Faultd, {}), 0, "", "");
+        EXPECT_TRUE(IPCQClient(0, "orvd").Connected());
+        daemon = LockOwner();
         EndDaemon(0);
     }
 }
