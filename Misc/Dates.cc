@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "Misc/detail/localtime.h"
 #include "Misc/detail/text.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: Dates.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -26,12 +27,7 @@ template <size_t N>
     return buffer;
 }
 
-tm Dates::CurrentTm(long moment)
-{
-    const time_t seconds = moment;
-    const tm* local = localtime(&seconds);
-    return local != nullptr ? *local : tm(); // null: the year does not fit its field
-}
+tm Dates::CurrentTm(long moment) { return zeloo::LocalTime(moment); }
 
 // The local time at `moment`, valid until the next call.
 static tm* Local(long moment)

@@ -25,14 +25,26 @@ struct SignalledContext {
 /// Installs `handler`, a function, for `sig`, to run on the alternate stack (see use_alternate_stack) with no other
 /// signal than `sig` blocked. The context of the signal is kept for signalled_context before `handler` is called.
 /// A handler installed with SA_ONSTACK for a fault of `handler` itself runs on a reserve stack, so that it works
-/// when `handler` overflows the alternate stack. A call that the signal interrupts fails with EINTR. Returns 0, or
-/// -1 with `errno`.
+/// when `handler` overflows the alternate stack. A call that the signal interrupts fails with EINTR. In a process with
+/// threads one of them at a time handles such a signal; others that get one wait until it has returned, if it does.
+/// Returns 0, or -1 with `errno`.
 int capture_signal(int sig, void (*handler)(int));
 
 /// Gives the process an alternate signal stack of its own, so that a handler can run when the stack itself has
 /// overflowed. The memory is taken once and kept; a further call puts the stack back where another one replaced it.
 /// A page below the stack that cannot be touched stops an overflow. Returns 0, or -1 with `errno`.
 int use_alternate_stack();
+
+/// Whether another thread of this process is in a handler of capture_signal.
+bool is_captured_elsewhere();
+
+/// Waits while another thread is. For handlers that a handler of capture_signal installs meanwhile for signals of its own,
+/// which those of the other threads meet as well. Usable in a handler.
+void wait_while_captured_elsewhere();
+
+/// Ends the process as abort(3) does, with SIGABRT and a core image, whatever its signals are set to, whatever signals
+/// arrive meanwhile and whatever its threads are at. Usable in a handler.
+[[noreturn]] void end_with_core();
 
 /// The context that the last signal installed with capture_signal interrupted. Returns 0, or -1 when there was none;
 /// `*context` is all 0 then.

@@ -3,6 +3,7 @@
 #define SVR4_ERRNO_H
 
 #include <cerrno>
+#include <cstring>
 
 namespace svr4 {
 
@@ -25,6 +26,17 @@ inline int FailWith(int error)
 {
     errno = error;
     return -1;
+}
+
+/// The text of strerror(3), for handlers: that one may allocate and take a lock.
+inline const char* error_text(int error)
+{
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
+    const char* text = strerrordesc_np(error);
+    return text != nullptr ? text : "Unknown error";
+#else
+    return strerror(error);
+#endif
 }
 
 } // namespace svr4

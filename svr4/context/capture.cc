@@ -1,12 +1,16 @@
 #include "svr4/context.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "svr4/context/registers.h"
+#include "svr4/deadline.h"
 #include "svr4/errno.h"
+#include "svr4/signal.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: context.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -28,14 +32,37 @@ void (*handlers[NSIG])(int);
 SignalledContext kept;
 bool isKept = false;
 
+// The thread that handles a captured signal: its process in the upper half, since a child forked meanwhile has no such
+// thread, and its own id in the lower. 0 while there is none.
+std::atomic<uint64_t> owner{0};
+
+uint64_t ThisThread() { return static_cast<uint64_t>(getpid()) << 32 | static_cast<uint32_t>(syscall(SYS_gettid)); }
+
+bool IsOtherThread(uint64_t one, uint64_t self) { return one != 0 && one >> 32 == self >> 32 && one != self; }
+
+// Makes the calling thread the owner, as soon as no other thread of the process is. Returns the owner before.
+uint64_t BecomeOwner()
+{
+    const uint64_t self = ThisThread();
+    for (;;) {
+        uint64_t earlier = owner;
+        if (IsOtherThread(earlier, self))
+            pause_microseconds(10000);
+        else if (owner.compare_exchange_strong(earlier, self))
+            return earlier;
+    }
+}
+
 void OnSignal(int sig, siginfo_t*, void* context)
 {
     const SavedErrno savedErrno;
+    const uint64_t earlier = BecomeOwner();
     kept = ReadContext(*static_cast<const ucontext_t*>(context));
     isKept = true;
     if (reserve.ss_sp != nullptr)
         sigaltstack(&reserve, nullptr); // refused where the host did not disarm: faults are then handled in place
     handlers[sig](sig);
+    owner = earlier;
 }
 
 // One mapping: guard, alternate stack, guard, reserve stack, guard.
@@ -94,6 +121,47 @@ int use_alternate_stack()
         return 0;
     alternate.ss_flags = 0; // a host that cannot disarm: one stack for everything
     return sigaltstack(&alternate, nullptr);
+}
+
+bool is_captured_elsewhere() { return IsOtherThread(owner, ThisThread()); }
+
+void wait_while_captured_elsewhere()
+{
+    while (is_captured_elsewhere())
+        pause_microseconds(10000);
+}
+
+static void SetDisposition(int sig, SignalHandler handler)
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    sigaction(sig, &action, nullptr);
+}
+
+void end_with_core()
+{
+    // All are dropped, those that are held back too: none of them may end the process in the place of SIGABRT. Only what
+    // another thread's fault does stays, since the host ends the process where a fault is to be ignored.
+    for (int sig = 1; sig < NSIG; sig++)
+        switch (sig) {
+        case SIGSEGV:
+        case SIGBUS:
+        case SIGFPE:
+        case SIGILL:
+        case SIGTRAP:
+        case SIGSYS: break;
+        case SIGABRT: SetDisposition(sig, SIG_DFL); break;
+        default: SetDisposition(sig, SIG_IGN);
+        }
+    sigset_t abortOnly;
+    sigemptyset(&abortOnly);
+    sigaddset(&abortOnly, SIGABRT);
+    sigprocmask(SIG_UNBLOCK, &abortOnly, nullptr);
+    // abort(3) has a lock, which a thread that waits in its handler may hold.
+    syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), SIGABRT);
+    SetDisposition(SIGILL, SIG_DFL);
+    for (;;)
+        __builtin_trap(); // the first process of a container is not ended by a signal that it sends
 }
 
 int signalled_context(SignalledContext* context)
