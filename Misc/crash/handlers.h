@@ -1,4 +1,4 @@
-// The process's signal handlers, as the registry sees them.
+// The process's signal handlers, as the parts of the unit see them.
 #ifndef MISC_CRASH_HANDLERS_H
 #define MISC_CRASH_HANDLERS_H
 
@@ -6,9 +6,35 @@
 
 namespace zeloo {
 
-/// The signals to hold back while a handler works or while the registry changes. Faults are not among them, since they
-/// cannot be held back, nor are SIGALRM and SIGCLD, which the objects may need in a capture.
+/// Installs the handlers of MonitoredObject and makes ready what they need.
+void InstallHandlers();
+
+/// Makes InstallHandlers do nothing from now on: what a capture or a dump constructs must not undo the handlers that
+/// it works with.
+void KeepHandlers();
+
+/// Installs `handler` to run with all signals blocked from its first instruction on. Returns 0 or -1.
+int HandleAlone(int sig, void (*handler)(int), int flags, struct sigaction* earlier = nullptr);
+
+/// The signals that ask for something, held back in a capture. Faults are not among them, since they cannot be held
+/// back, nor are SIGALRM and SIGCLD, which the objects may need in a capture.
 sigset_t RequestSignals();
+
+/// What a process may not get through by itself, and so may stop a dump or a capture: SIGSEGV, SIGBUS and their kind.
+constexpr int FaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+
+/// The time for SigTermProc and SigRestartProc of all objects together and, on SIGTERM, for exit, in milliseconds.
+constexpr long EndingTime = 10000;
+
+/// The limits of MonitoredObject::SetCaptureLimits.
+long CaptureTime(); // milliseconds
+unsigned long CaptureBytes();
+
+/// Makes what Capture writes with.
+void MakeReadyForCapture();
+
+/// The handler of the signals that are captured: writes the crash file and ends the process with a core image.
+[[noreturn]] void Capture(int sig);
 
 } // namespace zeloo
 

@@ -1,10 +1,13 @@
-#include "Misc/mobject.h"
+#include "Misc/crash/registry.h"
 
-#include <new>
+#include <atomic>
 
 #include "Misc/crash/handlers.h"
+#include "Misc/crash/request.h"
 #include "Misc/detail/text.h"
-#include "svr4/signal.h"
+#include "Misc/mobject.h"
+
+using zeloo::Objects;
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -12,26 +15,19 @@ ZELOO_DEFINE_ARRAY(MonitoredObject);
 
 short MonitoredObject::DebugLevel = 0;
 long MonitoredObject::InstanceCounter = 0;
-// Plain pointers, null before any constructor runs and never destroyed: static objects of other units are registered
-// before main and removed after it.
-MonitoredObjectSafeArray* MonitoredObject::Registry = nullptr;
 char* MonitoredObject::DumpStateFileName = nullptr;
 
-MonitoredObject::MonitoredObject() : ObjectTag(InstanceCounter++) { Register(); }
+// Plain pointers, null before any constructor runs and never destroyed: static objects of other units are registered
+// before main and removed after it.
+MonitoredObject* Objects::first = nullptr;
+MonitoredObject* Objects::last = nullptr;
+Objects::Walk* Objects::Walk::innermost = nullptr;
 
-MonitoredObject::MonitoredObject(const MonitoredObject&) : ObjectTag(InstanceCounter++) { Register(); }
+MonitoredObject::MonitoredObject() : ObjectTag(InstanceCounter++) { Objects::Add(this); }
 
-MonitoredObject::~MonitoredObject()
-{
-    const svr4::SignalsHeld held(zeloo::RequestSignals());
-    if (Registry == nullptr)
-        return;
-    Registry->RemovePtr(this);
-    if (Registry->Quantity() == 0) {
-        delete Registry;
-        Registry = nullptr;
-    }
-}
+MonitoredObject::MonitoredObject(const MonitoredObject&) : ObjectTag(InstanceCounter++) { Objects::Add(this); }
+
+MonitoredObject::~MonitoredObject() { Objects::Remove(this); }
 
 long MonitoredObject::myObjectTag() { return ObjectTag; }
 
@@ -49,63 +45,108 @@ void MonitoredObject::SetDumpStateFileName(const char* name)
 
 void MonitoredObject::DumpState(std::ostream& os)
 {
-    os << "Monitored Objects: \n";
-    if (Registry == nullptr || Registry->Quantity() == 0) {
-        os << "No objects currently being monitored...\n";
+    if (!Objects::DumpHeading(os))
         return;
-    }
-    os << "First tag: " << Registry->first()->myObjectTag() << '\n';
-    os << "Last tag:  " << Registry->last()->myObjectTag() << '\n';
-    os << "Total still resident: " << Registry->Quantity() << '\n';
-    os << "*** Dump of all Monitored Objects ***\n";
-    for (unsigned i = 0; Registry != nullptr && i < Registry->Quantity(); i++) {
-        MonitoredObject* object = (*Registry)[static_cast<int>(i)];
-        os << "\n\n*** Begin dump of object tag: " << object->myObjectTag() << '\n';
-        os.flush(); // so that the dump shows where the process was when it ends here
-        object->dumpOn(os);
-        os << "\n*** End dump of object tag:   " << object->myObjectTag() << '\n';
-    }
-    os << "*** End Dump of all Monitored Objects ***\n";
+    Objects::Walk walk;
+    while (MonitoredObject* object = walk.Next())
+        Objects::DumpObject(object, os);
+    Objects::DumpEnd(os);
 }
 
-void MonitoredObject::Register()
+namespace zeloo {
+
+// Keeps the compiler from moving a store across: a handler must see them in the order in which they stand.
+static void StoresInOrder() { std::atomic_signal_fence(std::memory_order_seq_cst); }
+
+Objects::Walk::Walk() : next(first), end(MonitoredObject::InstanceCounter), outer(innermost) { innermost = this; }
+
+MonitoredObject* Objects::Walk::Next()
 {
-    const svr4::SignalsHeld held(zeloo::RequestSignals());
-    if (Registry == nullptr) {
-        Registry = new (std::nothrow) MonitoredObjectSafeArray;
-        if (Registry == nullptr)
-            return;
-        Registry->SetPurgeMode(1);
+    MonitoredObject* object = next;
+    if (object == nullptr || object->ObjectTag >= end)
+        return nullptr;
+    next = object->NextObject;
+    return object;
+}
+
+void Objects::Add(MonitoredObject* object)
+{
+    CollectDump();
+    if (first == nullptr)
         InstallHandlers();
-    }
-    Registry->AddItem(this);
-    Registry->ShrinkToFit();
+    object->NextObject = nullptr;
+    object->PreviousObject = last;
+    StoresInOrder();
+    (last != nullptr ? last->NextObject : first) = object;
+    StoresInOrder();
+    last = object;
 }
 
-// The index of the first object with a tag above `tag`; Quantity() when there is none.
-unsigned MonitoredObject::IndexBehind(long tag)
+void Objects::Remove(MonitoredObject* object)
 {
-    unsigned low = 0, high = Registry->Quantity();
-    while (low < high) {
-        const unsigned middle = low + (high - low) / 2;
-        if ((*Registry)[static_cast<int>(middle)]->ObjectTag <= tag)
-            low = middle + 1;
-        else
-            high = middle;
-    }
-    return low;
+    CollectDump();
+    for (Walk* walk = Walk::innermost; walk != nullptr; walk = walk->outer)
+        if (walk->next == object)
+            walk->next = object->NextObject;
+    (object->PreviousObject != nullptr ? object->PreviousObject->NextObject : first) = object->NextObject;
+    StoresInOrder();
+    (object->NextObject != nullptr ? object->NextObject->PreviousObject : last) = object->PreviousObject;
 }
 
-// Calls `operation` for every object. The operations may construct and destroy objects: each object there is at the
-// beginning is called once if it is still there, and new ones are not called.
-void MonitoredObject::ForEach(void (MonitoredObject::*operation)(int), int sig)
+void Objects::TakeOver()
 {
-    const long end = InstanceCounter;
-    for (long tag = -1; Registry != nullptr;) {
-        MonitoredObject* object = (*Registry)[static_cast<int>(IndexBehind(tag))];
-        if (object == nullptr || object->ObjectTag >= end)
-            return;
-        tag = object->ObjectTag;
+    ForgetWalks();
+    last = nullptr;
+    for (MonitoredObject* object = first; object != nullptr; object = object->NextObject) {
+        object->PreviousObject = last;
+        last = object;
+    }
+}
+
+void Objects::ForEach(void (MonitoredObject::*operation)(int), int sig)
+{
+    Walk walk;
+    while (MonitoredObject* object = walk.Next())
         (object->*operation)(sig);
-    }
 }
+
+long Objects::TagOf(long number)
+{
+    const MonitoredObject* object = first;
+    for (; object != nullptr && number > 0; number--)
+        object = object->NextObject;
+    return object != nullptr ? object->ObjectTag : -1;
+}
+
+bool Objects::DumpHeading(std::ostream& os)
+{
+    os << "Monitored Objects: \n";
+    if (first == nullptr) {
+        os << "No objects currently being monitored...\n";
+        return false;
+    }
+    MonitoredObject* final = first;
+    unsigned long number = 1;
+    for (; final->NextObject != nullptr; final = final->NextObject)
+        number++;
+    os << "First tag: " << first->myObjectTag() << '\n';
+    os << "Last tag:  " << final->myObjectTag() << '\n';
+    os << "Total still resident: " << number << '\n';
+    os << "*** Dump of all Monitored Objects ***\n";
+    return true;
+}
+
+void Objects::DumpObject(MonitoredObject* object, std::ostream& os)
+{
+    const long tag = object->myObjectTag();
+    os << "\n\n*** Begin dump of object tag: " << tag << '\n';
+    os.flush(); // so that the dump shows where the process was when it ends here
+    object->dumpOn(os);
+    DumpEndOfObject(tag, os);
+}
+
+void Objects::DumpEndOfObject(long tag, std::ostream& os) { os << "\n*** End dump of object tag:   " << tag << '\n'; }
+
+void Objects::DumpEnd(std::ostream& os) { os << "*** End Dump of all Monitored Objects ***\n"; }
+
+} // namespace zeloo

@@ -7,29 +7,61 @@
 
 namespace zeloo {
 
-/// A file written from a signal handler: the signal may have come in the middle of malloc, so a FILE or a filebuf,
-/// which allocate, will not do. The file is opened for writing, created with mode 0666 where there is none, with `mode`
-/// (O_APPEND or O_TRUNC) beside. IsOpen tells whether that succeeded; Error is the `errno` of the first failure, of the
-/// opening or of a later write, or 0. The destructor writes what is left.
-class SignalFile : private std::streambuf, public std::ostream {
+/// A stream for signal handlers: the signal may have come in the middle of malloc, of a stream or of stdio, so what it
+/// writes with neither allocates nor takes a lock. It is made before it is needed, and written in the classic locale.
+class SignalStream : private std::streambuf, public std::ostream {
 public:
-    SignalFile(const char* name, int mode);
-    ~SignalFile() override;
+    SignalStream();
 
-    bool IsOpen() const { return fd >= 0; }
-    int Error() const { return error; }
+protected:
+    /// Writes the bytes; 0, or the `errno` of a failure.
+    virtual int Put(const char* bytes, size_t length) = 0;
+    /// Empties the block and makes the stream good, with the settings of a new one.
+    void Reset();
+    void Fail(int errorNumber) { error = errorNumber; }
+    /// The `errno` of the first failure since the last Reset, or 0; nothing is written behind a failure.
+    int FirstError() const { return error; }
 
 private:
     std::streambuf::int_type overflow(std::streambuf::int_type c) override;
     int sync() override;
 
-    int fd;
     int error;
     char block[4096];
 };
 
-/// Standard error, good and unbuffered, with decimal numbers, whatever the program has done to it.
+/// A file for a dump, bounded.
+class SignalFile : public SignalStream {
+public:
+    SignalFile();
+    /// Takes a descriptor that is open for writing, for the file named by `errorNumber` when it is negative. At most
+    /// `limit` bytes go to it: when there would be more, the part that fits is written and `beyond` called, which does
+    /// not return.
+    void Attach(int descriptor, unsigned long limit, void (*beyond)());
+    /// Changes the limit, which counts from the last Attach on. Null for `beyond`: none.
+    void SetLimit(unsigned long limit, void (*beyond)());
+    int Error() const { return FirstError(); }
+    unsigned long Written() const { return written; }
+
+private:
+    int Put(const char* bytes, size_t length) override;
+
+    int fd;
+    unsigned long written; // bytes
+    unsigned long mostBytes;
+    void (*whenBeyond)();
+};
+
+/// Opens the file `name` for a dump, created with mode 0666 where there is none, with `mode` (O_APPEND or O_TRUNC)
+/// beside. Opening does not wait, whatever the file is. Returns the descriptor, or -1 with `errno`.
+int OpenForDump(const char* name, int mode);
+
+/// Standard error, good and with the settings of a new stream, whatever the program has done to its own. What is
+/// written goes out with a flush, and is left out where it would have to wait: for a pipe that nobody reads.
 std::ostream& StandardError();
+
+/// Lets standard output and standard error lead nowhere, each if a write to it would have to wait now.
+void CutFullOutputs();
 
 } // namespace zeloo
 

@@ -40,24 +40,67 @@ void WriteRegisters(const svr4::SignalledContext& context, std::ostream& file)
     }
 }
 
-// Follows the chain of frames. Code compiled without frame pointers may leave anything in the chain, so it is
-// followed only upwards and within the stack.
-void WriteFrames(uintptr_t frame, uintptr_t floor, uintptr_t low, uintptr_t high, std::ostream& file)
-{
-    struct {
-        uintptr_t caller;
-        uintptr_t returnAddress;
-    } saved;
-    while (frame >= floor && frame >= low && frame < high && high - frame >= sizeof saved &&
-           frame % sizeof(uintptr_t) == 0) {
-        svr4::copy_memory(frame, &saved, sizeof saved);
-        char line[64];
-        snprintf(line, sizeof line, "bp=%08lx\tip=%08lx\n", static_cast<unsigned long>(frame),
-                 static_cast<unsigned long>(saved.returnAddress));
-        file << line;
-        floor = frame + 1;
-        frame = saved.caller;
+struct Frame {
+    uintptr_t address;
+    uintptr_t caller; // the address of the next frame
+    uintptr_t returnAddress;
+};
+
+// The chain of frames. Code compiled without frame pointers may leave anything in it, so it is followed only upwards and
+// within the stack.
+class Frames {
+public:
+    Frames(uintptr_t first, uintptr_t floor_p, uintptr_t low, uintptr_t high_p)
+        : next(first), floor(floor_p > low ? floor_p : low), high(high_p)
+    {
     }
+    // Goes to the next frame; false at the end.
+    bool Step(Frame* frame)
+    {
+        constexpr size_t Size = 2 * sizeof(uintptr_t);
+        if (next < floor || next >= high || high - next < Size || next % sizeof(uintptr_t) != 0)
+            return false;
+        frame->address = next;
+        svr4::copy_memory(next, &frame->caller, Size);
+        floor = next + 1;
+        next = frame->caller;
+        return true;
+    }
+
+private:
+    uintptr_t next, floor, high;
+};
+
+void WriteFrame(const Frame& frame, std::ostream& file)
+{
+    char line[64];
+    snprintf(line, sizeof line, "bp=%08lx\tip=%08lx\n", static_cast<unsigned long>(frame.address),
+             static_cast<unsigned long>(frame.returnAddress));
+    file << line;
+}
+
+void WriteFrames(Frames frames, unsigned long most, std::ostream& file)
+{
+    constexpr unsigned long MostOutermost = 1000;
+    static Frame outermost[MostOutermost]; // not on the handler's stack, which the objects may need
+    const unsigned long keep = most / 2 < MostOutermost ? most / 2 + 1 : MostOutermost;
+    unsigned long number = 0;
+    Frame frame;
+    for (; number < most && frames.Step(&frame); number++)
+        WriteFrame(frame, file);
+    if (number < most)
+        return;
+    for (number = 0; frames.Step(&frame); number++)
+        outermost[number % keep] = frame;
+    unsigned long at = 0;
+    if (number > keep) {
+        at = number - keep;
+        char line[64];
+        snprintf(line, sizeof line, "\t %lu frame(s) left out\n", at);
+        file << line;
+    }
+    for (; at < number; at++)
+        WriteFrame(outermost[at % keep], file);
 }
 
 } // namespace
@@ -96,7 +139,7 @@ void dumpmem(uintptr_t address, unsigned long length, const char* label, std::os
     }
 }
 
-void dumpstack(std::ostream& file)
+void dumpstack(std::ostream& file, unsigned long mostFrames)
 {
     svr4::SignalledContext context;
     svr4::signalled_context(&context);
@@ -111,7 +154,7 @@ void dumpstack(std::ostream& file)
 
     file << "Dynamic link:\tReturn Address:\n";
     if (known)
-        WriteFrames(frame, stackPointer, low, high, file);
+        WriteFrames(Frames(frame, stackPointer, low, high), mostFrames, file);
     file << '\n';
 
     uintptr_t start = stackPointer & ~uintptr_t(BytesInRow - 1);

@@ -8,9 +8,10 @@
 namespace zeloo {
 
 /// Writes the registers of what the signal interrupted, its chain of frames, and the hex dump of its stack from the
-/// stack pointer to some way above the frame pointer, as far as they lie in one readable stack. For a handler of
-/// svr4::capture_signal.
-void dumpstack(std::ostream& file);
+/// stack pointer to some way above the frame pointer, as far as they lie in one readable stack. Of more than `mostFrames`
+/// frames the innermost and the outermost are written, with a line between them that counts the others. For a handler
+/// of svr4::capture_signal.
+void dumpstack(std::ostream& file, unsigned long mostFrames);
 
 /// Writes the memory from `address` on, a header line under `label` first and then a line for every row. Rows equal to
 /// the row before them (to zero bytes for the first) are only counted; their number stands on a line of its own before
