@@ -1,13 +1,13 @@
 #include "Misc/SafeArray.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include "Misc/Error/report.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/limits.h"
 #include "Misc/detail/standardstreams.h"
+#include "svr4/sort.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: SafeArray.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -145,38 +145,68 @@ void** SafeArrayBase::GetPointers() const
     return copy;
 }
 
-// The searches hand over the address of the key, so that both arguments of `fptr` are pointers to element pointers. The
-// C library's functions may not be called with a null array.
-void* SafeArrayBase::bsearch(const void* key, int (*fptr)(const void*, const void*)) const
+typedef int (*Compare)(const void*, const void*);
+
+static int CallUntyped(const void* a, const void* b, void* fptr) { return (*static_cast<Compare*>(fptr))(a, b); }
+
+void* SafeArrayBase::bsearch(const void* key, Compare fptr) const
+{
+    return bsearchBy(key, CallUntyped, fptr != nullptr ? &fptr : nullptr);
+}
+
+void* SafeArrayBase::lfind(const void* key, Compare fptr) const
+{
+    return lfindBy(key, CallUntyped, fptr != nullptr ? &fptr : nullptr);
+}
+
+void* SafeArrayBase::search(const void* key, Compare fptr) const
+{
+    return searchBy(key, CallUntyped, fptr != nullptr ? &fptr : nullptr);
+}
+
+void SafeArrayBase::qsort(Compare fptr) { qsortBy(CallUntyped, fptr != nullptr ? &fptr : nullptr); }
+
+// The searches hand over the address of the key, so that both arguments of the comparison are pointers to element
+// pointers. Of several elements that are equal this finds the one that the C library's function does.
+void* SafeArrayBase::bsearchBy(const void* key, Call call, void* fptr) const
 {
     ZELOO_REQUIRE(key != NULL, "Misc/SafeArray");
     ZELOO_REQUIRE(fptr != NULL, "Misc/SafeArray");
-    if (myQuantity == 0)
-        return nullptr;
-    void* place = ::bsearch(&key, list, myQuantity, sizeof(void*), fptr);
-    return place != nullptr ? *static_cast<void**>(place) : nullptr;
+    unsigned begin = 0;
+    unsigned end = myQuantity;
+    while (begin < end) {
+        const unsigned middle = (begin + end) / 2;
+        const int order = call(&key, list + middle, fptr);
+        if (order == 0)
+            return list[middle];
+        if (order < 0)
+            end = middle;
+        else
+            begin = middle + 1;
+    }
+    return nullptr;
 }
 
-void* SafeArrayBase::lfind(const void* key, int (*fptr)(const void*, const void*)) const
+void* SafeArrayBase::lfindBy(const void* key, Call call, void* fptr) const
 {
     ZELOO_REQUIRE(key != NULL, "Misc/SafeArray");
     ZELOO_REQUIRE(fptr != NULL, "Misc/SafeArray");
     for (unsigned i = 0; i < myQuantity; i++)
-        if (fptr(&key, list + i) == 0)
+        if (call(&key, list + i, fptr) == 0)
             return list[i];
     return nullptr;
 }
 
-void* SafeArrayBase::search(const void* key, int (*fptr)(const void*, const void*)) const
+void* SafeArrayBase::searchBy(const void* key, Call call, void* fptr) const
 {
-    return myQuantity < BinarySearchQuantity ? lfind(key, fptr) : bsearch(key, fptr);
+    return myQuantity < BinarySearchQuantity ? lfindBy(key, call, fptr) : bsearchBy(key, call, fptr);
 }
 
-void SafeArrayBase::qsort(int (*fptr)(const void*, const void*))
+void SafeArrayBase::qsortBy(Call call, void* fptr)
 {
     ZELOO_REQUIRE(fptr != NULL, "Misc/SafeArray");
-    if (myQuantity != 0)
-        ::qsort(list, myQuantity, sizeof(void*), fptr);
+    if (myQuantity != 0) // the C library's function may not be called with a null array
+        svr4::qsort(list, myQuantity, sizeof(void*), call, fptr);
 }
 
 void SafeArrayBase::printAs(const char* element, std::ostream& os) const

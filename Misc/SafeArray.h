@@ -84,6 +84,13 @@ public:
     SafeArrayBase& operator=(const SafeArrayBase&) = delete;
 
 protected:
+    /// The searches and the sort for a comparison function of any type: `call` calls the one at `fptr`, which is null
+    /// when there is none, with two pointers to element pointers. REQUIRES: as above.
+    typedef int (*Call)(const void* a, const void* b, void* fptr);
+    void* bsearchBy(const void* key, Call call, void* fptr) const;
+    void* lfindBy(const void* key, Call call, void* fptr) const;
+    void* searchBy(const void* key, Call call, void* fptr) const;
+    void qsortBy(Call call, void* fptr);
     /// The typed dump, with `element` as the name of the element class.
     void printAs(const char* element, std::ostream& os) const;
 
@@ -127,6 +134,19 @@ private:
     const SafeArrayBase& MyArray;
 };
 
+namespace zeloo {
+
+/// Calls the comparison function at `fptr`, of the type of SafeArray<X>, as SafeArrayBase calls it.
+template <class X>
+int CallTyped(const void* a, const void* b, void* fptr)
+{
+    const X* first = static_cast<const X*>(*static_cast<const void* const*>(a));
+    const X* second = static_cast<const X*>(*static_cast<const void* const*>(b));
+    return (*static_cast<int (**)(const X**, const X**)>(fptr))(&first, &second);
+}
+
+} // namespace zeloo
+
 /// The typed array for the element class X, the base of XSafeArray. It adds no data. An owning array deletes its
 /// elements with `delete`: give it heap objects, also where an operation takes a reference.
 template <class X>
@@ -165,10 +185,19 @@ public:
     using SafeArrayBase::search;
     /// The searches of SafeArrayBase with a typed comparison function.
     typedef int (*Compare)(const X**, const X**);
-    X* bsearch(const X* key, Compare fptr) const { return static_cast<X*>(bsearch(key, untyped(fptr))); }
-    X* lfind(const X* key, Compare fptr) const { return static_cast<X*>(lfind(key, untyped(fptr))); }
-    X* search(const X* key, Compare fptr) const { return static_cast<X*>(search(key, untyped(fptr))); }
-    void qsort(Compare fptr) { qsort(untyped(fptr)); }
+    X* bsearch(const X* key, Compare fptr) const
+    {
+        return static_cast<X*>(bsearchBy(key, zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr));
+    }
+    X* lfind(const X* key, Compare fptr) const
+    {
+        return static_cast<X*>(lfindBy(key, zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr));
+    }
+    X* search(const X* key, Compare fptr) const
+    {
+        return static_cast<X*>(searchBy(key, zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr));
+    }
+    void qsort(Compare fptr) { qsortBy(zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr); }
 
     /// Writes the array's mode and sizes and the address of every element under the name of the element class.
     void print(std::ostream& os) const { printAs(ElementName(), os); }
@@ -176,9 +205,6 @@ public:
 private:
     // The name of the element class in dumps; defined in the unit of that class.
     static const char* ElementName();
-
-    typedef int (*Untyped)(const void*, const void*);
-    static Untyped untyped(Compare fptr) { return reinterpret_cast<Untyped>(fptr); }
 };
 
 template <class X>

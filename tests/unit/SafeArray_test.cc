@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -663,6 +664,65 @@ TEST(TypedArray, SortsAndSearchesWithATypedFunction)
     EXPECT_EQ(a.search(&key, CompareThings), a[17]);
     key.value = 50;
     EXPECT_EQ(a.bsearch(&key, CompareThings), nullptr);
+}
+
+// Compares the values only down to tens, so that many are equal.
+int CompareTens(const Thing** a, const Thing** b) { return (*a)->value / 10 - (*b)->value / 10; }
+
+int CompareTensForC(const void* a, const void* b)
+{
+    return (*static_cast<const Thing* const*>(a))->value / 10 - (*static_cast<const Thing* const*>(b))->value / 10;
+}
+
+TEST(TypedArray, SortsAndFindsAmongEqualsAsTheCLibraryDoes)
+{
+    std::mt19937 random(1);
+    for (int quantity = 1; quantity < 60; quantity++) {
+        ThingSafeArray a;
+        for (int i = 0; i < quantity; i++)
+            a.AddItem(new Thing(static_cast<int>(random() % 50)));
+        const std::unique_ptr<Thing*[]> pointers(a.GetPointers());
+        const size_t n = static_cast<size_t>(quantity);
+        std::qsort(pointers.get(), n, sizeof(Thing*), CompareTensForC);
+        a.qsort(CompareTens);
+        for (int i = 0; i < quantity; i++)
+            ASSERT_EQ(a[i], pointers[static_cast<size_t>(i)]) << quantity;
+        for (int value = 0; value < 60; value += 5) {
+            const Thing key(value);
+            const Thing* const address = &key;
+            const void* place = std::bsearch(&address, pointers.get(), n, sizeof(Thing*), CompareTensForC);
+            const Thing* expected = place != nullptr ? *static_cast<Thing* const*>(place) : nullptr;
+            EXPECT_EQ(a.bsearch(&key, CompareTens), expected) << quantity;
+            EXPECT_EQ(static_cast<SafeArrayBase&>(a).bsearch(&key, CompareTensForC), expected) << quantity;
+        }
+    }
+}
+
+ThingSafeArray* inner; // sorted by each comparison of the outer one
+
+int SortInnerAndCompare(const Thing** a, const Thing** b)
+{
+    inner->qsort(CompareThings);
+    inner->reverse();
+    return CompareThings(a, b);
+}
+
+TEST(TypedArray, AComparisonMaySortAndSearchAnotherArray)
+{
+    ThingSafeArray outer;
+    ThingSafeArray other;
+    inner = &other;
+    for (int i = 0; i < 20; i++) {
+        outer.AddItem(new Thing(i * 7 % 20));
+        other.AddItem(new Thing(i));
+    }
+    outer.qsort(SortInnerAndCompare);
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(outer[i]->value, i);
+        EXPECT_EQ(other[i]->value, 19 - i);
+    }
+    const Thing key(13);
+    EXPECT_EQ(outer.search(&key, SortInnerAndCompare), outer[13]);
 }
 
 TEST(TypedArray, PrintShowsModeSizesAndAddresses)
