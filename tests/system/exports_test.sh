@@ -49,6 +49,17 @@ unmarked() {
         "$work/marked" "$work/allowed" -
 }
 
+# A program may have a function sigalarm of its own, which the linker takes in place of the library's file; and none
+# can take the place of the handler that the waits install. `objects` has a line "FILE TYPE NAME" for each symbol.
+nm -AC "$static" 2>/dev/null | sed 's/^[^:]*:\([^:]*\):.\{17\}/\1 /' >"$work/objects"
+awk '$3 == "sigalarm(int)" && $2 != "T" { print; next }
+     $2 == "T" { if ($3 == "sigalarm(int)") files[$1] = 1; else others[$1] = others[$1] " " $0 }
+     $3 == "zeloo::Interrupt(int)" { handlers = handlers $2 }
+     END { for (file in files) { n++; if (file in others) print others[file] }
+           if (n != 1) print "defined in " n + 0 " files"
+           if (handlers != "t") print "zeloo::Interrupt(int) is of type \"" handlers "\"" }' "$work/objects" >"$work/found"
+expect_none 'sigalarm does not stand alone in its file, or the handler of the waits has linkage' "$work/found"
+
 unmarked "$work/exports" >"$work/found"
 grep '{lambda' "$work/exports" >>"$work/found" || true
 expect_none 'exported, but marked in no public header (a private template wants ZELOO_LOCAL)' "$work/found"
