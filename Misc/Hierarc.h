@@ -3,10 +3,20 @@
 #define MISC_HIERARC_H
 
 #include <cstdint>
+#include <type_traits>
 
 #include "Misc/cstring.h"
 #include "Misc/export.h"
 #include "Misc/ularray.h"
+
+namespace zeloo {
+
+/// Enabled for CString, what derives from it, and C strings.
+template <class Text>
+using IfText = std::enable_if_t<std::is_convertible_v<const Text*, const CString*> ||
+                                std::is_same_v<std::remove_cv_t<std::remove_pointer_t<std::decay_t<Text>>>, char>>;
+
+} // namespace zeloo
 
 /// A number of levels, each a 32-bit unsigned value, with an order and a family tree: 1.2 is the parent of 1.2.3 and
 /// sorts before it, and 1.2 sorts before 1.10. Arithmetic on a level wraps at 32 bits. A number holds at most 32767
@@ -55,6 +65,34 @@ public:
     bool operator>=(const HierarchicNum& h) const { return compare_with(h) >= 0; }
     bool operator==(const HierarchicNum& h) const { return compare_with(h) == 0; }
     bool operator!=(const HierarchicNum& h) const { return compare_with(h) != 0; }
+    /// A text is compared as the number that it makes: "1.02" equals 1.2, and 1.2 sorts before "1.10". These are
+    /// templates, so that a program that has such an operator of its own goes on using it.
+    // clang-format off
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator<(const HierarchicNum& h, const Text& text) { return h < HierarchicNum(text); }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator<=(const HierarchicNum& h, const Text& text) { return h <= HierarchicNum(text); }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator>(const HierarchicNum& h, const Text& text) { return h > HierarchicNum(text); }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator>=(const HierarchicNum& h, const Text& text) { return h >= HierarchicNum(text); }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator==(const HierarchicNum& h, const Text& text) { return h == HierarchicNum(text); }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator!=(const HierarchicNum& h, const Text& text) { return h != HierarchicNum(text); }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator<(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) < h; }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator<=(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) <= h; }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator>(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) > h; }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator>=(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) >= h; }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator==(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) == h; }
+    template <class Text, class = zeloo::IfText<Text>>
+    friend bool operator!=(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) != h; }
+    // clang-format on
 
     /// 1 when both numbers have at least `n` levels, `n` is at least 1, and the first `n` levels agree; else 0.
     int samePrefix(short n, const HierarchicNum& h) const;

@@ -45,6 +45,11 @@ void Buffer::ReSize(const unsigned Size)
 
 char& Buffer::operator[](unsigned index) { return index < AllocSize ? static_cast<char*>(ptr)[index] : spareByte; }
 
+const char& Buffer::operator[](unsigned index) const
+{
+    return index < AllocSize ? static_cast<const char*>(ptr)[index] : spareByte;
+}
+
 Buffer& Buffer::operator=(const Buffer& b)
 {
     if (this != &b) {

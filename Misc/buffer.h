@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Misc/export.h"
 
@@ -32,6 +33,18 @@ public:
     /// The byte at `index`. From the size on this is the one spare byte that all buffers share: writing to it
     /// changes no buffer.
     char& operator[](unsigned index);
+    const char& operator[](unsigned index) const;
+    /// The same for an index of any integral type; one below 0 is out of range too.
+    template <class Index, class = std::enable_if_t<std::is_integral_v<Index> || std::is_enum_v<Index>>>
+    char& operator[](Index index)
+    {
+        return (*this)[Clipped(+index)];
+    }
+    template <class Index, class = std::enable_if_t<std::is_integral_v<Index> || std::is_enum_v<Index>>>
+    const char& operator[](Index index) const
+    {
+        return (*this)[Clipped(+index)];
+    }
     Buffer& operator=(const Buffer& b);
     /// The bytes; null when the buffer is empty.
     operator const void*() const { return ptr; }
@@ -94,6 +107,13 @@ public:
     static constexpr unsigned char INVALID_BYTE = 255;
 
 private:
+    // An index that does not fit 32 bits becomes the largest, which is beyond the end of every buffer.
+    template <class Index>
+    static unsigned Clipped(Index index)
+    {
+        const uint64_t wide = static_cast<uint64_t>(index);
+        return wide < UINT32_MAX ? static_cast<unsigned>(wide) : UINT32_MAX;
+    }
     void store(unsigned pos, const void* cp, unsigned len);
 
     uint32_t AllocSize; // bytes held

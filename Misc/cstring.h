@@ -3,7 +3,9 @@
 #define MISC_CSTRING_H
 
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
+#include <type_traits>
 
 #include "Misc/export.h"
 
@@ -74,6 +76,8 @@ public:
     CString(const CString& s);
     CString& operator=(const char* s);
     CString& operator=(const CString& s);
+    /// The bytes of `b` up to the first zero byte.
+    CString& operator=(const Buffer& b);
 
     /// The stored length; costs no scan.
     unsigned strlen() const { return cp->len; }
@@ -82,18 +86,53 @@ public:
     /// The character at `i`, which is not checked against the length. Writing to it changes every string that
     /// shares the text.
     char& operator[](unsigned i) const { return cp->rep[i]; }
+    /// The same for an index of any integral type, so that none is taken for a subscript of the `const char*`.
+    template <class Index, class = std::enable_if_t<std::is_integral_v<Index> || std::is_enum_v<Index>>>
+    char& operator[](Index i) const
+    {
+        return (*this)[static_cast<unsigned>(+i)];
+    }
 
     bool operator==(const CString& s) const;
     bool operator!=(const CString& s) const { return !(*this == s); }
-    /// REQUIRES: `s` is not null.
     bool operator==(const char* s) const;
     bool operator!=(const char* s) const { return !(*this == s); }
+    /// The order of texts, as in compare; a null `const char*` equals no string and sorts before all. These are
+    /// templates, so that a program that has such an operator of its own goes on using it.
+    // clang-format off
+    template <class = void> friend bool operator<(const CString& a, const CString& b) { return order(a, b) < 0; }
+    template <class = void> friend bool operator<(const CString& a, const char* b) { return order(a, b) < 0; }
+    template <class = void> friend bool operator<(const char* a, const CString& b) { return order(a, b) < 0; }
+    template <class = void> friend bool operator>(const CString& a, const CString& b) { return order(a, b) > 0; }
+    template <class = void> friend bool operator>(const CString& a, const char* b) { return order(a, b) > 0; }
+    template <class = void> friend bool operator>(const char* a, const CString& b) { return order(a, b) > 0; }
+    template <class = void> friend bool operator<=(const CString& a, const CString& b) { return order(a, b) <= 0; }
+    template <class = void> friend bool operator<=(const CString& a, const char* b) { return order(a, b) <= 0; }
+    template <class = void> friend bool operator<=(const char* a, const CString& b) { return order(a, b) <= 0; }
+    template <class = void> friend bool operator>=(const CString& a, const CString& b) { return order(a, b) >= 0; }
+    template <class = void> friend bool operator>=(const CString& a, const char* b) { return order(a, b) >= 0; }
+    template <class = void> friend bool operator>=(const char* a, const CString& b) { return order(a, b) >= 0; }
+    template <class = void> friend bool operator==(const char* a, const CString& b) { return b == a; }
+    template <class = void> friend bool operator!=(const char* a, const CString& b) { return b != a; }
+    // clang-format on
     /// The comparison function for sorting arrays of CString pointers: the `strcmp` of the two texts. REQUIRES: no
     /// pointer is null.
     static int compare(const CString** a, const CString** b);
 
     CString operator+(const CString& s) const;
     CString operator+(const char* s) const { return *this + CString(s); }
+    /// A text with the character `c` behind it, or before it. Templates, so that a number is no character: `s + 1` is
+    /// the place of the second character, as with every `const char*`.
+    template <class Char, class = std::enable_if_t<std::is_same_v<Char, char>>>
+    CString operator+(Char c) const
+    {
+        return CString(*this) += c;
+    }
+    template <class Char, class = std::enable_if_t<std::is_same_v<Char, char>>>
+    friend CString operator+(Char c, const CString& s)
+    {
+        return CString(&c, 1) + s;
+    }
     /// Appends `s`; an empty or null `s` changes nothing.
     CString& operator+=(const char* s);
     CString& operator+=(const CString& s);
@@ -153,6 +192,11 @@ public:
     void dumpOn(std::ostream& os) const;
 
 private:
+    // The `strcmp` of two texts; null sorts before every text.
+    static int order(const char* a, const char* b)
+    {
+        return a == nullptr || b == nullptr ? (a != nullptr) - (b != nullptr) : std::strcmp(a, b);
+    }
     static CStringRep* get_emptyRep();
     static CStringRep* newRep(const char* s, uint64_t n);
     void delete_cp();

@@ -21,8 +21,11 @@
 /// ErrorReporter::ErrorType value, 0 for success.
 class ZELOO_API EventManager : public ErrorReporter {
 public:
-    /// The side of a fork on which InitiateCoprocess returns.
+    /// The side of a fork on which InitiateCoprocess returns. Misc/unixproc.h has another enumeration of these names.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
     enum coprocess_types { failP = 0, parentP = 1, childP = 2 };
+#pragma GCC diagnostic pop
 
     /// Creates the queue named `ServerName`, or joins it when it has no other live server. When that fails the object
     /// is usable, but main() returns at once: see InBasket().Created(). `DebugStrm` receives the time stamps of the

@@ -207,12 +207,14 @@ CString& CString::operator=(const CString& s)
     return *this;
 }
 
+CString& CString::operator=(const Buffer& b) { return *this = CString(b); }
+
 bool CString::operator==(const CString& s) const
 {
     return cp == s.cp || (cp->len == s.cp->len && std::strcmp(cp->rep, s.cp->rep) == 0);
 }
 
-bool CString::operator==(const char* s) const { return std::strcmp(cp->rep, s) == 0; }
+bool CString::operator==(const char* s) const { return order(cp->rep, s) == 0; }
 
 int CString::compare(const CString** a, const CString** b)
 {

@@ -297,6 +297,31 @@ TEST(HierarchicNum, SortsByLevelsAndThenByDepth)
     }
 }
 
+TEST(HierarchicNum, ATextIsComparedAsTheNumberThatItMakes)
+{
+    const char* const inOrder[] = {"", "0", "1", "1.2", "1.2.1", "1.10", "02"};
+    for (size_t i = 0; i < std::size(inOrder); i++) {
+        for (size_t j = 0; j < std::size(inOrder); j++) {
+            const HierarchicNum h(inOrder[i]);
+            const char* const text = inOrder[j];
+            const CString s(text);
+            EXPECT_TRUE((h < text) == (i < j) && (text > h) == (i < j)) << i << " and " << j;
+            EXPECT_TRUE((h > text) == (i > j) && (text < h) == (i > j)) << i << " and " << j;
+            EXPECT_TRUE((h <= text) == (i <= j) && (text >= h) == (i <= j)) << i << " and " << j;
+            EXPECT_TRUE((h >= text) == (i >= j) && (text <= h) == (i >= j)) << i << " and " << j;
+            EXPECT_TRUE((h == text) == (i == j) && (text == h) == (i == j)) << i << " and " << j;
+            EXPECT_TRUE((h != text) == (i != j) && (text != h) == (i != j)) << i << " and " << j;
+            EXPECT_TRUE((h < s) == (i < j) && (s > h) == (i < j)) << i << " and " << j;
+            EXPECT_TRUE((h == s) == (i == j) && (s == h) == (i == j)) << i << " and " << j;
+        }
+    }
+    EXPECT_TRUE(HierarchicNum("7.10") == "007.10");
+    EXPECT_TRUE(CString("007.10") == HierarchicNum("7.10"));
+    char own[] = "1.2";
+    EXPECT_TRUE(HierarchicNum("1.2") == own && own >= HierarchicNum("1.2"));
+    EXPECT_TRUE(HierarchicNum() == static_cast<const char*>(nullptr));
+}
+
 TEST(HierarchicNum, CompareGivesTheDifference)
 {
     EXPECT_EQ(HierarchicNum("1.2").compare_with("1.10"), -8);

@@ -53,6 +53,35 @@ TEST(Buffer, AnEmptyBufferHasNoBlock)
     EXPECT_EQ(Raw(other), nullptr);
 }
 
+TEST(Buffer, AConstBufferIsIndexedInPlace)
+{
+    const Buffer b = BufferOf("abc");
+    EXPECT_EQ(b[0], 'a');
+    EXPECT_EQ(&b[2], Raw(b) + 2) << "not in a copy of its text";
+    Buffer other;
+    EXPECT_EQ(&b[3], &other[0]) << "the spare byte";
+    EXPECT_EQ(&b[Most], &other[0]);
+    const Buffer none;
+    EXPECT_EQ(&none[0], &other[0]);
+}
+
+TEST(Buffer, IsIndexedByAnyIntegralType)
+{
+    Buffer b = BufferOf("abc");
+    const Buffer& c = b;
+    for (const char* p : {&b[1], &b[1u], &b[1l], &b[1ul], &b[1ll], &b[size_t{1}], &b[short{1}], &b['\1'], &b[true]})
+        EXPECT_EQ(p, Raw(b) + 1);
+    for (const char* p : {&c[1], &c[1u], &c[1l], &c[1ul], &c[1ll], &c[size_t{1}], &c[short{1}], &c['\1'], &c[true]})
+        EXPECT_EQ(p, Raw(b) + 1);
+    const char* const spare = &b[3];
+    for (const int64_t i : std::vector<int64_t>{-1, 0x100000000, 0x100000001, INT64_MIN, INT64_MAX}) {
+        EXPECT_EQ(&b[i], spare) << i;
+        EXPECT_EQ(&c[i], spare) << i;
+    }
+    EXPECT_EQ(&b[-1], spare);
+    EXPECT_EQ(&c[UINT64_MAX], spare);
+}
+
 TEST(Buffer, ReSizeDiscards)
 {
     Buffer b(4);

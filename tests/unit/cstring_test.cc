@@ -9,7 +9,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -746,6 +748,88 @@ TEST(CString, ThereIsAnEmptyStringEvenWithoutAnyMemory)
         });
         EXPECT_EQ(child.exitCode, 0);
     }
+}
+
+TEST(CString, TextsHaveTheOrderOfStrcmp)
+{
+    const char* const inOrder[] = {"", "A", "a", "aa", "ab", "b", "\x7f", "\x80", "\xff"};
+    for (size_t i = 0; i < std::size(inOrder); i++) {
+        for (size_t j = 0; j < std::size(inOrder); j++) {
+            const char* const p = inOrder[i];
+            const char* const q = inOrder[j];
+            const CString a(p);
+            const CString b(q);
+            const auto expect = [i, j](bool less, bool greater, bool lessOrEqual, bool greaterOrEqual, bool equal,
+                                       bool different) {
+                EXPECT_EQ(less, i < j) << i << " and " << j;
+                EXPECT_EQ(greater, i > j) << i << " and " << j;
+                EXPECT_EQ(lessOrEqual, i <= j) << i << " and " << j;
+                EXPECT_EQ(greaterOrEqual, i >= j) << i << " and " << j;
+                EXPECT_EQ(equal, i == j) << i << " and " << j;
+                EXPECT_EQ(different, i != j) << i << " and " << j;
+            };
+            expect(a<b, a> b, a <= b, a >= b, a == b, a != b);
+            expect(a<q, a> q, a <= q, a >= q, a == q, a != q);
+            expect(p<b, p> b, p <= b, p >= b, p == b, p != b);
+        }
+    }
+}
+
+TEST(CString, ANullTextEqualsNoStringAndSortsBeforeAll)
+{
+    const char* const null = nullptr;
+    for (const CString& s : {CString(), CString("a")}) {
+        EXPECT_FALSE(s == null || null == s || s < null || null > s || s <= null || null >= s);
+        EXPECT_TRUE(s != null && null != s && s > null && null < s && s >= null && null <= s);
+    }
+}
+
+TEST(CString, ASetHoldsEachTextOnce)
+{
+    std::set<CString> texts;
+    for (const char* text : {"b", "a", "b", "", "a"})
+        texts.insert(text);
+    std::string all;
+    for (const CString& s : texts)
+        all += Str(s) + ",";
+    EXPECT_EQ(all, ",a,b,");
+    EXPECT_EQ(texts.count("a"), 1u);
+    EXPECT_EQ(texts.count("c"), 0u);
+}
+
+TEST(CString, ACharacterIsAddedBehindOrBefore)
+{
+    const CString s("abc");
+    EXPECT_EQ(Str(s + 'd'), "abcd");
+    EXPECT_EQ(Str('d' + s), "dabc");
+    EXPECT_EQ(Str(CString() + 'd' + "e" + s[0]), "dea");
+    EXPECT_EQ(Str('d' + CString()), "d");
+    EXPECT_EQ(Str(s), "abc");
+    EXPECT_STREQ(s + 1, "bc") << "a number is a distance";
+}
+
+TEST(CString, IsAssignedTheBytesOfABuffer)
+{
+    CString s("before");
+    const CString sharing(s);
+    Buffer b = BufferOf(std::string("ab\0cd", 5));
+    EXPECT_EQ(&(s = b), &s);
+    EXPECT_EQ(Str(s), "ab");
+    EXPECT_EQ(s.strlen(), 2u);
+    EXPECT_EQ(Str(sharing), "before");
+    b[0] = 'x';
+    EXPECT_EQ(Str(s), "ab") << "a copy";
+    s = static_cast<const Buffer&>(BufferOf("whole"));
+    EXPECT_EQ(Str(s), "whole");
+    s = Buffer();
+    EXPECT_EQ(Text(s), Text(globalEmpty));
+}
+
+TEST(CString, IsIndexedByAnyIntegralType)
+{
+    const CString s("abc");
+    for (const char* p : {&s[1], &s[1u], &s[1l], &s[1ul], &s[1ll], &s[size_t{1}], &s[short{1}], &s['\1'], &s[true]})
+        EXPECT_EQ(p, Text(s) + 1);
 }
 
 TEST(CString, DumpsItsRepresentation)
