@@ -28,15 +28,22 @@ inline int FailWith(int error)
     return -1;
 }
 
-/// The text of strerror(3), for handlers: that one may allocate and take a lock.
-inline const char* error_text(int error)
+/// The text of strerror(3), untranslated, for handlers and children that share memory: that one may allocate and take a
+/// lock. Null for a number that is no error.
+inline const char* known_error_text(int error)
 {
 #if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
-    const char* text = strerrordesc_np(error);
-    return text != nullptr ? text : "Unknown error";
+    return strerrordesc_np(error);
 #else
     return strerror(error);
 #endif
+}
+
+/// The same, with a text for every number.
+inline const char* error_text(int error)
+{
+    const char* text = known_error_text(error);
+    return text != nullptr ? text : "Unknown error";
 }
 
 } // namespace svr4

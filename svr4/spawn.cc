@@ -1,7 +1,6 @@
 #include "svr4/spawn.h"
 
 #include <csignal>
-#include <cstring>
 
 #include <sched.h>
 #include <sys/mman.h>
@@ -81,7 +80,5 @@ long spawn(Newborn& child, std::size_t arguments)
     munmap(stack, size);
     return pid;
 }
-
-const char* error_text(int error) { return strerrordesc_np(error); }
 
 } // namespace svr4

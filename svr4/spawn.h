@@ -30,10 +30,6 @@ protected:
 /// Unlike fork(2) this runs none of the handlers set by pthread_atfork(3).
 long spawn(Newborn& child, std::size_t arguments);
 
-/// The system's text for an error: that of strerror(3), untranslated, which is there without an allocation or a lock.
-/// Null for a number that is no error.
-const char* error_text(int error);
-
 } // namespace svr4
 
 #endif

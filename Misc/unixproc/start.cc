@@ -54,7 +54,7 @@ ExecReport::ExecReport(const char* command)
     std::snprintf(tail, sizeof tail, "\n  Module= %.59s\n  Line= %d\n  Description= %s%.*s\n\n", ModuleId(), __LINE__,
                   Failed, DescriptionLength - int(sizeof Failed - 1), command);
 
-    isTranslated = std::strcmp(ErrorReporter::GetErrorDesc(ENOENT), svr4::error_text(ENOENT)) != 0;
+    isTranslated = std::strcmp(ErrorReporter::GetErrorDesc(ENOENT), svr4::known_error_text(ENOENT)) != 0;
     for (short error = 0; isTranslated && error < Errors; error++)
         translations[error] = ErrorReporter::GetErrorDesc(error);
 }
@@ -102,7 +102,7 @@ void ExecReport::Write(int error) const
 {
     if (!isShown)
         return;
-    const char* text = isTranslated && error < Errors ? translations[error] : svr4::error_text(error);
+    const char* text = isTranslated && error < Errors ? translations[error] : svr4::known_error_text(error);
     char number[12];
     FormatNumber(error, number);
     BoundedOutput output;

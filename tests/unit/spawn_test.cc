@@ -157,14 +157,14 @@ TEST(Spawn, WithoutMemoryForAStackThereIsNoChild)
 TEST(ErrorText, IsThatOfStrerror)
 {
     for (int error = 0; error < 200; error++) {
-        const char* text = svr4::error_text(error);
+        const char* text = svr4::known_error_text(error);
         if (text != nullptr)
             EXPECT_STREQ(text, std::strerror(error));
         else
             EXPECT_EQ(std::strerror(error), "Unknown error " + std::to_string(error));
     }
-    EXPECT_NE(svr4::error_text(ENOENT), nullptr);
-    EXPECT_EQ(svr4::error_text(-1), nullptr);
+    EXPECT_NE(svr4::known_error_text(ENOENT), nullptr);
+    EXPECT_EQ(svr4::known_error_text(-1), nullptr);
 }
 
 } // namespace
