@@ -27,6 +27,7 @@ protected:
 /// the program, for which execvp may need room. Returns the child's id, or -1 with `errno`; then there is no child, also
 /// when LeaveParent has failed. `errno` is kept on success.
 ///
+/// What stops the child before it is another program (SIGSTOP, a file system that does not answer) stops the parent too.
 /// Unlike fork(2) this runs none of the handlers set by pthread_atfork(3).
 long spawn(Newborn& child, std::size_t arguments);
 

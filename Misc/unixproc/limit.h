@@ -10,7 +10,7 @@
 
 namespace zeloo {
 
-/// A number of seconds from its making on, or no limit when that is 0. `errno` is kept.
+/// A number of seconds from its making on, or no limit when that is 0 or less. `errno` is kept.
 class ChildLimit {
 public:
     explicit ChildLimit(long seconds_p)
@@ -20,7 +20,7 @@ public:
     /// From here on the end of the time interrupts calls that block, for as long as this lives.
     void Arm()
     {
-        if (seconds != 0)
+        if (seconds > 0)
             timed.emplace(seconds);
     }
     /// Whether the time is over. A child that keeps its reader busy never lets it block: no alarm tells then.

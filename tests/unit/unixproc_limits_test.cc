@@ -101,12 +101,18 @@ TEST(UnixProcess, AChildThatRunsOnWithItsOutputClosedIsKilledAtTheLimit)
     EXPECT_EQ(Bytes(output), "y\n");
 }
 
-TEST(UnixProcess, TheLargestLimitIsNotPassedAtOnce)
+TEST(UnixProcess, ALimitThatIsNegativeOrBeyondAllTimeIsNone)
 {
-    Buffer output;
-    UnixProcess process("echo x; sleep 0.1; echo y; exit 3", output, LONG_MAX);
-    EXPECT_EQ(process.wait(), 3);
-    EXPECT_EQ(Bytes(output), "x\ny\n");
+    for (const long limit : {-1L, LONG_MIN, LONG_MAX}) {
+        alarm(100);
+        Buffer output;
+        UnixProcess process("echo x; sleep 0.1; echo y; exit 3", output, limit);
+        EXPECT_EQ(process.wait(), 3);
+        EXPECT_EQ(Bytes(output), "x\ny\n");
+        UnixProcess waited("sleep 0.1; exit 4", UnixProcess::wait_at_construction, limit);
+        EXPECT_EQ(waited.wait(), 4);
+        EXPECT_GE(alarm(0), 99u);
+    }
 }
 
 // While it lives, SIGALRM is held back and has a handler that counts.
