@@ -14,7 +14,7 @@ namespace zeloo {
 class ChildLimit {
 public:
     explicit ChildLimit(long seconds_p)
-        : seconds(seconds_p), end(MillisecondsNow() + 1000 * std::min<int64_t>(seconds, MostSeconds))
+        : seconds(seconds_p), end(MillisecondsNow() + 1000 * std::clamp<int64_t>(seconds, 0, MostSeconds))
     {
     }
     /// From here on the end of the time interrupts calls that block, for as long as this lives.
