@@ -15,15 +15,17 @@ namespace zeloo {
 /// without memory throws and leaves the file open. A base class, so that it outlives the stream.
 class StreamBlock {
 protected:
-    /// Has `buffer` use the block; false, with ENOMEM in errno, when memory fails.
-    bool UseBlock(std::filebuf* buffer)
+    /// Opens the file `name` with `buffer`, which uses the block. False, with the reason in errno, when that fails.
+    bool Open(std::filebuf* buffer, const char* name, std::ios::openmode mode)
     {
         const int size = 8192;
         block.reset(new (std::nothrow) char[size]);
-        if (block != nullptr)
-            return buffer->pubsetbuf(block.get(), size) != nullptr;
-        errno = ENOMEM;
-        return false;
+        if (name == nullptr || block == nullptr) {
+            errno = name == nullptr ? EFAULT : ENOMEM;
+            return false;
+        }
+        buffer->pubsetbuf(block.get(), size);
+        return buffer->open(name, mode) != nullptr;
     }
 
 private:
@@ -36,14 +38,12 @@ class InputFile : private StreamBlock, public std::ifstream {
 public:
     explicit InputFile(const char* name)
     {
-        struct stat status;
-        const bool isDirectory = name != nullptr && stat(name, &status) == 0 && S_ISDIR(status.st_mode);
-        if (isDirectory)
+        if (IsDirectory(name)) {
             errno = EISDIR;
-        if (isDirectory || !UseBlock(rdbuf()))
             setstate(failbit);
-        else
-            open(name, in | binary);
+        } else if (!Open(rdbuf(), name, in | binary)) {
+            setstate(failbit);
+        }
     }
 
     /// The number of bytes from the start to the end; negative when the host knows no end. The next byte to be read is
@@ -55,6 +55,13 @@ public:
         seekg(0, beg);
         return size;
     }
+
+private:
+    static bool IsDirectory(const char* name)
+    {
+        struct stat status;
+        return name != nullptr && stat(name, &status) == 0 && S_ISDIR(status.st_mode);
+    }
 };
 
 /// A file opened to write bytes: to append them, or in the place of those that it has. Without memory nothing is opened
@@ -64,9 +71,7 @@ public:
     enum Mode { Truncate, Append };
     OutputFile(const char* name, Mode mode)
     {
-        if (UseBlock(rdbuf()))
-            open(name, out | binary | (mode == Append ? app : trunc));
-        else
+        if (!Open(rdbuf(), name, out | binary | (mode == Append ? app : trunc)))
             setstate(failbit);
     }
 };
