@@ -9,7 +9,7 @@ namespace zeloo {
 // <iostream> makes the streams usable before the static objects of the unit that includes it. A program's own static
 // objects may be made earlier than those of the library that it is linked to, and what they call may write: this one is
 // made before all of ordinary priority.
-[[gnu::init_priority(101)]] static const std::ios_base::Init standardStreams;
+[[gnu::init_priority(101)]] static const std::ios_base::Init StandardStreams;
 
 } // namespace zeloo
 
