@@ -106,13 +106,13 @@ void UseValues()
 struct {
     const char* name;
     void (*use)();
-} const uses[] = {{"string", UseString}, {"array", UseArray},    {"buffer", UseBuffer},
+} const Uses[] = {{"string", UseString}, {"array", UseArray},    {"buffer", UseBuffer},
                   {"stream", UseStream}, {"file", UseFileFacts}, {"values", UseValues}};
 
 void UseNamed()
 {
     const char* name = std::getenv("BEFORE_MAIN");
-    for (const auto& each : uses)
+    for (const auto& each : Uses)
         if (name != nullptr && std::strcmp(name, each.name) == 0)
             each.use();
     std::fflush(stdout);
@@ -121,7 +121,7 @@ void UseNamed()
 struct User {
     User() { UseNamed(); }
     ~User() { UseNamed(); }
-} const user;
+} const StaticUser;
 
 } // namespace
 
