@@ -16,11 +16,11 @@ static void Leave()
     __gcov_reset();
 }
 
-extern "C" void _exit(int code)
+extern "C" void _exit(int status)
 {
     Leave();
     for (;;)
-        syscall(SYS_exit_group, code);
+        syscall(SYS_exit_group, status);
 }
 
 extern "C" void abort() noexcept

@@ -41,15 +41,20 @@ void Subscripts(Indexed& x)
     static_assert(std::is_same_v<decltype(x[field.place]), Element> && std::is_same_v<decltype(x[0]), Element>);
 }
 
-// Each comparison of `a` with `b` compiles, both ways round.
+// Each comparison of `a` with `b` compiles.
+template <class A, class B>
+bool Compare(const A& a, const B& b)
+{
+    return (a == b) + (a != b) + (a < b) + (a > b) + (a <= b) + (a >= b);
+}
+
 template <class A, class B>
 bool Comparisons(const A& a, const B& b)
 {
-    return (a == b) + (a != b) + (a < b) + (a > b) + (a <= b) + (a >= b) + (b == a) + (b != a) + (b < a) + (b > a) +
-           (b <= a) + (b >= a);
+    return Compare(a, b) + Compare(b, a);
 }
 
-bool Texts(CString s, const Name& name, char* p, const char* q, const char (&array)[3], Buffer b)
+bool Texts(CString s, const Name& name, char* p, const char* q, const char (&array)[3], Buffer& b)
 {
     std::set<CString> set = {s, "x", q};
     std::map<CString, int, std::less<>> map;
@@ -58,16 +63,18 @@ bool Texts(CString s, const Name& name, char* p, const char* q, const char (&arr
     s = b;
     s = static_cast<const Buffer&>(b);
     s = Buffer(3);
-    static_assert(std::is_same_v<decltype(s + 'c'), CString> && std::is_same_v<decltype('c' + s), CString> &&
-                  std::is_same_v<decltype(s + array[0] + q + *p), CString>);
-    return Comparisons(s, s) + Comparisons(s, name) + Comparisons(name, name) + Comparisons(s, p) + Comparisons(s, q) +
-           Comparisons(s, array) + Comparisons(s, "x") + Comparisons(name, q) + Comparisons(name, "x");
+    static_assert(std::is_same_v<decltype(s + 'c'), CString>);
+    static_assert(std::is_same_v<decltype('c' + s), CString>);
+    static_assert(std::is_same_v<decltype(s + array[0] + q + *p), CString>);
+    return Comparisons(s, CString()) + Comparisons(s, name) + Comparisons(name, Name("x")) + Comparisons(s, p) +
+           Comparisons(s, q) + Comparisons(s, array) + Comparisons(s, "x") + Comparisons(name, q) +
+           Comparisons(name, "x");
 }
 
 bool Numbers(const HierarchicNum& h, const CString& s, const Name& name, char* p, const char* q)
 {
-    return Comparisons(h, h) + Comparisons(h, s) + Comparisons(h, name) + Comparisons(h, p) + Comparisons(h, q) +
-           Comparisons(h, "1.2");
+    return Comparisons(h, HierarchicNum()) + Comparisons(h, s) + Comparisons(h, name) + Comparisons(h, p) +
+           Comparisons(h, q) + Comparisons(h, "1.2");
 }
 
 } // namespace

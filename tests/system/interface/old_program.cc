@@ -51,7 +51,7 @@ struct Constants {
     static const int Place = 2; // without a definition: nothing may refer to it
 };
 
-void Strings(CString s, const CString& t, const char* p, char* q, int argc)
+void Strings(const CString& s, const CString& t, const char* p, char* q, int argc)
 {
     CString empty;
     CString copy = s;
@@ -78,7 +78,10 @@ void Strings(CString s, const CString& t, const char* p, char* q, int argc)
     Expect<bool>(s == NULL);
     Expect<bool>(s != 0);
     Expect<bool>(s == nullptr);
+}
 
+void Sums(CString s, const CString& t, const char* p, const char* q, int argc)
+{
     Expect<CString>(s + "x");
     Expect<CString>(s + t);
     Expect<CString>(s + p + q + "x" + t);
@@ -93,7 +96,10 @@ void Strings(CString s, const CString& t, const char* p, char* q, int argc)
     s += 'x';
     s += t;
     s += t[0];
+}
 
+void Characters(const CString& s, const CString& t, int argc)
+{
     unsigned short shorter = 1;
     unsigned char byte = 1;
     unsigned number = 2;
@@ -105,7 +111,12 @@ void Strings(CString s, const CString& t, const char* p, char* q, int argc)
     s[First] = s[Second] = s[Here] = s[field.place] = s[Constants::Place] = s[true] = s[1.0] = 'x';
     char* place = &s[1];
     *place = *s;
+}
 
+void Uses(CString s, const CString& t, const char* p)
+{
+    const CString given = p;
+    CString made("made");
     printf("%s %s\n", static_cast<const char*>(s), p);
     if (strcmp(s, t) == 0 || strlen(s) == s.strlen() || strncmp(s, "x", 1) == 0)
         puts(s);
@@ -124,7 +135,7 @@ void Strings(CString s, const CString& t, const char* p, char* q, int argc)
     if (NoCase("a") < NoCase("B") && NoCase("a") < s && s > "x")
         s = t;
     for (CStringIter line(s, ':'); line(); ++line)
-        copy = static_cast<const CString&>(line);
+        made = static_cast<const CString&>(line);
 }
 
 void Buffers(Buffer b, const Buffer& c, int i, const char* p)
@@ -211,6 +222,9 @@ int main(int argc, char** argv)
 {
     CStringSafeArray array;
     Strings(argv[0], "x", argv[0], argv[0], argc);
+    Sums(argv[0], "x", argv[0], argv[0], argc);
+    Characters(argv[0], "x", argc);
+    Uses(argv[0], "x", argv[0]);
     Buffers(Buffer(3), Buffer(), 1, argv[0]);
     Numbers("1.2", "1.3", "1.4", "1.5");
     Arrays(array, array.first());
