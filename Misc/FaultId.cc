@@ -185,6 +185,7 @@ void FaultIdList::Save() const
     onfstream s(file);
     printOn(s);
     s.flush();
+    file.close(); // which tells what a file system can tell only then
     if (!s.good())
         _ReportError(WARNING, WRITING_TO_FILE, MyFileName, ZELOO_HERE);
 }

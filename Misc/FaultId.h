@@ -128,10 +128,15 @@ public:
     /// Reads the set from its file, as scanFrom does; without a file name does nothing. A file that cannot be opened
     /// (WARNING report, OPENING_FILE) leaves the set as it is, and so does a directory (WARNING, READING_FROM_FILE); one
     /// that cannot be read to the end of what it announces (WARNING, READING_FROM_FILE) gives the elements before that.
-    /// The file's name is the description.
+    /// The file's name is the description, and the report's `errno` tells a file that is merely short (0) from an error of
+    /// the host: what could not be read is still there then, and a Save would write over it.
     void Load();
     /// Writes the set to its file, created or overwritten; without a file name does nothing. Failures are reported as a
     /// WARNING, OPENING_FILE or WRITING_TO_FILE, with the file's name as the description.
+    ///
+    /// The file is emptied first and not synced: a failure, a crash or a power cut can leave a part of the set or none of
+    /// it. A program that must not lose the set writes it, with printOn, to a file of another name, syncs that and renames
+    /// it (see ReplaceFile in examples/durablefile.h).
     void Save() const;
 
     /// Writes quantity and cursor, then the text of each element, a line each. Writes nothing without an array.

@@ -5,13 +5,16 @@
 
 #include <cerrno>
 #include <climits>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -701,6 +704,27 @@ TEST(FaultIdList, AFullDiskIsReported)
     EXPECT_EQ(ReportsInFull([&] { list.Save(); }), ExpectedReport(ErrorReporter::WRITING_TO_FILE, ENOSPC, "/dev/full"));
     EXPECT_EQ(OpenDescriptors(), descriptors);
     EXPECT_EQ(list.MyQuantity(), 2000);
+}
+
+TEST(FaultIdList, ErrorsOfTheDiskAreReportedAsSuch)
+{
+    TemporaryDirectory directory;
+    const std::string path = directory.File("list");
+    FaultIdList list(path.c_str());
+    Fill(list, 2);
+    list.Save();
+    const std::vector<std::tuple<long, int, short, std::function<void()>>> cases = {
+        {SYS_read, EIO, ErrorReporter::READING_FROM_FILE, [&] { list.Load(); }},
+        {SYS_close, EDQUOT, ErrorReporter::WRITING_TO_FILE, [&] { list.Save(); }}};
+    for (const auto& [call, error, type, operation] : cases) {
+        const ChildResult child = RunInChild([&, call = call, error = error, operation = operation] {
+            MakeCallsFail({call}, error);
+            operation();
+        });
+        if (child.exitCode == NotPossibleHere)
+            GTEST_SKIP() << "no system call filters here";
+        EXPECT_EQ(WithoutVariables(child.err), ExpectedReport(type, error, path));
+    }
 }
 
 // As many as a quantity can say.
