@@ -1,15 +1,22 @@
 // The registry of the monitored objects, the handlers that it installs, and what signals make of the objects.
 #include "Misc/mobject.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +55,20 @@ struct StaticObject {
 };
 StaticObject first;
 StaticObject second;
+
+// From now on every system call but the one that ends the process ends it by a signal.
+void OnlyTheEndIsAllowed()
+{
+    struct sock_filter rules[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+    };
+    const struct sock_fprog program = {sizeof rules / sizeof *rules, rules};
+    ChildNeeds(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+               prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0);
+}
 
 TEST(MonitoredObject, TagsGrowFromZeroAndTheDumpNamesTheResidents)
 {
@@ -130,6 +151,74 @@ TEST(MonitoredObject, ManyObjectsComeAndGo)
         Expect(DumpedState() == StateDump(1, 999, 500, expected), 1);
     });
     EXPECT_EQ(result.exitCode, 0);
+}
+
+// The processor time to make `number` objects and to destroy them, every `step`th first, then those behind them, and so on.
+double SecondsFor(size_t number, size_t step)
+{
+    const clock_t begun = clock();
+    std::vector<std::unique_ptr<MonitoredObject>> objects(number);
+    for (auto& object : objects)
+        object = std::make_unique<MonitoredObject>();
+    for (size_t first = 0; first < step; first++)
+        for (size_t i = first; i < number; i += step)
+            objects[number - 1 - i].reset();
+    return static_cast<double>(clock() - begun) / CLOCKS_PER_SEC;
+}
+
+TEST(MonitoredObject, TheCostOfOneDoesNotGrowWithTheirNumber)
+{
+    const ChildResult result = RunInChild([] {
+        for (const size_t step : {1, 7, 1000}) {
+            double few = 1e9, many = 1e9;
+            for (int i = 0; i < 5; i++) { // the best of them: others use the processor's caches, too
+                few = std::min(few, SecondsFor(10000, step));
+                many = std::min(many, SecondsFor(100000, step));
+            }
+            CHILD_CHECK(many < 50 * few); // ten times as many: a search would make it a hundred times the cost
+        }
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST(MonitoredObject, AHundredThousandAreDumpedInTheirOrderWhateverWasDestroyed)
+{
+    const ChildResult result = RunInChild([] {
+        std::vector<std::unique_ptr<MonitoredObject>> objects(100000);
+        for (auto& object : objects)
+            object = std::make_unique<MonitoredObject>();
+        unsigned seed = 1;
+        for (size_t i = 0; i < 99900; i++) {
+            seed = seed * 1103515245 + 12345;
+            objects[seed / 16 % objects.size()].reset();
+        }
+        std::string expected;
+        long first = -1, last = -1, number = 0;
+        for (size_t i = 0; i < objects.size(); i++)
+            if (objects[i] != nullptr) {
+                last = static_cast<long>(i);
+                first = first < 0 ? last : first;
+                number++;
+                expected += ObjectDump(last, "not avail\n");
+            }
+        Expect(DumpedState() == StateDump(first, last, number, expected), 1);
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST(MonitoredObject, AnotherOneMakesNoSystemCall)
+{
+    const ChildResult result = RunInChild([] {
+        const MonitoredObject first; // installs
+        alignas(MonitoredObject) unsigned char place[sizeof(MonitoredObject)];
+        OnlyTheEndIsAllowed();
+        for (int i = 0; i < 1000; i++)
+            (new (place) MonitoredObject)->~MonitoredObject();
+        syscall(SYS_exit_group, 7);
+    });
+    if (result.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to refuse system calls here";
+    EXPECT_EQ(result.exitCode, 7) << "signal " << result.signal;
 }
 
 TEST(MonitoredObject, TheDebugLevelIsTheOneLastSet)
