@@ -31,7 +31,7 @@ static int argc;
 static char* const* argv;
 static char* const* envp;
 static char* fullProgramName;
-static char* programName;
+static const char* programName;
 static char* version;
 
 // Filled on first use.
@@ -44,6 +44,11 @@ static char* osRelease;
 static char* osVersion;
 static char* machine;
 static char* architecture;
+
+// The program's name names its crash file, so it does not lie on the heap, which may be in pieces then, unless it is
+// longer than the name of a file can be.
+static char shortProgramName[NAME_MAX + 1];
+static char* longProgramName;
 
 static void Replace(char** kept, char* text)
 {
@@ -60,9 +65,14 @@ void ProgInfo::Initialize(int argc_p, char* const* argv_p, char* const* envp_p, 
     const char* name = argv_p != nullptr ? argv_p[0] : nullptr;
     char* newFullName = NewText(name);
     char* newVersion = NewText(pVersion);
-    char* newName = name != nullptr ? NewText(BaseName(name)) : nullptr;
+    const char* base = name != nullptr ? BaseName(name) : nullptr;
+    const bool isLong = base != nullptr && strlen(base) >= sizeof shortProgramName;
+    char* newLongName = isLong ? NewText(base) : nullptr;
+    if (base != nullptr && !isLong)
+        memmove(shortProgramName, base, strlen(base) + 1);
+    programName = isLong ? newLongName : base != nullptr ? shortProgramName : nullptr;
+    Replace(&longProgramName, newLongName);
     Replace(&fullProgramName, newFullName);
-    Replace(&programName, newName);
     Replace(&version, newVersion);
 }
 

@@ -3,6 +3,7 @@
 #define TESTS_UNIT_CRASH_TESTING_H
 
 #include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -34,13 +35,13 @@ const std::string Directory = "/var/orv/data";
 // Lets the process be the program `name` with two arguments.
 inline void BecomeProgram(const std::string& name)
 {
-    static std::string full;
+    static char full[256]; // as any argument not on the heap
     static char one[] = "-d";
     static char two[] = "two words";
     static char* argv[] = {nullptr, one, two, nullptr};
     static char* envp[] = {nullptr};
-    full = "/opt/orv/bin/" + name;
-    argv[0] = full.data();
+    snprintf(full, sizeof full, "/opt/orv/bin/%s", name.c_str());
+    argv[0] = full;
     ProgInfo::Initialize(3, argv, envp, "1.0");
 }
 
