@@ -11,3 +11,7 @@ if(ZELOO_COVERAGE)
   add_compile_options(--coverage)
   add_link_options(--coverage)
 endif()
+if(ZELOO_FUZZ) # clang only
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined)
+endif()
