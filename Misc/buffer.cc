@@ -193,7 +193,7 @@ void Buffer::BlockWrite(const void* data, unsigned len, std::ostream& out, short
 {
     const unsigned step = 512;
     const char* bytes = static_cast<const char*>(data);
-    const size_t end = ignore_nulls ? strnlen(bytes, len) : len;
+    const size_t end = ignore_nulls && len > 0 ? strnlen(bytes, len) : len; // the block of an empty buffer is null
     for (size_t at = 0; at < len; at += step) {
         out.flush();
         if (at < end)

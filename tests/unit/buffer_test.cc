@@ -399,6 +399,17 @@ TEST(BufferBlock, WritesInBlocksOf512AndStopsAtAZero)
     EXPECT_EQ(Written('\0' + block + block, 1), std::make_pair(std::string(), (Sizes{0, 0, 0, 0})));
 }
 
+TEST(BufferBlock, WritesNothingOfAnEmptyBuffer)
+{
+    const Buffer empty;
+    for (const short ignoreNulls : {0, 1}) {
+        std::ostringstream out;
+        Buffer::BlockWrite(empty, empty.Size(), out, ignoreNulls); // its block is null
+        EXPECT_EQ(out.str(), "");
+        EXPECT_TRUE(out.good());
+    }
+}
+
 TEST(BufferHexDump, WritesRowsToAStream)
 {
     EXPECT_EQ(HexDump(""), "HexDump for 0 (0000) bytes\n0000:  \n");
