@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include "Misc/proginfo.h"
-#include "faultserver.h"
+#include "examples/faultserver.h"
 
 #include "fuzz/fuzzing.h"
 

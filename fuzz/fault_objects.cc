@@ -1,5 +1,5 @@
 // The objects of the fault daemon's events, from any bytes: what is taken is sound and survives another journey.
-#include "fault.h"
+#include "examples/fault.h"
 
 #include "fuzz/fuzzing.h"
 

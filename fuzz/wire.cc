@@ -23,19 +23,19 @@ const int Places = 400;
 void CheckRanges(Input in)
 {
     Ranges ranges;
-    std::vector<bool> model(Places);
+    std::vector<char> model(Places);
     for (int i = 0; i < 100 && !in.IsAtEnd(); i++) {
         const int begin = static_cast<int>(in.Byte());
         const int end = begin + static_cast<int>(in.Below(Places - 255));
         const auto from = model.begin() + begin, to = model.begin() + end;
-        const bool overlaps = std::find(from, to, true) != to;
+        const bool overlaps = std::find(from, to, 1) != to;
         FUZZ_CHECK(ranges.Add(begin, end) == (overlaps ? Ranges::Overlaps : Ranges::Added));
         if (!overlaps)
-            std::fill(from, to, true);
-        FUZZ_CHECK(ranges.Count() == std::count(model.begin(), model.end(), true));
+            std::fill(from, to, 1);
+        FUZZ_CHECK(ranges.Count() == std::count(model.begin(), model.end(), 1));
         if (in.Below(64) == 0) {
             ranges.Clear();
-            model.assign(Places, false);
+            model.assign(Places, 0);
         }
     }
 }
@@ -57,11 +57,11 @@ public:
             return Gatherer::Misfit;
         bytes.resize(static_cast<std::size_t>(std::max<int64_t>(end, static_cast<int64_t>(bytes.size()))));
         const auto from = bytes.begin() + block.offset, to = from + block.length;
-        if (std::find(from, to, true) != to)
+        if (std::find(from, to, 1) != to)
             return Gatherer::Misfit;
-        std::fill(from, to, true);
+        std::fill(from, to, 1);
         if (static_cast<int>(parts.size()) == count)
-            return std::count(bytes.begin(), bytes.end(), true) == total ? Gatherer::Whole : Gatherer::Misfit;
+            return std::count(bytes.begin(), bytes.end(), 1) == total ? Gatherer::Whole : Gatherer::Misfit;
         return Gatherer::More; // the Gatherer may know better: the rest can be more than the records left can carry
     }
 
@@ -69,7 +69,7 @@ private:
     int32_t total = 0;
     int count = 0;
     std::set<int> parts;
-    std::vector<bool> bytes;
+    std::vector<char> bytes;
 };
 
 Block AnyBlock(Input& in, int32_t total)
