@@ -144,6 +144,7 @@ class Machine {
 public:
     void Step(Input& in);
     void Check() const;
+    void CheckFacts() const;
 
 private:
     void Edit(Input& in, CString& s, Model& m);
@@ -356,13 +357,21 @@ void Machine::Convert(Input& in, CString& s, Model& m)
 
 int Sign(int n) { return (n > 0) - (n < 0); }
 
+// That every text is what it is to be, also of those that an operation on another one has no business with.
 void Machine::Check() const
+{
+    for (unsigned i = 0; i < Handles; i++) {
+        FUZZ_CHECK(strings[i].strlen() == models[i].size());
+        const char* text = strings[i];
+        FUZZ_CHECK(std::memcmp(text, models[i].c_str(), models[i].size() + 1) == 0);
+    }
+}
+
+void Machine::CheckFacts() const
 {
     for (unsigned i = 0; i < Handles; i++) {
         const CString& s = strings[i];
         const Model& m = models[i];
-        FUZZ_CHECK(s.strlen() == m.size());
-        FUZZ_CHECK(std::memcmp(static_cast<const char*>(s), m.c_str(), m.size() + 1) == 0);
         FUZZ_CHECK(s == m.c_str());
         FUZZ_CHECK(s.find_awk_chars() == (UpToZero(m).find_first_of(".^") != Model::npos));
         const std::unique_ptr<char[]> quoted(CString::EncloseWithQuotes(s));
@@ -387,5 +396,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         machine.Step(in);
         machine.Check();
     }
+    machine.CheckFacts();
     return 0;
 }

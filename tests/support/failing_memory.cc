@@ -17,6 +17,8 @@ MemoryFailure::~MemoryFailure() { rule = earlier; }
 
 void MemoryFailure::Restart() const { rule = own; }
 
+bool MemoryFailure::HasHappened() const { return rule.count < own.count; }
+
 std::vector<std::size_t> SizesAllocated(int calls, const std::function<void()>& body)
 {
     std::vector<std::size_t> noted;
@@ -49,6 +51,30 @@ static bool Fails(AllocationCalls call, std::size_t bytes)
 
 using namespace testing_support;
 
+#ifndef __SANITIZE_ADDRESS__
+
+// The allocator of the C library under its own names.
+extern "C" void* __libc_malloc(std::size_t size) noexcept;               // NOLINT(bugprone-reserved-identifier)
+extern "C" void* __libc_realloc(void* block, std::size_t size) noexcept; // NOLINT(bugprone-reserved-identifier)
+
+extern "C" void* malloc(std::size_t size) noexcept { return Fails(Malloc, size) ? nullptr : __libc_malloc(size); }
+
+extern "C" void* realloc(void* block, std::size_t size) noexcept
+{
+    return Fails(Realloc, size) ? nullptr : __libc_realloc(block, size);
+}
+
+// What throws is what the tests allocate by: it does not fail.
+void* operator new(std::size_t size)
+{
+    void* block = __libc_malloc(size > 0 ? size : 1);
+    return block != nullptr ? block : throw std::bad_alloc();
+}
+
+void* operator new[](std::size_t size) { return ::operator new(size); }
+
+#endif
+
 // Behind these the forms that throw allocate, so that any form of `operator delete` may free: a sanitizer tells a block
 // of `new` from one of `malloc`.
 void* operator new(std::size_t n, const std::nothrow_t&) noexcept
@@ -74,7 +100,11 @@ extern "C" void* calloc(std::size_t nmemb, std::size_t size) noexcept
     }
     if (Fails(Calloc, bytes))
         return nullptr;
+#ifdef __SANITIZE_ADDRESS__
     void* (*volatile allocate)(std::size_t) = std::malloc; // which the compiler must not turn into this function
+#else
+    void* (*volatile allocate)(std::size_t) = __libc_malloc;
+#endif
     void* block = allocate(bytes);
     if (block != nullptr)
         std::memset(block, 0, bytes);

@@ -4,8 +4,9 @@
 //     ProcMgr submission("x", nullptr); // finds no memory for its CmdLine
 //
 // The linker takes it for the tests that use it. It replaces `operator new` and
-// `operator new[]` with std::nothrow and `calloc` for the whole program, the library included, static or shared. The
-// other forms, by which the tests and the C++ library allocate, always find memory.
+// `operator new[]` with std::nothrow and `calloc` for the whole program, the library included, static or shared; and,
+// where no sanitizer has its own, `malloc` and `realloc`. The other forms, by which the tests and the C++ library
+// allocate, always find memory.
 #ifndef TESTS_SUPPORT_FAILING_MEMORY_H
 #define TESTS_SUPPORT_FAILING_MEMORY_H
 
@@ -18,7 +19,7 @@
 namespace testing_support {
 
 /// The calls that can fail: one of them, or several joined by `|`.
-enum AllocationCalls { NewObject = 1, NewArray = 2, Calloc = 4 };
+enum AllocationCalls { NewObject = 1, NewArray = 2, Calloc = 4, Malloc = 8, Realloc = 16, AllCalls = 31 };
 
 /// While it lives, the allocations it stands for give null and set errno to ENOMEM. One that is made while another
 /// lives takes its place until it goes. A child process inherits it.
@@ -32,6 +33,8 @@ public:
     static MemoryFailure FromSize(std::size_t bytes, int calls) { return MemoryFailure({calls, bytes}); }
     /// All behind the first `count`.
     static MemoryFailure After(long count, int calls) { return MemoryFailure({calls, 0, SIZE_MAX, count}); }
+    /// The one behind the first `count`, and no other.
+    static MemoryFailure OfOne(long count, int calls) { return MemoryFailure({calls, 0, SIZE_MAX, count, 1}); }
     /// The next one only.
     static MemoryFailure OfNext(int calls) { return MemoryFailure({calls, 0, SIZE_MAX, 0, 1}); }
     /// The next one of `bytes` bytes only.
@@ -46,6 +49,8 @@ public:
 
     /// Counts the allocations anew, from this one on.
     void Restart() const;
+    /// Whether any has failed since then.
+    bool HasHappened() const;
 
     /// What fails: by which calls, of which sizes, behind how many that succeed, and how many.
     struct Rule {

@@ -1,0 +1,75 @@
+// Memory that fails once, at every allocation of every scenario: each run ends with a stated result, and what is used
+// afterwards works, keeps no more memory, descriptors or kernel objects than before, and does not hang.
+#include <iostream>
+
+#include <malloc.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Misc/proginfo.h"
+#include "tests/support/failing_memory.h"
+#include "tests/support/testing.h"
+#include "tests/system/failures_testing.h"
+
+using namespace testing_support;
+using namespace failures_testing;
+
+namespace {
+
+const int NothingFailed = 42;
+
+size_t HeapInUse() { return mallinfo2().uordblks; }
+
+// Runs the scenario with its allocation behind the first `count` failing. What is lost then is lost each time: blocks of
+// other sizes that serve meanwhile do not make the heap grow at every turn.
+void RunWithFailure(const Scenario& scenario, const std::string& directory, long count)
+{
+    const int turns = 6;
+    scenario.run(directory); // what is kept for good is there from now on
+    const Holdings before = HoldingsNow();
+    bool hasGrown = true;
+    size_t heap = 0;
+    for (int i = 0; i < turns && hasGrown; i++) {
+        const MemoryFailure failure = MemoryFailure::OfOne(count, AllCalls);
+        scenario.run(directory);
+        if (!failure.HasHappened())
+            _exit(NothingFailed);
+        hasGrown = HeapInUse() > heap;
+        heap = HeapInUse();
+    }
+    CHILD_CHECK(!hasGrown);
+    CHILD_CHECK(HoldingsNow() == before);
+    scenario.run(directory);
+}
+
+class FailingMemory : public testing::TestWithParam<Scenario> {};
+
+TEST_P(FailingMemory, LeavesAStatedResultAtEachAllocation)
+{
+    const Scenario& scenario = GetParam();
+    static char program[] = "/opt/orv/bin/tester";
+    static char* arguments[] = {program, nullptr};
+    ProgInfo::Initialize(1, arguments, arguments + 1, "3.4");
+    MakeKeyFile("failures");
+    if (InSandbox())
+        WriteFile("/etc/services", "orvd 4711/tcp\n");
+    TemporaryDirectory directory;
+    long count = 0;
+    for (bool failed = true; failed; count += failed) {
+        const ChildResult result = RunInChild([&] { RunWithFailure(scenario, directory.Path(), count); }, 120);
+        failed = result.exitCode != NothingFailed;
+        EXPECT_TRUE(!failed || EndedAsStated(result))
+            << "allocation " << count << ": exit code " << result.exitCode << ", signal " << result.signal << "\n"
+            << result.err;
+        if (HasFailure())
+            return;
+    }
+    std::cout << "failures injected: " << count << std::endl;
+    EXPECT_GT(count, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, FailingMemory, testing::ValuesIn(Scenarios),
+                         [](const testing::TestParamInfo<Scenario>& each) { return each.param.name; });
+
+} // namespace
