@@ -14,9 +14,9 @@ typedef std::bitset<32> Model;
 
 static void SetByWord(Input& in, BitFlags& flags, Model& model, unsigned long mask)
 {
-    static const char* const Words[] = {"on", "true", "off", "false", "ON", ""};
+    static const char* const words[] = {"on", "true", "off", "false", "ON", ""};
     const unsigned which = in.Below(7);
-    const std::string word = which < 6 ? Words[which] : in.Text();
+    const std::string word = which < 6 ? words[which] : in.Text();
     const unsigned long left = flags.SetFlagViaString(mask, word.c_str());
     if (word == "on" || word == "true")
         model |= Model(mask);

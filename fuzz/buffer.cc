@@ -42,7 +42,7 @@ static void Get(Input& in, const Buffer& buffer, const std::string& model)
     const unsigned pos = in.Flag() ? in.Number<unsigned>() : in.Byte();
     const unsigned len = in.Number<uint16_t>();
     std::string got(len + 1, '#');
-    buffer.GetDataAt(pos, &got[0], len);
+    buffer.GetDataAt(pos, got.data(), len);
     const std::string part = pos < model.size() ? model.substr(pos, len) : std::string();
     FUZZ_CHECK(got == part + std::string(got.size() - part.size(), '#'));
 }
@@ -88,12 +88,51 @@ static void CheckDumps(const std::string& model, const Buffer& buffer)
     FUZZ_CHECK(text.strlen() >= 3 * model.size());
 }
 
+// Blocks that change hands, single bytes, streams and dumps.
+static void StepAside(Input& in, Buffer& buffer, std::string& model)
+{
+    switch (in.Below(5)) {
+    case 0: {
+        const unsigned size = buffer.Size();
+        void* block = buffer.ReleasePtr();
+        FUZZ_CHECK(buffer.Size() == 0 && (block != nullptr) == (size > 0));
+        buffer.AssignPtr(block, size);
+        break;
+    }
+    case 1: {
+        const unsigned i = in.Number<unsigned>();
+        const char c = in.Char();
+        buffer[i] = c;
+        if (i < model.size())
+            model[i] = c;
+        FUZZ_CHECK(buffer[i] == c);
+        break;
+    }
+    case 2: {
+        const std::string source = in.Run();
+        const unsigned len = in.Byte();
+        std::istringstream stream(source);
+        FUZZ_CHECK(buffer.LoadBufferFromFile(stream, len) == 0);
+        model = source.substr(0, len) + std::string(len - std::min<std::size_t>(len, source.size()), '\0');
+        break;
+    }
+    case 3: {
+        std::ostringstream whole, text;
+        Buffer::BlockWrite(buffer, buffer.Size(), whole, 0);
+        Buffer::BlockWrite(buffer, buffer.Size(), text, 1);
+        FUZZ_CHECK(whole.str() == model && text.str() == model.substr(0, model.find('\0')));
+        break;
+    }
+    default: CheckDumps(model, buffer);
+    }
+}
+
 static void Step(Input& in, Buffer (&buffers)[2], std::string (&models)[2])
 {
     const unsigned which = in.Below(2);
     Buffer& buffer = buffers[which];
     std::string& model = models[which];
-    switch (in.Below(13)) {
+    switch (in.Below(9)) {
     case 0: Put(in, buffer, model); break;
     case 1: Get(in, buffer, model); break;
     case 2: {
@@ -135,38 +174,7 @@ static void Step(Input& in, Buffer (&buffers)[2], std::string (&models)[2])
         model += part;
         break;
     }
-    case 8: {
-        const unsigned size = buffer.Size();
-        void* block = buffer.ReleasePtr();
-        FUZZ_CHECK(buffer.Size() == 0 && (block != nullptr) == (size > 0));
-        buffer.AssignPtr(block, size);
-        break;
-    }
-    case 9: {
-        const unsigned i = in.Number<unsigned>();
-        const char c = in.Char();
-        buffer[i] = c;
-        if (i < model.size())
-            model[i] = c;
-        FUZZ_CHECK(buffer[i] == c);
-        break;
-    }
-    case 10: {
-        const std::string source = in.Run();
-        const unsigned len = in.Byte();
-        std::istringstream stream(source);
-        FUZZ_CHECK(buffer.LoadBufferFromFile(stream, len) == 0);
-        model = source.substr(0, len) + std::string(len - std::min<std::size_t>(len, source.size()), '\0');
-        break;
-    }
-    case 11: {
-        std::ostringstream whole, text;
-        Buffer::BlockWrite(buffer, buffer.Size(), whole, 0);
-        Buffer::BlockWrite(buffer, buffer.Size(), text, 1);
-        FUZZ_CHECK(whole.str() == model && text.str() == model.substr(0, model.find('\0')));
-        break;
-    }
-    default: CheckDumps(model, buffer);
+    default: StepAside(in, buffer, model);
     }
 }
 

@@ -9,6 +9,7 @@
 #include "fuzz/fuzzing.h"
 
 using fuzzing::Input;
+using fuzzing::UpToZero;
 
 namespace {
 
@@ -16,8 +17,6 @@ const unsigned Handles = 4;
 
 // The text of a string: its bytes as they are stored, zero bytes that were written into it included.
 typedef std::string Model;
-
-Model UpToZero(const Model& text) { return Model(text.c_str()); }
 
 template <class Convert>
 Model Converted(Model text, Convert convert)
@@ -52,14 +51,14 @@ Model Unix(const Model& text)
 
 Model Escaped(const Model& text, short mode)
 {
-    static const Model Controls = "\b\t\n\v\f\r", Letters = "btnvfr", Pattern = "!$?[]|/()*+";
+    static const Model controls = "\b\t\n\v\f\r", letters = "btnvfr", pattern = "!$?[]|/()*+";
     Model escaped;
     for (const char c : UpToZero(text)) {
         const unsigned char byte = static_cast<unsigned char>(c);
-        if (c == '\'' || c == '"' || c == '\\' || (mode == 0 && Pattern.find(c) != Model::npos))
+        if (c == '\'' || c == '"' || c == '\\' || (mode == 0 && pattern.find(c) != Model::npos))
             escaped += Model("\\") + c;
-        else if (Controls.find(c) != Model::npos)
-            escaped += Model("\\") + Letters[Controls.find(c)];
+        else if (controls.find(c) != Model::npos)
+            escaped += Model("\\") + letters[controls.find(c)];
         else if (std::isprint(byte))
             escaped += c;
         else
@@ -89,7 +88,7 @@ char Numbered(const Model& text, std::size_t& at, int base, int most)
 
 Model Literal(const Model& stored)
 {
-    static const Model Controls = "\b\f\n\r\t\v", Letters = "bfnrtv";
+    static const Model controls = "\b\f\n\r\t\v", letters = "bfnrtv";
     const Model text = UpToZero(stored);
     Model literal;
     for (std::size_t i = 0; i < text.size();) {
@@ -108,7 +107,7 @@ Model Literal(const Model& stored)
         if (c == 'x' && i < text.size() && DigitOf(text[i], 16) >= 0)
             literal += Numbered(text, i, 16, 2);
         else
-            literal += Letters.find(c) != Model::npos ? Controls[Letters.find(c)] : c;
+            literal += letters.find(c) != Model::npos ? controls[letters.find(c)] : c;
     }
     return UpToZero(literal);
 }
@@ -133,7 +132,7 @@ Model Token(Model& text, Model delimiters)
     const std::size_t begin = seen.find_first_not_of(delimiters);
     if (begin == Model::npos)
         return "";
-    const Model token = seen.substr(begin, seen.find_first_of(delimiters, begin) - begin);
+    Model token = seen.substr(begin, seen.find_first_of(delimiters, begin) - begin);
     text = UpToZero(text.substr(std::min(text.size(), token.size() + 1)));
     return token;
 }
@@ -148,6 +147,8 @@ public:
 
 private:
     void Edit(Input& in, CString& s, Model& m);
+    void Replace(Input& in, CString& s, Model& m);
+    void ExtractToken(Input& in, CString& s, Model& m);
     void Convert(Input& in, CString& s, Model& m);
     void Assign(Input& in, CString& s, Model& m);
 
@@ -278,24 +279,29 @@ void Machine::Edit(Input& in, CString& s, Model& m)
             m = UpToZero(c != '\0' ? m.insert(pos, 1, c) : m);
         break;
     }
-    case 7: {
-        const char c = in.Char();
-        const Model text = in.Text();
-        if (m.size() > 4096)
-            break;
-        s.ReplaceAll(c, text.c_str());
-        if (m.find(c) != Model::npos)
-            m = Replaced(m, c, text);
-        break;
+    case 7: Replace(in, s, m); break;
+    default: ExtractToken(in, s, m);
     }
-    default: {
-        CString token("earlier");
-        const Model delimiters = in.Text();
-        s.ExtractToken(token, delimiters.c_str());
-        const Model expected = Token(m, delimiters);
-        FUZZ_CHECK(static_cast<const char*>(token) == expected);
-    }
-    }
+}
+
+void Machine::Replace(Input& in, CString& s, Model& m)
+{
+    const char c = in.Char();
+    const Model text = in.Text();
+    if (m.size() > 4096)
+        return;
+    s.ReplaceAll(c, text.c_str());
+    if (m.find(c) != Model::npos)
+        m = Replaced(m, c, text);
+}
+
+void Machine::ExtractToken(Input& in, CString& s, Model& m)
+{
+    CString token("earlier");
+    const Model delimiters = in.Text();
+    s.ExtractToken(token, delimiters.c_str());
+    const Model expected = Token(m, delimiters);
+    FUZZ_CHECK(static_cast<const char*>(token) == expected);
 }
 
 void Machine::Convert(Input& in, CString& s, Model& m)

@@ -38,8 +38,8 @@ Buffer Packed(const Object& object)
 
 FaultId AnyId(Input& in)
 {
-    static const char* const Nodes[] = {"alpha", "beta", "g\xE4mma", "a/b", "", "%41", ".."};
-    const char* node = Nodes[in.Below(7)];
+    static const char* const nodes[] = {"alpha", "beta", "g\xE4mma", "a/b", "", "%41", ".."};
+    const char* node = nodes[in.Below(7)];
     FaultId id;
     id = (std::string(node) + ":" + std::to_string(in.Below(16) == 0 ? in.Number<int>() : in.Below(4))).c_str();
     return id;
@@ -62,11 +62,11 @@ FaultRecord AnyFault(Input& in)
 
 FaultMove AnyMove(Input& in)
 {
-    static const char* const States[] = {"new", "working", "waiting_escalation", "escalated", "solved", "closed",
+    static const char* const states[] = {"new", "working", "waiting_escalation", "escalated", "solved", "closed",
                                          "",    "unknown"};
     FaultMove move;
     move.id = AnyId(in);
-    move.state = States[in.Below(8)];
+    move.state = states[in.Below(8)];
     return move;
 }
 

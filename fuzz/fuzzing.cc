@@ -47,7 +47,7 @@ void WriteFile(const char* name, const std::string& content)
 namespace {
 
 struct OwnDirectory {
-    OwnDirectory() : path("/dev/shm/fuzz.XXXXXX") { FUZZ_CHECK(mkdtemp(&path[0]) != nullptr); }
+    OwnDirectory() : path("/dev/shm/fuzz.XXXXXX") { FUZZ_CHECK(mkdtemp(path.data()) != nullptr); }
     ~OwnDirectory()
     {
         std::error_code ignored;

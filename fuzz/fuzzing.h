@@ -17,6 +17,9 @@ namespace fuzzing {
 #define FUZZ_CHECK(condition) ((condition) ? void() : fuzzing::Found(#condition, __FILE__, __LINE__))
 [[noreturn]] void Found(const char* what, const char* file, int line);
 
+/// What of a text is before its first zero byte.
+inline std::string UpToZero(const std::string& text) { return text.substr(0, text.find('\0')); }
+
 /// An input, consumed from the front. Past its end there are zeros and empty texts.
 class Input {
 public:
@@ -26,6 +29,8 @@ public:
     std::size_t Left() const { return static_cast<std::size_t>(end - at); }
     unsigned char Byte() { return IsAtEnd() ? 0 : static_cast<unsigned char>(*at++); }
     char Char() { return static_cast<char>(Byte()); }
+    /// A number from -128 to 127.
+    int Small() { return static_cast<int8_t>(Byte()); }
     /// A number from 0 to `limit` - 1.
     unsigned Below(unsigned limit) { return Byte() % limit; }
     bool Flag() { return (Byte() & 1) != 0; }
@@ -48,7 +53,7 @@ public:
     /// A run of bytes behind its length, a byte.
     std::string Run() { return Bytes(Byte()); }
     /// As Run, up to its first zero byte.
-    std::string Text() { return std::string(Run().c_str()); }
+    std::string Text() { return UpToZero(Run()); }
     std::string Rest() { return Bytes(Left()); }
 
 private:

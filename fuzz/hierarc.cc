@@ -87,7 +87,7 @@ void CheckPair(const HierarchicNum& a, const Model& ma, const HierarchicNum& b, 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     Input in(data, size);
-    const short n = static_cast<signed char>(in.Byte());
+    const short n = in.Small();
     const std::string first = in.Text();
     const std::string second = in.Flag() ? in.Text() : first + in.Text();
     HierarchicNum a(first.c_str());

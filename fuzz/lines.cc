@@ -37,10 +37,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     Input in(data, size);
     const bool fields = in.Flag();
     const char delimiter = in.Char();
-    const int length = in.Flag() ? static_cast<signed char>(in.Byte()) : in.Number<int>();
-    CStringBuff collected(in.Flag() ? static_cast<signed char>(in.Byte()) : 16);
+    const int length = in.Flag() ? in.Small() : in.Number<int>();
+    CStringBuff collected(in.Flag() ? in.Small() : 16);
     const std::string first = in.Text();
-    const std::string text = std::string(in.Rest().c_str());
+    const std::string text = fuzzing::UpToZero(in.Rest());
 
     collected = CString(first.c_str());
     for (const char c : text)

@@ -66,7 +66,7 @@ static void CheckHost(const std::string& content)
     const std::string line = content.substr(0, content.find('\n')).substr(0, 256);
     const char* host = IPCTli::get_default_hostname("orvd");
     FUZZ_CHECK(host != nullptr && std::strlen(host) <= 256);
-    FUZZ_CHECK(std::string(line.c_str()).substr(0, std::strlen(host)) == host);
+    FUZZ_CHECK(fuzzing::UpToZero(line).substr(0, std::strlen(host)) == host);
 }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)

@@ -21,7 +21,7 @@ static std::string Token(const std::string& line, std::size_t& at)
 {
     at = std::min(line.find_first_not_of(" \t", at), line.size());
     const std::size_t end = std::min(line.find_first_of(" \t", at), line.size());
-    const std::string token = line.substr(at, end - at);
+    std::string token = line.substr(at, end - at);
     at = end;
     return token;
 }
@@ -32,7 +32,7 @@ static bool Find(const std::string& content, const std::string& node, std::strin
     for (std::size_t begin = 0; begin < content.size();) {
         const std::size_t end = std::min(content.find('\n', begin), content.size());
         const std::size_t length = std::min<std::size_t>(end - begin, 511);
-        const std::string line(content.substr(begin, length).c_str());
+        const std::string line = fuzzing::UpToZero(content.substr(begin, length));
         begin += length + (begin + length == end);
         std::size_t at = 0;
         const std::string name = Token(line, at);
@@ -64,8 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     static int rejected = 0;
     Input in(data, size);
-    static const char* const Standards[] = {"none", "global", "", "full"};
-    const char* standard = Standards[in.Below(4)];
+    static const char* const standards[] = {"none", "global", "", "full"};
+    const char* standard = standards[in.Below(4)];
     std::string node = in.Text();
     if (in.Flag())
         node = in.Flag() ? "alsohere" : "there";
@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     CString answer("earlier");
     const int isNew = GetAccessOptionForNode(node.c_str(), standard, answer);
     rejected += isNew;
-    if (standard == Standards[1])
+    if (standard == standards[1])
         FUZZ_CHECK(isNew == 0 && answer == "global");
     else if (found)
         FUZZ_CHECK(isNew == 0 && answer == option.c_str());

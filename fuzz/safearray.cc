@@ -147,7 +147,7 @@ void Machine::Remove(std::size_t at)
 void Machine::Expand(Input& in)
 {
     const bool isAny = in.Below(16) == 0;
-    const int delta = isAny ? in.Number<int>() : static_cast<signed char>(in.Byte());
+    const int delta = isAny ? in.Number<int>() : in.Small();
     array.Expand(delta);
     model.Expand(delta);
     FUZZ_CHECK(array.Capacity() == model.capacity);
@@ -266,7 +266,7 @@ void CheckCells(Input& in)
     ulongArray cells(static_cast<int>(model.size()));
     for (std::size_t i = 0; i < model.size(); i++)
         cells[static_cast<int>(i)] = model[i] = in.Number<uint32_t>();
-    const int more = static_cast<signed char>(in.Byte());
+    const int more = in.Small();
     cells.growBy(more);
     const std::size_t before = model.size();
     model.resize(before + static_cast<std::size_t>(std::max(more, 0)), 7);

@@ -39,7 +39,7 @@ static std::string Expansion(const std::string& pattern, const std::string& voca
         else
             output += pattern[at] == '%' ? std::string("%") : std::string("%") + pattern[at];
     }
-    return std::string(output.c_str());
+    return fuzzing::UpToZero(output);
 }
 
 static std::string Expand(StringTransformer& transformer)
@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     const long time = in.Flag() ? in.Number<long>() : in.Number<int>();
     const std::string vocabulary = in.Text();
     const std::string timeFormat = in.Text();
-    const std::string format = std::string(in.Rest().c_str());
+    const std::string format = fuzzing::UpToZero(in.Rest());
     if (fromEnvironment)
         setenv("FUZZ_TEMPLATE", format.c_str(), 1);
     else

@@ -48,7 +48,7 @@ void CheckRead(Reader& reader, uint16_t n)
     std::string read(n + 1u, '#');
     const uint32_t available = static_cast<uint32_t>(reader.bytes.size()) - reader.position + 1; // wraps far beyond it
     const uint32_t expected = std::min<uint32_t>(n, available);
-    FUZZ_CHECK(static_cast<uint32_t>(reader.stream.read(&read[0], n)) == expected);
+    FUZZ_CHECK(static_cast<uint32_t>(reader.stream.read(read.data(), n)) == expected);
     if (reader.position < reader.bytes.size()) {
         const std::string part = reader.bytes.substr(reader.position, expected);
         FUZZ_CHECK(read.compare(0, part.size(), part) == 0);
