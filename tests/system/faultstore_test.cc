@@ -41,17 +41,18 @@ extern "C" int fsync(int fd)
     return static_cast<int>(syscall(SYS_fsync, fd));
 }
 
-extern "C" int rename(const char* from, const char* to) noexcept
+// The names of the parameters are those of the host.
+extern "C" int rename(const char* __old, const char* __new) noexcept
 {
-    steps.push_back(std::string("rename ") + std::filesystem::path(to).filename().c_str());
-    return renameat(AT_FDCWD, from, AT_FDCWD, to);
+    steps.push_back(std::string("rename ") + std::filesystem::path(__new).filename().c_str());
+    return renameat(AT_FDCWD, __old, AT_FDCWD, __new);
 }
 
-extern "C" int unlink(const char* path) noexcept
+extern "C" int unlink(const char* __name) noexcept
 {
-    const int result = unlinkat(AT_FDCWD, path, 0);
+    const int result = unlinkat(AT_FDCWD, __name, 0);
     steps.push_back(std::string(result == 0 ? "unlink " : "no unlink ") +
-                    std::filesystem::path(path).filename().c_str());
+                    std::filesystem::path(__name).filename().c_str());
     return result;
 }
 
