@@ -59,9 +59,9 @@ extern "C" void* __libc_realloc(void* block, std::size_t size) noexcept; // NOLI
 
 extern "C" void* malloc(std::size_t size) noexcept { return Fails(Malloc, size) ? nullptr : __libc_malloc(size); }
 
-extern "C" void* realloc(void* block, std::size_t size) noexcept
+extern "C" void* realloc(void* ptr, std::size_t size) noexcept
 {
-    return Fails(Realloc, size) ? nullptr : __libc_realloc(block, size);
+    return Fails(Realloc, size) ? nullptr : __libc_realloc(ptr, size);
 }
 
 // What throws is what the tests allocate by: it does not fail.
@@ -72,6 +72,14 @@ void* operator new(std::size_t size)
 }
 
 void* operator new[](std::size_t size) { return ::operator new(size); }
+
+void operator delete(void* block) noexcept { std::free(block); }
+
+void operator delete[](void* block) noexcept { std::free(block); }
+
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
 
 #endif
 
