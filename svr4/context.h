@@ -35,6 +35,10 @@ int capture_signal(int sig, void (*handler)(int));
 /// A page below the stack that cannot be touched stops an overflow. Returns 0, or -1 with `errno`.
 int use_alternate_stack();
 
+/// Tells a memory checker that the frames below the caller's on the alternate stack are gone. For who has left them with
+/// siglongjmp.
+void forget_frames();
+
 /// Whether another thread of this process is in a handler of capture_signal.
 bool is_captured_elsewhere();
 

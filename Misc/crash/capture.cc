@@ -114,6 +114,7 @@ static Outcome Try(void (*step)(int sig), int sig)
     const int outcome = sigsetjmp(captureContext, 1);
     if (outcome != 0) {
         isInStep = 0;
+        svr4::forget_frames();
         return static_cast<Outcome>(outcome);
     }
     isInStep = 1;

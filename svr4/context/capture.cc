@@ -14,6 +14,10 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: context.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" void __asan_unpoison_memory_region(const volatile void* from, size_t length);
+#endif
+
 namespace svr4 {
 
 namespace {
@@ -121,6 +125,16 @@ int use_alternate_stack()
         return 0;
     alternate.ss_flags = 0; // a host that cannot disarm: one stack for everything
     return sigaltstack(&alternate, nullptr);
+}
+
+__attribute__((noinline)) void forget_frames()
+{
+#if defined(__SANITIZE_ADDRESS__)
+    const char* const low = static_cast<const char*>(alternate.ss_sp);
+    const char* const here = static_cast<const char*>(__builtin_frame_address(0));
+    if (here > low && here <= low + alternate.ss_size)
+        __asan_unpoison_memory_region(low, static_cast<size_t>(here - low));
+#endif
 }
 
 bool is_captured_elsewhere() { return IsOtherThread(owner, ThisThread()); }

@@ -64,6 +64,7 @@ TEST_F(FaultdDumps, RequestsUnderLoadCostNoAnswerAndTheLastDumpIsWhole)
     StartServer();
     const std::string stop = directory.File("stop");
     std::vector<pid_t> clients;
+    clients.reserve(Clients);
     for (int i = 0; i < Clients; i++)
         clients.push_back(StartClient(i, directory.File("commands" + std::to_string(i)), stop));
     for (int i = RequestsToSend(); i > 0; i--) {
