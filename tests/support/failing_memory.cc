@@ -29,8 +29,7 @@ std::vector<std::size_t> SizesAllocated(int calls, const std::function<void()>& 
     return noted;
 }
 
-/// Notes an allocation, and says whether it is to fail.
-static bool Fails(AllocationCalls call, std::size_t bytes)
+bool AllocationFails(AllocationCalls call, std::size_t bytes)
 {
     if ((callsNoted & call) != 0)
         sizes->push_back(bytes);
@@ -52,49 +51,22 @@ static bool Fails(AllocationCalls call, std::size_t bytes)
 using namespace testing_support;
 
 #ifndef __SANITIZE_ADDRESS__
-
-// The allocator of the C library under its own names.
-extern "C" void* __libc_malloc(std::size_t size) noexcept;               // NOLINT(bugprone-reserved-identifier)
-extern "C" void* __libc_realloc(void* block, std::size_t size) noexcept; // NOLINT(bugprone-reserved-identifier)
-
-extern "C" void* malloc(std::size_t size) noexcept { return Fails(Malloc, size) ? nullptr : __libc_malloc(size); }
-
-extern "C" void* realloc(void* ptr, std::size_t size) noexcept
-{
-    return Fails(Realloc, size) ? nullptr : __libc_realloc(ptr, size);
-}
-
-// What throws is what the tests allocate by: it does not fail.
-void* operator new(std::size_t size)
-{
-    void* block = __libc_malloc(size > 0 ? size : 1);
-    return block != nullptr ? block : throw std::bad_alloc();
-}
-
-void* operator new[](std::size_t size) { return ::operator new(size); }
-
-void operator delete(void* block) noexcept { std::free(block); }
-
-void operator delete[](void* block) noexcept { std::free(block); }
-
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-
+// The C library's own, which a program's malloc does not count.
+extern "C" void* __libc_malloc(std::size_t size) noexcept; // NOLINT(bugprone-reserved-identifier)
 #endif
 
 // Behind these the forms that throw allocate, so that any form of `operator delete` may free: a sanitizer tells a block
 // of `new` from one of `malloc`.
 void* operator new(std::size_t n, const std::nothrow_t&) noexcept
 try {
-    return Fails(NewObject, n) ? nullptr : ::operator new(n);
+    return AllocationFails(NewObject, n) ? nullptr : ::operator new(n);
 } catch (const std::bad_alloc&) {
     return nullptr;
 }
 
 void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
 try {
-    return Fails(NewArray, n) ? nullptr : ::operator new[](n);
+    return AllocationFails(NewArray, n) ? nullptr : ::operator new[](n);
 } catch (const std::bad_alloc&) {
     return nullptr;
 }
@@ -106,7 +78,7 @@ extern "C" void* calloc(std::size_t nmemb, std::size_t size) noexcept
         errno = ENOMEM;
         return nullptr;
     }
-    if (Fails(Calloc, bytes))
+    if (AllocationFails(Calloc, bytes))
         return nullptr;
 #ifdef __SANITIZE_ADDRESS__
     void* (*volatile allocate)(std::size_t) = std::malloc; // which the compiler must not turn into this function

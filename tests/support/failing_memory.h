@@ -4,9 +4,9 @@
 //     ProcMgr submission("x", nullptr); // finds no memory for its CmdLine
 //
 // The linker takes it for the tests that use it. It replaces `operator new` and
-// `operator new[]` with std::nothrow and `calloc` for the whole program, the library included, static or shared; and,
-// where no sanitizer has its own, `malloc` and `realloc`. The other forms, by which the tests and the C++ library
-// allocate, always find memory.
+// `operator new[]` with std::nothrow and `calloc` for the whole program, the library included, static or shared. The
+// other forms, by which the tests and the C++ library allocate, always find memory. A program that is also built with
+// failing_malloc.cc has `malloc` and `realloc` replaced as well.
 #ifndef TESTS_SUPPORT_FAILING_MEMORY_H
 #define TESTS_SUPPORT_FAILING_MEMORY_H
 
@@ -70,6 +70,9 @@ private:
 
 /// The sizes in bytes of what `body` allocates by `calls`, in order.
 std::vector<std::size_t> SizesAllocated(int calls, const std::function<void()>& body);
+
+/// Notes an allocation, and says whether it is to fail.
+bool AllocationFails(AllocationCalls call, std::size_t bytes);
 
 } // namespace testing_support
 

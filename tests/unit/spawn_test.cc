@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "svr4/errno.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
