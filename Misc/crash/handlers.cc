@@ -71,7 +71,7 @@ void zeloo::InstallHandlers()
     svr4::use_alternate_stack();
     // What a handler needs and may not make: it may find the heap in pieces, or be in the middle of its change.
     Dates::CurrentTm();
-    StandardError();
+    MakeStandardErrorReady();
     MakeReadyForCapture();
     MakeReadyForRequest();
     for (const int sig : TerminateSignals)

@@ -146,6 +146,8 @@ std::ostream& StandardError()
     return stream;
 }
 
+void MakeStandardErrorReady() { Immortal<ErrorStream>(); }
+
 void CutFullOutputs()
 {
     for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {

@@ -59,6 +59,8 @@ int OpenForDump(const char* name, int mode);
 /// Standard error, good and with the settings of a new stream, whatever the program has done to its own. What is
 /// written goes out with a flush, and is left out where it would have to wait: for a pipe that nobody reads.
 std::ostream& StandardError();
+/// Makes it, while that may take memory. The program's own stream stays as it is.
+void MakeStandardErrorReady();
 
 /// Lets standard output and standard error lead nowhere, each if a write to it would have to wait now.
 void CutFullOutputs();

@@ -66,14 +66,15 @@ tm LocalTime(long moment)
         return __builtin_add_overflow(moment, offset, &seconds) ? tm() : BrokenDown(seconds);
     }
     const time_t seconds = moment;
-    const tm* local = localtime(&seconds);
-    if (local == nullptr)
+    tm local = {};
+    tzset();
+    if (localtime_r(&seconds, &local) == nullptr)
         return {};
     const long distance = time(nullptr) - moment;
     if (distance > -SecondsPerHour && distance < SecondsPerHour)
-        offset = DaysTo(local->tm_year + 1900L, local->tm_mon + 1L, local->tm_mday) * SecondsPerDay +
-                 local->tm_hour * SecondsPerHour + local->tm_min * 60L + local->tm_sec - moment;
-    return *local;
+        offset = DaysTo(local.tm_year + 1900L, local.tm_mon + 1L, local.tm_mday) * SecondsPerDay +
+                 local.tm_hour * SecondsPerHour + local.tm_min * 60L + local.tm_sec - moment;
+    return local;
 }
 
 void KeepLocalOffset() { isKept = 1; }

@@ -161,16 +161,12 @@ TEST_F(RedirectTest, RenamesRegularFilesOnly)
         char text[4] = "";
         CHILD_CHECK(read(reader, text, 3) == 3);
         CHILD_CHECK(std::string(text) == "out");
-        CHILD_CHECK(redirectoutput("/dev/null", 0) == 0);
     });
-    EXPECT_EQ(child.exitCode, 0);
+    EXPECT_EQ(child.exitCode, 0); // a device would be the host's own: the test must not be able to lose it
     struct stat status;
     ASSERT_EQ(stat(log.c_str(), &status), 0);
     EXPECT_TRUE(S_ISFIFO(status.st_mode));
     EXPECT_NE(access(old.c_str(), F_OK), 0);
-    ASSERT_EQ(stat("/dev/null", &status), 0);
-    EXPECT_TRUE(S_ISCHR(status.st_mode));
-    EXPECT_NE(access("/dev/null.old", F_OK), 0);
 }
 
 TEST_F(RedirectTest, ALinkIsRenamedWhenItIsOneToARegularFile)
