@@ -32,8 +32,8 @@ public:
     static const char* GetDateTime() { return GetDateTime(CurrentTime()); }
     static const char* GetDateTime(long moment);
     /// The time that a text of GetDateTime stands for; the host decides whether daylight-saving time was in force.
-    /// Nothing is checked: what the text does not have counts as 0 (null has nothing), and fields out of range carry over into the next
-    /// larger one (month 13 is January of the next year).
+    /// Nothing is checked: what the text does not have counts as 0 (null has nothing), and fields out of range carry over
+    /// into the next larger one (month 13 is January of the next year).
     static long GetDateTime(const char* datetime);
 
     /// The seconds on the local clock since midnight.
