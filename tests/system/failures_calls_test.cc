@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Misc/proginfo.h"
 #include "tests/support/testing.h"
 #include "tests/system/failures_testing.h"
 
@@ -82,12 +81,7 @@ class FailingCalls : public testing::TestWithParam<Scenario> {};
 TEST_P(FailingCalls, LeaveAStatedResultWithEachError)
 {
     const Scenario& scenario = GetParam();
-    static char program[] = "/opt/orv/bin/tester";
-    static char* arguments[] = {program, nullptr};
-    ProgInfo::Initialize(1, arguments, arguments + 1, "3.4");
-    MakeKeyFile("failures");
-    if (InSandbox())
-        WriteFile("/etc/services", "orvd 4711/tcp\n");
+    MakeHostReady();
     int count = 0;
     for (const Call& call : Calls)
         for (const int error : call.errors) {

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Misc/proginfo.h"
 #include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 #include "tests/system/failures_testing.h"
@@ -49,12 +48,7 @@ class FailingMemory : public testing::TestWithParam<Scenario> {};
 TEST_P(FailingMemory, LeavesAStatedResultAtEachAllocation)
 {
     const Scenario& scenario = GetParam();
-    static char program[] = "/opt/orv/bin/tester";
-    static char* arguments[] = {program, nullptr};
-    ProgInfo::Initialize(1, arguments, arguments + 1, "3.4");
-    MakeKeyFile("failures");
-    if (InSandbox())
-        WriteFile("/etc/services", "orvd 4711/tcp\n");
+    MakeHostReady();
     TemporaryDirectory directory;
     long count = 0;
     for (bool failed = true; failed; count += failed) {

@@ -20,6 +20,9 @@ struct Scenario {
 
 extern const std::vector<Scenario> Scenarios;
 
+/// Gives the process a name, and the scenarios what they look for on a host.
+void MakeHostReady();
+
 /// What a process holds that must be given back.
 struct Holdings {
     int descriptors;

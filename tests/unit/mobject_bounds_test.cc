@@ -33,13 +33,6 @@ using namespace crash_testing;
 using namespace mobject_testing;
 using namespace testing_support;
 
-// The faults of these tests are the library's to handle, not a sanitizer's.
-extern "C" const char* __asan_default_options()
-{
-    return "handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:use_sigaltstack=0:"
-           "detect_stack_use_after_return=0";
-}
-
 namespace {
 
 const std::string Segv = std::to_string(SIGSEGV);

@@ -11,6 +11,13 @@
 
 #include "Misc/mobject.h"
 
+// The faults of these tests are the library's to handle, not a sanitizer's.
+extern "C" [[gnu::used]] inline const char* __asan_default_options()
+{
+    return "handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:use_sigaltstack=0:"
+           "detect_stack_use_after_return=0";
+}
+
 namespace mobject_testing {
 
 /// An object whose operations are given as functions, for one test each.
