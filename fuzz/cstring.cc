@@ -15,6 +15,10 @@ namespace {
 
 const unsigned Handles = 4;
 
+// A text that is longer is emptied before its next step: appending a text to itself doubles it, and 64 steps of that are
+// more memory than there is.
+const std::size_t LongestKept = 256 * 1024;
+
 // The text of a string: its bytes as they are stored, zero bytes that were written into it included.
 typedef std::string Model;
 
@@ -161,6 +165,10 @@ void Machine::Step(Input& in)
     const unsigned i = in.Below(Handles);
     CString& s = strings[i];
     Model& m = models[i];
+    if (m.size() > LongestKept) {
+        s = "";
+        m.clear();
+    }
     switch (in.Below(3)) {
     case 0: Assign(in, s, m); break;
     case 1: Edit(in, s, m); break;
