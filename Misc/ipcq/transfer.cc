@@ -80,11 +80,10 @@ public:
     // It may be the own mail that fills the queue. Room is used as soon as there is some: a flood leaves it no time.
     int Try(int flags) override
     {
-        const bool mayWait = (flags & IPC_NOWAIT) == 0;
-        int error = PutMessage(end.queue, &LocalMsg, IPC_NOWAIT);
-        while (error == EAGAIN && end.mail.SaveOne(mayWait ? 2 * MostSaved : MostSaved))
-            error = PutMessage(end.queue, &LocalMsg, IPC_NOWAIT);
-        return error == EAGAIN && mayWait ? PutMessage(end.queue, &LocalMsg, flags) : error;
+        int error = PutMessage(end.queue, &LocalMsg, flags);
+        while (error == EAGAIN && end.mail.SaveOne(MostSaved))
+            error = PutMessage(end.queue, &LocalMsg, flags);
+        return error;
     }
 };
 
