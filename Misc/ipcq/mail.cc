@@ -99,6 +99,14 @@ void Mail::Save(unsigned most)
     const bool serversMail = !object.is_a_server() && object.MyPID == object.ServerPID;
     if (object.MyQueueID >= 0 && !serversMail)
         SaveMail(object.MyQueueID, object.MyPID, object.MsgArray, most);
+    isSettled = true;
+}
+
+void Mail::SaveBeforeSending()
+{
+    if (!isSettled && !object.is_a_server()) // which does that when an event comes
+        Save(MostSaved);
+    isSettled = false;
 }
 
 bool Mail::SaveOne(unsigned most)

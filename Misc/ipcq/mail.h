@@ -73,6 +73,10 @@ public:
 
     /// Saves the own mail, until `most` messages are saved.
     void Save(unsigned most);
+    /// Saves the own mail before an event is sent, unless none has been sent since it was looked through.
+    void SaveBeforeSending();
+    /// Notes that there was none: it has been looked through.
+    void NoteEmpty() { isSettled = true; }
     /// Saves the oldest of it, unless `most` messages are saved. Whether there was one.
     bool SaveOne(unsigned most);
     /// Whether a saved message says that an event's sender has gone on to another one.
@@ -135,6 +139,7 @@ private:
     IPCQBase& object;
     EarlyEvent* earlyEvents = nullptr; // oldest first
     IPCQMsgSafeArray aside{0};         // kept for others
+    bool isSettled = false;            // the own mail was looked through after the last event was sent
     long openChannel = 0;
     Correspondents correspondents;
     int64_t lastClearing = 0;

@@ -188,10 +188,10 @@ public:
     int Try(int flags) override
     {
         const int error = TakeMessage(end.queue, end.pid, LocalMessage, flags);
-        if (error != 0 || FirstBlock(LocalMessage, end.pid)) {
-            mayHaveMore = (flags & IPC_NOWAIT) != 0;
+        if (error != 0)
+            wasEmpty = true;
+        if (error != 0 || FirstBlock(LocalMessage, end.pid))
             return error;
-        }
         ReportMalformed(end.queue);
         return TryAgain;
     }
@@ -207,24 +207,22 @@ public:
         return partner != 0 && watch.HasLeft(partner) ? ErrorReporter::IPC_RECV_PROCESS_GONE : ErrorReporter::NO_ERRORS;
     }
 
-    /// Whether more may have been waiting when the event came.
-    bool MayHaveMore() const { return mayHaveMore; }
+    /// Whether nothing else was waiting shortly before the event came.
+    bool WasEmpty() const { return wasEmpty; }
 
 private:
     const QueueEnd& end;
     long partner;
     PartnerWatch watch;
-    bool mayHaveMore = false;
+    bool wasEmpty = false;
 };
 
 } // namespace
 
 // ---- Sending ----
 
-static short SendLocalMsg(const QueueEnd& end, long channel, PutAttempt& attempt, Patience patience)
+static short SendLocalMsg(long channel, PutAttempt& attempt, Patience patience)
 {
-    if (!end.object.is_a_server()) // which does that when an event comes
-        end.mail.Save(MostSaved);
     if (!process_exists(attempt.Partner()))
         return ErrorReporter::IPC_SEND_PROCESS_GONE;
     LocalMsg.mtype = static_cast<int32_t>(channel);
@@ -249,8 +247,10 @@ static short SendBlock(const QueueEnd& end, SendingSide& event, const char* data
     const Patience patience =
         event.IsFirst() ? Patience::InSteps(end.sendTimeOut) : WithinTransfer(end, end.sendTimeOut);
     event.FillBlock(&LocalMsg, data);
+    if (event.IsFirst())
+        end.mail.SaveBeforeSending();
     SendAttempt attempt(end, event.Partner());
-    const short code = SendLocalMsg(end, event.Channel(), attempt, patience);
+    const short code = SendLocalMsg(event.Channel(), attempt, patience);
     if (code == ErrorReporter::NO_ERRORS)
         event.BlockSent(&LocalMsg);
     return code;
@@ -316,7 +316,9 @@ short ReceiveFirstBlock(const QueueEnd& end, long partner)
     const short code = WaitFor(attempt, patience, ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
     if (code != ErrorReporter::NO_ERRORS)
         std::memset(static_cast<void*>(&LocalMsg), 0, sizeof LocalMsg);
-    else if (attempt.MayHaveMore())
+    else if (attempt.WasEmpty())
+        end.mail.NoteEmpty();
+    else
         end.mail.Save(MostSaved);
     return code;
 }
@@ -328,7 +330,7 @@ static short Acknowledge(const QueueEnd& end, ReceivingSide& event)
         return BrokenEvent;
     wire::MakeAck(&LocalMsg, static_cast<int32_t>(end.pid));
     AckPutAttempt attempt(end, event);
-    const short code = SendLocalMsg(end, event.Channel(), attempt, WithinTransfer(end, end.sendTimeOut));
+    const short code = SendLocalMsg(event.Channel(), attempt, WithinTransfer(end, end.sendTimeOut));
     event.Acknowledged();
     return code;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "Misc/detail/briefwait.h"
 #include "Misc/detail/timedcall.h"
 #include "Misc/ipcq/message.h"
 #include "Misc/wire/blocks.h"
@@ -17,7 +18,9 @@ static const struct timespec Moment = {0, 1000 * 1000}; // for the reader of wha
 
 namespace zeloo {
 
-static bool IsToBeAwaited(int result) { return result == EAGAIN || result == ENOMSG || result == EINTR || result < 0; }
+static bool IsNotThere(int result) { return result == EAGAIN || result == ENOMSG; }
+
+static bool IsToBeAwaited(int result) { return IsNotThere(result) || result == EINTR || result < 0; }
 
 // One slice of a wait.
 class Slice {
@@ -90,6 +93,8 @@ static short CodeOfFailure(int error, const char* what)
 short WaitFor(Attempt& attempt, Patience patience, short late, const char* what)
 {
     int result = attempt.Try(IPC_NOWAIT);
+    for (BriefWait wait; IsNotThere(result) && wait.GivesWay();)
+        result = attempt.Try(IPC_NOWAIT);
     if (IsToBeAwaited(result)) {
         const short code = Wait(attempt, patience, late, &result);
         if (code != ErrorReporter::NO_ERRORS)
