@@ -1,16 +1,22 @@
 #include "Misc/detail/briefwait.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include <sched.h>
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: briefwait.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-static const int64_t Longest = 50 * 1000; // nanoseconds
-static const int64_t PauseFactor = 100;   // how often the time lost must go by
+// Nanoseconds.
+static const int64_t Longest = 50 * 1000;
+static const int64_t Gain = 2 * 1000; // about what it costs to sleep and to be woken
+static const int64_t MostGained = 500 * 1000;
+
+static const int64_t PauseFactor = 100; // how often the time lost must go by
 
 namespace zeloo {
 
+static int64_t gained = 0;
 static int64_t pauseEnd = 0;
 
 static int64_t NanosecondsNow()
@@ -20,24 +26,32 @@ static int64_t NanosecondsNow()
     return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-BriefWait::BriefWait() : start(NanosecondsNow()) {}
-
 bool BriefWait::GivesWay()
 {
-    if (hasBegun ? NanosecondsNow() - start >= Longest : start < pauseEnd)
+    const int64_t now = NanosecondsNow();
+    if (start == 0 ? now < pauseEnd : now - start >= Longest)
         return false;
-    hasBegun = true;
+    if (start == 0)
+        start = now;
     sched_yield();
     return true;
 }
 
 BriefWait::~BriefWait()
 {
-    if (!hasBegun)
+    if (start == 0)
         return;
     const int64_t now = NanosecondsNow();
-    if (now - start >= Longest)
-        pauseEnd = now + PauseFactor * (now - start);
+    const int64_t length = now - start;
+    if (length < Longest) {
+        gained = std::min(gained + Gain, MostGained);
+        return;
+    }
+    gained -= length;
+    if (gained < 0) {
+        pauseEnd = now - PauseFactor * gained;
+        gained = 0;
+    }
 }
 
 } // namespace zeloo

@@ -15,12 +15,13 @@ namespace zeloo {
 /// Before each try it gives the processor away: the other process runs meanwhile, on this processor or on another one,
 /// and neither has to sleep and be woken. It ends after 50 microseconds.
 ///
-/// What does not pay is left alone: after a wait that was as long as that, in vain or because a third process had the
-/// processor, none is made until a hundred times as long has gone by. So at most one part in a hundred of the time is lost
-/// with it, and a process that sleeps uses none. `errno` is kept.
+/// What does not pay is left alone: waits that were as long as that, in vain or because a third process had the
+/// processor, are held against those that saved a sleep; when they have lost more, no wait is made until a hundred times
+/// the difference has gone by. So at most about one part in a hundred of the time is lost, and a process that sleeps uses
+/// none. `errno` is kept.
 class BriefWait {
 public:
-    BriefWait();
+    BriefWait() = default;
     ~BriefWait();
     /// Gives the processor away. False when it is time to sleep.
     bool GivesWay();
@@ -29,8 +30,7 @@ public:
     BriefWait& operator=(const BriefWait&) = delete;
 
 private:
-    int64_t start; // nanoseconds
-    bool hasBegun = false;
+    int64_t start = 0; // nanoseconds; 0 until the processor is given away
 };
 
 } // namespace zeloo

@@ -99,14 +99,20 @@ void Mail::Save(unsigned most)
     const bool serversMail = !object.is_a_server() && object.MyPID == object.ServerPID;
     if (object.MyQueueID >= 0 && !serversMail)
         SaveMail(object.MyQueueID, object.MyPID, object.MsgArray, most);
-    isSettled = true;
+}
+
+void Mail::SaveBehind(bool wasEmpty)
+{
+    if (object.is_a_server() && !wasEmpty)
+        Save(MostSaved);
+    isAnswered = true;
 }
 
 void Mail::SaveBeforeSending()
 {
-    if (!isSettled && !object.is_a_server()) // which does that when an event comes
+    if (!object.is_a_server() && !isAnswered)
         Save(MostSaved);
-    isSettled = false;
+    isAnswered = false;
 }
 
 bool Mail::SaveOne(unsigned most)

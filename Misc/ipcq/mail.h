@@ -73,10 +73,12 @@ public:
 
     /// Saves the own mail, until `most` messages are saved.
     void Save(unsigned most);
-    /// Saves the own mail before an event is sent, unless none has been sent since it was looked through.
+    /// Saves what came behind an event that has been received, where others may be waiting for the room: at a server,
+    /// unless nothing was there shortly before.
+    void SaveBehind(bool wasEmpty);
+    /// Saves the own mail before an event is sent. Who only answers what it receives, and a client that asks for one answer
+    /// at a time, has no more of it than others have room for.
     void SaveBeforeSending();
-    /// Notes that there was none: it has been looked through.
-    void NoteEmpty() { isSettled = true; }
     /// Saves the oldest of it, unless `most` messages are saved. Whether there was one.
     bool SaveOne(unsigned most);
     /// Whether a saved message says that an event's sender has gone on to another one.
@@ -139,7 +141,7 @@ private:
     IPCQBase& object;
     EarlyEvent* earlyEvents = nullptr; // oldest first
     IPCQMsgSafeArray aside{0};         // kept for others
-    bool isSettled = false;            // the own mail was looked through after the last event was sent
+    bool isAnswered = true;            // something came since the last event was sent
     long openChannel = 0;
     Correspondents correspondents;
     int64_t lastClearing = 0;

@@ -316,10 +316,8 @@ short ReceiveFirstBlock(const QueueEnd& end, long partner)
     const short code = WaitFor(attempt, patience, ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
     if (code != ErrorReporter::NO_ERRORS)
         std::memset(static_cast<void*>(&LocalMsg), 0, sizeof LocalMsg);
-    else if (attempt.WasEmpty())
-        end.mail.NoteEmpty();
     else
-        end.mail.Save(MostSaved);
+        end.mail.SaveBehind(attempt.WasEmpty());
     return code;
 }
 
