@@ -182,6 +182,9 @@ int t_snd(int fd, const char* buf, unsigned nbytes, int flags);
 /// the peer closed in order (T_ORDREL) or broke the connection off (T_DISCONNECT). TNODATA.
 int t_rcv(int fd, char* buf, unsigned nbytes, int* flags);
 
+/// The same, but without sleeping: TNODATA when nothing comes within some microseconds (BriefWait).
+int t_rcv_soon(int fd, char* buf, unsigned nbytes);
+
 /// The event that is pending on the endpoint, or 0. It stays pending until its call takes it: T_LISTEN t_listen,
 /// T_CONNECT t_rcvconnect, T_DATA t_rcv, T_ORDREL t_rcvrel, T_DISCONNECT t_rcvdis.
 int t_look(int fd);

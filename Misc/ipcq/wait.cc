@@ -6,10 +6,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "Misc/detail/briefwait.h"
 #include "Misc/detail/timedcall.h"
 #include "Misc/ipcq/message.h"
 #include "Misc/wire/blocks.h"
+#include "svr4/briefwait.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -93,7 +93,7 @@ static short CodeOfFailure(int error, const char* what)
 short WaitFor(Attempt& attempt, Patience patience, short late, const char* what)
 {
     int result = attempt.Try(IPC_NOWAIT);
-    for (BriefWait wait; IsNotThere(result) && wait.GivesWay();)
+    for (svr4::BriefWait wait; IsNotThere(result) && wait.GivesWay();)
         result = attempt.Try(IPC_NOWAIT);
     if (IsToBeAwaited(result)) {
         const short code = Wait(attempt, patience, late, &result);

@@ -68,10 +68,15 @@ short IPCTli::Receive(char* buff, long enough, long room, long* received)
     {
         std::optional<zeloo::TimedCall> limit; // made when something has to be waited for, and then for all of it
         for (; *received < enough && n > 0; *received += std::max(n, 0)) {
-            if (!limit && svr4::t_look(fd) == 0)
-                limit.emplace(ReceiveSeconds);
+            char* const place = buff + *received;
             const unsigned rest = static_cast<unsigned>(std::min<long>(room - *received, LargestTransfer));
-            n = svr4::t_rcv(fd, buff + *received, rest, nullptr);
+            if (!limit) {
+                n = svr4::t_rcv_soon(fd, place, rest);
+                if (n >= 0 || svr4::t_errno != svr4::TNODATA)
+                    continue;
+                limit.emplace(ReceiveSeconds);
+            }
+            n = svr4::t_rcv(fd, place, rest, nullptr);
         }
     }
     return n > 0 ? short(NO_ERRORS) : ReceiveFailure(fd, n);

@@ -6,6 +6,7 @@
 
 #include <poll.h>
 
+#include "svr4/briefwait.h"
 #include "svr4/tli/endpoint.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -36,6 +37,17 @@ int t_snd(int fd, const char* buf, unsigned nbytes, int flags)
     return static_cast<int>(sent);
 }
 
+// Takes what is there: TNODATA when nothing is.
+static int Take(Endpoint* endpoint, char* buf, unsigned nbytes)
+{
+    const ssize_t count = recv(endpoint->socket.fd, buf, std::min<unsigned>(nbytes, INT_MAX), 0);
+    if (count > 0)
+        return static_cast<int>(count);
+    if (count == 0)
+        return Fail(TLOOK); // T_ORDREL, or the T_DISCONNECT that was seen before
+    return errno == EAGAIN ? Fail(TNODATA) : endpoint->FailConnection(errno);
+}
+
 int t_rcv(int fd, char* buf, unsigned nbytes, int* flags)
 {
     Endpoint* endpoint = FindIn(fd, In(T_DATAXFER) | In(T_OUTREL));
@@ -46,16 +58,23 @@ int t_rcv(int fd, char* buf, unsigned nbytes, int* flags)
     if (nbytes == 0)
         return 0;
     for (;;) {
-        const ssize_t count = recv(fd, buf, std::min<unsigned>(nbytes, INT_MAX), 0);
-        if (count > 0)
-            return static_cast<int>(count);
-        if (count == 0)
-            return Fail(TLOOK); // T_ORDREL, or the T_DISCONNECT that was seen before
-        if (errno != EAGAIN)
-            return endpoint->FailConnection(errno);
-        if (endpoint->Await(POLLIN, TNODATA) < 0)
-            return -1;
+        const int count = Take(endpoint, buf, nbytes);
+        if (count >= 0 || t_errno != TNODATA || endpoint->Await(POLLIN, TNODATA) < 0)
+            return count;
     }
+}
+
+int t_rcv_soon(int fd, char* buf, unsigned nbytes)
+{
+    Endpoint* endpoint = FindIn(fd, In(T_DATAXFER) | In(T_OUTREL));
+    if (endpoint == nullptr)
+        return -1;
+    if (nbytes == 0)
+        return 0;
+    int count = Take(endpoint, buf, nbytes);
+    for (BriefWait wait; count < 0 && t_errno == TNODATA && wait.GivesWay();)
+        count = Take(endpoint, buf, nbytes);
+    return count;
 }
 
 // The event on the receiving side of a connection.

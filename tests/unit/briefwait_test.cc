@@ -1,4 +1,4 @@
-#include "Misc/detail/briefwait.h"
+#include "svr4/briefwait.h"
 
 #include <cerrno>
 
@@ -10,7 +10,7 @@
 #include "tests/support/testing.h"
 
 using namespace testing_support;
-using zeloo::BriefWait;
+using svr4::BriefWait;
 
 namespace {
 

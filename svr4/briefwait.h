@@ -1,10 +1,10 @@
 // Waits of some microseconds, for what another process is just about to do.
-#ifndef MISC_DETAIL_BRIEFWAIT_H
-#define MISC_DETAIL_BRIEFWAIT_H
+#ifndef SVR4_BRIEFWAIT_H
+#define SVR4_BRIEFWAIT_H
 
 #include <cstdint>
 
-namespace zeloo {
+namespace svr4 {
 
 /// A wait in which something is tried again and again without sleeping:
 ///
@@ -33,6 +33,6 @@ private:
     int64_t start = 0; // nanoseconds; 0 until the processor is given away
 };
 
-} // namespace zeloo
+} // namespace svr4
 
 #endif

@@ -1,4 +1,4 @@
-#include "Misc/detail/briefwait.h"
+#include "svr4/briefwait.h"
 
 #include <algorithm>
 #include <ctime>
@@ -14,7 +14,7 @@ static const int64_t MostGained = 500 * 1000;
 
 static const int64_t PauseFactor = 100; // how often the time lost must go by
 
-namespace zeloo {
+namespace svr4 {
 
 static int64_t gained = 0;
 static int64_t pauseEnd = 0;
@@ -54,4 +54,4 @@ BriefWait::~BriefWait()
     }
 }
 
-} // namespace zeloo
+} // namespace svr4
