@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "svr4/errno.h"
@@ -67,12 +69,26 @@ static const char* StatusBehindName(long pid, char (&text)[2048])
     return parenthesis == nullptr ? nullptr : parenthesis + 1;
 }
 
-bool is_zombie(long pid)
+// For an old host, or when no descriptor is free.
+static bool StatusSaysEnded(pid_t pid)
 {
-    const SavedErrno savedErrno;
     char text[2048];
-    const char* state = pid > 0 ? StatusBehindName(pid, text) : nullptr;
-    return state != nullptr && (state[1] == 'Z' || state[1] == 'X');
+    const char* state = StatusBehindName(pid, text);
+    return state != nullptr ? state[1] == 'Z' || state[1] == 'X' : getpgid(pid) < 0 && errno == ESRCH;
+}
+
+bool has_ended(long pid)
+{
+    if (pid <= 0 || pid > INT_MAX)
+        return true;
+    const SavedErrno savedErrno;
+    const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (fd < 0)
+        return errno == ESRCH || StatusSaysEnded(static_cast<pid_t>(pid));
+    struct pollfd process = {fd, POLLIN, 0};
+    const bool hasEnded = poll(&process, 1, 0) > 0;
+    close(fd);
+    return hasEnded;
 }
 
 // The value of field `number`, counted from 1, of this process's status; 0 when it cannot be read.

@@ -18,9 +18,9 @@ int fork_held(void (*inChild)());
 /// null).
 int execvp(const char* file, char* const argv[]);
 
-/// Whether a process has ended and only waits for its parent to take note of that: it does nothing more, though it exists
-/// for kill(2). `errno` is kept.
-bool is_zombie(long pid);
+/// Whether there is no such process, or it has ended and only waits for its parent to take note of that: it does nothing
+/// more, though it exists for kill(2). `errno` is kept.
+bool has_ended(long pid);
 
 /// The heap in use, in bytes: the current program break less the place where the break began. Never negative, and at
 /// most INT_MAX, since callers keep it in an int. Memory that the allocator maps outside the break does not count.

@@ -24,8 +24,6 @@ using wire::AckChannel;
 using wire::DataChannel;
 using wire::Owner;
 
-bool HasGone(long pid) { return !process_exists(pid) || svr4::is_zombie(pid); }
-
 void SaveMail(int queue, long channel, IPCQMsgSafeArray& saved, unsigned most)
 {
     const svr4::SavedErrno savedErrno;
@@ -258,7 +256,7 @@ void Mail::ClearTheDead(long partner)
         if (pid == partner || AwaitsEarlyBlocks(pid))
             continue;
         const bool hadGone = correspondent.hasGone;
-        correspondent.hasGone = HasGone(pid);
+        correspondent.hasGone = svr4::has_ended(pid);
         if (correspondent.hasGone) {
             DiscardMessages(object.MyQueueID, pid);
             ClearPair(object.MyPID, pid);

@@ -19,9 +19,6 @@ void SaveMail(int queue, long channel, IPCQMsgSafeArray& saved, unsigned most);
 /// Puts the data of a block, which has been checked, into its place. False when its segment cannot be had.
 bool PlaceData(const IPCQMessage& message, Buffer& data);
 
-/// Whether a process takes no part in a transfer any more: it does not exist, or it is a zombie.
-bool HasGone(long pid);
-
 /// Processes to which a server has written.
 class Correspondents {
 public:

@@ -11,6 +11,7 @@
 #include "Misc/wire/records.h"
 #include "Misc/wire/transfer.h"
 #include "svr4/errno.h"
+#include "svr4/process.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -34,7 +35,7 @@ public:
     bool HasLeft(long partner)
     {
         const bool hadGone = hasGone;
-        hasGone = HasGone(partner);
+        hasGone = svr4::has_ended(partner);
         return hadGone && hasGone;
     }
 

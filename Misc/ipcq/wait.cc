@@ -26,7 +26,7 @@ static bool IsToBeAwaited(int result) { return IsNotThere(result) || result == E
 class Slice {
 public:
     Slice(int64_t now, long first, long before, int64_t stepEnd)
-        : length(first > 0 ? std::clamp(2 * before, first, LongestSlice) : 0), begin(now),
+        : length(first > 0 ? std::clamp(4 * before, first, LongestSlice) : 0), begin(now),
           end(length > 0 ? std::min(begin + length, stepEnd) : stepEnd)
     {
     }

@@ -17,8 +17,8 @@ public:
     virtual int Try(int flags) = 0;
     /// Called when a slice or a step of the wait is over, or a signal has come: 0, or the code that ends the wait.
     virtual short Look() = 0;
-    /// The milliseconds until the first Look; the slices double up to 64. 0: Look is called after
-    /// each step only.
+    /// The milliseconds until the first Look; the slices grow fourfold up to 64. 0: Look is called
+    /// after each step only.
     virtual long FirstSlice() const { return 0; }
 
 protected:

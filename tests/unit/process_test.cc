@@ -16,6 +16,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -86,26 +87,39 @@ TEST(HeapSize, EndsAtTheLargestInt)
     EXPECT_EQ(child.out, std::to_string(INT_MAX));
 }
 
-TEST(IsZombie, IsWhoHasEndedAndIsNotWaitedFor)
+void CheckHasEnded()
 {
     const pid_t zombie = ZombieProcess();
     const pid_t living = IdleProcess();
-    EXPECT_TRUE(svr4::is_zombie(zombie));
-    EXPECT_FALSE(svr4::is_zombie(living));
-    EXPECT_FALSE(svr4::is_zombie(getpid()));
+    const pid_t odd = StartChild([] { prctl(PR_SET_NAME, ") R (x) S"); });
+    CHILD_CHECK(svr4::has_ended(zombie));
+    CHILD_CHECK(!svr4::has_ended(living));
+    CHILD_CHECK(!svr4::has_ended(getpid()));
+    CHILD_CHECK(WaitUntil([&] { return svr4::has_ended(odd); }));
     EndChild(living);
     WaitForExit(zombie);
+    WaitForExit(odd);
     errno = EXDEV;
     for (const long pid : {long(living), long(zombie), 0L, -1L, 99999999999L})
-        EXPECT_FALSE(svr4::is_zombie(pid)) << pid;
-    EXPECT_EQ(errno, EXDEV);
+        CHILD_CHECK(svr4::has_ended(pid));
+    CHILD_CHECK(errno == EXDEV);
 }
 
-TEST(IsZombie, IsToldWhateverTheNameOfTheProgram)
+TEST(HasEnded, IsWhoIsNotThereOrNotWaitedFor)
 {
-    const pid_t zombie = StartChild([] { prctl(PR_SET_NAME, ") R (x) S"); });
-    ASSERT_TRUE(WaitUntil([&] { return svr4::is_zombie(zombie); }));
-    WaitForExit(zombie);
+    const ChildResult result = RunInChild(CheckHasEnded);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST(HasEnded, NeedsNoDescriptorOfTheProcess)
+{
+    const ChildResult result = RunInChild([] {
+        MakeCallsFail({SYS_pidfd_open}, EMFILE);
+        CheckHasEnded();
+    });
+    if (result.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to make system calls fail here";
+    EXPECT_EQ(result.exitCode, 0) << result.err;
 }
 
 TEST(Setpgrp, MakesASessionAndAGroupOfItsOwn)

@@ -1,0 +1,208 @@
+// Many clients of one queue, each of which asks again as soon as it has its answer: the library beside a bare server that
+// takes all requests that wait before it answers them (one that does not can stand still, its queue full of requests).
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Misc/ipcq.h"
+#include "Misc/proginfo.h"
+#include "bench/two_processes.h"
+
+namespace {
+
+const int RequestLength = 300;
+const int Requests = 20000; // of all clients together
+const short ExitEvent = 99;
+const char KeyFile[] = "/tmp/zeloo-clients-bench";
+
+// Runs `count` processes that each call `client` with the number of its requests, all begun at once. Seconds until the
+// last one has ended.
+template <class Client>
+double Run(int count, Client client)
+{
+    int start[2];
+    int ready[2];
+    if (pipe(start) != 0 || pipe(ready) != 0)
+        std::abort();
+    std::vector<pid_t> clients;
+    for (int i = 0; i < count; i++)
+        clients.push_back(Fork([&] {
+            close(start[1]);
+            client([&] {
+                char byte = 0;
+                if (write(ready[1], &byte, 1) != 1 || read(start[0], &byte, 1) != 0)
+                    std::abort();
+                return Requests / count;
+            });
+        }));
+    char byte;
+    for (int i = 0; i < count; i++)
+        if (read(ready[0], &byte, 1) != 1)
+            std::abort();
+    const auto begin = std::chrono::steady_clock::now();
+    for (const int fd : {start[1], start[0], ready[0], ready[1]})
+        close(fd);
+    for (const pid_t pid : clients) {
+        int status = 0;
+        if (waitpid(pid, &status, 0) != pid || status != 0)
+            std::abort();
+    }
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+void Report(benchmark::State& state, double seconds)
+{
+    state.SetIterationTime(seconds);
+    state.counters["requests/s"] = Requests / state.range(0) * state.range(0) / seconds;
+}
+
+// ---- The library ----
+
+void Serve(int ready)
+{
+    IPCQServer server(KeyFile);
+    const char byte = server.Created() ? '1' : '0';
+    if (write(ready, &byte, 1) != 1 || !server.Created())
+        return;
+    short event, response, ack;
+    Buffer data;
+    while (server.receive_event(event, data, response, ack) == -1 && event != ExitEvent)
+        if (response)
+            server.send_response(event, 0, nullptr, 0);
+}
+
+pid_t StartServer()
+{
+    static char name[] = "clients_bench";
+    static char* arguments[] = {name, nullptr};
+    ProgInfo::Initialize(1, arguments, arguments + 1, "1.0");
+    close(open(KeyFile, O_CREAT | O_WRONLY, 0600));
+    int ready[2];
+    char byte = 0;
+    if (pipe(ready) != 0)
+        std::abort();
+    const pid_t server = Fork([&] { Serve(ready[1]); });
+    if (read(ready[0], &byte, 1) != 1 || byte != '1')
+        std::abort();
+    close(ready[0]);
+    close(ready[1]);
+    return server;
+}
+
+void EndServer(pid_t server)
+{
+    {
+        IPCQClient client(0, KeyFile);
+        client.send_event(ExitEvent, nullptr, 0);
+    }
+    waitpid(server, nullptr, 0);
+    unlink(KeyFile);
+}
+
+void Clients(benchmark::State& state)
+{
+    PinToOneCore();
+    for (auto _ : state) {
+        const pid_t server = StartServer();
+        const double seconds = Run(static_cast<int>(state.range(0)), [](auto start) {
+            IPCQClient client(0, KeyFile);
+            const std::string request(RequestLength, 'r');
+            short event;
+            Buffer data;
+            for (int left = start(); left > 0; left--)
+                if (client.send_event_with_response(1, request.data(), RequestLength) != 0 ||
+                    client.receive_response(event, data) != 0)
+                    std::abort();
+        });
+        EndServer(server);
+        Report(state, seconds);
+    }
+}
+
+// ---- Bare messages of the same size ----
+
+const long ToServer = 1;
+
+struct RawMessage {
+    long type;
+    long sender;
+    char text[IPCMessageNonDataSize + RequestLength - sizeof(long)];
+};
+
+const size_t RequestSize300 = sizeof(RawMessage) - sizeof(long);
+
+// A bare server. Where the queue is full of requests it takes these before it goes on answering.
+class RawServer {
+public:
+    explicit RawServer(int theQueue) : queue(theQueue) {}
+    // Until the queue has gone.
+    void Serve()
+    {
+        while (Take(0)) {
+            while (Take(IPC_NOWAIT)) {
+            }
+            for (size_t next = 0; next < waiting.size(); next++)
+                if (!Answer(waiting[next].sender))
+                    return;
+            waiting.clear();
+        }
+    }
+
+private:
+    bool Take(int flags)
+    {
+        RawMessage message;
+        if (msgrcv(queue, &message, RequestSize300, ToServer, flags) < 0)
+            return false;
+        waiting.push_back(message);
+        return true;
+    }
+    bool Answer(long client)
+    {
+        RawMessage answer = {};
+        answer.type = client;
+        while (msgsnd(queue, &answer, IPCMessageNonDataSize, IPC_NOWAIT) != 0) {
+            if (errno != EAGAIN)
+                return false;
+            if (!Take(IPC_NOWAIT))
+                sched_yield();
+        }
+        return true;
+    }
+
+    int queue;
+    std::vector<RawMessage> waiting;
+};
+
+void ClientsFloor(benchmark::State& state)
+{
+    PinToOneCore();
+    for (auto _ : state) {
+        const int queue = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+        const pid_t server = Fork([=] { RawServer(queue).Serve(); });
+        const double seconds = Run(static_cast<int>(state.range(0)), [=](auto start) {
+            RawMessage message = {};
+            for (int left = start(); left > 0; left--) {
+                message.type = ToServer;
+                message.sender = getpid();
+                if (msgsnd(queue, &message, RequestSize300, 0) != 0 ||
+                    msgrcv(queue, &message, RequestSize300, getpid(), 0) < 0)
+                    std::abort();
+            }
+        });
+        msgctl(queue, IPC_RMID, nullptr);
+        waitpid(server, nullptr, 0);
+        Report(state, seconds);
+    }
+}
+
+BENCHMARK(Clients)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Iterations(1)->UseManualTime();
+BENCHMARK(ClientsFloor)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Iterations(1)->UseManualTime();
+
+} // namespace
