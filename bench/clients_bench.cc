@@ -107,7 +107,7 @@ void EndServer(pid_t server)
 
 void Clients(benchmark::State& state)
 {
-    PinToOneCore();
+    const Pin pin;
     for (auto _ : state) {
         const pid_t server = StartServer();
         const double seconds = Run(static_cast<int>(state.range(0)), [](auto start) {
@@ -182,7 +182,7 @@ private:
 
 void ClientsFloor(benchmark::State& state)
 {
-    PinToOneCore();
+    const Pin pin;
     for (auto _ : state) {
         const int queue = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
         const pid_t server = Fork([=] { RawServer(queue).Serve(); });

@@ -1,5 +1,5 @@
-// What the benchmarks with two processes share: a request with its response, and 1 MiB in blocks, through a client of
-// the library and over the bare calls of the host, with both ends on one core.
+// What the benchmarks with two processes share: a request of some size with its response, through a client of the library
+// and over the bare calls of the host, with both ends on one core, and where the scheduler puts them.
 #ifndef BENCH_TWO_PROCESSES_H
 #define BENCH_TWO_PROCESSES_H
 
@@ -9,6 +9,7 @@
 #include <string>
 
 #include <sched.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
@@ -16,22 +17,29 @@
 #include "Misc/buffer.h"
 
 const int BlockSize = 1700;
-const int RequestSize = 100;
-const int TransferSize = 1 << 20;
 
-/// Keeps this process, and those it forks from now on, on one core.
-inline void PinToOneCore()
-{
+/// Keeps this process, and those it forks, on one core while it lives.
+class Pin {
+public:
+    explicit Pin(bool isWanted = true)
+    {
+        sched_getaffinity(0, sizeof allowed, &allowed);
+        int core = 0;
+        while (core < CPU_SETSIZE - 1 && !CPU_ISSET(core, &allowed))
+            core++;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(core, &one);
+        if (isWanted)
+            sched_setaffinity(0, sizeof one, &one);
+    }
+    ~Pin() { sched_setaffinity(0, sizeof allowed, &allowed); }
+    Pin(const Pin&) = delete;
+    Pin& operator=(const Pin&) = delete;
+
+private:
     cpu_set_t allowed;
-    sched_getaffinity(0, sizeof allowed, &allowed);
-    int core = 0;
-    while (core < CPU_SETSIZE - 1 && !CPU_ISSET(core, &allowed))
-        core++;
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(core, &one);
-    sched_setaffinity(0, sizeof one, &one);
-}
+};
 
 /// Forks a process that runs `body` and leaves without clean-up.
 inline pid_t Fork(const std::function<void()>& body)
@@ -44,51 +52,59 @@ inline pid_t Fork(const std::function<void()>& body)
     return pid;
 }
 
-/// Sends `size` bytes and takes the response, through the Client() of `Ends`.
+/// Sends as many bytes as the argument says and takes the response, through the Client() of `Ends`.
 template <class Ends>
-void Request(benchmark::State& state, int size)
+void Request(benchmark::State& state)
 {
-    PinToOneCore();
     Ends ends;
-    const std::string request(static_cast<size_t>(size), 'r');
+    const std::string request(static_cast<size_t>(state.range(0)), 'r');
     short event;
     Buffer data;
     for (auto _ : state)
-        if (ends.Client().send_event_with_response(1, request.data(), size) != 0 ||
+        if (ends.Client().send_event_with_response(1, request.data(), state.range(0)) != 0 ||
             ends.Client().receive_response(event, data) != 0)
             state.SkipWithError("no response");
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * size);
+    state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
 /// The same over the bare calls: `Ends` has Send(data, length, last) for a block and TakeAnswer() for what comes back
 /// after the last one.
 template <class Ends>
-void RequestFloor(benchmark::State& state, int size)
+void RequestFloor(benchmark::State& state)
 {
-    PinToOneCore();
     Ends ends;
-    const std::string request(static_cast<size_t>(size), 'r');
-    for (auto _ : state)
-        for (size_t sent = 0; sent < request.size(); sent += BlockSize) {
-            const size_t length = std::min<size_t>(BlockSize, request.size() - sent);
-            const bool last = sent + length == request.size();
-            if (!ends.Send(request.data() + sent, length, last) || (last && !ends.TakeAnswer()))
-                state.SkipWithError("no response");
-        }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * size);
+    const std::string request(static_cast<size_t>(state.range(0)), 'r');
+    const auto send = [&](size_t from) {
+        const size_t length = std::min<size_t>(BlockSize, request.size() - from);
+        return ends.Send(request.data() + from, length, from + length == request.size());
+    };
+    for (auto _ : state) {
+        bool isSent = true;
+        for (size_t from = 0; from == 0 || from < request.size(); from += BlockSize)
+            isSent = isSent && send(from);
+        if (!isSent || !ends.TakeAnswer())
+            state.SkipWithError("no response");
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
-/// Registers the four benchmarks of a pair of ends.
+/// Registers the benchmarks of a pair of ends: with both on one core, and `Unpinned`.
 template <class LibraryEnds, class RawEnds>
 void RegisterRequests()
 {
-    const auto add = [](const char* name, auto run, int size) {
-        benchmark::RegisterBenchmark(name, [=](benchmark::State& state) { run(state, size); })->UseRealTime();
+    const auto add = [](const char* name, auto run, bool isPinned, std::initializer_list<int64_t> sizes) {
+        auto* benchmark = benchmark::RegisterBenchmark(name, [=](benchmark::State& state) {
+            const Pin pin(isPinned);
+            run(state);
+        });
+        for (const int64_t size : sizes)
+            benchmark->Arg(size);
+        benchmark->ArgName("bytes")->UseRealTime();
     };
-    add("RoundTrip", Request<LibraryEnds>, RequestSize);
-    add("RoundTripFloor", RequestFloor<RawEnds>, RequestSize);
-    add("Transfer", Request<LibraryEnds>, TransferSize);
-    add("TransferFloor", RequestFloor<RawEnds>, TransferSize);
+    add("Request", Request<LibraryEnds>, true, {0, 100, 1699, 16 << 10, 1 << 20, 16 << 20});
+    add("RequestFloor", RequestFloor<RawEnds>, true, {0, 100, 1699, 16 << 10, 1 << 20, 16 << 20});
+    add("UnpinnedRequest", Request<LibraryEnds>, false, {0, 1699, 1 << 20});
+    add("UnpinnedRequestFloor", RequestFloor<RawEnds>, false, {0, 1699, 1 << 20});
 }
 
 #endif
