@@ -19,12 +19,16 @@ namespace svr4 {
 static int64_t gained = 0;
 static int64_t pauseEnd = 0;
 
-static int64_t NanosecondsNow()
+static int64_t NanosecondsOf(clockid_t clock)
 {
     struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(clock, &now);
     return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
+
+static int64_t NanosecondsNow() { return NanosecondsOf(CLOCK_MONOTONIC); }
+
+int64_t LastTick() { return NanosecondsOf(CLOCK_MONOTONIC_COARSE); }
 
 bool BriefWait::GivesWay()
 {

@@ -6,15 +6,15 @@
 #include <ctime>
 #include <new>
 
-#include "Misc/detail/timedcall.h"
 #include "Misc/wire/channels.h"
 #include "Misc/wire/records.h"
+#include "svr4/briefwait.h"
 #include "svr4/errno.h"
 #include "svr4/process.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-static const int64_t ClearingMilliseconds = 100;             // between two looks at the correspondents
+static const int64_t ClearingInterval = 100 * 1000000;       // nanoseconds between two looks at the correspondents
 static const struct timespec Moment = {0, 10 * 1000 * 1000}; // between two tries to give back
 static const int MostMoments = 100;
 
@@ -129,6 +129,16 @@ bool Mail::HasNewerEvent(const wire::ReceivingSide& event) const
     return false;
 }
 
+// ---- Partners ----
+
+void Mail::NoteAlive(long pid)
+{
+    alivePID = pid;
+    aliveTick = svr4::LastTick();
+}
+
+bool Mail::IsAlive(long pid) const { return (pid == alivePID && svr4::LastTick() == aliveTick) || process_exists(pid); }
+
 // ---- Others' records ----
 
 void Mail::Sweep(long channel, long owner)
@@ -239,8 +249,8 @@ void Mail::ClearTheDead(long partner)
 {
     if (correspondents.Quantity() == 0)
         return;
-    const int64_t now = MillisecondsNow();
-    if (now - lastClearing < ClearingMilliseconds)
+    const int64_t now = svr4::LastTick();
+    if (now - lastClearing < ClearingInterval)
         return;
     lastClearing = now;
     // An empty queue says that everything has been read, unless somebody has some of it in hand.

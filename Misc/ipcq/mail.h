@@ -81,6 +81,14 @@ public:
     /// Whether a saved message says that an event's sender has gone on to another one.
     bool HasNewerEvent(const wire::ReceivingSide& event) const;
 
+    // ---- Partners ----
+
+    /// Notes that a process has just put a message on the queue.
+    void NoteAlive(long pid);
+    /// Whether a process is there. One that has put a message on the queue since the last clock tick is not asked for: it
+    /// can end at any time after the question, too.
+    bool IsAlive(long pid) const;
+
     // ---- Events before their turn ----
 
     /// Acknowledges the next saved event of a process to which this one is about to send: it may be waiting for nothing
@@ -138,7 +146,9 @@ private:
     IPCQBase& object;
     EarlyEvent* earlyEvents = nullptr; // oldest first
     IPCQMsgSafeArray aside{0};         // kept for others
-    bool isAnswered = true;            // something came since the last event was sent
+    long alivePID = 0;
+    int64_t aliveTick = 0;
+    bool isAnswered = true; // something came since the last event was sent
     long openChannel = 0;
     Correspondents correspondents;
     int64_t lastClearing = 0;

@@ -162,6 +162,15 @@ public:
         : ReceiveAttempt(ownEnd, event.Partner(), event.Channel(), LocalMessage), side(event)
     {
     }
+    int Try(int flags) override
+    {
+        const int error = ReceiveAttempt::Try(flags);
+        if (error == ENOMSG && !isWaiting) {
+            isWaiting = true;
+            end.mail.Save(MostSaved); // it may be what leaves no room for the block
+        }
+        return error;
+    }
     short Look() override
     {
         const short code = ReceiveAttempt::Look();
@@ -178,6 +187,7 @@ public:
 
 private:
     const ReceivingSide& side;
+    bool isWaiting = false;
     bool isSuperseded = false;
     int64_t since = 0;
 };
@@ -189,10 +199,15 @@ public:
     int Try(int flags) override
     {
         const int error = TakeMessage(end.queue, end.pid, LocalMessage, flags);
-        if (error != 0)
+        if (error != 0) {
             wasEmpty = true;
-        if (error != 0 || FirstBlock(LocalMessage, end.pid))
             return error;
+        }
+        if (FirstBlock(LocalMessage, end.pid)) {
+            if (wasEmpty)
+                end.mail.NoteAlive(LocalMsg.senders_pid);
+            return 0;
+        }
         ReportMalformed(end.queue);
         return TryAgain;
     }
@@ -222,9 +237,9 @@ private:
 
 // ---- Sending ----
 
-static short SendLocalMsg(long channel, PutAttempt& attempt, Patience patience)
+static short SendLocalMsg(const QueueEnd& end, long channel, PutAttempt& attempt, Patience patience)
 {
-    if (!process_exists(attempt.Partner()))
+    if (!end.mail.IsAlive(attempt.Partner()))
         return ErrorReporter::IPC_SEND_PROCESS_GONE;
     LocalMsg.mtype = static_cast<int32_t>(channel);
     return WaitFor(attempt, patience, ErrorReporter::IPC_SEND_TIME_OUT, "ipc_send failure");
@@ -251,7 +266,7 @@ static short SendBlock(const QueueEnd& end, SendingSide& event, const char* data
     if (event.IsFirst())
         end.mail.SaveBeforeSending();
     SendAttempt attempt(end, event.Partner());
-    const short code = SendLocalMsg(event.Channel(), attempt, patience);
+    const short code = SendLocalMsg(end, event.Channel(), attempt, patience);
     if (code == ErrorReporter::NO_ERRORS)
         event.BlockSent(&LocalMsg);
     return code;
@@ -329,14 +344,13 @@ static short Acknowledge(const QueueEnd& end, ReceivingSide& event)
         return BrokenEvent;
     wire::MakeAck(&LocalMsg, static_cast<int32_t>(end.pid));
     AckPutAttempt attempt(end, event);
-    const short code = SendLocalMsg(event.Channel(), attempt, WithinTransfer(end, end.sendTimeOut));
+    const short code = SendLocalMsg(end, event.Channel(), attempt, WithinTransfer(end, end.sendTimeOut));
     event.Acknowledged();
     return code;
 }
 
 static short AwaitBlock(const QueueEnd& end, ReceivingSide& event, Buffer& data)
 {
-    end.mail.Save(MostSaved);
     BlockAttempt attempt(end, event);
     const short code =
         WaitFor(attempt, WithinTransfer(end, end.receiveTimeOut), ErrorReporter::IPC_RECV_TIME_OUT, "ipc_recv failure");
