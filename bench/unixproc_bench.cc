@@ -1,10 +1,10 @@
-// The start of a child, beside posix_spawn and fork, and the capture of its output, beside fork, exec, pipe and read
-// without the library.
+// The start of a child, beside posix_spawn and fork, and the capture of its output, beside posix_spawn, pipe and read.
 #include "Misc/unixproc.h"
 
 #include <cstdlib>
 #include <string>
 
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -16,49 +16,6 @@
 namespace {
 
 std::string Command(long bytes) { return "exec head -c " + std::to_string(bytes) + " /dev/zero"; }
-
-void Capture(benchmark::State& state)
-{
-    const std::string command = Command(state.range(0));
-    for (auto _ : state) {
-        Buffer output;
-        UnixProcess process(command.c_str(), output);
-        if (output.Size() != state.range(0))
-            state.SkipWithError("output lost");
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
-}
-
-// The floor: the same blocks read into a block that is large enough from the start.
-void RawCapture(benchmark::State& state)
-{
-    const std::string command = Command(state.range(0));
-    for (auto _ : state) {
-        int ends[2];
-        if (pipe(ends) != 0)
-            std::abort();
-        const pid_t pid = fork();
-        if (pid == 0) {
-            dup2(ends[1], STDOUT_FILENO);
-            close(ends[0]);
-            close(ends[1]);
-            execl("/bin/sh", "/sbin/sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-            _exit(1);
-        }
-        close(ends[1]);
-        char* block = static_cast<char*>(std::malloc(static_cast<size_t>(state.range(0)) + 16384));
-        long used = 0;
-        for (ssize_t n; (n = read(ends[0], block + used, 16384)) > 0;)
-            used += n;
-        std::free(block);
-        close(ends[0]);
-        int status;
-        waitpid(pid, &status, 0);
-        if (used != state.range(0))
-            state.SkipWithError("output lost");
-    }
-    state.SetBytesProcessed(state.iterations() * state.range(0));
-}
 
 // Memory that was written to, as that of a large program.
 class Ballast {
@@ -80,7 +37,55 @@ private:
     char* const block;
 };
 
-// In a parent with so many megabytes: the library, the host's own call for it, and a fork.
+// In a parent with so many megabytes, so many bytes of output.
+void Capture(benchmark::State& state)
+{
+    const Ballast ballast(state.range(0));
+    const std::string command = Command(state.range(1));
+    for (auto _ : state) {
+        Buffer output;
+        UnixProcess process(command.c_str(), output);
+        if (output.Size() != state.range(1))
+            state.SkipWithError("output lost");
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(1));
+}
+
+// The host's own call, and the same blocks read into a block that is large enough from the start.
+void CaptureFloor(benchmark::State& state)
+{
+    const Ballast ballast(state.range(0));
+    std::string command = Command(state.range(1));
+    char shell[] = "/bin/sh";
+    char option[] = "-c";
+    char* const argv[] = {shell, option, command.data(), nullptr};
+    for (auto _ : state) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            std::abort();
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+        pid_t pid;
+        if (posix_spawn(&pid, shell, &actions, nullptr, argv, environ) != 0)
+            std::abort();
+        posix_spawn_file_actions_destroy(&actions);
+        close(ends[1]);
+        char* block = static_cast<char*>(std::malloc(static_cast<size_t>(state.range(1)) + 16384));
+        long used = 0;
+        for (ssize_t n; (n = read(ends[0], block + used, 16384)) > 0;)
+            used += n;
+        std::free(block);
+        close(ends[0]);
+        int status;
+        waitpid(pid, &status, 0);
+        if (used != state.range(1))
+            state.SkipWithError("output lost");
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(1));
+}
+
+// The library, the host's own call for it, and a fork.
 void Start(benchmark::State& state)
 {
     const Ballast ballast(state.range(0));
@@ -89,7 +94,7 @@ void Start(benchmark::State& state)
         UnixProcess process(argv, UnixProcess::wait_at_construction);
 }
 
-void PosixSpawn(benchmark::State& state)
+void StartFloor(benchmark::State& state)
 {
     const Ballast ballast(state.range(0));
     char program[] = "/bin/true";
@@ -141,18 +146,21 @@ void Flood(benchmark::State& state)
 void InParents(benchmark::internal::Benchmark* row)
 {
     row->ArgName("MB")->Arg(10)->Arg(256)->Arg(1024)->UseRealTime()->Unit(benchmark::kMicrosecond);
-    row->Repetitions(5)->ReportAggregatesOnly();
+}
+
+void OfSizes(benchmark::internal::Benchmark* row)
+{
+    row->ArgNames({"MB", "bytes"})->Args({10, 0})->Args({10, 64 << 10})->Args({256, 64 << 10})->Args({10, 16 << 20});
+    row->UseRealTime()->Unit(benchmark::kMicrosecond);
 }
 
 BENCHMARK(Flood)->Arg(64)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // Small ones first: a fork copies the page tables of whatever an earlier benchmark has left in the heap.
-BENCHMARK(PosixSpawn)->Apply(InParents);
+BENCHMARK(StartFloor)->Apply(InParents);
 BENCHMARK(Start)->Apply(InParents);
 BENCHMARK(Fork)->Apply(InParents);
-BENCHMARK(RawCapture)->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(Capture)->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(RawCapture)->Arg(1 << 20)->Arg(16 << 20)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(Capture)->Arg(1 << 20)->Arg(16 << 20)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(CaptureFloor)->Apply(OfSizes);
+BENCHMARK(Capture)->Apply(OfSizes);
 
 } // namespace
