@@ -17,7 +17,8 @@
 
 static const long AckSeconds = 300;
 static const long FirstSlice = 1;              // milliseconds: the own mail may be just what fills the queue
-static const long IdleSlice = 64;              // of a wait for an event, in which nothing is urgent
+static const long IdleSlice = 100;             // of a wait for an event, in which nothing is urgent
+static const long PatientSlice = 500;          // of a client that stands in nobody's way: a thousand of them may wait
 static const int64_t GraceMilliseconds = 1000; // in which a stranger puts back what he took off the data channel
 
 namespace zeloo {
@@ -38,6 +39,7 @@ public:
         hasGone = svr4::has_ended(partner);
         return hadGone && hasGone;
     }
+    bool IsSuspicious() const { return hasGone; }
 
 private:
     bool hasGone = false;
@@ -52,6 +54,7 @@ public:
     }
     long Partner() const { return partner; }
     long FirstSlice() const override { return ::FirstSlice; }
+    bool Hurries() const override { return watch.IsSuspicious(); }
     short Look() override
     {
         end.mail.Save(2 * MostSaved);
@@ -91,13 +94,20 @@ public:
 // Puts a block of an own event on the queue.
 class SendAttempt : public PutAttempt {
 public:
-    using PutAttempt::PutAttempt;
+    SendAttempt(const QueueEnd& ownEnd, const SendingSide& event) : PutAttempt(ownEnd, event.Partner()), side(event) {}
+    long LongestSlice() const override
+    {
+        return side.IsFirst() && !end.object.is_a_server() ? PatientSlice : PutAttempt::LongestSlice();
+    }
     short Look() override
     {
         const short code = PutAttempt::Look();
         end.mail.AcceptEarly(partner);
         return code;
     }
+
+private:
+    const SendingSide& side;
 };
 
 // Puts an acknowledgement on the queue, unless it is no longer for this event. Who waits for one sends nothing else: the
@@ -215,6 +225,8 @@ public:
     {
         return partner != 0 || end.mail.HasToTend() || MoreAreMalformed() ? IdleSlice : 0;
     }
+    long LongestSlice() const override { return partner != 0 ? PatientSlice : IdleSlice; }
+    bool Hurries() const override { return watch.IsSuspicious(); }
     short Look() override
     {
         end.mail.GiveBack();
@@ -265,7 +277,7 @@ static short SendBlock(const QueueEnd& end, SendingSide& event, const char* data
     event.FillBlock(&LocalMsg, data);
     if (event.IsFirst())
         end.mail.SaveBeforeSending();
-    SendAttempt attempt(end, event.Partner());
+    SendAttempt attempt(end, event);
     const short code = SendLocalMsg(end, event.Channel(), attempt, patience);
     if (code == ErrorReporter::NO_ERRORS)
         event.BlockSent(&LocalMsg);

@@ -13,7 +13,8 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-static const long LongestSlice = 64; // milliseconds: a partner's death is noticed within a fifth of a second
+static const long HurriedSlice = 30; // milliseconds
+
 static const struct timespec Moment = {0, 1000 * 1000}; // for the reader of what was put back
 
 namespace zeloo {
@@ -22,15 +23,23 @@ static bool IsNotThere(int result) { return result == EAGAIN || result == ENOMSG
 
 static bool IsToBeAwaited(int result) { return IsNotThere(result) || result == EINTR || result < 0; }
 
-// One slice of a wait.
+// One slice of a wait, or with a length of 0 all of a step.
 class Slice {
 public:
-    Slice(int64_t now, long first, long before, int64_t stepEnd)
-        : length(first > 0 ? std::clamp(4 * before, first, LongestSlice) : 0), begin(now),
-          end(length > 0 ? std::min(begin + length, stepEnd) : stepEnd)
+    Slice(int64_t now, long theLength, int64_t stepEnd)
+        : length(theLength), begin(now), end(length > 0 ? std::min(begin + length, stepEnd) : stepEnd)
     {
     }
-    long Length() const { return length; }
+    /// The slice after this one.
+    Slice Next(int64_t now, const Attempt& attempt, int64_t stepEnd) const
+    {
+        const long first = attempt.FirstSlice();
+        if (first == 0)
+            return Slice(now, 0, stepEnd);
+        if (attempt.Hurries())
+            return Slice(now, HurriedSlice, stepEnd);
+        return Slice(now, std::clamp(4 * length, first, attempt.LongestSlice()), stepEnd);
+    }
     long Milliseconds() const { return end == Never ? 0 : static_cast<long>(std::max<int64_t>(end - begin, 1)); }
     bool IsOver(int64_t now) const { return now >= end; }
 
@@ -61,7 +70,7 @@ static short Wait(Attempt& attempt, const Patience& patience, short late, int* r
     };
     const int64_t start = MillisecondsNow();
     int64_t stepEnd = stepFrom(start);
-    Slice slice(start, attempt.FirstSlice(), 0, stepEnd);
+    Slice slice(start, attempt.FirstSlice(), stepEnd);
     TimedCall alarm(0, slice.Milliseconds());
     for (long step = 1;;) {
         *result = TryWithin(slice, attempt, *result);
@@ -77,7 +86,7 @@ static short Wait(Attempt& attempt, const Patience& patience, short late, int* r
             step++;
             stepEnd = stepFrom(now);
         }
-        slice = Slice(now, attempt.FirstSlice(), slice.Length(), stepEnd);
+        slice = slice.Next(now, attempt, stepEnd);
         alarm.Arm(0, slice.Milliseconds());
     }
 }

@@ -17,9 +17,12 @@ public:
     virtual int Try(int flags) = 0;
     /// Called when a slice or a step of the wait is over, or a signal has come: 0, or the code that ends the wait.
     virtual short Look() = 0;
-    /// The milliseconds until the first Look; the slices grow fourfold up to 64. 0: Look is called
-    /// after each step only.
+    /// The milliseconds until the first Look; the slices grow fourfold. 0: Look is called after each step only.
     virtual long FirstSlice() const { return 0; }
+    /// The milliseconds up to which they grow.
+    virtual long LongestSlice() const { return 120; }
+    /// Whether the next Look is to come soon, since it will settle what the last one has found.
+    virtual bool Hurries() const { return false; }
 
 protected:
     Attempt() = default;
