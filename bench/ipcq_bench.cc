@@ -2,6 +2,7 @@
 // response, and 1 MiB in blocks. Both ends run on one core.
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -19,7 +20,9 @@ const int HeaderSize = IPCMessageNonDataSize;
 const short ExitEvent = 99;
 const char KeyFile[] = "/tmp/zeloo-ipcq-bench";
 
-// Answers every event with an event without data.
+const short SlowEvent = 2;
+
+// Answers every event with an event without data, a slow one after a second.
 void Serve(int ready)
 {
     IPCQServer server(KeyFile);
@@ -28,9 +31,12 @@ void Serve(int ready)
         return;
     short event, response, ack;
     Buffer data;
-    while (server.receive_event(event, data, response, ack) == -1 && event != ExitEvent)
+    while (server.receive_event(event, data, response, ack) == -1 && event != ExitEvent) {
+        if (event == SlowEvent)
+            sleep(1);
         if (response)
             server.send_response(event, 0, nullptr, 0);
+    }
 }
 
 // A server in a process of its own, and a client of it.
@@ -62,6 +68,20 @@ public:
         unlink(KeyFile);
     }
     IPCQClient& Client() { return *client; }
+    /// The processor time that the server has taken.
+    double ServerMicroseconds() const
+    {
+        clockid_t clock;
+        if (clock_getcpuclockid(server, &clock) != 0)
+            std::abort();
+        return Microseconds(clock);
+    }
+    static double Microseconds(clockid_t clock)
+    {
+        struct timespec time;
+        clock_gettime(clock, &time);
+        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
+    }
 
     /// The capacity of the library's queue.
     static unsigned long QueueBytes()
@@ -129,6 +149,40 @@ private:
     pid_t server;
     RawMessage message;
 };
+
+// What it costs to wait a second for an answer.
+void SlowAnswer(benchmark::State& state)
+{
+    LibraryEnds ends;
+    short event;
+    Buffer data;
+    const double before = LibraryEnds::Microseconds(CLOCK_PROCESS_CPUTIME_ID);
+    for (auto _ : state)
+        if (ends.Client().send_event_with_response(SlowEvent, nullptr, 0) != 0 ||
+            ends.Client().receive_response(event, data) != 0)
+            state.SkipWithError("no response");
+    state.counters["client us"] = LibraryEnds::Microseconds(CLOCK_PROCESS_CPUTIME_ID) - before;
+}
+
+// What a server costs for which nothing comes, after it has served.
+void IdleServer(benchmark::State& state)
+{
+    LibraryEnds ends;
+    short event;
+    Buffer data;
+    for (int i = 0; i < 100; i++)
+        if (ends.Client().send_event_with_response(1, nullptr, 0) != 0 ||
+            ends.Client().receive_response(event, data) != 0)
+            state.SkipWithError("no response");
+    sleep(1);
+    const double before = ends.ServerMicroseconds();
+    for (auto _ : state)
+        sleep(static_cast<unsigned>(state.range(0)));
+    state.counters["server us"] = ends.ServerMicroseconds() - before;
+}
+
+BENCHMARK(SlowAnswer)->Iterations(1)->UseRealTime();
+BENCHMARK(IdleServer)->ArgName("seconds")->Arg(5)->Iterations(1)->UseRealTime();
 
 const bool Registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
 
