@@ -132,8 +132,9 @@ ZELOO_API void DumpIPCStatus(int ORVM_msqid, std::ostream& out);
 ZELOO_API void DumpIPCMessages(int ORVM_msqid, std::ostream& out);
 
 // ---- Send and receive -------------------------------------------------------------------------------------------
-// Both try without waiting first. Only when they have to wait do they take over SIGALRM and the alarm for that time;
-// the caller's are restored. A wait may be cut short by any signal, which counts like the end of its 10 seconds.
+// Both try without sleeping first, for some microseconds. Only when they have to wait longer do they take over SIGALRM and
+// the alarm for that time; the caller's are restored. A wait may be cut short by any signal, which counts like the end of
+// its 10 seconds.
 
 /// Sends `*pmsg` (300 + `msg_data_len` bytes behind the type) on a channel, waiting while the queue is full. With a
 /// non-zero `CheckPID` that process is watched: before the send and every 10 seconds of waiting. The time limit
