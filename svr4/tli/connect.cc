@@ -98,18 +98,20 @@ int t_rcvconnect(int fd, struct t_call* call)
     return endpoint == nullptr ? -1 : FinishConnect(endpoint, call);
 }
 
-// Waits for a client. Returns its socket.
-static int AcceptSocket(const Endpoint* endpoint, Address* peer)
+// Waits for a client. Returns its socket, or none with t_errno.
+static Socket AcceptSocket(const Endpoint* endpoint, Address* peer)
 {
-    for (;;) {
+    for (int gone = 0;;) {
         const int fd = accept4(endpoint->socket.fd, peer->Generic(), peer->Room(), SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd >= 0)
-            return fd;
-        if (errno == EAGAIN) {
+        if (fd < 0 && errno == EAGAIN) {
             if (endpoint->Await(POLLIN, TNODATA) < 0)
-                return -1;
-        } else if (!MeansDisconnect(errno)) { // else that client has gone already
-            return Fail(TSYSERR);
+                return Socket();
+        } else if (fd >= 0 || !MeansDisconnect(errno) ||
+                   ++gone > SOMAXCONN) { // no more than wait at a time can have gone
+            const Socket client = Adopt(fd);
+            if (client.IsNone())
+                Fail(TSYSERR);
+            return client;
         }
     }
 }
@@ -133,10 +135,9 @@ int t_listen(int fd, struct t_call* call)
     if (request == nullptr)
         return FailSystem(ENOMEM);
     Address peer;
-    const int client = AcceptSocket(endpoint, &peer);
-    if (client < 0)
+    request->socket = AcceptSocket(endpoint, &peer);
+    if (request->socket.IsNone())
         return -1;
-    request->socket = Socket(client);
     call->sequence = endpoint->Add(request.release());
     call->opt.len = 0;
     call->udata.len = 0;
@@ -171,7 +172,7 @@ int t_accept(int fd, int resfd, const struct t_call* call)
         return Fail(TBADSEQ);
     if ((*place)->HasGone())
         return Fail(TLOOK);
-    if (!acceptor->Replace(listener->Take(place).socket.fd))
+    if (!acceptor->Replace(listener->Take(place).socket))
         return Fail(TSYSERR);
     acceptor->qlen = 0;
     acceptor->isSpent = true;

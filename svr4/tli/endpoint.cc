@@ -28,24 +28,21 @@ bool Request::HasGone()
     return reason != 0;
 }
 
-bool Endpoint::Replace(int source)
+bool Endpoint::Replace(const Socket& source)
 {
-    int result;
-    do
-        result = dup3(source, socket.fd, O_CLOEXEC);
-    while (result < 0 && (errno == EINTR || errno == EBUSY));
+    const int result = dup3(source.fd, socket.fd, O_CLOEXEC); // not tried again: a host that refuses may go on so
     const SavedErrno savedErrno;
-    close(source);
+    close(source.fd);
     if (result < 0)
         return false;
-    socket = Socket(result);
+    socket = source.As(result);
     return true;
 }
 
 bool Endpoint::Renew()
 {
-    const int fresh = NewSocket(provider);
-    if (fresh < 0 || !Replace(fresh))
+    const Socket fresh = NewSocket(provider);
+    if (fresh.IsNone() || !Replace(fresh))
         return false;
     isSpent = false;
     return true;
@@ -146,9 +143,10 @@ namespace svr4 {
 
 using namespace tli;
 
-// Makes the descriptor of a new socket an endpoint. Null when memory fails.
-static Endpoint* Enter(int fd, const Provider& provider, bool waits)
+// Makes a new socket an endpoint. Null when memory fails.
+static Endpoint* Enter(const Socket& socket, const Provider& provider, bool waits)
 {
+    const int fd = socket.fd;
     if (fd >= endpointCount) {
         const int count = std::max(fd + 1, endpointCount < INT_MAX / 2 ? 2 * endpointCount : INT_MAX);
         void* larger = realloc(endpoints, static_cast<size_t>(count) * sizeof *endpoints);
@@ -160,7 +158,7 @@ static Endpoint* Enter(int fd, const Provider& provider, bool waits)
     }
     if (endpoints[fd] != nullptr)
         Drop(fd); // closed behind our back
-    return endpoints[fd] = new (std::nothrow) Endpoint{Socket(fd), provider, waits};
+    return endpoints[fd] = new (std::nothrow) Endpoint{socket, provider, waits};
 }
 
 constexpr Provider Providers[] = {
@@ -178,16 +176,16 @@ int t_open(const char* path, int oflag, struct t_info* info)
         return Fail(TBADNAME);
     if ((oflag & ~O_NONBLOCK) != O_RDWR)
         return Fail(TBADFLAG);
-    const int fd = NewSocket(*provider);
-    if (fd < 0)
+    const Socket socket = NewSocket(*provider);
+    if (socket.IsNone())
         return Fail(TSYSERR);
-    if (Enter(fd, *provider, (oflag & O_NONBLOCK) == 0) == nullptr) {
-        close(fd);
+    if (Enter(socket, *provider, (oflag & O_NONBLOCK) == 0) == nullptr) {
+        close(socket.fd);
         return FailSystem(ENOMEM);
     }
     if (info != nullptr)
         *info = {static_cast<long>(provider->addressLength), -2, 0, -2, -2, -2, T_COTS_ORD};
-    return fd;
+    return socket.fd;
 }
 
 // Binds the endpoint's socket, listening with a `qlen` above 0, and notes the address it got. The backlog is no matter

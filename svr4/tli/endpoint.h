@@ -40,8 +40,12 @@ struct Provider {
 class Socket {
 public:
     Socket() = default;
+    /// None, with `errno`, when the host cannot say what the descriptor stands for.
     explicit Socket(int descriptor);
+    bool IsNone() const { return fd < 0; }
     bool IsOurs() const;
+    /// The same socket under another number, a copy made by dup(2).
+    Socket As(int number) const;
     /// Closes the descriptor if it is ours.
     void Close() const;
 
@@ -67,8 +71,11 @@ struct Address {
     }
 };
 
-/// A new socket, or -1 with `errno`.
-int NewSocket(const Provider& provider);
+/// The socket that `descriptor`, which is new and nobody else's, stands for. None with `errno` when it is none, or when
+/// the host cannot say what it stands for; it is closed then.
+Socket Adopt(int descriptor);
+/// A new socket, or none with `errno`.
+Socket NewSocket(const Provider& provider);
 
 /// Lets the socket be bound to an address that lingers from an earlier connection, and its own be had again.
 void ReuseAddress(int fd);
@@ -115,9 +122,9 @@ struct Endpoint {
     Request* requests = nullptr; // in the order in which they were handed out
     Address bound = {};
 
-    /// Lets `source` take the place of the endpoint's socket, under the endpoint's number; `source` is closed in any
-    /// case. False with `errno`.
-    bool Replace(int source);
+    /// Lets `source` take the place of the endpoint's socket, under the endpoint's number; the descriptor of `source` is
+    /// closed in any case. False with `errno`, and then the endpoint has the socket it had.
+    bool Replace(const Socket& source);
     /// Gives the endpoint a new, unbound socket. False with `errno`.
     bool Renew();
 

@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "svr4/errno.h"
+
 [[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4::tli {
@@ -28,7 +30,18 @@ Socket::Socket(int descriptor)
 bool Socket::IsOurs() const
 {
     struct stat status;
-    return fd >= 0 && fstat(fd, &status) == 0 && status.st_ino == inode && status.st_dev == device;
+    if (fd < 0)
+        return false;
+    if (fstat(fd, &status) != 0)
+        return errno != EBADF; // open, and nothing tells that it is another
+    return status.st_ino == inode && status.st_dev == device;
+}
+
+Socket Socket::As(int number) const
+{
+    Socket copy = *this;
+    copy.fd = number;
+    return copy;
 }
 
 void Socket::Close() const
@@ -43,15 +56,27 @@ static void TurnOn(int fd, int level, int option)
     setsockopt(fd, level, option, &on, sizeof on);
 }
 
-int NewSocket(const Provider& provider)
+Socket Adopt(int descriptor)
+{
+    if (descriptor < 0)
+        return Socket();
+    const Socket socket(descriptor);
+    if (socket.IsNone()) {
+        const SavedErrno savedErrno;
+        close(descriptor);
+    }
+    return socket;
+}
+
+Socket NewSocket(const Provider& provider)
 {
     const int fd = socket(provider.family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        return -1;
+        return Socket();
     TurnOn(fd, IPPROTO_TCP, TCP_NODELAY); // a record that follows another must not wait for a delayed acknowledgement
     if (provider.family == AF_INET6)
         TurnOn(fd, IPPROTO_IPV6, IPV6_V6ONLY); // "tcp" has the port for itself
-    return fd;
+    return Adopt(fd);
 }
 
 void ReuseAddress(int fd) { TurnOn(fd, SOL_SOCKET, SO_REUSEADDR); }
