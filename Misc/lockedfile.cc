@@ -15,8 +15,9 @@
 
 static const char LockSuffix[] = ".lock";
 static const mode_t LockPermissions = 0666;
-static const size_t LockSize = 64;  // bytes in a lock file
-static const long LastSystemId = 2; // processes up to this id are the system's and own no locks
+static const size_t LockSize = 64;      // bytes in a lock file
+static const int MostFailedTakes = 100; // of a lock that seems free each time
+static const long LastSystemId = 2;     // processes up to this id are the system's and own no locks
 
 LockFile::LockFile(CString& name, int max_retries)
     : BaseName(name), FileLocked(0), LockError(ENOMEM), LockName(name + LockSuffix), owner(getpid())
@@ -42,7 +43,8 @@ static bool Guard(int fd) { return lockf(fd, F_TLOCK, 0) == 0 || (errno != EACCE
 
 void LockFile::TakeLock(int max_retries)
 {
-    for (int tries = 0;;) {
+    int tries = 0;
+    for (int takes = 0; takes <= MostFailedTakes + tries; takes++) {
         const int fd = open(LockName, O_RDWR | O_CREAT | O_EXCL, LockPermissions);
         LockError = fd >= 0 ? 0 : errno;
         if (fd >= 0) {
@@ -58,6 +60,7 @@ void LockFile::TakeLock(int max_retries)
             return;
         }
     }
+    LockError = EAGAIN;
 }
 
 // Makes this process the owner of the new lock file `fd`, which it closes. False when that has another owner, or none,
