@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <optional>
 
@@ -221,6 +222,12 @@ int UnixProcess::initp(const char** argv)
     return -1;
 }
 
+static void PauseAfterError()
+{
+    const struct timespec pause = {0, 10000000};
+    nanosleep(&pause, nullptr);
+}
+
 // Collects what comes from `fd`. False when the time ran out.
 static bool ReadToEnd(int fd, const zeloo::ChildLimit& limit, zeloo::Capture& capture)
 {
@@ -231,6 +238,8 @@ static bool ReadToEnd(int fd, const zeloo::ChildLimit& limit, zeloo::Capture& ca
             capture.Take(block, static_cast<size_t>(n));
         else if (errno == EINTR)
             return false;
+        else
+            PauseAfterError();
         if (limit.HasPassed()) // without a limit any other error is tried again for ever: this is intended
             return false;
     }
