@@ -94,7 +94,12 @@ void FaultId::dumpOn(std::ostream& os) const
 
 ZELOO_DEFINE_ARRAY(FaultId);
 
-FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr) { makeArray(); }
+FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr)
+{
+    if (MyFileName.strlen() == 0 && *zeloo::TextOrEmpty(filename) != '\0')
+        _ReportError(WARNING, OUT_OF_MEMORY, filename, ZELOO_HERE);
+    makeArray();
+}
 
 FaultIdList::~FaultIdList() { delete FaultIds; }
 

@@ -102,7 +102,8 @@ public:
 /// AddFaultId finds some.
 class ZELOO_API FaultIdList : public ErrorReporter {
 public:
-    /// An empty set kept in the file `filename`, which is not read yet; null or an empty name is no file.
+    /// An empty set kept in the file `filename`, which is not read yet; null or an empty name is no file. Without memory
+    /// for the name there is no file either, which is reported (WARNING, OUT_OF_MEMORY, with the name).
     explicit FaultIdList(const char* filename);
     /// Deletes the elements; the file stays as it is.
     ~FaultIdList() override;

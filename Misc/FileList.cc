@@ -36,7 +36,7 @@ static int AddWalked(const char* path, const struct stat* status, int type, stru
 }
 
 FileList::FileList(const char* rootPath, const char* shellPattern)
-    : pattern(TextOrEmpty(shellPattern)), patternFlag(pattern.strlen() > 0)
+    : pattern(TextOrEmpty(shellPattern)), patternFlag(*TextOrEmpty(shellPattern) != '\0')
 {
     const char* root = TextOrEmpty(rootPath);
     hasBegun = hasMore = false;
@@ -62,10 +62,12 @@ short FileList::FindFile(const char* name) const
 void FileList::AddFileName(const char* name)
 {
     name = TextOrEmpty(name);
-    if (patternFlag && !svr4::gmatch(name, pattern))
+    const bool isLost =
+        patternFlag && pattern.strlen() == 0; // there was no memory for it: nothing tells what it matches
+    if (patternFlag && !isLost && !svr4::gmatch(name, pattern))
         return;
     std::unique_ptr<CString> copy;
-    if (files.Quantity() < zeloo::MostElements)
+    if (files.Quantity() < zeloo::MostElements && !isLost)
         copy.reset(new (std::nothrow) CString(name));
     if (copy != nullptr && *copy == name) // without memory a string is empty
         files.AddItem(copy.release());

@@ -19,7 +19,7 @@ public:
     /// Lists the files below `rootPath`, in the order of the walk; the paths begin with `rootPath`. A root that is
     /// itself a regular file is listed; one that cannot be walked gives an empty list. A null or empty
     /// `shellPattern` lists every file. One report says that files are missing, for want of room or since the walk was
-    /// cut short (by a lack of memory, say).
+    /// cut short (by a lack of memory, say). Without memory for the pattern no file is listed.
     FileList(const char* rootPath, const char* shellPattern);
     /// Frees the list; the files stay.
     ~FileList();
@@ -42,7 +42,7 @@ public:
 
 private:
     CString pattern;
-    short patternFlag; // 1: `pattern` is not empty
+    short patternFlag; // 1: there is a pattern; `pattern` is empty all the same when there was no memory for it
     CStringSafeArray files;
 };
 

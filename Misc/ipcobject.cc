@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "Misc/Error.h"
+#include "Misc/detail/text.h"
 #include "Misc/ipcq.h"
 #include "Misc/ipctli.h"
 #include "Misc/proginfo.h"
@@ -175,8 +176,9 @@ short IPCClient::AmIontheORVDServerHost()
 
 ReconnectClient::ReconnectClient(short server, const char* serverName, const char* serverNode)
     : Client(nullptr), RetryCount(DefaultRetryCount), RetryWaitTime(DefaultRetryWaitTime), Server(server),
-      ServerName(serverName), ServerNode(serverNode)
+      ServerName(serverName)
 {
+    SetServerNode(serverNode);
     CreateClient();
 }
 
@@ -239,9 +241,18 @@ short ReconnectClient::SendEventWithResponse(short event, CString& inbuf, short 
     return code;
 }
 
+void ReconnectClient::SetServerNode(const char* node)
+{
+    ServerNode = node;
+    isNodeLost = ServerNode.strlen() == 0 && *zeloo::TextOrEmpty(node) != '\0';
+}
+
 void ReconnectClient::CreateClient()
 {
     delete Client;
+    Client = nullptr;
+    if (isNodeLost) // without a name it would be another server
+        return;
     const char* node = ServerNode;
     Client =
         new (std::nothrow) IPCClient(Server, ServerName, *node != '\0' ? node : nullptr, IPCClient::AnyClient, 0, 1);

@@ -98,7 +98,7 @@ public:
     /// nothing was received.
     virtual short SendEventWithResponse(short event, CString& inbuf, short response_event, const void* ptr, long size);
 
-    /// Replaces the current client by a new one, connected or not.
+    /// Replaces the current client by a new one, connected or not; by none without memory for it or the node's name.
     void CreateClient();
     /// Makes new clients until one is connected: at most RetryCount, with RetryWaitTime seconds between two. Returns 0;
     /// 65 when the current client is not connected; 10 when there is none, as memory failed. With a RetryCount of 0 or
@@ -110,7 +110,7 @@ public:
     void SetRetryCount(short count) { RetryCount = count; }
     void SetRetryWaitTime(short seconds) { RetryWaitTime = seconds; }
     /// The server's node for the clients made from now on; empty or null as in the constructor.
-    void SetServerNode(const char* node) { ServerNode = node; }
+    void SetServerNode(const char* node);
     const CString& GetServerNode() const { return ServerNode; }
 
     ReconnectClient(const ReconnectClient&) = delete;
@@ -127,6 +127,7 @@ private:
     int16_t Server;
     const char* ServerName;
     CString ServerNode;
+    bool isNodeLost; // there was no memory for its name
 };
 
 #endif

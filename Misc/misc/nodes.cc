@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include <netdb.h>
@@ -56,13 +57,16 @@ static bool unreadableReported = false;  // since the file was last read
 // and the result is false: a caller somewhere in the network that makes up ever new names must not stop the process.
 static bool AddCopy(CStringSafeArray& list, const char* name, const char* text)
 {
-    CString* entry = list.Quantity() < zeloo::MostElements ? new (std::nothrow) CString(text) : nullptr;
-    if (entry != nullptr)
-        list.AddItem(entry);
+    std::unique_ptr<CString> entry;
+    if (list.Quantity() < zeloo::MostElements)
+        entry.reset(new (std::nothrow) CString(text));
+    const bool isWhole = entry != nullptr && *entry == text; // without memory a string is empty
+    if (isWhole)
+        list.AddItem(entry.release());
     else
         zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::OUT_OF_MEMORY, errno, ZELOO_HERE,
                       "failed to allocate memory for %s.", name);
-    return entry != nullptr;
+    return isWhole;
 }
 
 // Writes a debug line of `label`, `text` and `end` to standard output.
@@ -159,11 +163,14 @@ static short ReadNodes(CStringSafeArray& nodes)
     if (file == nullptr)
         return ErrorReporter::OPENING_FILE;
     char line[LongestLine + 1];
-    while (ReadLine(file, line))
-        AddCopy(nodes, "ValidNodes", line);
+    bool isKept = true;
+    while (isKept && ReadLine(file, line))
+        isKept = AddCopy(nodes, "ValidNodes", line) || nodes.Quantity() == zeloo::MostElements;
     const svr4::SavedErrno savedErrno;
     const bool failed = std::ferror(file) != 0;
     std::fclose(file);
+    if (!isKept)
+        return ErrorReporter::OUT_OF_MEMORY;
     return failed ? ErrorReporter::READING_FROM_FILE : ErrorReporter::NO_ERRORS;
 }
 
@@ -276,6 +283,8 @@ int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString
         return 0;
     if (!FindNode(node, true, ReturnVal))
         return Reject(node);
-    AddCopy(ValidNodes(), "ValidNodes", node + " " + ReturnVal); // the next time it is found without a look-up
+    const CString learned = node + " " + ReturnVal;
+    if (learned.strlen() == node.strlen() + 1 + ReturnVal.strlen()) // with a part of it the option would be another
+        AddCopy(ValidNodes(), "ValidNodes", learned);               // the next time it is found without a look-up
     return 0;
 }
