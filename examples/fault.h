@@ -2,6 +2,7 @@
 #ifndef EXAMPLES_FAULT_H
 #define EXAMPLES_FAULT_H
 
+#include <cerrno>
 #include <vector>
 
 #include "Misc/FaultId.h"
@@ -106,13 +107,15 @@ void Pack(const Object& object, Buffer& data)
     object.printOn(out);
 }
 
-/// Reads `object` from `data`, which came from another process. False when that is not exactly one whole object.
+/// Reads `object` from `data`, which came from another process. False when that is not exactly one whole object, and, with
+/// ENOMEM in `errno`, when there is no memory for all of it: without memory a text is empty.
 template <class Object>
 bool Unpack(Buffer& data, Object& object)
 {
+    errno = 0;
     ZEListream in(data);
     object.scanFrom(in);
-    return in.good() && in.tellg() == data.Size();
+    return errno != ENOMEM && in.good() && in.tellg() == data.Size();
 }
 
 #endif

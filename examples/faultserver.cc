@@ -1,5 +1,6 @@
 #include "faultserver.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <iostream>
@@ -136,11 +137,15 @@ short FaultServer::Raise()
 {
     FaultRecord fault;
     FaultSummary& summary = fault.summary;
-    if (!Unpack(CurrentEventData, fault) || summary.text.strlen() > FaultTextLimit || !TidyOptions(summary.options))
+    if (!Unpack(CurrentEventData, fault))
+        return errno == ENOMEM ? OUT_OF_MEMORY : INVALID_DATA;
+    if (summary.text.strlen() > FaultTextLimit || !TidyOptions(summary.options))
         return INVALID_DATA;
     summary.text.flatten();
     summary.raised = Dates::CurrentTime();
     summary.state = FirstFaultState;
+    if (errno == ENOMEM) // some text is not what it should be
+        return OUT_OF_MEMORY;
     const short status = store.Put(fault);
     if (status == NO_ERRORS)
         Tell("raised", summary);

@@ -44,8 +44,8 @@ short FaultStore::Load()
     FaultIdList saved(nullptr);
     Files broken; // what was read and is not whole
     short status = Open(isNew);
-    if (status == NO_ERRORS && !isNew)
-        status = LoadList(saved, broken);
+    if (status == NO_ERRORS)
+        status = LoadList(saved, broken, isNew);
     if (status == NO_ERRORS)
         status = LoadRecords(saved, broken);
     if (status == NO_ERRORS)
@@ -62,7 +62,7 @@ static bool EndsIn(const std::string& text, const std::string& end)
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-// Makes the directory, or removes from it what a crash left half written. `isNew` is set when there are no faults in it.
+// Makes the directory, or removes from it what a crash left half written. `isNew` is set when no file is seen in it.
 short FaultStore::Open(bool& isNew) const
 {
     if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
@@ -87,10 +87,16 @@ short FaultStore::Open(bool& isNew) const
     return error == 0 ? static_cast<short>(NO_ERRORS) : Fail(READING_FROM_FILE, directory, error);
 }
 
-short FaultStore::LoadList(FaultIdList& saved, Files& broken) const
+// A directory without files has no list. But a host may show a directory as empty that it failed to read: `isNew` stays
+// set only when the list is not there either.
+short FaultStore::LoadList(FaultIdList& saved, Files& broken, bool& isNew) const
 {
     Buffer data;
-    if (const int error = ReadWholeFile(listFile.c_str(), data))
+    const int error = ReadWholeFile(listFile.c_str(), data);
+    if (error == ENOENT && isNew)
+        return NO_ERRORS;
+    isNew = false;
+    if (error != 0)
         return Fail(READING_FROM_FILE, listFile, error);
     std::istringstream bytes(std::string(static_cast<const char*>(static_cast<const void*>(data)), data.Size()));
     infstream in(bytes);
@@ -133,9 +139,10 @@ short FaultStore::LoadRecord(const FaultId& id, Files& broken)
     const int error = ReadWholeFile(file.c_str(), data);
     errno = 0;
     const bool isWhole = error == 0 && Unpack(data, fault) && fault.summary.hdr.myId == id;
-    if ((error != 0 && error != ENOENT) || (!isWhole && errno == ENOMEM))
+    if (error == 0 || error == ENOENT)
+        faults.emplace(id, isWhole ? fault : LostRecord(id));
+    if ((error != 0 && error != ENOENT) || errno == ENOMEM)
         return Fail(READING_FROM_FILE, file, error != 0 ? error : ENOMEM); // the record may be sound
-    faults.emplace(id, isWhole ? fault : LostRecord(id));
     if (error == ENOENT)
         Fail(READING_FROM_FILE, file, ENOENT);
     else if (!isWhole)
@@ -176,13 +183,18 @@ short FaultStore::Put(const FaultRecord& fault)
     const bool isNew = Find(id) == nullptr;
     if (isNew && ids.MyQuantity() == SHRT_MAX)
         return Fail(TOO_MANY_FAULTS, static_cast<const char*>(id), 0);
+    Faults copy; // made first: what is on the disk is in memory, too, and whole
+    errno = 0;
+    copy.emplace(id, fault);
+    if (errno == ENOMEM)
+        return Fail(OUT_OF_MEMORY, static_cast<const char*>(id), ENOMEM);
     short status = SaveRecord(fault);
     if (status == NO_ERRORS && isNew)
         status = Enlist(id);
     if (status != NO_ERRORS)
         return status;
     faults.erase(id);
-    faults.emplace(id, fault);
+    faults.merge(copy);
     return NO_ERRORS;
 }
 
@@ -205,7 +217,9 @@ short FaultStore::SetState(const FaultId& id, const char* state)
     CString& current = faults.at(id).summary.state;
     const CString earlier = current;
     current = state;
-    const short status = SaveRecord(faults.at(id));
+    const bool isWhole = current == state; // without memory it is empty
+    const short status =
+        isWhole ? SaveRecord(faults.at(id)) : Fail(OUT_OF_MEMORY, static_cast<const char*>(id), ENOMEM);
     if (status != NO_ERRORS)
         current = earlier;
     return status;

@@ -51,7 +51,7 @@ private:
     typedef std::set<std::string> Files;
 
     short Open(bool& isNew) const;
-    short LoadList(FaultIdList& saved, Files& broken) const;
+    short LoadList(FaultIdList& saved, Files& broken, bool& isNew) const;
     short LoadRecords(FaultIdList& saved, Files& broken);
     short LoadRecord(const FaultId& id, Files& broken);
     void NoteBroken(const std::string& file, Files& broken) const;
