@@ -1,4 +1,4 @@
-// malloc and realloc that fail on demand, for the programs that are built with this file. A sanitizer has its own.
+// malloc, realloc and the throwing forms of new that fail on demand, for the programs that are built with this file. A sanitizer has its own.
 #include <cstdlib>
 #include <new>
 
@@ -22,10 +22,9 @@ extern "C" void* realloc(void* ptr, std::size_t size) noexcept
     return AllocationFails(Realloc, size) ? nullptr : __libc_realloc(ptr, size);
 }
 
-// What throws is what the tests allocate by: it does not fail.
 void* operator new(std::size_t size)
 {
-    void* block = __libc_malloc(size > 0 ? size : 1);
+    void* block = AllocationFails(ThrowingNew, size) ? nullptr : __libc_malloc(size > 0 ? size : 1);
     return block != nullptr ? block : throw std::bad_alloc();
 }
 

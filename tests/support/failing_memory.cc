@@ -10,6 +10,7 @@ namespace testing_support {
 static MemoryFailure::Rule rule; // needs no constructor at run time: static objects allocate before main
 static std::vector<std::size_t>* sizes = nullptr;
 static int callsNoted = 0;
+static bool isBehindAnother = false; // an allocation that serves another, which has been noted
 
 MemoryFailure::MemoryFailure(const Rule& what) : own(what), earlier(rule) { rule = own; }
 
@@ -31,6 +32,8 @@ std::vector<std::size_t> SizesAllocated(int calls, const std::function<void()>& 
 
 bool AllocationFails(AllocationCalls call, std::size_t bytes)
 {
+    if (isBehindAnother)
+        return false;
     if ((callsNoted & call) != 0)
         sizes->push_back(bytes);
     if ((rule.calls & call) == 0 || bytes < rule.smallest || bytes > rule.largest)
@@ -55,20 +58,29 @@ using namespace testing_support;
 extern "C" void* __libc_malloc(std::size_t size) noexcept; // NOLINT(bugprone-reserved-identifier)
 #endif
 
-// Behind these the forms that throw allocate, so that any form of `operator delete` may free: a sanitizer tells a block
-// of `new` from one of `malloc`.
+// Behind the forms that don't throw those that do allocate, so that any form of `operator delete` may free: a sanitizer
+// tells a block of `new` from one of `malloc`.
+template <class Allocate>
+static void* OrNull(Allocate allocate) noexcept
+{
+    void* block = nullptr;
+    isBehindAnother = true;
+    try {
+        block = allocate();
+    } catch (const std::bad_alloc&) {
+    }
+    isBehindAnother = false;
+    return block;
+}
+
 void* operator new(std::size_t n, const std::nothrow_t&) noexcept
-try {
-    return AllocationFails(NewObject, n) ? nullptr : ::operator new(n);
-} catch (const std::bad_alloc&) {
-    return nullptr;
+{
+    return AllocationFails(NewObject, n) ? nullptr : OrNull([n] { return ::operator new(n); });
 }
 
 void* operator new[](std::size_t n, const std::nothrow_t&) noexcept
-try {
-    return AllocationFails(NewArray, n) ? nullptr : ::operator new[](n);
-} catch (const std::bad_alloc&) {
-    return nullptr;
+{
+    return AllocationFails(NewArray, n) ? nullptr : OrNull([n] { return ::operator new[](n); });
 }
 
 extern "C" void* calloc(std::size_t nmemb, std::size_t size) noexcept

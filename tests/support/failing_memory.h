@@ -6,7 +6,7 @@
 // The linker takes it for the tests that use it. It replaces `operator new` and
 // `operator new[]` with std::nothrow and `calloc` for the whole program, the library included, static or shared. The
 // other forms, by which the tests and the C++ library allocate, always find memory. A program that is also built with
-// failing_malloc.cc has `malloc` and `realloc` replaced as well.
+// failing_malloc.cc has `malloc`, `realloc` and these replaced as well.
 #ifndef TESTS_SUPPORT_FAILING_MEMORY_H
 #define TESTS_SUPPORT_FAILING_MEMORY_H
 
@@ -19,7 +19,15 @@
 namespace testing_support {
 
 /// The calls that can fail: one of them, or several joined by `|`.
-enum AllocationCalls { NewObject = 1, NewArray = 2, Calloc = 4, Malloc = 8, Realloc = 16, AllCalls = 31 };
+enum AllocationCalls {
+    NewObject = 1,
+    NewArray = 2,
+    Calloc = 4,
+    Malloc = 8,
+    Realloc = 16,
+    AllCalls = 31,
+    ThrowingNew = 32 // which throws std::bad_alloc
+};
 
 /// While it lives, the allocations it stands for give null and set errno to ENOMEM. One that is made while another
 /// lives takes its place until it goes. A child process inherits it.

@@ -131,7 +131,7 @@ int WaitForExit(pid_t pid, int seconds)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-ChildResult RunInChild(const std::function<void()>& body, int seconds)
+ChildResult RunInChild(const std::function<void()>& body, int seconds, const std::function<void(pid_t)>& meanwhile)
 {
     const int out = OpenUnlinkedFile();
     const int err = OpenUnlinkedFile();
@@ -142,8 +142,10 @@ ChildResult RunInChild(const std::function<void()>& body, int seconds)
         close(err);
         body();
     });
+    if (meanwhile)
+        meanwhile(pid);
     int status = 0;
-    WaitForStatus(pid, seconds, &status);
+    WaitForStatus(pid, meanwhile ? 1 : seconds, &status);
     ChildResult result;
     if (WIFEXITED(status))
         result.exitCode = WEXITSTATUS(status);
@@ -236,14 +238,12 @@ void WriteFile(const std::string& path, const std::string& content)
     out << content;
 }
 
-TemporaryDirectory::TemporaryDirectory()
+TemporaryDirectory::TemporaryDirectory(const char* parent) : path(std::string(parent) + "/zeloo-test-XXXXXX")
 {
-    char name[] = "/tmp/zeloo-test-XXXXXX";
-    if (mkdtemp(name) == nullptr) {
+    if (mkdtemp(path.data()) == nullptr) {
         std::perror("mkdtemp");
         std::abort();
     }
-    path = name;
 }
 
 TemporaryDirectory::~TemporaryDirectory()

@@ -29,8 +29,10 @@ struct ChildResult {
 };
 
 /// Runs `body` in a forked child with its output captured, and waits for its end. The child leaves with _exit(0)
-/// when `body` returns; it runs no test clean-up. A child still alive after `seconds` is killed.
-ChildResult RunInChild(const std::function<void()>& body, int seconds = 60);
+/// when `body` returns; it runs no test clean-up. A child still alive after `seconds` is killed. `meanwhile` is called
+/// with the child's process id once it runs, and looks after it.
+ChildResult RunInChild(const std::function<void()>& body, int seconds = 60,
+                       const std::function<void(pid_t)>& meanwhile = {});
 
 /// Forks a child that runs `body` and leaves with _exit(0). The caller reaps it (see WaitForExit).
 pid_t StartChild(const std::function<void()>& body);
@@ -71,7 +73,8 @@ void WriteFile(const std::string& path, const std::string& content);
 /// A directory that goes with the object, contents included.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory();
+    /// Below `parent`. What lies in /dev/shm is never on a disk.
+    explicit TemporaryDirectory(const char* parent = "/tmp");
     ~TemporaryDirectory();
     const std::string& Path() const { return path; }
     std::string File(const std::string& name) const { return path + "/" + name; }

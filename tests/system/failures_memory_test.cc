@@ -31,7 +31,7 @@ void RunWithFailure(const Scenario& scenario, const std::string& directory, long
     bool hasGrown = true;
     size_t heap = 0;
     for (int i = 0; i < turns && hasGrown; i++) {
-        const MemoryFailure failure = MemoryFailure::OfOne(count, AllCalls);
+        const MemoryFailure failure = MemoryFailure::OfOne(count, scenario.throws ? AllCalls : AllCalls | ThrowingNew);
         scenario.run(directory);
         if (!failure.HasHappened())
             _exit(NothingFailed);
@@ -49,7 +49,7 @@ TEST_P(FailingMemory, LeavesAStatedResultAtEachAllocation)
 {
     const Scenario& scenario = GetParam();
     MakeHostReady();
-    TemporaryDirectory directory;
+    TemporaryDirectory directory("/dev/shm");
     long count = 0;
     for (bool failed = true; failed; count += failed) {
         const ChildResult result = RunInChild([&] { RunWithFailure(scenario, directory.Path(), count); }, 120);

@@ -3,7 +3,7 @@
 #ifndef TESTS_SYSTEM_FAILURES_TESTING_H
 #define TESTS_SYSTEM_FAILURES_TESTING_H
 
-#include <functional>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -14,11 +14,35 @@ namespace failures_testing {
 struct Scenario {
     const char* name;
     /// Ends the process with CHILD_CHECK when a result is none of those that are stated, or something is lost. Keeps its
-    /// files in `directory`, which exists, and leaves nothing else behind.
-    void (*run)(const std::string& directory);
+    /// files in `directory`, which exists, and leaves nothing else behind. True when everything went as it does when
+    /// nothing fails.
+    bool (*run)(const std::string& directory);
+    /// Whether the program under test allocates by a `new` that throws: it ends when there is no memory.
+    bool throws = false;
 };
 
 extern const std::vector<Scenario> Scenarios;
+
+// Those that have files of their own.
+bool Processes(const std::string& directory);
+bool Commands(const std::string& directory);
+bool Queues(const std::string& directory);
+bool Connections(const std::string& directory);
+bool Events(const std::string& directory);
+bool Faults(const std::string& directory);
+
+/// The path of a file in a directory. Like all of a scenario it allocates nothing that is not the library's.
+class PathIn {
+public:
+    PathIn(const std::string& directory, const char* name)
+    {
+        std::snprintf(text, sizeof text, "%s/%s", directory.c_str(), name);
+    }
+    operator const char*() const { return text; }
+
+private:
+    char text[256];
+};
 
 /// Gives the process a name, and the scenarios what they look for on a host.
 void MakeHostReady();

@@ -1,0 +1,108 @@
+// The scenario of the fault daemon: its handlers with its store, in this process.
+#include <cstring>
+#include <new>
+
+#include "examples/faultserver.h"
+#include "tests/system/failures_testing.h"
+
+using namespace testing_support;
+
+namespace failures_testing {
+
+namespace {
+
+// The server without its loop: events are handed to its handlers.
+class Handlers : public FaultServer {
+public:
+    explicit Handlers(FaultStore& store) : FaultServer(store, 3, "none") {}
+
+    template <class Object>
+    short Handle(short event, const Object& object)
+    {
+        CurrentEvent = event;
+        CurrentEventData.PurgeContents();
+        errno = 0;
+        Pack(object, CurrentEventData);
+        CurrentEventResponseRqd = 0;
+        return errno == ENOMEM ? static_cast<short>(OUT_OF_MEMORY) : HandleEvent(event);
+    }
+};
+
+// What the disk must hold at the next start: that is known after each change that succeeded.
+enum Known { Unknown, Absent, New, Working };
+bool hasKept = false; // the fault that every run leaves alone
+Known changing = Unknown;
+
+} // namespace
+
+static const char KeptText[] = "kept";
+
+static FaultRecord Record(long number, const char* text)
+{
+    FaultRecord fault;
+    fault.summary.hdr.myId = FaultId(number, "alpha");
+    fault.summary.text = text;
+    fault.attachment.Append("attached");
+    fault.summary.attached = 8;
+    return fault;
+}
+
+static bool IsIn(const FaultStore& store, const FaultId& id, Known state)
+{
+    const FaultRecord* fault = store.Find(id);
+    if (fault == nullptr || state == Absent)
+        return fault == nullptr && state == Absent;
+    return fault->attachment.Size() == 8 && fault->summary.state == (state == New ? FirstFaultState : "working");
+}
+
+// What a start has read is what the last run said that it kept. A record that was reported missing, since the host said
+// so, is known by its name only.
+static void CheckLoaded(const FaultStore& store, const FaultId& kept, const FaultId& changed, bool isReported)
+{
+    const FaultRecord* fault = store.Find(kept);
+    if (hasKept)
+        CHILD_CHECK(fault != nullptr);
+    if (hasKept && !isReported)
+        CHILD_CHECK(fault->summary.text == KeptText && fault->attachment.Size() == 8);
+    if (changing != Unknown && !isReported)
+        CHILD_CHECK(IsIn(store, changed, changing));
+    CHILD_CHECK(store.All().size() <= 2);
+}
+
+// Notes what an event says that it did. True when it succeeded: then it is so in memory, too.
+static bool Note(short status, const FaultStore& store, const FaultId& id, Known after)
+{
+    changing = status == ErrorReporter::NO_ERRORS ? after : Unknown;
+    if (status == ErrorReporter::NO_ERRORS)
+        CHILD_CHECK(IsIn(store, id, after));
+    return status == ErrorReporter::NO_ERRORS;
+}
+
+bool Faults(const std::string& directory)
+{
+    static const FaultRecord kept = Record(100, KeptText), changed = Record(1, "changed");
+    static const FaultId keptId = kept.summary.hdr.myId, id = changed.summary.hdr.myId;
+    static const FaultMove move = {id, "working"};
+    FaultStore store(PathIn(directory, "faults"));
+    const int reports = ErrorReporter::GetErrorCount();
+    if (store.Load() != ErrorReporter::NO_ERRORS) {
+        CHILD_CHECK(ErrorReporter::GetErrorCount() > reports);
+        return false;
+    }
+    CheckLoaded(store, keptId, id, ErrorReporter::GetErrorCount() > reports);
+    Handlers server(store);
+    if (!server.InBasket().Created())
+        return false;
+    if (!hasKept)
+        hasKept = server.Handle(RaiseEvent, kept) == ErrorReporter::NO_ERRORS;
+    bool isWhole = Note(server.Handle(RaiseEvent, changed), store, id, New);
+    isWhole &= store.Find(id) != nullptr && Note(server.Handle(MoveEvent, move), store, id, Working);
+    for (const short event : {FetchEvent, MovesEvent})
+        isWhole &= server.Handle(event, keptId) == ErrorReporter::NO_ERRORS;
+    for (const short event : {ListEvent, StatusEvent})
+        isWhole &= server.Handle(event, FaultId()) == ErrorReporter::NO_ERRORS;
+    isWhole &= store.Find(id) != nullptr && Note(server.Handle(ClearEvent, id), store, id, Absent);
+    return isWhole && hasKept;
+}
+
+} // namespace failures_testing
