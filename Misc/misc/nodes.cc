@@ -53,12 +53,12 @@ static timespec nodesFileTime = {0, 0};  // the modification time of the node li
 static bool missingFileReported = false; // since the file was last seen
 static bool unreadableReported = false;  // since the file was last read
 
-// Adds a copy of `text` to the list that reports call `name`. When memory fails or the list is full that is reported,
-// and the result is false: a caller somewhere in the network that makes up ever new names must not stop the process.
+// Adds a copy of `text`, null for one without memory, to the list that reports call `name`. When memory fails or the list
+// is full that is reported, and the result is false: a caller somewhere in the network that makes up ever new names must not stop the process.
 static bool AddCopy(CStringSafeArray& list, const char* name, const char* text)
 {
     std::unique_ptr<CString> entry;
-    if (list.Quantity() < zeloo::MostElements)
+    if (text != nullptr && list.Quantity() < zeloo::MostElements)
         entry.reset(new (std::nothrow) CString(text));
     const bool isWhole = entry != nullptr && *entry == text; // without memory a string is empty
     if (isWhole)
@@ -163,14 +163,11 @@ static short ReadNodes(CStringSafeArray& nodes)
     if (file == nullptr)
         return ErrorReporter::OPENING_FILE;
     char line[LongestLine + 1];
-    bool isKept = true;
-    while (isKept && ReadLine(file, line))
-        isKept = AddCopy(nodes, "ValidNodes", line) || nodes.Quantity() == zeloo::MostElements;
+    while (ReadLine(file, line))
+        AddCopy(nodes, "ValidNodes", line); // intended: without memory for one the reading goes on
     const svr4::SavedErrno savedErrno;
     const bool failed = std::ferror(file) != 0;
     std::fclose(file);
-    if (!isKept)
-        return ErrorReporter::OUT_OF_MEMORY;
     return failed ? ErrorReporter::READING_FROM_FILE : ErrorReporter::NO_ERRORS;
 }
 
@@ -284,7 +281,7 @@ int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString
     if (!FindNode(node, true, ReturnVal))
         return Reject(node);
     const CString learned = node + " " + ReturnVal;
-    if (learned.strlen() == node.strlen() + 1 + ReturnVal.strlen()) // with a part of it the option would be another
-        AddCopy(ValidNodes(), "ValidNodes", learned);               // the next time it is found without a look-up
+    const bool isWhole = learned.strlen() == node.strlen() + 1 + ReturnVal.strlen(); // else the option would be another
+    AddCopy(ValidNodes(), "ValidNodes", isWhole ? static_cast<const char*>(learned) : nullptr);
     return 0;
 }

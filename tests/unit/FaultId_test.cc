@@ -779,6 +779,19 @@ TEST(FaultIdList, WithoutMemoryForItsArrayTheQuantityIsMinusOne)
     EXPECT_EQ(list->MyQuantity(), 0) << "what an absent array wrote reads as an empty list";
 }
 
+TEST(FaultIdList, WithoutMemoryForTheNameOfItsFileThatIsReported)
+{
+    for (const long allowed : {0, 1}) { // no text, or no representation
+        const std::string report = ExpectedReport(ErrorReporter::OUT_OF_MEMORY, ENOMEM, "/nosuch/list");
+        EXPECT_EQ(ReportsInFull([&] {
+                      const MemoryFailure failure = MemoryFailure::OfOne(allowed, NewObject | NewArray);
+                      const FaultIdList list("/nosuch/list");
+                      list.Save();
+                  }),
+                  report);
+    }
+}
+
 TEST(FaultIdList, WithoutMemoryForAnElementTheListStays)
 {
     FaultIdList list("");

@@ -299,6 +299,20 @@ TEST_F(IpcReconnect, WithoutMemoryThereIsNoClient)
     EXPECT_EQ(client->SendEvent(Echo, nullptr, 0), 0);
 }
 
+TEST_F(IpcReconnect, WithoutMemoryForTheNodeNoOtherServerIsTaken)
+{
+    StartEchoes();
+    std::unique_ptr<ReconnectClient> client;
+    {
+        const MemoryFailure failure = MemoryFailure::OfNextOfSize(sizeof "elsewhere", NewArray);
+        client = std::make_unique<ReconnectClient>(0, "orvd", "elsewhere");
+    }
+    EXPECT_EQ(client->ServerConnected(), 0);
+    EXPECT_EQ(client->AttemptReConnect(), 10);
+    client->SetServerNode("");
+    EXPECT_EQ(client->AttemptReConnect(), 0);
+}
+
 TEST_F(IpcReconnect, RecoversWhenTheQueueIsGone)
 {
     MakeKeyFile("orvd");

@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 
+#include "tests/support/failing_calls.h"
 #include "tests/unit/unixproc_testing.h"
 
 using namespace unixproc_testing;
@@ -72,16 +73,19 @@ TEST(UnixProcess, AChildThatFloodsItsOutputIsKilledAtTheLimit)
 
 TEST(UnixProcess, ALimitHoldsWhileNoReadEverBlocks)
 {
-    const ChildResult child = RunInChild([] {
+    FailingCalls calls({SYS_read}, {EIO});
+    const ChildResult child = calls.Run([&] {
         Buffer output;
-        MakeCallsFail({SYS_read}, EIO);
+        calls.Begin();
         UnixProcess process(Sleeper, output, 1);
+        calls.End();
         CHILD_CHECK(process.wait() == -1 && Bytes(output) == Banner);
     });
     if (child.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no way to make reads fail here";
     EXPECT_EQ(child.exitCode, 0);
     EXPECT_NE(child.err.find("Process killed: sleep 60"), std::string::npos) << child.err;
+    EXPECT_LT(calls.Failed(), 1000) << "nor are they made without a pause";
 }
 
 TEST(UnixProcess, AChildThatRunsOnWithItsOutputClosedIsKilledAtTheLimit)
