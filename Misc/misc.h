@@ -78,6 +78,8 @@ ZELOO_API void CheckNodesFile();
 /// of the process is reported and logged (WARNING_WITH_LOG, MISCONFIGURATION_NODES). Returns 1 exactly for a rejection
 /// that was logged; otherwise 0, also for a node rejected before: the caller decides by `ReturnVal` and the result.
 /// This is intended. Null texts count as empty; either text may be that of `ReturnVal`.
+///
+/// Without memory to look for the node that is reported (WARNING, OUT_OF_MEMORY); the result is 0, `ReturnVal` empty.
 ZELOO_API int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString& ReturnVal);
 
 #endif

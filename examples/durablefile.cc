@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 static const std::size_t Step = 1 << 20; // bytes that are read or written at a time
+static const int MostAside = 1000;       // files of a name that are set aside
 
 // A descriptor that is closed with the object.
 class Descriptor {
@@ -118,7 +119,7 @@ int SetAside(const char* path)
     const std::string broken = std::string(path) + ".broken";
     std::string name = broken;
     for (int number = 2; link(path, name.c_str()) != 0; number++) {
-        if (errno != EEXIST)
+        if (errno != EEXIST || number > MostAside)
             return errno;
         name = broken + "." + std::to_string(number);
     }

@@ -208,23 +208,27 @@ void CheckNodesFile()
         nodesFileTime = status.st_mtim; // of before the reading, so that what is written meanwhile is read next time
 }
 
-// The token of a node list entry at `at`, which moves behind it; empty when there is none.
-static CString NextToken(const char*& at)
+// Reads the token of a node list entry at `at`, which moves behind it; empty when there is none. False without memory.
+static bool ReadToken(const char*& at, CString& token)
 {
     at += std::strspn(at, Separators);
     const std::size_t length = std::strcspn(at, Separators);
-    const CString token(at, static_cast<unsigned>(length));
+    token = CString(at, static_cast<unsigned>(length));
     at += length;
-    return token;
+    return token.strlen() == length;
 }
 
+enum Search { IsUnknown, IsKnown, HasNoMemory };
+
 // Looks for the first entry whose name is `node` itself or, with `byAddress`, shares an address with it. `option` gets
-// the entry's option. False when there is none.
-static bool FindNode(const CString& node, bool byAddress, CString& option)
+// the entry's option.
+static Search FindNode(const CString& node, bool byAddress, CString& option)
 {
     for (CStringSafeArrayIter entry(ValidNodes()); entry() != nullptr; ++entry) {
         const char* at = *entry();
-        const CString name = NextToken(at);
+        CString name;
+        if (!ReadToken(at, name))
+            return HasNoMemory;
         if (name.strlen() == 0)
             continue;
         if (!byAddress && MonitoredObject::debug() >= 5)
@@ -232,10 +236,9 @@ static bool FindNode(const CString& node, bool byAddress, CString& option)
                       << "]" << std::endl;
         if (byAddress ? !AddrEqual(node, name) : name != node)
             continue;
-        option = NextToken(at);
-        return true;
+        return ReadToken(at, option) ? IsKnown : HasNoMemory;
     }
-    return false;
+    return IsUnknown;
 }
 
 static bool IsRejected(const CString& node)
@@ -262,8 +265,18 @@ static int Reject(const CString& node)
     return 1;
 }
 
+// Without memory nothing tells what the node may do: it may do nothing this time.
+static int Refuse(const char* node, CString& option)
+{
+    option = "";
+    zeloo::Report(Reporter(), ErrorReporter::WARNING, ErrorReporter::OUT_OF_MEMORY, errno, ZELOO_HERE,
+                  "failed to allocate memory to look for node %s.", node);
+    return 0;
+}
+
 int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString& ReturnVal)
 {
+    const bool isNameless = *zeloo::TextOrEmpty(FromNode) == '\0';
     const CString node(FromNode); // copies, since ReturnVal may hold the texts
     const CString standard(DefaultVal);
     if (MonitoredObject::debug() >= 4) {
@@ -276,10 +289,16 @@ int GetAccessOptionForNode(const char* FromNode, const char* DefaultVal, CString
     if (standard == "global")
         return 0;
     CheckNodesFile();
-    if (FindNode(node, false, ReturnVal))
-        return 0;
-    if (!FindNode(node, true, ReturnVal))
+    Search result = node.strlen() > 0 || isNameless ? FindNode(node, false, ReturnVal) : HasNoMemory;
+    const bool isNamed = result == IsKnown;
+    if (result == IsUnknown)
+        result = FindNode(node, true, ReturnVal);
+    if (result == IsUnknown)
         return Reject(node);
+    if (result == HasNoMemory)
+        return Refuse(node, ReturnVal);
+    if (isNamed)
+        return 0;
     const CString learned = node + " " + ReturnVal;
     const bool isWhole = learned.strlen() == node.strlen() + 1 + ReturnVal.strlen(); // else the option would be another
     AddCopy(ValidNodes(), "ValidNodes", isWhole ? static_cast<const char*>(learned) : nullptr);

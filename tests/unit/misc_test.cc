@@ -567,6 +567,23 @@ TEST_F(NodesTest, WithoutMemoryNothingIsLearned)
               Report(1, "WARNING", OutOfMemory, "<code>", "failed to allocate memory for ValidNodes."));
 }
 
+TEST_F(NodesTest, WithoutMemoryToLookForItANodeMayDoNothing)
+{
+    SetNodes("alpha none\n", 1000);
+    const ChildResult child = RunInChild([] {
+        Ask("alpha", "full");
+        for (const char* text : {"alpha", "none"}) { // the name, or the option
+            const MemoryFailure failure = MemoryFailure::OfSize(std::strlen(text) + 1, NewArray);
+            Ask("alpha", "standard");
+        }
+    });
+    EXPECT_EQ(child.out, "0 [none]\n0 []\n0 []\n");
+    const std::string what = "failed to allocate memory to look for node ";
+    EXPECT_EQ(WithoutErrorCodes(Reports(child.err)),
+              Report(1, "WARNING", OutOfMemory, "<code>", (what + ".").c_str()) +
+                  Report(2, "WARNING", OutOfMemory, "<code>", (what + "alpha.").c_str()));
+}
+
 TEST_F(NodesTest, ARejectionWithoutMemoryIsNotLogged)
 {
     SyslogSink sink;
