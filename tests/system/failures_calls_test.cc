@@ -154,12 +154,15 @@ private:
     bool Run(FailingCalls& calls, const std::string& what, bool canLeave)
     {
         const Scenario& scenario = GetParam();
+        ForgetLogs();
         const ChildResult result = calls.Run(
             [&] {
                 const Holdings before = HoldingsNow();
+                nothingFails = false;
                 calls.Begin();
                 scenario.run(directory.Path());
                 calls.End();
+                nothingFails = true;
                 CHILD_CHECK(HoldingsNow().descriptors == before.descriptors);
                 if (canLeave)
                     RemoveKernelObjects();

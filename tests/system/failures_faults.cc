@@ -1,6 +1,8 @@
 // The scenario of the fault daemon: its handlers with its store, in this process.
 #include <cstring>
-#include <new>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "examples/faultserver.h"
 #include "tests/system/failures_testing.h"
@@ -103,6 +105,53 @@ bool Faults(const std::string& directory)
         isWhole &= server.Handle(event, FaultId()) == ErrorReporter::NO_ERRORS;
     isWhole &= store.Find(id) != nullptr && Note(server.Handle(ClearEvent, id), store, id, Absent);
     return isWhole && hasKept;
+}
+
+static const char Garbage[] = "garbage";
+
+static bool HasGarbage(const char* file)
+{
+    char text[sizeof Garbage] = "";
+    const int fd = open(file, O_RDONLY | O_CLOEXEC);
+    const ssize_t n = fd < 0 ? -1 : read(fd, text, sizeof text);
+    if (fd >= 0)
+        close(fd);
+    return n == sizeof Garbage - 1 && std::memcmp(text, Garbage, sizeof Garbage - 1) == 0;
+}
+
+static bool WriteGarbage(const char* file)
+{
+    const int fd = open(file, O_WRONLY | O_TRUNC | O_CLOEXEC);
+    const bool isWritten = fd >= 0 && write(fd, Garbage, sizeof Garbage - 1) == sizeof Garbage - 1;
+    if (fd >= 0)
+        close(fd);
+    return isWritten;
+}
+
+// A start that finds a broken record sets it aside, or leaves all as it is.
+bool BrokenFaults(const std::string& directory)
+{
+    static const FaultRecord kept = Record(100, KeptText), broken = Record(1, "to be broken");
+    static bool isBroken = false; // the last run broke a record, of which nothing may be lost
+    const PathIn path(directory, "broken"), file(directory, "broken/alpha%2F00000001"),
+        aside(directory, "broken/alpha%2F00000001.broken"), second(directory, "broken/alpha%2F00000001.broken.2");
+    if (isBroken && nothingFails)
+        CHILD_CHECK(HasGarbage(file) || HasGarbage(aside) || HasGarbage(second));
+    isBroken = false;
+    unlink(aside);
+    unlink(second);
+    {
+        FaultStore store(path);
+        if (store.Load() != 0 || store.Put(kept) != 0 || store.Put(broken) != 0)
+            return false;
+    }
+    isBroken = WriteGarbage(file);
+    FaultStore store(path);
+    const bool isLoaded = store.Load() == 0;
+    const FaultRecord* fault = store.Find(kept.summary.hdr.myId);
+    if (isLoaded)
+        CHILD_CHECK(fault != nullptr && store.All().size() == 2);
+    return isBroken && isLoaded && fault->summary.text == KeptText;
 }
 
 } // namespace failures_testing

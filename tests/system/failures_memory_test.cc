@@ -26,11 +26,13 @@ size_t HeapInUse() { return mallinfo2().uordblks; }
 void RunWithFailure(const Scenario& scenario, const std::string& directory, long count)
 {
     const int turns = 12;
-    scenario.run(directory); // what is kept for good is there from now on
+    CHILD_CHECK(scenario.run(directory)); // what is kept for good is there from now on
     const Holdings before = HoldingsNow();
     bool hasGrown = true;
     size_t heap = 0;
     for (int i = 0; i < turns && hasGrown; i++) {
+        ForgetLogs();
+        nothingFails = false;
         const MemoryFailure failure = MemoryFailure::OfOne(count, scenario.throws ? AllCalls : AllCalls | ThrowingNew);
         scenario.run(directory);
         if (!failure.HasHappened())
@@ -39,8 +41,9 @@ void RunWithFailure(const Scenario& scenario, const std::string& directory, long
         heap = HeapInUse();
     }
     CHILD_CHECK(!hasGrown);
+    nothingFails = true;
     CHILD_CHECK(HoldingsNow() == before);
-    scenario.run(directory);
+    CHILD_CHECK(scenario.run(directory));
 }
 
 class FailingMemory : public testing::TestWithParam<Scenario> {};
@@ -52,7 +55,8 @@ TEST_P(FailingMemory, LeavesAStatedResultAtEachAllocation)
     TemporaryDirectory directory("/dev/shm");
     long count = 0;
     for (bool failed = true; failed; count += failed) {
-        const ChildResult result = RunInChild([&] { RunWithFailure(scenario, directory.Path(), count); }, 120);
+        ForgetLogs();
+        const ChildResult result = RunInChild([&] { RunWithFailure(scenario, directory.Path(), count); }, 60);
         failed = result.exitCode != NothingFailed;
         EXPECT_TRUE(!failed || EndedAsStated(result))
             << "allocation " << count << ": exit code " << result.exitCode << ", signal " << result.signal << "\n"

@@ -29,6 +29,27 @@ bool Processes(const std::string&)
     return status == 0 && std::strcmp(output.GetCString(), "some output\n") == 0;
 }
 
+// Children that are waited for, and one that is not.
+bool Children(const std::string&)
+{
+    UnixProcess waited("exit 3", UnixProcess::wait_at_construction, 3);
+    const short status = waited.wait();
+    const bool isStandIn = status == 0 || status == 255; // a blank command, or nothing, in the place of the program
+    CHILD_CHECK(status == 3 || status == -1 || isStandIn);
+    static pid_t left = -1; // where it could not be ended
+    if (left > 0 && kill(left, SIGKILL) == 0)
+        waitpid(left, nullptr, 0);
+    {
+        UnixProcess sleeper("exec sleep 600", UnixProcess::terminate_at_destruction, 0);
+        left = static_cast<pid_t>(sleeper.pid());
+        CHILD_CHECK(left > 0 || sleeper.wait() == -1);
+    }
+    int end = 0;
+    if (left > 0 && (nothingFails || kill(left, SIGKILL) == 0) && waitpid(left, &end, 0) == left)
+        left = -1;
+    return status == 3 && WTERMSIG(end) == SIGTERM;
+}
+
 bool Queues(const std::string&)
 {
     static const std::string text(5000, 'q');
@@ -65,6 +86,34 @@ bool Connections(const std::string&)
     CHILD_CHECK(code == 0 ? data.Size() == 1800 : data.Size() == 0);
     static RawRecord answer;
     return code == 0 && end.send_block(&header, "answer", 6) == 0 && peer.Receive(&answer);
+}
+
+// Sends an event to a server by TCP, and gets its answer.
+bool Clients(const std::string&)
+{
+    static const RawRecord answer = MakeRecord(9, 0, 0, 4, "pong");
+    static RawRecord record;
+    RawSocket listener;
+    if (!listener.Listen())
+        return false;
+    IPCTliClient client(1, "orvd", "127.0.0.1", 0);
+    if (!client.Connected())
+        return false;
+    const RawSocket peer(listener.Accept());
+    if (client.send_event_with_response(8, "ping", 4) != ErrorReporter::NO_ERRORS) {
+        CHILD_CHECK(!client.Connected());
+        return false;
+    }
+    if (!peer.Receive(&record) || !peer.Send(answer))
+        return false;
+    short event = 0;
+    Buffer data;
+    const short code = client.receive_response(event, data);
+    if (code == ErrorReporter::NO_ERRORS)
+        CHILD_CHECK(event == 9 && data.Size() == 4);
+    std::ostringstream out;
+    client.dumpOn(out);
+    return code == ErrorReporter::NO_ERRORS && out.good();
 }
 
 // Runs a command by a ProcMgr until it has ended, or can't be started or watched.

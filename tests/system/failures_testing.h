@@ -24,12 +24,24 @@ struct Scenario {
 extern const std::vector<Scenario> Scenarios;
 
 // Those that have files of their own.
+bool Files(const std::string& directory);
+bool Nodes(const std::string& directory);
+bool Locks(const std::string& directory);
+bool Logs(const std::string& directory);
+bool Dumps(const std::string& directory);
+bool Segments(const std::string& directory);
 bool Processes(const std::string& directory);
+bool Children(const std::string& directory);
 bool Commands(const std::string& directory);
 bool Queues(const std::string& directory);
 bool Connections(const std::string& directory);
+bool Clients(const std::string& directory);
 bool Events(const std::string& directory);
 bool Faults(const std::string& directory);
+bool BrokenFaults(const std::string& directory);
+
+/// Cleared while failures are injected: then a scenario waits for nothing that may not come.
+extern bool nothingFails;
 
 /// The path of a file in a directory. Like all of a scenario it allocates nothing that is not the library's.
 class PathIn {
@@ -46,6 +58,10 @@ private:
 
 /// Gives the process a name, and the scenarios what they look for on a host.
 void MakeHostReady();
+/// In the sandbox: lets the records that are logged arrive.
+void ListenForLogs();
+/// Takes what was logged; without that a program that logs waits for room.
+void ForgetLogs();
 
 /// What a process holds that must be given back.
 struct Holdings {
