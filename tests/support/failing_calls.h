@@ -60,7 +60,7 @@ private:
         std::atomic<bool> isOn;
     };
 
-    void Serve(pid_t child, int seconds);
+    void Serve(pid_t pid, int seconds);
     bool Answer(int listener);
     bool Counts(const struct seccomp_notif& call) const;
 
