@@ -10,6 +10,7 @@
 
 #include "Misc/detail/owner.h"
 #include "Misc/unixproc.h"
+#include "svr4/signal.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: lockedfile.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -30,11 +31,11 @@ LockFile::~LockFile() { Cleanup(); }
 
 void LockFile::Cleanup()
 {
-    if (!FileLocked)
-        return;
-    FileLocked = 0; // before the file goes: a signal handler that comes now must not delete the next owner's lock
-    if (zeloo::IsOwner(owner))
+    // A handler that came between would leave the file, if it found the lock released, or delete the next owner's.
+    const svr4::SignalsHeld held(svr4::all_but_faults());
+    if (FileLocked && zeloo::IsOwner(owner))
         unlink(LockName);
+    FileLocked = 0;
 }
 
 // Gets the record lock on the lock file `fd` that guards it against being judged or filled in by two processes at a
@@ -45,15 +46,16 @@ void LockFile::TakeLock(int max_retries)
 {
     int tries = 0;
     for (int takes = 0; takes <= MostFailedTakes + tries; takes++) {
-        const int fd = open(LockName, O_RDWR | O_CREAT | O_EXCL, LockPermissions);
-        LockError = fd >= 0 ? 0 : errno;
-        if (fd >= 0) {
-            if (FillIn(fd))
-                return;
-        } else if (LockError != EEXIST) {
+        const Creation creation = Create();
+        if (creation == Owned)
+            return;
+        if (creation == Lost)
+            continue;
+        if (LockError != EEXIST) {
             ReportCreationError();
             return;
-        } else if (tries < max_retries) {
+        }
+        if (tries < max_retries) {
             tries++;
             sleep(1);
         } else if (!BreakStaleLock()) {
@@ -61,6 +63,17 @@ void LockFile::TakeLock(int max_retries)
         }
     }
     LockError = EAGAIN;
+}
+
+// Tries to create the lock file and to become its owner.
+LockFile::Creation LockFile::Create()
+{
+    const svr4::SignalsHeld held(svr4::all_but_faults()); // a handler that ends the process knows of the file
+    const int fd = open(LockName, O_RDWR | O_CREAT | O_EXCL, LockPermissions);
+    LockError = fd >= 0 ? 0 : errno;
+    if (fd < 0)
+        return Failed;
+    return FillIn(fd) ? Owned : Lost;
 }
 
 // Makes this process the owner of the new lock file `fd`, which it closes. False when that has another owner, or none,

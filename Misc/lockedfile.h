@@ -50,7 +50,10 @@ protected:
     int LockError;
 
 private:
+    enum Creation { Owned, Lost, Failed }; // of the lock file; lost to another process, or not made
+
     void TakeLock(int max_retries);
+    Creation Create();
     bool FillIn(int fd);
     void ReportCreationError() const;
     bool BreakStaleLock();

@@ -15,16 +15,6 @@ namespace svr4 {
 
 static const long StepNanoseconds = 2000000;
 
-static sigset_t AllButFaults()
-{
-    const int faults[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
-    sigset_t set;
-    sigfillset(&set);
-    for (const int fault : faults)
-        sigdelset(&set, fault);
-    return set;
-}
-
 static long long Now()
 {
     struct timespec now;
@@ -45,7 +35,7 @@ static bool TakeLock(int fd, int milliseconds)
     return true;
 }
 
-FileLock::FileLock(const char* path, int milliseconds) : held(AllButFaults()), fd(-1), isLocked(false)
+FileLock::FileLock(const char* path, int milliseconds) : held(all_but_faults()), fd(-1), isLocked(false)
 {
     const SavedErrno savedErrno;
     if (path != nullptr)

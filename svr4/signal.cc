@@ -1,5 +1,7 @@
 #include "svr4/signal.h"
 
+#include <initializer_list>
+
 #include "svr4/errno.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: signal.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -31,6 +33,15 @@ SavedSignal::~SavedSignal()
 {
     const SavedErrno savedErrno;
     sigaction(sig, &earlier, nullptr);
+}
+
+sigset_t all_but_faults()
+{
+    sigset_t set;
+    sigfillset(&set);
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
+        sigdelset(&set, fault);
+    return set;
 }
 
 static sigset_t AllSignals()

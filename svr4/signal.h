@@ -34,6 +34,9 @@ private:
     struct sigaction earlier;
 };
 
+/// All signals but those of faults, whose handlers must run at once, and SIGABRT.
+sigset_t all_but_faults();
+
 /// Holds signals back while it lives: no handler of theirs runs, and those that come meanwhile are delivered when it
 /// dies. What was held back before stays so. `errno` is kept by both.
 class SignalsHeld {
