@@ -60,7 +60,7 @@ static long Begin(Start& start, char* stack, size_t size)
     return FailWith(start.error);
 }
 
-long spawn(Newborn& child, std::size_t arguments)
+long spawn(Newborn& child, std::size_t arguments, long* pid)
 {
     const int earlierErrno = errno; // which the child shares
     const size_t size = StackSize + arguments * sizeof(char*);
@@ -69,16 +69,18 @@ long spawn(Newborn& child, std::size_t arguments)
         return -1;
     Start start = {child, {}, 0};
     sigprocmask(SIG_BLOCK, nullptr, &start.mask);
-    long pid;
+    long started;
     {
         const SignalsHeld held;
-        pid = Begin(start, static_cast<char*>(stack), size);
+        started = Begin(start, static_cast<char*>(stack), size);
+        if (pid != nullptr)
+            *pid = started;
     }
-    if (pid != -1)
+    if (started != -1)
         errno = earlierErrno;
     const SavedErrno result;
     munmap(stack, size);
-    return pid;
+    return started;
 }
 
 } // namespace svr4

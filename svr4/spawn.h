@@ -25,11 +25,12 @@ protected:
 /// another program or has ended, so that `child` may be on its stack. No handler of the parent ever runs in the child:
 /// signals have their default there, or are ignored, before any can reach it. `arguments` is the number of arguments of
 /// the program, for which execvp may need room. Returns the child's id, or -1 with `errno`; then there is no child, also
-/// when LeaveParent has failed. `errno` is kept on success.
+/// when LeaveParent has failed. `errno` is kept on success. The id is in `*pid`, where that is not null, before a handler of the parent can
+/// run, so that one that ends the process knows of the child.
 ///
 /// What stops the child before it is another program (SIGSTOP, a file system that does not answer) stops the parent too.
 /// Unlike fork(2) this runs none of the handlers set by pthread_atfork(3).
-long spawn(Newborn& child, std::size_t arguments);
+long spawn(Newborn& child, std::size_t arguments, long* pid = nullptr);
 
 } // namespace svr4
 

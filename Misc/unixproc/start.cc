@@ -125,12 +125,13 @@ CommandStart::CommandStart(const char* const* argv_p, const char* command, const
 {
 }
 
-long CommandStart::Run()
+bool CommandStart::Run(long* pid)
 {
     size_t arguments = 0;
     while (argv[arguments] != nullptr)
         arguments++;
-    return svr4::spawn(*this, arguments);
+    *pid = -1;
+    return svr4::spawn(*this, arguments, pid) != -1;
 }
 
 // Makes the end `to` of a pipe the standard output. Both may have its place already, where the parent has closed its own.

@@ -35,8 +35,8 @@ public:
     /// `argv` is the vector to execute, `command` its text for the report. `ends` is the pipe that takes the standard
     /// output, or null; without one the descriptors 3 to 59 are closed in the child.
     CommandStart(const char* const* argv, const char* command, const int* ends);
-    /// Returns the child's id, or -1 with `errno`.
-    long Run();
+    /// Puts the child's id, or -1, into `*pid`, before a handler can run. False with `errno` when there is no child.
+    bool Run(long* pid);
     /// Whether Run failed because the pipe could not be put into place.
     bool PipeFailed() const { return pipeFailed; }
 

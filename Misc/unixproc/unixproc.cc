@@ -184,8 +184,7 @@ void UnixProcess::init(const char** argv, short waitflg)
         svr4::signal(SIGCLD, SIG_DFL); // before the fork: the status of a child that ends at once must be kept
     }
 
-    mypid = zeloo::CommandStart(argv, mycmd, nullptr).Run();
-    if (mypid == -1) {
+    if (!zeloo::CommandStart(argv, mycmd, nullptr).Run(&mypid)) {
         exitstatus = NoStatus;
         sigcld.reset();
         zeloo::Report(*this, WARNING, FORK_FAILED, errno, ZELOO_HERE, "fork failed attempting: %s",
@@ -206,10 +205,10 @@ int UnixProcess::initp(const char** argv)
     }
 
     zeloo::CommandStart start(argv, mycmd, ends);
-    mypid = start.Run();
+    const bool isStarted = start.Run(&mypid);
     const svr4::SavedErrno startError;
     close(ends[1]);
-    if (mypid != -1)
+    if (isStarted)
         return ends[0];
 
     exitstatus = NoStatus;
