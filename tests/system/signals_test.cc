@@ -1,0 +1,158 @@
+// Signals at any instant: SIGTERM, SIGUSR1, SIGALRM and SIGCLD come at the system-call borders, and between the instructions,
+// of a scenario for each unit that blocks or has critical sections. SIGTERM ends it in the stated way and nothing is left;
+// with the others it gives what it gives without. ZELOO_INSTANTS=all takes every instant, a number so many of each.
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include "Misc/proginfo.h"
+#include "svr4/signal.h"
+#include "tests/system/signals_testing.h"
+
+using namespace testing_support;
+using namespace signals_testing;
+
+#if defined(__SANITIZE_ADDRESS__)
+// At an exit in the middle of anything there is nothing to be said about leaks, and the lock of the allocator may be held.
+extern "C" int __lsan_is_turned_off() { return 1; }
+#endif
+
+namespace {
+
+struct Kind {
+    const char* name;
+    int sig;
+};
+
+const Kind Kinds[] = {{"SIGTERM", SIGTERM}, {"SIGUSR1", SIGUSR1}, {"SIGALRM", SIGALRM}, {"SIGCLD", SIGCHLD}};
+
+// The instants of a form, at most.
+long MostInstants(long inShortForm)
+{
+    const char* asked = std::getenv("ZELOO_INSTANTS");
+    if (asked == nullptr)
+        return inShortForm;
+    return std::string(asked) == "all" ? LONG_MAX : std::atol(asked);
+}
+
+std::string NameOf(int sig)
+{
+    for (const Kind& kind : Kinds)
+        if (kind.sig == sig)
+            return kind.name;
+    return "no signal";
+}
+
+class SignalsAtAnyInstant : public testing::TestWithParam<Scenario> {
+protected:
+    void SetUp() override
+    {
+        if (!InSandbox())
+            GTEST_SKIP() << "needs namespaces";
+        static char program[] = "/opt/orv/bin/tester";
+        static char* arguments[] = {program, nullptr};
+        ProgInfo::Initialize(1, arguments, arguments + 1, "3.4");
+        MakeKeyFile("signals");
+        WriteFile("/etc/services", "orvd 4711/tcp\n");
+        if (scenario.partner)
+            partner = StartChild(scenario.partner);
+        reference = Run(0, SystemCalls, -1);
+        if (CouldNotBeFollowed(reference))
+            GTEST_SKIP() << "no way to follow a process here";
+        ASSERT_TRUE(EndedInOrder(reference)) << reference.err;
+        std::cout << reference.text << reference.state << reference.out << reference.err;
+    }
+    void TearDown() override
+    {
+        if (partner > 0)
+            EndChild(partner, SIGTERM);
+        partner = 0;
+        std::cout << "signals sent: " << sent << std::endl;
+    }
+
+    static bool CouldNotBeFollowed(const Outcome& outcome)
+    {
+        return WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == NotPossibleHere;
+    }
+    static bool EndedInOrder(const Outcome& outcome)
+    {
+        return !outcome.hung && WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == 0;
+    }
+
+    Outcome Run(int sig, Stops stops, long at, long every = 0)
+    {
+        const TemporaryDirectory directory;
+        const Outcome outcome = Follow(scenario, directory.Path(), sig, stops, at, every);
+        sent += outcome.wasSent;
+        left = sig == SIGTERM && scenario.leftovers ? scenario.leftovers(directory.Path()) : "";
+        return outcome;
+    }
+
+    // What is to be seen of a run that was sent `sig`, if it was.
+    void Expect(const Outcome& outcome, int sig)
+    {
+        EXPECT_TRUE(EndedInOrder(outcome)) << (outcome.hung ? "it hung" : "status ") << outcome.status << "\n"
+                                           << outcome.text << outcome.err;
+        if (sig == SIGTERM && outcome.wasSent) {
+            EXPECT_EQ(outcome.terminations, 1);
+            EXPECT_EQ(left, "");
+            EXPECT_LT(outcome.seconds, 9) << "an exit that was cut short";
+            return;
+        }
+        if (sig == SIGUSR1 && outcome.wasSent)
+            ExpectWholeDump(outcome.dump);
+        EXPECT_EQ(outcome.terminations, 0);
+        EXPECT_EQ(outcome.state, reference.state);
+        const bool isAsStated = outcome.wasSent && std::find(scenario.interrupted.begin(), scenario.interrupted.end(),
+                                                             outcome.text) != scenario.interrupted.end();
+        if (isAsStated)
+            return;
+        EXPECT_EQ(outcome.text, reference.text);
+        EXPECT_EQ(outcome.out, reference.out);
+        EXPECT_EQ(outcome.err, reference.err);
+    }
+
+    static void ExpectWholeDump(const std::string& dump)
+    {
+        const std::string last = "*** End Dump of all Monitored Objects ***\n";
+        EXPECT_EQ(dump.find("SIGNAL 10 caught...initiating dump...\nMonitored Objects: \n"), 0u) << dump;
+        EXPECT_TRUE(dump.size() > last.size() && dump.substr(dump.size() - last.size()) == last) << dump;
+        EXPECT_EQ(dump.find("left out"), std::string::npos) << dump;
+        EXPECT_NE(dump.find("\nthe witness\n"), std::string::npos) << dump;
+    }
+
+    void ExpectAtSystemCalls(int sig)
+    {
+        long most = MostInstants(24);
+        if (scenario.most != 0 && std::getenv("ZELOO_INSTANTS") == nullptr)
+            most = scenario.most;
+        const long count = std::min(most, reference.instants);
+        for (long i = 0; i < count && !HasFailure(); i++) {
+            const long at = (2 * i + 1) * reference.instants / (2 * count);
+            SCOPED_TRACE(NameOf(sig) + " at " + std::to_string(at) + " of " + std::to_string(reference.instants));
+            Expect(Run(sig, SystemCalls, at), sig);
+        }
+    }
+
+    const Scenario& scenario = GetParam();
+    pid_t partner = 0;
+    Outcome reference;
+    long sent = 0;
+    std::string left;
+};
+
+TEST_P(SignalsAtAnyInstant, SigtermEndsTheProgramAsStated) { ExpectAtSystemCalls(SIGTERM); }
+TEST_P(SignalsAtAnyInstant, Sigusr1DumpsAndChangesNothing) { ExpectAtSystemCalls(SIGUSR1); }
+TEST_P(SignalsAtAnyInstant, SigalrmSwitchesNoLimitOff) { ExpectAtSystemCalls(SIGALRM); }
+TEST_P(SignalsAtAnyInstant, SigcldChangesNothing) { ExpectAtSystemCalls(SIGCHLD); }
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, SignalsAtAnyInstant, testing::ValuesIn(Scenarios),
+                         [](const testing::TestParamInfo<Scenario>& each) { return each.param.name; });
+
+} // namespace

@@ -1,0 +1,62 @@
+// What the test of signals at any instant is made of: scenarios over the units that block or have critical sections, and a
+// driver that lets a signal come at one instant of a scenario.
+#ifndef TESTS_SYSTEM_SIGNALS_TESTING_H
+#define TESTS_SYSTEM_SIGNALS_TESTING_H
+
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tests/support/testing.h"
+
+namespace signals_testing {
+
+struct Scenario {
+    std::string name;
+    /// What is interrupted: uses the library in a process of its own and gives what came of it. Its files are in the
+    /// directory, which exists.
+    std::function<std::string(const std::string& directory)> run;
+    /// Another process that it talks to, as often as it is run, until SIGTERM; none if empty.
+    std::function<void()> partner;
+    /// What may come of it instead where a signal that is handled interrupts a call and the contract says so.
+    std::vector<std::string> interrupted;
+    /// What a process has left behind that SIGTERM ended; empty if nothing.
+    std::function<std::string(const std::string& directory)> leftovers;
+    /// The instants at most in the short form; 0 for as many as the others have.
+    int most = 0;
+    /// Whether it is so short that a signal can come between any two of its instructions.
+    bool isShort = false;
+};
+
+inline void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+
+extern const std::vector<Scenario> Scenarios;
+
+/// Which stops of a followed process are instants.
+enum Stops { SystemCalls, Instructions };
+
+/// What a run of a scenario gave.
+struct Outcome {
+    long instants = 0; // that the run had before it was over, or before the signal was sent
+    bool wasSent = false;
+    bool hung = false; // and was killed
+    int status = 0;    // that waitpid gave
+    int terminations = 0;
+    int handled = 0; // by a handler of the program's own
+    double seconds = 0;
+    std::string text;  // what came of the scenario
+    std::string state; // what the process had then: dispositions, mask, alarm, descriptors, monitored objects
+    std::string out;
+    std::string err;
+    std::string dump; // the dump-state file
+};
+
+/// Runs the scenario in a child that is followed, and sends it `sig` at the instant `at` (-1: never), after which it runs
+/// freely; or, with an `every` above 0, at each multiple of that. SIGCLD is sent by a child that ends, or plainly where it
+/// comes more than once. A run has 30 seconds.
+Outcome Follow(const Scenario& scenario, const std::string& directory, int sig, Stops stops, long at, long every = 0);
+
+} // namespace signals_testing
+
+#endif
