@@ -140,11 +140,32 @@ void ErrorReporter::_ReportError(short const sev, short const errorkind, char co
     _ReportErrorExt(sev, errorkind, description, moduleid, theLine, "");
 }
 
+// Writes to standard error, and goes on where a signal has interrupted that: else the rest of this text, and with a stream
+// that has failed all later reports, would be lost when one came while a slow reader was waited for.
+static void WriteWhole(const char* text, std::streamsize length)
+{
+    const std::ostream::sentry ready(std::cerr);
+    while (ready && length > 0) {
+        errno = 0;
+        const std::streamsize written = std::cerr.rdbuf()->sputn(text, length);
+        if (written < length && errno != EINTR) {
+            std::cerr.setstate(std::ios::badbit);
+            return;
+        }
+        text += written;
+        length -= written;
+    }
+}
+
+static void WriteWhole(const char* text) { WriteWhole(text, static_cast<std::streamsize>(strlen(text))); }
+
 [[noreturn]] static void Panic()
 {
-    std::cerr << "********************************************\n"
-              << "Fatal Error detected...Exiting " << ProgramName() << " program\n"
-              << "********************************************\n";
+    WriteWhole("********************************************\n"
+               "Fatal Error detected...Exiting ");
+    WriteWhole(ProgramName());
+    WriteWhole(" program\n"
+               "********************************************\n");
     abort();
 }
 
@@ -183,8 +204,8 @@ void ErrorReporter::Display() const
     char text[1024];
     int length =
         snprintf(text, sizeof text, "\nErrorReporter: %s  Total Error Count= %d\n  Program=", TimeStamp, ErrorCount);
-    std::cerr.write(text, length);
-    std::cerr << ProgramName();
+    WriteWhole(text, length);
+    WriteWhole(ProgramName());
 
     char code[200];
     if (ErrorCode != 0)
@@ -195,7 +216,7 @@ void ErrorReporter::Display() const
                       "\n  Severity Level=%s\n  Error Type= %s\n  Error Code= %s\n  Module= %s\n  Line= %ld\n"
                       "  Description= %s\n\n",
                       GetErrorSeverity(ReturnStatus), GetErrorType(ErrType), code, ModuleName, Line, Description);
-    std::cerr.write(text, length);
+    WriteWhole(text, length);
 }
 
 // One logged report: tag, type, version, cause, severity, level, node and processor number, bus type, bus and slot
