@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <new>
@@ -11,6 +12,7 @@
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,12 +26,12 @@ namespace signals_testing {
 
 namespace {
 
-const unsigned RunSeconds = 30;
+const unsigned RunSeconds = 60;
 
 // What the followed process tells its driver: a page that both see.
 struct Page {
     std::atomic<bool> isRunning{false}; // the scenario
-    std::atomic<bool> wasSent{false};   // the signal: said by the driver
+    std::atomic<long> sent{0};          // signals; told by the driver
     std::atomic<int> terminations{0};
     std::atomic<int> handled{0};
     std::atomic<pid_t> child{0}; // one that can end
@@ -103,7 +105,7 @@ void RunFollowed(const Scenario& scenario, const std::string& directory, int sig
     const std::string state = StateNow();
     std::strncpy(page->text, text.c_str(), sizeof page->text - 1);
     std::strncpy(page->state, state.c_str(), sizeof page->state - 1);
-    if (sig == SIGUSR1 && page->wasSent)
+    if (sig == SIGUSR1 && page->sent > 0)
         WaitUntil([&] { return IsWhole(ReadFile(dump)); }, RunSeconds);
     Handle(SIGCHLD, SIG_DFL);
     kill(page->child, SIGKILL);
@@ -167,20 +169,82 @@ int NextStatus(pid_t pid)
     return status;
 }
 
-int FollowToItsEnd(pid_t pid, int sig, Stops stops, long at, long every, Outcome* outcome)
+// Whether a process has a handler for a signal.
+bool Handles(pid_t pid, int sig)
 {
-    const auto request = stops == SystemCalls ? PTRACE_SYSCALL : PTRACE_SINGLESTEP;
-    const int stop = stops == SystemCalls ? SIGTRAP | 0x80 : SIGTRAP;
-    int status = NextStatus(pid);
-    if (!WIFSTOPPED(status))
-        return status;
-    ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
-    int pass = 0;
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    unsigned long caught = 0;
+    for (std::string word; in >> word;)
+        if (word == "SigCgt:")
+            in >> std::hex >> caught;
+    return (caught >> (sig - 1) & 1) != 0;
+}
+
+// The process that is followed, at its stops.
+class Follower {
+public:
+    Follower(pid_t process, Stops which) : pid(process), stops(which), status(NextStatus(pid))
+    {
+        if (!HasEnded())
+            ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    }
+    // Lets it go on to its next instant. Handlers have none, and run freely. False when it has ended.
+    bool Advance()
+    {
+        int pass = 0;
+        for (;;) {
+            ptrace(stops == SystemCalls || isInHandler ? PTRACE_SYSCALL : PTRACE_SINGLESTEP, pid, nullptr, pass);
+            status = NextStatus(pid);
+            if (HasEnded())
+                return false;
+            pass = 0;
+            const int sig = WSTOPSIG(status);
+            if (stops == Instructions && sig == (SIGTRAP | 0x80))
+                NoteReturn();
+            else if (sig == SIGTRAP || sig == (SIGTRAP | 0x80))
+                return true;
+            else
+                NoteSignal(pass = sig);
+        }
+    }
+    bool HasEnded() const { return !WIFSTOPPED(status); }
+    // Its status, when it has run freely to its end.
+    int End()
+    {
+        if (!HasEnded())
+            ptrace(PTRACE_DETACH, pid, nullptr, 0);
+        return HasEnded() ? status : NextStatus(pid);
+    }
+
+private:
+    void NoteSignal(int sig) { isInHandler = stops == Instructions && Handles(pid, sig); }
+    void NoteReturn()
+    {
+        struct {
+            uint8_t operation; // 1: it enters the system call
+            uint32_t architecture;
+            uint64_t instruction, stack, number, arguments[6];
+        } call = {};
+        ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof call, &call);
+        if (call.operation != 1 && isReturning)
+            isInHandler = isReturning = false;
+        else
+            isReturning = call.operation == 1 && call.number == SYS_rt_sigreturn;
+    }
+
+    const pid_t pid;
+    const Stops stops;
+    int status;
+    bool isInHandler = false;
+    bool isReturning = false;
+};
+
+// Sends the signals, and gives the status of the end.
+int SendAtInstants(pid_t pid, int sig, const Instants& instants, Outcome* outcome)
+{
+    Follower follower(pid, instants.stops);
     bool wasRunning = false;
-    while (ptrace(request, pid, nullptr, pass) == 0 && (status = NextStatus(pid), WIFSTOPPED(status))) {
-        pass = WSTOPSIG(status) == stop ? 0 : WSTOPSIG(status);
-        if (pass != 0)
-            continue;
+    while (!follower.HasEnded() && follower.Advance()) {
         const bool isRunning = page->isRunning;
         if (wasRunning && !isRunning)
             break;
@@ -188,22 +252,19 @@ int FollowToItsEnd(pid_t pid, int sig, Stops stops, long at, long every, Outcome
         if (!isRunning)
             continue;
         const long instant = outcome->instants++;
-        if (every > 0 ? instant % every == every - 1 : instant == at) {
-            Send(pid, sig, every > 0);
-            page->wasSent = true;
-            if (every == 0)
+        if (instants.every > 0 ? instant % instants.every == instants.every - 1 : instant == instants.at) {
+            Send(pid, sig, instants.every > 0);
+            page->sent++;
+            if (instants.every == 0)
                 break;
         }
     }
-    if (!WIFSTOPPED(status))
-        return status;
-    ptrace(PTRACE_DETACH, pid, nullptr, 0);
-    return NextStatus(pid);
+    return follower.End();
 }
 
 } // namespace
 
-Outcome Follow(const Scenario& scenario, const std::string& directory, int sig, Stops stops, long at, long every)
+Outcome Follow(const Scenario& scenario, const std::string& directory, int sig, const Instants& instants)
 {
     void* memory = mmap(nullptr, sizeof(Page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     page = new (memory) Page();
@@ -220,11 +281,11 @@ Outcome Follow(const Scenario& scenario, const std::string& directory, int sig, 
     });
     {
         const Bound bound(pid);
-        outcome.status = FollowToItsEnd(pid, sig, stops, at, every, &outcome);
+        outcome.status = SendAtInstants(pid, sig, instants, &outcome);
     }
     if (page->child > 0 && !HasEnded(page->child))
         kill(page->child, SIGKILL); // its parent has gone
-    outcome.wasSent = page->wasSent;
+    outcome.sent = page->sent;
     outcome.hung = isLate != 0;
     outcome.terminations = page->terminations;
     outcome.handled = page->handled;

@@ -22,6 +22,7 @@
 #include "examples/faultstore.h"
 #include "svr4/signal.h"
 #include "tests/support/raw_tcp_peer.h"
+#include "tests/system/failures_testing.h"
 #include "tests/system/signals_testing.h"
 
 using namespace testing_support;
@@ -409,7 +410,8 @@ static std::string Locks(const std::string& directory)
         text += Is(!second.Locked() && second.Error() == EAGAIN, "refused");
         lock.Cleanup();
         text += Is(access((directory + "/resource.lock").c_str(), F_OK) != 0, "released");
-        WriteFile(directory + "/resource.lock", "2l"); // a stale one
+        WriteFile(directory + "/stale", "2l");
+        rename((directory + "/stale").c_str(), (directory + "/resource.lock").c_str());
     }
     unlink((directory + "/resource.lock").c_str());
     return text;
@@ -441,6 +443,34 @@ static std::string Reports(const std::string& directory)
     }
     return std::to_string(CountOf(ReadFile(log), "  Description= a report\n")) + " reports, " +
            std::to_string(CountOf(ReadFile(log + ".old"), "  Description= a report\n")) + " old ones\n";
+}
+
+// To a standard error that takes them slowly, and a signal may interrupt the writing.
+static std::string PipedReports(const std::string&)
+{
+    int ends[2];
+    CHILD_CHECK(pipe2(ends, O_DIRECT) == 0 && fcntl(ends[0], F_SETPIPE_SZ, 4096) > 0); // holds one writing at a time
+    const pid_t reader = StartChild([&] {
+        close(ends[1]);
+        std::string all;
+        char block[4096];
+        for (ssize_t n; (n = read(ends[0], block, sizeof block)) > 0;) {
+            all.append(block, static_cast<size_t>(n));
+            usleep(500);
+        }
+        _exit(CountOf(all, "  Description= a report\n\n"));
+    });
+    close(ends[0]);
+    const int saved = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 100);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    const ErrorReporter reporter;
+    for (int i = 0; i < 12; i++)
+        reporter._ReportError(ErrorReporter::WARNING, ErrorReporter::OTHER, "a report", "$Id: mine.cc,v 1.1", 7);
+    const bool good = std::cerr.good();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    return std::to_string(WaitForExit(reader)) + " reports\n" + Is(good, "good");
 }
 
 static FaultRecord Record(long number, const char* text)
@@ -545,30 +575,55 @@ static std::string OneReport(const std::string&)
     return std::to_string(ErrorReporter::GetErrorCount()) + " errors\n";
 }
 
-const std::vector<Scenario> Scenarios = {
-    {"QueueServer", QueueServer, AskForEver, {}, {}},
-    {"QueueClient", QueueClient, ServeForEver, {}, {}},
-    {"QueueStart", QueueStart, {}, {}, {}},
-    {"OwnEvents", OwnEvents, {}, {}, {}},
-    {"SavedMail", SavedMail, {}, {}, LeftQueue},
-    {"FullQueue", FullQueue, TakeForEver, {}, {}},
-    {"ReceiveLimit", ReceiveLimit, {}, {}, {}, 3},
-    {"EventLoop", EventLoop, AskAndEndForEver, {}, {}},
-    {"ConnectionServer", ConnectionServer, ConnectForEver, {"interrupted\n"}, {}},
-    {"ConnectionClient", ConnectionClient, AcceptForEver, {"interrupted\n"}, {}},
-    {"Wait", Wait, {}, {"started\nstatus -1\n"}, {}},
-    {"Capture", CaptureChild, {}, {"status -1\noverdue\n", "status -1\nsome output\n"}, {}},
-    {"Limit", Limit, {}, {}, {}, 3},
-    {"Terminate", Terminate, {}, {}, LeftSleeper},
-    {"Commands", Commands, {}, {}, {}},
-    {"Locks", Locks, {}, {}, LeftLock},
-    {"LockWait", LockWait, {}, {}, {}, 2},
-    {"Reports", Reports, {}, {}, {}},
-    {"Store", Store, {}, {}, BrokenStore},
-    {"Alarms", Alarms, {}, {}, {}},
-    {"Objects", Objects, {}, {}, {}, 0, true},
-    {"LocalTimes", LocalTimes, {}, {}, {}, 0, true},
-    {"OneReport", OneReport, {}, {}, {}, 0, true},
-};
+// The scenarios of the injected failures that talk to nobody.
+static std::vector<Scenario> WithPlainOnes(std::vector<Scenario> scenarios)
+{
+    for (const failures_testing::Scenario& each : failures_testing::Scenarios)
+        for (const char* name :
+             {"Strings", "Buffers", "Streams", "Arrays", "FaultLists", "Templates", "Files", "States"})
+            if (std::strcmp(each.name, name) == 0)
+                scenarios.push_back({name,
+                                     [run = each.run](const std::string& directory) {
+                                         run(directory);
+                                         return std::string();
+                                     },
+                                     {},
+                                     {},
+                                     {},
+                                     0,
+                                     Scenario::StepsInLongForm});
+    return scenarios;
+}
+
+const std::vector<Scenario>& Scenarios()
+{
+    static const std::vector<Scenario> scenarios = WithPlainOnes({
+        {"QueueServer", QueueServer, AskForEver, {}, {}},
+        {"QueueClient", QueueClient, ServeForEver, {}, {}},
+        {"QueueStart", QueueStart, {}, {}, {}, 0, Scenario::StepsInLongForm},
+        {"OwnEvents", OwnEvents, {}, {}, {}, 0, Scenario::StepsInLongForm},
+        {"SavedMail", SavedMail, {}, {}, LeftQueue, 0, Scenario::StepsInLongForm},
+        {"FullQueue", FullQueue, TakeForEver, {}, {}},
+        {"ReceiveLimit", ReceiveLimit, {}, {}, {}, 3},
+        {"EventLoop", EventLoop, AskAndEndForEver, {}, {}},
+        {"ConnectionServer", ConnectionServer, ConnectForEver, {"interrupted\n"}, {}},
+        {"ConnectionClient", ConnectionClient, AcceptForEver, {"interrupted\n"}, {}},
+        {"Wait", Wait, {}, {"started\nstatus -1\n"}, {}},
+        {"Capture", CaptureChild, {}, {"status -1\noverdue\n", "status -1\nsome output\n"}, {}},
+        {"Limit", Limit, {}, {}, {}, 3},
+        {"Terminate", Terminate, {}, {}, LeftSleeper},
+        {"Commands", Commands, {}, {}, {}},
+        {"Locks", Locks, {}, {}, LeftLock, 0, Scenario::StepsInLongForm},
+        {"LockWait", LockWait, {}, {}, {}, 2},
+        {"Reports", Reports, {}, {}, {}},
+        {"PipedReports", PipedReports, {}, {}, {}},
+        {"Store", Store, {}, {}, BrokenStore},
+        {"Alarms", Alarms, {}, {}, {}, 0, Scenario::ShortSteps},
+        {"Objects", Objects, {}, {}, {}, 0, Scenario::ShortSteps},
+        {"LocalTimes", LocalTimes, {}, {}, {}, 0, Scenario::ShortSteps},
+        {"OneReport", OneReport, {}, {}, {}, 0, Scenario::ShortSteps},
+    });
+    return scenarios;
+}
 
 } // namespace signals_testing

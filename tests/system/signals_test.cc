@@ -41,6 +41,15 @@ long MostInstants(long inShortForm)
     return std::string(asked) == "all" ? LONG_MAX : std::atol(asked);
 }
 
+bool IsLongForm() { return std::getenv("ZELOO_INSTANTS") != nullptr; }
+
+long LinesOf(const char* file) { return CountOf(ReadFile(file), "\n"); }
+
+long KernelObjects()
+{
+    return LinesOf("/proc/sysvipc/msg") + LinesOf("/proc/sysvipc/sem") + LinesOf("/proc/sysvipc/shm");
+}
+
 std::string NameOf(int sig)
 {
     for (const Kind& kind : Kinds)
@@ -62,7 +71,8 @@ protected:
         WriteFile("/etc/services", "orvd 4711/tcp\n");
         if (scenario.partner)
             partner = StartChild(scenario.partner);
-        reference = Run(0, SystemCalls, -1);
+        reference = Run(0, {SystemCalls, -1});
+        kernelObjects = KernelObjects();
         if (CouldNotBeFollowed(reference))
             GTEST_SKIP() << "no way to follow a process here";
         ASSERT_TRUE(EndedInOrder(reference)) << reference.err;
@@ -85,11 +95,11 @@ protected:
         return !outcome.hung && WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == 0;
     }
 
-    Outcome Run(int sig, Stops stops, long at, long every = 0)
+    Outcome Run(int sig, const Instants& instants)
     {
         const TemporaryDirectory directory;
-        const Outcome outcome = Follow(scenario, directory.Path(), sig, stops, at, every);
-        sent += outcome.wasSent;
+        const Outcome outcome = Follow(scenario, directory.Path(), sig, instants);
+        sent += outcome.sent;
         left = sig == SIGTERM && scenario.leftovers ? scenario.leftovers(directory.Path()) : "";
         return outcome;
     }
@@ -99,18 +109,19 @@ protected:
     {
         EXPECT_TRUE(EndedInOrder(outcome)) << (outcome.hung ? "it hung" : "status ") << outcome.status << "\n"
                                            << outcome.text << outcome.err;
-        if (sig == SIGTERM && outcome.wasSent) {
+        if (sig == SIGTERM && outcome.sent > 0) {
             EXPECT_EQ(outcome.terminations, 1);
             EXPECT_EQ(left, "");
+            EXPECT_TRUE(WaitUntil([this] { return KernelObjects() == kernelObjects; }, 5)) << KernelObjects();
             EXPECT_LT(outcome.seconds, 9) << "an exit that was cut short";
             return;
         }
-        if (sig == SIGUSR1 && outcome.wasSent)
+        if (sig == SIGUSR1 && outcome.sent > 0)
             ExpectWholeDump(outcome.dump);
         EXPECT_EQ(outcome.terminations, 0);
         EXPECT_EQ(outcome.state, reference.state);
-        const bool isAsStated = outcome.wasSent && std::find(scenario.interrupted.begin(), scenario.interrupted.end(),
-                                                             outcome.text) != scenario.interrupted.end();
+        const bool isAsStated = outcome.sent > 0 && std::find(scenario.interrupted.begin(), scenario.interrupted.end(),
+                                                              outcome.text) != scenario.interrupted.end();
         if (isAsStated)
             return;
         EXPECT_EQ(outcome.text, reference.text);
@@ -136,13 +147,35 @@ protected:
         for (long i = 0; i < count && !HasFailure(); i++) {
             const long at = (2 * i + 1) * reference.instants / (2 * count);
             SCOPED_TRACE(NameOf(sig) + " at " + std::to_string(at) + " of " + std::to_string(reference.instants));
-            Expect(Run(sig, SystemCalls, at), sig);
+            Expect(Run(sig, {SystemCalls, at}), sig);
+        }
+    }
+
+    // The critical sections that make no system calls. What the program survives comes many times in a run.
+    void ExpectBetweenInstructions()
+    {
+        if (scenario.steps == Scenario::NoSteps || (scenario.steps == Scenario::StepsInLongForm && !IsLongForm()))
+            GTEST_SKIP() << "too long for single steps";
+        const Outcome counted = Run(0, {Instructions, -1});
+        Expect(counted, 0);
+        std::cout << "instructions: " << counted.instants << std::endl;
+        for (const Kind& kind : Kinds) {
+            SCOPED_TRACE(kind.name);
+            const long count = std::min(MostInstants(kind.sig == SIGTERM ? 4 : 50), counted.instants);
+            if (kind.sig != SIGTERM)
+                Expect(Run(kind.sig, {Instructions, -1, counted.instants / count}), kind.sig);
+            for (long i = 0; kind.sig == SIGTERM && i < std::min(count, 300L) && !HasFailure(); i++) {
+                const long at = (2 * i + 1) * counted.instants / (2 * count);
+                SCOPED_TRACE("instruction " + std::to_string(at) + " of " + std::to_string(counted.instants));
+                Expect(Run(SIGTERM, {Instructions, at}), SIGTERM);
+            }
         }
     }
 
     const Scenario& scenario = GetParam();
     pid_t partner = 0;
     Outcome reference;
+    long kernelObjects = 0;
     long sent = 0;
     std::string left;
 };
@@ -152,7 +185,9 @@ TEST_P(SignalsAtAnyInstant, Sigusr1DumpsAndChangesNothing) { ExpectAtSystemCalls
 TEST_P(SignalsAtAnyInstant, SigalrmSwitchesNoLimitOff) { ExpectAtSystemCalls(SIGALRM); }
 TEST_P(SignalsAtAnyInstant, SigcldChangesNothing) { ExpectAtSystemCalls(SIGCHLD); }
 
-INSTANTIATE_TEST_SUITE_P(Scenarios, SignalsAtAnyInstant, testing::ValuesIn(Scenarios),
+TEST_P(SignalsAtAnyInstant, BetweenInstructions) { ExpectBetweenInstructions(); }
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, SignalsAtAnyInstant, testing::ValuesIn(Scenarios()),
                          [](const testing::TestParamInfo<Scenario>& each) { return each.param.name; });
 
 } // namespace

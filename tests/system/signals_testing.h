@@ -25,21 +25,28 @@ struct Scenario {
     std::function<std::string(const std::string& directory)> leftovers;
     /// The instants at most in the short form; 0 for as many as the others have.
     int most = 0;
-    /// Whether it is so short that a signal can come between any two of its instructions.
-    bool isShort = false;
+    /// Whether signals come between its instructions too: never, in the long form, or always.
+    enum Steps { NoSteps, StepsInLongForm, ShortSteps } steps = NoSteps;
 };
 
 inline void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
 
-extern const std::vector<Scenario> Scenarios;
+const std::vector<Scenario>& Scenarios();
 
 /// Which stops of a followed process are instants.
 enum Stops { SystemCalls, Instructions };
 
+/// Where signals are sent.
+struct Instants {
+    Stops stops;
+    long at;        // the number of the one instant; -1: none. The process runs freely after it.
+    long every = 0; // or each multiple of this
+};
+
 /// What a run of a scenario gave.
 struct Outcome {
-    long instants = 0; // that the run had before it was over, or before the signal was sent
-    bool wasSent = false;
+    long instants = 0; // that the run had before it was over, or before the one signal was sent
+    long sent = 0;     // signals
     bool hung = false; // and was killed
     int status = 0;    // that waitpid gave
     int terminations = 0;
@@ -52,10 +59,9 @@ struct Outcome {
     std::string dump; // the dump-state file
 };
 
-/// Runs the scenario in a child that is followed, and sends it `sig` at the instant `at` (-1: never), after which it runs
-/// freely; or, with an `every` above 0, at each multiple of that. SIGCLD is sent by a child that ends, or plainly where it
-/// comes more than once. A run has 30 seconds.
-Outcome Follow(const Scenario& scenario, const std::string& directory, int sig, Stops stops, long at, long every = 0);
+/// Runs the scenario in a child that is followed, and sends it `sig` there. SIGCLD is sent by a child that ends, or plainly
+/// where it comes more than once. A run has 60 seconds.
+Outcome Follow(const Scenario& scenario, const std::string& directory, int sig, const Instants& instants);
 
 } // namespace signals_testing
 
