@@ -77,9 +77,18 @@ static void AskForEver()
     }
 }
 
+static bool HasServer()
+{
+    return WaitUntil([] {
+        long pid;
+        return connect_to_queue(Server, 0, &pid, -1) >= 0;
+    });
+}
+
 static std::string QueueClient(const std::string&)
 {
-    IPCQClient client(1, Server, 10);
+    CHILD_CHECK(HasServer());
+    IPCQClient client(1, Server);
     const std::string data(SeveralBlocks, 'q');
     std::ostringstream text;
     text << Is(client.Connected(), "connected");
@@ -170,10 +179,11 @@ static const long Channel = 2000000000;
 
 static std::string FullQueue(const std::string&)
 {
+    CHILD_CHECK(HasServer());
     long pid = 0;
-    const int queue = connect_to_queue(Server, 10, &pid, -1);
+    const int queue = connect_to_queue(Server, 0, &pid, -1);
     short worst = 0;
-    for (int i = 0; i < 40; i++) {
+    for (int i = 0; i < 25; i++) {
         IPCQMessage message;
         std::memset(static_cast<void*>(&message), 0, sizeof message);
         message.senders_pid = getpid();
@@ -600,28 +610,28 @@ const std::vector<Scenario>& Scenarios()
     static const std::vector<Scenario> scenarios = WithPlainOnes({
         {"QueueServer", QueueServer, AskForEver, {}, {}},
         {"QueueClient", QueueClient, ServeForEver, {}, {}},
-        {"QueueStart", QueueStart, {}, {}, {}, 0, Scenario::StepsInLongForm},
-        {"OwnEvents", OwnEvents, {}, {}, {}, 0, Scenario::StepsInLongForm},
-        {"SavedMail", SavedMail, {}, {}, LeftQueue, 0, Scenario::StepsInLongForm},
+        {"QueueStart", QueueStart, {}, {}, {}, 0, false, Scenario::StepsInLongForm},
+        {"OwnEvents", OwnEvents, {}, {}, {}, 0, false, Scenario::StepsInLongForm},
+        {"SavedMail", SavedMail, {}, {}, LeftQueue, 0, false, Scenario::StepsInLongForm},
         {"FullQueue", FullQueue, TakeForEver, {}, {}},
-        {"ReceiveLimit", ReceiveLimit, {}, {}, {}, 3},
+        {"ReceiveLimit", ReceiveLimit, {}, {}, {}, 1, true},
         {"EventLoop", EventLoop, AskAndEndForEver, {}, {}},
         {"ConnectionServer", ConnectionServer, ConnectForEver, {"interrupted\n"}, {}},
         {"ConnectionClient", ConnectionClient, AcceptForEver, {"interrupted\n"}, {}},
         {"Wait", Wait, {}, {"started\nstatus -1\n"}, {}},
         {"Capture", CaptureChild, {}, {"status -1\noverdue\n", "status -1\nsome output\n"}, {}},
-        {"Limit", Limit, {}, {}, {}, 3},
+        {"Limit", Limit, {}, {}, {}, 1, true},
         {"Terminate", Terminate, {}, {}, LeftSleeper},
         {"Commands", Commands, {}, {}, {}},
-        {"Locks", Locks, {}, {}, LeftLock, 0, Scenario::StepsInLongForm},
-        {"LockWait", LockWait, {}, {}, {}, 2},
+        {"Locks", Locks, {}, {}, LeftLock, 0, false, Scenario::StepsInLongForm},
+        {"LockWait", LockWait, {}, {}, {}, 1, true},
         {"Reports", Reports, {}, {}, {}},
-        {"PipedReports", PipedReports, {}, {}, {}},
-        {"Store", Store, {}, {}, BrokenStore},
-        {"Alarms", Alarms, {}, {}, {}, 0, Scenario::ShortSteps},
-        {"Objects", Objects, {}, {}, {}, 0, Scenario::ShortSteps},
-        {"LocalTimes", LocalTimes, {}, {}, {}, 0, Scenario::ShortSteps},
-        {"OneReport", OneReport, {}, {}, {}, 0, Scenario::ShortSteps},
+        {"PipedReports", PipedReports, {}, {}, {}, 12},
+        {"Store", Store, {}, {}, BrokenStore, 12},
+        {"Alarms", Alarms, {}, {}, {}, 5, false, Scenario::ShortSteps},
+        {"Objects", Objects, {}, {}, {}, 0, false, Scenario::ShortSteps},
+        {"LocalTimes", LocalTimes, {}, {}, {}, 0, false, Scenario::ShortSteps},
+        {"OneReport", OneReport, {}, {}, {}, 0, false, Scenario::ShortSteps},
     });
     return scenarios;
 }

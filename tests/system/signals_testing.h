@@ -25,6 +25,8 @@ struct Scenario {
     std::function<std::string(const std::string& directory)> leftovers;
     /// The instants at most in the short form; 0 for as many as the others have.
     int most = 0;
+    /// Whether a run takes seconds: the short form has SIGALRM alone.
+    bool isSlow = false;
     /// Whether signals come between its instructions too: never, in the long form, or always.
     enum Steps { NoSteps, StepsInLongForm, ShortSteps } steps = NoSteps;
 };
@@ -50,7 +52,6 @@ struct Outcome {
     bool hung = false; // and was killed
     int status = 0;    // that waitpid gave
     int terminations = 0;
-    int handled = 0; // by a handler of the program's own
     double seconds = 0;
     std::string text;  // what came of the scenario
     std::string state; // what the process had then: dispositions, mask, alarm, descriptors, monitored objects
