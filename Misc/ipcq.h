@@ -275,6 +275,8 @@ private:
                                          short& ResponseRqd, short& AckRqd);
     // Puts back on the queue what was kept for others, for whose room it waits a second at most.
     ZELOO_LOCAL void GiveBackOthersMail();
+    // For a handler that ends the process: drops the own mail, and puts back what was kept for others.
+    ZELOO_LOCAL void LeaveQueue();
     ZELOO_LOCAL short ReceiveEvent(short& REvent, long MessageSenderPID, short TimeOutEvent, Buffer& Data,
                                    short& EventStatus, short& ResponseRqd, short& AckRqd);
     short SendInternal(const char* FromProg, const char* FromNode, short Object, short event, const void* ptr, long len,
@@ -299,7 +301,7 @@ public:
     ~IPCQServer() override;
     short is_a_server() override { return 1; }
     void dumpOn(std::ostream& out) const override;
-    /// Shutdown.
+    /// Unregisters the server as Shutdown does. The events of this process to itself stay.
     void SigTermProc(int sig) override;
 
     /// Whether the server has a queue: 0 when another live process serves that name.
@@ -343,7 +345,7 @@ public:
     ~IPCQClient() override;
     short is_a_server() override { return 0; }
     void dumpOn(std::ostream& out) const override;
-    /// Shutdown.
+    /// Takes the client's mail off the queue and drops it.
     void SigTermProc(int sig) override;
 
     /// Whether the client has a queue: until a send fails.

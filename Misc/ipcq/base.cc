@@ -235,6 +235,13 @@ void IPCQBase::GiveBackOthersMail()
         mail->GiveAllBack();
 }
 
+// For a handler that ends the process.
+void IPCQBase::LeaveQueue()
+{
+    if (mail != nullptr && MyQueueID >= 0 && zeloo::IsOwner(MyPID))
+        mail->Leave();
+}
+
 void DrainIPCMessages(int ORVM_msqid, long FromChannel, IPCQMsgSafeArray& MsgArray)
 {
     zeloo::SaveMail(ORVM_msqid, FromChannel, MsgArray, zeloo::MostSaved);

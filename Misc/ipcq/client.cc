@@ -33,7 +33,7 @@ void IPCQClient::dumpOn(std::ostream& out) const
     out << "IPCQClient Object End\n";
 }
 
-void IPCQClient::SigTermProc(int) { Shutdown(); }
+void IPCQClient::SigTermProc(int) { LeaveQueue(); }
 
 short IPCQClient::SendToServer(short event, const void* ptr, long len, short response, short ack)
 {

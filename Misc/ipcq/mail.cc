@@ -11,6 +11,7 @@
 #include "svr4/briefwait.h"
 #include "svr4/errno.h"
 #include "svr4/process.h"
+#include "svr4/signal.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ipcq.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -92,10 +93,12 @@ void Correspondents::ForgetFinished()
 
 // ---- Own mail ----
 
+// Whether what comes for this process is for a server in it.
+bool Mail::IsServersMail() const { return !object.is_a_server() && object.MyPID == object.ServerPID; }
+
 void Mail::Save(unsigned most)
 {
-    const bool serversMail = !object.is_a_server() && object.MyPID == object.ServerPID;
-    if (object.MyQueueID >= 0 && !serversMail)
+    if (object.MyQueueID >= 0 && !IsServersMail())
         SaveMail(object.MyQueueID, object.MyPID, object.MsgArray, most);
 }
 
@@ -160,6 +163,7 @@ bool Mail::Keep(const IPCQMessage& message)
     if (holder == nullptr)
         return false;
     holder->msg = message;
+    const svr4::SignalsHeld held(svr4::all_but_faults()); // a handler reads the array
     aside.AddItem(holder);
     return true;
 }
@@ -185,13 +189,20 @@ void Mail::GiveBack()
             i++;
             continue;
         }
-        svr4::MessageArea<IPCQMessage> area;
-        area.record = kept;
-        if (process_exists(wire::Addressee(kept.mtype, kept.senders_pid)) &&
-            PutMessage(object.MyQueueID, &area.record, IPC_NOWAIT) == EAGAIN)
+        const svr4::SignalsHeld held(svr4::all_but_faults()); // one in between would let Leave give it once more
+        if (!GivesBack(kept))
             return;
         aside.RemoveAt(i);
     }
+}
+
+// Puts a kept record on the queue, or drops it when its addressee has gone. False when there is no room for it.
+bool Mail::GivesBack(const IPCQMessage& kept) const
+{
+    svr4::MessageArea<IPCQMessage> area;
+    area.record = kept;
+    return !process_exists(wire::Addressee(kept.mtype, kept.senders_pid)) ||
+           PutMessage(object.MyQueueID, &area.record, IPC_NOWAIT) != EAGAIN;
 }
 
 void Mail::EndTransfer()
@@ -210,6 +221,16 @@ void Mail::GiveAllBack()
         nanosleep(&Moment, nullptr);
         GiveBack();
     }
+}
+
+void Mail::Leave()
+{
+    if (!IsServersMail())
+        DiscardMessages(object.MyQueueID, object.MyPID);
+    int moment = 0;
+    for (unsigned i = 0; i < aside.Quantity(); i++)
+        while (!StaysAway(aside[i]->msg) && !GivesBack(aside[i]->msg) && moment++ < MostMoments)
+            nanosleep(&Moment, nullptr);
 }
 
 // ---- What nobody reads any more ----

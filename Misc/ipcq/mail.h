@@ -117,6 +117,10 @@ public:
     /// The same, waiting a second for room.
     void GiveAllBack();
 
+    /// For a handler that ends the process: drops the own mail that waits, and puts back what is kept for others as
+    /// GiveAllBack does. Leaves the memory alone, which the interrupted code may be changing.
+    void Leave();
+
     // ---- What nobody reads any more ----
 
     /// Drops every record of a transfer between two processes, one of them this.
@@ -136,6 +140,8 @@ public:
     bool HasToTend() const { return aside.Quantity() > 0 || correspondents.Quantity() > 0; }
 
 private:
+    bool IsServersMail() const;
+    bool GivesBack(const IPCQMessage& kept) const;
     const IPCQMessage* NextEarly(long partner) const;
     bool AwaitsEarlyBlocks(long sender) const;
     bool IsReadEarly(long channel) const;

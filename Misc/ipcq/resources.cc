@@ -14,6 +14,7 @@
 #include "Misc/ipcq/resources.h"
 #include "Misc/unixproc.h"
 #include "Misc/wire/blocks.h"
+#include "svr4/signal.h"
 
 using zeloo::Report;
 
@@ -336,7 +337,8 @@ void delete_semaphore(int semid)
 
 void delete_q_and_semaphore(int msqid)
 {
-    const int semid = get_semid_from_msqid(msqid); // by the queue's key: to be asked while there is a queue
+    const svr4::SignalsHeld held(svr4::all_but_faults()); // one that ended the process half way would leave the set
+    const int semid = get_semid_from_msqid(msqid);        // by the queue's key: to be asked while there is a queue
     DeleteQueue(msqid);
     if (semid >= 0)
         delete_semaphore(semid);

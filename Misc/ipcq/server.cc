@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <utility>
 
 #include "Misc/Error/report.h"
 #include "Misc/detail/owner.h"
@@ -76,7 +77,16 @@ static void GiveUpQueue(int* queue, const char* name, long pid, short debugLevel
     delete_q_and_semaphore(msqid);
 }
 
-void IPCQServer::SigTermProc(int) { Shutdown(); }
+static void Leave(int* queue, const char* name, long maker, long pid, short debugLevel)
+{
+    if (!zeloo::IsOwner(maker))
+        *queue = -1;
+    else if (*queue >= 0)
+        GiveUpQueue(queue, name, pid, debugLevel);
+}
+
+// No memory is given back: the interrupted code may be in the middle of the heap, or have begun to free the same.
+void IPCQServer::SigTermProc(int) { Leave(&MyQueueID, ServerName, MyPID, ServerPID, debug()); }
 
 short IPCQServer::receive_event(short& REvent, Buffer& Data, short& ResponseRqd, short& AckRqd)
 {
@@ -106,12 +116,7 @@ short IPCQServer::send_response(short event, short Status, const void* ptr, long
 
 void IPCQServer::Shutdown()
 {
-    if (!zeloo::IsOwner(MyPID)) {
-        MyQueueID = -1;
-        return;
-    }
-    if (Created())
-        GiveUpQueue(&MyQueueID, ServerName, ServerPID, debug());
-    delete InternalQMsgsPtr;
-    InternalQMsgsPtr = nullptr;
+    Leave(&MyQueueID, ServerName, MyPID, ServerPID, debug());
+    if (zeloo::IsOwner(MyPID))
+        delete std::exchange(InternalQMsgsPtr, nullptr);
 }
