@@ -102,6 +102,27 @@ static std::string QueueClient(const std::string&)
     return text.str();
 }
 
+// Answers that wait on the queue while the client is at other things.
+static std::string UnreadAnswers(const std::string&)
+{
+    CHILD_CHECK(HasServer());
+    IPCQClient client(1, Server);
+    std::string text;
+    for (int i = 0; i < 3; i++)
+        text += "sent " + std::to_string(client.send_event_with_response(Ask, "question", 8)) + "\n";
+    CString pieces;
+    for (int i = 0; i < 20; i++)
+        pieces += CString("a piece of text ");
+    text += "length " + std::to_string(pieces.strlen()) + "\n";
+    for (int i = 0; i < 3; i++) {
+        short event;
+        Buffer answer;
+        const short status = client.receive_response(event, answer);
+        text += "status " + std::to_string(status) + " " + Bytes(answer) + "\n";
+    }
+    return text;
+}
+
 static void ServeForEver()
 {
     IPCQServer server(Server);
@@ -610,6 +631,7 @@ const std::vector<Scenario>& Scenarios()
     static const std::vector<Scenario> scenarios = WithPlainOnes({
         {"QueueServer", QueueServer, AskForEver, {}, {}},
         {"QueueClient", QueueClient, ServeForEver, {}, {}},
+        {"UnreadAnswers", UnreadAnswers, ServeForEver, {}, {}, 0, false, Scenario::StepsInLongForm},
         {"QueueStart", QueueStart, {}, {}, {}, 0, false, Scenario::StepsInLongForm},
         {"OwnEvents", OwnEvents, {}, {}, {}, 0, false, Scenario::StepsInLongForm},
         {"SavedMail", SavedMail, {}, {}, LeftQueue, 0, false, Scenario::StepsInLongForm},
