@@ -42,7 +42,18 @@ int zeloo::HandleAlone(int sig, void (*handler)(int), int flags, struct sigactio
     return sigaction(sig, &action, earlier);
 }
 
-// An object's SigTermProc, or exit, has come to wait for what the interrupted code holds.
+void zeloo::LetFaultsEnd(void (*handler)(int))
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int sig : FaultSignals) {
+        HandleAlone(sig, handler, SA_ONSTACK);
+        sigaddset(&set, sig);
+    }
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+// An object's SigTermProc, or exit, has come to wait for what the interrupted code holds, or exit has found it half changed.
 static void EndAtOnce(int) { _exit(0); }
 
 static void Terminate(int sig)
@@ -54,6 +65,8 @@ static void Terminate(int sig)
     svr4::set_last_deadline(zeloo::EndingTime + 2000);
     zeloo::Objects::TakeOver();
     zeloo::Objects::ForEach(&MonitoredObject::SigTermProc, sig);
+    zeloo::KeepHandlers();
+    zeloo::LetFaultsEnd(EndAtOnce); // the heap may be in pieces just now, and what exit calls gives memory back
     exit(0);
 }
 

@@ -23,6 +23,9 @@ sigset_t RequestSignals();
 /// What a process may not get through by itself, and so may stop a dump or a capture: SIGSEGV, SIGBUS and their kind.
 constexpr int FaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
 
+/// Makes a fault run `handler` from now on, for good, whatever holds it back.
+void LetFaultsEnd(void (*handler)(int));
+
 /// The time for SigTermProc and SigRestartProc of all objects together and, on SIGTERM, for exit, in milliseconds.
 constexpr long EndingTime = 10000;
 

@@ -80,16 +80,13 @@ Page* writersPage;
 }
 
 // Makes a fault, or the watcher's signal for one that hangs, end the writer.
-void LetFaultsEnd(void (*handler)(int))
+void LetFaultsAndTheWatcherEnd(void (*handler)(int))
 {
+    LetFaultsEnd(handler);
     sigset_t set;
     sigemptyset(&set);
-    for (const int sig : FaultSignals) {
-        HandleAlone(sig, handler, SA_ONSTACK);
-        sigaddset(&set, sig);
-    }
-    HandleAlone(svr4::deadline_signal(), handler, SA_ONSTACK);
     sigaddset(&set, svr4::deadline_signal());
+    HandleAlone(svr4::deadline_signal(), handler, SA_ONSTACK);
     sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
@@ -99,7 +96,7 @@ void LetFaultsEnd(void (*handler)(int))
     writersPage = page;
     SignalFile& file = DumpFile();
     file.Attach(fd, CaptureBytes() - std::min(CaptureBytes(), page->bytes.load()), LeaveWriterTooLong);
-    LetFaultsEnd(LeaveWriter);
+    LetFaultsAndTheWatcherEnd(LeaveWriter);
     bool any = true;
     if (from < 0)
         any = Objects::DumpHeading(file);

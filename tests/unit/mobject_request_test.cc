@@ -251,4 +251,20 @@ TEST(Termination, AnExitThatWaitsForWhatWasInterruptedIsCutShort)
     EXPECT_EQ(result.err, "SigTermProc(" + std::to_string(SIGTERM) + ") of one\n");
 }
 
+// As free does where the signal has come in the middle of it.
+TEST(Termination, AnExitThatFailsInWhatWasInterruptedIsCutShort)
+{
+    for (void (*fail)() : {+[] { abort(); }, +[] { raise(SIGSEGV); }}) {
+        static void (*atTheEnd)();
+        atTheEnd = fail;
+        const ChildResult result = RunInChild([] {
+            Probe one("one");
+            atexit([] { atTheEnd(); });
+            raise(SIGTERM);
+        });
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(result.err, "SigTermProc(" + std::to_string(SIGTERM) + ") of one\n");
+    }
+}
+
 } // namespace
