@@ -96,7 +96,7 @@ protected:
     Outcome Run(int sig, const Instants& instants)
     {
         const TemporaryDirectory directory;
-        const Outcome outcome = Follow(scenario, directory.Path(), sig, instants);
+        Outcome outcome = Follow(scenario, directory.Path(), sig, instants);
         sent += outcome.sent;
         left = sig == SIGTERM && scenario.leftovers ? scenario.leftovers(directory.Path()) : "";
         return outcome;
@@ -197,7 +197,7 @@ TEST_P(SignalsAtAnyInstant, DoSoBetweenInstructions)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Scenarios, SignalsAtAnyInstant, testing::ValuesIn(Scenarios()),
+INSTANTIATE_TEST_SUITE_P(Scenarios, SignalsAtAnyInstant, testing::ValuesIn(AllScenarios()),
                          [](const testing::TestParamInfo<Scenario>& each) { return each.param.name; });
 
 } // namespace

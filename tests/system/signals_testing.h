@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Misc/buffer.h"
 #include "tests/support/testing.h"
 
 namespace signals_testing {
@@ -33,7 +34,17 @@ struct Scenario {
 
 inline void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
 
-const std::vector<Scenario>& Scenarios();
+std::vector<Scenario> AllScenarios();
+/// Those of queues, events and connections.
+std::vector<Scenario> MessageScenarios();
+
+/// What scenarios tell: the bytes of a buffer, and whether something is so.
+inline std::string Bytes(const Buffer& buffer)
+{
+    return buffer.Size() == 0 ? ""
+                              : std::string(static_cast<const char*>(static_cast<const void*>(buffer)), buffer.Size());
+}
+inline std::string Is(bool condition, const char* what) { return std::string(condition ? "" : "not ") + what + "\n"; }
 
 /// Which stops of a followed process are instants.
 enum Stops { SystemCalls, Instructions };
