@@ -290,7 +290,7 @@ static std::vector<Scenario> HostScenarios()
         {"Reports", Reports, {}, {}, {}},
         {"PipedReports", PipedReports, {}, {}, {}, 12},
         {"Store", Store, {}, {}, BrokenStore, 12},
-        {"Alarms", Alarms, {}, {}, {}, 5, false, Scenario::ShortSteps},
+        {"Alarms", Alarms, {}, {}, {}, 3, false, Scenario::ShortSteps},
         {"Objects", Objects, {}, {}, {}, 0, false, Scenario::ShortSteps},
         {"LocalTimes", LocalTimes, {}, {}, {}, 0, false, Scenario::ShortSteps},
         {"OneReport", OneReport, {}, {}, {}, 0, false, Scenario::ShortSteps},

@@ -37,6 +37,14 @@ const Kind Kinds[] = {{"SIGTERM", SIGTERM}, {"SIGUSR1", SIGUSR1}, {"SIGALRM", SI
 const long MostTerminations = 300;
 const long MostDumps = 3000;
 
+#if defined(__SANITIZE_ADDRESS__) // which makes all of it many times slower
+const long MostInShortForm = 8;
+const bool StepsInShortForm = false;
+#else
+const long MostInShortForm = 16;
+const bool StepsInShortForm = true;
+#endif
+
 const long MostOfSlow = 10; // instants of a scenario that takes seconds
 
 // The instants of a form, at most.
@@ -142,7 +150,7 @@ protected:
     void ExpectAtSystemCalls(int sig)
     {
         const long most = scenario.isSlow ? MostOfSlow : reference.instants;
-        const long count = std::min(MostInstants(scenario.most != 0 ? scenario.most : 24), most);
+        const long count = std::min(MostInstants(scenario.most != 0 ? scenario.most : MostInShortForm), most);
         for (long i = 0; i < count && !HasFailure(); i++) {
             const long at = (2 * i + 1) * reference.instants / (2 * count);
             SCOPED_TRACE("system call border " + std::to_string(at) + " of " + std::to_string(reference.instants));
@@ -152,7 +160,7 @@ protected:
 
     void ExpectBetweenInstructions(int sig, long instructions)
     {
-        long count = std::min(MostInstants(sig == SIGTERM ? 4 : 50), instructions);
+        long count = std::min(MostInstants(sig == SIGTERM ? 2 : 25), instructions);
         if (sig != SIGTERM) { // what the program survives comes many times in a run
             count = sig == SIGUSR1 ? std::min(count, MostDumps) : count;
             Expect(Run(sig, {Instructions, -1, instructions / count}), sig);
@@ -187,7 +195,9 @@ TEST_P(SignalsAtAnyInstant, EndTheProgramAsStatedOrChangeNothing)
 // The critical sections that make no system calls.
 TEST_P(SignalsAtAnyInstant, DoSoBetweenInstructions)
 {
-    if (scenario.steps == Scenario::NoSteps || (scenario.steps == Scenario::StepsInLongForm && !IsLongForm()))
+    const bool isTaken =
+        IsLongForm() ? scenario.steps != Scenario::NoSteps : StepsInShortForm && scenario.steps == Scenario::ShortSteps;
+    if (!isTaken)
         GTEST_SKIP() << "too long for single steps";
     const Outcome counted = Run(0, {Instructions, -1});
     Expect(counted, 0);
