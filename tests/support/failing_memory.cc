@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "tests/support/coverage.h"
+
 namespace testing_support {
 
 static MemoryFailure::Rule rule; // needs no constructor at run time: static objects allocate before main
@@ -52,6 +54,8 @@ bool AllocationFails(AllocationCalls call, std::size_t bytes)
 } // namespace testing_support
 
 using namespace testing_support;
+
+extern "C" void zeloo_let_memory_be() { rule = {}; }
 
 #ifndef __SANITIZE_ADDRESS__
 // The C library's own, which a program's malloc does not count.

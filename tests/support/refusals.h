@@ -33,6 +33,9 @@ void DropPrivileges();
 /// The host gives no descriptor from `limit` on.
 void LimitDescriptors(unsigned long limit);
 
+/// No file grows beyond `limit` bytes: a write beyond it gives SIGXFSZ or fails with EFBIG.
+void LimitFileSize(unsigned long limit);
+
 /// The size of this process's address space in bytes.
 long VirtualSize();
 

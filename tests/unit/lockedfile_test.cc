@@ -17,7 +17,6 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -395,8 +394,7 @@ TEST_F(LockTest, ADescriptorOfZeroIsOneForTheProtectedFile)
 TEST_F(LockTest, ALockFileThatCannotBeWrittenWholeIsRemoved)
 {
     const ChildResult child = RunInChild([&] {
-        struct rlimit limit = {10, 10};
-        setrlimit(RLIMIT_FSIZE, &limit);
+        LimitFileSize(10);
         LockFile refused(name, 0);
         _exit(refused.Locked() ? 1 : Exists(lock) ? 2 : 0);
     });
@@ -431,10 +429,9 @@ TEST_F(LockTest, TellsWhyItIsNotLocked)
 TEST_F(LockTest, ALockFileThatCannotBeWrittenSaysWhy)
 {
     const std::vector<std::pair<int, std::function<void()>>> refusals = {
-        {EDQUOT, [] { MakeCallsFail({SYS_write}, EDQUOT); }}, {ENOSPC, [] { // a part can be written
-                                                                   const struct rlimit limit = {10, 10};
-                                                                   setrlimit(RLIMIT_FSIZE, &limit);
-                                                               }}};
+        {EDQUOT, [] { MakeCallsFail({SYS_write}, EDQUOT); }},
+        {ENOSPC, [] { LimitFileSize(10); }}, // a part can be written
+    };
     for (const auto& [error, refuse] : refusals) {
         const ChildResult child = RunInChild([&, refuse = refuse] {
             refuse();

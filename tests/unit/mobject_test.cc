@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -518,8 +517,7 @@ TEST_F(Capture, ACrashFileThatCannotBeWrittenIsReported)
     WriteFile(CrashFile("no-write"), std::string(600, 'x'));
     const Crash crash = CrashAs("no-write", [] {
         Probe object("object");
-        const struct rlimit limit = {600, 600}; // enough for standard error
-        setrlimit(RLIMIT_FSIZE, &limit);
+        LimitFileSize(600); // enough for standard error
         WriteToNull();
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
@@ -532,8 +530,7 @@ TEST_F(Capture, ACrashFileThatFillsUpIsReported)
 {
     const Crash crash = CrashAs("fills-up", [] {
         Probe object("object");
-        const struct rlimit limit = {600, 600};
-        setrlimit(RLIMIT_FSIZE, &limit); // SIGXFSZ must not end the process before its report
+        LimitFileSize(600); // SIGXFSZ must not end the process before its report
         WriteToNull();
     });
     EXPECT_EQ(crash.child.signal, SIGABRT);
