@@ -22,10 +22,11 @@ namespace svr4 {
 pid_t copy_process()
 {
     const pid_t maker = getpid();
+    const bool endsWithMaker = syscall(SYS_gettid) == maker; // the host means the thread, not the process
     // No flag and no signal: all arguments but the first are 0, in whatever order this processor has them. The C
     // library is not told: its locks then belong to the copy as they belonged to the thread that made it.
     const long pid = syscall(SYS_clone, 0L, 0L, 0L, 0L, 0L);
-    if (pid == 0) {
+    if (pid == 0 && endsWithMaker) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != maker) // it ended before
             _exit(1);

@@ -11,8 +11,9 @@ namespace svr4 {
 /// Makes a copy of the process as fork(2) does, but with nothing of what programs tie to a fork: no fork handler runs, no
 /// SIGCLD is sent when the copy ends, and wait(2) does not find it. Usable in a handler, whatever the interrupted code
 /// is at: no lock is taken. In the copy only the calling thread goes on, with the signals held that are held now; it
-/// must leave with _exit, and ends at the latest when the thread that made it does. Returns 0 in the copy, in the
-/// original the copy's id, or -1 with `errno`.
+/// must leave with _exit. One that was made by the first thread of the process ends with the process; one of another
+/// thread, which may end long before that, has to end by itself. Returns 0 in the copy, in the original the copy's id,
+/// or -1 with `errno`.
 pid_t copy_process();
 
 /// Looks whether the copy `pid` has ended: its wait status, or -1 while it has not. A copy that is not there any more has

@@ -58,6 +58,7 @@ struct Request {
 
 Request request;
 std::atomic<int> handling{0}; // the process whose handler is at work: another thread's leaves the request to it
+std::atomic<int> asked{0};    // the process that has a request which no handler has looked at
 
 SignalFile& DumpFile() { return Immortal<SignalFile, Request>(); }
 
@@ -339,6 +340,16 @@ void AwaitWatcher()
     }
 }
 
+void Serve(const char* name, int sig, bool awaits)
+{
+    if (IsLeftToWatcher())
+        return;
+    CountAttempt();
+    StartWatcher(name, sig);
+    if (awaits && request.attempts == 0)
+        AwaitWatcher();
+}
+
 } // namespace
 
 void MakeReadyForRequest() { DumpFile(); }
@@ -349,19 +360,15 @@ void DumpOnRequest(int sig)
     if (name == nullptr)
         return;
     const int self = getpid();
-    int handled = handling;
-    if (handled == self || !handling.compare_exchange_strong(handled, self)) {
-        if (request.page != nullptr)
-            request.page->state.compare_exchange_strong(handled = AtWork, AskedAgain);
-        return;
+    asked = self;
+    for (bool isOwn = true; asked == self; isOwn = false) { // else another thread's, which came meanwhile
+        int handled = handling;
+        if (handled == self || !handling.compare_exchange_strong(handled, self))
+            return;
+        asked = 0;
+        Serve(name, sig, isOwn);
+        handling = 0;
     }
-    if (!IsLeftToWatcher()) {
-        CountAttempt();
-        StartWatcher(name, sig);
-        if (request.attempts == 0)
-            AwaitWatcher();
-    }
-    handling = 0;
 }
 
 void CollectDump()

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <thread>
 
 #include <pthread.h>
 #include <sys/wait.h>
@@ -73,6 +74,25 @@ TEST(Copy, EndsWithItsMaker)
     EndChild(maker);
     EXPECT_EQ(read(ends[0], &byte, 1), 0) << "the end of the last one that holds the pipe";
     close(ends[0]);
+}
+
+TEST(Copy, OutlivesTheThreadThatMadeIt)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    pid_t copy = 0;
+    std::thread([&] {
+        copy = svr4::copy_process();
+        char byte;
+        if (copy == 0)
+            _exit(read(ends[0], &byte, 1) == 1 ? 7 : 8);
+    }).join();
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    const int status = StatusOf(copy);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST(Copy, SharesMemoryWithItsMaker)

@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -110,6 +111,77 @@ TEST_F(DumpRequest, AHangInADumpHoldsNeitherTheProgramNorTheOthersUp)
     });
 }
 
+TEST_F(DumpRequest, ADumpThatHoldsTheDeadlineBackIsKilled)
+{
+    Run([&] {
+        Probe one("one"), two("two"), three("three");
+        one.onDump = [](std::ostream& os) {
+            os << "begun\n" << std::flush;
+            sigset_t all;
+            sigfillset(&all);
+            sigprocmask(SIG_BLOCK, &all, nullptr);
+            for (;;)
+                pause();
+        };
+        two.onDump = [](std::ostream& os) {
+            os << "begun\n" << std::flush;
+            kill(getpid(), SIGKILL);
+        };
+        MonitoredObject::SetCaptureLimits(9, 0);
+        raise(SIGUSR1);
+        const std::string hung = "\n*** The rest is left out: the dump hung ***\n";
+        const std::string killed = "\n*** The rest is left out: signal " + std::to_string(SIGKILL) + " ***\n";
+        CHILD_CHECK(WaitForDump(Start + StateDump(0, 2, 3,
+                                                  ObjectDump(0, "begun\n" + hung) + ObjectDump(1, "begun\n" + killed) +
+                                                      ObjectDump(2, "probe three\n"))));
+    });
+}
+
+TEST_F(DumpRequest, ADumpEndsAtItsLimitHoweverManyObjectsHang)
+{
+    Run([&] {
+        std::vector<std::unique_ptr<Probe>> probes;
+        for (int i = 0; i < 20; i++) {
+            probes.push_back(std::make_unique<Probe>("hangs"));
+            probes.back()->onDump = [](std::ostream&) {
+                for (;;)
+                    pause();
+            };
+        }
+        MonitoredObject::SetCaptureLimits(4, 0);
+        raise(SIGUSR1);
+        const std::string cut = "\n*** The rest is left out: it took longer than 4 seconds ***\n";
+        CHILD_CHECK(WaitUntil([&] { return IsWhole(Dump()) && Dump().find(cut + End) != std::string::npos; }));
+        CHILD_CHECK(CountOf(Dump(), "the dump hung") < 20);
+    });
+}
+
+TEST_F(DumpRequest, ARequestWhileAnotherThreadServesOneIsServedNext)
+{
+    Run([&] {
+        static std::atomic<bool> isAsked{false};
+        Probe one("one");
+        one.onDump = [](std::ostream& os) {
+            for (int i = 0; i < 20 && !isAsked; i++) // in a copy, which does not see it change
+                usleep(10000);
+            os << (isAsked ? "second\n" : "first\n");
+        };
+        pthread_t other;
+        pthread_create(
+            &other, nullptr,
+            [](void*) -> void* {
+                raise(SIGUSR1);
+                return nullptr;
+            },
+            nullptr);
+        CHILD_CHECK(WaitUntil([&] { return Dump().find(Start) == 0; }));
+        isAsked = true;
+        raise(SIGUSR1);
+        pthread_join(other, nullptr);
+        CHILD_CHECK(WaitForDump(Start + StateDump(0, 0, 1, ObjectDump(0, "second\n"))));
+    });
+}
+
 TEST_F(DumpRequest, AnEndlessTextIsCutAndTheDumpIsWhole)
 {
     Run([&] {
@@ -194,6 +266,24 @@ TEST_F(DumpRequest, ADumpThatCannotBeMadeSaysSo)
     if (result.exitCode == NotPossibleHere)
         GTEST_SKIP() << "no way to make fork fail here";
     EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST_F(DumpRequest, WithoutMemoryOrAFileTheProgramGoesOn)
+{
+    Probe one("one");
+    const auto without = [&](const std::function<void()>& refuse, const std::string& dump) {
+        WriteFile(name, "earlier\n");
+        const ChildResult result = RunInChild([&] {
+            MonitoredObject::SetDumpStateFileName(name.c_str());
+            refuse();
+            raise(SIGUSR1);
+        });
+        EXPECT_TRUE(result.exitCode == 0 || result.exitCode == NotPossibleHere) << result.err;
+        EXPECT_TRUE(result.exitCode == NotPossibleHere || Dump() == dump) << Dump();
+    };
+    const std::string none = "*** The dump is left out: no copy of the process: ";
+    without([] { MakeCallsFail({SYS_mmap}, ENOMEM); }, Start + none + strerror(ENOMEM) + " ***\n" + End);
+    without([] { MakeCallsFail({SYS_clone, SYS_openat}, EAGAIN); }, "earlier\n");
 }
 
 TEST_F(DumpRequest, AFifoThatNobodyReadsHoldsNothingUp)
