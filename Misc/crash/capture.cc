@@ -125,13 +125,16 @@ static Outcome Try(void (*step)(int sig), int sig)
     return Whole;
 }
 
+// Behind the last step, or one that was left, the limit is passed by what is in the stream and by the line about it.
 static void SayWhatIsLeftOut(Outcome outcome)
 {
     SignalFile& file = CrashFile();
+    file.SetLimit(0, nullptr);
     if (outcome == OutOfTime)
         file << "\n*** The rest is left out: it took longer than " << zeloo::CaptureTime() / 1000 << " seconds ***\n";
     if (outcome == OutOfBytes)
         file << "\n*** The rest is left out: it goes beyond " << file.Written() << " bytes ***\n";
+    file.flush();
 }
 
 // ---- The crash file ----
@@ -320,9 +323,7 @@ static void CaptureState(int sig)
     const FaultsSkipped skipped(sig);
     for (const auto step : {DumpStack, DumpObjects}) {
         const Outcome outcome = Try(step, sig);
-        file.SetLimit(0, nullptr);
         SayWhatIsLeftOut(outcome);
-        file.flush();
         if (outcome == OutOfTime)
             break;
     }

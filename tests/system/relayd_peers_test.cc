@@ -1,5 +1,6 @@
 // What relayd holds against the hosts that connect to it: those that vanish, those that are too many, and those that
 // say that they are another.
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -9,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -145,6 +148,23 @@ TEST_F(RelaydPeersTest, RefusesConnectionsBeyondItsLimit)
         EXPECT_TRUE(Works());
         EXPECT_TRUE(Serves(0));
     }
+}
+
+TEST_F(RelaydPeersTest, WithoutProcessesRefusesConnectionsAndGoesOn)
+{
+    relay = StartChild([&] {
+        MakeCallsFail({SYS_clone, SYS_clone3, SYS_fork}, EAGAIN);
+        const int log = open(directory.File("relayd.log").c_str(), O_WRONLY | O_CREAT, 0644);
+        dup2(log, 1);
+        dup2(log, 2);
+        Execute(Relayd, {});
+    });
+    ASSERT_TRUE(WaitUntil([] { return RawConnection().connected; })) << Log();
+    for (int i = 0; i < 3; i++)
+        EXPECT_TRUE(RawConnection().IsClosedByPeer());
+    const std::string refusal = "no process for a connection: refused one from 127.0.0.1";
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(Log(), refusal) > 0; })) << Log();
+    EXPECT_EQ(CountOf(Log(), refusal), 1) << "of many within ten seconds one";
 }
 
 TEST_F(RelaydPeersTest, TheLimitIs256UnlessSet)

@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/failing_memory.h"
 #include "tests/support/testing.h"
 
 using namespace testing_support;
@@ -213,6 +214,28 @@ TEST(Dsa, GivesNullWhenMemoryFailsAndCountsTheCall)
     });
     EXPECT_EQ(out, Statistics(1, 0, 1, 1, 1 << 30, 1 << 30) + Start + Listed("x", 1) + End + Total(1, 0, 1));
 }
+
+#ifndef __SANITIZE_ADDRESS__ // whose realloc is its own
+
+TEST(Dsa, GivesNullWithoutRoomForTheTablesAndGoesOnLater)
+{
+    Printed([] {
+        for (const long count : {0, 1}) { // one table and the other
+            std::vector<void*> blocks;
+            const MemoryFailure failure = MemoryFailure::After(count, Realloc);
+            while (void* block = DSA::malloc(1))
+                blocks.push_back(block);
+            CHILD_CHECK(failure.HasHappened());
+            CHILD_CHECK(DSA::malloc(1) == nullptr);
+            for (void* block : blocks)
+                DSA::free(block);
+        }
+        for (int i = 0; i < 10000; i++)
+            CHILD_CHECK(DSA::malloc(1) != nullptr);
+    });
+}
+
+#endif
 
 // ---- Releasing
 

@@ -293,6 +293,17 @@ TEST_F(CaptureBounds, ADumpThatWritesForEverIsCut)
     EXPECT_GT(crash.report.size(), 199000u);
 }
 
+TEST_F(CaptureBounds, AReportThatDoesNotFitIsCutAtItsBeginning)
+{
+    const Crash crash = CrashOnce("tiny", [] {
+        Probe one("one");
+        MonitoredObject::SetCaptureLimits(0, 10);
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.err, CaptureMessages("tiny", SIGSEGV) + Ended("one"));
+    EXPECT_EQ(crash.report.substr(10), "\n*** The rest is left out: it goes beyond 10 bytes ***\n");
+}
+
 // Calls itself `depth` times and then faults, in small frames.
 UNCHECKED int Descend(long depth);
 int (*volatile descendAgain)(long) = Descend;
