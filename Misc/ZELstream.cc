@@ -136,7 +136,7 @@ void ZEListream::getNumber(N& n)
         *mystrm >> n >> delimiter;
         return;
     }
-    if (buf == nullptr || position >= buf->Size())
+    if (position >= buf->Size())
         return;
     const char* start = static_cast<const char*>(buf->operator const void*());
     const char* end = start + buf->Size();
@@ -176,8 +176,6 @@ int ZEListream::read(char* p, unsigned n)
         }
         return static_cast<int>(got);
     }
-    if (buf == nullptr)
-        return 0;
     const uint32_t size = buf->Size();
     const uint32_t available = size - position + 1; // one more than there are, in 32 bits: intended
     const uint32_t count = std::min(n, available);
@@ -212,5 +210,5 @@ int ZEListream::eof()
 {
     if (mystrm != nullptr)
         return mystrm->eof();
-    return buf == nullptr || position > buf->Size();
+    return position > buf->Size();
 }

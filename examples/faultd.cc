@@ -116,7 +116,7 @@ static int Serve(const Settings& settings, Starter& starter)
 // Leaves the terminal for the log. Returns 0, or -1 when that failed, which has been told.
 static int Daemonize(Starter& starter, const char* log)
 {
-    const int fd = open(log, O_WRONLY | O_CREAT | O_APPEND, 0644);
+    const int fd = open(log, O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK, 0644); // a FIFO may have nobody who reads it
     if (fd < 0)
         return -starter.Refuse(std::string("no way to write the log ") + log + ": " + std::strerror(errno));
     close(fd);

@@ -47,6 +47,17 @@ static bool IsRegularFile(const char* name)
     return stat(name, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+// Opens the log, without waiting for somebody who reads a FIFO: there may never be one. The descriptor, or -1.
+static int OpenLog(const char* name, int mode)
+{
+    const int fd = open(name, O_WRONLY | O_CREAT | O_NONBLOCK | mode, 0644);
+    if (fd >= 0) {
+        const svr4::SavedErrno savedErrno;
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK); // the writing is to wait for a slow reader
+    }
+    return fd;
+}
+
 short redirectoutput(const char* LogFileName, short Append)
 {
     if (LogFileName == nullptr)
@@ -58,7 +69,7 @@ short redirectoutput(const char* LogFileName, short Append)
             std::rename(LogFileName, CString(LogFileName) + ".old");
         close(0); // so that the log file becomes descriptor 0
     }
-    const int fd = open(LogFileName, O_WRONLY | O_CREAT | (Append ? O_APPEND : O_TRUNC), 0644);
+    const int fd = OpenLog(LogFileName, Append ? O_APPEND : O_TRUNC);
     if (fd < 0)
         return Failed("Error opening log file.");
     if (dup2(fd, 0) < 0)

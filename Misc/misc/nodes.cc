@@ -8,9 +8,11 @@
 #include <memory>
 #include <new>
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "Misc/CstrArray.h"
 #include "Misc/Error/report.h"
@@ -156,10 +158,25 @@ static bool ReadLine(FILE* file, char (&line)[LongestLine + 1])
     return c != EOF || length > 0;
 }
 
+// Opens the node list file without waiting for somebody who writes into a FIFO, which is no list. Null with `errno`.
+static FILE* OpenNodes()
+{
+    const int fd = open(zeloo::NodesFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat status;
+    const bool isFifo = fd >= 0 && fstat(fd, &status) == 0 && S_ISFIFO(status.st_mode);
+    if (isFifo)
+        errno = EINVAL;
+    FILE* file = fd >= 0 && !isFifo ? fdopen(fd, "r") : nullptr;
+    const svr4::SavedErrno savedErrno;
+    if (fd >= 0 && file == nullptr)
+        close(fd);
+    return file;
+}
+
 // Adds the lines of the node list file to `nodes`. 0, or the type of the failure, with `errno`.
 static short ReadNodes(CStringSafeArray& nodes)
 {
-    FILE* file = std::fopen(zeloo::NodesFile, "r");
+    FILE* file = OpenNodes();
     if (file == nullptr)
         return ErrorReporter::OPENING_FILE;
     char line[LongestLine + 1];

@@ -217,6 +217,10 @@ TEST_F(FaultDaemonTest, SaysWhyItCannotStart)
 
     EXPECT_RESULT(RunProgram(Faultd, {"--log", "/no/such/log"}), 1, "",
                   "faultd: no way to write the log /no/such/log: No such file or directory\n");
+    const std::string fifo = directory.File("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_RESULT(RunProgram(Faultd, {"--log", fifo}), 1, "",
+                  "faultd: no way to write the log " + fifo + ": No such device or address\n");
     EXPECT_EQ(QueuesOnTheHost(), 0);
 
     WriteFile(FaultDirectory, "not a directory");

@@ -51,6 +51,20 @@ TEST(HierarchicNum, StartsWithoutLevels)
     EXPECT_EQ(h.at_level(0), 0u);
 }
 
+TEST(HierarchicNum, HasNoTextWithoutMemoryAndKeepsItsLevels)
+{
+    HierarchicNum h("1.2");
+    {
+        const auto failure = testing_support::MemoryFailure::OfNext(testing_support::NewArray);
+        h.inc();
+        EXPECT_TRUE(failure.HasHappened());
+    }
+    EXPECT_EQ(Text(h), "");
+    EXPECT_EQ(h.at_level(1), 3u);
+    h.inc();
+    EXPECT_EQ(Text(h), "1.4");
+}
+
 TEST(HierarchicNum, ParsesAText)
 {
     HierarchicNum h("1.2.3");

@@ -124,6 +124,7 @@ TEST_F(IpctliNames, NodesAreEqualByNameOrAddress)
     EXPECT_EQ(IPCTli::NodeNamesEqual(nullptr, nullptr), 0);
     EXPECT_EQ(IPCTli::NodeNamesEqual("", ""), 0);
     EXPECT_EQ(IPCTli::NodeNamesEqual("", "here"), 0);
+    EXPECT_EQ(IPCTli::NodeNamesEqual("here", ""), 0);
     WriteFile("/etc/services", services); // without the service there are no addresses to compare
     EXPECT_EQ(IPCTli::NodeNamesEqual("here", "alsohere"), 0);
 }

@@ -65,4 +65,16 @@ TEST(LocalTime, AYearThatDoesNotFitIsAllZero)
               0);
 }
 
+TEST(LocalTime, AMomentBeyondTheLastOfTheClockIsAllZero)
+{
+    EXPECT_EQ(RunInChild([] {
+                  setenv("TZ", "EAST-1", 1);
+                  zeloo::LocalTime(time(nullptr));
+                  zeloo::KeepLocalOffset();
+                  CHILD_CHECK(Same(zeloo::LocalTime(__LONG_MAX__), tm()));
+                  CHILD_CHECK(Same(zeloo::LocalTime(-__LONG_MAX__), tm()));
+              }).exitCode,
+              0);
+}
+
 } // namespace

@@ -102,6 +102,25 @@ TEST_F(RedirectTest, PointsTheThreeAtAFreshFile)
     EXPECT_EQ(status.st_mode & 07777, 0644u);
 }
 
+TEST_F(RedirectTest, AFifoIsOpenedOnlyWhereSomebodyReadsIt)
+{
+    ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
+    const ChildResult alone = RunInChild([this] { CHILD_CHECK(Redirect(0) == -1 && errno == ENXIO); });
+    EXPECT_EQ(alone.exitCode, 0) << alone.err;
+    EXPECT_EQ(alone.err, std::string("Error opening log file.: ") + strerror(ENXIO) + "\n");
+    const int reader = open(log.c_str(), O_RDONLY | O_NONBLOCK);
+    const ChildResult child = RunInChild([this] {
+        CHILD_CHECK(Redirect(1) == 0);
+        CHILD_CHECK((fcntl(1, F_GETFL) & O_NONBLOCK) == 0);
+        CHILD_CHECK(write(1, "text", 4) == 4);
+    });
+    EXPECT_EQ(child.exitCode, 0);
+    char text[8] = "";
+    EXPECT_EQ(read(reader, text, sizeof text), 4);
+    EXPECT_STREQ(text, "text");
+    close(reader);
+}
+
 TEST_F(RedirectTest, TwiceLeavesTheFirstLogAsOld)
 {
     const ChildResult child = RunInChild([this] {

@@ -360,6 +360,23 @@ TEST_F(NodesTest, AFileThatCannotBeReadKeepsTheListAndIsReportedOnce)
               Report(1, "WARNING", type, code, NodesFile) + Report(2, "WARNING", type, code, NodesFile));
 }
 
+TEST_F(NodesTest, AFifoIsNoListAndIsNotWaitedFor)
+{
+    const ChildResult child = RunInChild([] {
+        SetNodes("alpha full\n", 1000);
+        Ask("alpha");
+        std::rename(NodesFile, "/var/orv/data/aside");
+        mkfifo(NodesFile, 0644);
+        const int descriptors = OpenDescriptors();
+        Ask("alpha");
+        Ask("alpha");
+        CHILD_CHECK(OpenDescriptors() == descriptors);
+        std::rename("/var/orv/data/aside", NodesFile);
+    });
+    EXPECT_EQ(child.out, "0 [full]\n0 [full]\n0 [full]\n");
+    EXPECT_EQ(Reports(child.err), Report(1, "WARNING", "Failed to open a file.", "22 : Invalid argument", NodesFile));
+}
+
 TEST_F(NodesTest, AFileThatDoesNotOpenKeepsTheListUntilItDoes)
 {
     const ChildResult child = RunInChild([] {

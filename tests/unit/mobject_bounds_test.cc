@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -104,6 +105,33 @@ TEST_P(CaptureImpostor, IsNotOpenedAndALineSaysWhatItIs)
 
 INSTANTIATE_TEST_SUITE_P(Kinds, CaptureImpostor, testing::ValuesIn(Impostors),
                          [](const testing::TestParamInfo<Impostor>& info) { return std::string(info.param.name); });
+
+// A terminal that the test makes, mounted in the place of the file.
+TEST_F(CaptureBounds, ADeviceIsNotOpenedAndALineSaysWhatItIs)
+{
+    const std::string path = CrashFile("device");
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+    const char* device = terminal >= 0 && unlockpt(terminal) == 0 ? ptsname(terminal) : nullptr;
+    WriteFile(path, "");
+    if (!InSandbox() || device == nullptr || mount(device, path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        unlink(path.c_str());
+        close(terminal);
+        GTEST_SKIP() << "no way to have a device there";
+    }
+    const Crash crash = CrashAs("device", [] {
+        Probe object("object");
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.err, CaptureMessages("device", SIGSEGV) +
+                             Left(SIGSEGV, "open of sighandler file failed. " + path + " is a device."));
+    fcntl(terminal, F_SETFL, O_NONBLOCK);
+    char byte;
+    EXPECT_EQ(read(terminal, &byte, 1), -1) << "something was written to it";
+    umount(path.c_str());
+    unlink(path.c_str());
+    close(terminal);
+}
 
 TEST_F(CaptureBounds, AFifoWithAReaderIsNotWrittenEither)
 {

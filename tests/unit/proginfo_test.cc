@@ -4,12 +4,14 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <iostream>
 #include <sstream>
 #include <string>
 
 #include <grp.h>
 #include <pwd.h>
 #include <sched.h>
+#include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -311,6 +313,22 @@ TEST(ProgInfoTest, ShowsItWhole)
                                          "argv[0]: /opt/orv/bin/orvd\nargv[1]: -d\nargv[2]: \n" + Dashes + Dashes +
                                          "Environment:\n" + Dashes + "HOME=/home/ops\nX\n" + Dashes);
     Initialize("orvd", nullptr);
+}
+
+TEST(ProgInfoTest, AUserAndAGroupWithoutAnEntryHaveNoName)
+{
+    const ChildResult child = RunInChild([] {
+        MakeCallsFail({SYS_getuid, SYS_geteuid, SYS_getgid, SYS_getegid}, 4000); // an id that the databases lack
+        ChildNeeds(getpwuid(getuid()) == nullptr && getgrgid(getgid()) == nullptr);
+        std::cout << getuid() << '\n' << Show();
+    });
+    if (child.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to be an unknown user here";
+    const std::string id = child.out.substr(0, child.out.find('\n'));
+    EXPECT_NE(child.out.find("\nuid:               " + id + " \neuid:              " + id +
+                             " \ngid:               " + id + " \negid:              " + id + " \n"),
+              std::string::npos)
+        << child.out;
 }
 
 } // namespace

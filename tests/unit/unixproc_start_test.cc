@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <clocale>
 #include <csignal>
 #include <functional>
 #include <iostream>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <libintl.h>
 #include <pthread.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -225,6 +227,42 @@ TEST(UnixProcess, TheReportOfAChildIsThatOfAReporter)
         EXPECT_EQ(WithoutVariables(child.err), WithoutVariables(model.err));
         EXPECT_EQ(ReportField(child.err, "  Error Code= ").find(std::to_string(error) + " : "), 0u);
     }
+}
+
+// A catalogue of the C library's messages with one entry, for an invented language.
+void WriteCatalogue(const std::string& file, const std::string& text, const std::string& translation)
+{
+    const auto number = [](size_t n) {
+        const uint32_t value = static_cast<uint32_t>(n);
+        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    };
+    const std::string header = "Content-Type: text/plain; charset=UTF-8\n"; // the translation of the empty text
+    const size_t texts = 28 + 4 * 8;
+    const size_t translations = texts + 1 + text.size() + 1;
+    WriteFile(file, number(0x950412de) + number(0) + number(2) + number(28) + number(28 + 16) + number(0) +
+                        number(texts) + number(0) + number(texts) + number(text.size()) + number(texts + 1) +
+                        number(header.size()) + number(translations) + number(translation.size()) +
+                        number(translations + header.size() + 1) + std::string(1, '\0') + text + '\0' + header + '\0' +
+                        translation + '\0');
+}
+
+TEST(UnixProcess, TheReportOfAChildIsInTheLanguageOfTheParent)
+{
+    TemporaryDirectory directory;
+    for (const char* each : {"/xx", "/xx/LC_MESSAGES"})
+        ASSERT_EQ(mkdir((directory.Path() + each).c_str(), 0755), 0);
+    WriteCatalogue(directory.File("xx/LC_MESSAGES/libc.mo"), strerror(ENOENT), "nowhere");
+    const ChildResult child = RunInChild([&] {
+        setenv("LANGUAGE", "xx", 1);
+        ChildNeeds(setlocale(LC_ALL, "C.UTF-8") != nullptr);
+        bindtextdomain("libc", directory.Path().c_str());
+        ChildNeeds(strcmp(strerror(ENOENT), "nowhere") == 0);
+        UnixProcess process(NoProgram, UnixProcess::wait_at_construction);
+        process.wait();
+    });
+    if (child.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no other language here";
+    EXPECT_EQ(ReportField(child.err, "  Error Code= "), "2 : nowhere") << child.err;
 }
 
 TEST(UnixProcess, AReportThatNobodyReadsDoesNotHoldTheParent)
