@@ -312,6 +312,10 @@ TEST(OptionSafeArray, ANullFunctionOrElementIsAnAssertion)
     const Option key;
     ExpectAssertion("fptr != NULL", "Misc/SafeArray",
                     [&] { a.lfind(&key, static_cast<OptionSafeArray::Compare>(nullptr)); });
+    ExpectAssertion("fptr != NULL", "Misc/SafeArray",
+                    [&] { a.bsearch(&key, static_cast<OptionSafeArray::Compare>(nullptr)); });
+    ExpectAssertion("fptr != NULL", "Misc/SafeArray",
+                    [&] { a.search(&key, static_cast<OptionSafeArray::Compare>(nullptr)); });
     ExpectAssertion("v != NULL", "Misc/SafeArray", [&] { a.AddItem(static_cast<Option*>(nullptr)); });
 }
 

@@ -196,6 +196,20 @@ TEST_F(Tli, ABindThatFailsHalfWayLeavesTheEndpointUnbound)
         {SYS_bind}, EADDRNOTAVAIL, [&] { listening(svr4::TNOADDR, 0); }, open);
 }
 
+TEST_F(Tli, AnAddressThatNobodyHasRoomForIsNotPut)
+{
+    const int fd = Open();
+    struct svr4::t_bind bound = {};
+    EXPECT_EQ(svr4::t_bind(fd, nullptr, &bound), 0);
+    const int listener = RawListener();
+    Call call(PortOf(listener)), peer;
+    peer.addr.maxlen = 0;
+    EXPECT_EQ(svr4::t_connect(fd, &call, &peer), 0);
+    EXPECT_EQ(bound.addr.len, 0u);
+    svr4::t_close(fd);
+    close(listener);
+}
+
 TEST_F(Tli, AnAddressIsNotPutNowhere)
 {
     const int fd = Open();

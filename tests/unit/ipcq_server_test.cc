@@ -5,6 +5,9 @@
 #include <sstream>
 #include <vector>
 
+#include "Misc/ipcq/mail.h"
+#include "tests/support/failing_memory.h"
+
 namespace {
 
 using namespace ipcq_testing;
@@ -42,6 +45,18 @@ TEST_F(IpcqServer, IsTheOnlyServerOfItsName)
     EXPECT_LT(SetOf("only"), 0);
     Server next("only");
     EXPECT_EQ(next.Created(), 1);
+}
+
+TEST_F(IpcqServer, AClientWithoutMemoryForItsMailCarriesNothing)
+{
+    MakeKeyFile("nomail");
+    const Server server("nomail");
+    const auto failure = MemoryFailure::OfNextOfSize(sizeof(zeloo::Mail), NewObject);
+    IPCQClient client(0, "nomail");
+    ASSERT_TRUE(failure.HasHappened());
+    ASSERT_TRUE(client.Connected());
+    EXPECT_EQ(client.IPCSend("p", "n", "v", 1, "q", 0, 1, "", 0, 0, 0, 0), ErrorReporter::OUT_OF_MEMORY);
+    EXPECT_EQ(client.receive_response(event, data), ErrorReporter::OUT_OF_MEMORY);
 }
 
 TEST_F(IpcqServer, WithoutAKeyFileThereIsNoServer)

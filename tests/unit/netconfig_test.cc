@@ -234,6 +234,8 @@ TEST_F(Netconfig, BadArgumentsGiveNoAddress)
     struct svr4::nd_addrlist* list = nullptr;
     EXPECT_EQ(svr4::netdir_getbyname(nullptr, &good, &list), svr4::ND_BADARG);
     EXPECT_EQ(svr4::netdir_getbyname(&unknown, &good, &list), svr4::ND_BADARG);
+    unknown.nc_netid = nullptr;
+    EXPECT_EQ(svr4::netdir_getbyname(&unknown, &good, &list), svr4::ND_BADARG);
     EXPECT_EQ(svr4::netdir_getbyname(tcp, nullptr, &list), svr4::ND_BADARG);
     EXPECT_EQ(svr4::netdir_getbyname(tcp, &noHost, &list), svr4::ND_BADARG);
     EXPECT_EQ(svr4::netdir_getbyname(tcp, &noService, &list), svr4::ND_BADARG);

@@ -58,6 +58,20 @@ TEST(TimedCall, RestoresHandlerFlagsAndTheWholeRemainingAlarm)
     signal(SIGALRM, SIG_DFL);
 }
 
+TEST(TimedCall, RestoresAnAlarmOfLessThanASecond)
+{
+    const struct itimerval soon = {{}, {0, 900000}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    {
+        const zeloo::TimedCall limit(0, 100000);
+    }
+    struct itimerval rest;
+    const struct itimerval never = {};
+    setitimer(ITIMER_REAL, &never, &rest);
+    EXPECT_EQ(rest.it_value.tv_sec, 0);
+    EXPECT_GT(rest.it_value.tv_usec, 0);
+}
+
 TEST(TimedCall, AnAlarmThatComesBeforeTheCallBlocksIsNotLost)
 {
     int ends[2];
