@@ -33,7 +33,8 @@ long DaysTo(long year, long month, long day)
 tm BrokenDown(long seconds)
 {
     const long days = FloorOf(seconds, SecondsPerDay);
-    const long rest = seconds - days * SecondsPerDay;
+    const long rest =
+        (seconds % SecondsPerDay + SecondsPerDay) % SecondsPerDay; // the first moment of a day may not fit
     const long shifted = days + DaysToEpoch;
     const long era = FloorOf(shifted, DaysPerEra);
     const long dayOfEra = shifted - era * DaysPerEra;
