@@ -647,6 +647,10 @@ TEST(ProcMgr, WithoutMemoryForItsTextACommandIsNotSubmitted)
             ProcMgr submission(text.c_str(), nullptr);
         }
         const char* argv[] = {"x", text.c_str() + 2, nullptr};
+        {
+            const MemoryFailure failure = MemoryFailure::FromSize(text.size(), any);
+            ProcMgr vector(argv);
+        }
         ProcMgr::SetMaxActive(0);
         const auto sizes = SizesAllocated(any, [&] { ProcMgr vector(argv); });
         ProcMgr::commands.DeleteAllItems();
@@ -663,6 +667,7 @@ TEST(ProcMgr, WithoutMemoryForItsTextACommandIsNotSubmitted)
     });
     EXPECT_EQ(WithoutVariables(child.err),
               WarningReport("ProcMgr", "Memory allocation failed.", ENOMEM, "no memory for new command.") +
+                  WarningReport("ProcMgr", "Memory allocation failed.", ENOMEM, "no memory for new string.") +
                   WarningReport("ProcMgr", "Memory allocation failed.", ENOMEM, "no memory for new string."));
     EXPECT_EQ(child.exitCode, 0);
 }

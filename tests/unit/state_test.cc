@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/assertions.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/objects.h"
 #include "tests/support/testing.h"
 
@@ -422,6 +423,12 @@ TEST_F(MachineTest, NamesAllFirstAndLastStates)
     machine.AddState(d);
     machine.GetValidStateNames(names);
     EXPECT_EQ(Joined(names), "a b c d ");
+    {
+        using namespace testing_support;
+        const MemoryFailure failure = MemoryFailure::OfNextOfSize(sizeof(CString), NewObject);
+        machine.GetValidStateNames(names);
+        EXPECT_EQ(Joined(names), "b c d ") << "without memory for the first";
+    }
     machine.GetValidInitialStateNames(names);
     EXPECT_EQ(Joined(names), "a d ");
     machine.GetValidLastStateNames(names);

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/failing_memory.h"
+
 namespace {
 
 using namespace zeloo::wire;
@@ -209,5 +211,22 @@ TEST(WireGatherer, AgreesWithAnAccountOfEachByte)
     EXPECT_GT(whole, 1500);
     EXPECT_LT(whole, 2500);
 }
+
+#ifndef __SANITIZE_ADDRESS__ // whose realloc is its own
+
+TEST(WireGatherer, BlocksThatLieApartNeedMemory)
+{
+    using namespace testing_support;
+    const std::vector<Block> blocks = Cut(200, 10);
+    Gatherer event;
+    ASSERT_EQ(event.Begin(blocks.front()), Gatherer::More);
+    const MemoryFailure failure = MemoryFailure::Of(Realloc);
+    Gatherer::Result result = Gatherer::More;
+    for (size_t i = 2; i < blocks.size() && result == Gatherer::More; i += 2)
+        result = event.Add(blocks[i]);
+    EXPECT_EQ(result, Gatherer::NoMemory);
+}
+
+#endif
 
 } // namespace

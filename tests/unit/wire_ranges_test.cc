@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/failing_memory.h"
+
 namespace {
 
 using zeloo::wire::Ranges;
@@ -92,5 +94,27 @@ TEST(WireRanges, TakesManyThatLieApart)
     EXPECT_EQ(set.Count(), 3 * count);
     EXPECT_EQ(set.Add(0, 1), Ranges::Overlaps);
 }
+
+#ifndef __SANITIZE_ADDRESS__ // whose realloc is its own
+
+TEST(WireRanges, WithoutMemoryNothingChanges)
+{
+    using namespace testing_support;
+    Ranges set;
+    int32_t begin = 0;
+    {
+        const MemoryFailure failure = MemoryFailure::Of(Realloc);
+        while (set.Add(begin, begin + 1) == Ranges::Added)
+            begin += 2;
+        EXPECT_TRUE(failure.HasHappened());
+        EXPECT_EQ(set.Add(begin, begin + 1), Ranges::NoMemory);
+        EXPECT_EQ(set.Add(1, 2), Ranges::Added) << "what closes a gap needs none";
+    }
+    EXPECT_EQ(set.Count(), begin / 2 + 1);
+    EXPECT_EQ(set.Add(begin, begin + 1), Ranges::Added);
+    EXPECT_EQ(set.Add(0, 3), Ranges::Overlaps);
+}
+
+#endif
 
 } // namespace

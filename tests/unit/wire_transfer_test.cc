@@ -10,6 +10,7 @@
 
 #include "Misc/wire/channels.h"
 #include "Misc/wire/records.h"
+#include "tests/support/failing_memory.h"
 
 namespace {
 
@@ -183,5 +184,32 @@ TEST(WireReceivingSide, IsEndedByAnotherEventOfItsPartner)
     newer.senders_pid = Sender + 1;
     EXPECT_FALSE(side.IsEndedBy(newer));
 }
+
+TEST(WireReceivingSide, GivesUpWhenItIsTold)
+{
+    ReceivingSide side(SendAll(std::string(30, 'x'), 10).front().message, Receiver);
+    side.Forgotten();
+    side.Acknowledged();
+    EXPECT_EQ(side.Next(), ReceivingSide::AwaitBlock);
+    side.GiveUp();
+    EXPECT_EQ(side.Next(), ReceivingSide::Broken);
+}
+
+#ifndef __SANITIZE_ADDRESS__ // whose realloc is its own
+
+TEST(WireReceivingSide, WithoutMemoryForBlocksThatLieApartTheEventIsGivenUp)
+{
+    using namespace testing_support;
+    const std::vector<Sent> sent = SendAll(std::string(300, 'x'), 10);
+    ReceivingSide side(sent.front().message, Receiver);
+    side.Forgotten();
+    side.Acknowledged();
+    const MemoryFailure failure = MemoryFailure::Of(Realloc);
+    for (size_t i = 2; i < sent.size() && side.Next() == ReceivingSide::AwaitBlock; i += 2)
+        side.TakeBlock(sent[i].message, 300 + static_cast<size_t>(sent[i].message.msg_data_len), -1);
+    EXPECT_EQ(side.Next(), ReceivingSide::OutOfMemory);
+}
+
+#endif
 
 } // namespace
