@@ -1,7 +1,7 @@
 // In the build that measures coverage, part of the library: a process that ends by _exit, abort or a SIGABRT that it sends
 // itself leaves what it counted, as one that ends by exit does, whatever a test has made fail in it. What a process
 // counted that another signal ends is lost.
-#include "tests/support/coverage.h"
+#include "coverage.h"
 
 #include <csignal>
 #include <cstdarg>
@@ -155,17 +155,17 @@ static void LeaveAfterCrash()
 
 // ---- What the host's library would do ----
 
-extern "C" long syscall(long number, ...) noexcept
+extern "C" long syscall(long sysno, ...) noexcept
 {
     long arguments[6];
     va_list rest;
-    va_start(rest, number);
+    va_start(rest, sysno);
     for (long& argument : arguments)
         argument = va_arg(rest, long);
     va_end(rest);
-    if (number == SYS_tgkill && arguments[2] == SIGABRT && !isCrash)
+    if (sysno == SYS_tgkill && arguments[2] == SIGABRT && !isCrash)
         LeaveAfterCrash();
-    return Call(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+    return Call(sysno, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 
 extern "C" void _exit(int status)
