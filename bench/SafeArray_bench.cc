@@ -1,7 +1,9 @@
-// SafeArray beside std::vector<void*>: appending, walking, searching.
+// SafeArray beside std::vector<void*>: appending, walking, searching; a typed array beside a block that doubles.
+#include "Misc/CstrArray.h"
 #include "Misc/SafeArray.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -45,6 +47,51 @@ void BM_Append(benchmark::State& state)
 }
 BENCHMARK_TEMPLATE(BM_Append, Pointers)->Unit(benchmark::kMicrosecond);
 BENCHMARK_TEMPLATE(BM_Append, std::vector<void*>)->Unit(benchmark::kMicrosecond);
+
+const unsigned MostElements = 256000;
+
+void BM_AppendTyped(benchmark::State& state)
+{
+    CString element;
+    for (auto _ : state) {
+        CStringSafeArray array;
+        array.SetPurgeMode(1);
+        for (unsigned i = 0; i < MostElements; i++)
+            array.AddPtr(&element);
+        benchmark::DoNotOptimize(array);
+    }
+    state.SetItemsProcessed(state.iterations() * MostElements);
+}
+BENCHMARK(BM_AppendTyped)->Unit(benchmark::kMicrosecond);
+
+struct DoublingBlock {
+    void** list = nullptr;
+    unsigned quantity = 0, capacity = 0;
+
+    void Append(void* p)
+    {
+        if (quantity == capacity) {
+            capacity = capacity == 0 ? 32 : 2 * capacity;
+            list = static_cast<void**>(std::realloc(list, capacity * sizeof(void*)));
+        }
+        list[quantity++] = p;
+    }
+};
+
+void BM_AppendTypedFloor(benchmark::State& state)
+{
+    CString element;
+    for (auto _ : state) {
+        DoublingBlock block;
+        for (unsigned i = 0; i < MostElements; i++)
+            block.Append(&element);
+        benchmark::DoNotOptimize(block);
+        benchmark::ClobberMemory();
+        std::free(block.list);
+    }
+    state.SetItemsProcessed(state.iterations() * MostElements);
+}
+BENCHMARK(BM_AppendTypedFloor)->Unit(benchmark::kMicrosecond);
 
 void BM_IterateSafeArray(benchmark::State& state)
 {

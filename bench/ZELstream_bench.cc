@@ -5,6 +5,7 @@
 #include "Misc/cstring.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -171,6 +172,167 @@ void ReadOneRun(benchmark::State& state, char c)
     Report(state, b.Size(), 1);
 }
 
+// Records of numbers of all lengths and a text of twelve characters.
+const unsigned RecordText = 12;
+const char Text[RecordText + 1] = "twelve bytes";
+
+struct Record {
+    short number;
+    int position;
+    unsigned size;
+};
+
+std::vector<Record> Records(std::size_t count)
+{
+    std::mt19937 random(1);
+    std::vector<Record> records;
+    for (std::size_t i = 0; i < count; i++)
+        records.push_back({static_cast<short>(static_cast<short>(random()) >> random() % 16),
+                           static_cast<int>(random()) >> random() % 32,
+                           static_cast<unsigned>(random()) >> random() % 32});
+    return records;
+}
+
+void EncodeRecords(const std::vector<Record>& records, Buffer& b)
+{
+    ZELostream out(b);
+    const CString text(Text);
+    for (const Record& r : records)
+        out << r.number << r.position << r.size << text;
+}
+
+void WriteRecords(benchmark::State& state)
+{
+    const std::vector<Record> records = Records(static_cast<std::size_t>(state.range(0)));
+    std::size_t size = 0;
+    for (auto _ : state) {
+        Buffer b;
+        EncodeRecords(records, b);
+        size = b.Size();
+    }
+    Report(state, size, records.size());
+}
+
+// A block that doubles, and the numbers and texts formatted straight into it.
+class Doubling {
+public:
+    ~Doubling() { std::free(block); }
+    std::size_t Size() const { return used; }
+
+    template <class N>
+    void Number(N n)
+    {
+        MakeRoom(24);
+        char* end = std::to_chars(block + used, block + capacity, n).ptr;
+        *end++ = '|';
+        used = static_cast<std::size_t>(end - block);
+    }
+
+    void Bytes(const char* p, std::size_t n)
+    {
+        MakeRoom(n);
+        std::memcpy(block + used, p, n);
+        used += n;
+    }
+
+private:
+    void MakeRoom(std::size_t n)
+    {
+        if (used + n > capacity)
+            block = static_cast<char*>(std::realloc(block, capacity = 2 * capacity + 1024));
+    }
+
+    char* block = nullptr;
+    std::size_t used = 0, capacity = 0;
+};
+
+void WriteRecordsFloor(benchmark::State& state)
+{
+    const std::vector<Record> records = Records(static_cast<std::size_t>(state.range(0)));
+    std::size_t size = 0;
+    for (auto _ : state) {
+        Doubling out;
+        for (const Record& r : records) {
+            out.Number(r.number);
+            out.Number(r.position);
+            out.Number(r.size);
+            out.Number(RecordText);
+            out.Bytes(Text, RecordText);
+        }
+        benchmark::DoNotOptimize(size = out.Size());
+    }
+    Report(state, size, records.size());
+}
+
+void ReadRecords(benchmark::State& state)
+{
+    const std::vector<Record> records = Records(static_cast<std::size_t>(state.range(0)));
+    Buffer b;
+    EncodeRecords(records, b);
+    for (auto _ : state) {
+        ZEListream in(b);
+        long sum = 0;
+        CString text;
+        for (std::size_t i = 0; i < records.size(); i++) {
+            Record r;
+            in >> r.number >> r.position >> r.size >> text;
+            sum += r.number + r.position + r.size + text[0];
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    Report(state, b.Size(), records.size());
+}
+
+// The same with the text read into the reader's own block.
+void ReadRecordsRaw(benchmark::State& state)
+{
+    const std::vector<Record> records = Records(static_cast<std::size_t>(state.range(0)));
+    Buffer b;
+    EncodeRecords(records, b);
+    for (auto _ : state) {
+        ZEListream in(b);
+        long sum = 0;
+        for (std::size_t i = 0; i < records.size(); i++) {
+            Record r;
+            unsigned short length = 0;
+            char text[RecordText + 1];
+            in >> r.number >> r.position >> r.size >> length;
+            in.read(text, RecordText);
+            benchmark::DoNotOptimize(text);
+            sum += r.number + r.position + r.size + length;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    Report(state, b.Size(), records.size());
+}
+
+void ReadRecordsFloor(benchmark::State& state)
+{
+    const std::vector<Record> records = Records(static_cast<std::size_t>(state.range(0)));
+    Buffer b;
+    EncodeRecords(records, b);
+    for (auto _ : state) {
+        const char* at = static_cast<const char*>(b.operator const void*());
+        const char* const end = at + b.Size();
+        long sum = 0;
+        for (std::size_t i = 0; i < records.size(); i++) {
+            Record r = {0, 0, 0};
+            unsigned short length = 0;
+            char text[RecordText + 1];
+            at = std::from_chars(at, end, r.number).ptr + 1;
+            at = std::from_chars(at, end, r.position).ptr + 1;
+            at = std::from_chars(at, end, r.size).ptr + 1;
+            at = std::from_chars(at, end, length).ptr + 1;
+            std::memcpy(text, at, RecordText);
+            at += RecordText;
+            benchmark::DoNotOptimize(text);
+            sum += r.number + r.position + r.size + length;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    Report(state, b.Size(), records.size());
+}
+
 void Sizes(benchmark::internal::Benchmark* b)
 {
     b->ArgName("MB")->Arg(1)->Arg(5)->Arg(20)->Unit(benchmark::kMillisecond);
@@ -182,6 +344,11 @@ BENCHMARK(WriteNumbers)->Apply(Sizes);
 BENCHMARK(WriteNumbersFloor)->Apply(Sizes);
 BENCHMARK(ReadStrings)->Apply(Sizes);
 BENCHMARK(ReadStringsFloor)->Apply(Sizes);
+BENCHMARK(WriteRecords)->ArgName("records")->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK(WriteRecordsFloor)->ArgName("records")->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK(ReadRecords)->ArgName("records")->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK(ReadRecordsRaw)->ArgName("records")->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK(ReadRecordsFloor)->ArgName("records")->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ReadOneRun, digits, '9')->Apply(Sizes);
 BENCHMARK_CAPTURE(ReadOneRun, blanks, ' ')->Apply(Sizes);
 

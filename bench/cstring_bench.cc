@@ -24,6 +24,19 @@ void Copy(benchmark::State& state)
     Report(state);
 }
 
+// What a copy and its end cost at least: a count that goes up and down.
+void CountFloor(benchmark::State& state)
+{
+    int count = 1;
+    for (auto _ : state) {
+        count++;
+        benchmark::DoNotOptimize(count);
+        count--;
+        benchmark::DoNotOptimize(count);
+    }
+    Report(state);
+}
+
 void MakeFromText(benchmark::State& state)
 {
     const std::string source(Length(state), 'x');
@@ -66,6 +79,32 @@ void AppendFloor(benchmark::State& state)
         char* text = static_cast<char*>(std::malloc(source.size() + 11));
         std::memcpy(text, source.c_str(), source.size());
         std::memcpy(text + source.size(), "0123456789", 11);
+        benchmark::DoNotOptimize(text);
+        benchmark::ClobberMemory();
+        std::free(text);
+    }
+    Report(state);
+}
+
+void AppendCharacter(benchmark::State& state)
+{
+    const CString source(std::string(Length(state), 'x').c_str());
+    for (auto _ : state) {
+        CString s(source);
+        s += 'y';
+        benchmark::DoNotOptimize(static_cast<const char*>(s));
+    }
+    Report(state);
+}
+
+void AppendCharacterFloor(benchmark::State& state)
+{
+    const std::string source(Length(state), 'x');
+    for (auto _ : state) {
+        char* text = static_cast<char*>(std::malloc(source.size() + 2));
+        std::memcpy(text, source.c_str(), source.size());
+        text[source.size()] = 'y';
+        text[source.size() + 1] = '\0';
         benchmark::DoNotOptimize(text);
         benchmark::ClobberMemory();
         std::free(text);
@@ -129,10 +168,13 @@ void Lengths(benchmark::internal::Benchmark* b)
 }
 
 BENCHMARK(Copy)->Apply(Lengths);
+BENCHMARK(CountFloor)->ArgName("bytes")->Arg(16);
 BENCHMARK(MakeFromText)->Apply(Lengths);
 BENCHMARK(CopyFloor)->Apply(Lengths);
 BENCHMARK(Append)->Apply(Lengths);
 BENCHMARK(AppendFloor)->Apply(Lengths);
+BENCHMARK(AppendCharacter)->ArgName("bytes")->Arg(64)->Arg(1024);
+BENCHMARK(AppendCharacterFloor)->ArgName("bytes")->Arg(64)->Arg(1024);
 BENCHMARK(Collect)->ArgName("bytes")->Arg(256)->Arg(4096)->Arg(65536);
 BENCHMARK(CollectFloor)->ArgName("bytes")->Arg(256)->Arg(4096)->Arg(65536);
 BENCHMARK(BufferAppend)->ArgName("bytes")->Arg(1 << 20)->Arg(5 << 20)->Arg(20 << 20);
