@@ -8,6 +8,7 @@
 #include <new>
 
 #include "Misc/Error/report.h"
+#include "Misc/FaultId/index.h"
 #include "Misc/detail/filestream.h"
 #include "Misc/detail/text.h"
 #include "Misc/nfstream.h"
@@ -16,6 +17,7 @@
 [[maybe_unused]] static const char* ModuleId() { return "$Id: FaultId.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const char OutOfStore[] = "orvlaf: out of free store";
+static const int IndexQuantity = 32; // below it a list is searched without an index
 
 FaultId::FaultId() : myId(0) {}
 
@@ -67,23 +69,23 @@ void FaultId::printOn(ZELostream& s) const
 
 void FaultId::scanFrom(ZEListream& s) { scanWhole(s); }
 
-// Whether a reader that stood at `before` has moved by at least `n` bytes; true where the stream cannot tell.
-static bool HasMoved(unsigned before, unsigned after, unsigned n) { return before == UINT_MAX || after - before >= n; }
-
-// Reads the three parts; true when the stream held all of them. A Buffer's stream does not say so by itself: a number
-// that is not there leaves it where it was, and a text may take the spare byte beyond the end.
+// Reads the three parts; true when the stream held all of them. The state of an istream tells, and to ask it where it
+// stands would be a system call. A Buffer does not say: a number that is not there leaves the position where it was, and
+// a text may take the spare byte beyond the end.
 bool FaultId::scanWhole(ZEListream& s)
 {
+    const bool isBuffer = s.readsBuffer();
     s.get(myId);
-    const unsigned atNodename = s.tellg();
+    const unsigned atNodename = isBuffer ? s.tellg() : 0;
     myNodename.scanFrom(s);
-    const unsigned atText = s.tellg();
+    const unsigned atText = isBuffer ? s.tellg() : 0;
     CString::scanFrom(s);
-    const unsigned atEnd = s.tellg();
+    if (!s.good() || s.eof())
+        return false;
     const unsigned least = 2; // bytes of a number, in every encoding
     // Where there is no whole number to begin with, there is none for the length of the node name either.
-    return s.good() && !s.eof() && HasMoved(atNodename, atText, least + myNodename.strlen()) &&
-           HasMoved(atText, atEnd, least + strlen());
+    return !isBuffer ||
+           (atText - atNodename >= least + myNodename.strlen() && s.tellg() - atText >= least + CString::strlen());
 }
 
 void FaultId::dumpOn(std::ostream& os) const
@@ -94,14 +96,34 @@ void FaultId::dumpOn(std::ostream& os) const
 
 ZELOO_DEFINE_ARRAY(FaultId);
 
-FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr)
+// The number alone: a program can write to the texts of an element, which it shares, but not to its number.
+static uint32_t NumberHash(const FaultId& f)
+{
+    return static_cast<uint32_t>(static_cast<uint64_t>(f.GetId()) * 0x9E3779B97F4A7C15U >> 32);
+}
+
+// All three parts, for as long as nobody else has seen an element.
+static uint32_t WholeHash(const FaultId& f)
+{
+    uint32_t hash = NumberHash(f);
+    for (const char* text : {static_cast<const char*>(f), static_cast<const char*>(f.GetNodeName())})
+        for (; *text != '\0'; text++)
+            hash = (hash ^ static_cast<unsigned char>(*text)) * 16777619U;
+    return hash;
+}
+
+FaultIdList::FaultIdList(const char* filename) : MyFileName(filename), MyIndex(0), FaultIds(nullptr), index(nullptr)
 {
     if (MyFileName.strlen() == 0 && *zeloo::TextOrEmpty(filename) != '\0')
         _ReportError(WARNING, OUT_OF_MEMORY, filename, ZELOO_HERE);
     makeArray();
 }
 
-FaultIdList::~FaultIdList() { delete FaultIds; }
+FaultIdList::~FaultIdList()
+{
+    dropIndex();
+    delete FaultIds;
+}
 
 short FaultIdList::MyQuantity() const { return FaultIds != nullptr ? static_cast<short>(FaultIds->Quantity()) : -1; }
 
@@ -116,16 +138,20 @@ void FaultIdList::AddFaultId(const FaultId& f)
 {
     if (FaultIds == nullptr)
         makeArray();
-    if (FaultIds == nullptr || find(f) >= 0)
+    if (FaultIds == nullptr || has(f))
         return;
     if (FaultIds->Quantity() == SHRT_MAX) {
         _ReportError(WARNING, TOO_MANY_FAULTS, f, ZELOO_HERE);
         return;
     }
-    if (FaultId* copy = new (std::nothrow) FaultId(f))
-        FaultIds->AddItem(copy);
-    else
+    FaultId* copy = new (std::nothrow) FaultId(f);
+    if (copy == nullptr) {
         _ReportError(WARNING, OUT_OF_MEMORY, OutOfStore, ZELOO_HERE);
+        return;
+    }
+    FaultIds->AddItem(copy);
+    if (index != nullptr && !index->Add(copy))
+        dropIndex();
 }
 
 void FaultIdList::DeleteOne(const FaultId& f)
@@ -133,6 +159,8 @@ void FaultIdList::DeleteOne(const FaultId& f)
     const int at = find(f);
     if (at < 0)
         return;
+    if (index != nullptr)
+        index->Remove(element(at));
     FaultIds->RemoveAt(static_cast<unsigned>(at));
     if (at < MyIndex)
         MyIndex--;
@@ -143,15 +171,18 @@ void FaultIdList::printOn(ZELostream& s) const
     const short quantity = MyQuantity();
     s.put(quantity);
     for (int i = 0; i < quantity; i++)
-        (*FaultIds)[i]->printOn(s);
+        element(i)->printOn(s);
 }
 
 void FaultIdList::scanFrom(ZEListream& s)
 {
+    dropIndex();
     if (FaultIds != nullptr)
         FaultIds->DeleteAllItems();
     short quantity = 0; // what a quantity that does not parse leaves
     s.get(quantity);
+    if (quantity >= IndexQuantity)
+        index = new (std::nothrow) zeloo::FaultIndex(WholeHash);
     for (int i = 0; i < quantity && s.good(); i++) {
         FaultId f;
         if (f.scanWhole(s))
@@ -159,6 +190,7 @@ void FaultIdList::scanFrom(ZEListream& s)
         else
             s.SetReadErrorFlag();
     }
+    dropIndex(); // from here on a program can see the elements
 }
 
 void FaultIdList::Load()
@@ -201,7 +233,7 @@ void FaultIdList::dumpOn(std::ostream& os) const
         return;
     os << "FaultIdList: Quantity = " << MyQuantity() << "; CurrIndex = " << MyIndex << std::endl;
     for (int i = 0; i < MyQuantity(); i++)
-        os << static_cast<const char*>(*(*FaultIds)[i]) << std::endl;
+        os << static_cast<const char*>(*element(i)) << std::endl;
 }
 
 void FaultIdList::makeArray()
@@ -211,12 +243,49 @@ void FaultIdList::makeArray()
         _ReportError(WARNING, OUT_OF_MEMORY, OutOfStore, ZELOO_HERE);
 }
 
-// The index of the first element equal to `f`, or -1.
-int FaultIdList::find(const FaultId& f) const
+// Whether there is an index of the elements, once it has been made where it is worth it and there is memory.
+bool FaultIdList::makeIndex()
+{
+    const int quantity = MyQuantity();
+    if (index != nullptr || quantity < IndexQuantity)
+        return index != nullptr;
+    index = new (std::nothrow) zeloo::FaultIndex(NumberHash);
+    for (int i = 0; i < quantity && index != nullptr; i++)
+        if (!index->Add(element(i)))
+            dropIndex();
+    return index != nullptr;
+}
+
+void FaultIdList::dropIndex()
+{
+    delete index;
+    index = nullptr;
+}
+
+const FaultId* FaultIdList::element(int i) const { return (*FaultIds)[i]; }
+
+int FaultIdList::linearFind(const FaultId& f) const
 {
     const int quantity = MyQuantity();
     for (int i = 0; i < quantity; i++)
-        if (*(*FaultIds)[i] == f)
+        if (*element(i) == f)
             return i;
     return -1;
 }
+
+// The index of the first element equal to `f`, or -1.
+int FaultIdList::find(const FaultId& f)
+{
+    if (!makeIndex())
+        return linearFind(f);
+    unsigned count = 0;
+    const FaultId* found = index->Find(f, count);
+    if (count > 1) // only where a program has written to a text
+        return linearFind(f);
+    int i = count == 0 ? -1 : 0;
+    while (i >= 0 && element(i) != found)
+        i++;
+    return i;
+}
+
+bool FaultIdList::has(const FaultId& f) { return makeIndex() ? index->Has(f) : linearFind(f) >= 0; }

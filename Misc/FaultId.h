@@ -80,6 +80,10 @@ public:
     using SafeArrayIter<FaultId>::SafeArrayIter;
 };
 
+namespace zeloo {
+class FaultIndex;
+}
+
 /// What heads a fault record: its group and its own identifier. Programs add to it.
 struct ZELOO_API FaultHdr {
     FaultId groupid;
@@ -97,7 +101,8 @@ public:
 /// A set of fault identifiers, in the order in which they were added, with a read cursor and a file. The file has the
 /// format of onfstream: the quantity as a short, then each element. Nothing in a file or stream is trusted.
 ///
-/// A set holds at most 32767 elements, since quantity and cursor are shorts. Finding an element is a linear search.
+/// A set holds at most 32767 elements, since quantity and cursor are shorts. To find an element costs a look at those of
+/// the same number, which differ in their nodes. To delete one moves those behind it.
 /// Without memory for its array (WARNING report, OUT_OF_MEMORY) a set has no elements and the quantity -1 until an
 /// AddFaultId finds some.
 class ZELOO_API FaultIdList : public ErrorReporter {
@@ -148,11 +153,17 @@ public:
 
 private:
     void makeArray();
-    int find(const FaultId& f) const;
+    bool makeIndex();
+    void dropIndex();
+    const FaultId* element(int i) const;
+    int linearFind(const FaultId& f) const;
+    int find(const FaultId& f);
+    bool has(const FaultId& f);
 
     CString MyFileName;
     int16_t MyIndex;            // of the element that GetNext gives next
     FaultIdSafeArray* FaultIds; // owned; null when memory failed
+    zeloo::FaultIndex* index;   // owned, of all elements; null when there is none
 };
 
 #endif

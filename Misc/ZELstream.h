@@ -9,6 +9,7 @@
 #include "Misc/export.h"
 
 class Buffer;
+class FaultId;
 
 /// Writes objects to an ostream or into a Buffer. The encoding of an object is that of its members, one after the
 /// other: a number is its decimal text and `|`; a character or a run of bytes is itself. There is no framing, type
@@ -120,6 +121,8 @@ public:
     ZEListream& operator>>(unsigned long& n) { return get(n), *this; }
 
 private:
+    friend class FaultId; // asks whether the stream itself tells that bytes were missing
+    bool readsBuffer() const { return mystrm == nullptr; }
     template <class N>
     ZELOO_LOCAL void getNumber(N& n);
 

@@ -3,11 +3,13 @@
 #include "Misc/nfstream.h"
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -753,6 +755,105 @@ TEST(FaultIdList, AFullListRefusesOneMoreWithAReport)
     list.DeleteOne(FaultId());
     list.AddFaultId(FaultId(1, "beta"));
     EXPECT_EQ(Text(*list.GetNext()), "beta/00000001");
+}
+
+// A list of many is searched in another way than one of few.
+TEST(FaultIdList, AListOfManyIsTheSetThatAListOfFewIs)
+{
+    std::mt19937 random(7);
+    FaultIdList list("");
+    std::vector<FaultId> model;
+    for (int i = 0; i < 20000; i++) {
+        const bool isGrowing = i / 2500 % 2 == 0;
+        const FaultId f(static_cast<long>(random() % 300) - 150, ("n" + std::to_string(random() % 5)).c_str());
+        const auto at = std::find(model.begin(), model.end(), f);
+        if (random() % 4 != 0 ? isGrowing : !isGrowing) {
+            list.AddFaultId(f);
+            if (at == model.end())
+                model.push_back(f);
+        } else {
+            list.DeleteOne(f);
+            if (at != model.end())
+                model.erase(at);
+        }
+        ASSERT_EQ(list.MyQuantity(), static_cast<short>(model.size())) << i;
+    }
+    ASSERT_GT(model.size(), 32u);
+    for (const FaultId& f : model) {
+        const FaultId* next = list.GetNext();
+        ASSERT_NE(next, nullptr);
+        EXPECT_TRUE(*next == f);
+    }
+}
+
+TEST(FaultIdList, AListOfManySeesWhatIsWrittenToItsTexts)
+{
+    FaultIdList list("");
+    const FaultId shared(200, "n");
+    list.AddFaultId(shared);
+    Fill(list, 100);
+    shared[0] = 'm'; // which changes every string that shares the text
+    list.AddFaultId(shared);
+    EXPECT_EQ(list.MyQuantity(), 101);
+    list.AddFaultId(FaultId(200, "n"));
+    EXPECT_EQ(list.MyQuantity(), 102);
+    shared[0] = 'n'; // now there are two of them
+    EXPECT_EQ(list.GetNext()->GetId(), 200);
+    list.DeleteOne(FaultId(200, "n"));
+    EXPECT_EQ(list.MyQuantity(), 101);
+    EXPECT_EQ(list.GetNext()->GetId(), 1) << "the first of them has gone, which was before the cursor";
+    list.DeleteOne(FaultId(200, "n"));
+    EXPECT_EQ(list.MyQuantity(), 100);
+    list.DeleteOne(FaultId(200, "n"));
+    EXPECT_EQ(list.MyQuantity(), 100);
+}
+
+// Reads `n` elements by a stream over a Buffer.
+void Scan(FaultIdList& list, int n)
+{
+    FaultIdList source("");
+    Fill(source, n);
+    Buffer b;
+    {
+        ZELostream out(b);
+        source.printOn(out);
+    }
+    ZEListream in(b);
+    list.scanFrom(in);
+}
+
+TEST(FaultIdList, AListOfManyNeedsNoMemoryToBeSearched)
+{
+    FaultIdList source("");
+    Fill(source, 100);
+    std::vector<FaultId> ids; // whose texts are made while there is memory
+    while (const FaultId* id = source.GetNext())
+        ids.push_back(*id);
+    FaultIdList list("");
+    const auto addAll = [&] {
+        for (const FaultId& id : ids)
+            list.AddFaultId(id);
+    };
+    Scan(list, 200); // the array keeps its slots
+    Scan(list, 60);
+    {
+        const MemoryFailure failure = MemoryFailure::Of(NewArray);
+        list.AddFaultId(ids[59]);
+        EXPECT_TRUE(failure.HasHappened());
+        EXPECT_EQ(list.MyQuantity(), 60);
+        list.DeleteOne(ids[0]);
+        EXPECT_EQ(list.MyQuantity(), 59);
+    }
+    list.AddFaultId(ids[59]);
+    {
+        const MemoryFailure failure = MemoryFailure::Of(NewArray);
+        addAll();
+        EXPECT_TRUE(failure.HasHappened());
+    }
+    EXPECT_EQ(list.MyQuantity(), 100);
+    addAll();
+    EXPECT_EQ(list.MyQuantity(), 100);
+    EXPECT_EQ(list.GetNext()->GetId(), 2);
 }
 
 TEST(FaultIdList, WithoutMemoryForItsArrayTheQuantityIsMinusOne)
