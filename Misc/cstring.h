@@ -16,7 +16,7 @@ class ZELostream;
 /// The text that one or several CStrings share. Only CString makes and sees one.
 struct ZELOO_API CStringRep {
     int32_t count; // the CStrings that share this text
-    char* rep;     // owned, `len` + 1 characters, terminated; null only when memory failed in a constructor
+    char* rep;     // `len` + 1 characters, terminated; null only when memory failed in a constructor
     uint32_t len;  // the length of the text when the representation was made
 
     /// The empty text, with a count of 1.
@@ -32,6 +32,9 @@ struct ZELOO_API CStringRep {
     CStringRep(unsigned n);
     ~CStringRep();
 
+    /// Releases the block of a representation, which may hold its text too.
+    static void operator delete(void* block) { ::operator delete(block); }
+
     /// A representation that one string may write to: this one while it has no second user; otherwise a new one
     /// with a count of 1, holding a copy of the text (`copy` non-zero) or unfilled room of the same length (`copy`
     /// 0). The count of this one is not lowered. Stops the process when memory fails.
@@ -41,6 +44,17 @@ struct ZELOO_API CStringRep {
     void dumpOn(std::ostream& os) const;
 
     CStringRep& operator=(const CStringRep&) = delete;
+
+private:
+    friend class CString;
+    // A representation with a count of 1 and room for a text of `n` characters, terminated at `n` but not filled; but for
+    // long texts it is one block. Null without memory, or for an `n` that does not fit 32 bits.
+    static CStringRep* make(uint64_t n);
+    static CStringRep* makeLong(uint64_t n);
+    CStringRep(char* text, uint32_t n, bool owns) : count(1), rep(text), len(n), ownsRep(owns), isOpen(false) {}
+
+    bool ownsRep; // the text has a block of its own, which is deleted with the representation
+    bool isOpen;  // somebody may have written to a character, a zero byte too
 };
 
 /// A text of up to 4,294,967,294 characters. Copying shares the text; every change makes a text of its own for the
@@ -64,7 +78,7 @@ public:
     /// Writes the length as an unsigned short, then the characters without a terminator. A text longer than 65,535
     /// characters is cut to its length modulo 65,536, with a warning on standard output.
     virtual void printOn(ZELostream& s) const;
-    virtual ~CString();
+    virtual ~CString() { delete_cp(); }
 
     CString();
     /// A copy of `s`; the empty string when `s` is null.
@@ -73,9 +87,16 @@ public:
     CString(const char* s, unsigned n);
     /// The bytes of `b` up to the first zero byte.
     CString(const Buffer& b);
-    CString(const CString& s);
+    CString(const CString& s) : cp(s.cp != nullptr ? s.cp : sharedEmpty()) { cp->count++; }
     CString& operator=(const char* s);
-    CString& operator=(const CString& s);
+    CString& operator=(const CString& s)
+    {
+        CStringRep* r = s.cp;
+        r->count++; // first: it may be this string's own
+        delete_cp();
+        cp = r;
+        return *this;
+    }
     /// The bytes of `b` up to the first zero byte.
     CString& operator=(const Buffer& b);
 
@@ -85,7 +106,11 @@ public:
     operator const char*() const { return cp->rep; }
     /// The character at `i`, which is not checked against the length. Writing to it changes every string that
     /// shares the text.
-    char& operator[](unsigned i) const { return cp->rep[i]; }
+    char& operator[](unsigned i) const
+    {
+        cp->isOpen = true;
+        return cp->rep[i];
+    }
     /// The same for an index of any integral type, so that none is taken for a subscript of the `const char*`.
     template <class Index, class = std::enable_if_t<std::is_integral_v<Index> || std::is_enum_v<Index>>>
     char& operator[](Index i) const
@@ -197,12 +222,22 @@ private:
     {
         return a == nullptr || b == nullptr ? (a != nullptr) - (b != nullptr) : std::strcmp(a, b);
     }
+    static CStringRep* sharedEmpty();
     static CStringRep* get_emptyRep();
     static CStringRep* newRep(const char* s, uint64_t n);
-    void delete_cp();
-    void takeOver(char* text);
+    static void drop(CStringRep* r);
+    void delete_cp()
+    {
+        if (--cp->count < 1)
+            drop(cp);
+        cp = nullptr;
+    }
+    void adopt(CStringRep* r);
     template <class Fill>
     ZELOO_LOCAL void rebuild(uint64_t n, Fill fill);
+    uint32_t wholeLength() const;
+    void settle(CStringRep* r, uint32_t before, uint64_t added);
+    void append(const char* s, uint64_t n, uint64_t whole);
     void splice(unsigned pos, unsigned removed, const char* s, uint64_t n);
     void convert(int copy, int (*conversion)(int));
 

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstring>
 
+#include "Misc/cstring/make.h"
 #include "Misc/detail/text.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -13,11 +14,11 @@
 template <class Fill>
 void CString::rebuild(uint64_t n, Fill fill)
 {
-    char* text = zeloo::NewRoom(n);
-    if (text == nullptr)
+    CStringRep* r = CStringRep::make(n);
+    if (r == nullptr)
         return;
-    *fill(text) = '\0';
-    takeOver(text);
+    *fill(r->rep) = '\0';
+    adopt(r);
 }
 
 // Replaces the `removed` characters at `pos` by the `n` characters at `s`. REQUIRES: `pos` + `removed` is at most the

@@ -3,7 +3,7 @@
 #include <cctype>
 #include <cstring>
 
-#include "Misc/detail/text.h"
+#include "Misc/cstring/make.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -102,16 +102,20 @@ void CString::toEscape(short mode)
 {
     if (cp->len == 0)
         return;
-    char* text = zeloo::NewRoom(EscapedLength(cp->rep, mode));
-    if (text != nullptr)
-        takeOver(literal_to_escape(text, cp->rep, mode));
+    CStringRep* r = CStringRep::make(EscapedLength(cp->rep, mode));
+    if (r == nullptr)
+        return;
+    literal_to_escape(r->rep, cp->rep, mode);
+    adopt(r);
 }
 
 void CString::toLiteral()
 {
     if (cp->len == 0)
         return;
-    char* text = zeloo::NewRoom(cp->len);
-    if (text != nullptr)
-        takeOver(escape_to_literal(text, cp->rep));
+    CStringRep* r = CStringRep::make(cp->len);
+    if (r == nullptr)
+        return;
+    escape_to_literal(r->rep, cp->rep);
+    adopt(r);
 }

@@ -6,6 +6,7 @@
 
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
+#include "Misc/cstring/make.h"
 #include "Misc/detail/assertion.h"
 #include "Misc/detail/filestream.h"
 #include "Misc/detail/immortal.h"
@@ -17,13 +18,13 @@ using zeloo::TextOrEmpty;
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: cstring.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-CStringRep::CStringRep() : count(1), rep(NewRoom(0)), len(0)
+CStringRep::CStringRep() : count(1), rep(NewRoom(0)), len(0), ownsRep(true), isOpen(true)
 {
     if (rep != nullptr)
         rep[0] = '\0';
 }
 
-CStringRep::CStringRep(const char* s) : count(1), rep(nullptr), len(0)
+CStringRep::CStringRep(const char* s) : count(1), rep(nullptr), len(0), ownsRep(true), isOpen(true)
 {
     const uint64_t n = std::strlen(s);
     rep = NewRoom(n);
@@ -33,34 +34,53 @@ CStringRep::CStringRep(const char* s) : count(1), rep(nullptr), len(0)
     len = static_cast<uint32_t>(n);
 }
 
-CStringRep::CStringRep(char** p) : count(1), rep(*p), len(static_cast<uint32_t>(std::strlen(*p))) { *p = nullptr; }
+CStringRep::CStringRep(char** p)
+    : count(1), rep(*p), len(static_cast<uint32_t>(std::strlen(*p))), ownsRep(true), isOpen(true)
+{
+    *p = nullptr;
+}
 
 CStringRep::CStringRep(const CStringRep& r)
-    : count(0), rep(r.rep != nullptr ? NewRoom(r.len) : nullptr), len(rep != nullptr ? r.len : 0)
+    : count(0), rep(r.rep != nullptr ? NewRoom(r.len) : nullptr), len(rep != nullptr ? r.len : 0), ownsRep(true),
+      isOpen(true)
 {
     if (rep != nullptr)
         std::memcpy(rep, r.rep, len + uint64_t{1});
 }
 
-CStringRep::CStringRep(unsigned n) : count(0), rep(NewRoom(n)), len(rep != nullptr ? n : 0)
+CStringRep::CStringRep(unsigned n) : count(0), rep(NewRoom(n)), len(rep != nullptr ? n : 0), ownsRep(true), isOpen(true)
 {
     if (rep != nullptr)
         rep[len] = '\0';
 }
 
-CStringRep::~CStringRep() { delete[] rep; }
+CStringRep::~CStringRep()
+{
+    if (ownsRep)
+        delete[] rep;
+}
+
+CStringRep* CStringRep::makeLong(uint64_t n)
+{
+    char* text = NewRoom(n);
+    if (text == nullptr)
+        return nullptr;
+    text[n] = '\0';
+    CStringRep* r = new (std::nothrow) CStringRep(text, static_cast<uint32_t>(n), true);
+    if (r == nullptr)
+        delete[] text;
+    return r;
+}
 
 CStringRep* CStringRep::clone(int copy)
 {
     if (count < 2)
         return this;
-    CStringRep* t = copy ? new (std::nothrow) CStringRep(*this) : new (std::nothrow) CStringRep(len);
-    if (t != nullptr && t->rep == nullptr) {
-        delete t;
-        t = nullptr;
-    }
+    CStringRep* t = make(len);
     ZELOO_REQUIRE(t != NULL, "Misc/cstring");
-    t->count = 1;
+    t->isOpen = isOpen;
+    if (copy)
+        std::memcpy(t->rep, rep, len + std::size_t{1});
     return t;
 }
 
@@ -76,17 +96,16 @@ ZELostream& CString::ObjectWrite(ZELostream& s) const { return printOn(s), s; }
 
 void CString::scanFrom(ZEListream& s)
 {
-    *this = "";
     unsigned short expected = 0; // what a length that does not parse leaves
     s.get(expected);
-    if (expected == 0)
+    CStringRep* r = expected != 0 ? CStringRep::make(expected) : nullptr;
+    if (r == nullptr) {
+        *this = "";
         return;
-    char* text = NewRoom(expected);
-    if (text == nullptr)
-        return;
-    const int got = std::min(std::max(s.read(text, expected), 0), static_cast<int>(expected));
-    text[got] = '\0';
-    takeOver(text);
+    }
+    const int got = std::min(std::max(s.read(r->rep, expected), 0), static_cast<int>(expected));
+    r->rep[got] = '\0';
+    adopt(r);
     if (got < expected) {
         std::cout << "Error: short read in Cstring scanFrom. read: " << got << " expected: " << expected << std::endl;
         s.SetReadErrorFlag();
@@ -119,56 +138,66 @@ struct LastResort {
 
 } // namespace
 
-CStringRep* CString::get_emptyRep()
+// The empty representation, made when there is none. The caller counts as its user only when it says so.
+CStringRep* CString::sharedEmpty()
 {
     if (emptyRep == nullptr) {
-        emptyRep = new (std::nothrow) CStringRep;
-        if (emptyRep != nullptr && emptyRep->rep != nullptr) {
+        emptyRep = CStringRep::make(0);
+        if (emptyRep != nullptr)
             emptyRep->count = 0;
-        } else {
-            delete emptyRep;
+        else
             emptyRep = &zeloo::Immortal<LastResort>().rep;
-        }
     }
-    emptyRep->count++;
     return emptyRep;
 }
 
-// A representation of the `n` characters at `s`, the empty one when there are none or memory fails.
+CStringRep* CString::get_emptyRep()
+{
+    CStringRep* r = sharedEmpty();
+    r->count++;
+    return r;
+}
+
+// A representation of the `n` characters at `s`, none of them 0; the empty one when there are none or memory fails.
 CStringRep* CString::newRep(const char* s, uint64_t n)
 {
-    char* text = n == 0 ? nullptr : NewRoom(n);
-    if (text == nullptr)
-        return get_emptyRep();
-    std::memcpy(text, s, n);
-    text[n] = '\0';
-    CStringRep* r = new (std::nothrow) CStringRep(&text);
-    delete[] text; // null unless memory failed
-    return r != nullptr ? r : get_emptyRep();
-}
-
-void CString::delete_cp()
-{
-    if (--cp->count < 1) {
-        if (cp == emptyRep)
-            emptyRep = nullptr;
-        delete cp;
-    }
-    cp = nullptr;
-}
-
-// Makes `text`, a new[] block, the text of this string. Without memory the string stays as it is.
-void CString::takeOver(char* text)
-{
-    CStringRep* r = new (std::nothrow) CStringRep(&text);
-    delete[] text; // null unless memory failed
+    CStringRep* r = n == 0 ? nullptr : CStringRep::make(n);
     if (r == nullptr)
-        return;
+        return get_emptyRep();
+    std::memcpy(r->rep, s, n);
+    return r;
+}
+
+// Frees a representation that nobody uses.
+void CString::drop(CStringRep* r)
+{
+    if (r == emptyRep)
+        emptyRep = nullptr;
+    delete r;
+}
+
+// The number of characters before the first zero byte, of which there is none where nobody could have written it.
+uint32_t CString::wholeLength() const
+{
+    return cp->isOpen ? static_cast<uint32_t>(strnlen(cp->rep, cp->len)) : cp->len;
+}
+
+// Makes the text of `r` that of this string: this one's, of length `before`, with `added` characters behind it.
+void CString::settle(CStringRep* r, uint32_t before, uint64_t added)
+{
+    const uint32_t whole = wholeLength();
+    r->len = whole < before ? whole : before + static_cast<uint32_t>(added);
     delete_cp();
     cp = r;
 }
 
-CString::~CString() { delete_cp(); }
+// Makes the text of `r`, which ends at its first zero byte, that of this string.
+void CString::adopt(CStringRep* r)
+{
+    r->len = static_cast<uint32_t>(strnlen(r->rep, r->len));
+    delete_cp();
+    cp = r;
+}
 
 CString::CString() : cp(get_emptyRep()) {}
 
@@ -182,26 +211,9 @@ CString::CString(const Buffer& b) : cp(nullptr)
     cp = newRep(data, strnlen(TextOrEmpty(data), b.Size()));
 }
 
-CString::CString(const CString& s) : cp(s.cp)
-{
-    if (cp == nullptr)
-        cp = get_emptyRep();
-    else
-        cp->count++;
-}
-
 CString& CString::operator=(const char* s)
 {
     CStringRep* r = newRep(s, std::strlen(TextOrEmpty(s))); // first: `s` may lie in the text to be released
-    delete_cp();
-    cp = r;
-    return *this;
-}
-
-CString& CString::operator=(const CString& s)
-{
-    CStringRep* r = s.cp;
-    r->count++; // first: it may be this string's own
     delete_cp();
     cp = r;
     return *this;
@@ -236,22 +248,41 @@ CString CString::operator+(const CString& s) const
 
 CString& CString::operator+=(const char* s)
 {
-    if (s != nullptr && *s != '\0')
-        splice(cp->len, 0, s, std::strlen(s));
+    const std::size_t n = std::strlen(TextOrEmpty(s));
+    if (n != 0)
+        append(s, n, n);
     return *this;
 }
 
 CString& CString::operator+=(const CString& s)
 {
     if (s.cp->len != 0)
-        splice(cp->len, 0, s.cp->rep, s.cp->len);
+        append(s.cp->rep, s.cp->len, s.wholeLength());
     return *this;
 }
 
 CString& CString::operator+=(const char& c)
 {
-    splice(cp->len, 0, &c, 1);
+    const uint32_t before = cp->len;
+    CStringRep* r = CStringRep::make(uint64_t{before} + 1);
+    if (r == nullptr)
+        return *this;
+    std::memcpy(r->rep, cp->rep, before);
+    r->rep[before] = c;
+    settle(r, before, c != '\0');
     return *this;
+}
+
+// Appends the `n` characters at `s`, which may lie in the text; `whole` of them stand before the first zero byte.
+void CString::append(const char* s, uint64_t n, uint64_t whole)
+{
+    const uint32_t before = cp->len;
+    CStringRep* r = CStringRep::make(before + n);
+    if (r == nullptr)
+        return;
+    std::memcpy(r->rep, cp->rep, before);
+    std::memcpy(r->rep + before, s, n);
+    settle(r, before, whole);
 }
 
 char* CString::EncloseWithQuotes(const char* s)
