@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <istream>
+#include <limits>
 #include <new>
 #include <ostream>
 #include <type_traits>
@@ -15,20 +16,28 @@
 [[maybe_unused]] static const char* ModuleId() { return "$Id: ZELstream.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 static const unsigned StagingSize = 1024;
+static const unsigned LongestNumber =
+    24; // a sign and 19 digits, or 20 digits; the delimiter, of two characters at most
 static const unsigned LongestChunk = 2147483647; // of one read or write on a standard stream
 
-template <class N>
-void ZELostream::putNumber(N n, const char* delimiter)
+template <class N, unsigned Size>
+void ZELostream::putNumber(N n, const char (&delimiter)[Size])
 {
     if (mystrm != nullptr) {
         *mystrm << n << '|';
         return;
     }
-    char text[32]; // a sign, 19 digits or none and 20, and the delimiter
-    char* end = std::to_chars(text, text + sizeof text, n).ptr;
-    while (*delimiter != '\0')
-        *end++ = *delimiter++;
-    localbuf_add(text, static_cast<unsigned>(end - text));
+    char text[LongestNumber];
+    // In its place, but where it might not fit: from there the shorter of them are staged all the same.
+    const bool isInPlace = stagingSize - localbufpos >= LongestNumber;
+    char* const start = isInPlace ? staging + localbufpos : text;
+    char* end = std::to_chars(start, start + LongestNumber, n).ptr;
+    std::memcpy(end, delimiter, Size - 1);
+    end += Size - 1;
+    if (isInPlace)
+        localbufpos += static_cast<uint32_t>(end - start);
+    else
+        localbuf_add(text, static_cast<unsigned>(end - text));
 }
 
 void ZELostream::put(char c)
@@ -68,14 +77,29 @@ int ZELostream::write(const char* p, unsigned n)
     return static_cast<int>(n);
 }
 
-ZELostream::ZELostream(std::ostream& s) : mystrm(&s), buf(nullptr), localbufpos(0), localbuf(nullptr) {}
+ZELostream::ZELostream(std::ostream& s)
+    : mystrm(&s), buf(nullptr), localbufpos(0), localbuf(nullptr), staging(nullptr), stagingSize(0)
+{
+}
 
 ZELostream::ZELostream(Buffer& theBuf)
     : mystrm(nullptr), buf(&theBuf), localbufpos(0), localbuf(new (std::nothrow) Buffer(StagingSize))
 {
+    findStaging();
 }
 
 void ZELostream::localbuf_add(const void* p, const unsigned n)
+{
+    if (n > stagingSize - localbufpos || p == nullptr) {
+        stageElsewhere(p, n);
+        return;
+    }
+    std::memcpy(staging + localbufpos, p, n);
+    localbufpos += n;
+}
+
+// Stages what does not fit behind the bytes that are staged.
+void ZELostream::stageElsewhere(const void* p, unsigned n)
 {
     if (localbuf == nullptr) { // no memory for it
         buf->Append(p, n);
@@ -84,10 +108,17 @@ void ZELostream::localbuf_add(const void* p, const unsigned n)
     if (uint64_t{localbufpos} + n > localbuf->Size())
         flush();
     localbuf->PutDataAt(localbufpos, p, n);
+    findStaging();
     if (uint64_t{localbufpos} + n <= localbuf->Size())
         localbufpos += n;
     else
         buf->Append(p, n); // the staging area is empty and cannot grow
+}
+
+void ZELostream::findStaging()
+{
+    stagingSize = localbuf != nullptr ? localbuf->Size() : 0;
+    staging = stagingSize != 0 ? &(*localbuf)[0u] : nullptr;
 }
 
 void ZELostream::flush()
@@ -128,6 +159,25 @@ static const char* ParseNumber(const char* at, const char* end, N& n)
     return digits.ptr;
 }
 
+// The same for what a ZELostream writes of any but the largest numbers: a sign at most, digits that every `long` has room
+// for, and the delimiter. Null for all else.
+template <class N>
+static const char* ParsePlainNumber(const char* at, const char* end, N& n)
+{
+    const bool isNegative = at != end && *at == '-';
+    at += isNegative;
+    const int most = std::numeric_limits<long>::digits10;
+    const char* const longest = end - at > most ? at + most + 1 : end;
+    unsigned long magnitude = 0;
+    const char* digit = at;
+    for (; digit != longest && static_cast<unsigned char>(*digit - '0') <= 9; digit++)
+        magnitude = magnitude * 10 + static_cast<unsigned char>(*digit - '0');
+    if (digit == at || digit == longest || *digit != '|')
+        return nullptr;
+    n = static_cast<N>(isNegative ? -magnitude : magnitude);
+    return digit;
+}
+
 template <class N>
 void ZEListream::getNumber(N& n)
 {
@@ -140,7 +190,9 @@ void ZEListream::getNumber(N& n)
         return;
     const char* start = static_cast<const char*>(buf->operator const void*());
     const char* end = start + buf->Size();
-    const char* at = ParseNumber(start + position, end, n);
+    const char* at = ParsePlainNumber(start + position, end, n);
+    if (at == nullptr)
+        at = ParseNumber(start + position, end, n);
     if (at != nullptr && at != end && *at == '|')
         position = static_cast<uint32_t>(at + 1 - start);
 }
@@ -177,6 +229,11 @@ int ZEListream::read(char* p, unsigned n)
         return static_cast<int>(got);
     }
     const uint32_t size = buf->Size();
+    if (position < size && n <= size - position && p != nullptr) {
+        std::memmove(p, static_cast<const char*>(buf->operator const void*()) + position, n);
+        position += n;
+        return static_cast<int>(n);
+    }
     const uint32_t available = size - position + 1; // one more than there are, in 32 bits: intended
     const uint32_t count = std::min(n, available);
     const uint32_t inside = position < size ? std::min(count, size - position) : 0;

@@ -58,13 +58,18 @@ public:
     ZELostream& operator<<(unsigned long n) { return put(n), *this; }
 
 private:
-    template <class N>
-    ZELOO_LOCAL void putNumber(N n, const char* delimiter);
+    template <class N, unsigned Size>
+    ZELOO_LOCAL void putNumber(N n, const char (&delimiter)[Size]);
+
+    ZELOO_LOCAL void stageElsewhere(const void* p, unsigned n);
+    ZELOO_LOCAL void findStaging();
 
     std::ostream* mystrm; // null for a Buffer
     Buffer* buf;          // not owned; null for an ostream
     uint32_t localbufpos; // bytes staged
     Buffer* localbuf;     // owned, the staging area; null for an ostream
+    char* staging;        // the bytes of localbuf, and how many there are
+    uint32_t stagingSize;
 };
 
 /// Reads what a ZELostream wrote, from an istream or a Buffer. The source is not trusted: no byte outside the Buffer
