@@ -1,6 +1,7 @@
 #include "Misc/SafeArray.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 #include "Misc/Error/report.h"
@@ -19,7 +20,7 @@ SafeArrayBase::SafeArrayBase(unsigned initialCapacity) : isPurgeable(0), myQuant
     Expand(static_cast<int>(initialCapacity));
 }
 
-SafeArrayBase::~SafeArrayBase() { delete[] list; }
+SafeArrayBase::~SafeArrayBase() { std::free(list); }
 
 void SafeArrayBase::dumpOn(std::ostream& os) const
 {
@@ -29,7 +30,8 @@ void SafeArrayBase::dumpOn(std::ostream& os) const
         os << "list[" << i << "] = " << list[i] << '\n';
 }
 
-void SafeArrayBase::AddPtr(void* v)
+// AddPtr for a full array or a null pointer.
+void SafeArrayBase::addWithGrowth(void* v)
 {
     ZELOO_ASSERT(v != NULL, "Misc/SafeArray");
     if (myQuantity >= myCapacity)
@@ -115,19 +117,21 @@ void SafeArrayBase::Expand(int delta)
     if (capacity == myCapacity)
         return;
 
-    void** slots = nullptr;
-    if (capacity != 0) {
-        slots = new (std::nothrow) void*[capacity];
+    if (capacity == 0) {
+        std::free(list);
+        list = nullptr;
+    } else {
+        // The host moves the pages of a large block instead of copying it.
+        void* slots = std::realloc(list, capacity * sizeof(void*));
         if (slots == nullptr) {
             zeloo::Report(ErrorReporter::PANIC, ErrorReporter::OUT_OF_MEMORY, 0, ZELOO_HERE,
                           "Memory allocation failure in SafeArray::Expand().");
             return;
         }
-        std::copy_n(list, myQuantity, slots);
-        std::fill(slots + myQuantity, slots + capacity, nullptr);
+        list = static_cast<void**>(slots);
+        if (capacity > myCapacity)
+            std::fill(list + myCapacity, list + capacity, nullptr);
     }
-    delete[] list;
-    list = slots;
     myCapacity = capacity;
 }
 

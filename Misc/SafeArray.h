@@ -41,7 +41,13 @@ public:
     /// Appends `v`. REQUIRES: `v` is not null and the array is below its ceiling. A full array first grows: from 0
     /// to 32 slots, then to twice its size. With assertions off a full array at its ceiling is left alone, and a
     /// null pointer is stored like any other; print() then points it out.
-    void AddPtr(void* v);
+    void AddPtr(void* v)
+    {
+        if (v != nullptr && myQuantity < myCapacity)
+            list[myQuantity++] = v;
+        else
+            addWithGrowth(v);
+    }
     /// Puts `NewItem` before the element at `index`; `index` == Quantity() appends. REQUIRES: `index` is at most
     /// Quantity() and `NewItem` is not null. Does nothing when the array is full and cannot grow. With assertions
     /// off an index beyond the end writes a warning to standard error and appends.
@@ -95,6 +101,7 @@ protected:
     void printAs(const char* element, std::ostream& os) const;
 
 private:
+    void addWithGrowth(void* v);
     static unsigned Growth(unsigned n);
 
     short isPurgeable;   // 0: the elements are owned
