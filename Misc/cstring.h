@@ -102,7 +102,7 @@ public:
 
     /// The stored length; costs no scan.
     unsigned strlen() const { return cp->len; }
-    /// The text, terminated, never null. It is valid until this string changes or goes.
+    /// The text, terminated, never null. It is valid until this string changes or goes, and written to by operator[] only.
     operator const char*() const { return cp->rep; }
     /// The character at `i`, which is not checked against the length. Writing to it changes every string that
     /// shares the text.
