@@ -33,6 +33,7 @@ struct ZELOO_API CStringRep {
     ~CStringRep();
 
     /// Releases the block of a representation, which may hold its text too.
+    // NOLINTNEXTLINE(misc-new-delete-overloads): the host's `new` made it, but of a size that only the block knows
     static void operator delete(void* block) { ::operator delete(block); }
 
     /// A representation that one string may write to: this one while it has no second user; otherwise a new one
