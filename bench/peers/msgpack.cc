@@ -1,4 +1,5 @@
-// msgpack (libmsgpack-dev): four values a record, one behind the other as in an object stream, and read one by one.
+// msgpack (libmsgpack-dev): an array of four values a record. Records are read into memory that each uses again, which is
+// the fastest of its ways.
 #include <msgpack.h>
 
 #include "bench/peers/records.h"
@@ -16,7 +17,43 @@ public:
     msgpack_sbuffer block;
 };
 
-class Values {
+// The arrays of a block, one after the other.
+class Reader {
+public:
+    explicit Reader(const Block& encoding) : bytes(encoding.block), zone(msgpack_zone_new(2048)) {}
+    ~Reader() { msgpack_zone_free(zone); }
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+    bool Next(Record& r, std::string& text)
+    {
+        msgpack_object record;
+        msgpack_zone_clear(zone);
+        const msgpack_unpack_return result = msgpack_unpack(bytes.data, bytes.size, &at, zone, &record);
+        if ((result != MSGPACK_UNPACK_SUCCESS && result != MSGPACK_UNPACK_EXTRA_BYTES) ||
+            record.type != MSGPACK_OBJECT_ARRAY || record.via.array.size != 4)
+            return false;
+        const msgpack_object* const fields = record.via.array.ptr;
+        if (fields[3].type != MSGPACK_OBJECT_STR)
+            return false;
+        text.assign(fields[3].via.str.ptr, fields[3].via.str.size);
+        return Number(fields[0], r.number) && Number(fields[1], r.position) && Number(fields[2], r.size);
+    }
+
+private:
+    template <class N>
+    static bool Number(const msgpack_object& field, N& n)
+    {
+        n = static_cast<N>(field.via.i64);
+        return field.type == MSGPACK_OBJECT_POSITIVE_INTEGER || field.type == MSGPACK_OBJECT_NEGATIVE_INTEGER;
+    }
+
+    const msgpack_sbuffer& bytes;
+    msgpack_zone* zone;
+    std::size_t at = 0;
+};
+
+class Arrays {
 public:
     using Encoding = Block;
 
@@ -25,6 +62,7 @@ public:
         msgpack_packer out;
         msgpack_packer_init(&out, &bytes.block, msgpack_sbuffer_write);
         for (const Record& r : records) {
+            msgpack_pack_array(&out, 4);
             msgpack_pack_short(&out, r.number);
             msgpack_pack_int(&out, r.position);
             msgpack_pack_unsigned_int(&out, r.size);
@@ -40,51 +78,16 @@ public:
     {
         Reader in(bytes);
         std::string text;
-        bool isGood = true;
-        for (std::size_t i = 0; i < count && isGood; i++) {
+        for (std::size_t i = 0; i < count; i++) {
             Record r = {};
-            isGood = in.Number(r.number) && in.Number(r.position) && in.Number(r.size) && in.String(text);
-            if (isGood)
-                take(r, text);
+            if (!in.Next(r, text))
+                return false;
+            take(r, text);
         }
-        return isGood;
+        return true;
     }
-
-private:
-    class Reader {
-    public:
-        explicit Reader(const Encoding& encoding) : bytes(encoding.block) { msgpack_unpacked_init(&value); }
-        ~Reader() { msgpack_unpacked_destroy(&value); }
-        Reader(const Reader&) = delete;
-        Reader& operator=(const Reader&) = delete;
-
-        template <class N>
-        bool Number(N& n)
-        {
-            if (!Next())
-                return false;
-            n = static_cast<N>(value.data.via.i64);
-            return value.data.type == MSGPACK_OBJECT_POSITIVE_INTEGER ||
-                   value.data.type == MSGPACK_OBJECT_NEGATIVE_INTEGER;
-        }
-
-        bool String(std::string& text)
-        {
-            if (!Next() || value.data.type != MSGPACK_OBJECT_STR)
-                return false;
-            text.assign(value.data.via.str.ptr, value.data.via.str.size);
-            return true;
-        }
-
-    private:
-        bool Next() { return msgpack_unpack_next(&value, bytes.data, bytes.size, &at) == MSGPACK_UNPACK_SUCCESS; }
-
-        const msgpack_sbuffer& bytes;
-        msgpack_unpacked value;
-        std::size_t at = 0;
-    };
 };
 
-const bool Registered = RecordRows<Values>::Register("msgpack");
+const bool Registered = RecordRows<Arrays>::Register("msgpack");
 
 } // namespace

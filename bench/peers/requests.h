@@ -2,13 +2,13 @@
 #ifndef BENCH_PEERS_REQUESTS_H
 #define BENCH_PEERS_REQUESTS_H
 
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <string>
 
-#include <signal.h>
 #include <sys/wait.h>
 
 #include <benchmark/benchmark.h>
@@ -64,7 +64,7 @@ bool RegisterRequests(const std::string& package, std::initializer_list<int64_t>
 inline std::string StreamRecord(uint32_t size)
 {
     std::string record(sizeof size + size, 'r');
-    std::memcpy(&record[0], &size, sizeof size);
+    std::memcpy(record.data(), &size, sizeof size);
     return record;
 }
 
