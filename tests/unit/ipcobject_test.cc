@@ -304,7 +304,7 @@ TEST_F(IpcReconnect, WithoutMemoryForTheNodeNoOtherServerIsTaken)
     StartEchoes();
     std::unique_ptr<ReconnectClient> client;
     {
-        const MemoryFailure failure = MemoryFailure::OfNextOfSize(sizeof "elsewhere", NewArray);
+        const MemoryFailure failure = MemoryFailure::OfNextOfSize(sizeof(CStringRep) + sizeof "elsewhere", NewObject);
         client = std::make_unique<ReconnectClient>(0, "orvd", "elsewhere");
     }
     EXPECT_EQ(client->ServerConnected(), 0);

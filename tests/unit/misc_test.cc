@@ -590,7 +590,7 @@ TEST_F(NodesTest, WithoutMemoryToLookForItANodeMayDoNothing)
     const ChildResult child = RunInChild([] {
         Ask("alpha", "full");
         for (const char* text : {"alpha", "none"}) { // the name, or the option
-            const MemoryFailure failure = MemoryFailure::OfSize(std::strlen(text) + 1, NewArray);
+            const MemoryFailure failure = MemoryFailure::OfSize(sizeof(CStringRep) + std::strlen(text) + 1, NewObject);
             Ask("alpha", "standard");
         }
     });
