@@ -13,6 +13,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/records.h"
+
 namespace {
 
 // Numbers of all lengths whose encoding fills `size` bytes.
@@ -170,27 +172,6 @@ void ReadOneRun(benchmark::State& state, char c)
         benchmark::DoNotOptimize(n);
     }
     Report(state, b.Size(), 1);
-}
-
-// Records of numbers of all lengths and a text of twelve characters.
-const unsigned RecordText = 12;
-const char Text[RecordText + 1] = "twelve bytes";
-
-struct Record {
-    short number;
-    int position;
-    unsigned size;
-};
-
-std::vector<Record> Records(std::size_t count)
-{
-    std::mt19937 random(1);
-    std::vector<Record> records;
-    for (std::size_t i = 0; i < count; i++)
-        records.push_back({static_cast<short>(static_cast<short>(random()) >> random() % 16),
-                           static_cast<int>(random()) >> random() % 32,
-                           static_cast<unsigned>(random()) >> random() % 32});
-    return records;
 }
 
 void EncodeRecords(const std::vector<Record>& records, Buffer& b)
