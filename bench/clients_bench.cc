@@ -5,21 +5,16 @@
 #include <cstring>
 #include <vector>
 
-#include <fcntl.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Misc/ipcq.h"
-#include "Misc/proginfo.h"
-#include "bench/two_processes.h"
+#include "bench/queue_server.h"
 
 namespace {
 
 const int RequestLength = 300;
 const int Requests = 20000; // of all clients together
-const short ExitEvent = 99;
-const char KeyFile[] = "/tmp/zeloo-clients-bench";
 
 // Runs `count` processes that each call `client` with the number of its requests, all begun at once. Seconds until the
 // last one has ended.
@@ -64,54 +59,13 @@ void Report(benchmark::State& state, double seconds)
 
 // ---- The library ----
 
-void Serve(int ready)
-{
-    IPCQServer server(KeyFile);
-    const char byte = server.Created() ? '1' : '0';
-    if (write(ready, &byte, 1) != 1 || !server.Created())
-        return;
-    short event, response, ack;
-    Buffer data;
-    while (server.receive_event(event, data, response, ack) == -1 && event != ExitEvent)
-        if (response)
-            server.send_response(event, 0, nullptr, 0);
-}
-
-pid_t StartServer()
-{
-    static char name[] = "clients_bench";
-    static char* arguments[] = {name, nullptr};
-    ProgInfo::Initialize(1, arguments, arguments + 1, "1.0");
-    close(open(KeyFile, O_CREAT | O_WRONLY, 0600));
-    int ready[2];
-    char byte = 0;
-    if (pipe(ready) != 0)
-        std::abort();
-    const pid_t server = Fork([&] { Serve(ready[1]); });
-    if (read(ready[0], &byte, 1) != 1 || byte != '1')
-        std::abort();
-    close(ready[0]);
-    close(ready[1]);
-    return server;
-}
-
-void EndServer(pid_t server)
-{
-    {
-        IPCQClient client(0, KeyFile);
-        client.send_event(ExitEvent, nullptr, 0);
-    }
-    waitpid(server, nullptr, 0);
-    unlink(KeyFile);
-}
-
 void Clients(benchmark::State& state)
 {
     const Pin pin;
     for (auto _ : state) {
-        const pid_t server = StartServer();
+        const QueueServer server;
         const double seconds = Run(static_cast<int>(state.range(0)), [](auto start) {
-            IPCQClient client(0, KeyFile);
+            IPCQClient client(0, QueueServer::KeyFile);
             const std::string request(RequestLength, 'r');
             short event;
             Buffer data;
@@ -120,7 +74,6 @@ void Clients(benchmark::State& state)
                     client.receive_response(event, data) != 0)
                     std::abort();
         });
-        EndServer(server);
         Report(state, seconds);
     }
 }

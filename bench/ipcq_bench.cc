@@ -1,78 +1,30 @@
 // A message queue with the library's protocol beside the same bytes over msgsnd and msgrcv alone: a request with its
-// response, and 1 MiB in blocks. Both ends run on one core.
+// response.
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
-#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Misc/ipcq.h"
-#include "Misc/proginfo.h"
-#include "bench/two_processes.h"
+#include "bench/queue_server.h"
 
 namespace {
 
 const int HeaderSize = IPCMessageNonDataSize;
-const short ExitEvent = 99;
-const char KeyFile[] = "/tmp/zeloo-ipcq-bench";
-
-const short SlowEvent = 2;
-
-// Answers every event with an event without data, a slow one after a second.
-void Serve(int ready)
-{
-    IPCQServer server(KeyFile);
-    char byte = server.Created() ? '1' : '0';
-    if (write(ready, &byte, 1) != 1 || !server.Created())
-        return;
-    short event, response, ack;
-    Buffer data;
-    while (server.receive_event(event, data, response, ack) == -1 && event != ExitEvent) {
-        if (event == SlowEvent)
-            sleep(1);
-        if (response)
-            server.send_response(event, 0, nullptr, 0);
-    }
-}
 
 // A server in a process of its own, and a client of it.
 class LibraryEnds {
 public:
-    LibraryEnds()
-    {
-        static char name[] = "ipcq_bench";
-        static char* arguments[] = {name, nullptr};
-        ProgInfo::Initialize(1, arguments, arguments + 1, "1.0");
-        close(open(KeyFile, O_CREAT | O_WRONLY, 0600));
-        int ready[2];
-        char byte = 0;
-        if (pipe(ready) != 0)
-            std::abort();
-        server = Fork([&] { Serve(ready[1]); });
-        if (read(ready[0], &byte, 1) != 1 || byte != '1')
-            std::abort();
-        close(ready[0]);
-        close(ready[1]);
-        client = new IPCQClient(0, KeyFile);
-        IPCMessageMaxDataLen = BlockSize;
-    }
-    ~LibraryEnds()
-    {
-        client->send_event(ExitEvent, nullptr, 0);
-        delete client;
-        waitpid(server, nullptr, 0);
-        unlink(KeyFile);
-    }
-    IPCQClient& Client() { return *client; }
+    LibraryEnds() : client(0, QueueServer::KeyFile) { IPCMessageMaxDataLen = BlockSize; }
+    IPCQClient& Client() { return client; }
     /// The processor time that the server has taken.
     double ServerMicroseconds() const
     {
         clockid_t clock;
-        if (clock_getcpuclockid(server, &clock) != 0)
+        if (clock_getcpuclockid(server.Pid(), &clock) != 0)
             std::abort();
         return Microseconds(clock);
     }
@@ -88,13 +40,13 @@ public:
     {
         const LibraryEnds ends;
         struct msqid_ds status = {};
-        msgctl(msgget(ftok_orvm(KeyFile), 0), IPC_STAT, &status);
+        msgctl(msgget(ftok_orvm(QueueServer::KeyFile), 0), IPC_STAT, &status);
         return status.msg_qbytes;
     }
 
 private:
-    pid_t server;
-    IPCQClient* client;
+    QueueServer server;
+    IPCQClient client;
 };
 
 struct RawMessage {
@@ -158,7 +110,7 @@ void SlowAnswer(benchmark::State& state)
     Buffer data;
     const double before = LibraryEnds::Microseconds(CLOCK_PROCESS_CPUTIME_ID);
     for (auto _ : state)
-        if (ends.Client().send_event_with_response(SlowEvent, nullptr, 0) != 0 ||
+        if (ends.Client().send_event_with_response(QueueServer::SlowEvent, nullptr, 0) != 0 ||
             ends.Client().receive_response(event, data) != 0)
             state.SkipWithError("no response");
     state.counters["client us"] = LibraryEnds::Microseconds(CLOCK_PROCESS_CPUTIME_ID) - before;
