@@ -18,7 +18,7 @@
  *   transfer, or a block that comes twice, also while its channel is swept (IsSwept): a late block of an earlier event
  *   that a stranger holds during the sweep can't be told from one of this event. For the same reason an event that was
  *   given up is not acknowledged in the instant in which its sender begins the next (MayAcknowledge).
- * - A client that gives up ends. A process that is gone has been reaped: process_exists and HasGone say the same.
+ * - A client that gives up ends. A process that is gone has been reaped: process_exists and has_ended say the same.
  * - Memory does not fail, no record is malformed, and there is room for what is saved and kept: other tests
  *   cover these.
  *
