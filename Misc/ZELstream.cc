@@ -90,7 +90,7 @@ ZELostream::ZELostream(Buffer& theBuf)
 
 void ZELostream::localbuf_add(const void* p, const unsigned n)
 {
-    if (n > stagingSize - localbufpos || p == nullptr) {
+    if (n >= stagingSize - localbufpos || p == nullptr) { // so that there is a place
         stageElsewhere(p, n);
         return;
     }
