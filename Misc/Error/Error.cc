@@ -143,7 +143,7 @@ void ErrorReporter::_ReportError(short const sev, short const errorkind, char co
 // Writes to standard error, and goes on where a signal has interrupted that: else the rest of this text, and with a stream
 // that has failed all later reports, would be lost when one came while a slow reader was waited for. UBSan needs a
 // descriptor to check the type of the stream's buffer: there may be none.
-[[gnu::no_sanitize("vptr")]] static void WriteWhole(const char* text, std::streamsize length)
+__attribute__((no_sanitize("vptr"))) static void WriteWhole(const char* text, std::streamsize length)
 {
     const std::ostream::sentry ready(std::cerr);
     while (ready && length > 0) {
