@@ -130,7 +130,6 @@ void Flood(benchmark::State& state)
         UnixProcess process("exec yes", output, 1);
         struct rusage usage;
         getrusage(RUSAGE_SELF, &usage);
-        state.counters["peak MB"] = static_cast<double>(usage.ru_maxrss) * 1024 / 1e6;
         waitpid(static_cast<pid_t>(process.pid()), nullptr, 0);
         const std::string end(static_cast<const char*>(output) + (state.range(0) << 20));
         const std::string cut = "\n******** Output cut, ";
@@ -138,7 +137,8 @@ void Flood(benchmark::State& state)
         if (end.find(cut) != 0 || end.find(banner) != end.size() - banner.size())
             state.SkipWithError("no flood");
         else
-            state.counters["left out MB"] = std::strtod(end.c_str() + cut.size(), nullptr) / 1e6;
+            state.SetLabel("left out " + std::to_string(std::strtol(end.c_str() + cut.size(), nullptr, 10) / 1000000) +
+                           " MB; peak " + std::to_string(usage.ru_maxrss / 1024) + " MiB");
     }
     UnixProcess::SetGlobalMaxOutput(0);
 }
