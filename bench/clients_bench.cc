@@ -26,6 +26,7 @@ double Run(int count, Client client)
     if (pipe(start) != 0 || pipe(ready) != 0)
         std::abort();
     std::vector<pid_t> clients;
+    clients.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; i++)
         clients.push_back(Fork([&] {
             close(start[1]);

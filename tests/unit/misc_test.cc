@@ -597,8 +597,8 @@ TEST_F(NodesTest, WithoutMemoryToLookForItANodeMayDoNothing)
     EXPECT_EQ(child.out, "0 [none]\n0 []\n0 []\n");
     const std::string what = "failed to allocate memory to look for node ";
     EXPECT_EQ(WithoutErrorCodes(Reports(child.err)),
-              Report(1, "WARNING", OutOfMemory, "<code>", (what + ".").c_str()) +
-                  Report(2, "WARNING", OutOfMemory, "<code>", (what + "alpha.").c_str()));
+              Report(1, "WARNING", OutOfMemory, "<code>", (what + ".")) +
+                  Report(2, "WARNING", OutOfMemory, "<code>", (what + "alpha.")));
 }
 
 TEST_F(NodesTest, ARejectionWithoutMemoryIsNotLogged)
