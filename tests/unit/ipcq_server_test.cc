@@ -342,6 +342,24 @@ TEST_F(IpcqServer, PutsTheResponseOnTheQueue)
     EXPECT_TRUE(server.Created());
 }
 
+TEST_F(IpcqServer, WhoAskedWhileItWaitedAndHasGoneIsNotAnswered)
+{
+    MakeKeyFile("late");
+    Server server("late");
+    const pid_t peer = StartChild([&] {
+        usleep(200000);
+        SendRecord(server.Queue(), getppid(), Event(9, getpid()));
+        pause();
+    });
+    EXPECT_EQ(server.receive_event(event, data, response, ack), -1);
+    EXPECT_EQ(event, 9);
+    EndChild(peer);
+    usleep(50000); // a clock tick at least
+    EXPECT_EQ(server.send_response(4, 45, "answer", 6), ErrorReporter::IPC_SEND_PROCESS_GONE);
+    IPCQMessage msg;
+    EXPECT_EQ(TakeRecord(server.Queue(), peer, &msg), -1);
+}
+
 TEST_F(IpcqServer, WithoutARequestThereIsNobodyToAnswer)
 {
     MakeKeyFile("nobody");
