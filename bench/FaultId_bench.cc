@@ -2,7 +2,6 @@
 // an element does not grow with the list.
 #include "Misc/FaultId.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -11,6 +10,7 @@
 
 #include <unistd.h>
 
+#include "bench/require.h"
 #include <benchmark/benchmark.h>
 
 namespace {
@@ -54,8 +54,7 @@ void Load(benchmark::State& state, Kind kind)
     for (auto _ : state) {
         FaultIdList list(file.Name());
         list.Load();
-        if (list.MyQuantity() != state.range(0))
-            std::abort();
+        Require(list.MyQuantity() == state.range(0), "faults in the list");
     }
     Report(state);
 }
@@ -94,8 +93,7 @@ void LookUp(benchmark::State& state, Kind kind)
     for (auto _ : state)
         for (const FaultId& id : ids)
             list.AddFaultId(id);
-    if (list.MyQuantity() != state.range(0))
-        std::abort();
+    Require(list.MyQuantity() == state.range(0), "faults in the list");
     Report(state);
 }
 
@@ -110,8 +108,7 @@ void LoadSaveLookUp(benchmark::State& state)
         list.Save();
         for (const FaultId& id : ids)
             list.AddFaultId(id);
-        if (list.MyQuantity() != state.range(0))
-            std::abort();
+        Require(list.MyQuantity() == state.range(0), "faults in the list");
     }
     Report(state);
 }
@@ -125,8 +122,7 @@ void DeleteAll(benchmark::State& state)
             list.AddFaultId(id);
         for (std::size_t i = 0; i < ids.size(); i++)
             list.DeleteOne(ids[i * 7919 % ids.size()]);
-        if (list.MyQuantity() != 0)
-            std::abort();
+        Require(list.MyQuantity() == 0, "an empty list");
     }
     Report(state);
 }
@@ -170,8 +166,7 @@ void LoadSaveLookUpFloor(benchmark::State& state)
         std::size_t found = 0;
         for (const FaultId& id : ids)
             found += known.count(static_cast<const char*>(id));
-        if (found != elements.size())
-            std::abort();
+        Require(found == elements.size(), "faults found");
     }
     Report(state);
 }

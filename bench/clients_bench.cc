@@ -1,7 +1,6 @@
 // Many clients of one queue, each of which asks again as soon as it has its answer: the library beside a bare server that
 // takes all requests that wait before it answers them (one that does not can stand still, its queue full of requests).
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include "bench/queue_server.h"
+#include "bench/require.h"
 
 namespace {
 
@@ -23,8 +23,7 @@ double Run(int count, Client client)
 {
     int start[2];
     int ready[2];
-    if (pipe(start) != 0 || pipe(ready) != 0)
-        std::abort();
+    Require(pipe(start) == 0 && pipe(ready) == 0, "pipes to the clients");
     std::vector<pid_t> clients;
     clients.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; i++)
@@ -32,22 +31,19 @@ double Run(int count, Client client)
             close(start[1]);
             client([&] {
                 char byte = 0;
-                if (write(ready[1], &byte, 1) != 1 || read(start[0], &byte, 1) != 0)
-                    std::abort();
+                Require(write(ready[1], &byte, 1) == 1 && read(start[0], &byte, 1) == 0, "start of a client");
                 return Requests / count;
             });
         }));
     char byte;
     for (int i = 0; i < count; i++)
-        if (read(ready[0], &byte, 1) != 1)
-            std::abort();
+        Require(read(ready[0], &byte, 1) == 1, "a client that is ready");
     const auto begin = std::chrono::steady_clock::now();
     for (const int fd : {start[1], start[0], ready[0], ready[1]})
         close(fd);
     for (const pid_t pid : clients) {
         int status = 0;
-        if (waitpid(pid, &status, 0) != pid || status != 0)
-            std::abort();
+        Require(waitpid(pid, &status, 0) == pid && status == 0, "a client that has its answers");
     }
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
@@ -65,9 +61,9 @@ void Clients(benchmark::State& state)
             short event;
             Buffer data;
             for (int left = start(); left > 0; left--)
-                if (client.send_event_with_response(1, request.data(), RequestLength) != 0 ||
-                    client.receive_response(event, data) != 0)
-                    std::abort();
+                Require(client.send_event_with_response(1, request.data(), RequestLength) == 0 &&
+                            client.receive_response(event, data) == 0,
+                        "request with its response");
         });
         state.SetIterationTime(seconds);
     }
@@ -139,9 +135,9 @@ void ClientsFloor(benchmark::State& state)
             for (int left = start(); left > 0; left--) {
                 message.type = ToServer;
                 message.sender = getpid();
-                if (msgsnd(queue, &message, RequestSize300, 0) != 0 ||
-                    msgrcv(queue, &message, RequestSize300, getpid(), 0) < 0)
-                    std::abort();
+                Require(msgsnd(queue, &message, RequestSize300, 0) == 0 &&
+                            msgrcv(queue, &message, RequestSize300, getpid(), 0) >= 0,
+                        "message with its answer");
             }
         });
         msgctl(queue, IPC_RMID, nullptr);

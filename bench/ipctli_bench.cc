@@ -1,6 +1,5 @@
 // A connection with the library's protocol beside the same bytes over sockets alone: a request with its response, and
 // 1 MiB in records. Both ends run on one core.
-#include <cstdlib>
 #include <cstring>
 
 #include <netinet/in.h>
@@ -11,14 +10,17 @@
 
 #include "Misc/ipctli.h"
 #include "Misc/proginfo.h"
+#include "bench/require.h"
 #include "bench/two_processes.h"
 
 namespace {
 
 const int RecordSize = sizeof(TliMsgStruct);
 static_assert(BlockSize == sizeof(TliMsgStruct::msg_data), "the floor sends blocks of the same size");
-const char Service[] = "47117"; // a port by its number: no table of services is needed
-const uint16_t RawPort = 47118;
+// Ports by their numbers: no table of services is needed. Both lie below those that the host gives to connections, one of
+// which may hold its port for a minute after its end.
+const char Service[] = "17117";
+const uint16_t RawPort = 17118;
 
 // Answers every event with an event without data, until the client closes.
 void Serve(IPCTli& listener)
@@ -44,13 +46,11 @@ public:
         static char* arguments[] = {name, nullptr};
         ProgInfo::Initialize(1, arguments, arguments + 1, "1.0");
         IPCTli listener;
-        if (!listener.Tprelisten("localhost", Service))
-            std::abort();
+        Require(listener.Tprelisten("localhost", Service), "endpoint to listen at");
         server = Fork([&] { Serve(listener); });
         listener.Tclose();
         client = new IPCTliClient(0, Service, "localhost", 0);
-        if (!client->Connected())
-            std::abort();
+        Require(client->Connected(), "connection of the library");
     }
     ~LibraryEnds()
     {
@@ -113,13 +113,11 @@ public:
         const int on = 1;
         const int listener = socket(AF_INET, SOCK_STREAM, 0);
         setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        if (bind(listener, generic, sizeof address) != 0 || listen(listener, 5) != 0)
-            std::abort();
+        Require(bind(listener, generic, sizeof address) == 0 && listen(listener, 5) == 0, "socket to listen at");
         server = Fork([&] { ServeRaw(listener); });
         fd = socket(AF_INET, SOCK_STREAM, 0);
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        if (connect(fd, generic, sizeof address) != 0)
-            std::abort();
+        Require(connect(fd, generic, sizeof address) == 0, "connection");
         close(listener);
     }
     ~RawEnds()
@@ -142,6 +140,6 @@ private:
     char record[RecordSize] = {};
 };
 
-const bool Registered = (RegisterRequests<LibraryEnds, RawEnds>(), true);
+const bool Registered = RegisterRequests<LibraryEnds, RawEnds>();
 
 } // namespace

@@ -2,14 +2,13 @@
 #ifndef BENCH_QUEUE_SERVER_H
 #define BENCH_QUEUE_SERVER_H
 
-#include <cstdlib>
-
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "Misc/ipcq.h"
 #include "Misc/proginfo.h"
+#include "bench/require.h"
 #include "bench/two_processes.h"
 
 class QueueServer {
@@ -25,11 +24,9 @@ public:
         close(open(KeyFile, O_CREAT | O_WRONLY, 0600));
         int ready[2];
         char byte = 0;
-        if (pipe(ready) != 0)
-            std::abort();
+        Require(pipe(ready) == 0, "pipe from the server");
         pid = Fork([&] { Serve(ready[1]); });
-        if (read(ready[0], &byte, 1) != 1 || byte != '1')
-            std::abort();
+        Require(read(ready[0], &byte, 1) == 1 && byte == '1', "server that is ready");
         close(ready[0]);
         close(ready[1]);
     }

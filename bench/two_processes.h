@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
 
 #include <sched.h>
@@ -88,12 +89,13 @@ void RequestFloor(benchmark::State& state)
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
-/// Registers the benchmarks of a pair of ends: with both on one core, and `Unpinned`.
+/// Registers the benchmarks of a pair of ends, for requests of these sizes: `Request` and `RequestFloor` with `prefix`
+/// before them; with both ends on one core if `isPinned`.
 template <class LibraryEnds, class RawEnds>
-void RegisterRequests()
+bool RegisterRequests(const std::string& prefix, bool isPinned, std::initializer_list<int64_t> sizes)
 {
-    const auto add = [](const char* name, auto run, bool isPinned, std::initializer_list<int64_t> sizes) {
-        auto* benchmark = benchmark::RegisterBenchmark(name, [=](benchmark::State& state) {
+    const auto add = [&](const char* name, auto run) {
+        auto* benchmark = benchmark::RegisterBenchmark((prefix + name).c_str(), [=](benchmark::State& state) {
             const Pin pin(isPinned);
             run(state);
         });
@@ -101,10 +103,17 @@ void RegisterRequests()
             benchmark->Arg(size);
         benchmark->ArgName("bytes")->UseRealTime();
     };
-    add("Request", Request<LibraryEnds>, true, {0, 100, 1699, 16 << 10, 1 << 20, 16 << 20});
-    add("RequestFloor", RequestFloor<RawEnds>, true, {0, 100, 1699, 16 << 10, 1 << 20, 16 << 20});
-    add("UnpinnedRequest", Request<LibraryEnds>, false, {0, 1699, 1 << 20});
-    add("UnpinnedRequestFloor", RequestFloor<RawEnds>, false, {0, 1699, 1 << 20});
+    add("Request", Request<LibraryEnds>);
+    add("RequestFloor", RequestFloor<RawEnds>);
+    return true;
+}
+
+/// With both ends on one core, and where the scheduler puts them.
+template <class LibraryEnds, class RawEnds>
+bool RegisterRequests()
+{
+    return RegisterRequests<LibraryEnds, RawEnds>("", true, {0, 100, 1699, 16 << 10, 1 << 20, 16 << 20}) &&
+           RegisterRequests<LibraryEnds, RawEnds>("Unpinned", false, {0, 1699, 1 << 20});
 }
 
 #endif

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench/require.h"
 #include <benchmark/benchmark.h>
 
 namespace {
@@ -23,8 +24,7 @@ public:
     explicit Ballast(long megabytes)
         : size(static_cast<size_t>(megabytes) << 20), block(static_cast<char*>(std::malloc(size)))
     {
-        if (block == nullptr)
-            std::abort();
+        Require(block != nullptr, "memory for the parent");
         madvise(block, size, MADV_NOHUGEPAGE);
         for (size_t i = 0; i < size; i += 4096)
             block[i] = 1;
@@ -61,14 +61,12 @@ void CaptureFloor(benchmark::State& state)
     char* const argv[] = {shell, option, command.data(), nullptr};
     for (auto _ : state) {
         int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0)
-            std::abort();
+        Require(pipe2(ends, O_CLOEXEC) == 0, "pipe from the child");
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
         pid_t pid;
-        if (posix_spawn(&pid, shell, &actions, nullptr, argv, environ) != 0)
-            std::abort();
+        Require(posix_spawn(&pid, shell, &actions, nullptr, argv, environ) == 0, "start of a child");
         posix_spawn_file_actions_destroy(&actions);
         close(ends[1]);
         char* block = static_cast<char*>(std::malloc(static_cast<size_t>(state.range(1)) + 16384));
