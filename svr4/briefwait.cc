@@ -9,14 +9,14 @@
 
 // Nanoseconds.
 static const int64_t Longest = 50 * 1000;
-static const int64_t Gain = 2 * 1000; // about what it costs to sleep and to be woken
-static const int64_t MostGained = 500 * 1000;
+static const int64_t Gain = 2 * 1000;               // about what it costs to sleep and to be woken
+static const int64_t MostGained = 10 * 1000 * 1000; // and what a process begins with: it can't know yet what pays
 
 static const int64_t PauseFactor = 100; // how often the time lost must go by
 
 namespace svr4 {
 
-static int64_t gained = 0;
+static int64_t gained = MostGained;
 static int64_t pauseEnd = 0;
 
 static int64_t NanosecondsOf(clockid_t clock)

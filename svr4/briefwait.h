@@ -16,9 +16,9 @@ namespace svr4 {
 /// and neither has to sleep and be woken. It ends after 50 microseconds.
 ///
 /// What does not pay is left alone: waits that were as long as that, in vain or because a third process had the
-/// processor, are held against those that saved a sleep; when they have lost more, no wait is made until a hundred times
-/// the difference has gone by. So at most about one part in a hundred of the time is lost, and a process that sleeps uses
-/// none. `errno` is kept.
+/// processor, are held against those that saved a sleep, and against ten milliseconds that a process may lose once; when
+/// they have lost more, no wait is made until a hundred times the difference has gone by. So beyond those ten milliseconds
+/// at most about one part in a hundred of the time is lost, and a process that sleeps uses none. `errno` is kept.
 class BriefWait {
 public:
     BriefWait() = default;
