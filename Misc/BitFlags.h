@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A word of 32 flags that can be set from words such as "on" and "off".
 #ifndef MISC_BITFLAGS_H
 #define MISC_BITFLAGS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The typed array of strings.
 #ifndef MISC_CSTRARRAY_H
 #define MISC_CSTRARRAY_H

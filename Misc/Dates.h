@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Times in seconds since the epoch, their fixed text forms, and differences between them.
 #ifndef MISC_DATES_H
 #define MISC_DATES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The one channel through which every part of the library reports a failure or a noteworthy event.
 #ifndef MISC_ERROR_H
 #define MISC_ERROR_H

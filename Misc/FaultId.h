@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Fault identifiers, their arrays, and the set of them that a program keeps in a file.
 #ifndef MISC_FAULTID_H
 #define MISC_FAULTID_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The regular files of a directory tree.
 #ifndef MISC_FILELIST_H
 #define MISC_FILELIST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Dotted multi-level numbers such as 1.2.3.
 #ifndef MISC_HIERARC_H
 #define MISC_HIERARC_H

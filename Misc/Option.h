@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Named settings.
 #ifndef MISC_OPTION_H
 #define MISC_OPTION_H

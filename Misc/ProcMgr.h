@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The commands that a daemon runs on behalf of faults, started some at a time.
 #ifndef MISC_PROCMGR_H
 #define MISC_PROCMGR_H

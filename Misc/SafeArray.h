@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Growable pointer arrays that own their elements or only refer to them, and their iterators.
 #ifndef MISC_SAFEARRAY_H
 #define MISC_SAFEARRAY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Object streams: numbers as decimal text with a delimiter, characters and byte runs as they are.
 #ifndef MISC_ZELSTREAM_H
 #define MISC_ZELSTREAM_H

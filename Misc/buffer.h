@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Owned blocks of raw bytes.
 #ifndef MISC_BUFFER_H
 #define MISC_BUFFER_H

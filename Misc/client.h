@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the clients of a server share, whatever carries their messages.
 #ifndef MISC_CLIENT_H
 #define MISC_CLIENT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Reference-counted strings, a line iterator over them and a chunked appender.
 #ifndef MISC_CSTRING_H
 #define MISC_CSTRING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A storage allocator for hunting leaks and overwrites.
 #ifndef MISC_DSA_H
 #define MISC_DSA_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The main loop of a server.
 #ifndef MISC_EVENTMGR_H
 #define MISC_EVENTMGR_H

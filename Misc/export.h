@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What a program sees of the library.
 #ifndef MISC_EXPORT_H
 #define MISC_EXPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Facts about files named by path, and operations on their names.
 #ifndef MISC_FILEINFO_H
 #define MISC_FILEINFO_H

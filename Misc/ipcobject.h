@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Clients that do not care where their server is.
 #ifndef MISC_IPCOBJECT_H
 #define MISC_IPCOBJECT_H

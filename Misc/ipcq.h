@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Client/server messaging over System V message queues on one host.
 //
 // Every server name has one message queue, which carries the traffic between that server and its clients in both

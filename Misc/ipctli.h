@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Client/server messaging between hosts over connections of the Transport Layer Interface.
 //
 // A server listens at the address of its service; the services "pexserver" and "orvpmd" are reached through "orvd".

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Exclusive use of a named file between cooperating processes.
 #ifndef MISC_LOCKEDFILE_H
 #define MISC_LOCKEDFILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What every daemon needs: leaving its terminal, its output in a log file, and the nodes it may listen to.
 //
 // The functions share one ErrorReporter. What they tell at debug level 4 or more (see MonitoredObject::debug) goes to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The registry of live objects that is dumped after a crash, and the process's signal handlers.
 #ifndef MISC_MOBJECT_H
 #define MISC_MOBJECT_H

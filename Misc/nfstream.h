@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Object streams in network order: numbers as big-endian bytes of a fixed width, without delimiters.
 #ifndef MISC_NFSTREAM_H
 #define MISC_NFSTREAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What every diagnostic needs to say about the running program and its host.
 #ifndef MISC_PROGINFO_H
 #define MISC_PROGINFO_H

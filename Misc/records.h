@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The two records in which events travel: on the message queue of a host, and on a connection between hosts. Both are
 // external interfaces: sizes and places of their fields are fixed, integers are in the byte order of the host.
 #ifndef MISC_RECORDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A table of states and of the moves allowed between them.
 #ifndef MISC_STATE_H
 #define MISC_STATE_H

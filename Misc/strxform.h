@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Settings from the environment, and texts expanded from templates with % directives.
 #ifndef MISC_STRXFORM_H
 #define MISC_STRXFORM_H

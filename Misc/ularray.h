@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A bare growable array of unsigned longs.
 #ifndef MISC_ULARRAY_H
 #define MISC_ULARRAY_H

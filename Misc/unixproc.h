@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // One command run as a child process, with time limits and rules for its end.
 #ifndef MISC_UNIXPROC_H
 #define MISC_UNIXPROC_H

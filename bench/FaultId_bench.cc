@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A full list of faults loaded from its file, saved, and each of its elements looked up. The sizes show that the cost of
 // an element does not grow with the list.
 #include "Misc/FaultId.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // SafeArray beside std::vector<void*>: appending, walking, searching; a typed array beside a block that doubles.
 #include "Misc/CstrArray.h"
 #include "Misc/SafeArray.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Object streams over a Buffer, each beside the least that the same bytes can cost: one from_chars or to_chars per
 // number, one memcpy per run. The sizes show that the cost per byte does not grow with the buffer.
 #include "Misc/ZELstream.h"

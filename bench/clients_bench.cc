@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Many clients of one queue, each of which asks again as soon as it has its answer: the library beside a bare server that
 // takes all requests that wait before it answers them (one that does not can stand still, its queue full of requests).
 #include <chrono>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Strings beside what their work costs at least: a copy is a count, an append a block and a memcpy of both texts.
 #include "Misc/buffer.h"
 #include "Misc/cstring.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A message queue with the library's protocol beside the same bytes over msgsnd and msgrcv alone: a request with its
 // response.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A connection with the library's protocol beside the same bytes over sockets alone: a request with its response, and
 // 1 MiB in records. Both ends run on one core.
 #include <cstring>

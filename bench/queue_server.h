@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The server of the queue's benchmarks: a process that answers every event with an event without data.
 #ifndef BENCH_QUEUE_SERVER_H
 #define BENCH_QUEUE_SERVER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The records of the benchmarks that write and read them: numbers of all lengths, and a text of twelve characters.
 #ifndef BENCH_RECORDS_H
 #define BENCH_RECORDS_H

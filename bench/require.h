@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What a benchmark needs before it can measure anything.
 #ifndef BENCH_REQUIRE_H
 #define BENCH_REQUIRE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the benchmarks with two processes share: a request of some size with its response, through a client of the library
 // and over the bare calls of the host, with both ends on one core, and where the scheduler puts them.
 #ifndef BENCH_TWO_PROCESSES_H

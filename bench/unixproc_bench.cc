@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The start of a child, beside posix_spawn and fork, and the capture of its output, beside posix_spawn, pipe and read.
 #include "Misc/unixproc.h"
 

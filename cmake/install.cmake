@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # What `cmake --install` puts in place: both libraries, the public headers, the CMake package and the pkg-config file.
 include(CMakePackageConfigHelpers)
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-2-Clause
 # Compiler options of everything that is built here; a project that includes this one keeps its own.
 add_compile_options(-Wall -Wextra -Wpedantic -fno-omit-frame-pointer) # frame pointers: the call trace of a crash file
 if(ZELOO_WERROR)

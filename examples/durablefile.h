@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Files whose contents survive a crash of the program and a power cut: read whole or not at all, replaced as a whole.
 #ifndef EXAMPLES_DURABLEFILE_H
 #define EXAMPLES_DURABLEFILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What faultd and faultctl agree on: the events, and the objects that travel as their data.
 #ifndef EXAMPLES_FAULT_H
 #define EXAMPLES_FAULT_H

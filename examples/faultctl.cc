@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The command-line client of faultd, on its host or another. Each command is one event, sent with data and answered.
 #include <cctype>
 #include <charconv>

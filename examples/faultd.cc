@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A fault daemon: keeps the faults of many nodes, with attachments, and runs commands for them. One runs on a host. It
 // ends on an exit event and on SIGTERM, and its faults are there again at its next start; SIGUSR1 writes its state to a
 // file, and a crash leaves the state in /var/orv/data/faultd.sig.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The life of a fault: the states that it goes through.
 #ifndef EXAMPLES_FAULTLIFE_H
 #define EXAMPLES_FAULTLIFE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the daemon writes into its log about a fault.
 #ifndef EXAMPLES_FAULTMESSAGE_H
 #define EXAMPLES_FAULTMESSAGE_H

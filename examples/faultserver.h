@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The fault daemon's server: what it does for each event.
 #ifndef EXAMPLES_FAULTSERVER_H
 #define EXAMPLES_FAULTSERVER_H

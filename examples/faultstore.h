@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The faults of a daemon, in memory and on disk.
 #ifndef EXAMPLES_FAULTSTORE_H
 #define EXAMPLES_FAULTSTORE_H

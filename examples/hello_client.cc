@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The smallest client: sends its argument to hello_server and prints the answer.
 #include <cstring>
 #include <iostream>

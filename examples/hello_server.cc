@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The smallest server: answers every request with a greeting. SIGTERM or Ctrl-C ends it and removes its queue.
 #include <iostream>
 #include <string>

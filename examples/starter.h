@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A daemon's start, of which the program that was called tells its caller how it went.
 #ifndef EXAMPLES_STARTER_H
 #define EXAMPLES_STARTER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // BitFlags against std::bitset.
 #include <bitset>
 #include <sstream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Buffer against std::string, and its dumps against their form.
 #include <algorithm>
 #include <cctype>

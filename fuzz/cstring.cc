@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // CString against std::string: every operation, on strings that share their texts.
 #include <algorithm>
 #include <cctype>

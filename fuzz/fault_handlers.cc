@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The handlers of the fault daemon with any data of events, on a real store: what it says is kept is there again at the
 // next start.
 #include <sstream>

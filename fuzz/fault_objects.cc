@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The objects of the fault daemon's events, from any bytes: what is taken is sound and survives another journey.
 #include "examples/fault.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The written form of a fault against its rule, and the file of a fault list with any content.
 #include <cstdio>
 #include <cstdlib>

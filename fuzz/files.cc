@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Files read whole and written: what comes out is what was put in.
 #include <fstream>
 #include <memory>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the fuzz targets share: the input as a sequence of choices, checks, and a quiet process.
 #ifndef FUZZ_FUZZING_H
 #define FUZZ_FUZZING_H

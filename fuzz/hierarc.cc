@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // HierarchicNum against a vector of levels.
 #include <algorithm>
 #include <vector>

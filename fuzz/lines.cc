@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // CStringIter and CStringBuff against the same walks over a std::string.
 #include <algorithm>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A lock file with any content: it is held by a live process, or stale and replaced.
 #include <cerrno>
 #include <csignal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Names of files, shell patterns, the texts of dates, and the file that names the server's host.
 #include <cctype>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // infstream against the big-endian bytes that it reads, and the fault list's reader over it.
 #include <algorithm>
 #include <set>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The node list file with any content, and the nodes that ask for access.
 #include <ctime>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The receiving end of a message queue, whatever its peers put on it. A real queue; two real processes in whose name the
 // records come; a thread that acts for the first of them where one has to answer.
 #include <algorithm>

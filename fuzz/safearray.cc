@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // SafeArray and its iterators against std::vector, with elements that are counted.
 #include <algorithm>
 #include <set>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // StringTransformer against the rule of its templates.
 #include <cstdlib>
 

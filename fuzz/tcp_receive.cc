@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The receiving end of a connection, whatever its peer sends: real connections over the loopback.
 #include <algorithm>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What records say of their blocks, against an account of every part and byte; and records of any bytes, looked at and
 // shown.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // ZEListream over a Buffer against sscanf, over an istream against its own writer, and the readers of objects.
 #include <algorithm>
 #include <cstdio>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-2-Clause */
 /*
  * The start and the end of servers: two servers of one name and a client race for the queue and the semaphore set that
  * share its key, and any process can die (DEATHS of them in a run). When all is quiet another server starts, which may

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-2-Clause */
 /*
  * The transfer of events over a queue: two clients A and B and a server S, whose process ids lie in arithmetic
  * progression, so that A->S and S->B share their channels, and B->S and S->A theirs. Events of several blocks go both

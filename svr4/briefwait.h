@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Waits of some microseconds, for what another process is just about to do.
 #ifndef SVR4_BRIEFWAIT_H
 #define SVR4_BRIEFWAIT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The registers and the stack of a process at the moment of a signal.
 #ifndef SVR4_CONTEXT_H
 #define SVR4_CONTEXT_H

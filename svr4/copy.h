@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A copy of the process that nobody sees, to do what the process itself must not be held up or ended by.
 #ifndef SVR4_COPY_H
 #define SVR4_COPY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What ends a wait that nothing else would: a timer that interrupts its thread, whatever that waits for.
 #ifndef SVR4_DEADLINE_H
 #define SVR4_DEADLINE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The system's error number.
 #ifndef SVR4_ERRNO_H
 #define SVR4_ERRNO_H

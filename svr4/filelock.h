@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A lock on a file that a process holds for a moment.
 #ifndef SVR4_FILELOCK_H
 #define SVR4_FILELOCK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Shell patterns.
 #ifndef SVR4_GMATCH_H
 #define SVR4_GMATCH_H

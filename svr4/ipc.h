@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // System V IPC where the host's differs: 4-byte message types, process ids in semaphores, keys in status records.
 #ifndef SVR4_IPC_H
 #define SVR4_IPC_H

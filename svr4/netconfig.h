@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Network selection and name-to-address translation of System V.
 #ifndef SVR4_NETCONFIG_H
 #define SVR4_NETCONFIG_H

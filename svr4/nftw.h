@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Walks through directory trees.
 #ifndef SVR4_NFTW_H
 #define SVR4_NFTW_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Processes as System V has them.
 #ifndef SVR4_PROCESS_H
 #define SVR4_PROCESS_H

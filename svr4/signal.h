@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Signals as System V has them.
 #ifndef SVR4_SIGNAL_H
 #define SVR4_SIGNAL_H

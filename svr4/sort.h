@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Sorting with a comparison that has a context.
 #ifndef SVR4_SORT_H
 #define SVR4_SORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Children that become another program at once.
 #ifndef SVR4_SPAWN_H
 #define SVR4_SPAWN_H

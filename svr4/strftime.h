@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Times as text.
 #ifndef SVR4_STRFTIME_H
 #define SVR4_STRFTIME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // sysinfo(2) of System V.
 #ifndef SVR4_SYSTEMINFO_H
 #define SVR4_SYSTEMINFO_H

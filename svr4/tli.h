@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The Transport Layer Interface of System V, over TCP sockets.
 //
 // An endpoint is a descriptor made by t_open. Every call names one and is allowed in some states only; the states, the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The way from other hosts to the servers of this one: takes connections and passes their events to the local message
 // queues. Every connection has a process of its own. SIGTERM ends them all.
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // How the library's units report: a formatted description through one function.
 #ifndef MISC_ERROR_REPORT_H
 #define MISC_ERROR_REPORT_H

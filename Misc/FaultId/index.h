@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Finds the elements of a fault list that a fault may equal, without a look at the others.
 #ifndef MISC_FAULTID_INDEX_H
 #define MISC_FAULTID_INDEX_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The capture of a crash. Nothing here allocates, takes a lock, starts a process or waits without a bound: the signal may
 // have come in the middle of anything, with the heap in pieces.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The process's signal handlers, as the parts of the unit see them.
 #ifndef MISC_CRASH_HANDLERS_H
 #define MISC_CRASH_HANDLERS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The live objects, as the dumps and the handlers see them.
 #ifndef MISC_CRASH_REGISTRY_H
 #define MISC_CRASH_REGISTRY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Two copies of the process make a dump. The writer lets each object dump itself, and may hang or end in there. The watcher
 // stands by with the objects as they were, and starts another writer behind the object that stopped one. The process itself
 // only starts the watcher, and so is held up by nothing that a dump does.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The dump of every object on request, while the program runs.
 #ifndef MISC_CRASH_REQUEST_H
 #define MISC_CRASH_REQUEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What a signal handler writes to.
 #ifndef MISC_CRASH_SIGNALFILE_H
 #define MISC_CRASH_SIGNALFILE_H

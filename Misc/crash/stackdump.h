@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The stack dump and the hex dump of a crash file.
 #ifndef MISC_CRASH_STACKDUMP_H
 #define MISC_CRASH_STACKDUMP_H

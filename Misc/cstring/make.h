@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // How the representation of a string is made: by each edit, and so inline.
 #ifndef MISC_CSTRING_MAKE_H
 #define MISC_CSTRING_MAKE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The library's assertions: a broken precondition stops the process at the place where it is noticed.
 #ifndef MISC_DETAIL_ASSERTION_H
 #define MISC_DETAIL_ASSERTION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Standard file streams for the library's own use, in the place of std::ifstream and std::ofstream.
 #ifndef MISC_DETAIL_FILESTREAM_H
 #define MISC_DETAIL_FILESTREAM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Rows of hex dumps.
 #ifndef MISC_DETAIL_HEXDUMP_H
 #define MISC_DETAIL_HEXDUMP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The official names of hosts.
 #ifndef MISC_DETAIL_HOSTNAME_H
 #define MISC_DETAIL_HOSTNAME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Static objects that are never destroyed.
 #ifndef MISC_DETAIL_IMMORTAL_H
 #define MISC_DETAIL_IMMORTAL_H

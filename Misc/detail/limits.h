@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Limits that several units keep.
 #ifndef MISC_DETAIL_LIMITS_H
 #define MISC_DETAIL_LIMITS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The local time, for ordinary calls and for signal handlers.
 #ifndef MISC_DETAIL_LOCALTIME_H
 #define MISC_DETAIL_LOCALTIME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Which process an object belongs to.
 #ifndef MISC_DETAIL_OWNER_H
 #define MISC_DETAIL_OWNER_H

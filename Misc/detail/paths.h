@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Where a system keeps what its programs share.
 #ifndef MISC_DETAIL_PATHS_H
 #define MISC_DETAIL_PATHS_H

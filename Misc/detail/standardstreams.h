@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // std::cout and std::cerr for the library's own use: included in the place of <iostream>.
 #ifndef MISC_DETAIL_STANDARDSTREAMS_H
 #define MISC_DETAIL_STANDARDSTREAMS_H

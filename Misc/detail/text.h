@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Small helpers for C texts, used inside the library.
 #ifndef MISC_DETAIL_TEXT_H
 #define MISC_DETAIL_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Blocking system calls bounded in time by the process's alarm.
 #ifndef MISC_DETAIL_TIMEDCALL_H
 #define MISC_DETAIL_TIMEDCALL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What this process has on its queues. A forked child begins with nothing: what it has copies of is its parent's.
 #ifndef MISC_IPCQ_ENDS_H
 #define MISC_IPCQ_ENDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The key file of a server name.
 #ifndef MISC_IPCQ_KEYFILE_H
 #define MISC_IPCQ_KEYFILE_H

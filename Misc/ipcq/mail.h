@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What lies on a queue for one end of it: its own mail, which it keeps, and what belongs to others, which it neither uses
 // nor loses.
 #ifndef MISC_IPCQ_MAIL_H

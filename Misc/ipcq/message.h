@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Messages as the kernel's queue moves them.
 #ifndef MISC_IPCQ_MESSAGE_H
 #define MISC_IPCQ_MESSAGE_H

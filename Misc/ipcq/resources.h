@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Making and joining the queue of a name, for those who hold its NameLock.
 #ifndef MISC_IPCQ_RESOURCES_H
 #define MISC_IPCQ_RESOURCES_H

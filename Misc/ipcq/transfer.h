@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // One event over a queue: moves the messages of the two sides of a transfer.
 #ifndef MISC_IPCQ_TRANSFER_H
 #define MISC_IPCQ_TRANSFER_H

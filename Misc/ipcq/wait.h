@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The one loop of all waits on a queue: try, wait, look around, count the time.
 #ifndef MISC_IPCQ_WAIT_H
 #define MISC_IPCQ_WAIT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // How the failures of the transport are printed.
 #ifndef MISC_IPCTLI_FAILURE_H
 #define MISC_IPCTLI_FAILURE_H

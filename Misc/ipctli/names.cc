@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "Misc/ipctli/names.h"
 
 #include <cstdio>

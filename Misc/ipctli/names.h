@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The names under which hosts and services are looked up.
 #ifndef MISC_IPCTLI_NAMES_H
 #define MISC_IPCTLI_NAMES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The output of a child, collected within bounds.
 #ifndef MISC_UNIXPROC_CAPTURE_H
 #define MISC_UNIXPROC_CAPTURE_H

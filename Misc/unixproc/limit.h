@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The time that a child has.
 #ifndef MISC_UNIXPROC_LIMIT_H
 #define MISC_UNIXPROC_LIMIT_H

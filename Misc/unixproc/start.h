@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // How a command becomes a child process.
 #ifndef MISC_UNIXPROC_START_H
 #define MISC_UNIXPROC_START_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The data of an event as blocks: one record's share each. Cutting, and gathering in whatever order they come.
 #ifndef MISC_WIRE_BLOCKS_H
 #define MISC_WIRE_BLOCKS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The channels of a queue and the reserved events: who reads what.
 #ifndef MISC_WIRE_CHANNELS_H
 #define MISC_WIRE_CHANNELS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Sets of numbers kept as ranges.
 #ifndef MISC_WIRE_RANGES_H
 #define MISC_WIRE_RANGES_H

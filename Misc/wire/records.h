@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the records say, and whether they can be believed.
 #ifndef MISC_WIRE_RECORDS_H
 #define MISC_WIRE_RECORDS_H

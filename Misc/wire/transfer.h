@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The two sides of an event that travels over a queue: what each has to do next. Neither asks the system for anything:
 // what comes is handed in, what is due is told.
 #ifndef MISC_WIRE_TRANSFER_H

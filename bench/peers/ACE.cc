@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // ACE (libace-dev): its message queue, and a connection of its sockets.
 #include <ace/INET_Addr.h>
 #include <ace/SOCK_Acceptor.h>

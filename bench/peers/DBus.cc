@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // D-Bus (libdbus-1-dev): method calls with an array of bytes over a connection between two processes, without a bus.
 #include <dbus/dbus.h>
 

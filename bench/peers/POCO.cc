@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // POCO (libpoco-dev): a connection of its stream sockets.
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Qt (qtbase5-dev): its counted strings, of two bytes a character, and its data streams.
 #include <QByteArray>
 #include <QDataStream>

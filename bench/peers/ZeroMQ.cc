@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // ZeroMQ (libzmq3-dev): a request socket and a reply socket over a socket of the host that has no file.
 #include <zmq.h>
 

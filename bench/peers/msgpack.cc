@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // msgpack (libmsgpack-dev): an array of four values a record. Records are read into memory that each uses again, which is
 // the fastest of its ways.
 #include <msgpack.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // protobuf (libprotobuf-dev): messages of four fields, each behind its length, through the coded streams as the code that
 // protoc makes does it.
 #include <google/protobuf/io/coded_stream.h>

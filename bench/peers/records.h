@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The rows of a package that writes and reads records: those of WriteRecords and ReadRecords.
 #ifndef BENCH_PEERS_RECORDS_H
 #define BENCH_PEERS_RECORDS_H

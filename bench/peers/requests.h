@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The rows of a package that carries requests: those of Request and UnpinnedRequest, between two processes.
 #ifndef BENCH_PEERS_REQUESTS_H
 #define BENCH_PEERS_REQUESTS_H

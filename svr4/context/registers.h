@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The registers of a signal's context. Internal to the host layer.
 #ifndef SVR4_CONTEXT_REGISTERS_H
 #define SVR4_CONTEXT_REGISTERS_H

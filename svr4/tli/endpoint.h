@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What stands behind the calls: sockets, addresses, the endpoints of this process and their connection requests.
 #ifndef SVR4_TLI_ENDPOINT_H
 #define SVR4_TLI_ENDPOINT_H

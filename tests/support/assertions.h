@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Checks that a call stops the process through one of the library's assertions.
 #ifndef TESTS_SUPPORT_ASSERTIONS_H
 #define TESTS_SUPPORT_ASSERTIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // In the build that measures coverage, part of the library: a process that ends by _exit, abort or a SIGABRT that it sends
 // itself leaves what it counted, as one that ends by exit does, whatever a test has made fail in it. What a process
 // counted that another signal ends is lost.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Between the tests and the build that measures coverage; elsewhere the first is null, the second unused.
 #ifndef TESTS_SUPPORT_COVERAGE_H
 #define TESTS_SUPPORT_COVERAGE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A server for the tests of clients: it answers, refuses or goes as its events say.
 #ifndef TESTS_SUPPORT_ECHO_SERVER_H
 #define TESTS_SUPPORT_ECHO_SERVER_H

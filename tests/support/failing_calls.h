@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // System calls that fail on demand: those of a child process that are watched, from its call of Begin to that of End, and
 // of the processes it forks in between, until they become other programs:
 //

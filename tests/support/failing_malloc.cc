@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // malloc, realloc and the throwing forms of new that fail on demand, for the programs that are built with this file. A sanitizer has its own.
 #include <cstdlib>
 #include <new>

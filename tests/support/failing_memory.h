@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Memory that fails on demand, for the tests of what the library does without it:
 //
 //     const MemoryFailure failure = MemoryFailure::OfSize(sizeof(CmdLine), NewObject);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the library's objects hold and print, as texts that a test compares:
 //
 //     EXPECT_EQ(Dump(list), "...");         // what dumpOn writes

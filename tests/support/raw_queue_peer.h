@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A peer of the library on a message queue, over the host's calls alone:
 //
 //     SendRecord(qid, server, Event(1, getpid(), "data"));             // in the library's own declaration of a record

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A record of the queues or the connections by its offsets alone, as a peer of another make would write it: none of the
 // library's own declarations is used, so that a test shows the layout itself.
 #ifndef TESTS_SUPPORT_RAW_RECORD_H

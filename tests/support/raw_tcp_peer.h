@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A peer of the library's connections over the host's sockets alone:
 //
 //     RawSocket peer;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A host that refuses: what a child process makes fail for the rest of its life. A host may not even refuse; then the
 // child ends with the exit code NotPossibleHere, and the test is skipped:
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The texts of error reports:
 //
 //     EXPECT_EQ(ReportsInFull([&] { ... }), WarningReport("unit", "the error type", ENOENT, "the description"));

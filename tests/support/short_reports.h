@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What error reports say, where their unit, line and `errno` do not matter:
 //
 //     EXPECT_EQ(Reports([&] { ... }), Report(ErrorReporter::WARNING, ErrorReporter::OTHER, "the description"));

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A child process that runs out of stack:
 //
 //     const ChildResult child = RunInChild([] {

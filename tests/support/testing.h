@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests share: captured output, child processes, files and a syslog daemon's socket; and, from the headers
 // that it includes, hosts that refuse and the texts of reports.
 #ifndef TESTS_SUPPORT_TESTING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Uses the part of the library that the environment variable BEFORE_MAIN names in the constructor and the destructor of a
 // static object, in the way that makes it write to the standard streams.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What a program's own static objects do with the library before main and behind it.
 #include <cstdlib>
 #include <string>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: BSD-2-Clause
 # check_layers_test SOURCE: plants one fault of each kind in a copy of the tree SOURCE and expects that
 # scripts/check-layers fails and names the file, the line and the rule, and nothing else.
 set -eu

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What a program does with the public classes beside calling them, whichever library it is linked to: it derives from
 // each, tells their objects apart at run time, and makes typed arrays of classes of its own.
 #include <sstream>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: BSD-2-Clause
 # exports_test [--update] SHARED STATIC SOURCE: a program sees what the public headers declare, and nothing else. The
 # shared library exports the names listed in tests/system/exports.txt; each of them, and each global name of the static
 # library that is in none of its namespaces, is marked in a public header; and everything declared there is marked.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // System calls that fail with each plausible `errno`, one kind and one `errno` at a time, in every scenario: each single
 // call alone, and all of its kind. Each run ends with a stated result, keeps no descriptor or kernel object, and does not
 // hang; and what is used afterwards works. A failure counts when a call was made that failed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The scenario of the fault daemon: its handlers with its store, in this process.
 #include <cstring>
 

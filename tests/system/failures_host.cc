@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The scenarios of what is kept on the host: files, locks, logs, dumps, shared memory.
 #include <csignal>
 #include <cstring>

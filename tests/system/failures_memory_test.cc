@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Memory that fails once, at every allocation of every scenario: each run ends with a stated result, and what is used
 // afterwards works, keeps no more memory, descriptors or kernel objects than before, and does not hang.
 #include <iostream>

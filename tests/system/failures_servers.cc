@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The scenarios of what talks to other processes, or starts them.
 #include <csignal>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of injected failures share: scenarios over all units, each a short use of the library that looks at every
 // result and goes on with whatever it is given.
 #ifndef TESTS_SYSTEM_FAILURES_TESTING_H

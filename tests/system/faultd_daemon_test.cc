@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // faultd as a daemon: one a host, faults that survive it, their lives, their commands, the nodes it listens to.
 #include <csignal>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // faultd under load while it is asked for one dump after the other: every client is answered, and the dumps are whole.
 // ZELOO_DUMPS says how many are asked for, 1000 when it does not.
 #include <csignal>

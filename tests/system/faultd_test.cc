@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The example programs, run for real: faultd with faultctl, and the hello pair.
 #include <csignal>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of faultd share: its client, and a fixture that starts and ends it.
 #ifndef TESTS_SYSTEM_FAULTD_TESTING_H
 #define TESTS_SYSTEM_FAULTD_TESTING_H

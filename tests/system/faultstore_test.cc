@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The example's store on a bad day: files that cannot be read or written, and what is on the disk at every moment.
 #include <algorithm>
 #include <cerrno>

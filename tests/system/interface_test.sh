@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: BSD-2-Clause
 # interface_test SOURCE: what a user's unit meets in the public headers, with every compiler that is here. It compiles,
 # without a warning, what programs have always written (interface/old_program.cc) and what has no second meaning
 # (interface/new_program.cc), on 64 and, where the compiler can, 32 bits; a typed comparison is called as what it is.

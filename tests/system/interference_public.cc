@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Functions of a program that have the very names of public ones of the shared library. The program's own calls reach
 // them; the library's must not, nor may any of these run in its tests.
 #include <cstdio>

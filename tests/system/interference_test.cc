@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A program whose own names are those that the library uses inside: each keeps its own.
 #include <cstdint>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Servers of one name that start, end and are killed at the same time as clients connect.
 
 #include "Misc/ipcq.h"

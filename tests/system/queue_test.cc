@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A server and its clients as real processes over one queue: side by side, dying at the wrong moment, and talking
 // nonsense. The peers that talk nonsense are written from the record layout alone.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What relayd holds against the hosts that connect to it: those that vanish, those that are too many, and those that
 // say that they are another.
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Clients on other hosts: relayd, run for real, between TCP connections and a server's queue.
 #include <csignal>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of relayd share: the relay, connections by hand, and a second host.
 #ifndef TESTS_SYSTEM_RELAYD_TESTING_H
 #define TESTS_SYSTEM_RELAYD_TESTING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Signals at any instant: SIGTERM, SIGUSR1, SIGALRM and SIGCLD come at the system-call borders, and between the instructions,
 // of a scenario for each unit that blocks or has critical sections. SIGTERM ends it in the stated way and nothing is left;
 // with the others it gives what it gives without. ZELOO_INSTANTS=all takes every instant, a number so many of each.

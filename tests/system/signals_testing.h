@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the test of signals at any instant is made of: scenarios over the units that block or have critical sections, and a
 // driver that lets a signal come at one instant of a scenario.
 #ifndef TESTS_SYSTEM_SIGNALS_TESTING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The host's byte order macros come behind the class here; nfstream_test.cc has them before it.
 #include "Misc/FaultId.h"
 #include "Misc/nfstream.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of the arrays share: an array of pointers that are never followed, and what an array prints.
 #ifndef TESTS_UNIT_SAFEARRAY_TESTING_H
 #define TESTS_UNIT_SAFEARRAY_TESTING_H

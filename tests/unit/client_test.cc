@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What a program may do with either client of a server, though they share it.
 #include <sstream>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of captured crashes share: children that crash as a program of a name, and the parts of their reports.
 #ifndef TESTS_UNIT_CRASH_TESTING_H
 #define TESTS_UNIT_CRASH_TESTING_H

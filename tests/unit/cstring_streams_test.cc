@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Strings on streams, and what takes them apart and collects them.
 #include "Misc/cstring.h"
 

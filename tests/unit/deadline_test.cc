@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "svr4/deadline.h"
 
 #include <cerrno>

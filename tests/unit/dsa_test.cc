@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A header that makes macros of these names must not harm the class.
 #define malloc(n) no such function
 #define free(p) no such function

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of clients share: an echo server on this host, started and ended by the fixture.
 #ifndef TESTS_UNIT_ECHO_TESTING_H
 #define TESTS_UNIT_ECHO_TESTING_H

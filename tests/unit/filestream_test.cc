@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the library's file operations do without memory for the block of a stream, and with a directory.
 #include <cerrno>
 #include <cstdio>

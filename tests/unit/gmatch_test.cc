@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "svr4/gmatch.h"
 
 #include <gtest/gtest.h>

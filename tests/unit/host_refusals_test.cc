@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the host layer gives when the host refuses a call: the result that it states, the host's error, and nothing kept.
 #include <cerrno>
 #include <csignal>

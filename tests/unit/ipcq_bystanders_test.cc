@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Transfers beside which others go on: pairs that share their channels, records of strangers, mail in floods.
 #include "tests/unit/ipcq_transfer_testing.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Partners that die, stop or fall silent in the middle of a transfer: how soon that is noticed, and that nothing of it
 // stays on the queue.
 #include "tests/unit/ipcq_transfer_testing.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Receiving events over a queue: one block, many, in segments, malformed, and from senders that go.
 #include "tests/unit/ipcq_transfer_testing.h"
 

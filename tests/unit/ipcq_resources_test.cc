@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 #include "tests/unit/ipcq_testing.h"
 
 #include <ctime>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of the message queues share: queues of their own, the ends of a queue, servers in child processes.
 #ifndef TESTS_UNIT_IPCQ_TESTING_H
 #define TESTS_UNIT_IPCQ_TESTING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The calls that put one message on a queue and take one off, and the transfers made of them.
 #include "tests/unit/ipcq_transfer_testing.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of sending and receiving over queues share: the codes, and a sender by hand.
 #ifndef TESTS_UNIT_IPCQ_TRANSFER_TESTING_H
 #define TESTS_UNIT_IPCQ_TRANSFER_TESTING_H

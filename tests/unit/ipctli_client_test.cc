@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The client of a server on another host, with peers that know the record layout alone and with servers of the library.
 #include "tests/unit/ipctli_testing.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Endpoints: connecting, listening and accepting, time limits, and every line that they print.
 #include <cstdlib>
 #include <memory>

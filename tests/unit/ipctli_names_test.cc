@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Names of hosts, and what the tables of this host say of a service.
 #include <cstdlib>
 #include <cstring>

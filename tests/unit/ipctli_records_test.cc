@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The record, its dump, and events of one or more records, malformed ones included.
 #include <sstream>
 

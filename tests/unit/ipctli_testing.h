@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of the connections share: a private name service, and endpoints with a raw peer.
 #ifndef TESTS_UNIT_IPCTLI_TESTING_H
 #define TESTS_UNIT_IPCTLI_TESTING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Redirecting the standard streams, and becoming a daemon.
 #include "Misc/misc.h"
 

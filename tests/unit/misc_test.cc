@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Hosts, and what the node list allows them.
 #include "Misc/misc.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Crashes on a bad day: what keeps the report from being written, and the process from its end, and must not.
 #include "Misc/mobject.h"
 

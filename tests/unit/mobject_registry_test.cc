@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The registry of the monitored objects, the handlers that it installs, and what signals make of the objects.
 #include "Misc/mobject.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The dump on SIGUSR1: the program goes on, whatever it was at and whatever a dump does; and the end on SIGTERM.
 #include "Misc/mobject.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of the monitored objects share: objects that do as a test says, and the texts of their dumps.
 #ifndef TESTS_UNIT_MOBJECT_TESTING_H
 #define TESTS_UNIT_MOBJECT_TESTING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The host's byte order macros come first here, in every build; FaultId_test.cc has them behind the class.
 #include <arpa/inet.h>
 #ifndef htons

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Built against the arrays and strings compiled with assertions off: what the operations then do instead.
 #include "Misc/SafeArray.h"
 

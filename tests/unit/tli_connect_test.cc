@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Connecting, listening and accepting.
 #include <cerrno>
 #include <chrono>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Endpoints: texts, opening, states, addresses and structures.
 #include <algorithm>
 #include <cerrno>

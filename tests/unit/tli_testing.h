@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of the transport interface share: raw sockets as the other side, and endpoints in each state.
 #ifndef TESTS_UNIT_TLI_TESTING_H
 #define TESTS_UNIT_TLI_TESTING_H

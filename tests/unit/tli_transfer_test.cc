@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Transfer, and every way in which a connection ends.
 #include <cerrno>
 #include <cstring>

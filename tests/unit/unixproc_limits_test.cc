@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The time limits of children, and what a caller finds as it left it.
 #include <cerrno>
 #include <climits>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The way of a child from its parent to its program.
 #include <algorithm>
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the tests of the child processes share: their ends, signals with all they have, and reports.
 #ifndef TESTS_UNIT_UNIXPROC_TESTING_H
 #define TESTS_UNIT_UNIXPROC_TESTING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Questions about processes that are not children, and waiting for them.
 #include <cerrno>
 #include <climits>

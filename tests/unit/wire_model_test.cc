@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Replays random runs of the transfer's model: whatever a process does there, the pure layer must do as well, record by
 // record, on channels in memory.
 

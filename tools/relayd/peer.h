@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The host at the other end of a connection.
 #ifndef TOOLS_RELAYD_PEER_H
 #define TOOLS_RELAYD_PEER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What relayd does for one connection.
 #ifndef TOOLS_RELAYD_SERVE_H
 #define TOOLS_RELAYD_SERVE_H

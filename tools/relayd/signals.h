@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The signals after which a process of relayd goes on: when it takes notice of them.
 #ifndef TOOLS_RELAYD_SIGNALS_H
 #define TOOLS_RELAYD_SIGNALS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What compiles, on 32 and 64 bits.
 #include <cstddef>
 #include <functional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What programs wrote before the strings had an order: all of it goes on compiling, with the meaning it had.
 #include <cstddef>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Sorts and searches with a typed and with an untyped comparison. It is linked to nothing but the arrays.
 #include "Misc/Error/report.h"
 #include "Misc/SafeArray.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A client of a storm: asks, and checks every answer.
 #include <algorithm>
 #include <cstdio>

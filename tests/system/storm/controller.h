@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // Starts the processes of a storm, kills and stops them, and counts what is left in the end.
 #ifndef TESTS_SYSTEM_STORM_CONTROLLER_H
 #define TESTS_SYSTEM_STORM_CONTROLLER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // The server of a storm: checks every request and answers it.
 #include <cstdio>
 #include <map>

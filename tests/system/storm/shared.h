@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the processes of a storm share: one page of memory with the state of the storm and the counters of all.
 #ifndef TESTS_SYSTEM_STORM_SHARED_H
 #define TESTS_SYSTEM_STORM_SHARED_H

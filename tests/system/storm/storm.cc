@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // A server and its clients under load, while they are killed, stopped and succeeded. See Usage.
 #include <cstdio>
 #include <cstdlib>

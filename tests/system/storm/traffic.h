@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-2-Clause
 // What the clients and the server of a storm say to each other. Both sides compute all of it from the client's identity
 // and the number of its request, so that each can check what the other sent to the byte.
 #ifndef TESTS_SYSTEM_STORM_TRAFFIC_H
