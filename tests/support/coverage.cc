@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -48,6 +49,7 @@ static void Unlimit()
 // a complaint in what the test captures.
 static bool FilesCanBeWritten()
 {
+    prctl(PR_SET_NAME, zeloo_leaves_counts);
     const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (fd == -1)
         return false;

@@ -9,6 +9,9 @@ extern "C" {
 /// forked later has none, and its counts are lost when they cannot be left otherwise.
 [[gnu::weak]] void zeloo_keep_counts();
 
+/// The name (see prctl) of a process from where it leaves its counts: whoever makes its system calls fail lets it be.
+constexpr char zeloo_leaves_counts[] = "leaves counts";
+
 /// Lets memory be found again, in tests where it can fail; null in others.
 [[gnu::weak]] void zeloo_let_memory_be();
 }
