@@ -50,11 +50,14 @@ enum FlagMasks : uint32_t {
 /// Flags f1 to f32, all clear at first. A mask may name several flags; bits of a mask above the 32nd are ignored.
 class ZELOO_API BitFlags {
 public:
+    /// All flags clear.
     BitFlags() : myFlagBits(0) {}
 
     /// Clears all flags.
     void Clear() { myFlagBits = 0; }
+    /// Sets the flags of `mask`.
     void SetFlag(unsigned long mask) { myFlagBits |= static_cast<uint32_t>(mask); }
+    /// Clears the flags of `mask`.
     void ResetFlag(unsigned long mask) { myFlagBits &= ~static_cast<uint32_t>(mask); }
     /// Inverts each flag of `mask`.
     void ToggleFlag(unsigned long mask) { myFlagBits ^= static_cast<uint32_t>(mask); }
@@ -79,7 +82,9 @@ private:
     uint32_t myFlagBits;
 };
 
+/// Writes the word with printOn.
 inline ZELostream& operator<<(ZELostream& s, const BitFlags& flags) { return flags.printOn(s), s; }
+/// Reads the word with scanFrom.
 inline ZEListream& operator>>(ZEListream& s, BitFlags& flags) { return flags.scanFrom(s), s; }
 
 #endif

@@ -16,21 +16,28 @@ public:
     static long CurrentTime() { return time(nullptr); }
     /// The time of a broken-down local time, which is normalised in place (mktime).
     static long CurrentTime(tm* TMstruct) { return mktime(TMstruct); }
-    /// The broken-down local time now, and at `moment`; all zero when the year of `moment` does not fit.
+    /// The broken-down local time now.
     static tm CurrentTm() { return CurrentTm(CurrentTime()); }
+    /// The broken-down local time at `moment`; all zero when its year does not fit.
     static tm CurrentTm(long moment);
 
-    /// The date as MM/DD/YYYY, of a broken-down time, of now and of a moment. Up to 11 characters.
+    /// The date of a broken-down time as MM/DD/YYYY. Up to 11 characters.
     static const char* GetDate(tm* TMstruct);
+    /// Today's date as MM/DD/YYYY.
     static const char* GetDate() { return GetDate(CurrentTime()); }
+    /// The local date at `moment` as MM/DD/YYYY. Up to 11 characters.
     static const char* GetDate(long moment);
-    /// The time of day as hh:mm:ss on the 24-hour clock, in the same three forms. Up to 11 characters.
+    /// The time of day of a broken-down time as hh:mm:ss on the 24-hour clock. Up to 11 characters.
     static const char* GetTime(tm* TMstruct);
+    /// The time of day now as hh:mm:ss.
     static const char* GetTime() { return GetTime(CurrentTime()); }
+    /// The local time of day at `moment` as hh:mm:ss. Up to 11 characters.
     static const char* GetTime(long moment);
-    /// The date, a blank and the time of day, in the same three forms.
+    /// The date of a broken-down time, a blank and its time of day.
     static const char* GetDateTime(tm* TMstruct);
+    /// Today's date, a blank and the time of day now.
     static const char* GetDateTime() { return GetDateTime(CurrentTime()); }
+    /// The local date at `moment`, a blank and the time of day.
     static const char* GetDateTime(long moment);
     /// The time that a text of GetDateTime stands for; the host decides whether daylight-saving time was in force.
     /// Nothing is checked: what the text does not have counts as 0 (null has nothing), and fields out of range carry over

@@ -24,9 +24,11 @@ class ZELOO_API FaultId : public CString {
 public:
     /// Number 0, an empty node name and an empty text.
     FaultId();
-    /// An empty or null `Nodename` stands for this host (ProgInfo::GetNodeName).
+    /// The fault `fault_id` of the node `Nodename`; an empty or null one stands for this host (ProgInfo::GetNodeName).
     FaultId(long fault_id, const char* Nodename = "");
+    /// A copy of number, node name and text.
     FaultId(const FaultId& f) = default;
+    /// Takes over number, node name and text.
     FaultId& operator=(const FaultId& f) = default;
     /// ConstFromStr.
     FaultId& operator=(const char* NodenameIdStr);
@@ -41,12 +43,16 @@ public:
 
     /// Whether text, number and node name are all equal.
     bool operator==(const FaultId& f) const;
+    /// Whether text, number or node name differ.
     bool operator!=(const FaultId& f) const { return !(*this == f); }
-    // With a text the comparison is that of the string; without these it would be one of addresses.
+    /// With a text the comparison is that of the string; without these two it would be one of addresses.
     using CString::operator==;
+    /// The opposite of ==.
     using CString::operator!=;
 
+    /// The number.
     long GetId() const { return myId; }
+    /// The name of the node; it is empty in what the default constructor made.
     const CString& GetNodeName() const { return myNodename; }
 
     /// Writes the number as a long, the node name and the text.
@@ -87,16 +93,17 @@ class FaultIndex;
 
 /// What heads a fault record: its group and its own identifier. Programs add to it.
 struct ZELOO_API FaultHdr {
-    FaultId groupid;
-    FaultId myId;
+    FaultId groupid; ///< The group of the fault, as its program uses it.
+    FaultId myId; ///< The fault's own identifier.
 };
 
 /// The fault record, as far as this library needs it.
 class ZELOO_API Fault : public ErrorReporter {
 public:
+    /// The fault's own identifier, hdr.myId.
     const FaultId& GetFaultId() const { return hdr.myId; }
 
-    FaultHdr hdr;
+    FaultHdr hdr; ///< What heads the record.
 };
 
 /// A set of fault identifiers, in the order in which they were added, with a read cursor and a file. The file has the

@@ -32,10 +32,14 @@ public:
     HierarchicNum();
     /// Parses `s`; null is a text without levels.
     HierarchicNum(const char* s);
+    /// A copy, with the validity of `h`.
     HierarchicNum(const HierarchicNum& h) = default;
+    /// Takes over levels, text and validity of `h`.
     HierarchicNum& operator=(const HierarchicNum& h);
+    /// Parses `s` in place of the number; null is a text without levels.
     HierarchicNum& operator=(const char* s);
 
+    /// The number of levels.
     short get_num_levels() const { return NumLevels; }
     /// 1 when the last text parsed was a well-formed number, else 0.
     int is_valid() const { return valid; }
@@ -48,9 +52,10 @@ public:
 
     /// Appends a level of the 32-bit value of `level`; does nothing at 32767 levels. The validity stays.
     void add_level(unsigned long level);
-    /// Adds one to the last level, or subtracts one; 4294967295 and 0 are neighbours. A number without levels is left
-    /// alone. The validity stays.
+    /// Adds one to the last level; 4294967295 becomes 0. A number without levels is left alone. The validity stays.
     void inc();
+    /// Subtracts one from the last level; 0 becomes 4294967295. A number without levels is left alone. The validity
+    /// stays.
     void dec();
 
     /// Below 0, 0 or above 0 as this number sorts before, with or behind `h`: the difference of the first level that
@@ -60,37 +65,54 @@ public:
     /// compare_with as the comparison function of arrays. REQUIRES: no pointer is null.
     static int compare(const HierarchicNum** a, const HierarchicNum** b);
     // The full set: without them the built-in operators would compare the addresses of the texts.
+    /// Whether this number sorts before `h`, by compare_with.
     bool operator<(const HierarchicNum& h) const { return compare_with(h) < 0; }
+    /// Whether this number sorts before `h` or is equal to it.
     bool operator<=(const HierarchicNum& h) const { return compare_with(h) <= 0; }
+    /// Whether this number sorts behind `h`.
     bool operator>(const HierarchicNum& h) const { return compare_with(h) > 0; }
+    /// Whether this number sorts behind `h` or is equal to it.
     bool operator>=(const HierarchicNum& h) const { return compare_with(h) >= 0; }
+    /// Whether the levels are the same.
     bool operator==(const HierarchicNum& h) const { return compare_with(h) == 0; }
+    /// Whether a level differs, or their number.
     bool operator!=(const HierarchicNum& h) const { return compare_with(h) != 0; }
     /// A text is compared as the number that it makes: "1.02" equals 1.2, and 1.2 sorts before "1.10". These are
     /// templates, so that a program that has such an operator of its own goes on using it.
     // clang-format off
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator<(const HierarchicNum& h, const Text& text) { return h < HierarchicNum(text); }
+    /// Whether `h` sorts before the number that `text` makes, or is equal to it.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator<=(const HierarchicNum& h, const Text& text) { return h <= HierarchicNum(text); }
+    /// Whether `h` sorts behind the number that `text` makes.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator>(const HierarchicNum& h, const Text& text) { return h > HierarchicNum(text); }
+    /// Whether `h` sorts behind the number that `text` makes, or is equal to it.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator>=(const HierarchicNum& h, const Text& text) { return h >= HierarchicNum(text); }
+    /// Whether `h` has the levels of the number that `text` makes.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator==(const HierarchicNum& h, const Text& text) { return h == HierarchicNum(text); }
+    /// Whether `h` differs from the number that `text` makes.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator!=(const HierarchicNum& h, const Text& text) { return h != HierarchicNum(text); }
+    /// Whether the number that `text` makes sorts before `h`.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator<(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) < h; }
+    /// Whether the number that `text` makes sorts before `h` or is equal to it.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator<=(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) <= h; }
+    /// Whether the number that `text` makes sorts behind `h`.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator>(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) > h; }
+    /// Whether the number that `text` makes sorts behind `h` or is equal to it.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator>=(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) >= h; }
+    /// Whether the number that `text` makes has the levels of `h`.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator==(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) == h; }
+    /// Whether the number that `text` makes differs from `h`.
     template <class Text, class = zeloo::IfText<Text>>
     friend bool operator!=(const Text& text, const HierarchicNum& h) { return HierarchicNum(text) != h; }
     // clang-format on

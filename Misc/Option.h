@@ -19,11 +19,12 @@ public:
     Option(const char* name, const char* value);
     /// Copies share the texts.
     Option(const Option& option) = default;
+    /// Takes over both texts, which are then shared.
     Option& operator=(const Option& x) = default;
     virtual ~Option() = default;
 
-    CString Name;
-    CString Value;
+    CString Name; ///< What is set.
+    CString Value; ///< To what it is set.
 };
 
 /// Writes name and value.

@@ -29,7 +29,9 @@ public:
     /// Writes capacity, quantity and every element pointer, a line each.
     virtual void dumpOn(std::ostream& os) const;
 
+    /// The number of slots: elements that fit before the array grows.
     unsigned Capacity() const { return myCapacity; }
+    /// The number of elements.
     unsigned Quantity() const { return myQuantity; }
     /// The purge mode.
     short pf() const { return isPurgeable; }
@@ -77,12 +79,14 @@ public:
     /// array is empty or memory fails.
     void** GetPointers() const;
 
-    /// The element that equals `key` under `fptr`, or null. `fptr` gets two pointers to element pointers and gives
-    /// a value below, equal to or above 0 as the first sorts before, with or behind the second. REQUIRES: neither
-    /// argument is null, which is checked with assertions off too. `bsearch` needs the array sorted by `fptr`;
-    /// `lfind` looks at the elements in order; `search` is `lfind` below 16 elements and `bsearch` from there on.
+    /// The element that equals `key` under `fptr`, or null, by halving; REQUIRES: the array is sorted by `fptr`. `fptr`
+    /// gets two pointers to element pointers and gives a value below, equal to or above 0 as the first sorts before,
+    /// with or behind the second. REQUIRES, here and in lfind and search: neither argument is null, which is checked
+    /// with assertions off too.
     void* bsearch(const void* key, int (*fptr)(const void*, const void*)) const;
+    /// The first element that equals `key` under `fptr`, or null. It looks at the elements in order, sorted or not.
     void* lfind(const void* key, int (*fptr)(const void*, const void*)) const;
+    /// As lfind below 16 elements, as bsearch from there on: sort the array by `fptr` first.
     void* search(const void* key, int (*fptr)(const void*, const void*)) const;
     /// Sorts the elements by `fptr`. REQUIRES: `fptr` is not null, which is checked with assertions off too.
     void qsort(int (*fptr)(const void*, const void*));
@@ -93,10 +97,16 @@ public:
 protected:
     /// The searches and the sort for a comparison function of any type: `call` calls the one at `fptr`, which is null
     /// when there is none, with two pointers to element pointers. REQUIRES: as above.
+    /// How the searches and the sort use a comparison function of any type: a Call calls the one at `fptr`, which is
+    /// null when there is none, with two pointers to element pointers.
     typedef int (*Call)(const void* a, const void* b, void* fptr);
+    /// As bsearch, with a Call. REQUIRES: neither `key` nor `fptr` is null.
     void* bsearchBy(const void* key, Call call, void* fptr) const;
+    /// As lfind, with a Call. REQUIRES: neither `key` nor `fptr` is null.
     void* lfindBy(const void* key, Call call, void* fptr) const;
+    /// As search, with a Call. REQUIRES: neither `key` nor `fptr` is null.
     void* searchBy(const void* key, Call call, void* fptr) const;
+    /// As qsort, with a Call. REQUIRES: `fptr` is not null.
     void qsortBy(Call call, void* fptr);
     /// The typed dump, with `element` as the name of the element class.
     void printAs(const char* element, std::ostream& os) const;
@@ -126,8 +136,11 @@ public:
     void* curr() const { return ptr; }
     /// The index of the current element; off an end, that of the last one visited.
     unsigned getCurrentIterIndex() const { return index; }
-    /// One step forward, respectively backward. Beyond the end the walk stays off it.
+    /// One step forward. Behind the last element the walk is at none, and stays there; before the first it goes to the
+    /// first.
     void next();
+    /// One step backward. Before the first element the walk is at none, and stays there; behind the last it goes to the
+    /// last.
     void prev();
     /// Goes to the first element.
     void resetBackward();
@@ -160,6 +173,7 @@ int CallTyped(const void* a, const void* b, void* fptr)
 template <class X>
 class ZELOO_API SafeArray : public SafeArrayBase {
 public:
+    /// An empty owning array with `initialCapacity` slots.
     explicit SafeArray(unsigned initialCapacity = 0) : SafeArrayBase(initialCapacity) {}
     /// A deep copy: every element is copied with its copy constructor. The copy owns its elements whatever the mode
     /// of `other`. An element that cannot be allocated is left out.
@@ -168,10 +182,15 @@ public:
     /// Deletes the elements unless the mode is 1.
     ~SafeArray() override { DeleteAllItems(); }
 
+    /// Deletes the X at `item`.
     void DeleteItem(void* item) override { delete static_cast<X*>(item); }
+    /// Appends the element at `p`, as AddPtr does.
     virtual void AddItem(X* p) { AddPtr(p); }
+    /// Appends `r` itself, not a copy: an owning array will delete it.
     virtual void AddItem(X& r) { AddPtr(&r); }
+    /// Puts the element at `p` before the one at `index`, as InsertAt does.
     virtual void InsertItem(unsigned index, X* p) { InsertAt(index, p); }
+    /// Puts `r` itself before the element at `index`: an owning array will delete it.
     virtual void InsertItem(unsigned index, X& r) { InsertAt(index, &r); }
 
     /// A new X copied from `*item`; null when memory fails or `item` is null. The caller owns it.
@@ -180,8 +199,11 @@ public:
         return item != nullptr ? new (std::nothrow) X(*static_cast<X*>(item)) : nullptr;
     }
 
+    /// The element at `i`, or null when there is none; a negative index is beyond the end.
     X* operator[](int i) const { return static_cast<X*>(at(static_cast<unsigned>(i))); }
+    /// The first element, or null when there is none.
     X* first() const { return static_cast<X*>(at(0)); }
+    /// The last element, or null when there is none.
     X* last() const { return static_cast<X*>(at(Quantity() - 1)); }
 
     /// The pointers of SafeArrayBase::GetPointers, typed; released with delete[] by the caller.
@@ -191,20 +213,25 @@ public:
     using SafeArrayBase::lfind;
     using SafeArrayBase::qsort;
     using SafeArrayBase::search;
-    /// The searches of SafeArrayBase with a typed comparison function.
+    /// The type of a comparison function of elements: below, equal to or above 0 as `**a` sorts before, with or behind
+    /// `**b`.
     typedef int (*Compare)(const X**, const X**);
+    /// SafeArrayBase::bsearch with a typed comparison function. REQUIRES: the array is sorted by it.
     X* bsearch(const X* key, Compare fptr) const
     {
         return static_cast<X*>(bsearchBy(key, zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr));
     }
+    /// SafeArrayBase::lfind with a typed comparison function.
     X* lfind(const X* key, Compare fptr) const
     {
         return static_cast<X*>(lfindBy(key, zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr));
     }
+    /// SafeArrayBase::search with a typed comparison function.
     X* search(const X* key, Compare fptr) const
     {
         return static_cast<X*>(searchBy(key, zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr));
     }
+    /// SafeArrayBase::qsort with a typed comparison function.
     void qsort(Compare fptr) { qsortBy(zeloo::CallTyped<X>, fptr != nullptr ? &fptr : nullptr); }
 
     /// Writes the array's mode and sizes and the address of every element under the name of the element class.
@@ -237,8 +264,11 @@ SafeArray<X>::SafeArray(const SafeArray& other) : SafeArrayBase(other.Capacity()
 template <class X>
 class ZELOO_API SafeArrayIter : public SafeArrayIterBase {
 public:
+    /// Starts at the first element of `a`, which must outlive the walk.
     explicit SafeArrayIter(const SafeArray<X>& a) : SafeArrayIterBase(a) {}
+    /// The current element, or null when the walk has run off an end or the array is empty.
     X* operator()() const { return static_cast<X*>(curr()); }
+    /// One step forward, as next.
     void operator++() { next(); }
 };
 

@@ -20,15 +20,22 @@ class FaultId;
 /// area would overflow or the stream is flushed or destroyed.
 class ZELOO_API ZELostream {
 public:
+    /// Writes the character itself.
     virtual void put(char c);
+    /// Writes the decimal text of a `short` and `|`.
     virtual void put(short n);
+    /// Writes the decimal text of an `int` and `|`.
     virtual void put(int n);
+    /// Writes the decimal text of a `long` and `|`.
     virtual void put(long n);
+    /// Writes the byte itself, not a number.
     virtual void put(unsigned char c);
+    /// Writes the decimal text of an `unsigned short` and `|`.
     virtual void put(unsigned short n);
+    /// Writes the decimal text of an `unsigned int` and `|`.
     virtual void put(unsigned int n);
-    /// In a Buffer the letter `l` stands between the number and its `|` (`42l|`), which ZEListream does not read
-    /// back: this is intended.
+    /// Writes the decimal text of an `unsigned long` and `|`. In a Buffer the letter `l` stands between the number and
+    /// its `|` (`42l|`), which ZEListream does not read back: this is intended.
     virtual void put(unsigned long n);
     /// Flushes.
     virtual ~ZELostream();
@@ -49,13 +56,21 @@ public:
     ZELostream(const ZELostream&) = delete;
     ZELostream& operator=(const ZELostream&) = delete;
 
+    /// put(char), for chains.
     ZELostream& operator<<(char c) { return put(c), *this; }
+    /// put(short), for chains.
     ZELostream& operator<<(short n) { return put(n), *this; }
+    /// put(int), for chains.
     ZELostream& operator<<(int n) { return put(n), *this; }
+    /// put(long), for chains.
     ZELostream& operator<<(long n) { return put(n), *this; }
+    /// put(unsigned char), for chains.
     ZELostream& operator<<(unsigned char c) { return put(c), *this; }
+    /// put(unsigned short), for chains.
     ZELostream& operator<<(unsigned short n) { return put(n), *this; }
+    /// put(unsigned int), for chains.
     ZELostream& operator<<(unsigned int n) { return put(n), *this; }
+    /// put(unsigned long), for chains.
     ZELostream& operator<<(unsigned long n) { return put(n), *this; }
 
 private:
@@ -83,16 +98,26 @@ private:
 /// shows.
 class ZELOO_API ZEListream {
 public:
+    /// From where seekg counts.
     typedef std::ios_base::seekdir seek_dir;
 
+    /// Reads one character.
     virtual void get(char& c);
+    /// Reads a number and its `|` into a `short`, which keeps the low 16 bits of what a Buffer holds.
     virtual void get(short& n);
+    /// Reads a number and its `|` into an `int`, which keeps the low 32 bits of what a Buffer holds.
     virtual void get(int& n);
+    /// Reads a number and its `|` into a `long`.
     virtual void get(long& n);
+    /// Reads one byte, not a number.
     virtual void get(unsigned char& c);
+    /// Reads a number and its `|` into an `unsigned short`, which keeps the low 16 bits of what a Buffer holds.
     virtual void get(unsigned short& n);
+    /// Reads a number and its `|` into an `unsigned int`, which keeps the low 32 bits of what a Buffer holds.
     virtual void get(unsigned int& n);
+    /// Reads a number and its `|` into an `unsigned long`.
     virtual void get(unsigned long& n);
+    /// Leaves the source as it is.
     virtual ~ZEListream();
     /// Reads up to `n` bytes and returns how many. A Buffer has one byte more than its size to give, a spare byte of
     /// no particular value: this is intended, readers rely on the lengths they were given. A position further beyond
@@ -103,6 +128,7 @@ public:
     explicit ZEListream(std::istream& s);
     /// Reads from the start of `theBuf`, which must outlive the stream.
     explicit ZEListream(Buffer& theBuf);
+    /// The position: bytes from the start of the Buffer, or what the istream says.
     unsigned tellg();
     /// Goes to `offset`, which for a Buffer counts from its start whatever `dir` says.
     void seekg(long offset, seek_dir dir);
@@ -110,20 +136,29 @@ public:
     int good();
     /// Non-zero at the end of the istream, or when the position is beyond the Buffer's size: at the size it is 0.
     int eof();
-    /// The flag is for readers of objects to set when `read` gives less than a length promised; the stream itself
-    /// never sets it.
+    /// Sets the read error flag. It is for readers of objects to set when `read` gives less than a length promised; the
+    /// stream itself never sets it.
     void SetReadErrorFlag() { read_error = 1; }
+    /// Clears the read error flag.
     void ClearReadErrorFlag() { read_error = 0; }
     ZEListream(const ZEListream&) = delete;
     ZEListream& operator=(const ZEListream&) = delete;
 
+    /// get(char&), for chains.
     ZEListream& operator>>(char& c) { return get(c), *this; }
+    /// get(short&), for chains.
     ZEListream& operator>>(short& n) { return get(n), *this; }
+    /// get(int&), for chains.
     ZEListream& operator>>(int& n) { return get(n), *this; }
+    /// get(long&), for chains.
     ZEListream& operator>>(long& n) { return get(n), *this; }
+    /// get(unsigned char&), for chains.
     ZEListream& operator>>(unsigned char& c) { return get(c), *this; }
+    /// get(unsigned short&), for chains.
     ZEListream& operator>>(unsigned short& n) { return get(n), *this; }
+    /// get(unsigned int&), for chains.
     ZEListream& operator>>(unsigned int& n) { return get(n), *this; }
+    /// get(unsigned long&), for chains.
     ZEListream& operator>>(unsigned long& n) { return get(n), *this; }
 
 private:

@@ -21,7 +21,9 @@ class ZELOO_API Buffer {
 public:
     /// A buffer of `Size` bytes, not set.
     explicit Buffer(unsigned Size = 0);
+    /// A copy of the bytes of `buffer`.
     Buffer(const Buffer& buffer);
+    /// Frees the bytes.
     virtual ~Buffer();
     /// Frees the bytes; the buffer is empty.
     virtual void PurgeContents();
@@ -30,10 +32,12 @@ public:
 
     /// Discards the contents and makes room for `Size` bytes, not set. The old contents are never kept.
     void ReSize(const unsigned Size);
+    /// The number of bytes.
     unsigned Size() const { return AllocSize; }
     /// The byte at `index`. From the size on this is the one spare byte that all buffers share: writing to it
     /// changes no buffer.
     char& operator[](unsigned index);
+    /// The byte at `index`; from the size on the spare byte that all buffers share.
     const char& operator[](unsigned index) const;
     /// The same for an index of any integral type; one below 0 is out of range too.
     template <class Index, class = std::enable_if_t<std::is_integral_v<Index> || std::is_enum_v<Index>>>
@@ -41,11 +45,13 @@ public:
     {
         return (*this)[Clipped(+index)];
     }
+    /// The same for an index of any integral type; one below 0 is out of range too.
     template <class Index, class = std::enable_if_t<std::is_integral_v<Index> || std::is_enum_v<Index>>>
     const char& operator[](Index index) const
     {
         return (*this)[Clipped(+index)];
     }
+    /// Replaces the bytes by a copy of those of `b`, which may be this buffer.
     Buffer& operator=(const Buffer& b);
     /// The bytes; null when the buffer is empty.
     operator const void*() const { return ptr; }
@@ -58,8 +64,9 @@ public:
     void PutDataAt(const unsigned pos, const void* cp, const unsigned len);
     /// Copies to `cp` the bytes from `pos` on, at most `len` and no more than there are. A null `cp` copies nothing.
     void GetDataAt(const unsigned pos, void* cp, const unsigned len) const;
-    /// Appends `len` bytes, or the characters of a text without its terminator. A null `cp` appends nothing.
+    /// Appends `len` bytes. A null `cp` appends nothing.
     void Append(const void* cp, const unsigned len);
+    /// Appends the characters of a text without its terminator; null appends nothing.
     void Append(const char* cp);
     /// 1 when the buffer is not empty and its last byte is 0, else 0.
     short IsNullTerminated() const;
@@ -105,6 +112,7 @@ public:
     /// The terminator is decoded as a digit, so that every text is refused: this is intended.
     static unsigned char* ASCIIToHex(const char* ASCIIData, const unsigned Length);
 
+    /// What ASCIIByteToHex gives for a character that is no hex digit.
     static constexpr unsigned char INVALID_BYTE = 255;
 
 private:

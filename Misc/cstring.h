@@ -16,9 +16,9 @@ class ZELostream;
 
 /// The text that one or several CStrings share. Only CString makes and sees one.
 struct ZELOO_API CStringRep {
-    int32_t count; // the CStrings that share this text
-    char* rep;     // `len` + 1 characters, terminated; null only when memory failed in a constructor
-    uint32_t len;  // the length of the text when the representation was made
+    int32_t count; ///< The CStrings that share this text.
+    char* rep; ///< `len` + 1 characters, terminated; null only when memory failed in a constructor.
+    uint32_t len; ///< The length of the text when the representation was made.
 
     /// The empty text, with a count of 1.
     CStringRep();
@@ -31,6 +31,7 @@ struct ZELOO_API CStringRep {
     /// Room for a text of `n` characters, terminated at `n` but not filled. The caller sets the count. Without
     /// memory `rep` is null and `len` 0.
     CStringRep(unsigned n);
+    /// Releases the text, when it has a block of its own.
     ~CStringRep();
 
     /// Releases the block of a representation, which may hold its text too.
@@ -80,8 +81,10 @@ public:
     /// Writes the length as an unsigned short, then the characters without a terminator. A text longer than 65,535
     /// characters is cut to its length modulo 65,536, with a warning on standard output.
     virtual void printOn(ZELostream& s) const;
+    /// Gives up the text, which goes with its last string.
     virtual ~CString() { delete_cp(); }
 
+    /// The empty string.
     CString();
     /// A copy of `s`; the empty string when `s` is null.
     CString(const char* s);
@@ -89,8 +92,11 @@ public:
     CString(const char* s, unsigned n);
     /// The bytes of `b` up to the first zero byte.
     CString(const Buffer& b);
+    /// Shares the text of `s`.
     CString(const CString& s) : cp(s.cp != nullptr ? s.cp : sharedEmpty()) { cp->count++; }
+    /// Makes the text a copy of `s`; the empty string when `s` is null.
     CString& operator=(const char* s);
+    /// Shares the text of `s`, which may be this string.
     CString& operator=(const CString& s)
     {
         CStringRep* r = s.cp;
@@ -120,33 +126,52 @@ public:
         return (*this)[static_cast<unsigned>(+i)];
     }
 
+    /// Whether the stored lengths are the same, and the texts up to the first zero byte.
     bool operator==(const CString& s) const;
+    /// The opposite of ==.
     bool operator!=(const CString& s) const { return !(*this == s); }
+    /// Whether the text is `s`; a null `s` equals no string.
     bool operator==(const char* s) const;
+    /// Whether the text is another one than `s`; a null `s` differs from every string.
     bool operator!=(const char* s) const { return !(*this == s); }
     /// The order of texts, as in compare; a null `const char*` equals no string and sorts before all. These are
     /// templates, so that a program that has such an operator of its own goes on using it.
     // clang-format off
     template <class = void> friend bool operator<(const CString& a, const CString& b) { return order(a, b) < 0; }
+    /// Whether `a` sorts before `b`; nothing sorts before null.
     template <class = void> friend bool operator<(const CString& a, const char* b) { return order(a, b) < 0; }
+    /// Whether `a` sorts before `b`; null does.
     template <class = void> friend bool operator<(const char* a, const CString& b) { return order(a, b) < 0; }
+    /// Whether `a` sorts behind `b`.
     template <class = void> friend bool operator>(const CString& a, const CString& b) { return order(a, b) > 0; }
+    /// Whether `a` sorts behind `b`; every string sorts behind null.
     template <class = void> friend bool operator>(const CString& a, const char* b) { return order(a, b) > 0; }
+    /// Whether `a` sorts behind `b`; null never does.
     template <class = void> friend bool operator>(const char* a, const CString& b) { return order(a, b) > 0; }
+    /// Whether `a` sorts before `b` or is the same text.
     template <class = void> friend bool operator<=(const CString& a, const CString& b) { return order(a, b) <= 0; }
+    /// Whether `a` sorts before `b` or is the same text; never with null.
     template <class = void> friend bool operator<=(const CString& a, const char* b) { return order(a, b) <= 0; }
+    /// Whether `a` sorts before `b` or is the same text; null does.
     template <class = void> friend bool operator<=(const char* a, const CString& b) { return order(a, b) <= 0; }
+    /// Whether `a` sorts behind `b` or is the same text.
     template <class = void> friend bool operator>=(const CString& a, const CString& b) { return order(a, b) >= 0; }
+    /// Whether `a` sorts behind `b` or is the same text; every string sorts behind null.
     template <class = void> friend bool operator>=(const CString& a, const char* b) { return order(a, b) >= 0; }
+    /// Whether `a` sorts behind `b` or is the same text; null never does.
     template <class = void> friend bool operator>=(const char* a, const CString& b) { return order(a, b) >= 0; }
+    /// Whether the text of `b` is `a`; null is the text of no string.
     template <class = void> friend bool operator==(const char* a, const CString& b) { return b == a; }
+    /// The opposite of ==.
     template <class = void> friend bool operator!=(const char* a, const CString& b) { return b != a; }
     // clang-format on
     /// The comparison function for sorting arrays of CString pointers: the `strcmp` of the two texts. REQUIRES: no
     /// pointer is null.
     static int compare(const CString** a, const CString** b);
 
+    /// A new string: this text with that of `s` behind it.
     CString operator+(const CString& s) const;
+    /// A new string: this text with `s` behind it; a null `s` adds nothing.
     CString operator+(const char* s) const { return *this + CString(s); }
     /// A text with the character `c` behind it, or before it. Templates, so that a number is no character: `s + 1` is
     /// the place of the second character, as with every `const char*`.
@@ -162,7 +187,9 @@ public:
     }
     /// Appends `s`; an empty or null `s` changes nothing.
     CString& operator+=(const char* s);
+    /// Appends the text of `s`, which may be this string.
     CString& operator+=(const CString& s);
+    /// Appends the character `c`; a zero byte adds nothing.
     CString& operator+=(const char& c);
 
     /// Removes up to `n` characters from `pos` on. Nothing happens beyond the end.
@@ -170,14 +197,19 @@ public:
     /// Puts `s` before the character at `pos`; `pos` equal to the length appends. Nothing happens when `pos` is
     /// beyond the end or `s` is empty (as a CString) or null.
     void Insert(unsigned pos, const CString& s);
+    /// The same for a C text; nothing happens when it is null.
     void Insert(unsigned pos, const char* s);
+    /// Puts the character `c` before the one at `pos`; `pos` equal to the length appends.
     void Insert(unsigned pos, char c);
     /// Replaces every `c` by the text `s`; nothing happens when `s` is null.
     void ReplaceAll(char c, const char* s);
-    /// Remove leading (lTrim) or trailing (rTrim) white space.
+    /// Removes leading white space.
     void lTrim();
+    /// Removes trailing white space.
     void rTrim();
+    /// Turns small letters into capitals, as the locale's toupper does.
     void toUpper();
+    /// Turns capitals into small letters, as the locale's tolower does.
     void toLower();
     /// Turns every character that is not printable into a space, tabs and line feeds included.
     void flatten();
@@ -247,7 +279,9 @@ private:
     static CStringRep* emptyRep;
 };
 
+/// Writes the string with its printOn.
 inline ZELostream& operator<<(ZELostream& s, const CString& c) { return c.printOn(s), s; }
+/// Reads the string with its scanFrom.
 inline ZEListream& operator>>(ZEListream& s, CString& c) { return c.scanFrom(s), s; }
 
 /// A walk over the lines or fields of a text, which must outlive it:
@@ -294,10 +328,13 @@ public:
     virtual ~CStringBuff();
     /// Empties the chunk being filled; what earlier chunks held stays.
     void ResetBuff();
-    /// Replace the whole text.
+    /// Makes `s` the whole text.
     CStringBuff& operator=(const CString& s);
+    /// Makes the character `c` the whole text.
     CStringBuff& operator=(char c);
+    /// Appends the character `c`.
     CStringBuff& operator+=(char c);
+    /// Appends the text `s`, a character at a time.
     CStringBuff& operator+=(const CString& s);
     /// The text collected so far.
     CString GetCString() const;

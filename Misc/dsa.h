@@ -45,12 +45,13 @@ public:
     static void mark_begin();
     /// Excludes one block from the listings. A pointer that is no live block is ignored.
     static void mark_ok(const void* p);
-    /// Whether new blocks will be listed: mark_on sets the mark given to them to 0 (listed; the value at the start),
-    /// mark_off to 1 (not listed).
+    /// Lists new blocks: sets the mark given to them to 0, the value at the start.
     static void mark_on();
+    /// Keeps new blocks off the listings: sets the mark given to them to 1.
     static void mark_off();
     /// Sets the mark given to new blocks, a char, and returns it; all but 0 keep them off the listings.
     static short set_mark_flag(short flag);
+    /// The mark that new blocks get.
     static short get_mark_flag();
 
     /// Lists every live block whose mark is 0: size, tag, whether the word behind its end is intact ("good") or not
@@ -62,9 +63,10 @@ public:
 
     /// Makes the allocation of the block with this tag abort the process. No block has the tag 0.
     static void abort_on_alloc_tag(unsigned int tag);
-    /// Tracing prints a line for each allocation and each release. It is on while trace_on has been called more often
-    /// than trace_of, which never counts below 0. The name trace_of is intended.
+    /// Turns tracing up: it prints a line for each allocation and each release while trace_on has been called more
+    /// often than trace_of.
     static void trace_on();
+    /// Takes one trace_on back; the count never goes below 0. The name is intended.
     static void trace_of();
 
     /// Prints `n` bytes from `p` on, 16 a row, in hexadecimal and as characters; only the heading and an empty row

@@ -46,9 +46,9 @@ public:
     void SigTermProc(int) override { Cleanup(); }
 
 protected:
-    CString BaseName;
-    short FileLocked;
-    int LockError;
+    CString BaseName; ///< The name of the resource.
+    short FileLocked; ///< 1 while this object holds the lock.
+    int LockError; ///< What Error gives.
 
 private:
     enum Creation { Owned, Lost, Failed }; // of the lock file; lost to another process, or not made

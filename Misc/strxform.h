@@ -18,6 +18,7 @@ public:
     EnvironmentValue(const char* dflt, const char* tEnvVar);
     /// A copy has the value too, when there is one.
     EnvironmentValue(const EnvironmentValue& other) = default;
+    /// Takes over default, name of the variable, and the value when there is one.
     EnvironmentValue& operator=(const EnvironmentValue& other) = default;
 
     /// The value. One that is empty is looked up again at the next call.
@@ -64,10 +65,12 @@ public:
     /// the end of the template terminates the output and returns 0, now and at every call until reset(); `c` stays.
     int nextCharacter(char& c);
 
-    /// Append to the output. A zero byte ends it, as the end of the template does: what is written later does not
-    /// show. A null `c` writes nothing.
+    /// Appends a character to the output. A zero byte ends the output, as the end of the template does, here and in the
+    /// other forms: what is written later does not show.
     void Output(char c);
+    /// Appends a text to the output.
     void Output(const CString& c);
+    /// Appends `len` bytes to the output; a null `c` appends nothing.
     void Output(const char* c, unsigned len);
     /// Appends a time, in seconds since the epoch, as local time in the time format (see strftime(3)). A text that
     /// does not fit 40 characters with its terminator is left out, and so is a year beyond the range of `int`.

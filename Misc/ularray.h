@@ -15,8 +15,11 @@ class ZELOO_API ulongArray {
 public:
     /// An array of `n` cells; an empty one when `n` is not above 0.
     explicit ulongArray(int n);
+    /// A copy of all cells.
     ulongArray(const ulongArray& a);
+    /// Frees all cells.
     ~ulongArray();
+    /// Makes the cells copies of those of `a`.
     ulongArray& operator=(const ulongArray& a);
 
     /// Adds `n` cells behind the others; does nothing when `n` is not above 0. References to cells go stale.
@@ -26,6 +29,7 @@ public:
 
     /// The cell at `i`, unchecked: `i` is at least 0 and below Size().
     unsigned long& operator[](int i) { return theCells[i]; }
+    /// The value of the cell at `i`, unchecked like operator[].
     unsigned long at(int i) const { return theCells[i]; }
     /// The number of cells.
     int Size() const { return numCells; }
