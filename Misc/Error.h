@@ -138,8 +138,10 @@ public:
     /// other % stands for itself. There is no limit to the length of a record but the host's. `errno` is kept.
     void MakeErrorLogEntry(short const SeverityLevel, int const ErrCode, char const* Description,
                            char const* ModuleName, long const theLine) const;
-    /// Whether reports made through this object, and its Display, print.
+    /// Reports made through this object, and its Display, print: so it is at first.
     void DisplayErrorInfo() { DisplayInfo = 1; }
+    /// Reports made through this object, and its Display, print nothing. They are recorded, counted and logged all the
+    /// same.
     void DoNotDisplayErrorInfo() { DisplayInfo = 0; }
 
     /// The `errno` of the last report; 0 when there was none.

@@ -94,7 +94,7 @@ class FaultIndex;
 /// What heads a fault record: its group and its own identifier. Programs add to it.
 struct ZELOO_API FaultHdr {
     FaultId groupid; ///< The group of the fault, as its program uses it.
-    FaultId myId; ///< The fault's own identifier.
+    FaultId myId;    ///< The fault's own identifier.
 };
 
 /// The fault record, as far as this library needs it.

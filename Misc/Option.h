@@ -23,7 +23,7 @@ public:
     Option& operator=(const Option& x) = default;
     virtual ~Option() = default;
 
-    CString Name; ///< What is set.
+    CString Name;  ///< What is set.
     CString Value; ///< To what it is set.
 };
 

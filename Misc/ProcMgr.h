@@ -13,9 +13,9 @@
 
 /// A command that waits to be started.
 struct ZELOO_API CmdLine {
-    CString cmd;         // for "/sbin/sh -c"
-    int retry_count = 0; // the starts that failed so far
-    FaultId Cur_fid;     // the fault it is run for; empty for a command given as an argument vector
+    CString cmd;         ///< The text for "/sbin/sh -c".
+    int retry_count = 0; ///< The starts that failed so far.
+    FaultId Cur_fid;     ///< The fault it is run for; empty for a command given as an argument vector.
 };
 
 template <>
@@ -30,9 +30,9 @@ public:
 
 /// A command that was started.
 struct ZELOO_API ProcInfo {
-    FaultId AssociateFaultId; // the Cur_fid of its CmdLine
-    long pid = 0;             // of the shell, which leads a process group of its own
-    long timestamp = 0;       // of its start, in seconds since the epoch
+    FaultId AssociateFaultId; ///< The Cur_fid of its CmdLine.
+    long pid = 0;             ///< The process id of the shell, which leads a process group of its own.
+    long timestamp = 0;       ///< When it was started, in seconds since the epoch.
 };
 
 template <>
@@ -80,22 +80,28 @@ public:
     /// Starts commands that wait, the first one first, until MaxActive are running or a start fails.
     static void RunProcesses();
 
+    /// Sets how many commands may run at once. Those that run already go on.
     static void SetMaxActive(long commandsAtOnce) { MaxActive = commandsAtOnce; }
+    /// How many commands may run at once.
     static long GetMaxActive() { return MaxActive; }
+    /// Sets how many failed starts a command survives.
     static void SetMaxRetry(long failedStarts) { MaxRetry = failedStarts; }
+    /// How many failed starts a command survives.
     static long GetMaxRetry() { return MaxRetry; }
+    /// Sets the seconds that a command may run before it can be killed.
     static void SetMaxTime(long seconds) { MaxTime = seconds; }
+    /// The seconds that a command may run before it can be killed.
     static long GetMaxTime() { return MaxTime; }
 
     /// Writes the commands that wait, those that run, the limits, and how many were killed for their time and dropped
     /// after failed starts since the process began.
     static void dumpOn(std::ostream& out);
 
-    static CmdLineSafeArray& commands;   // those that wait; owned
-    static ProcInfoSafeArray& processes; // those that run; owned
-    static long MaxActive;               // commands that run at once; 8 at first
-    static long MaxRetry;                // failed starts that a command survives; 4 at first
-    static long MaxTime;                 // seconds that a command may run before it can be killed; 1800 at first
+    static CmdLineSafeArray& commands;   ///< Those that wait; owned.
+    static ProcInfoSafeArray& processes; ///< Those that run; owned.
+    static long MaxActive;               ///< Commands that run at once; 8 at first.
+    static long MaxRetry;                ///< Failed starts that a command survives; 4 at first.
+    static long MaxTime;                 ///< Seconds that a command may run before it can be killed; 1800 at first.
 
 private:
     void Submit(CmdLine* command, const char* noMemory);
@@ -105,7 +111,9 @@ private:
 /// Keeps the queues of ProcMgr alive while the static objects of an including unit are.
 class ZELOO_API ProcMgrQueues {
 public:
+    /// Builds the queues when no other such object has.
     ProcMgrQueues();
+    /// Destroys the queues when it is the last such object.
     ~ProcMgrQueues();
     ProcMgrQueues(const ProcMgrQueues&) = delete;
     ProcMgrQueues& operator=(const ProcMgrQueues&) = delete;

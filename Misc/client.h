@@ -15,19 +15,23 @@
 template <class Client>
 class ZELOO_API ServerClient {
 public:
-    /// Change the identity that the messages carry, cut to 19, 79 and 79 characters.
+    /// Changes the version that the messages carry, cut to 19 characters.
     void RegisterVersion(const char* version) { Register(This().ClientVersion, version); }
+    /// Changes the program name that the messages carry, cut to 79 characters.
     void RegisterProgramName(const char* program) { Register(This().ClientProgram, program); }
+    /// Changes the node name that the messages carry, cut to 79 characters.
     void RegisterNodeName(const char* node) { Register(This().ClientNode, node); }
 
-    /// Send an event with `len` bytes of data: without asking for anything; asking for a response, which
-    /// receive_response fetches; asking for an acknowledgement, for which the call waits (the result is then its
-    /// status). Return a code. A send that fails disconnects the client.
+    /// Sends an event with `len` bytes of data and asks for nothing. Returns a code. A send that fails, here and below,
+    /// disconnects the client.
     short send_event(short event, const void* ptr, long len) { return This().SendToServer(event, ptr, len, 0, 0); }
+    /// Sends an event and asks for a response, which receive_response fetches. Returns a code.
     short send_event_with_response(short event, const void* ptr, long len)
     {
         return This().SendToServer(event, ptr, len, 1, 0);
     }
+    /// Sends an event and waits for its acknowledgement. Returns the code of a send that failed, else what
+    /// receive_response gives: the status of the acknowledgement, or a code.
     short send_event_wait_ack(short event, const void* ptr, long len)
     {
         const short code = This().SendToServer(event, ptr, len, 0, 1);

@@ -17,8 +17,8 @@ class ZELostream;
 /// The text that one or several CStrings share. Only CString makes and sees one.
 struct ZELOO_API CStringRep {
     int32_t count; ///< The CStrings that share this text.
-    char* rep; ///< `len` + 1 characters, terminated; null only when memory failed in a constructor.
-    uint32_t len; ///< The length of the text when the representation was made.
+    char* rep;     ///< `len` + 1 characters, terminated; null only when memory failed in a constructor.
+    uint32_t len;  ///< The length of the text when the representation was made.
 
     /// The empty text, with a count of 1.
     CStringRep();

@@ -102,36 +102,38 @@ public:
     /// Drops the children that no longer exist. A child that has ended but was not waited for still exists.
     void Compact();
 
-    /// Time stamps, written at debug level 1 and above. TimeStampS names the event and its sender and starts the clock;
-    /// TimeStampE writes the seconds since then: real time, and user and system time of this process. The clock is one
-    /// for all event managers of the process.
+    /// Writes the name of the event and its sender, at debug level 1 and above, and starts the clock that TimeStampE
+    /// reads. The clock is one for all event managers of the process.
     void TimeStampS(short const event, const char* FromProgram, const char* FromNode, std::ostream& out);
+    /// Writes, at debug level 1 and above, the seconds since TimeStampS: real time, and user and system time of this
+    /// process; then the time of day and the name of the event.
     void TimeStampE(short const event, std::ostream& out);
+    /// Writes, at debug level 1 and above, that the event was rejected.
     void RejectEventStamp(std::ostream& out);
 
     EventManager(const EventManager&) = delete;
     EventManager& operator=(const EventManager&) = delete;
 
 protected:
-    static const int TraceSlots = 256;
+    static const int TraceSlots = 256; ///< The events that the trace holds.
 
-    IPCQServer myInBasket;
-    short traceEvents[TraceSlots]; // -1: the slot is unused
-    short traceStatus[TraceSlots]; // -1: the event is being handled, or the slot is unused
-    long traceTimes[TraceSlots];   // seconds since the epoch
-    int traceNext;                 // the slot of the current or the next event; TraceSlots stands for slot 0
-    short CurrentEvent;
-    long CurrentEventTime; // seconds since the epoch
-    Buffer CurrentEventData;
-    short CurrentEventResponseRqd;
-    short CurrentEventError; // the result of the last receive
-    long EventCount;
-    short ExitPending; // set by a derived class whose exit must wait
-    short CoprocessFlag;
-    long myPid;
-    long myParentPid;
-    std::ostream* LogStreamPtr; // not owned; may be null
-    UnixProcessSafeArray myChildren;
+    IPCQServer myInBasket;           ///< The server's end of its queue.
+    short traceEvents[TraceSlots];   ///< Their numbers; -1: the slot is unused.
+    short traceStatus[TraceSlots];   ///< Their results; -1: the event is being handled, or the slot is unused.
+    long traceTimes[TraceSlots];     ///< When they came, in seconds since the epoch.
+    int traceNext;                   ///< The slot of the current or the next event; TraceSlots stands for slot 0.
+    short CurrentEvent;              ///< The number of the event that is being handled.
+    long CurrentEventTime;           ///< When it came, in seconds since the epoch.
+    Buffer CurrentEventData;         ///< Its data.
+    short CurrentEventResponseRqd;   ///< Whether its sender waits for a response.
+    short CurrentEventError;         ///< The result of the last receive.
+    long EventCount;                 ///< The events taken so far.
+    short ExitPending;               ///< Set by a derived class whose exit must wait.
+    short CoprocessFlag;             ///< Not 0 in the child of InitiateCoprocess.
+    long myPid;                      ///< The process id of the server, or of the co-process.
+    long myParentPid;                ///< The process id of its parent.
+    std::ostream* LogStreamPtr;      ///< Where time stamps go; not owned, may be null.
+    UnixProcessSafeArray myChildren; ///< The child processes that the server started; owned.
 
 private:
     void BeginTrace();

@@ -39,22 +39,29 @@ public:
     void Disconnect();
     /// Whether the transport is connected.
     short Connected() const;
-    /// Change the identity that the messages carry; without a transport they do nothing.
+    /// Changes the version that the messages carry, cut to 19 characters. Without a transport nothing happens, here and
+    /// in the next two.
     void RegisterVersion(const char* version);
+    /// Changes the program name that the messages carry, cut to 79 characters.
     void RegisterProgramName(const char* program);
+    /// Changes the node name that the messages carry, cut to 79 characters.
     void RegisterNodeName(const char* node);
-    /// Limits of the transport in seconds. A connection keeps its own, whatever is set here.
+    /// Limits the wait for an answer on a queue, in seconds (see IPCQBase::SetReceiveTimeOut). A connection keeps its
+    /// own limit.
     void SetReceiveTimeOut(long t_out);
+    /// Limits the wait for room on a queue, in seconds (see IPCQBase::SetSendTimeOut). A connection has no such limit.
     void SetSendTimeOut(long t_out);
     /// The process id of a server on this host's queue, else -1.
     long GetServerPID() const;
 
-    /// Send `len` bytes with an event: without asking for anything; asking for a response, which receive_response
-    /// fetches; asking for an acknowledgement, for which the call waits (the result is then its status). Return a
-    /// code, 66 without a transport. The first two disconnect when they fail; the third only when its transport has
-    /// lost its connection, since its result may come from the server.
+    /// Sends `len` bytes with an event and asks for nothing. Returns a code, 66 without a transport. A failure
+    /// disconnects.
     short send_event(short event, const void* ptr, long len);
+    /// Sends an event and asks for a response, which receive_response fetches. Returns a code, 66 without a transport.
+    /// A failure disconnects.
     short send_event_with_response(short event, const void* ptr, long len);
+    /// Sends an event and waits for its acknowledgement, whose status is the result, or a code; 66 without a transport.
+    /// It disconnects only when its transport has lost its connection, since its result may come from the server.
     short send_event_wait_ack(short event, const void* ptr, long len);
     /// Waits for the server's response. Returns the status that the server gave it; a code with `REvent` 0 on
     /// failure, 66 without a transport.
@@ -84,11 +91,13 @@ public:
     /// Connects to object `server` of the server `serverName`, once and without waiting. The name is not copied and
     /// must stay. A null or empty `serverNode` leaves it to the client to find the server's host.
     ReconnectClient(short server, const char* serverName, const char* serverNode = nullptr);
+    /// Disconnects the current client.
     virtual ~ReconnectClient();
 
-    /// Send an event, the second waiting for its acknowledgement, whose status it returns. After 62, 65 or 66 they
-    /// reconnect: they return the result of AttemptReConnect when that fails, else that of the second send.
+    /// Sends an event. After 62, 65 or 66 it reconnects: it returns the result of AttemptReConnect when that fails,
+    /// else that of a second send.
     virtual short SendEvent(short event, const void* ptr, long size);
+    /// Sends an event and waits for its acknowledgement, whose status it returns. It reconnects as SendEvent does.
     virtual short SendEventWaitAck(short event, const void* ptr, long size);
     /// Sends an event and waits for its response, whose data go into `inbuf`. A send that fails, whatever its code, is
     /// repeated after reconnecting; its code is returned when that fails too. A failed wait for the response is not
@@ -107,11 +116,13 @@ public:
     short AttemptReConnect();
     /// Whether the current client is connected.
     short ServerConnected() const;
-    /// Both are 5 at first.
+    /// Sets how many new clients AttemptReConnect makes at most; 5 at first.
     void SetRetryCount(short count) { RetryCount = count; }
+    /// Sets the seconds that AttemptReConnect waits between two of them; 5 at first.
     void SetRetryWaitTime(short seconds) { RetryWaitTime = seconds; }
     /// The server's node for the clients made from now on; empty or null as in the constructor.
     void SetServerNode(const char* node);
+    /// The server's node for the clients made from now on; empty when it is left to them.
     const CString& GetServerNode() const { return ServerNode; }
 
     ReconnectClient(const ReconnectClient&) = delete;

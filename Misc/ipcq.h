@@ -34,7 +34,7 @@ extern ZELOO_API int16_t IPCMessageMaxDataLen;
 
 /// A message in an array.
 struct ZELOO_API IPCQMsg {
-    IPCQMessage msg;
+    IPCQMessage msg; ///< The message, as it came.
 };
 
 template <>
@@ -106,9 +106,10 @@ ZELOO_API int remove_serverpid_from_queue(int msqid, long ServerPID);
 /// when no live one is left.
 ZELOO_API short is_a_live_server_process(int msqid, long ServerPID);
 
-/// Remove the kernel objects. One that is gone, or that belongs to somebody else, is passed over; other failures are
+/// Removes a semaphore set. One that is gone, or that belongs to somebody else, is passed over; other failures are
 /// reported.
 ZELOO_API void delete_semaphore(int semid);
+/// Removes a queue and the set that belongs to it, in the same way.
 ZELOO_API void delete_q_and_semaphore(int msqid);
 
 /// A new shared-memory segment with a copy of `size` bytes, which the caller or the receiver removes; its id, or -1.
@@ -155,17 +156,22 @@ ZELOO_API void sigalarm(int sig);
 /// An event that a process sends to itself.
 class ZELOO_API InternalQMessage {
 public:
+    /// The destination object inside the server.
     int16_t object;
+    /// The number of the event.
     int16_t event;
-    char origprog[80];
-    char orignode[80];
-    int16_t response_rqd;
-    int16_t ack_rqd;
-    int16_t result_code;
-    Buffer data; // the message's own copy
+    char origprog[80];    ///< The program name that the sender gave.
+    char orignode[80];    ///< The node name that the sender gave.
+    int16_t response_rqd; ///< Not 0 when the sender waits for a response: never, as such an event is refused.
+    int16_t ack_rqd;      ///< Not 0 when the sender waits for an acknowledgement: never, as such an event is refused.
+    int16_t result_code;  ///< The status that the sender gave it.
+    Buffer data;          ///< Its data, the message's own copy.
 
+    /// An event of which everything is 0 or empty.
     InternalQMessage();
+    /// A copy, with a copy of the data.
     InternalQMessage(const InternalQMessage& other);
+    /// Frees the data.
     virtual ~InternalQMessage();
     InternalQMessage& operator=(const InternalQMessage&) = delete;
 };
@@ -201,6 +207,7 @@ public:
     explicit IPCQBase(const char* pServerName);
     /// Frees the messages that were saved and not delivered.
     ~IPCQBase() override;
+    /// 1 for the server end, 0 for a client's.
     virtual short is_a_server() = 0;
     void dumpOn(std::ostream& out) const override;
 
@@ -235,8 +242,11 @@ public:
     /// meet. `errno` is kept.
     void IPCDrain();
 
-    /// Limits in seconds; 0 waits for ever.
+    /// Limits the wait for an event, in seconds; 0 waits for ever. A wait for a response is counted in whole steps of
+    /// 10 seconds: below 10 it waits for ever, while the server lives (see ipc_recv).
     void SetReceiveTimeOut(long seconds) { ReceiveTimeOut = seconds; }
+    /// Limits the wait for room on the queue, in seconds, counted in whole steps of 10: below 10 it waits for ever,
+    /// while the receiver lives (see ipc_send).
     void SetSendTimeOut(long seconds) { SendTimeOut = seconds; }
     /// Bounds in seconds how long a living partner may be silent within a transfer of several blocks: each wait for an
     /// acknowledgement, for a block after the first, and for room for such a block. After that the event is dropped with
@@ -244,8 +254,9 @@ public:
     /// acknowledgement, the receive limit for a block (a server then waits for ever), the send limit for room.
     void SetTransferTimeOut(long seconds) { TransferTimeOut = seconds; }
 
-    /// Who sent the last event that was received; empty when nobody did.
+    /// The program that sent the last event that was received; empty when none was.
     const char* LastSendersProgramName() const { return SendersProgramName; }
+    /// The node of the program that sent the last event that was received; empty when none was.
     const char* LastSendersNodeName() const { return SendersNodeName; }
     /// The server's process id, or -1 while it is not known.
     long GetServerPID() const { return ServerPID; }
@@ -254,16 +265,16 @@ public:
     IPCQBase& operator=(const IPCQBase&) = delete;
 
 protected:
-    long ReceiveTimeOut;
-    long SendTimeOut;
-    IPCQMsgSafeArray MsgArray; // saved by IPCDrain and not yet delivered
-    int MyQueueID;             // -1: no queue
-    long MyPID;
-    long ServerPID;
-    char* ServerName; // owned
-    long SendersPID;
-    char SendersProgramName[80];
-    char SendersNodeName[80];
+    long ReceiveTimeOut;         ///< Seconds; 0 is no limit.
+    long SendTimeOut;            ///< Seconds; 0 is no limit.
+    IPCQMsgSafeArray MsgArray;   ///< Saved by IPCDrain and not yet delivered.
+    int MyQueueID;               ///< The id of the queue; -1: no queue.
+    long MyPID;                  ///< The process that made the object.
+    long ServerPID;              ///< The server's process; -1 while it is not known.
+    char* ServerName;            ///< Owned; null when none was given.
+    long SendersPID;             ///< The process that sent the last event; -1 at first.
+    char SendersProgramName[80]; ///< Its program name.
+    char SendersNodeName[80];    ///< The name of its node.
 
 private:
     friend class IPCQServer;
@@ -300,6 +311,7 @@ public:
     explicit IPCQServer(const char* IPCServerName);
     /// Shutdown.
     ~IPCQServer() override;
+    /// 1.
     short is_a_server() override { return 1; }
     void dumpOn(std::ostream& out) const override;
     /// Unregisters the server as Shutdown does. The events of this process to itself stay.
@@ -344,6 +356,7 @@ public:
     IPCQClient(short Object, const char* IPCServerName, unsigned short TimeOutValue = 0, long RequestedServerPID = -1);
     /// Shutdown.
     ~IPCQClient() override;
+    /// 0.
     short is_a_server() override { return 0; }
     void dumpOn(std::ostream& out) const override;
     /// Takes the client's mail off the queue and drops it.

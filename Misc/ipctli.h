@@ -160,19 +160,23 @@ public:
     IPCTliClient(short Object, const char* IPCServerName, const char* ServerNodeName, short CheckForIPCQueue);
     /// Disconnect.
     ~IPCTliClient() override;
+    /// Writes the identity, the limits, the last sender and the state of the connection.
     virtual void dumpOn(std::ostream& out) const;
 
     /// Ends the connection. What was sent still reaches the server. In a forked child it closes the copy (see IPCTli).
     void Disconnect();
+    /// Whether there is a connection: until a send or receive fails, the server says that it is going, or Disconnect.
     short Connected() const { return ptli != nullptr; }
 
-    /// Limits in seconds (900 and 60 at first). They are kept but have no effect: a record is awaited for 900 seconds,
-    /// and sends have no limit. This is intended.
+    /// Keeps a limit in seconds, 900 at first, that has no effect: a record is awaited for 900 seconds. This is
+    /// intended.
     void SetReceiveTimeOut(long seconds) { ReceiveTimeOut = seconds; }
+    /// Keeps a limit in seconds, 60 at first, that has no effect: sends have no limit. This is intended.
     void SetSendTimeOut(long seconds) { SendTimeOut = seconds; }
 
-    /// Who sent the last event that was received; empty when nobody did.
+    /// The program that sent the last event that was received; empty when none was.
     const char* LastSendersProgramName() const { return SendersProgramName; }
+    /// The node of the program that sent the last event that was received; empty when none was.
     const char* LastSendersNodeName() const { return SendersNodeName; }
 
     /// Sends an event with `len` bytes of data (limits as for IPCTli::send_block). A failure leaves the client

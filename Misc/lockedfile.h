@@ -48,7 +48,7 @@ public:
 protected:
     CString BaseName; ///< The name of the resource.
     short FileLocked; ///< 1 while this object holds the lock.
-    int LockError; ///< What Error gives.
+    int LockError;    ///< What Error gives.
 
 private:
     enum Creation { Owned, Lost, Failed }; // of the lock file; lost to another process, or not made

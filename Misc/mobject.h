@@ -90,6 +90,7 @@ public:
 
     /// The debug level of the process, 0 at first. Higher levels make parts of the library print what they do.
     static short debug() { return DebugLevel; }
+    /// Sets the debug level of the process.
     static void SetDebugLevel(short level) { DebugLevel = level; }
 
 private:

@@ -82,8 +82,8 @@ public:
 
 protected:
     uint16_t buffer_short; ///< The last 16-bit number put, as written.
-    uint32_t buffer_long; ///< The last 32-bit number put, as written.
-    uint8_t buffer_char; ///< For the characters of derived streams.
+    uint32_t buffer_long;  ///< The last 32-bit number put, as written.
+    uint8_t buffer_char;   ///< For the characters of derived streams.
 
 private:
     void put16(uint16_t x);
@@ -114,7 +114,7 @@ public:
 
 protected:
     uint16_t buffer_short; ///< The last 16-bit number, as read.
-    uint32_t buffer_long; ///< The last 32-bit number, as read.
+    uint32_t buffer_long;  ///< The last 32-bit number, as read.
 
 private:
     uint16_t get16();

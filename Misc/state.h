@@ -17,20 +17,27 @@ class ZELOO_API State {
 public:
     /// A state with an empty abbreviation and an empty title.
     State() = default;
+    /// A state with copies of both texts.
     State(const char* Abbrev, const char* Title);
+    /// A copy of both texts.
     State(const State& s) = default;
     /// Assigning a state to itself does nothing.
     State& operator=(const State& s);
     /// Sets both texts, which may be those of this state.
     void init(const char* Abbrev, const char* Title);
 
-    /// The texts, never null; each is valid until it is set again or the state goes.
+    /// The abbreviation, never null; valid until it is set again or the state goes.
     const char* Abbrev() const { return abbrev; }
+    /// The title, never null; valid until it is set again or the state goes.
     const char* Name() const { return title; }
+    /// Sets the abbreviation, and so which state this is.
     void SetAbbrev(const char* Abbrev) { abbrev = Abbrev; }
+    /// Sets the title.
     void SetName(const char* Title) { title = Title; }
 
+    /// Whether the abbreviations are the same.
     bool operator==(const State& s) const { return abbrev == s.abbrev; }
+    /// Whether the abbreviations differ.
     bool operator!=(const State& s) const { return abbrev != s.abbrev; }
     /// Writes title and abbreviation in one line.
     void dumpOn(std::ostream& os) const;
@@ -54,6 +61,7 @@ public:
 class ZELOO_API StateSafeArrayIter : public SafeArrayIter<State> {
 public:
     using SafeArrayIter<State>::SafeArrayIter;
+    /// One step backward, as prev.
     void operator--() { prev(); }
 };
 
@@ -63,16 +71,23 @@ class ZELOO_API Transition {
 public:
     /// Copies both states. A `v` other than 0 makes the transition visible: it may be offered to a user.
     Transition(State& from, State& to, short v);
+    /// A copy of both states and the flag.
     Transition(const Transition& t) = default;
 
     /// The flag as it was given.
     short IsVisible() const { return Visible; }
+    /// The state from which the move leads: the transition's own copy, which may be changed.
     State& GetOldState() { return OldState; }
+    /// The state from which the move leads.
     const State& GetOldState() const { return OldState; }
+    /// The state to which the move leads: the transition's own copy, which may be changed.
     State& GetNewState() { return NewState; }
+    /// The state to which the move leads.
     const State& GetNewState() const { return NewState; }
 
+    /// Whether the transitions lead from equal states to equal states.
     bool operator==(const Transition& t) const { return OldState == t.OldState && NewState == t.NewState; }
+    /// Whether an old or a new state differs.
     bool operator!=(const Transition& t) const { return !(*this == t); }
     /// Writes the old state and the new one, each in a line, between a line that opens a brace and one that closes it.
     void dumpOn(std::ostream& os) const;
@@ -112,8 +127,9 @@ public:
     /// stays.
     void AddTransition(State& stateFrom, State& stateTo, short v);
 
-    /// The index of the state with the abbreviation of `ThisState`, or of that abbreviation; -1 when there is none.
+    /// The index of the state with the abbreviation of `ThisState`; -1 when there is none.
     int FindState(State& ThisState) const;
+    /// The index of the state with that abbreviation; -1 when there is none.
     int FindState(const char* Abbrev) const;
     /// The index of the transition that equals `t`; -1 when there is none.
     int FindTransition(Transition& t) const;
@@ -137,19 +153,20 @@ public:
     /// The number of characters that GetVisibleTransitionList writes, the terminator included; at least 1.
     unsigned GetVisibleTransitionListLength(State& state) const;
 
-    /// Put the abbreviations of states, in the order of the table, in the place of the elements of `Names`: of all
-    /// states; of those that no transition leads to from another state; of those that no transition leaves for another
-    /// state. A state without transitions is both of the latter. REQUIRES: `Names` owns its elements.
+    /// Puts the abbreviations of all states, in the order of the table, in the place of the elements of `Names`.
+    /// REQUIRES, here and below: `Names` owns its elements.
     void GetValidStateNames(CStringSafeArray& Names) const;
+    /// The same for the states that no transition leads to from another state. One without transitions is among them.
     void GetValidInitialStateNames(CStringSafeArray& Names) const;
+    /// The same for the states that no transition leaves for another state. One without transitions is among them.
     void GetValidLastStateNames(CStringSafeArray& Names) const;
 
     /// Writes the states and then the transitions, each group under a title line.
     virtual void dumpOn(std::ostream& os) const;
 
 protected:
-    TransitionSafeArray Transitions;
-    StateSafeArray States;
+    TransitionSafeArray Transitions; ///< The moves, in the order in which they were added.
+    StateSafeArray States;           ///< The states, in the order in which they were added.
 
 private:
     bool IsEntered(const State& state) const;

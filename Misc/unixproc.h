@@ -110,8 +110,8 @@ public:
     /// counted, but not kept: behind the first `bytes` bytes one line says how many were left out.
     static void SetGlobalMaxOutput(long bytes) { GlobalUnixProcessMaxOutput = bytes; }
 
-    static long GlobalUnixProcessMaxWaitTime; // seconds; 0, its value at the start, is no limit
-    static long GlobalUnixProcessMaxOutput;   // bytes; 0, its value at the start, is no bound
+    static long GlobalUnixProcessMaxWaitTime; ///< Seconds; 0, its value at the start, is no limit.
+    static long GlobalUnixProcessMaxOutput;   ///< Bytes; 0, its value at the start, is no bound.
 
 private:
     UnixProcess(ctor_dtor_flag cd_f, long maxtime);
