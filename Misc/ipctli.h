@@ -160,7 +160,7 @@ public:
     IPCTliClient(short Object, const char* IPCServerName, const char* ServerNodeName, short CheckForIPCQueue);
     /// Disconnect.
     ~IPCTliClient() override;
-    /// Writes the identity, the limits, the last sender and the state of the connection.
+    /// Writes the identity and, while there is one, the dump of the connection, between a first and a last line.
     virtual void dumpOn(std::ostream& out) const;
 
     /// Ends the connection. What was sent still reaches the server. In a forked child it closes the copy (see IPCTli).
