@@ -1,0 +1,27 @@
+#!/bin/sh
+# SPDX-License-Identifier: BSD-2-Clause
+# errors_test SOURCE: docs/errors.md has every error type of Misc/Error.h with its number and the text that the library
+# prints, in order and nothing else; each with a cause and what helps.
+set -eu
+source=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "errors_test: $*" >&2; exit 1; }
+
+awk '/enum ErrorType/ { inside = 1; next }
+     inside && /}/ { exit }
+     inside { gsub(/[ ,]/, ""); sub(/\/\/.*/, ""); n++
+              if (split($0, part, "=") == 2) n = part[2]
+              print n, part[1] }' "$source/Misc/Error.h" >"$work/types"
+awk '/Messages\[\] = / { inside = 1; next }
+     inside && /^};/ { exit }
+     inside && /Reserved,/ { print "This error code is reserved" }
+     inside && /"/ { sub(/^ *"/, ""); sub(/",?$/, ""); print }' "$source/Misc/Error/Error.cc" >"$work/texts"
+[ "$(wc -l <"$work/types")" -eq 84 ] || fail "cannot read the numbers of Misc/Error.h"
+
+{ echo NOT_SPECIFIED; cat "$work/texts"; } | paste -d ' ' "$work/types" - >"$work/expected"
+awk -F ' [|] ' '/^[|] number [|] name/ { inside = 1 }
+     inside && /^[|] [0-9]/ { sub(/^[|] /, "", $1); gsub(/`/, "", $2); print $1, $2, $3
+                              if (NF != 5 || length($4) < 5) print "no cause or cure:", $1 }' "$source/docs/errors.md" |
+    diff "$work/expected" - || fail "docs/errors.md and Misc/Error.h differ"
+echo "1 passed, 0 failed"
