@@ -156,30 +156,41 @@ if [ "$(id -u)" -ne 0 ] || ! unshare --mount --ipc --net --uts --pid --fork true
 fi
 command -v sudo >/dev/null || { complain "no sudo here: skipped"; exit 77; }
 
-failures=0
-passed=0
+# All at once: they mostly wait. Each leaves its exit code.
+run_page() {
+    option=
+    [ "$full" = no ] || option=--full
+    code=0
+    ZELOO_DOCS_TEST=inside timeout 1200 unshare --mount --ipc --net --uts --pid --fork --kill-child --mount-proc \
+        "$0" $option "$build" "$source" "$work/$2" "$1" >"$work/$2/log" 2>&1 || code=$?
+    if [ "$1" = README.md ] && grep 'queue too small' "$work/$2/log"; then
+        code=1 # the first server of a reader starts without a report
+    fi
+    echo $code >"$work/$2/code"
+}
+chmod 755 "$work"
+number=0
+: >"$work/pages"
 for page in "$@"; do
     "$blocks" "$page" | grep -qE ' (run|file) ' || continue
     if grep "^$page needs" "$work/missing"; then
         echo "skipped: $page"
         continue
     fi
-    rm -rf "$work/pages" "$work/mount"
-    mkdir "$work/pages" "$work/mount"
-    chmod 755 "$work"
-    option=
-    [ "$full" = no ] || option=--full
-    code=0
-    ZELOO_DOCS_TEST=inside timeout 1200 unshare --mount --ipc --net --uts --pid --fork --kill-child --mount-proc \
-        "$0" $option "$build" "$source" "$work" "$page" >"$work/log" 2>&1 || code=$?
-    if [ "$page" = README.md ] && grep 'queue too small' "$work/log"; then
-        code=1 # the first server of a reader starts without a report
-    fi
-    case $code in
-    0) echo "passed: $page"; passed=$((passed + 1)) ;;
-    77) cat "$work/log"; exit 77 ;;
-    *) cat "$work/log"; echo "FAILED: $page"; failures=$((failures + 1)) ;;
-    esac
+    number=$((number + 1))
+    mkdir -p "$work/$number/pages" "$work/$number/mount"
+    echo "$page $number" >>"$work/pages"
+    run_page "$page" $number &
 done
-echo "$passed passed, $failures failed"
+wait
+
+failures=0
+while read -r page number; do
+    case $(cat "$work/$number/code") in
+    0) echo "passed: $page" ;;
+    77) cat "$work/$number/log"; exit 77 ;;
+    *) cat "$work/$number/log"; echo "FAILED: $page"; failures=$((failures + 1)) ;;
+    esac
+done <"$work/pages"
+echo "$(($(wc -l <"$work/pages") - failures)) passed, $failures failed"
 [ $failures -eq 0 ]
