@@ -1,11 +1,13 @@
 #!/bin/sh
 # SPDX-License-Identifier: BSD-2-Clause
-# docs_test [--full] BUILD SOURCE [PAGE...]: does what the pages say, word for word (scripts/doc-blocks tells how their
+# docs_test [--full [--root DIRECTORY]] BUILD SOURCE [PAGE...]: does what the pages say, word for word (scripts/doc-blocks tells how their
 # blocks are marked), each page from its beginning to its end in a shell of a user without rights who may use sudo, in a
 # root of its own: a copy of this one over which nothing of zeloo lies, with queues, network and processes of its own.
 #
 # All pages begin where step 2 of README.md ends: BUILD is installed, and the tree's build/examples has the programs of the
-# examples. With --full README.md begins before that and builds; it takes minutes.
+# examples. With --full README.md begins before that and builds; it takes minutes. With --root the copies are of another
+# root than this host's, such as a bare one with what README.md names: debootstrap --variant=minbase
+# --include=mount,sudo,g++,cmake,ninja-build,pkg-config,procps bookworm DIRECTORY.
 set -eu
 
 complain() { echo "docs_test: $*" >&2; }
@@ -71,7 +73,7 @@ inside() {
     mount -t tmpfs -o size=2g tmpfs "$work/mount"
     mkdir "$work/mount/changes" "$work/mount/scratch" "$work/mount/root"
     root=$work/mount/root
-    mount -t overlay -o "lowerdir=/,upperdir=$work/mount/changes,workdir=$work/mount/scratch" overlay "$root" ||
+    mount -t overlay -o "lowerdir=$lower,upperdir=$work/mount/changes,workdir=$work/mount/scratch" overlay "$root" ||
         { complain "no overlay of the root here: skipped"; exit 77; }
     rm -rf "$root/opt/orv" "$root/var/orv" "$root/usr/local/include/zeloo"
     find "$root/usr/local" -name '*zeloo*' -delete 2>/dev/null || true
@@ -114,7 +116,9 @@ inside() {
 }
 
 full=no
+lower=/
 if [ "$1" = --full ]; then full=yes; shift; fi
+if [ "$1" = --root ]; then lower=$2; shift 2; fi
 if [ "${ZELOO_DOCS_TEST:-}" = inside ]; then
     build=$1 source=$2 work=$3
     blocks=$source/scripts/doc-blocks
@@ -161,11 +165,13 @@ run_page() {
     option=
     [ "$full" = no ] || option=--full
     code=0
+    begin=$(date +%s)
     ZELOO_DOCS_TEST=inside timeout 1200 unshare --mount --ipc --net --uts --pid --fork --kill-child --mount-proc \
-        "$0" $option "$build" "$source" "$work/$2" "$1" >"$work/$2/log" 2>&1 || code=$?
+        "$0" $option --root "$lower" "$build" "$source" "$work/$2" "$1" >"$work/$2/log" 2>&1 || code=$?
     if [ "$1" = README.md ] && grep 'queue too small' "$work/$2/log"; then
         code=1 # the first server of a reader starts without a report
     fi
+    echo $(($(date +%s) - begin)) >"$work/$2/seconds"
     echo $code >"$work/$2/code"
 }
 chmod 755 "$work"
@@ -187,7 +193,7 @@ wait
 failures=0
 while read -r page number; do
     case $(cat "$work/$number/code") in
-    0) echo "passed: $page" ;;
+    0) echo "passed: $page ($(cat "$work/$number/seconds") s)" ;;
     77) cat "$work/$number/log"; exit 77 ;;
     *) cat "$work/$number/log"; echo "FAILED: $page"; failures=$((failures + 1)) ;;
     esac
