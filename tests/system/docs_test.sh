@@ -13,12 +13,31 @@ set -eu
 complain() { echo "docs_test: $*" >&2; }
 fail() { complain "$@"; exit 1; }
 
+# A reader sleeps a moment until what he has started is ready. On a busy machine a moment may not be enough: here it
+# lasts until no process of the page has had anything to do for a second, and a minute at most.
+write_sleep() {
+    cat <<'END'
+sleep() {
+    quiet=0
+    for _ in $(seq 600); do
+        command sleep 0.1
+        quiet=$((quiet + 1))
+        for process in /proc/[0-9]*; do
+            if [ "$process" = /proc/$$ ] || ! read -r stat 2>/dev/null <"$process/stat"; then continue; fi
+            stat=${stat##*) }
+            case $stat in R*|D*) quiet=0 ;; esac
+        done
+        if [ $quiet -ge 10 ]; then return; fi
+    done
+}
+END
+}
+
 # The commands of PAGE as one script; what its blocks are to print lies beside it.
 script_of() {
     page=$1
     echo 'where="its beginning"'
-    # shellcheck disable=SC2016
-    echo 'sleep() { command sleep $(($1 * 3)); }' # a busy machine needs more time than a reader
+    echo '. /pages/sleep'
     echo "trap '[ \$? -eq 0 ] || echo \"docs_test: $page: failed at \$where\" >&2' EXIT"
     "$blocks" "$source/$page" | while read -r number line kind argument; do
         case $kind,$argument in
@@ -62,7 +81,7 @@ second_host() {
     cat >"$work/pages/on_second" <<END
 #!/bin/sh
 exec nsenter --net --uts --ipc --target $second setpriv --reuid reader --regid reader --init-groups \
-    env HOME=/home/reader USER=reader bash -euc 'cd ~/zeloo && . "\$1"' bash "\$1"
+    env HOME=/home/reader USER=reader bash -euc 'cd ~/zeloo && . /pages/sleep && . "\$1"' bash "\$1"
 END
     chmod 755 "$work/pages/on_second"
 }
@@ -101,6 +120,7 @@ inside() {
         done
         chroot "$root" ldconfig
     fi
+    write_sleep >"$work/pages/sleep"
     script_of "$page" >"$work/pages/script"
     cp -p "$work/pages"/* "$root/pages"
     chroot "$root" chown -R reader:reader /home/reader /pages
