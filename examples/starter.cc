@@ -2,11 +2,14 @@
 #include "starter.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "Misc/misc.h"
@@ -69,7 +72,34 @@ static void Tell(int& caller, const std::string& text)
     caller = -1;
 }
 
-void Starter::Serves() { Tell(caller, std::string(1, Serving)); }
+// A service manager that waits until the daemon serves (systemd, Type=notify) names its socket in the environment: a path,
+// or a name without a file behind "@". It counts on the process that it started itself.
+static void TellServiceManager()
+{
+    const char* name = std::getenv("NOTIFY_SOCKET");
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const std::size_t length = name == nullptr ? 0 : std::strlen(name);
+    if (length < 2 || length >= sizeof address.sun_path || (*name != '/' && *name != '@'))
+        return;
+    std::memcpy(address.sun_path, name, length);
+    if (*name == '@')
+        address.sun_path[0] = '\0';
+    unsetenv("NOTIFY_SOCKET"); // it is no business of the commands that the daemon runs
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return;
+    static const char Ready[] = "READY=1";
+    sendto(fd, Ready, sizeof Ready - 1, MSG_NOSIGNAL, reinterpret_cast<const struct sockaddr*>(&address),
+           static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + length));
+    close(fd);
+}
+
+void Starter::Serves()
+{
+    Tell(caller, std::string(1, Serving));
+    TellServiceManager();
+}
 
 int Starter::Refuse(const std::string& reason)
 {

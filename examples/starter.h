@@ -18,7 +18,8 @@ public:
     /// Goes into the background as daemonize(log, 1) does, and goes on there. Returns 0, or -1 when that failed, which
     /// has been told. REQUIRES: nothing that belongs to the process, as locks and queues do, has been made.
     int Daemonize(const char* log);
-    /// Tells that the daemon serves: the caller's next command finds it.
+    /// Tells that the daemon serves: the caller's next command finds it. Also told is a service manager that waits for it
+    /// (NOTIFY_SOCKET in the environment, which is gone afterwards).
     void Serves();
     /// Tells why the daemon does not start, on standard error and to the caller. Returns 1, an exit code.
     int Refuse(const std::string& reason);

@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // faultd as a daemon: one a host, faults that survive it, their lives, their commands, the nodes it listens to.
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -147,6 +151,36 @@ TEST_F(FaultDaemonTest, ReturnsOnlyOnceItServes)
         EXPECT_TRUE(IPCQClient(0, "orvd").Connected());
         daemon = LockOwner();
         EndDaemon(0);
+    }
+}
+
+TEST_F(FaultDaemonTest, TellsAServiceManagerOnceItServes)
+{
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    for (const std::string& name : {directory.File("notify"), std::string("@notify")}) {
+        const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ASSERT_GE(manager, 0);
+        const std::string bound = name[0] == '@' ? std::string(1, '\0') + name.substr(1) : name;
+        std::memcpy(address.sun_path, bound.data(), bound.size());
+        ASSERT_EQ(bind(manager, reinterpret_cast<struct sockaddr*>(&address),
+                       static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + bound.size())),
+                  0);
+        const struct timeval limit = {60, 0};
+        setsockopt(manager, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+
+        setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        const pid_t server = StartProgram(Faultd, {"--foreground"}, directory.File("foreground.log"));
+        unsetenv("NOTIFY_SOCKET");
+        char text[64] = "";
+        EXPECT_EQ(recv(manager, text, sizeof text - 1, 0), 7) << ReadFile(directory.File("foreground.log"));
+        EXPECT_STREQ(text, "READY=1");
+        EXPECT_TRUE(IPCQClient(0, "orvd").Connected());
+        EXPECT_RESULT(Ctl({"raise", "alpha", "1", "fault"}), 0, "", "");
+        EXPECT_RESULT(Ctl({"run", "alpha", "1", "echo \"${NOTIFY_SOCKET-none}\""}), 0, "none\n", "");
+        EXPECT_RESULT(Ctl({"clear", "alpha", "1"}), 0, "", "");
+        EXPECT_EQ(EndChild(server, SIGTERM), 0);
+        close(manager);
     }
 }
 
