@@ -1,10 +1,15 @@
 # SPDX-License-Identifier: BSD-2-Clause
-# What `cmake --install` puts in place: both libraries, the public headers, the CMake package and the pkg-config file.
+# What `cmake --install` puts in place: both libraries, the public headers, the CMake package, the pkg-config file, and
+# what the programs need of a host. The programs of tools/ install themselves. Each Debian package is a component: runtime,
+# development, common, tools and examples (packages.cmake); what names none here is for development.
 include(CMakePackageConfigHelpers)
 
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 set(ZELOO_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zeloo)
 
-install(TARGETS zeloo zeloo_static EXPORT zelooTargets)
+set(ZELOO_LIBRARIES zeloo zeloo_static)
+install(TARGETS ${ZELOO_LIBRARIES} EXPORT zelooTargets
+  LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
 file(GLOB ZELOO_PUBLIC_HEADERS CONFIGURE_DEPENDS Misc/*.h) # what is private lies in folders
 install(FILES ${ZELOO_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zeloo/Misc)
 
@@ -19,3 +24,22 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelooConfig.cmake ${CMAKE_CURRENT_BINA
 file(RELATIVE_PATH ZELOO_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/zeloo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zeloo.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeloo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# For the host: the user and the group, the directories, the size of the queues, the services. systemd looks for these in
+# lib/ of /usr and of /usr/local alike, whatever the directory of the libraries is called.
+function(zeloo_install_unit name)
+  configure_file(packaging/${name}.service.in ${CMAKE_CURRENT_BINARY_DIR}/packaging/${name}.service @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/${name}.service DESTINATION lib/systemd/system ${ARGN})
+endfunction()
+install(FILES packaging/zeloo.sysusers DESTINATION lib/sysusers.d RENAME zeloo.conf COMPONENT common)
+install(FILES packaging/zeloo.tmpfiles DESTINATION lib/tmpfiles.d RENAME zeloo.conf COMPONENT common)
+install(FILES packaging/zeloo.sysctl DESTINATION lib/sysctl.d RENAME 30-zeloo.conf COMPONENT common)
+zeloo_install_unit(relayd COMPONENT tools)
+
+# The examples are built by who reads them; only a package has them ready to run.
+if(ZELOO_EXAMPLES)
+  install(TARGETS faultd faultctl hello_server hello_client RUNTIME COMPONENT examples EXCLUDE_FROM_ALL)
+  install(FILES packaging/zeloo-examples.tmpfiles DESTINATION lib/tmpfiles.d RENAME zeloo-examples.conf
+    COMPONENT examples EXCLUDE_FROM_ALL)
+  zeloo_install_unit(faultd COMPONENT examples EXCLUDE_FROM_ALL)
+endif()
