@@ -43,6 +43,40 @@ libraries=$(dirname "$(find "$prefix" -name libzeloo.so)")
 $compiler "$source/examples/hello_client.cc" -o "$work/hello_client" $(pkg-config --cflags --libs zeloo)
 LD_LIBRARY_PATH=$libraries "$work/hello_client" >/dev/null 2>&1 && fail "hello_client found a server where none runs"
 
+echo "== within another project: it installs nothing unless wanted, and is static or shared as that project says"
+mkdir "$work/project"
+cat >"$work/project/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.22)
+project(outer LANGUAGES CXX)
+include(FetchContent)
+FetchContent_Declare(zeloo SOURCE_DIR "$source")
+FetchContent_MakeAvailable(zeloo)
+add_executable(client "$source/examples/hello_client.cc")
+target_link_libraries(client PRIVATE zeloo::zeloo)
+install(TARGETS client)
+END
+outer=$work/outer
+# within_project LIBRARY OPTION...: configured like this a program of the project is linked to LIBRARY, and nothing is
+# built but that and the library. What the build would give need not be there for that.
+within_project() {
+    library=$1
+    shift
+    rm -rf "$outer"
+    cmake -S "$work/project" -B "$outer" -G Ninja "$@" >/dev/null
+    ninja -C "$outer" -t commands client | tail -n 1 | grep -q " [^ ]*/$library " || fail "no $library with \"$*\""
+    ninja -C "$outer" -t targets all | grep -E '^[^:/]*(relayd|faultd|_test):' && fail "programs that nobody asked for"
+    return 0
+}
+within_project 'libzeloo\.so[.0-9]*' -DBUILD_SHARED_LIBS=ON
+within_project 'libzeloo\.a' -DBUILD_SHARED_LIBS=OFF
+within_project 'libzeloo\.a'
+cp "$work/hello_client" "$outer/client"
+cmake --install "$outer" --prefix "$work/stage" >/dev/null
+[ "$(cd "$work/stage" && find . ! -type d)" = ./bin/client ] || fail "it installs something: $(find "$work/stage")"
+cmake -S "$work/project" -B "$outer" -DZELOO_INSTALL=ON >/dev/null
+cmake --install "$outer" --component common --prefix "$work/stage" >/dev/null
+[ -e "$work/stage/lib/sysctl.d/30-zeloo.conf" ] || fail "it does not install itself when that is wanted"
+
 echo "== README.md prints the programs of examples/"
 block=0
 for program in hello_server hello_client; do
