@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: BSD-2-Clause
+#include "processes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace orvstat {
+
+static std::string Of(long pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
+
+static std::string FirstLine(const std::string& path)
+{
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+Life LifeOf(long pid)
+{
+    if (pid <= 0 || (kill(static_cast<pid_t>(pid), 0) < 0 && errno == ESRCH))
+        return Life::Gone;
+    const std::string status = FirstLine(Of(pid, "stat")); // the program's name in it may hold blanks and parentheses
+    const size_t name = status.rfind(')');
+    const char state = name != std::string::npos && name + 2 < status.size() ? status[name + 2] : '?';
+    if (state == 'Z' || state == 'X')
+        return Life::Gone;
+    return state == 'T' || state == 't' ? Life::Stopped : Life::Runs;
+}
+
+std::string ProgramOf(long pid) { return FirstLine(Of(pid, "comm")); }
+
+// The names in a directory that are numbers, in their order.
+static std::vector<long> NumbersIn(const std::string& directory)
+{
+    std::vector<long> numbers;
+    DIR* open = opendir(directory.c_str());
+    if (open == nullptr)
+        return numbers;
+    while (const struct dirent* entry = readdir(open)) {
+        long number = 0;
+        const char* end = entry->d_name + std::strlen(entry->d_name);
+        const std::from_chars_result read = std::from_chars(entry->d_name, end, number);
+        if (read.ec == std::errc() && read.ptr == end)
+            numbers.push_back(number);
+    }
+    closedir(open);
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
+// What the numbers of calls mean here. Where all calls on queues are one call of the host, its first argument tells which.
+static bool IsQueueCall(long number, [[maybe_unused]] std::vector<uint64_t>& arguments, bool* sends)
+{
+#ifdef SYS_ipc
+    const uint64_t sendOfIpc = 11;
+    const uint64_t receiveOfIpc = 12;
+    if (number == SYS_ipc && !arguments.empty()) {
+        const uint64_t call = arguments[0] & 0xFFFF;
+        arguments.erase(arguments.begin());
+        *sends = call == sendOfIpc;
+        return call == sendOfIpc || call == receiveOfIpc;
+    }
+#endif
+#ifdef SYS_msgsnd
+    *sends = number == SYS_msgsnd;
+    return number == SYS_msgsnd || number == SYS_msgrcv;
+#else
+    return false;
+#endif
+}
+
+std::optional<BlockedCall> ReadCall(long pid, const std::string& line)
+{
+    std::istringstream in(line);
+    long number = -1;
+    if (!(in >> number)) // "running"
+        return std::nullopt;
+    std::vector<uint64_t> arguments;
+    for (uint64_t argument; in >> std::hex >> argument;)
+        arguments.push_back(argument);
+    bool sends = false;
+    if (!IsQueueCall(number, arguments, &sends) || arguments.empty() || arguments[0] > INT32_MAX)
+        return std::nullopt;
+    return BlockedCall{pid, static_cast<int>(arguments[0]), sends};
+}
+
+// Reads a file of /proc, which is made when it is read. 0, or the host's error number.
+static int Read(const std::string& path, std::string& text)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return errno;
+    char bytes[512];
+    const ssize_t length = read(fd, bytes, sizeof bytes);
+    const int error = length < 0 ? errno : 0;
+    close(fd);
+    text.assign(bytes, length > 0 ? static_cast<size_t>(length) : 0);
+    return error;
+}
+
+static bool IsRefusal(int error) { return error == EACCES || error == EPERM; }
+
+Blocked AllBlocked()
+{
+    Blocked blocked;
+    for (const long pid : NumbersIn("/proc")) {
+        if (pid == getpid())
+            continue;
+        bool isSeen = true;
+        for (const long thread : NumbersIn(Of(pid, "task"))) {
+            std::string line;
+            const int error = Read(Of(pid, ("task/" + std::to_string(thread) + "/syscall").c_str()), line);
+            isSeen = isSeen && !IsRefusal(error);
+            const std::optional<BlockedCall> call = error == 0 ? ReadCall(pid, line) : std::nullopt;
+            const auto isSame = [&](const BlockedCall& other) {
+                return other.pid == pid && other.queue == call->queue && other.sends == call->sends;
+            };
+            if (call && std::none_of(blocked.calls.begin(), blocked.calls.end(), isSame))
+                blocked.calls.push_back(*call);
+        }
+        blocked.unseen += !isSeen;
+    }
+    return blocked;
+}
+
+} // namespace orvstat
