@@ -148,31 +148,36 @@ static bool IsNumber(const std::string& text)
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
+// Reads an option that takes a word. False when it is none, or the word is wrong.
+static bool ReadOption(const std::string& option, const std::string& value, orvstat::Target& target)
+{
+    int object = 0;
+    if (option == "--host")
+        target.host = value;
+    else if (option == "--service")
+        target.service = value;
+    else if (option != "--object" || !ReadNumber(value, SHRT_MIN, SHRT_MAX, &object))
+        return false;
+    target.object = static_cast<short>(option == "--object" ? object : target.object);
+    return !value.empty();
+}
+
 // Reads the words of the command line. False when one is wrong.
 static bool ReadArguments(const Words& words, Arguments& arguments)
 {
     for (size_t i = 0; i < words.size(); i++) {
         const std::string& word = words[i];
-        const bool hasValue = i + 1 < words.size();
+        const bool isLast = i + 1 == words.size();
         if (word == "--json") {
             arguments.json = true;
         } else if (word == "--watch") {
             arguments.watchSeconds = WatchSeconds;
-            if (hasValue && IsNumber(words[i + 1]) && !ReadNumber(words[++i], 1, LongestWatch, &arguments.watchSeconds))
+            if (!isLast && IsNumber(words[i + 1]) && !ReadNumber(words[++i], 1, LongestWatch, &arguments.watchSeconds))
                 return false;
-        } else if (word == "--host" && hasValue) {
-            arguments.target.host = words[++i];
-        } else if (word == "--service" && hasValue) {
-            arguments.target.service = words[++i];
-        } else if (word == "--object" && hasValue) {
-            int object = 0;
-            if (!ReadNumber(words[++i], SHRT_MIN, SHRT_MAX, &object))
-                return false;
-            arguments.target.object = static_cast<short>(object);
-        } else if (word.empty() || word[0] == '-') {
-            return false;
-        } else {
+        } else if (!word.empty() && word[0] != '-') {
             arguments.words.push_back(word);
+        } else if (isLast || !ReadOption(word, words[++i], arguments.target)) {
+            return false;
         }
     }
     return true;

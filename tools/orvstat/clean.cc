@@ -64,7 +64,7 @@ static Cleaning Remove(const Server& server)
         if (error != 0 && !IsGone(error))
             return NotRemoved(done, what, error, server.queue->owner.user);
         done.removedQueue = server.queue->id;
-        done.text = "removed " + what + " with " + Messages(*server.queue);
+        done.text = "removed " + what + " (" + Messages(*server.queue) + ")";
     }
     if (HasBeenTakenOver(*server.set)) {
         done.text += done.text.empty() ? "not cleaned: a server starts" : "; a server starts with its semaphore set";

@@ -23,7 +23,6 @@ namespace {
 
 // What has been heard of the asker.
 struct Course {
-    bool isConnected = false;
     bool isSent = false;
     std::optional<Word> end; // a word that is the last one
 };
@@ -47,7 +46,7 @@ static Course Follow(const AskerProcess& asker, Clock::time_point end, Ping& pin
         if (!word)
             return course;
         switch (word->kind) {
-        case Word::Connected: course.isConnected = true; break;
+        case Word::Connected: break;
         case Word::Sent: course.isSent = true; break;
         case Word::Answered:
             Sort(*word, ping);
@@ -69,10 +68,12 @@ static bool IsGone(short code)
     return code >= ErrorReporter::SERVER_GONE && code <= ErrorReporter::IPC_RECV_PROCESS_GONE;
 }
 
+static std::string RelayOf(const Target& target) { return target.host + ", service " + target.service; }
+
 // Why the asker has ended of itself, before it had all answers.
 static std::string ReasonOf(const Target& target, const Word& last)
 {
-    const std::string where = target.host + ", service " + target.service;
+    const std::string where = RelayOf(target);
     switch (last.kind) {
     case Word::NoQueue: return "its queue cannot be used: it has ended meanwhile, or there is no right to it";
     case Word::NoRelay: return "nothing listens at " + where + ", or one of the names is not known here";
@@ -93,8 +94,9 @@ static std::string Limit(std::chrono::milliseconds limit) { return " within " + 
 static std::string ReasonOfSilence(const Target& target, const Course& course)
 {
     if (!target.host.empty())
-        return course.isConnected ? "the relay has a server and passed the request on"
-                                  : "no connection to a relay at " + target.host + ", service " + target.service;
+        return course.isSent
+                   ? "the relay at " + RelayOf(target) + ", has taken the request, but its server says nothing"
+                   : "no relay answers at " + RelayOf(target);
     const Server server = LookAtServer(target.name);
     if (!server.queue || server.pid == 0)
         return "the server has ended meanwhile";
