@@ -37,9 +37,8 @@ static const char Usage[] =
     "  --object NUMBER    the object number by which the relay chooses the server (0)\n"
     "  --help, --version  print this, or the version\n"
     "Who is blocked is known of the processes at which the user may look: all of them for root.\n"
-    "Exit codes: 0 all is well, 1 something is stale, was not removed or did not answer, 2 wrong usage, 3 no such "
-    "server,\n"
-    "4 no right to see, remove or ask.\n";
+    "Exit codes: 0 all is well, 1 something is stale, was not removed or did not answer, 2 wrong usage,\n"
+    "3 no such server, 4 no right to see, remove or ask.\n";
 
 static const int WatchSeconds = 2;
 static const int LongestWatch = 86400;

@@ -185,6 +185,21 @@ TEST_F(OrvstatTest, PingSaysWhyNoAnswerCame)
         EndChild(server, SIGTERM);
 }
 
+TEST_F(OrvstatTest, PingLeavesNobodyBehindWhenItIsKilled)
+{
+    const pid_t server = StartServer("hello", ServeEchoes);
+    Stop(server);
+    const TemporaryDirectory directory;
+    const pid_t ping = StartProgram(Orvstat, {"ping", "hello"}, directory.File("log"));
+    EXPECT_TRUE(WaitUntil([] { return Waiting(QueueOf("hello")) == 1; }));
+    const std::vector<pid_t> askers = relayd_testing::ChildrenOf(ping);
+    ASSERT_EQ(askers.size(), 1u);
+    EndChild(ping, SIGKILL);
+    EXPECT_TRUE(WaitUntil([&] { return !process_exists(askers[0]); }, 4));
+    EndChild(server, SIGKILL);
+    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
+}
+
 TEST_F(OrvstatTest, PingTellsOfAServerThatDies)
 {
     const pid_t server = StartServer("hello", [](Server& inBasket) {

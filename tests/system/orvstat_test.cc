@@ -41,8 +41,8 @@ TEST_F(OrvstatTest, ShowsALivingServer)
         CHILD_CHECK(asks.receive_response(event, data) == 0);
     });
     EXPECT_EQ(WaitForExit(client), 0);
-    ASSERT_TRUE(WaitUntil([&] { return WaitsOnAQueue(server); }));
-    EXPECT_EQ(Shown(), begin + Number(server) + " <time> " + Number(client) + " <time> - " + Number(server) + "\n");
+    const std::string now = begin + Number(server) + " <time> " + Number(client) + " <time> - " + Number(server) + "\n";
+    EXPECT_TRUE(WaitUntil([&] { return Shown() == now; })) << "it looks up now and then\n" << Shown() << now;
     EXPECT_EQ(EndChild(server, SIGTERM), 0);
 }
 
@@ -323,25 +323,26 @@ TEST_F(OrvstatTest, WatchesUntilItIsInterrupted)
     const std::string log = directory.File("log");
     const pid_t watch = StartProgram(Orvstat, {"--watch", "1"}, log);
     const std::string none = "No server has a queue on this host.\n";
-    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), none) == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), none) >= 2; }));
     const pid_t dead = LeaveStale("gone");
-    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), "server " + Number(dead) + " is dead") == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), "server " + Number(dead) + " is dead") >= 1; }));
     EXPECT_EQ(EndChild(watch, SIGINT), 1) << "the exit code of the last look";
     const std::string node = ProgInfo::GetNodeName();
     EXPECT_EQ(WithoutTimes(ReadFile(log)).find(node + "  <time>\n" + none + "\n" + node + "  <time>\n" + none), 0u);
     EXPECT_EQ(Call({"clean", "gone"}).exitCode, 0);
 
     const std::string shown = OnATerminal({"--watch", "1"}, nullptr, [](const std::string& text) {
-        return CountOf(text, "\033[H\033[2J") == 2 && CountOf(text, "host.") == 2;
+        return CountOf(text, "\033[H\033[2J") >= 2 && CountOf(text, "host.") >= 2;
     });
     const std::string screen = "\033[H\033[2J" + node + "  <time>\n" + none;
     EXPECT_EQ((WithoutTimes(shown) + "\n").compare(0, 2 * screen.size() - 1, screen + screen, 0, 2 * screen.size() - 1),
               0)
         << shown;
     const pid_t json = StartProgram(Orvstat, {"--watch", "--json"}, log);
-    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), "}\n") == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), "\n}\n") >= 1; }));
     EXPECT_EQ(EndChild(json, SIGTERM), 0);
-    EXPECT_TRUE(IsJson(ReadFile(log)));
+    const std::string objects = ReadFile(log);
+    EXPECT_TRUE(IsJson(objects.substr(0, objects.find("\n}\n") + 3)));
 }
 
 // ---- Cleaning ---------------------------------------------------------------------------------------------------

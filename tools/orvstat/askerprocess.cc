@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "processes.h"
+
 namespace orvstat {
 
 static const std::chrono::milliseconds TimeToEnd(250);
@@ -29,8 +31,10 @@ AskerProcess::AskerProcess(const Target& target) : words(-1), pid(-1)
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         return;
+    const pid_t parent = getpid();
     pid = fork();
     if (pid == 0) {
+        EndWith(parent);
         close(ends[0]);
         Hush();
         Ask(target, ends[1]);

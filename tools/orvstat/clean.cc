@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "keylocks.h"
@@ -39,8 +40,9 @@ static Cleaning NotRemoved(Cleaning done, const std::string& what, int error, ui
 {
     const std::string before = done.removedQueue >= 0 ? done.text + ", but not " : "cannot remove ";
     done.code = error == EPERM ? NoRights : Wrong;
-    done.text = before + what +
-                (error == EPERM ? ": it belongs to user " + std::to_string(owner) : ": error " + std::to_string(error));
+    done.text =
+        before + what +
+        (error == EPERM ? ": it belongs to user " + std::to_string(owner) : std::string(": ") + std::strerror(error));
     return done;
 }
 
@@ -110,7 +112,7 @@ Cleaning Clean(const std::string& name)
         return Refusal(Wrong, "a server starts or ends at this moment, or a stopped process holds the key file's lock");
     if (!locks.Held())
         return Refusal(locks.Error() == EACCES ? NoRights : Wrong,
-                       "its key file cannot be locked (error " + std::to_string(locks.Error()) + ")");
+                       std::string("its key file cannot be locked: ") + std::strerror(locks.Error()));
     return CleanLocked(name);
 }
 

@@ -24,6 +24,7 @@ namespace {
 // What has been heard of the asker.
 struct Course {
     bool isSent = false;
+    bool isCutShort = false; // the first answer came so late that the other had less time
     std::optional<Word> end; // a word that is the last one
 };
 
@@ -50,6 +51,7 @@ static Course Follow(const AskerProcess& asker, Clock::time_point end, Ping& pin
         case Word::Sent: course.isSent = true; break;
         case Word::Answered:
             Sort(*word, ping);
+            course.isCutShort = end < Clock::now() + WaitForTheOther;
             end = std::min(end, Clock::now() + WaitForTheOther);
             break;
         default: course.end = word; return course;
@@ -131,7 +133,8 @@ static void Conclude(const Target& target, const Course& course, Ping& ping)
     const std::string reason = course.end ? ReasonOf(target, *course.end) : "";
     if (ping.response || ping.acknowledgement) {
         const std::string missing = ping.response ? "no acknowledgement" : "no response";
-        ping.text = missing + (course.end ? ": " + reason : Limit(WaitForTheOther) + " more");
+        const std::string limit = course.isCutShort ? Limit(LongestWait) : Limit(WaitForTheOther) + " more";
+        ping.text = missing + (course.end ? ": " + reason : limit);
         return;
     }
     ping.code = CodeOf(course);

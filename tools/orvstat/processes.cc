@@ -13,6 +13,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -41,6 +42,13 @@ Life LifeOf(long pid)
 }
 
 std::string ProgramOf(long pid) { return FirstLine(Of(pid, "comm")); }
+
+void EndWith(long parent)
+{
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent)
+        raise(SIGTERM);
+}
 
 // The names in a directory that are numbers, in their order.
 static std::vector<long> NumbersIn(const std::string& directory)

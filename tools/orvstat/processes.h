@@ -21,6 +21,9 @@ Life LifeOf(long pid);
 /// The name of its program, of which the host keeps 15 characters; empty when it cannot be told.
 std::string ProgramOf(long pid);
 
+/// In a child: it gets SIGTERM when `parent`, which has made it, ends in whatever way; at once if that has happened.
+void EndWith(long parent);
+
 /// A thread that waits in a queue's system call.
 struct BlockedCall {
     long pid;
