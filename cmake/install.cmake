@@ -1,17 +1,18 @@
 # SPDX-License-Identifier: BSD-2-Clause
-# What `cmake --install` puts in place: both libraries, the public headers, the CMake package, the pkg-config file, and
-# what the programs need of a host. The programs of tools/ install themselves. Each Debian package is a component: runtime,
+# What `cmake --install` puts in place: both libraries, the public headers, System V's headers for programs that
+# move, the CMake package, the pkg-config files, and what the programs need of a host. The programs of tools/ install themselves. Each Debian package is a component: runtime,
 # development, common, tools and examples (packages.cmake); what names none here is for development.
 include(CMakePackageConfigHelpers)
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 set(ZELOO_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zeloo)
 
-set(ZELOO_LIBRARIES zeloo zeloo_static)
+set(ZELOO_LIBRARIES zeloo zeloo_static zeloo_moved zeloo_moved_static)
 install(TARGETS ${ZELOO_LIBRARIES} EXPORT zelooTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
 file(GLOB ZELOO_PUBLIC_HEADERS CONFIGURE_DEPENDS Misc/*.h) # what is private lies in folders
 install(FILES ${ZELOO_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zeloo/Misc)
+install(DIRECTORY compat/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zeloo-svr4)
 
 install(EXPORT zelooTargets NAMESPACE zeloo:: DESTINATION ${ZELOO_PACKAGE_DIR})
 configure_package_config_file(cmake/zelooConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/zelooConfig.cmake
@@ -20,10 +21,12 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/zelooConfigVersion.
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelooConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/zelooConfigVersion.cmake
   DESTINATION ${ZELOO_PACKAGE_DIR})
 
-# The pkg-config file finds its prefix from its own place, so that the installation can be moved.
+# The pkg-config files find their prefix from their own place, so that the installation can be moved.
 file(RELATIVE_PATH ZELOO_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/zeloo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zeloo.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zeloo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(name zeloo zeloo-svr4)
+  configure_file(cmake/${name}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
 
 # For the host: the user and the group, the directories, the size of the queues, the services. systemd looks for these in
 # lib/ of /usr and of /usr/local alike, whatever the directory of the libraries is called.

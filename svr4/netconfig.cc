@@ -17,8 +17,6 @@
 
 namespace svr4 {
 
-int _nderror = ND_OK;
-
 namespace {
 
 constexpr struct netconfig Transports[] = {

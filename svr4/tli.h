@@ -22,8 +22,13 @@
 
 namespace svr4 {
 
-/// Why the last failing call of this unit failed. A call that succeeds leaves it alone.
-extern int t_errno;
+/// Why the last failing call of this unit failed. A call that succeeds leaves it alone. It and the two below have C
+/// linkage: they are those of a program that declares them itself, as on System V.
+extern "C" [[gnu::visibility("default")]] int t_errno;
+
+/// The texts of t_strerror, by code, and their number.
+extern "C" [[gnu::visibility("default")]] char* t_errlist[];
+extern "C" [[gnu::visibility("default")]] int t_nerr;
 
 enum {
     TBADADDR = 1,       // address of a wrong form
@@ -209,6 +214,9 @@ int t_rcvrel(int fd);
 
 /// The state of the endpoint.
 int t_getstate(int fd);
+
+/// Fills `info` unless it is null, as t_open does.
+int t_getinfo(int fd, struct t_info* info);
 
 /// Closes the endpoint in any state, and with it the requests of a listening endpoint that were not accepted. A
 /// connection is closed in order, unless data waits that was not received: the peer sees that as T_DISCONNECT.

@@ -167,6 +167,12 @@ constexpr Provider Providers[] = {
     {"/dev/tcp6", AF_INET6, sizeof(struct sockaddr_in6)},
 };
 
+static void PutInfo(const Provider& provider, struct t_info* info)
+{
+    if (info != nullptr)
+        *info = {static_cast<long>(provider.addressLength), -2, 0, -2, -2, -2, T_COTS_ORD};
+}
+
 int t_open(const char* path, int oflag, struct t_info* info)
 {
     const Provider* provider = nullptr;
@@ -184,9 +190,17 @@ int t_open(const char* path, int oflag, struct t_info* info)
         close(socket.fd);
         return FailSystem(ENOMEM);
     }
-    if (info != nullptr)
-        *info = {static_cast<long>(provider->addressLength), -2, 0, -2, -2, -2, T_COTS_ORD};
+    PutInfo(*provider, info);
     return socket.fd;
+}
+
+int t_getinfo(int fd, struct t_info* info)
+{
+    const Endpoint* endpoint = Find(fd);
+    if (endpoint == nullptr)
+        return -1;
+    PutInfo(endpoint->provider, info);
+    return 0;
 }
 
 // Binds the endpoint's socket, listening with a `qlen` above 0, and notes the address it got. The backlog is no matter

@@ -12,14 +12,13 @@
 
 #include "svr4/errno.h"
 #include "svr4/tli/endpoint.h"
+#include "svr4/tli/texts.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: tli.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
 
 using namespace tli;
-
-int t_errno = 0;
 
 Failure tli::Fail(int code)
 {
@@ -123,38 +122,8 @@ void t_error(const char* errmsg)
 
 const char* t_strerror(int errnum)
 {
-    static const char* const texts[] = {
-        "No Error",
-        "Incorrect address format",
-        "Incorrect options format",
-        "Illegal permissions",
-        "Illegal file descriptor",
-        "Couldn't allocate address",
-        "Routine will place interface out of state",
-        "Illegal called/calling sequence number",
-        "System error",
-        "An event requires attention",
-        "Illegal amount of data",
-        "Buffer not large enough",
-        "Can't send message - (blocked)",
-        "No message currently available",
-        "Disconnect message not found",
-        "Unitdata error message not found",
-        "Incorrect flags specified",
-        "Orderly release message not found",
-        "Primitive not supported by provider",
-        "State is in process of changing",
-        "Unsupported structure type requested",
-        "Invalid transport provider name",
-        "Listener queue length limit is zero",
-        "Transport address is in use",
-        "Outstanding connection indications exist",
-        "Listener-acceptor transport provider mismatch",
-        "Connection acceptor has listen queue length limit greater than zero",
-        "Connection acceptor-listener addresses not same but required by transport",
-        "Incoming connection queue is full",
-        "Protocol error on transport primitive",
-    };
+#define SVR4_TLI_TEXT(text) text,
+    static const char* const texts[] = {SVR4_TLI_TEXTS(SVR4_TLI_TEXT)};
     static_assert(std::size(texts) == TPROTO + 1, "a text for every code");
     if (errnum >= 0 && errnum <= TPROTO)
         return texts[errnum];

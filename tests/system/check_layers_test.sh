@@ -9,7 +9,7 @@ trap 'rm -rf "$work"' EXIT
 passed=0
 
 mkdir -p "$work/whole/docs" "$work/whole/scripts"
-for folder in Misc svr4 tools examples bench tests; do
+for folder in Misc compat svr4 tools examples bench tests; do
     cp -R "$source/$folder" "$work/whole"
 done
 cp "$source/docs/architecture.md" "$work/whole/docs"

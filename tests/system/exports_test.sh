@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: BSD-2-Clause
 # exports_test [--update] SHARED STATIC SOURCE: a program sees what the public headers declare, and nothing else. The
 # shared library exports the names listed in tests/system/exports.txt; each of them, and each global name of the static
-# library that is in none of its namespaces, is marked in a public header; and everything declared there is marked.
+# library that is in none of its namespaces, is marked in a public header or one for programs that move; and everything
+# declared there is marked.
 #
 # --update writes the list anew: `cmake --build --preset default --target update_exports` does it for the plain build.
 set -eu
@@ -33,7 +34,13 @@ nm -gC --defined-only "$static" | grep '^[0-9a-f]* [A-Za-z] ' | cut -c20- | sort
 # What is marked: classes, functions and variables, by their plain names (of operators the word "operator").
 sed -n -e '/^#/d' -e 's/^\(class\|struct\) ZELOO_API \([A-Za-z0-9_]*\).*/\2/p' \
     -e '/ZELOO_API/ { s/[ (]*SafeArray<.*//; s/^.*[ *&]\(operator\).*/\1/; s/^.*[ *&]\([A-Za-z0-9_]*\)[(;].*/\1/; /^[A-Za-z0-9_]*$/p; }' \
-    Misc/*.h | sort -u >"$work/marked"
+    Misc/*.h >"$work/names"
+# In the headers for programs that move: calls, by the names that they have in object files, and variables.
+moved=$(find compat/include -name '*.h')
+# shellcheck disable=SC2086 # one word a header
+sed -n -e '/^#/d' -e 's/.*ZELOO_SVR4_\(CALL\|INSTEAD\)(\([a-z_0-9]*\)).*/zeloo_svr4_\2/p' \
+    -e 's/^ZELOO_SVR4_DATA .*[ *]\([a-z_]*\)\(\[\]\)*;/\1/p' $moved >>"$work/names"
+sort -u "$work/names" >"$work/marked"
 
 # The plain name that a symbol belongs to: its class, its namespace, or itself.
 owners() {
@@ -61,6 +68,12 @@ awk '$3 == "sigalarm(int)" && $2 != "T" { print; next }
            if (handlers != "t") print "zeloo::Interrupt(int) is of type \"" handlers "\"" }' "$work/objects" >"$work/found"
 expect_none 'sigalarm does not stand alone in its file, or the handler of the waits has linkage' "$work/found"
 
+# The variables that a program may define itself, as some do.
+awk '$2 ~ /^[TBDR]$/ { if ($3 ~ /^(t_errno|_nderror)$/) files[$1] = 1; else others[$1] = $0 }
+     END { for (file in files) { n++; if (file in others) print others[file] }
+           if (n != 2) print "defined in " n + 0 " files" }' "$work/objects" >"$work/found"
+expect_none 't_errno or _nderror does not stand alone in its file' "$work/found"
+
 unmarked "$work/exports" >"$work/found"
 grep '{lambda' "$work/exports" >>"$work/found" || true
 expect_none 'exported, but marked in no public header (a private template wants ZELOO_LOCAL)' "$work/found"
@@ -71,6 +84,10 @@ expect_none 'a name of the inside that a program may have too; it wants a namesp
 awk '/^(class|struct) [A-Za-z0-9_]+ *[:{]/ || (/^[a-zA-Z].*[(].*;$/ && !/ZELOO_API|^(static_assert|static|inline|using|typedef)/) ||
      (/^extern / && !/ZELOO_API|^extern template/) { print FILENAME ": " $0 }' Misc/*.h >"$work/found"
 expect_none 'declared in a public header, but not marked ZELOO_API' "$work/found"
+# shellcheck disable=SC2086
+awk '(/^[a-z].*[a-z]\(.*;$/ && !/ZELOO_SVR4_|^typedef/) || (/^extern / && !/^extern "C"/) { print FILENAME ": " $0 }' \
+    $moved >"$work/found"
+expect_none 'declared in a header for programs that move, but not marked ZELOO_SVR4_CALL or ZELOO_SVR4_DATA' "$work/found"
 
 # Types of private members, as CLASS::TYPE.
 awk '/^(class|struct) .*{$/ { class = $3; hidden = $1 == "class" }

@@ -1,0 +1,3 @@
+/* SPDX-License-Identifier: BSD-2-Clause */
+/* Where programs find <tiuser.h> too. */
+#include <tiuser.h>
