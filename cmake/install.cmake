@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: BSD-2-Clause
 # What `cmake --install` puts in place: both libraries, the public headers, System V's headers for programs that
-# move, the CMake package, the pkg-config files, and what the programs need of a host. The programs of tools/ install themselves. Each Debian package is a component: runtime,
-# development, common, tools and examples (packages.cmake); what names none here is for development.
+# move, the CMake package, the pkg-config files, and what the programs need of a host. The programs of tools/ install
+# themselves. Each Debian package is a component: runtime, development, common, tools and examples (packages.cmake); what
+# names none here is for development.
 include(CMakePackageConfigHelpers)
 
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // The calls that take the place of the host's or stand beside them, under the names that the headers here give them.
+#include <csignal>
+#include <ctime>
+
 #include <libgen.h>
-#include <signal.h>
 #include <sys/systeminfo.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "compat/types.h"
@@ -30,7 +31,7 @@ zeloo_svr4_handler signal(int sig, zeloo_svr4_handler handler) noexcept { return
 
 int setpgrp() noexcept { return svr4::setpgrp(); }
 
-size_t strftime(char* s, size_t maxsize, const char* format, const struct tm* timeptr) noexcept
+size_t strftime(char* s, size_t maxsize, const char* format, const struct tm* tp) noexcept
 {
-    return svr4::strftime(s, maxsize, format, timeptr);
+    return svr4::strftime(s, maxsize, format, tp);
 }

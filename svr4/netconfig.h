@@ -34,7 +34,7 @@ int endnetpath(void* handlep);
 enum { ND_BADARG = -2, ND_NOMEM = -1, ND_OK = 0, ND_NOHOST = 1, ND_NOSERV = 2, ND_SYSTEM = 9 };
 /// The result of the last call of the functions below that failed. It has C linkage: it is that of a program that
 /// declares it itself.
-extern "C" [[gnu::visibility("default")]] int _nderror;
+extern "C" [[gnu::visibility("default")]] int _nderror; // NOLINT(readability-redundant-declaration)
 
 /// The name of this host as h_host, to bind and to connect: a backslash and a 1.
 constexpr char HOST_SELF[] = "\\1";

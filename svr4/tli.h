@@ -24,11 +24,11 @@ namespace svr4 {
 
 /// Why the last failing call of this unit failed. A call that succeeds leaves it alone. It and the two below have C
 /// linkage: they are those of a program that declares them itself, as on System V.
-extern "C" [[gnu::visibility("default")]] int t_errno;
+extern "C" [[gnu::visibility("default")]] int t_errno; // NOLINT(readability-redundant-declaration)
 
 /// The texts of t_strerror, by code, and their number.
-extern "C" [[gnu::visibility("default")]] char* t_errlist[];
-extern "C" [[gnu::visibility("default")]] int t_nerr;
+extern "C" [[gnu::visibility("default")]] char* t_errlist[]; // NOLINT(readability-redundant-declaration)
+extern "C" [[gnu::visibility("default")]] int t_nerr;        // NOLINT(readability-redundant-declaration)
 
 enum {
     TBADADDR = 1,       // address of a wrong form

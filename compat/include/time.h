@@ -10,7 +10,7 @@
 ZELOO_SVR4_BEGIN
 
 /* "%C" is the date and time as date(1) prints them. */
-size_t strftime(char* s, size_t maxsize, const char* format, const struct tm* timeptr) ZELOO_SVR4_INSTEAD(strftime);
+size_t strftime(char* s, size_t maxsize, const char* format, const struct tm* tp) ZELOO_SVR4_INSTEAD(strftime);
 
 ZELOO_SVR4_END
 

@@ -1,0 +1,90 @@
+#!/bin/sh
+# SPDX-License-Identifier: BSD-2-Clause
+# old_program_test BUILD SOURCE: installs BUILD into a new prefix and builds a program in the style of System V on it,
+# with the program's own Makefile (old_program/): calls of its own that this host lacks or means otherwise, beside the
+# library's. It compiles unchanged and without a warning, with every compiler that is here, shared and static, and says
+# what it said there.
+set -eu
+build=$(cd "$1" && pwd)
+source=$(cd "$2" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/usr
+sandbox=$source/scripts/sandbox
+fail() { echo "old_program_test: $*" >&2; exit 1; }
+
+"$sandbox" true || exit 77
+cmake --install "$build" --prefix "$prefix" >/dev/null
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zeloo-svr4.pc)")
+LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libzeloo.so)")
+export PKG_CONFIG_PATH LD_LIBRARY_PATH
+
+cp -R "$source/tests/system/old_program" "$work/watch"
+cd "$work/watch"
+sed "s/NODE/$(uname -n)/; s/RELEASE/$(uname -r)/; s/MACHINE/$(uname -m)/" expected.txt >expected
+
+# builds_and_runs WHAT MAKE-ARGUMENT...
+builds_and_runs() {
+    what=$1
+    shift
+    echo "== $what"
+    make clean >/dev/null
+    make "$@" >/dev/null 2>messages || { cat messages >&2; fail "$what: does not compile"; }
+    [ ! -s messages ] || { cat messages >&2; fail "$what: warnings"; }
+    code=0
+    "$sandbox" timeout 60 ./watch >output 2>errors || code=$?
+    [ $code -eq 0 ] || { cat output errors >&2; fail "$what: exit code $code"; }
+    diff expected output || fail "$what: says something else"
+    echo '/dev/starlan: Invalid transport provider name' | diff - errors || fail "$what: explains something else"
+}
+
+builds_and_runs "${CXX:-c++}, shared" CXX="${CXX:-c++}"
+builds_and_runs "${CXX:-c++}, static" CXX="${CXX:-c++}" LDLIBS="$(find "$prefix" -name libzeloo.a)"
+if command -v clang++ >/dev/null; then
+    builds_and_runs "clang++, shared" CXX=clang++ CC=clang
+fi
+
+echo "== every header compiles alone and behind the host's, in C and C++, and so do the library's behind them"
+flags="$(pkg-config --cflags zeloo-svr4) -Wall -Wextra -Wpedantic -Werror -fsyntax-only"
+cd "$prefix/include/zeloo-svr4"
+for header in *.h sys/*.h; do
+    echo "#include <$header>" >"$work/header.cc"
+    cat "$work/header.cc" "$work/header.cc" >"$work/header.c"
+    for compiler in ${CXX:-c++} clang++; do
+        command -v "$compiler" >/dev/null || continue
+        # shellcheck disable=SC2086 # one word a flag
+        "$compiler" -std=c++17 $flags "$work/header.cc" || fail "$header, $compiler"
+    done
+    case $header in iostream.h | fstream.h | iomanip.h) continue ;; esac
+    for standard in gnu17 c17 gnu89 c89; do
+        # shellcheck disable=SC2086
+        ${CC:-cc} -std=$standard $flags "$work/header.c" || fail "$header, C of $standard"
+    done
+done
+for header in *.h sys/*.h; do echo "#include <$header>"; done >"$work/all.cc"
+(cd "$prefix/include/zeloo" && for header in Misc/*.h; do echo "#include \"$header\""; done) >>"$work/all.cc"
+# shellcheck disable=SC2086
+${CXX:-c++} -std=c++17 $flags "$work/all.cc" || fail "all headers"
+
+echo "== find_package: zeloo::svr4 is the library with these headers"
+mkdir "$work/project"
+cd "$work/project"
+cat >CMakeLists.txt <<'PROJECT'
+cmake_minimum_required(VERSION 3.16)
+project(watch CXX C)
+set(CMAKE_CXX_STANDARD 17)
+find_package(zeloo REQUIRED)
+foreach(kind svr4 svr4_static)
+  add_executable(watch_${kind} main.cc)
+  target_link_libraries(watch_${kind} PRIVATE zeloo::${kind})
+endforeach()
+PROJECT
+cat >main.cc <<'PROGRAM'
+#include <tiuser.h>
+#include "Misc/cstring.h"
+int main() { return t_open("/dev/none", 0, 0) == -1 && t_errno == TBADNAME && CString("x") == "x" ? 0 : 1; }
+PROGRAM
+cmake -S . -B build -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build build >/dev/null
+for kind in svr4 svr4_static; do build/watch_$kind || fail "zeloo::$kind"; done
+echo "1 passed, 0 failed"
