@@ -33,6 +33,12 @@ using namespace testing_support;
     std::_Exit(9);
 }
 
+// As programs define them that know no header for them.
+int t_errno = 0;
+int _nderror = 0;
+char* t_errlist[] = {nullptr};
+int t_nerr = 0;
+
 class TimedCall {
 public:
     explicit TimedCall(long seconds);
@@ -185,6 +191,16 @@ TEST_F(Interference, ALockIsOneProcesss)
     WriteFile(directory.File("stale.lock"), "2l");
     CString stale(directory.File("stale").c_str());
     EXPECT_TRUE(LockFile(stale).Locked());
+}
+
+// As on System V: there is one of each, whoever defines it.
+TEST_F(Interference, TheErrorNumbersOfTheNetworkAreThoseOfTheProgram)
+{
+    IPCTli client;
+    CaptureStdout([&] { CaptureStderr([&] { EXPECT_EQ(client.Topen("127.0.0.1", "1"), 0) << "somebody listens"; }); });
+    EXPECT_EQ(t_errno, 9); // TLOOK
+    CaptureStdout([&] { CaptureStderr([&] { EXPECT_EQ(client.Topen("127.0.0.1", "no such service"), 0); }); });
+    EXPECT_EQ(_nderror, 2); // ND_NOSERV
 }
 
 TEST_F(Interference, AReportIsPrinted)
