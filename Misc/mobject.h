@@ -26,7 +26,9 @@ class Objects;
 ///   called for every object, SigRestartProc is called for every object, and the process ends with a core image
 ///   (SIGABRT). A fault in a dump is skipped. The same signal a second time ends the process at once; so does a crash
 ///   within 60 seconds of the last report while a dump-state file name is set. These handlers run on a stack of their
-///   own, so that an overflow of the stack is reported as well.
+///   own, so that an overflow of the stack is reported as well. Beside it "NAME.map" says of every report where the
+///   program and its shared objects were loaded, as far as they were known when the last object was constructed: with it
+///   the program orvcrash names functions and lines. It is moved along with the crash file.
 /// - SIGUSR1 writes the dump of every object to the dump-state file, when one is set, and the program goes on.
 ///
 /// A report is bounded (see SetCaptureLimits); SigTermProc and SigRestartProc have ten seconds in all, then the process

@@ -13,6 +13,7 @@
 
 #include "Misc/Dates.h"
 #include "Misc/crash/handlers.h"
+#include "Misc/crash/modulemap.h"
 #include "Misc/crash/registry.h"
 #include "Misc/crash/signalfile.h"
 #include "Misc/crash/stackdump.h"
@@ -57,6 +58,7 @@ static volatile sig_atomic_t isQuiet = 0;  // a fault is not worth a line
 static volatile sig_atomic_t isEnding = 0; // the objects' turn has come
 static pid_t limitsStartedIn = 0;
 static char signal_filename[1024];
+static char reportDate[32]; // the same in the crash file and in its map
 
 void MonitoredObject::SetCaptureLimits(long seconds, long bytes)
 {
@@ -69,7 +71,11 @@ unsigned long zeloo::CaptureBytes() { return static_cast<unsigned long>(bytesFor
 
 static SignalFile& CrashFile() { return zeloo::Immortal<SignalFile, Outcome>(); }
 
-void zeloo::MakeReadyForCapture() { CrashFile(); }
+void zeloo::MakeReadyForCapture()
+{
+    CrashFile();
+    MakeReadyForModuleMap();
+}
 
 // Leaves the handler of `sig`, which cannot go on. `reason` is the system's text for a failed call.
 [[noreturn]] static void exit_sighandler(int sig, const char* message, const char* reason)
@@ -157,6 +163,8 @@ static void RotateCrashFile()
     StandardError() << "/usr/bin/mv " << signal_filename << ' ' << oldName << '\n' << std::flush;
     if (rename(signal_filename, oldName) != 0)
         WarnOfCrashFile("rename");
+    else
+        zeloo::RotateModuleMap(signal_filename);
 }
 
 // What a file is that cannot be a crash file; null when it can.
@@ -225,14 +233,21 @@ static int OpenCrashFile(int sig)
     return fd;
 }
 
+static void WriteHeading(std::ostream& file)
+{
+    file << reportDate << ". SIGNAL " << lastSignal << " detected. ProgInfo=";
+    for (int i = 0; i < ProgInfo::Getargc(); i++)
+        file << ProgInfo::Getargv()[i] << ' ';
+    file << '\n';
+}
+
 static void BeginReport(int sig)
 {
     SignalFile& file = CrashFile();
     file.Attach(OpenCrashFile(sig), zeloo::CaptureBytes(), [] { LeaveStep(OutOfBytes); });
-    file << '\n' << Dates::GetDateTime() << ". SIGNAL " << sig << " detected. ProgInfo=";
-    for (int i = 0; i < ProgInfo::Getargc(); i++)
-        file << ProgInfo::Getargv()[i] << ' ';
+    snprintf(reportDate, sizeof reportDate, "%s", Dates::GetDateTime());
     file << '\n';
+    WriteHeading(file);
     file.flush();
     if (!file)
         exit_sighandler(sig, "write of sighandler file failed. ", svr4::error_text(file.Error()));
@@ -297,6 +312,8 @@ private:
 
 } // namespace
 
+static void WriteMap(int) { zeloo::WriteModuleMap(signal_filename, WriteHeading); }
+
 static void DumpStack(int)
 {
     SignalFile& file = CrashFile();
@@ -322,6 +339,9 @@ static void CaptureState(int sig)
 {
     SignalFile& file = CrashFile();
     const FaultsSkipped skipped(sig);
+    isQuiet = 1;
+    Try(WriteMap, sig); // what keeps it from its end leaves no trace in the report
+    isQuiet = 0;
     for (const auto step : {DumpStack, DumpObjects}) {
         const Outcome outcome = Try(step, sig);
         SayWhatIsLeftOut(outcome);

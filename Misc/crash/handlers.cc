@@ -14,6 +14,7 @@
 #include "svr4/context.h"
 #include "svr4/deadline.h"
 #include "svr4/errno.h"
+#include "svr4/modules.h"
 #include "svr4/signal.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: mobject.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
@@ -22,6 +23,7 @@ constexpr int TerminateSignals[] = {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGPIPE, S
 constexpr int CaptureSignals[] = {SIGABRT, SIGILL, SIGBUS, SIGSEGV, SIGSYS, svr4::sigemt, SIGFPE, SIGTRAP, SIGUSR2};
 
 static volatile sig_atomic_t handlersStay = 0;
+static volatile sig_atomic_t modulesStay = 0;
 
 sigset_t zeloo::RequestSignals()
 {
@@ -61,6 +63,7 @@ static void Terminate(int sig)
 {
     if (svr4::is_captured_elsewhere())
         return; // another thread is about to end the process, by abort
+    modulesStay = 1;
     zeloo::KeepLocalOffset();
     svr4::set_deadline(zeloo::EndingTime, EndAtOnce);
     svr4::set_last_deadline(zeloo::EndingTime + 2000);
@@ -95,7 +98,17 @@ void zeloo::InstallHandlers()
     HandleAlone(SIGUSR1, Dump, 0);
 }
 
-void zeloo::KeepHandlers() { handlersStay = 1; }
+void zeloo::NoteModules()
+{
+    if (!modulesStay)
+        svr4::keep_modules();
+}
+
+void zeloo::KeepHandlers()
+{
+    handlersStay = 1;
+    modulesStay = 1;
+}
 
 void MonitoredObject::UnMonitor()
 {

@@ -10,8 +10,11 @@ namespace zeloo {
 /// Installs the handlers of MonitoredObject and makes ready what they need.
 void InstallHandlers();
 
-/// Makes InstallHandlers do nothing from now on: what a capture or a dump constructs must not undo the handlers that
-/// it works with.
+/// Notes where the program and its shared objects are, for the module map, if any has come or gone.
+void NoteModules();
+
+/// Makes both do nothing from now on: what a capture or a dump constructs must not undo the handlers that it works with,
+/// nor wait for the loader.
 void KeepHandlers();
 
 /// Installs `handler` to run with all signals blocked from its first instruction on. Returns 0 or -1.

@@ -75,6 +75,7 @@ void Objects::Add(MonitoredObject* object)
     CollectDump();
     if (first == nullptr)
         InstallHandlers();
+    NoteModules();
     object->NextObject = nullptr;
     object->PreviousObject = last;
     StoresInOrder();

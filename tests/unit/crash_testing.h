@@ -47,6 +47,14 @@ inline void BecomeProgram(const std::string& name)
 }
 
 inline std::string CrashFile(const std::string& name) { return Directory + "/" + name + ".sig"; }
+inline std::string MapFile(const std::string& name) { return Directory + "/" + name + ".map"; }
+
+// The names of the programs that CrashAs has been, for the end of the test.
+inline std::vector<std::string>& CrashedPrograms()
+{
+    static std::vector<std::string> names;
+    return names;
+}
 
 struct Crash {
     ChildResult child;
@@ -110,6 +118,7 @@ inline std::string WithoutSanitizer(const std::string& text)
 inline Crash CrashAs(const std::string& name, const std::function<void()>& body)
 {
     Crash crash;
+    CrashedPrograms().push_back(name);
     crash.child = RunInChild([&] {
         BecomeProgram(name);
         body();
@@ -286,6 +295,13 @@ protected:
     {
         if (access(Directory.c_str(), W_OK) != 0)
             GTEST_SKIP() << Directory << " is not there";
+    }
+    void TearDown() override
+    {
+        for (const std::string& name : CrashedPrograms())
+            for (const char* suffix : {"", ".old"})
+                unlink((MapFile(name) + suffix).c_str());
+        CrashedPrograms().clear();
     }
 };
 
