@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: BSD-2-Clause
+// The shared object of orderd.
+#include "tests/system/victim/tariff.h"
+
+static long Discounted(const long* rates, long items)
+{
+    const long price = *rates * items;
+    return items > 10 ? price - price / 10 : price;
+}
+
+long TariffOf(const long* rates, long items)
+{
+    const long price = Discounted(rates, items);
+    return price + 1;
+}

@@ -1,0 +1,8 @@
+// SPDX-License-Identifier: BSD-2-Clause
+#ifndef TESTS_SYSTEM_VICTIM_TARIFF_H
+#define TESTS_SYSTEM_VICTIM_TARIFF_H
+
+/// What an order costs: `rates` has the price of one item.
+extern "C" [[gnu::visibility("default")]] long TariffOf(const long* rates, long items);
+
+#endif
