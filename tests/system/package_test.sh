@@ -77,6 +77,24 @@ cmake -S "$work/project" -B "$outer" -DZELOO_INSTALL=ON >/dev/null
 cmake --install "$outer" --component common --prefix "$work/stage" >/dev/null
 [ -e "$work/stage/lib/sysctl.d/30-zeloo.conf" ] || fail "it does not install itself when that is wanted"
 
+echo "== orvcrash runs and has its page"
+"$prefix/bin/orvcrash" --help >/dev/null
+test -s "$prefix/share/man/man1/orvcrash.1" || fail "orvcrash has no page"
+
+echo "== gdb finds the printers for the library where that is installed"
+library=$(readlink -f "$libraries/libzeloo.so")
+printers=$prefix/share/gdb/auto-load$library-gdb.py
+test -s "$printers" || fail "no $printers"
+cmp "$printers" "$prefix/share/zeloo/gdb/zeloo.py" || fail "the printers differ"
+if command -v gdb >/dev/null; then
+    HOME=$work gdb -nx -batch -ex "set auto-load scripts-directory $prefix/share/gdb/auto-load" \
+        -ex "set auto-load safe-path $prefix/share/gdb/auto-load" -ex "file $library" -ex "info pretty-printer" \
+        >"$work/printers" 2>&1
+    grep -q '^ *zeloo$' "$work/printers" || { cat "$work/printers"; fail "gdb does not load the printers"; }
+else
+    echo "without gdb here: the file only"
+fi
+
 echo "== README.md prints the programs of examples/"
 block=0
 for program in hello_server hello_client; do
