@@ -40,7 +40,7 @@ static tm* Local(long moment)
 
 const char* Dates::GetDate(tm* TMstruct)
 {
-    return Fill(dateText, "%02ld/%02d/%04ld", TMstruct->tm_mon + 1L, TMstruct->tm_mday, TMstruct->tm_year + 1900L);
+    return Fill(dateText, "%02lld/%02d/%04lld", TMstruct->tm_mon + 1LL, TMstruct->tm_mday, TMstruct->tm_year + 1900LL);
 }
 
 const char* Dates::GetDate(long moment) { return GetDate(Local(moment)); }

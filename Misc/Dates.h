@@ -12,10 +12,10 @@
 /// overwrites; GetDateTime overwrites those of GetDate and GetTime as well. A text longer than its buffer is cut.
 class ZELOO_API Dates {
 public:
-    /// The time now.
-    static long CurrentTime() { return time(nullptr); }
-    /// The time of a broken-down local time, which is normalised in place (mktime).
-    static long CurrentTime(tm* TMstruct) { return mktime(TMstruct); }
+    /// The time now. Where a `long` has 32 bits, that ends in January 2038.
+    static long CurrentTime() { return AsLong(time(nullptr)); }
+    /// The time of a broken-down local time, which is normalised in place (mktime); -1 when it does not fit a `long`.
+    static long CurrentTime(tm* TMstruct) { return AsLong(mktime(TMstruct)); }
     /// The broken-down local time now.
     static tm CurrentTm() { return CurrentTm(CurrentTime()); }
     /// The broken-down local time at `moment`; all zero when its year does not fit.
@@ -57,6 +57,14 @@ public:
     static long MinsBetween(long s1, long s2);
     /// The seconds from `s2` to `s1`.
     static long SecsBetween(long s1, long s2) { return s1 - s2; }
+
+private:
+    // The host's times may be wider than a `long`.
+    static long AsLong(time_t moment)
+    {
+        const long result = static_cast<long>(moment);
+        return result == moment ? result : -1;
+    }
 };
 
 #endif

@@ -285,18 +285,24 @@ void EventManager::TimeStampS(short const event, const char* FromProgram, const 
     StartClock = times(&StartTimes);
 }
 
+// The seconds between two marks of a clock, which may have begun anew behind its largest number meanwhile.
+static double SecondsBetween(clock_t from, clock_t to)
+{
+    static const double rate = static_cast<double>(sysconf(_SC_CLK_TCK));
+    return static_cast<double>(static_cast<unsigned long>(to) - static_cast<unsigned long>(from)) / rate;
+}
+
 void EventManager::TimeStampE(short const event, std::ostream& out)
 {
     if (MonitoredObject::debug() < 1)
         return;
-    static const double rate = static_cast<double>(sysconf(_SC_CLK_TCK));
     struct tms now;
     const clock_t clock = times(&now);
     out << "EventEnd: "
-        << "Real=" << static_cast<double>(clock - StartClock) / rate << ", "
-        << "User=" << static_cast<double>(now.tms_utime - StartTimes.tms_utime) / rate << ", "
-        << "Sys=" << static_cast<double>(now.tms_stime - StartTimes.tms_stime) / rate << ". " << Dates::GetDateTime()
-        << " " << NameOf(*this, event) << std::endl;
+        << "Real=" << SecondsBetween(StartClock, clock) << ", "
+        << "User=" << SecondsBetween(StartTimes.tms_utime, now.tms_utime) << ", "
+        << "Sys=" << SecondsBetween(StartTimes.tms_stime, now.tms_stime) << ". " << Dates::GetDateTime() << " "
+        << NameOf(*this, event) << std::endl;
 }
 
 void EventManager::RejectEventStamp(std::ostream& out)

@@ -10,12 +10,14 @@
 #include <unistd.h>
 
 #include "Misc/Dates.h"
+#include "Misc/detail/limits.h"
 #include "Misc/detail/standardstreams.h"
 #include "Misc/detail/text.h"
 #include "Misc/proginfo.h"
 
 using zeloo::BaseName;
 using zeloo::CopyText;
+using zeloo::NearestLong;
 using zeloo::NewText;
 using zeloo::TextOrEmpty;
 
@@ -26,14 +28,14 @@ static bool Examine(const char* name, struct stat* status) { return name != null
 long FileInfo::FileSize(const char* name)
 {
     struct stat status;
-    return Examine(name, &status) ? status.st_size : 0;
+    return Examine(name, &status) ? NearestLong(status.st_size) : 0;
 }
 
 long FileInfo::FileSize(int fd)
 {
     struct stat status;
     if (fstat(fd, &status) == 0)
-        return status.st_size;
+        return NearestLong(status.st_size);
     std::cerr << TextOrEmpty(ProgInfo::GetProgramName()) << ": error in FileInfo::FileSize\n";
     return 0;
 }
@@ -43,7 +45,7 @@ const char* FileInfo::FileMTime(const char* name)
     static char text[25];
     struct stat status;
     if (Examine(name, &status)) {
-        CopyText(text, Dates::GetDateTime(status.st_mtime));
+        CopyText(text, Dates::GetDateTime(NearestLong(status.st_mtime)));
     } else {
         std::cerr << TextOrEmpty(ProgInfo::GetProgramName()) << ": error in FileInfo::FileMTime (" << TextOrEmpty(name)
                   << ")\n";
@@ -57,7 +59,7 @@ long FileInfo::FileStampTime(const char* name)
     struct stat status;
     if (!Examine(name, &status))
         return 0;
-    tm local = Dates::CurrentTm(status.st_mtime);
+    tm local = Dates::CurrentTm(NearestLong(status.st_mtime));
     return Dates::CurrentTime(&local);
 }
 

@@ -10,14 +10,15 @@
 /// not exist, or as an empty one.
 class ZELOO_API FileInfo {
 public:
-    /// The size of a file in bytes; 0 when it cannot be examined.
+    /// The size of a file in bytes, LONG_MAX when it does not fit a `long`; 0 when it cannot be examined.
     static long FileSize(const char* name);
-    /// The size of an open file in bytes; 0, with a line on standard error, when it cannot be examined.
+    /// The size of an open file in bytes, LONG_MAX when it does not fit a `long`; 0, with a line on standard error, when it
+    /// cannot be examined.
     static long FileSize(int fd);
     /// The modification time as the text of Dates::GetDateTime; empty, with a line on standard error, when the file
     /// cannot be examined.
     static const char* FileMTime(const char* name);
-    /// The modification time in seconds since the epoch; 0 when the file cannot be examined.
+    /// The modification time in seconds since the epoch, LONG_MAX when it does not fit a `long`; 0 when the file cannot be examined.
     static long FileStampTime(const char* name);
     /// 1 when there is a file of this name (a symbolic link is followed), else 0.
     static short FileExists(const char* name);

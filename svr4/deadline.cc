@@ -12,6 +12,10 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: deadline.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
+#ifndef sigev_notify_thread_id // the C library may have the member without the name
+#define sigev_notify_thread_id _sigev_un._tid
+#endif
+
 namespace svr4 {
 
 namespace {
@@ -24,6 +28,13 @@ struct Timer {
     pid_t thread;
 };
 
+// The number of the call that takes the times that <time.h> has here.
+#if defined(SYS_timer_settime64) && _TIME_BITS == 64
+constexpr long SetTime = SYS_timer_settime64;
+#else
+constexpr long SetTime = SYS_timer_settime;
+#endif
+
 Timer deadline;
 Timer lastDeadline;
 
@@ -35,7 +46,7 @@ int Make(Timer* timer, int sig, bool forThread)
     struct sigevent event = {};
     event.sigev_signo = sig;
     event.sigev_notify = forThread ? SIGEV_THREAD_ID : SIGEV_SIGNAL;
-    event._sigev_un._tid = ThisThread();
+    event.sigev_notify_thread_id = ThisThread();
     if (syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer->id) != 0)
         return -1;
     timer->process = getpid();
@@ -48,7 +59,7 @@ int Start(const Timer& timer, long milliseconds)
     struct itimerspec when = {};
     when.it_value.tv_sec = milliseconds / 1000;
     when.it_value.tv_nsec = milliseconds % 1000 * 1000000;
-    return static_cast<int>(syscall(SYS_timer_settime, timer.id, 0, &when, nullptr));
+    return static_cast<int>(syscall(SetTime, timer.id, 0, &when, nullptr));
 }
 
 bool IsMine(const Timer& timer) { return timer.process == getpid() && timer.thread == ThisThread(); }
@@ -86,11 +97,11 @@ void set_last_deadline(long milliseconds)
         Start(lastDeadline, milliseconds);
 }
 
-long steady_milliseconds()
+int64_t steady_milliseconds()
 {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 void pause_microseconds(long microseconds)

@@ -3,6 +3,8 @@
 #ifndef SVR4_DEADLINE_H
 #define SVR4_DEADLINE_H
 
+#include <cstdint>
+
 namespace svr4 {
 
 /// The signal of a deadline: none that programs use, so that it disturbs no alarm.
@@ -21,7 +23,7 @@ void clear_deadline();
 void set_last_deadline(long milliseconds);
 
 /// The time on a clock that nobody sets, in milliseconds. Usable in a handler.
-long steady_milliseconds();
+int64_t steady_milliseconds();
 
 /// Waits, for less than a second. A signal ends the wait early. Usable in a handler; `errno` is kept.
 void pause_microseconds(long microseconds);

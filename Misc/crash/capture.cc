@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csetjmp>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -197,7 +198,7 @@ static void ExamineCrashFile(int sig)
     }
     if (!S_ISREG(status.st_mode))
         return;
-    const long age = Dates::CurrentTime() - status.st_mtime;
+    const int64_t age = Dates::CurrentTime() - status.st_mtime;
     if (age >= 0 && age < LoopingWithin && MonitoredObject::GetDumpStateFileName() != nullptr)
         exit_sighandler(sig, "Previous sighandler probably failed.", "");
     if (status.st_size > RotateBeyond)

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -53,7 +54,7 @@ struct Page {
 struct Request {
     Page* page = nullptr;
     std::atomic<int> watcher{0}; // a process id; 0 while there is none
-    long begun = 0;              // on the steady clock
+    int64_t begun = 0;           // on the steady clock
     int attempts = 0;
 };
 
@@ -128,10 +129,10 @@ struct Attempt {
 };
 
 // The end of a writer: 0 when it had its say, or the signal that ended it; the deadline's when it hung.
-int WatchWriter(const Page* page, pid_t writer, long objectTime, long end)
+int WatchWriter(const Page* page, pid_t writer, long objectTime, int64_t end)
 {
     long seen = page->step;
-    long since = svr4::steady_milliseconds();
+    int64_t since = svr4::steady_milliseconds();
     bool isTold = false;
     for (long pause = 100;; pause = std::min(pause * 2, 4000L)) {
         const int status = svr4::copy_status(writer);
@@ -140,7 +141,7 @@ int WatchWriter(const Page* page, pid_t writer, long objectTime, long end)
                 return isTold ? svr4::deadline_signal() : WTERMSIG(status);
             return WEXITSTATUS(status);
         }
-        const long now = svr4::steady_milliseconds();
+        const int64_t now = svr4::steady_milliseconds();
         if (page->step != seen) {
             seen = page->step;
             since = now;
@@ -174,7 +175,7 @@ bool WriteDump(Page* page, int fd, const Attempt& attempt)
 {
     SignalFile& file = DumpFile();
     file.Attach(fd, ULONG_MAX, nullptr);
-    const long end = svr4::steady_milliseconds() + attempt.time;
+    const int64_t end = svr4::steady_milliseconds() + attempt.time;
     const long objectTime = attempt.isLast ? std::max(attempt.time / 6, TrialPatience) : TrialPatience;
     file << "SIGNAL " << attempt.signal << " caught...initiating dump...\n" << std::flush;
     for (long from = -1;;) {
@@ -242,7 +243,7 @@ void AskAgain(pid_t process)
 // Waits for a copy that is about to end, and makes it.
 void EndCopy(pid_t copy)
 {
-    const long until = svr4::steady_milliseconds() + LeavingTime;
+    const int64_t until = svr4::steady_milliseconds() + LeavingTime;
     while (svr4::copy_status(copy) == -1) {
         if (svr4::steady_milliseconds() > until)
             kill(copy, SIGKILL);
@@ -308,9 +309,10 @@ void SayThatThereIsNone(const char* name, int sig, int error)
 
 void StartWatcher(const char* name, int sig)
 {
-    const long age = svr4::steady_milliseconds() - request.begun;
+    const int64_t age = svr4::steady_milliseconds() - request.begun;
     const bool isLast = age > TrialTime;
-    const Attempt attempt = {sig, isLast, std::max(CaptureTime() - age - ClosingTime, TrialPatience)};
+    const Attempt attempt = {sig, isLast,
+                             static_cast<long>(std::max<int64_t>(CaptureTime() - age - ClosingTime, TrialPatience))};
     const long pauseBeforeNext = 10L << std::min(request.attempts, 4);
     pid_t watcher = -1;
     for (int i = 0; i < 5 && watcher < 0; i++) { // the host may be short of memory for a moment
@@ -328,7 +330,7 @@ void StartWatcher(const char* name, int sig)
 
 void AwaitWatcher()
 {
-    const long until = svr4::steady_milliseconds() + HandlerPatience;
+    const int64_t until = svr4::steady_milliseconds() + HandlerPatience;
     const pid_t watcher = request.watcher;
     for (long pause = 100; watcher != 0; pause = std::min(pause * 2, 1000L)) {
         if (svr4::copy_status(watcher) != -1) {

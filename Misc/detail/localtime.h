@@ -3,13 +3,14 @@
 #ifndef MISC_DETAIL_LOCALTIME_H
 #define MISC_DETAIL_LOCALTIME_H
 
+#include <cstdint>
 #include <ctime>
 
 namespace zeloo {
 
 /// The broken-down local time at `moment`; all zero when its year does not fit. Every call for about the present also
 /// keeps the distance of the local time from universal time.
-tm LocalTime(long moment);
+tm LocalTime(int64_t moment);
 
 /// From now on LocalTime asks nobody: it takes the distance that was kept last, which is that of the present, and so may
 /// be an hour wrong for another season or when the program has not asked for the time since the clocks changed. For

@@ -17,11 +17,11 @@ static volatile sig_atomic_t hasCome;
 
 static void Interrupt(int) { hasCome = 1; }
 
-static struct itimerval Alarm(long seconds, long milliseconds)
+static struct itimerval Alarm(long seconds, int64_t milliseconds)
 {
     struct itimerval alarm = {};
     alarm.it_value.tv_sec = seconds + milliseconds / 1000;
-    alarm.it_value.tv_usec = milliseconds % 1000 * 1000;
+    alarm.it_value.tv_usec = static_cast<suseconds_t>(milliseconds % 1000 * 1000);
     if (milliseconds > 0)
         alarm.it_interval.tv_usec = RepetitionMilliseconds * 1000;
     else if (seconds > 0)
@@ -37,7 +37,7 @@ static sigset_t AlarmSignal()
     return set;
 }
 
-TimedCall::TimedCall(long seconds, long milliseconds) : isArmed(seconds > 0 || milliseconds > 0)
+TimedCall::TimedCall(long seconds, int64_t milliseconds) : isArmed(seconds > 0 || milliseconds > 0)
 {
     const svr4::SavedErrno savedErrno;
     struct sigaction action = {};
@@ -52,7 +52,7 @@ TimedCall::TimedCall(long seconds, long milliseconds) : isArmed(seconds > 0 || m
     setitimer(ITIMER_REAL, &alarm, &earlierAlarm);
 }
 
-void TimedCall::Arm(long seconds, long milliseconds)
+void TimedCall::Arm(long seconds, int64_t milliseconds)
 {
     const bool wasArmed = isArmed;
     isArmed = seconds > 0 || milliseconds > 0;

@@ -17,10 +17,10 @@ namespace zeloo {
 /// waiting then waits again, and none of this alarm's is left. `errno` is kept by both.
 class TimedCall {
 public:
-    explicit TimedCall(long seconds, long milliseconds = 0);
+    explicit TimedCall(long seconds, int64_t milliseconds = 0);
     ~TimedCall();
     /// Sets the alarm anew.
-    void Arm(long seconds, long milliseconds);
+    void Arm(long seconds, int64_t milliseconds);
 
     TimedCall(const TimedCall&) = delete;
     TimedCall& operator=(const TimedCall&) = delete;

@@ -41,7 +41,7 @@ public:
             return Slice(now, HurriedSlice, stepEnd);
         return Slice(now, std::clamp(4 * length, first, attempt.LongestSlice()), stepEnd);
     }
-    long Milliseconds() const { return end == Never ? 0 : static_cast<long>(std::max<int64_t>(end - begin, 1)); }
+    int64_t Milliseconds() const { return end == Never ? 0 : std::max<int64_t>(end - begin, 1); }
     bool IsOver(int64_t now) const { return now >= end; }
 
     static constexpr int64_t Never = INT64_MAX;
@@ -67,7 +67,7 @@ static int TryWithin(const Slice& slice, Attempt& attempt, int result)
 static short Wait(Attempt& attempt, const Patience& patience, short late, int* result)
 {
     const auto stepFrom = [&](int64_t now) {
-        return patience.seconds > 0 ? now + patience.seconds * 1000 : Slice::Never;
+        return patience.seconds > 0 ? now + int64_t{patience.seconds} * 1000 : Slice::Never;
     };
     const int64_t start = MillisecondsNow();
     int64_t stepEnd = stepFrom(start);

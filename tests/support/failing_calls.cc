@@ -12,7 +12,6 @@
 #include <new>
 #include <string>
 
-#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
@@ -51,15 +50,9 @@ FailingCalls::~FailingCalls()
 // Asks the one who listens about each call of `numbers`. Returns the descriptor to listen at, or -1.
 static int Listener(const std::vector<long>& numbers)
 {
-    std::vector<sock_filter> steps = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr))};
-    for (const long number : numbers) {
-        if (number == SYS_fstat) {
-            steps.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_newfstatat, 0, 1));
-            steps.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
-        }
-        steps.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1));
-        steps.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
-    }
+    std::vector<sock_filter> steps = BeginRules();
+    for (const long number : numbers)
+        AppendRule(steps, number, SECCOMP_RET_USER_NOTIF);
     steps.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     const sock_fprog filter = {static_cast<unsigned short>(steps.size()), steps.data()};
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
@@ -147,12 +140,6 @@ bool FailingCalls::Counts(const struct seccomp_notif& call) const
            std::memcmp(theirs, ours, static_cast<size_t>(n)) == 0;
 }
 
-// What the call is for: fstat may come as another.
-static long NumberOf(const struct seccomp_data& call)
-{
-    return call.nr == SYS_newfstatat && (call.args[3] & AT_EMPTY_PATH) != 0 ? SYS_fstat : call.nr;
-}
-
 // Lets one call happen or fail. False when there can be no more.
 bool FailingCalls::Answer(int listener)
 {
@@ -162,10 +149,11 @@ bool FailingCalls::Answer(int listener)
     struct seccomp_notif_resp answer = {};
     answer.id = call.id;
     answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-    const long number = NumberOf(call.data);
-    if (std::count(numbers.begin(), numbers.end(), number) != 0 && Counts(call)) {
+    const auto number =
+        std::find_if(numbers.begin(), numbers.end(), [&](long asked) { return IsCall(call.data, asked); });
+    if (number != numbers.end() && Counts(call)) {
         const long earlier = total++;
-        made[number]++;
+        made[*number]++;
         if (rule.error != 0 && earlier >= rule.before && earlier - rule.before < rule.count) {
             answer.flags = 0;
             answer.error = -rule.error;

@@ -22,6 +22,7 @@
 
 #include <sys/types.h>
 
+#include "tests/support/hostcalls.h"
 #include "tests/support/testing.h"
 
 struct seccomp_notif;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "tests/support/refusals.h"
 
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -17,6 +16,7 @@
 #include <unistd.h>
 
 #include "tests/support/coverage.h"
+#include "tests/support/hostcalls.h"
 #include "tests/support/testing.h"
 
 namespace testing_support {
@@ -38,11 +38,9 @@ void MakeCallsFail(std::initializer_list<long> numbers, int error)
 {
     if (zeloo_keep_counts != nullptr)
         zeloo_keep_counts();
-    std::vector<sock_filter> rules = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr))};
-    for (const long number : numbers) {
-        rules.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1));
-        rules.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)));
-    }
+    std::vector<sock_filter> rules = BeginRules();
+    for (const long number : numbers)
+        AppendRule(rules, number, SECCOMP_RET_ERRNO | static_cast<unsigned>(error));
     rules.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     const sock_fprog filter = {static_cast<unsigned short>(rules.size()), rules.data()};
     ChildNeeds(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0);

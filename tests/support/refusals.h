@@ -15,6 +15,8 @@
 
 #include <initializer_list>
 
+#include "tests/support/hostcalls.h"
+
 namespace testing_support {
 
 const int NotPossibleHere = 77;

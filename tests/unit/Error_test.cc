@@ -461,7 +461,7 @@ TEST_F(Error, TheTagWrapsAt32Bits)
     SyslogSink sink;
     reporter.MakeErrorLogEntry(1, 92, "t", Module, 2147483647L);
     reporter.MakeErrorLogEntry(1, 300000, "t", Module, 0);
-    reporter.MakeErrorLogEntry(1, 10, "t", Module, 4294967296L + 5);
+    reporter.MakeErrorLogEntry(1, 10, "t", Module, static_cast<long>(4294967301));
     reporter.MakeErrorLogEntry(1, -1, "t", Module, -1);
     const std::vector<std::string> records = sink.Records();
     ASSERT_EQ(records.size(), 4u);

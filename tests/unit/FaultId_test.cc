@@ -619,7 +619,7 @@ TEST(FaultIdList, ANumberBeyond32BitsIsCutInTheFile)
     TemporaryDirectory directory;
     const std::string path = directory.File("list");
     FaultIdList list(path.c_str());
-    const FaultId wide(0x100000007L, "b");
+    const FaultId wide(static_cast<long>(0x100000007), "b");
     list.AddFaultId(wide);
     list.Save();
     EXPECT_EQ(ReadFile(path), BE16(1) + Wire(7, "b", "b/4294967303"));

@@ -213,7 +213,7 @@ TEST(HierarchicNum, AddLevelAppends)
     h.add_level(0);
     EXPECT_EQ(Text(h), "1.20.0");
     EXPECT_EQ(h.is_valid(), 1);
-    h.add_level(0x100000002ul);
+    h.add_level(static_cast<unsigned long>(0x100000002));
     EXPECT_EQ(Text(h), "1.20.0.2");
     HierarchicNum none;
     none.add_level(5);

@@ -147,11 +147,11 @@ TEST(ProcMgr, SetsAndGetsTheLimits)
 {
     ProcMgr::SetMaxActive(1);
     ProcMgr::SetMaxRetry(2);
-    ProcMgr::SetMaxTime(3000000000);
+    ProcMgr::SetMaxTime(2000000000);
     EXPECT_EQ(ProcMgr::GetMaxActive(), 1);
     EXPECT_EQ(ProcMgr::GetMaxRetry(), 2);
-    EXPECT_EQ(ProcMgr::GetMaxTime(), 3000000000);
-    EXPECT_NE(Dump().find("MaxActive = 1\nMaxRetry = 2\nMaxTime = 3000000000\n"), std::string::npos);
+    EXPECT_EQ(ProcMgr::GetMaxTime(), 2000000000);
+    EXPECT_NE(Dump().find("MaxActive = 1\nMaxRetry = 2\nMaxTime = 2000000000\n"), std::string::npos);
     ProcMgr::SetMaxActive(8);
     ProcMgr::SetMaxRetry(4);
     ProcMgr::SetMaxTime(1800);
@@ -557,7 +557,7 @@ TEST(ProcMgr, DumpsEveryCommandWithItsFault)
     const ChildResult child = RunInChild([] {
         ProcMgr::commands.AddItem(new CmdLine{"echo %s <>", 2, FaultId(42, "alpha")});
         ProcMgr::commands.AddItem(new CmdLine{"", 0, FaultId()});
-        ProcMgr::processes.AddItem(new ProcInfo{FaultId(7, "beta"), 1234567, 3000000000});
+        ProcMgr::processes.AddItem(new ProcInfo{FaultId(7, "beta"), 1234567, 2000000000});
         ProcMgr::processes.AddItem(new ProcInfo{FaultId(), 4194304, 0});
         ProcMgr::dumpOn(std::cout);
     });
@@ -568,7 +568,7 @@ TEST(ProcMgr, DumpsEveryCommandWithItsFault)
                          "command: <> Retry = 0\n"
                          " Comming FaultId is \n"
                          "Number of Active Processes = 2\n"
-                         "process: 1234567, timestamp: 3000000000\n"
+                         "process: 1234567, timestamp: 2000000000\n"
                          "AssociateFaultId is beta/00000007\n"
                          "process: 4194304, timestamp: 0\n"
                          "AssociateFaultId is \n"

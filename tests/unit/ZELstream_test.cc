@@ -60,11 +60,11 @@ TEST(ZELostream, WritesNumbersIntoABufferWhenItIsFlushed)
     EXPECT_EQ(Put<short>(32767), "32767|");
     EXPECT_EQ(Put<int>(INT_MIN), "-2147483648|");
     EXPECT_EQ(Put<int>(0), "0|");
-    EXPECT_EQ(Put<long>(LONG_MIN), "-9223372036854775808|");
+    EXPECT_EQ(Put<long>(LONG_MIN), std::to_string(LONG_MIN) + "|");
     EXPECT_EQ(Put<unsigned short>(65535), "65535|");
     EXPECT_EQ(Put<unsigned int>(UINT_MAX), "4294967295|");
     EXPECT_EQ(Put<unsigned long>(42), "42l|");
-    EXPECT_EQ(Put<unsigned long>(ULONG_MAX), "18446744073709551615l|");
+    EXPECT_EQ(Put<unsigned long>(ULONG_MAX), std::to_string(ULONG_MAX) + "l|");
     EXPECT_EQ(Put('c'), "c");
     EXPECT_EQ(Put('\0'), std::string(1, '\0'));
     EXPECT_EQ(Put<unsigned char>(0xff), "\xff");
@@ -74,7 +74,7 @@ TEST(ZELostream, WritesNumbersOnAStreamAtOnce)
 {
     EXPECT_EQ(PutOnStream<short>(-5), "-5|");
     EXPECT_EQ(PutOnStream<int>(5), "5|");
-    EXPECT_EQ(PutOnStream<long>(LONG_MIN), "-9223372036854775808|");
+    EXPECT_EQ(PutOnStream<long>(LONG_MIN), std::to_string(LONG_MIN) + "|");
     EXPECT_EQ(PutOnStream<unsigned short>(65535), "65535|");
     EXPECT_EQ(PutOnStream<unsigned int>(UINT_MAX), "4294967295|");
     EXPECT_EQ(PutOnStream<unsigned long>(42), "42|") << "the letter l stands in buffers only";
@@ -176,7 +176,9 @@ protected:
 
 TEST(ZELstream, VeryLongRunsTravelInTwoChunks)
 {
-    const std::size_t room = std::size_t{1} << 32;
+    if (sizeof(void*) == 4)
+        GTEST_SKIP() << "no room for such a run";
+    const std::size_t room = static_cast<std::size_t>(uint64_t{1} << 32);
     void* p = mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(p, MAP_FAILED);
     char* bytes = static_cast<char*>(p);
@@ -211,10 +213,10 @@ TEST(ZEListream, ReadsNumbersFromABuffer)
 {
     EXPECT_EQ(Get<short>("-5|6|", 9), "-5 at 3");
     EXPECT_EQ(Get<int>("12|", 9), "12 at 3");
-    EXPECT_EQ(Get<long>("-9223372036854775808|", 9), "-9223372036854775808 at 21");
+    EXPECT_EQ(Get<long>("-9223372036854775808|", 9), std::to_string(LONG_MIN) + " at 21");
     EXPECT_EQ(Get<unsigned short>("65535|", 9), "65535 at 6");
     EXPECT_EQ(Get<unsigned int>("4294967295|", 9), "4294967295 at 11");
-    EXPECT_EQ(Get<unsigned long>("18446744073709551615|", 9), "18446744073709551615 at 21");
+    EXPECT_EQ(Get<unsigned long>("18446744073709551615|", 9), std::to_string(ULONG_MAX) + " at 21");
     EXPECT_EQ(Get<int>(" \t\r\n\v\f+12|", 9), "12 at 10");
 }
 
@@ -244,15 +246,16 @@ TEST(ZEListream, NumbersOutOfRangeAsTheHostReadsThem)
 {
     EXPECT_EQ(Get<short>("65537|", 9), "1 at 6");
     EXPECT_EQ(Get<short>("32768|", 9), "-32768 at 6");
-    EXPECT_EQ(Get<int>("4294967295|", 9), "-1 at 11");
-    EXPECT_EQ(Get<int>("99999999999999999999|", 9), "-1 at 21");
-    EXPECT_EQ(Get<int>("-99999999999999999999|", 9), "0 at 22");
-    EXPECT_EQ(Get<long>("99999999999999999999|", 9), "9223372036854775807 at 21");
-    EXPECT_EQ(Get<long>("-9223372036854775809|", 9), "-9223372036854775808 at 21");
+    // An int is cut out of a long.
+    EXPECT_EQ(Get<int>("4294967295|", 9), sizeof(long) == 4 ? "2147483647 at 11" : "-1 at 11");
+    EXPECT_EQ(Get<int>("99999999999999999999|", 9), std::to_string(static_cast<int>(LONG_MAX)) + " at 21");
+    EXPECT_EQ(Get<int>("-99999999999999999999|", 9), std::to_string(static_cast<int>(LONG_MIN)) + " at 22");
+    EXPECT_EQ(Get<long>("99999999999999999999|", 9), std::to_string(LONG_MAX) + " at 21");
+    EXPECT_EQ(Get<long>("-9223372036854775809|", 9), std::to_string(LONG_MIN) + " at 21");
     EXPECT_EQ(Get<unsigned short>("-1|", 9), "65535 at 3");
     EXPECT_EQ(Get<unsigned int>("-1|", 9), "4294967295 at 3");
-    EXPECT_EQ(Get<unsigned long>("-1|", 9), "18446744073709551615 at 3");
-    EXPECT_EQ(Get<unsigned long>("-99999999999999999999|", 9), "18446744073709551615 at 22");
+    EXPECT_EQ(Get<unsigned long>("-1|", 9), std::to_string(ULONG_MAX) + " at 3");
+    EXPECT_EQ(Get<unsigned long>("-99999999999999999999|", 9), std::to_string(ULONG_MAX) + " at 22");
     EXPECT_EQ(Get<unsigned int>("99999999999999999999|", 9), "4294967295 at 21");
 }
 
@@ -349,7 +352,7 @@ TEST(ZELstream, WritesWhatTheHostPrints)
 {
     std::mt19937_64 random(42);
     for (int round = 0; round < 20000; round++) {
-        const unsigned long value = random() >> random() % 64;
+        const unsigned long value = static_cast<unsigned long>(random() >> random() % 64);
         char text[64];
         std::snprintf(text, sizeof text, "%hd|", static_cast<short>(value));
         ASSERT_EQ(Put(static_cast<short>(value)), text);
@@ -390,7 +393,7 @@ TEST(ZEListream, ReadsVeryLongNumbers)
 {
     const std::string zeros(1000000, '0');
     EXPECT_EQ(Get<int>(zeros + "7|", 9), "7 at 1000002");
-    EXPECT_EQ(Get<long>("-" + std::string(1000000, '9') + "|", 9), "-9223372036854775808 at 1000002");
+    EXPECT_EQ(Get<long>("-" + std::string(1000000, '9') + "|", 9), std::to_string(LONG_MIN) + " at 1000002");
     EXPECT_EQ(Get<int>(std::string(1000000, ' ') + "7|", 9), "7 at 1000002");
     EXPECT_EQ(Get<int>(std::string(1000000, ' '), 9), "9 at 0");
 }
@@ -471,7 +474,8 @@ TEST(ZEListream, ReadFarBeyondTheEndGivesSpareBytes)
     EXPECT_EQ(read(6, 8), 8);
     EXPECT_EQ(std::string(bytes, 10), "########..");
     EXPECT_EQ(in.tellg(), 14u);
-    EXPECT_EQ(read(4294967295l, 10), 6) << "in 32 bits six bytes are left up to the size and one more";
+    EXPECT_EQ(read(static_cast<long>(4294967295), 10), 6)
+        << "in 32 bits six bytes are left up to the size and one more";
     EXPECT_EQ(std::string(bytes, 10), "######....");
     EXPECT_EQ(in.tellg(), 5u);
     EXPECT_EQ(read(-1, 3), 3);

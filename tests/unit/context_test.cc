@@ -336,6 +336,74 @@ TEST(SignalledContext, HoldsWhatTheRegistersHeld)
     EXPECT_EQ(result.exitCode, 0) << result.err;
 }
 
+#elif defined(__i386__)
+
+TEST(SignalledContext, HoldsWhatTheRegistersHeld)
+{
+    const ChildResult result = RunInChild([] {
+        svr4::use_alternate_stack();
+        svr4::capture_signal(SIGILL, [](int) {
+            svr4::SignalledContext context;
+            if (svr4::signalled_context(&context) != 0)
+                _exit(1);
+            const auto value = [&context](const char* label) { return Value(context, label); };
+            if (value("EAX") != 0xf1112222 || value("EBX") != 2 || value("ECX") != 3 || value("EDX") != 4 ||
+                value("ESI") != 5 || value("EDI") != 6)
+                _exit(2);
+            if (value("TRAPNO") != 6 || value("ERR") != 0)
+                _exit(3);
+            unsigned short instruction;
+            std::memcpy(&instruction, reinterpret_cast<const void*>(context.registers[4]), sizeof instruction);
+            if (instruction != 0x0b0f) // the illegal instruction itself
+                _exit(4);
+            if (value("UESP") != value("ESP") || value("UESP") == 0 || value("EBP") != value("ESP") ||
+                context.stackPointer != value("ESP") || context.framePointer != value("EBP"))
+                _exit(5);
+            const char* const labels[] = {"CS", "SS", "DS", "ES", "FS", "GS"};
+            unsigned short segments[6];
+            asm("mov %%cs, %0" : "=r"(segments[0]));
+            asm("mov %%ss, %0" : "=r"(segments[1]));
+            asm("mov %%ds, %0" : "=r"(segments[2]));
+            asm("mov %%es, %0" : "=r"(segments[3]));
+            asm("mov %%fs, %0" : "=r"(segments[4]));
+            asm("mov %%gs, %0" : "=r"(segments[5]));
+            for (int i = 0; i < 6; i++)
+                if ((value(labels[i]) & 0xffff) != segments[i]) // the host leaves the upper half to chance
+                    _exit(6);
+            _exit(value("EFL") != 0 ? 0 : 7);
+        });
+        asm volatile("mov $0xf1112222, %%eax\n\tmov $2, %%ebx\n\tmov $3, %%ecx\n\tmov $4, %%edx\n\t"
+                     "mov $5, %%esi\n\tmov $6, %%edi\n\tmov %%esp, %%ebp\n\tud2" ::
+                         : "eax", "ebx", "ecx", "edx", "esi", "edi", "memory");
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+#elif defined(__aarch64__)
+
+TEST(SignalledContext, HoldsProgramCounterStackAndFramePointer)
+{
+    const ChildResult result = RunInChild([] {
+        svr4::use_alternate_stack();
+        svr4::capture_signal(SIGILL, [](int) {
+            svr4::SignalledContext context;
+            if (svr4::signalled_context(&context) != 0)
+                _exit(1);
+            const auto value = [&context](const char* label) { return Value(context, label); };
+            uint32_t instructions[2];
+            std::memcpy(instructions, reinterpret_cast<const void*>(value("EIP") - 4), sizeof instructions);
+            if (instructions[0] != 0x910083fd || instructions[1] != 0) // the illegal instruction, behind its neighbour
+                _exit(2);
+            if (value("UESP") != value("ESP") || value("UESP") == 0 || value("EBP") != value("ESP") + 32 ||
+                context.stackPointer != value("ESP") || context.framePointer != value("EBP"))
+                _exit(3);
+            _exit(value("EAX") == 0 && value("SS") == 0 && value("GS") == 0 ? 0 : 4);
+        });
+        asm volatile("add x29, sp, #32\n\tudf #0" ::: "memory");
+    });
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
 #endif
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <thread>
 
+#include <sched.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -13,6 +14,10 @@
 #include "tests/support/testing.h"
 
 using namespace testing_support;
+
+#ifndef CLONE_NEWTIME
+#define CLONE_NEWTIME 0x80
+#endif
 
 namespace {
 
@@ -79,11 +84,23 @@ TEST(LastDeadline, EndsAProcessThatHoldsEverythingBack)
 
 TEST(Pause, KeepsErrnoAndTheClockGoesOn)
 {
-    const long before = svr4::steady_milliseconds();
+    const int64_t before = svr4::steady_milliseconds();
     errno = EXDEV;
     svr4::pause_microseconds(20000);
     EXPECT_EQ(errno, EXDEV);
     EXPECT_GE(svr4::steady_milliseconds() - before, 19);
+}
+
+TEST(SteadyMilliseconds, GoOnOnAHostThatHasRunForMonths)
+{
+    const ChildResult result = RunInChild([] {
+        ChildNeeds(unshare(CLONE_NEWTIME) == 0);
+        WriteFile("/proc/self/timens_offsets", "monotonic 5000000 0\n");
+        CHILD_CHECK(WaitForExit(StartChild([] { CHILD_CHECK(svr4::steady_milliseconds() > 5000000000); })) == 0);
+    });
+    if (result.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "the clock cannot be moved here";
+    EXPECT_EQ(result.exitCode, 0) << result.err;
 }
 
 } // namespace

@@ -34,7 +34,7 @@ protected:
         WriteFile(file, "twelve bytes");
     }
 
-    static void SetTime(const std::string& name, long seconds)
+    static void SetTime(const std::string& name, time_t seconds)
     {
         const struct timespec times[2] = {{seconds, 0}, {seconds, 999}};
         ASSERT_EQ(utimensat(AT_FDCWD, name.c_str(), times, 0), 0);
@@ -73,11 +73,23 @@ TEST_F(FileInfoTest, GivesTheSizeOfADescriptorsFile)
 
 TEST_F(FileInfoTest, GivesSizesBeyond32Bits)
 {
-    ASSERT_EQ(truncate(file.c_str(), 5000000000L), 0);
-    EXPECT_EQ(FileInfo::FileSize(file.c_str()), 5000000000L);
+    const off_t size = 5000000000;
+    const long given = sizeof(long) == 4 ? LONG_MAX : static_cast<long>(size);
+    ASSERT_EQ(truncate(file.c_str(), size), 0);
+    EXPECT_EQ(FileInfo::FileSize(file.c_str()), given);
     const int fd = open(file.c_str(), O_RDONLY);
-    EXPECT_EQ(FileInfo::FileSize(fd), 5000000000L);
+    EXPECT_EQ(FileInfo::FileSize(fd), given);
     close(fd);
+}
+
+TEST_F(FileInfoTest, GivesTimesBeyond32Bits)
+{
+    const time_t moment = 4102444799;
+    const long given = sizeof(long) == 4 ? LONG_MAX : static_cast<long>(moment);
+    SetTime(file, moment);
+    EXPECT_EQ(FileInfo::FileStampTime(file.c_str()), given);
+    EXPECT_STREQ(FileInfo::FileMTime(file.c_str()), std::string(Dates::GetDateTime(given)).c_str());
+    EXPECT_EQ(FileInfo::FileSize(file.c_str()), 12) << "whatever its time";
 }
 
 TEST_F(FileInfoTest, GivesTheModificationTimeAsTextAndNumber)

@@ -161,13 +161,13 @@ TEST(WithoutLocks, AFileIsNotWaitedForInVain)
     WriteFile(path, "");
     ExpectWithout({SYS_flock}, ENOLCK, [&] {
         const int before = OpenDescriptors();
-        const long start = svr4::steady_milliseconds();
+        const int64_t start = svr4::steady_milliseconds();
         CHILD_CHECK(!svr4::FileLock(path.c_str(), 60000).Locked());
         CHILD_CHECK(svr4::steady_milliseconds() - start < 30000);
         CHILD_CHECK(OpenDescriptors() == before && errno == 0);
     });
     ExpectWithout({SYS_flock}, EINTR, [&] { // it may be free now
-        const long start = svr4::steady_milliseconds();
+        const int64_t start = svr4::steady_milliseconds();
         CHILD_CHECK(!svr4::FileLock(path.c_str(), 50).Locked());
         CHILD_CHECK(svr4::steady_milliseconds() - start >= 50);
     });

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "Misc/detail/localtime.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -28,10 +29,10 @@ TEST(LocalTime, WithTheOffsetKeptIsWhatTheHostSays)
                       setenv("TZ", zone, 1);
                       zeloo::LocalTime(time(nullptr));
                       zeloo::KeepLocalOffset();
-                      unsigned long seed = 1;
+                      uint64_t seed = 1;
                       for (int i = 0; i < 20000; i++) {
                           seed = seed * 6364136223846793005ul + 1442695040888963407ul;
-                          const time_t moment = static_cast<time_t>(seed >> 30) - (1l << 33); // some 270 years
+                          const time_t moment = static_cast<time_t>(seed >> 30) - (time_t{1} << 33); // some 270 years
                           CHILD_CHECK(Same(zeloo::LocalTime(moment), *localtime(&moment)));
                       }
                   }).exitCode,
@@ -57,11 +58,11 @@ TEST(LocalTime, OnlyWhatIsAboutThePresentMovesTheOffset)
 TEST(LocalTime, AYearThatDoesNotFitIsAllZero)
 {
     const tm zero = {};
-    const tm far = zeloo::LocalTime(__LONG_MAX__);
+    const tm far = zeloo::LocalTime(INT64_MAX);
     EXPECT_TRUE(Same(far, zero));
     EXPECT_EQ(RunInChild([&] {
                   zeloo::KeepLocalOffset();
-                  CHILD_CHECK(Same(zeloo::LocalTime(__LONG_MAX__ - 86400), zero));
+                  CHILD_CHECK(Same(zeloo::LocalTime(INT64_MAX - 86400), zero));
               }).exitCode,
               0);
 }
@@ -72,8 +73,8 @@ TEST(LocalTime, AMomentBeyondTheLastOfTheClockIsAllZero)
                   setenv("TZ", "EAST-1", 1);
                   zeloo::LocalTime(time(nullptr));
                   zeloo::KeepLocalOffset();
-                  CHILD_CHECK(Same(zeloo::LocalTime(__LONG_MAX__), tm()));
-                  CHILD_CHECK(Same(zeloo::LocalTime(-__LONG_MAX__), tm()));
+                  CHILD_CHECK(Same(zeloo::LocalTime(INT64_MAX), tm()));
+                  CHILD_CHECK(Same(zeloo::LocalTime(-INT64_MAX), tm()));
               }).exitCode,
               0);
 }

@@ -218,7 +218,7 @@ TEST_F(LockTest, AStaleLockIsReplaced)
         Content(-getpid()),
         Content(DeadProcess()),
         Content(INT_MAX),
-        Content(4294967296 + getpid()), // no process has this id, although its low 32 bits are one
+        std::to_string(4294967296 + getpid()) + "l", // no process has this id, although its low 32 bits are one
         "99999999999999999999999999l",
         std::string(64, '9'),
         std::string(200, ' ') + std::to_string(getpid()), // behind the first 64 bytes

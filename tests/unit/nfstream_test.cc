@@ -79,7 +79,7 @@ TEST(ByteAccess, ALongStandsForItsLow32Bits)
 {
     if (sizeof(long) == 4)
         GTEST_SKIP() << "a long has no more bits here";
-    const unsigned long wide = 0xAAAAAAAA00000000UL | 0x12345678UL;
+    const unsigned long wide = static_cast<unsigned long>(0xAAAAAAAA12345678);
     EXPECT_EQ(ByteAccess::swap(wide), 0x78563412UL);
     EXPECT_EQ(ByteAccess::hiword(wide), 0x1234);
     EXPECT_EQ(ByteAccess::loword(wide), 0x5678);
@@ -129,7 +129,7 @@ TEST(Onfstream, NumbersBeyond32BitsAreCut)
 {
     if (sizeof(long) == 4)
         GTEST_SKIP() << "a long has no more bits here";
-    EXPECT_EQ(Put<long>(0x7ABBCCDD01020304L), Bytes("\1\2\3\4"));
+    EXPECT_EQ(Put<long>(static_cast<long>(0x7ABBCCDD01020304)), Bytes("\1\2\3\4"));
     EXPECT_EQ(Put<long>(LONG_MIN), Bytes("\0\0\0\0"));
     EXPECT_EQ(Put<unsigned long>(ULONG_MAX - 1), Bytes("\xFF\xFF\xFF\xFE"));
 }

@@ -101,7 +101,7 @@ void CheckHasEnded()
     WaitForExit(zombie);
     WaitForExit(odd);
     errno = EXDEV;
-    for (const long pid : {long(living), long(zombie), 0L, -1L, 99999999999L})
+    for (const long pid : {long(living), long(zombie), 0L, -1L, static_cast<long>(99999999999)})
         CHILD_CHECK(svr4::has_ended(pid));
     CHILD_CHECK(errno == EXDEV);
 }
