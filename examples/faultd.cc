@@ -144,7 +144,7 @@ int main(int argc, char** argv, char** envp)
     if (!settings.foreground && Daemonize(starter, settings.log) != 0)
         return 1;
     umask(022);
-    std::signal(SIGCLD, SIG_IGN); // ProcMgr's commands are not waited for
+    std::signal(SIGCHLD, SIG_IGN); // ProcMgr's commands are not waited for
     UnixProcess::SetGlobalMaxOutput(64 << 20);
     MonitoredObject::SetDebugLevel(settings.debug);
     MonitoredObject::SetDumpStateFileName(StateFile);

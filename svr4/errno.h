@@ -33,7 +33,7 @@ inline int FailWith(int error)
 /// lock. Null for a number that is no error.
 inline const char* known_error_text(int error)
 {
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 32)
     return strerrordesc_np(error);
 #else
     return strerror(error);

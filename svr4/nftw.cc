@@ -7,6 +7,13 @@
 
 #include <sys/stat.h>
 
+#ifndef FTW_ACTIONRETVAL // a host whose callback can only stop the walk, and which ends one itself where names get too long
+#define FTW_ACTIONRETVAL 0
+#define FTW_CONTINUE 0
+#define FTW_STOP 1
+#define FTW_SKIP_SUBTREE 0
+#endif
+
 namespace svr4 {
 
 // Of the walk that is under way: the host hands no argument to its callback.

@@ -5,6 +5,10 @@
 
 #include <csignal>
 
+#ifndef SIGCLD
+#define SIGCLD SIGCHLD
+#endif
+
 namespace svr4 {
 
 typedef void (*SignalHandler)(int);
