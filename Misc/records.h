@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // The two records in which events travel: on the message queue of a host, and on a connection between hosts. Both are
-// external interfaces: sizes and places of their fields are fixed, integers are in the byte order of the host.
+// external interfaces: sizes and places of their fields are fixed. Integers travel as the comments of the records say.
 #ifndef MISC_RECORDS_H
 #define MISC_RECORDS_H
 
@@ -38,7 +38,7 @@ struct ZELOO_API IPCQMessage {
     char msg_data[1700];       ///< The data of this block.
 };
 
-/// The record of a connection: 1904 bytes, sent and received whole, in the byte order of the host. Texts are
+/// The record of a connection: 1904 bytes, sent and received whole, where its integers are little-endian. Texts are
 /// terminated, unused bytes of the header are zero.
 struct ZELOO_API TliMsgStruct {
     int16_t object;            ///< Destination object inside the server.

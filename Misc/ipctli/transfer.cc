@@ -97,7 +97,8 @@ short IPCTli::send_block(TliMsgStruct* pmsg, const void* ptr, long len)
     while (!blocks.IsDone()) {
         const Block& block = blocks.Current();
         zeloo::wire::PutBlock(pmsg, block, data + block.offset);
-        records[count++] = *pmsg;
+        records[count] = *pmsg;
+        zeloo::wire::Exchange(&records[count++]);
         if (count == RecordsAtOnce || block.partsLeft == 0) {
             const short code = send(reinterpret_cast<const char*>(records), long(count * sizeof records[0]));
             if (code != NO_ERRORS)
@@ -140,8 +141,10 @@ short IPCTli::recv_block(TliMsgStruct* pmsg, Buffer& Data)
 {
     Data.PurgeContents();
     short code = recv(reinterpret_cast<char*>(pmsg), sizeof *pmsg);
-    if (code == NO_ERRORS)
+    if (code == NO_ERRORS) {
+        zeloo::wire::Exchange(pmsg);
         code = ReceiveEvent(*pmsg, Data);
+    }
     if (code != NO_ERRORS)
         Data.PurgeContents();
     return code;
@@ -176,6 +179,7 @@ short IPCTli::ReceiveEvent(const TliMsgStruct& first, Buffer& Data)
         const short code = Receive(reinterpret_cast<char*>(records), size * (next + 1), room, &filled);
         if (code != NO_ERRORS)
             return code;
+        zeloo::wire::Exchange(&records[next]);
         record = &records[next];
         result = event.Add(zeloo::wire::BlockOf(*record));
     }

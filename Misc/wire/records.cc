@@ -116,4 +116,23 @@ void PutBlock(TliMsgStruct* record, const Block& block, const char* data)
         std::memcpy(record->msg_data, data, static_cast<size_t>(block.length));
 }
 
+static void Reverse(int16_t* number)
+{
+    *number = static_cast<int16_t>(__builtin_bswap16(static_cast<uint16_t>(*number)));
+}
+
+static void Reverse(int32_t* number)
+{
+    *number = static_cast<int32_t>(__builtin_bswap32(static_cast<uint32_t>(*number)));
+}
+
+void ReverseIntegers(TliMsgStruct* record)
+{
+    for (int16_t* number : {&record->object, &record->QueueExistCheck, &record->parts_left, &record->send_data_length,
+                            &record->event, &record->response_rqd, &record->ack_rqd, &record->result_code})
+        Reverse(number);
+    Reverse(&record->curr_data_offset);
+    Reverse(&record->alloc_data_length);
+}
+
 } // namespace zeloo::wire

@@ -64,6 +64,17 @@ bool HasSoundTexts(const TliMsgStruct& record);
 /// Puts a block, whose bytes begin at `data`, into a record.
 void PutBlock(TliMsgStruct* record, const Block& block, const char* data);
 
+/// Reverses the bytes of every integer.
+void ReverseIntegers(TliMsgStruct* record);
+
+/// Turns a record that is about to be sent, or has come, from the host's byte order into that of the connections, which
+/// is little-endian, or back.
+inline void Exchange(TliMsgStruct* record)
+{
+    if (__BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__)
+        ReverseIntegers(record);
+}
+
 } // namespace zeloo::wire
 
 #endif

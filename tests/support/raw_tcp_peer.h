@@ -28,7 +28,7 @@ const int Port = 4711;
 
 /// A record of the connections by its offsets.
 struct RawRecord : RecordBytes {
-    RawRecord() : RecordBytes(1904) {}
+    RawRecord() : RecordBytes(1904, LittleEndian) {}
     std::string Data() const { return bytes.substr(204, static_cast<size_t>(Get16(26))); }
 };
 

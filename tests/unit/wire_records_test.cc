@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "Misc/wire/channels.h"
+#include "tests/support/raw_tcp_peer.h"
 
 namespace {
 
@@ -245,6 +246,44 @@ TEST(WireTcpRecord, TextsEndWithinTheirFields)
     record = {};
     std::memset(record.origprog, 'x', sizeof record.origprog);
     EXPECT_FALSE(HasSoundTexts(record));
+}
+
+TEST(WireTcpRecord, IntegersTravelLittleEndianAndNothingElseIsTouched)
+{
+    TliMsgStruct record = {};
+    std::memset(static_cast<void*>(&record), 'x', sizeof record);
+    const int16_t shorts[] = {0x0102, 0x0304, 0x0506, 0x0708, -2, 1, 0x7fff, -1};
+    record.object = shorts[0];
+    record.QueueExistCheck = shorts[1];
+    record.parts_left = shorts[2];
+    record.send_data_length = shorts[3];
+    record.event = shorts[4];
+    record.response_rqd = shorts[5];
+    record.ack_rqd = shorts[6];
+    record.result_code = shorts[7];
+    record.curr_data_offset = 0x01020304;
+    record.alloc_data_length = -2;
+    testing_support::RawRecord expected;
+    expected.bytes.assign(expected.bytes.size(), 'x');
+    const std::size_t places[] = {0, 2, 24, 26, 32, 194, 196, 198};
+    for (int i = 0; i < 8; i++)
+        expected.Put16(places[i], shorts[i]);
+    expected.Put32(28, 0x01020304);
+    expected.Put32(200, -2);
+
+    const TliMsgStruct before = record;
+    Exchange(&record);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&record), sizeof record), expected.bytes);
+    EXPECT_EQ(expected.bytes.substr(28, 4), "\4\3\2\1");
+    Exchange(&record);
+    EXPECT_EQ(std::memcmp(&record, &before, sizeof record), 0);
+    ReverseIntegers(&record);
+    EXPECT_EQ(record.object, 0x0201);
+    EXPECT_EQ(record.event, static_cast<int16_t>(0xfeff));
+    EXPECT_EQ(record.curr_data_offset, 0x04030201);
+    EXPECT_EQ(record.alloc_data_length, static_cast<int32_t>(0xfeffffff));
+    ReverseIntegers(&record);
+    EXPECT_EQ(std::memcmp(&record, &before, sizeof record), 0);
 }
 
 } // namespace
