@@ -36,9 +36,11 @@ UNCHECKED void WriteBehindAFile()
     memory[0] = 1;
 }
 
+#if defined(__x86_64__) || defined(__i386__)
 volatile int dividend = 7, zero = 0, quotient;
 
 UNCHECKED void DivideByZero() { quotient = dividend / zero; }
+#endif
 
 struct Fault {
     const char* name;
@@ -52,10 +54,13 @@ void PrintTo(const Fault& fault, std::ostream* os) { *os << fault.name; }
 const Fault Faults[] = {
     {"segv", SIGSEGV, WriteToNull, true},
     {"bus", SIGBUS, WriteBehindAFile, true},
-#if defined(__x86_64__)
+#if defined(__x86_64__) || defined(__i386__)
     {"fpe", SIGFPE, DivideByZero, true},
     {"ill", SIGILL, [] { asm volatile("ud2"); }, true},
     {"trap", SIGTRAP, [] { asm volatile("int3"); }, true},
+#elif defined(__aarch64__)
+    {"ill", SIGILL, [] { asm volatile("udf #0"); }, true},
+    {"trap", SIGTRAP, [] { asm volatile("brk #0"); }, true},
 #endif
     {"abrt", SIGABRT, [] { abort(); }, false},
     {"sys", SIGSYS, [] { kill(getpid(), SIGSYS); }, false},
