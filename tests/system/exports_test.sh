@@ -27,9 +27,13 @@ expect_none() {
     code=1
 }
 
-nm -DC --defined-only "$shared" | cut -c20- | sort -u >"$work/exports"
+# The names on lines "ADDRESS TYPE NAME", less the compiler's own for 32-bit code. An integer of 64 bits has the name that it
+# has where a long is one.
+names() { sed -n -e '/ __x86\./d' -e 's/long long/long/g' -e 's/^[0-9a-f]* [A-Za-z] //p' | sort -u; }
+
+nm -DC --defined-only "$shared" | names >"$work/exports"
 if [ -n "$update" ]; then cp "$work/exports" $list; fi
-nm -gC --defined-only "$static" | grep '^[0-9a-f]* [A-Za-z] ' | cut -c20- | sort -u >"$work/globals"
+nm -gC --defined-only "$static" | names >"$work/globals"
 
 # What is marked: classes, functions and variables, by their plain names (of operators the word "operator").
 sed -n -e '/^#/d' -e 's/^\(class\|struct\) ZELOO_API \([A-Za-z0-9_]*\).*/\2/p' \
@@ -59,7 +63,7 @@ unmarked() {
 
 # A program may have a function sigalarm of its own, which the linker takes in place of the library's file; and none
 # can take the place of the handler that the waits install. `objects` has a line "FILE TYPE NAME" for each symbol.
-nm -AC "$static" 2>/dev/null | sed 's/^[^:]*:\([^:]*\):.\{17\}/\1 /' >"$work/objects"
+nm -AC "$static" 2>/dev/null | sed -E -e '/ __x86\./d' -e 's/^[^:]*:([^:]*):([0-9a-f]{16}|[0-9a-f]{8}| {16}| {8}) /\1 /' >"$work/objects"
 awk '$3 == "sigalarm(int)" && $2 != "T" { print; next }
      $2 == "T" { if ($3 == "sigalarm(int)") files[$1] = 1; else others[$1] = others[$1] " " $0 }
      $3 == "zeloo::Interrupt(int)" { handlers = handlers $2 }
