@@ -173,12 +173,19 @@ int NextStatus(pid_t pid)
 bool Handles(pid_t pid, int sig)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    unsigned long caught = 0;
+    uint64_t caught = 0;
     for (std::string word; in >> word;)
         if (word == "SigCgt:")
             in >> std::hex >> caught;
     return (caught >> (sig - 1) & 1) != 0;
 }
+
+// The call in which handlers that ask for no context end on some processors.
+#ifdef SYS_sigreturn
+constexpr uint64_t OlderReturn = SYS_sigreturn;
+#else
+constexpr uint64_t OlderReturn = SYS_rt_sigreturn;
+#endif
 
 // The process that is followed, at its stops.
 class Follower {
@@ -229,7 +236,7 @@ private:
         if (call.operation != 1 && isReturning)
             isInHandler = isReturning = false;
         else
-            isReturning = call.operation == 1 && call.number == SYS_rt_sigreturn;
+            isReturning = call.operation == 1 && (call.number == SYS_rt_sigreturn || call.number == OlderReturn);
     }
 
     const pid_t pid;
