@@ -1,21 +1,22 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "svr4/netconfig.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
-#include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "svr4/errno.h"
-#include "svr4/tli.h"
+#include "svr4/netconfig/transports.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: netconfig.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
 namespace svr4 {
+
+using namespace netdir;
 
 namespace {
 
@@ -25,12 +26,6 @@ constexpr struct netconfig Transports[] = {
 };
 constexpr char VisibleTransports[] = "tcp"; // those with NC_VISIBLE: the path without NETPATH
 
-int Fail(int code)
-{
-    _nderror = code;
-    return code;
-}
-
 const struct netconfig* FindTransport(const char* netid)
 {
     for (const struct netconfig& transport : Transports)
@@ -39,37 +34,13 @@ const struct netconfig* FindTransport(const char* netid)
     return nullptr;
 }
 
-// The address family of a transport, or AF_UNSPEC when it is none of this host.
-int Family(const struct netconfig* config)
-{
-    const struct netconfig* known =
-        config != nullptr && config->nc_netid != nullptr ? FindTransport(config->nc_netid) : nullptr;
-    if (known == nullptr)
-        return AF_UNSPEC;
-    return strcmp(known->nc_protofmly, "inet6") == 0 ? AF_INET6 : AF_INET;
-}
-
 // Whether `service` is left to the host: a name, or a port number in range. The host takes signs, blanks and any
 // number, and cuts it to 16 bits.
 bool IsService(const char* service)
 {
     char* end;
-    const unsigned long port = strtoul(service, &end, 10);
-    if (*end != '\0')
-        return true;
-    return strspn(service, "0123456789") == strlen(service) && port >= 1 && port <= 65535;
-}
-
-int ResolverFailure(int error)
-{
-    switch (error) {
-    case EAI_SERVICE: return Fail(ND_NOSERV);
-    case EAI_MEMORY: return Fail(ND_NOMEM);
-    case EAI_SYSTEM:
-    case EAI_AGAIN:
-    case EAI_FAIL: return Fail(ND_SYSTEM);
-    default: return Fail(ND_NOHOST);
-    }
+    strtoul(service, &end, 10);
+    return *end != '\0' || IsNumber(service, 1, 65535);
 }
 
 bool Contains(const struct nd_addrlist& list, const struct addrinfo& found)
@@ -106,6 +77,40 @@ struct nd_addrlist* MakeList(const struct addrinfo* found)
 
 } // namespace
 
+int netdir::Fail(int code)
+{
+    _nderror = code;
+    return code;
+}
+
+int netdir::Family(const struct netconfig* config)
+{
+    const struct netconfig* known =
+        config != nullptr && config->nc_netid != nullptr ? FindTransport(config->nc_netid) : nullptr;
+    if (known == nullptr)
+        return AF_UNSPEC;
+    return strcmp(known->nc_protofmly, "inet6") == 0 ? AF_INET6 : AF_INET;
+}
+
+int netdir::ResolverFailure(int error)
+{
+    switch (error) {
+    case EAI_SERVICE: return Fail(ND_NOSERV);
+    case EAI_MEMORY: return Fail(ND_NOMEM);
+    case EAI_SYSTEM:
+    case EAI_AGAIN:
+    case EAI_FAIL: return Fail(ND_SYSTEM);
+    default: return Fail(ND_NOHOST);
+    }
+}
+
+bool netdir::IsNumber(const char* text, unsigned long least, unsigned long most)
+{
+    const size_t digits = strspn(text, "0123456789");
+    const unsigned long number = strtoul(text, nullptr, 10);
+    return digits > 0 && text[digits] == '\0' && number >= least && number <= most;
+}
+
 // The handle of a path is what is left of its text, or null at its end; behind that stands the text.
 void* setnetpath()
 {
@@ -136,6 +141,25 @@ int endnetpath(void* handlep)
     return 0;
 }
 
+// The handle of a walk through all transports is what is left of them.
+void* setnetconfig()
+{
+    auto rest = static_cast<const struct netconfig**>(malloc(sizeof(const struct netconfig*)));
+    if (rest != nullptr)
+        *rest = std::begin(Transports);
+    return rest;
+}
+
+const struct netconfig* getnetconfig(void* handlep)
+{
+    const auto rest = static_cast<const struct netconfig**>(handlep);
+    return rest == nullptr || *rest == std::end(Transports) ? nullptr : (*rest)++;
+}
+
+int endnetconfig(void* handlep) { return endnetpath(handlep); }
+
+const struct netconfig* getnetconfigent(const char* netid) { return netid == nullptr ? nullptr : FindTransport(netid); }
+
 int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* service, struct nd_addrlist** addrs)
 {
     if (addrs == nullptr)
@@ -159,37 +183,6 @@ int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* s
     *addrs = MakeList(found);
     freeaddrinfo(found);
     return *addrs == nullptr ? Fail(ND_NOMEM) : ND_OK;
-}
-
-void netdir_free(void* ptr, int struct_type)
-{
-    if (struct_type == ND_ADDRLIST)
-        free(ptr);
-}
-
-char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr)
-{
-    const int family = Family(config);
-    struct sockaddr_in6 address = {}; // the larger of the two; family and port are at the same place in both
-    const size_t length = family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in);
-    const bool isWhole = family != AF_UNSPEC && addr != nullptr && addr->buf != nullptr && addr->len >= length;
-    if (isWhole)
-        memcpy(&address, addr->buf, length);
-    if (!isWhole || address.sin6_family != family) {
-        Fail(ND_BADARG);
-        return nullptr;
-    }
-    char host[INET6_ADDRSTRLEN];
-    const void* bytes = family == AF_INET6 ? static_cast<const void*>(&address.sin6_addr)
-                                           : &reinterpret_cast<const struct sockaddr_in*>(&address)->sin_addr;
-    inet_ntop(family, bytes, host, sizeof host);
-    const unsigned port = ntohs(address.sin6_port);
-    char* text;
-    if (asprintf(&text, "%s.%u.%u", host, port >> 8, port & 255) < 0) {
-        Fail(ND_NOMEM);
-        return nullptr;
-    }
-    return text;
 }
 
 } // namespace svr4

@@ -32,6 +32,16 @@ struct netconfig* getnetpath(void* handlep) ZELOO_SVR4_CALL(getnetpath);
 /* Closes the path; the transports stay valid. */
 int endnetpath(void* handlep) ZELOO_SVR4_CALL(endnetpath);
 
+/* The same for all transports, whatever NETPATH says. */
+void* setnetconfig(void) ZELOO_SVR4_CALL(setnetconfig);
+struct netconfig* getnetconfig(void* handlep) ZELOO_SVR4_CALL(getnetconfig);
+int endnetconfig(void* handlep) ZELOO_SVR4_CALL(endnetconfig);
+
+/* The transport of this name, or null. */
+struct netconfig* getnetconfigent(const char* netid) ZELOO_SVR4_CALL(getnetconfigent);
+/* Does nothing: the transports belong to the library. */
+void freenetconfigent(struct netconfig* config) ZELOO_SVR4_CALL(freenetconfigent);
+
 ZELOO_SVR4_END
 
 #endif

@@ -15,11 +15,16 @@ enum { ND_BADARG = -2, ND_NOMEM = -1, ND_OK = 0, ND_NOHOST = 1, ND_NOSERV = 2, N
 #define HOST_SELF "\\1"
 
 /* What netdir_free frees. */
-enum { ND_ADDRLIST = 3 };
+enum { ND_ADDR = 0, ND_HOSTSERVLIST = 2, ND_ADDRLIST = 3 };
 
 struct ZELOO_SVR4_STRUCT nd_hostserv {
     char* h_host;
     char* h_serv;
+};
+
+struct ZELOO_SVR4_STRUCT nd_hostservlist {
+    int h_cnt;
+    struct nd_hostserv* h_hostservs;
 };
 
 struct ZELOO_SVR4_STRUCT nd_addrlist {
@@ -35,9 +40,18 @@ ZELOO_SVR4_DATA int _nderror;
 /* All addresses of a service on a host, for netdir_free; 0, or the reason with `*addrs` null. */
 int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* service, struct nd_addrlist** addrs)
     ZELOO_SVR4_CALL(netdir_getbyname);
+/* The names of host and service of an address, or their numbers, one pair, for netdir_free. */
+int netdir_getbyaddr(const struct netconfig* config, struct nd_hostservlist** service, const struct netbuf* addr)
+    ZELOO_SVR4_CALL(netdir_getbyaddr);
+/* Frees what these calls gave: ND_ADDRLIST, ND_HOSTSERVLIST, or ND_ADDR of uaddr2taddr. */
 void netdir_free(void* ptr, int struct_type) ZELOO_SVR4_CALL(netdir_free);
+/* The text of _nderror, and the same on standard error, behind `msg` and ": ". */
+char* netdir_sperror(void) ZELOO_SVR4_CALL(netdir_sperror);
+void netdir_perror(const char* msg) ZELOO_SVR4_CALL(netdir_perror);
 /* The universal address h.h.h.h.p.p, to be freed with free. */
 char* taddr2uaddr(const struct netconfig* config, const struct netbuf* addr) ZELOO_SVR4_CALL(taddr2uaddr);
+/* The address that it stands for, for netdir_free; null when it is none. */
+struct netbuf* uaddr2taddr(const struct netconfig* config, const char* uaddr) ZELOO_SVR4_CALL(uaddr2taddr);
 
 ZELOO_SVR4_END
 

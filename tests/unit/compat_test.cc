@@ -184,8 +184,30 @@ TEST_F(Compat, NamesBecomeAddresses)
     EXPECT_EQ(netdir_getbyname(tcp, &service, &found), ND_NOSERV);
     EXPECT_EQ(found, nullptr);
     EXPECT_EQ(_nderror, ND_NOSERV);
+    EXPECT_EQ(CaptureStderr([] { netdir_perror("netdir"); }), "netdir: service not found\n");
     EXPECT_EQ(netdir_getbyname(tcp, &service, nullptr), ND_BADARG);
+    EXPECT_STREQ(netdir_sperror(), "bad argument");
     EXPECT_EQ(endnetpath(path), 0);
+}
+
+TEST_F(Compat, AddressesBecomeNames)
+{
+    void* const all = setnetconfig();
+    struct netconfig* tcp = getnetconfig(all);
+    EXPECT_EQ(tcp, getnetconfigent("tcp"));
+    freenetconfigent(tcp);
+    EXPECT_EQ(endnetconfig(all), 0);
+
+    struct netbuf* address = uaddr2taddr(tcp, "127.0.0.1.255.255");
+    ASSERT_NE(address, nullptr);
+    struct nd_hostservlist* names = nullptr;
+    ASSERT_EQ(netdir_getbyaddr(tcp, &names, address), ND_OK);
+    EXPECT_STREQ(names->h_hostservs[0].h_host, "localhost");
+    EXPECT_STREQ(names->h_hostservs[0].h_serv, "65535");
+    netdir_free(names, ND_HOSTSERVLIST);
+    netdir_free(address, ND_ADDR);
+    EXPECT_EQ(uaddr2taddr(tcp, "nonsense"), nullptr);
+    EXPECT_EQ(netdir_getbyaddr(tcp, nullptr, nullptr), ND_BADARG);
 }
 
 TEST_F(Compat, PatternsMatchAcrossSlashes)

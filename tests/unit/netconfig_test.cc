@@ -244,7 +244,7 @@ TEST_F(Netconfig, BadArgumentsGiveNoAddress)
     EXPECT_EQ(list, nullptr);
     svr4::netdir_free(nullptr, svr4::ND_ADDRLIST);
     EXPECT_EQ(svr4::netdir_getbyname(tcp, &good, &list), svr4::ND_OK);
-    svr4::netdir_free(list, 0); // of another type: not freed
+    svr4::netdir_free(list, 1); // of another type: not freed
     EXPECT_EQ(list->n_cnt, 1);
     svr4::netdir_free(list, svr4::ND_ADDRLIST);
 }
@@ -302,6 +302,73 @@ TEST_F(Netconfig, TheAddressesSuitTheTransport)
     svr4::t_close(client);
     svr4::t_close(server);
     svr4::netdir_free(list, svr4::ND_ADDRLIST);
+}
+
+TEST_F(Netconfig, AllTransportsAreThereWhateverThePathSays)
+{
+    setenv("NETPATH", "none", 1);
+    std::string ids;
+    void* const handle = svr4::setnetconfig();
+    while (const struct svr4::netconfig* transport = svr4::getnetconfig(handle))
+        ids += std::string(transport->nc_netid) + " ";
+    EXPECT_EQ(ids, "tcp tcp6 ");
+    EXPECT_EQ(svr4::getnetconfig(handle), nullptr) << "the end stays the end";
+    EXPECT_EQ(svr4::endnetconfig(handle), 0);
+    EXPECT_EQ(svr4::endnetconfig(nullptr), -1);
+    EXPECT_EQ(svr4::getnetconfig(nullptr), nullptr);
+    unsetenv("NETPATH");
+    EXPECT_STREQ(svr4::getnetconfigent("tcp6")->nc_device, "/dev/tcp6");
+    EXPECT_EQ(svr4::getnetconfigent("udp"), nullptr);
+    EXPECT_EQ(svr4::getnetconfigent(nullptr), nullptr);
+}
+
+// What becomes of a universal address that is taken apart and put together again; "none" when it is refused.
+std::string ThereAndBack(const char* netid, const char* text)
+{
+    const struct svr4::netconfig* transport = svr4::getnetconfigent(netid);
+    svr4::_nderror = 0;
+    struct svr4::netbuf* address = svr4::uaddr2taddr(transport, text);
+    if (address == nullptr)
+        return svr4::_nderror == svr4::ND_BADARG ? "none" : "no reason";
+    char* again = svr4::taddr2uaddr(transport, address);
+    std::string result = again;
+    free(again);
+    svr4::netdir_free(address, svr4::ND_ADDR);
+    return result;
+}
+
+TEST_F(Netconfig, AUniversalAddressIsTakenApart)
+{
+    for (const char* text : {"192.0.2.1.31.64", "0.0.0.0.0.0", "255.255.255.255.255.255"})
+        EXPECT_EQ(ThereAndBack("tcp", text), text);
+    EXPECT_EQ(ThereAndBack("tcp6", "2001:db8::1.31.64"), "2001:db8::1.31.64");
+    const std::string longText(500, '1');
+    for (const char* text :
+         {"", ".", "192.0.2.1", "192.0.2.1.31", "192.0.2.1.31.256", "192.0.2.1.-1.64", "192.0.2.1.31.",
+          "192.0.2.1.31.64x", "192.0.2.1..64", "::1.31.64", "host.31.64", longText.c_str()})
+        EXPECT_EQ(ThereAndBack("tcp", text), "none") << text;
+    EXPECT_EQ(ThereAndBack("tcp6", "192.0.2.1.31.64"), "none");
+    EXPECT_EQ(ThereAndBack("udp", "192.0.2.1.31.64"), "none");
+    EXPECT_EQ(ThereAndBack("tcp", nullptr), "none");
+}
+
+TEST_F(Netconfig, AnAddressHasNames)
+{
+    const struct svr4::netconfig* tcp = svr4::getnetconfigent("tcp");
+    struct svr4::netbuf* address = svr4::uaddr2taddr(tcp, "127.0.0.1.0.25");
+    struct svr4::nd_hostservlist* names = nullptr;
+    ASSERT_EQ(svr4::netdir_getbyaddr(tcp, &names, address), svr4::ND_OK);
+    ASSERT_EQ(names->h_cnt, 1);
+    EXPECT_STREQ(names->h_hostservs->h_host, "localhost");
+    EXPECT_STREQ(names->h_hostservs->h_serv, "smtp");
+    svr4::netdir_free(names, svr4::ND_HOSTSERVLIST);
+
+    EXPECT_EQ(svr4::netdir_getbyaddr(tcp, nullptr, address), svr4::ND_BADARG);
+    EXPECT_EQ(svr4::netdir_getbyaddr(svr4::getnetconfigent("tcp6"), &names, address), svr4::ND_BADARG);
+    EXPECT_EQ(names, nullptr);
+    EXPECT_EQ(svr4::netdir_getbyaddr(tcp, &names, nullptr), svr4::ND_BADARG);
+    EXPECT_STREQ(svr4::netdir_sperror(), "bad argument");
+    svr4::netdir_free(address, svr4::ND_ADDR);
 }
 
 } // namespace

@@ -30,15 +30,11 @@ tcp_device()
 {
 	static char device[64];
 	struct netconfig *nconf;
-	void *handle;
 
-	handle = setnetpath();
-	while ((nconf = getnetpath(handle)) != NULL)
-		if (strcmp(nconf->nc_proto, NC_TCP) == 0) {
-			strcpy(device, nconf->nc_device);
-			break;
-		}
-	endnetpath(handle);
+	if ((nconf = getnetconfigent("tcp")) == NULL)
+		return "no network";
+	strcpy(device, nconf->nc_device);
+	freenetconfigent(nconf);
 	return device;
 }
 
@@ -57,7 +53,7 @@ tell_address(char *host, char *service)
 	handle = setnetpath();
 	while ((nconf = getnetpath(handle)) != NULL) {
 		if (netdir_getbyname(nconf, &hs, &found) != ND_OK) {
-			cout << service << ": " << (_nderror == ND_NOSERV ? "no such service" : "no such host") << endl;
+			cout << service << ": " << netdir_sperror() << endl;
 			continue;
 		}
 		for (i = 0; i < found->n_cnt; i++) {
