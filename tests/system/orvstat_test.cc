@@ -59,6 +59,27 @@ TEST_F(OrvstatTest, TheBlockSizeIsThatOfAClient)
     }
 }
 
+// The set cannot hold such a number: it says who has entered itself.
+TEST_F(OrvstatTest, AServersProcessIdMayBeLarge)
+{
+    const pid_t wanted = 41234;
+    MakeKeyFile("hello");
+    const pid_t server = StartChildAt(wanted, [] {
+        Server large("hello");
+        CHILD_CHECK(large.Created());
+        ServeEchoes(large);
+    });
+    if (server == wanted) {
+        EXPECT_TRUE(WaitUntil([&] { return WaitsOnAQueue(server); }));
+        EXPECT_EQ(Shown().compare(0, 15, "hello up 41234 "), 0);
+        EndChild(server, SIGKILL);
+        EXPECT_EQ(Shown(1).compare(0, 18, "hello stale 41234 "), 0);
+    } else {
+        EndChild(server);
+    }
+    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
+}
+
 TEST_F(OrvstatTest, MarksWhatIsStale)
 {
     const pid_t dead = LeaveStale("gone");
