@@ -10,6 +10,7 @@
 
 #include <elf.h>
 #include <link.h>
+#include <sys/auxv.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -136,13 +137,17 @@ BuildId BuildIdOf(const struct dl_phdr_info& info)
 // The path of a module; of the program where `name` is empty. `place` has room for PATH_MAX bytes.
 const char* PathOf(const char* name, char* place)
 {
-    if (name != nullptr && *name != '\0')
-        return realpath(name, place) != nullptr ? place : name;
-    const ssize_t length = readlink("/proc/self/exe", place, PATH_MAX - 1);
-    if (length < 0)
-        return "";
-    place[length] = '\0';
-    return place;
+    if (name == nullptr || *name == '\0') {
+        const ssize_t length = readlink("/proc/self/exe", place, PATH_MAX - 1);
+        if (length >= 0) {
+            place[length] = '\0';
+            return place;
+        }
+        name = reinterpret_cast<const char*>(getauxval(AT_EXECFN)); // without /proc
+        if (name == nullptr)
+            return "";
+    }
+    return realpath(name, place) != nullptr ? place : name;
 }
 
 void FindBounds(const struct dl_phdr_info& info, Module* module)

@@ -138,6 +138,7 @@ private:
         }
         return Take('"');
     }
+    // NOLINTNEXTLINE(misc-no-recursion): so is JSON
     bool Elements(char end, bool named)
     {
         if (Take(end))
@@ -148,6 +149,7 @@ private:
         while (Take(','));
         return Take(end);
     }
+    // NOLINTNEXTLINE(misc-no-recursion): so is JSON
     bool Value()
     {
         if (Take('{'))
@@ -566,7 +568,7 @@ std::string Lasting(const std::string& text)
         const bool isOther = line.find("/usr/lib/") != std::string::npos ||
                              line.find("linux-vdso") != std::string::npos ||
                              line.find("__libc_start") != std::string::npos || line == "  ...";
-        const bool isRow = line.find("]") == line.size() - 1 || line.find("\t dup ") != std::string::npos;
+        const bool isRow = line.find(']') == line.size() - 1 || line.find("\t dup ") != std::string::npos;
         if (!isOther && !isRow)
             kept += line + "\n";
     }

@@ -142,7 +142,7 @@ TEST_F(ModuleMap, NamesTheModulesOfTheReport)
     EXPECT_EQ(blocks[0].modules[0].path, RealPath("/proc/self/exe"));
     const Report report = Parse(WithoutDates(ReadFile(CrashFile("mapped"))));
     const MappedModule* module = blocks[0].Holding(report.Register("EIP"));
-    ASSERT_EQ(module, &blocks[0].modules[0]);
+    ASSERT_EQ(module, blocks[0].modules.data());
     // This process is the parent: its program lies where that of the child did.
     EXPECT_LT(report.Register("EIP") - reinterpret_cast<unsigned long>(WriteToNull), 100u);
     unlink(CrashFile("mapped").c_str());

@@ -103,6 +103,24 @@ TEST(Modules, AListCannotBeChanged)
     EXPECT_NE(result.signal + (result.exitCode > 0), 0);
 }
 
+TEST(Modules, TheProgramHasItsPathWhereTheHostDoesNotShowIt)
+{
+    const ChildResult result = RunInChild([] {
+        CHILD_CHECK(dlopen(CRASHING_MODULE, RTLD_NOW) != nullptr); // so that a list is made
+#ifdef SYS_readlink
+        MakeCallsFail({SYS_readlink, SYS_readlinkat}, ENOENT);
+#else
+        MakeCallsFail({SYS_readlinkat}, ENOENT);
+#endif
+        svr4::keep_modules();
+        const std::string path = svr4::kept_modules().first->path, name = "modules_test";
+        CHILD_CHECK(path.size() > name.size() && path.substr(path.size() - name.size()) == name);
+    });
+    if (result.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to refuse system calls here";
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
 TEST(Modules, WithoutMemoryTheEarlierListStays)
 {
     const ChildResult result = RunInChild([] {
@@ -110,7 +128,11 @@ TEST(Modules, WithoutMemoryTheEarlierListStays)
         const svr4::Module* const before = svr4::kept_modules().first;
         void* handle = dlopen(CRASHING_MODULE, RTLD_NOW);
         CHILD_CHECK(handle != nullptr);
+#ifdef SYS_mmap2
+        MakeCallsFail({SYS_mmap2}, ENOMEM);
+#else
         MakeCallsFail({SYS_mmap}, ENOMEM);
+#endif
         svr4::keep_modules();
         CHILD_CHECK(svr4::kept_modules().first == before);
     });

@@ -12,8 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace orvcrash {
 
 static const time_t Patience = 60; // seconds
@@ -65,6 +63,7 @@ static bool Collect(int fd, std::string* output)
 static pid_t Start(const std::vector<std::string>& arguments, int output)
 {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);

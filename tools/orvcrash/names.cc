@@ -170,8 +170,8 @@ std::string Names::FindFile(const Module& module, Source* source) const
     if (path.size() > deleted.size() && path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0)
         path.resize(path.size() - deleted.size());
     if (module.buildId.size() > 2) {
-        const std::string debug = root + "/usr/lib/debug/.build-id/" + module.buildId.substr(0, 2) + "/" +
-                                  module.buildId.substr(2) + ".debug";
+        std::string debug = root + "/usr/lib/debug/.build-id/" + module.buildId.substr(0, 2) + "/" +
+                            module.buildId.substr(2) + ".debug";
         if (IsFileOf(module, debug, true, source))
             return debug;
     }
@@ -181,7 +181,7 @@ std::string Names::FindFile(const Module& module, Source* source) const
     }
     if (IsFileOf(module, root + path, false, source))
         return root + path;
-    const std::string beside = root + path.substr(path.rfind('/'));
+    std::string beside = root + path.substr(path.rfind('/'));
     if (!root.empty() && IsFileOf(module, beside, true, source))
         return beside;
     if (source->problem.empty())

@@ -11,7 +11,7 @@
 #include "Misc/cstring.h"
 #include "Misc/ularray.h"
 
-extern "C" [[gnu::noinline, gnu::noipa]] void StopHere() {}
+extern "C" [[gnu::noinline]] void StopHere() {}
 
 static void Show()
 {
