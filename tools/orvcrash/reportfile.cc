@@ -46,7 +46,7 @@ ReportFile::ReportFile(const std::string& path) : fd(open(path.c_str(), O_RDONLY
     else if (!S_ISREG(status.st_mode))
         problem = "not a regular file";
     else
-        Look();
+        Look(static_cast<uint64_t>(status.st_size));
 }
 
 ReportFile::~ReportFile()
@@ -82,32 +82,27 @@ void ReportFile::TakeLine(uint64_t at, std::string_view beginning)
 }
 
 // Goes over the file once. A line that goes from one block to the next is put together, as far as it matters.
-void ReportFile::Look()
+void ReportFile::Look(uint64_t end)
 {
     std::string line;
     uint64_t lineAt = 0;
-    for (;;) {
-        const std::string block = Read(size, size + BytesAtOnce);
+    while (size < end) {
+        const std::string block = Read(size, std::min<uint64_t>(size + BytesAtOnce, end));
         if (block.empty())
             break;
         std::string_view rest = block;
         while (!rest.empty()) {
-            const size_t end = rest.find('\n');
-            const std::string_view piece = rest.substr(0, end);
-            if (end != std::string_view::npos && line.empty()) {
-                TakeLine(lineAt, piece.substr(0, MostOfLine));
-            } else {
-                line += piece.substr(0, MostOfLine - std::min(MostOfLine, line.size()));
-                if (end != std::string_view::npos)
-                    TakeLine(lineAt, line);
-            }
-            const size_t taken = end == std::string_view::npos ? rest.size() : end + 1;
+            const size_t length = rest.find('\n');
+            const bool isWhole = length != std::string_view::npos;
+            line += rest.substr(0, std::min(length, MostOfLine - line.size()));
+            const size_t taken = isWhole ? length + 1 : rest.size();
             rest.remove_prefix(taken);
             size += taken;
-            if (end != std::string_view::npos) {
-                line.clear();
-                lineAt = size;
-            }
+            if (!isWhole)
+                continue;
+            TakeLine(lineAt, line);
+            line.clear();
+            lineAt = size;
         }
     }
     if (!line.empty())

@@ -81,7 +81,7 @@ private:
         uint64_t from, to;
         std::string heading;
     };
-    void Look();
+    void Look(uint64_t end);
     void TakeLine(uint64_t at, std::string_view beginning);
     std::string Read(uint64_t from, uint64_t to) const;
 
