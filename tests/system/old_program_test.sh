@@ -80,9 +80,18 @@ foreach(kind svr4 svr4_static)
 endforeach()
 PROJECT
 cat >main.cc <<'PROGRAM'
+#include <csignal>
 #include <tiuser.h>
 #include "Misc/cstring.h"
-int main() { return t_open("/dev/none", 0, 0) == -1 && t_errno == TBADNAME && CString("x") == "x" ? 0 : 1; }
+static void Handle(int) {}
+int main()
+{
+    struct sigaction action = {};
+    std::signal(SIGUSR2, Handle);
+    sigaction(SIGUSR2, nullptr, &action);
+    const bool isOneShot = (action.sa_flags & SA_RESETHAND) != 0;
+    return isOneShot && t_open("/dev/none", 0, 0) == -1 && t_errno == TBADNAME && CString("x") == "x" ? 0 : 1;
+}
 PROGRAM
 cmake -S . -B build -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build build >/dev/null
