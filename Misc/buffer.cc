@@ -69,14 +69,15 @@ void Buffer::store(unsigned pos, const void* cp, unsigned len)
     const char* from = static_cast<const char*>(cp);
     if (needed > AllocSize) {
         // The bytes to copy may lie in the block that moves.
-        const uintptr_t offset = reinterpret_cast<uintptr_t>(cp) - reinterpret_cast<uintptr_t>(ptr);
-        const bool isInside = ptr != nullptr && offset < AllocSize;
+        constexpr uint32_t Outside = UINT32_MAX;
+        const uintptr_t distance = reinterpret_cast<uintptr_t>(cp) - reinterpret_cast<uintptr_t>(ptr);
+        const uint32_t offset = ptr != nullptr && distance < AllocSize ? static_cast<uint32_t>(distance) : Outside;
         void* grown = std::realloc(ptr, needed);
         if (grown == nullptr)
             return;
         ptr = grown;
         AllocSize = static_cast<uint32_t>(needed);
-        if (isInside)
+        if (offset != Outside)
             from = static_cast<const char*>(ptr) + offset;
     }
     if (len != 0)
