@@ -1,7 +1,7 @@
 #!/bin/sh
 # SPDX-License-Identifier: BSD-2-Clause
 # errors_test SOURCE: docs/errors.md has every error type of Misc/Error.h with its number and the text that the library
-# prints, in order and nothing else; each with a cause and what helps.
+# prints, in order and nothing else; each with a cause and what helps. So it has the reasons why a queue failed.
 set -eu
 source=$1
 work=$(mktemp -d)
@@ -24,4 +24,9 @@ awk -F ' [|] ' '/^[|] number [|] name/ { inside = 1 }
      inside && /^[|] [0-9]/ { sub(/^[|] /, "", $1); gsub(/`/, "", $2); print $1, $2, $3
                               if (NF != 5 || length($4) < 5) print "no cause or cure:", $1 }' "$source/docs/errors.md" |
     diff "$work/expected" - || fail "docs/errors.md and Misc/Error.h differ"
+sed -n 's/^    case \(E[A-Z]*\): return "\(.*\)";/| `\1` | \2 |/p' "$source/Misc/ipcq/resources.cc" >"$work/reasons"
+[ -s "$work/reasons" ] || fail "cannot read the reasons of Misc/ipcq/resources.cc"
+while read -r reason; do
+    grep -qF "$reason" "$source/docs/errors.md" || fail "docs/errors.md has no row $reason"
+done <"$work/reasons"
 echo "1 passed, 0 failed"
