@@ -24,6 +24,7 @@ awk -F ' [|] ' '/^[|] number [|] name/ { inside = 1 }
      inside && /^[|] [0-9]/ { sub(/^[|] /, "", $1); gsub(/`/, "", $2); print $1, $2, $3
                               if (NF != 5 || length($4) < 5) print "no cause or cure:", $1 }' "$source/docs/errors.md" |
     diff "$work/expected" - || fail "docs/errors.md and Misc/Error.h differ"
+# shellcheck disable=SC2016 # code marks
 sed -n 's/^    case \(E[A-Z]*\): return "\(.*\)";/| `\1` | \2 |/p' "$source/Misc/ipcq/resources.cc" >"$work/reasons"
 [ -s "$work/reasons" ] || fail "cannot read the reasons of Misc/ipcq/resources.cc"
 while read -r reason; do
