@@ -47,10 +47,10 @@ class ZELOO_API UnixProcess : public ErrorReporter, public MonitoredObject {
 public:
     /// What becomes of the child.
     enum ctor_dtor_flag : int {
-        terminate_at_destruction = 10,   // the destructor sends it SIGTERM
-        wait_at_destruction = 20,        // the destructor waits for it
-        leave_alone_at_destruction = 30, // the destructor does nothing
-        wait_at_construction = 40        // the constructor waits for it; the destructor does nothing
+        terminate_at_destruction = 10,   ///< the destructor sends it SIGTERM
+        wait_at_destruction = 20,        ///< the destructor waits for it
+        leave_alone_at_destruction = 30, ///< the destructor does nothing
+        wait_at_construction = 40        ///< the constructor waits for it; the destructor does nothing
     };
 
     /// Starts the null-terminated vector `argv`, with the descriptors 3 to 59 closed in the child. REQUIRES: `argv`

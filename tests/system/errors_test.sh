@@ -20,6 +20,8 @@ awk '/Messages\[\] = / { inside = 1; next }
 [ "$(wc -l <"$work/types")" -eq 84 ] || fail "cannot read the numbers of Misc/Error.h"
 
 { echo NOT_SPECIFIED; cat "$work/texts"; } | paste -d ' ' "$work/types" - >"$work/expected"
+sed -n 's|^        \([A-Za-z0-9_]*\).*///< \([1-9][0-9]*\): \(.*\)|\2 \1 \3|p' "$source/Misc/Error.h" >"$work/comments"
+sed 1d "$work/expected" | diff "$work/comments" - || fail "the comments in Misc/Error.h say something else than the library"
 awk -F ' [|] ' '/^[|] number [|] name/ { inside = 1 }
      inside && /^[|] [0-9]/ { sub(/^[|] /, "", $1); gsub(/`/, "", $2); print $1, $2, $3
                               if (NF != 5 || length($4) < 5) print "no cause or cure:", $1 }' "$source/docs/errors.md" |
