@@ -122,8 +122,9 @@ struct netbuf* uaddr2taddr(const struct netconfig* config, const char* uaddr)
         const int low = CutByte(strcpy(host, uaddr));
         const int high = CutByte(host);
         address.any.sa_family = static_cast<sa_family_t>(family);
-        address.in6.sin6_port = htons(static_cast<in_port_t>(high << 8 | low));
         isWhole = low >= 0 && high >= 0 && inet_pton(family, host, HostOf(address)) == 1;
+        if (isWhole)
+            address.in6.sin6_port = htons(static_cast<in_port_t>(high * 256 + low));
     }
     if (!isWhole) {
         Fail(ND_BADARG);
