@@ -17,13 +17,14 @@ struct hostent;
 /// How many of the descriptors 0 to 59 are open.
 ZELOO_API int NumberOfOpenFiles();
 
-/// Points standard input, output and error at the log file `LogFileName`. With an `Append` of 0 an existing
-/// regular file is first renamed to the same name with ".old" behind it, which replaces an older one, and a fresh file
-/// is made; a rename that fails is passed over silently. What is no regular file (a device, a FIFO that somebody reads) is
-/// opened as it is, and so is every file otherwise, where the output goes to its end. Opening does not wait for a reader
-/// of a FIFO: without one it fails with ENXIO. A new file gets the permissions 0644 less the file creation mask. Output that is still buffered goes where it belonged before.
-/// Returns 0 with `errno` kept, also when `LogFileName` is null and so nothing is done. Returns -1 with the reason on
-/// standard error when the redirection failed; standard input is closed then, or the log file already.
+/// Points standard input, output and error at the log file `LogFileName`. With an `Append` of 0 an existing regular
+/// file is first renamed to the same name with ".old" behind it, which replaces an older one, and a fresh file is made;
+/// a rename that fails is passed over silently. What is no regular file (a device, a FIFO that somebody reads) is
+/// opened as it is, and so is every file otherwise, where the output goes to its end. Opening does not wait for a
+/// reader of a FIFO: without one it fails with ENXIO. A new file gets the permissions 0644 less the file creation mask.
+/// Output that is still buffered goes where it belonged before. Returns 0 with `errno` kept, also when `LogFileName` is
+/// null and so nothing is done. Returns -1 with the reason on standard error when the redirection failed; standard
+/// input is closed then, or the log file already.
 ZELOO_API short redirectoutput(const char* LogFileName, short Append);
 
 /// Turns the caller into a daemon: a process of another session that it does not lead, without a terminal and without
