@@ -52,7 +52,6 @@ static void AskQueue(const Target& target, Wire& wire)
         wire.Say(Word::NoQueue);
         return;
     }
-    wire.Say(Word::Connected);
     const long server = client.GetServerPID();
     wire.Begin();
     const short sent = client.IPCSend(ProgInfo::GetFullProgramName(), ProgInfo::GetNodeName(), ProgInfo::GetVersion(),
@@ -84,7 +83,6 @@ static void AskRelay(const Target& target, Wire& wire)
         wire.Say(unasked.Connected() ? Word::NoServer : Word::NoRelay);
         return;
     }
-    wire.Say(Word::Connected);
     wire.Begin();
     const short sent = client.TLISend(ProgInfo::GetFullProgramName(), ProgInfo::GetNodeName(), ProgInfo::GetVersion(),
                                       target.object, NullEvent, nullptr, 0, 1, 1);

@@ -21,7 +21,6 @@ struct Target {
 /// What the asker says, a record after the other, of its way.
 struct Word {
     enum Kind : int32_t {
-        Connected,  // the queue, or the relay that has a server behind it
         Sent,       // the request
         Answered,   // by one of at most two answers
         NoQueue,    // there is no server's queue, or no right to it

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <thread>
 
 #include <fcntl.h>
@@ -11,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Misc/mobject.h"
 #include "processes.h"
 
 namespace orvstat {
@@ -38,7 +40,9 @@ AskerProcess::AskerProcess(const Target& target) : words(-1), pid(-1)
         close(ends[0]);
         Hush();
         Ask(target, ends[1]);
-        _exit(0);
+        MonitoredObject::
+            UnMonitor(); // a signal that found it in exit would call exit there once more, and wait for itself
+        exit(0);
     }
     close(ends[1]);
     words = ends[0];

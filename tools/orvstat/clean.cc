@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "Misc/ipcq.h"
 #include "keylocks.h"
 #include "report.h"
 #include "servers.h"
@@ -105,7 +106,7 @@ static Cleaning CleanLocked(const std::string& name)
 
 Cleaning Clean(const std::string& name)
 {
-    if (LookAtServer(name).key < 0)
+    if (ftok_orvm(name.c_str()) < 0)
         return Refusal(NoServer, "there is no key file of this name");
     const KeyLocks locks(KeyFilesOf(name), LockMilliseconds);
     if (!locks.Held() && locks.Error() == EWOULDBLOCK)

@@ -47,7 +47,6 @@ static Course Follow(const AskerProcess& asker, Clock::time_point end, Ping& pin
         if (!word)
             return course;
         switch (word->kind) {
-        case Word::Connected: break;
         case Word::Sent: course.isSent = true; break;
         case Word::Answered:
             Sort(*word, ping);

@@ -198,6 +198,10 @@ Server LookAtServer(const std::string& name)
         missing.names = {name};
         return missing;
     }
+    const Server server = Find(key, {name}, AllObjects());
+    if (!IsDoubtful(server))
+        return server;
+    nanosleep(&Moment, nullptr);
     return Find(key, {name}, AllObjects());
 }
 

@@ -45,8 +45,10 @@ struct Host {
     int unseenProcesses = 0;     // at which this process must not look: they may be blocked too
 };
 
+// What looks stale is looked at twice, since a server that is just starting or ending may look so for a moment.
+
 /// All servers whose key files are in the program directory, and all queues that have a key of that kind and a set beside
-/// them. What looks stale is looked at twice, since a server that is just starting or ending may look so for a moment.
+/// them.
 Host LookAtHost();
 
 /// The server of a name, or of a path with a "/". Its state is None when it has neither queue nor set; its key is
