@@ -14,7 +14,7 @@ checked=0
 for program in "$build"/tools/* "$build"/examples/*; do
     if ! [ -f "$program" ] || ! [ -x "$program" ]; then continue; fi
     name=${program##*/}
-    page=$(find "$source/docs/man" -name "$name.[1-9]")
+    page=$(find "$source/docs" "$source/tools" "$source/examples" -name "$name.[1-9]")
     [ -n "$page" ] || fail "$name has no manual page"
     groff -k -man -ww -rHY=0 -Tutf8 -P -cbou "$page" >"$work/page" 2>"$work/warnings" || fail "$page"
     [ ! -s "$work/warnings" ] || { cat "$work/warnings" >&2; fail "$page: groff warns"; }
