@@ -26,6 +26,7 @@ awk '/^```$/ && file { close(file); file = ""; next }
      file { print >file }' "$source/docs/porting.md"
 
 echo "== the Makefile"
+sed -n '/^SVR4/,/: watch.h$/p' Makefile | diff - 01.make || fail "the Makefile of the program is another one"
 make -f 01.make >/dev/null 2>messages || { cat messages >&2; fail "the Makefile"; }
 "$sandbox" timeout 60 ./watch >/dev/null 2>&1 || fail "the program that it makes"
 
