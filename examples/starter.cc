@@ -15,6 +15,7 @@
 #include "Misc/misc.h"
 
 static const char Serving = '\0';      // what is told when the daemon serves; otherwise it is the reason, a text
+static const char Ready[] = "READY=1"; // what a service manager is told then
 static const int LowestKept = 60;      // the descriptors below this one do not survive daemonize
 static const char Name[] = "faultd: "; // in front of what is told
 
@@ -89,7 +90,6 @@ static void TellServiceManager()
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return;
-    static const char Ready[] = "READY=1";
     sendto(fd, Ready, sizeof Ready - 1, MSG_NOSIGNAL, reinterpret_cast<const struct sockaddr*>(&address),
            static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + length));
     close(fd);
