@@ -11,6 +11,7 @@
 
 #include "svr4/errno.h"
 #include "svr4/netconfig/transports.h"
+#include "svr4/tli.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: netconfig.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 

@@ -5,9 +5,11 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "svr4/netconfig/transports.h"
+#include "svr4/tli.h"
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: netconfig.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
@@ -15,12 +17,19 @@ namespace svr4 {
 
 using namespace netdir;
 
-static socklen_t LengthOf(int family)
-{
-    return family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in);
-}
+namespace {
 
-socklen_t netdir::GetAddress(int family, const struct netbuf* from, Address* address)
+// An address of either family; its port is at the same place in both.
+union Address {
+    struct sockaddr_in6 in6;
+    struct sockaddr_in in;
+    struct sockaddr any;
+};
+
+socklen_t LengthOf(int family) { return family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in); }
+
+// Takes an address of `family`: its length, or 0 when `from` is none.
+socklen_t GetAddress(int family, const struct netbuf* from, Address* address)
 {
     const socklen_t length = LengthOf(family);
     if (family == AF_UNSPEC || from == nullptr || from->buf == nullptr || from->len < length)
@@ -29,10 +38,12 @@ socklen_t netdir::GetAddress(int family, const struct netbuf* from, Address* add
     return address->any.sa_family == family ? length : 0;
 }
 
-static void* HostOf(Address& address)
+void* HostOf(Address& address)
 {
     return address.any.sa_family == AF_INET6 ? static_cast<void*>(&address.in6.sin6_addr) : &address.in.sin_addr;
 }
+
+} // namespace
 
 int netdir_getbyaddr(const struct netconfig* config, struct nd_hostservlist** service, const struct netbuf* addr)
 {

@@ -3,10 +3,7 @@
 #ifndef SVR4_NETCONFIG_TRANSPORTS_H
 #define SVR4_NETCONFIG_TRANSPORTS_H
 
-#include <netinet/in.h>
-
 #include "svr4/netconfig.h"
-#include "svr4/tli.h"
 
 namespace svr4::netdir {
 
@@ -19,18 +16,8 @@ int Family(const struct netconfig* config);
 /// The result for a failure of the host's resolver.
 int ResolverFailure(int error);
 
-/// Whether `port` is a decimal number of `least` to `most`, without sign, blank or anything else.
+/// Whether `text` is a decimal number of `least` to `most`, without sign, blank or anything else.
 bool IsNumber(const char* text, unsigned long least, unsigned long most);
-
-/// An address of either family; its port is at the same place in both.
-union Address {
-    struct sockaddr_in6 in6;
-    struct sockaddr_in in;
-    struct sockaddr any;
-};
-
-/// Takes an address of `family`: its length, or 0 when `from` is none.
-socklen_t GetAddress(int family, const struct netbuf* from, Address* address);
 
 } // namespace svr4::netdir
 
