@@ -568,13 +568,15 @@ std::string Lasting(const std::string& text)
         const bool isOther = line.find("/usr/lib/") != std::string::npos ||
                              line.find("linux-vdso") != std::string::npos ||
                              line.find("__libc_start") != std::string::npos || line == "  ...";
-        const bool isRow = line.find(']') == line.size() - 1 || line.find("\t dup ") != std::string::npos;
+        const bool isRow = line.find("\t dup ") != std::string::npos ||
+                           (!line.empty() && Replaced(line, "^  [0-9a-f]+: [0-9a-f]{8} .*$", "").empty());
         if (!isOther && !isRow)
             kept += line + "\n";
     }
     kept = Replaced(kept, " +[0-9a-f]{8,16}", " ADDRESS");
     kept = Replaced(kept, "-[0-9a-f]{8,16}", "-ADDRESS");
     kept = Replaced(kept, "0x[0-9a-f]+", "0xN");
+    kept = Replaced(kept, "size [0-9]+", "size N");
     kept = Replaced(kept, "process  [0-9]+", "process  N");
     return WithoutTimes(kept);
 }
