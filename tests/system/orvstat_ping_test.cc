@@ -224,6 +224,31 @@ TEST_F(OrvstatTest, PingSaysThatThereIsNoServer)
     EXPECT_EQ(Pinged({"unknown"}), "3: unknown: there is no key file of this name\n");
 }
 
+TEST_F(OrvstatTest, PingSaysWhyItCannotAsk)
+{
+    const pid_t server = StartServer("hello", ServeEchoes);
+    struct msqid_ds status = QueueStatus(QueueOf("hello"));
+    status.msg_perm.mode = 0;
+    ASSERT_EQ(msgctl(QueueOf("hello"), IPC_SET, &status), 0);
+    const ChildResult refused = RunInChild([] {
+        DropPrivileges();
+        Execute(Orvstat, {"ping", "hello"});
+    });
+    if (refused.exitCode != NotPossibleHere) {
+        EXPECT_EQ(refused.exitCode, 4);
+        EXPECT_EQ(refused.err, "hello: no right to use its queue, of user 65534\n");
+    }
+    const ChildResult alone = RunInChild([] {
+        MakeForksFail();
+        Execute(Orvstat, {"ping", "hello"});
+    });
+    if (alone.exitCode != NotPossibleHere) {
+        EXPECT_EQ(alone.exitCode, 1);
+        EXPECT_EQ(alone.err, "hello: no process can be started\n");
+    }
+    EndChild(server, SIGTERM);
+}
+
 // ---- Over a relay -----------------------------------------------------------------------------------------------
 
 class OrvstatRelayTest : public relayd_testing::RelaydTest {};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // orvstat, run for real, beside servers that live, hang, start and have died.
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -8,9 +9,13 @@
 #include <string>
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "tests/system/orvstat_testing.h"
 
@@ -221,6 +226,66 @@ TEST_F(OrvstatTest, SaysWhatItMayNotSee)
         EXPECT_EQ(cleaned.err, "hello: not cleaned: " + reason);
     }
     EndChild(server, SIGTERM);
+}
+
+#ifndef SYS_ipc // there one call has all of these
+// Makes the removal of the objects of a kind fail for this process: the call with that number, whose command is one of
+// its arguments.
+void MakeRemovalFail(long number, int argument, int error)
+{
+    const unsigned lowHalf = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? 0 : 4;
+    const unsigned place =
+        static_cast<unsigned>(offsetof(struct seccomp_data, args)) + 8U * static_cast<unsigned>(argument);
+    sock_filter rules[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, place + lowHalf),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPC_RMID, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {sizeof rules / sizeof rules[0], rules};
+    ChildNeeds(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0);
+}
+
+TEST_F(OrvstatTest, SaysWhatItMayNotRemove)
+{
+    LeaveStale("hello");
+    const int qid = QueueOf("hello");
+    const int semid = SetOf("hello");
+    const auto clean = [](long number, int argument, int error) {
+        return RunInChild([=] {
+            MakeRemovalFail(number, argument, error);
+            Execute(Orvstat, {"clean", "hello"});
+        });
+    };
+    const ChildResult queue = clean(SYS_msgctl, 1, EPERM);
+    if (queue.exitCode != NotPossibleHere) {
+        EXPECT_EQ(queue.exitCode, 4);
+        EXPECT_EQ(queue.err, "hello: not cleaned: queue " + Number(qid) + " belongs to user 0\n");
+        EXPECT_TRUE(QueueExists(qid));
+        const ChildResult set = clean(SYS_semctl, 2, EFAULT);
+        EXPECT_EQ(set.exitCode, 1);
+        EXPECT_EQ(set.err, "hello: removed queue " + Number(qid) + " (no message), but not all: semaphore set " +
+                               Number(semid) + ": Bad address\n");
+    }
+    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
+}
+#endif
+
+TEST_F(OrvstatTest, CleansNothingWhoseKeyFileItMayNotRead)
+{
+    LeaveStale("hello");
+    chmod("/opt/orv/bin/hello", 0);
+    const ChildResult result = RunInChild([] {
+        DropPrivileges();
+        Execute(Orvstat, {"clean", "hello"});
+    });
+    if (result.exitCode != NotPossibleHere) {
+        EXPECT_EQ(result.exitCode, 4);
+        EXPECT_EQ(result.err, "hello: not cleaned: its key file cannot be locked: Permission denied\n");
+    }
+    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
 }
 
 // ---- JSON, terminals, watching ----------------------------------------------------------------------------------

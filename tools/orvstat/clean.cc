@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "Misc/ipcq.h"
+#include "format.h"
 #include "keylocks.h"
 #include "report.h"
 #include "servers.h"
@@ -37,16 +38,6 @@ static bool IsSame(const Server& a, const Server& b)
     return !a.set || (a.set->id == b.set->id && a.set->changed == b.set->changed && a.set->slots == b.set->slots);
 }
 
-static Cleaning NotRemoved(Cleaning done, const std::string& what, int error, uid_t owner)
-{
-    const std::string before = done.removedQueue >= 0 ? done.text + ", but not " : "cannot remove ";
-    done.code = error == EPERM ? NoRights : Wrong;
-    done.text =
-        before + what +
-        (error == EPERM ? ": it belongs to user " + std::to_string(owner) : std::string(": ") + std::strerror(error));
-    return done;
-}
-
 static bool IsGone(int error) { return error == EINVAL || error == EIDRM; }
 
 // Whether a process has entered itself in the set meanwhile: one that starts without the lock takes over what it finds.
@@ -57,30 +48,41 @@ static bool HasBeenTakenOver(const SemaphoreSet& set)
            std::any_of(slots->begin(), slots->end(), [](long pid) { return pid > 0 && LifeOf(pid) != Life::Gone; });
 }
 
+static ExitCode CodeOf(int error) { return error == EPERM || error == EACCES ? NoRights : Wrong; }
+
+// Why an object is still there.
+static std::string Reason(const char* what, int id, const Owner& owner, int error)
+{
+    if (error == EPERM)
+        return Format("%s %d belongs to user %u", what, id, static_cast<unsigned>(owner.user));
+    return Format("%s %d: %s", what, id, std::strerror(error));
+}
+
 // The queue first: without it nobody can be talking to a server, and the set still keeps a starting one from harm.
 static Cleaning Remove(const Server& server)
 {
     Cleaning done;
+    std::string queue;
     if (server.queue) {
-        const std::string what = "queue " + std::to_string(server.queue->id);
         const int error = RemoveQueue(server.queue->id);
         if (error != 0 && !IsGone(error))
-            return NotRemoved(done, what, error, server.queue->owner.user);
+            return Refusal(CodeOf(error), Reason("queue", server.queue->id, server.queue->owner, error));
         done.removedQueue = server.queue->id;
-        done.text = "removed " + what + " (" + Messages(*server.queue) + ")";
+        queue = Format("removed queue %d (%s)", server.queue->id, Messages(*server.queue).c_str());
     }
-    if (HasBeenTakenOver(*server.set)) {
-        done.text += done.text.empty() ? "not cleaned: a server starts" : "; a server starts with its semaphore set";
-        done.code = Wrong;
+    const SemaphoreSet& set = *server.set;
+    const bool isTaken = HasBeenTakenOver(set);
+    const int error = isTaken ? EBUSY : RemoveSet(set.id);
+    if (error != 0 && !IsGone(error)) {
+        const std::string reason =
+            isTaken ? "a server starts at this moment" : Reason("semaphore set", set.id, set.owner, error);
+        done.code = CodeOf(error);
+        done.text = Format("%s, but not all: %s", queue.empty() ? "not cleaned" : queue.c_str(), reason.c_str());
         return done;
     }
-    const std::string what = "semaphore set " + std::to_string(server.set->id);
-    const int error = RemoveSet(server.set->id);
-    if (error != 0 && !IsGone(error))
-        return NotRemoved(done, what, error, server.set->owner.user);
-    done.removedSet = server.set->id;
-    done.text += (done.text.empty() ? "removed " : " and ") + what + "; " +
-                 (server.pid > 0 ? "server " + std::to_string(server.pid) + " is dead" : "no server was registered");
+    done.removedSet = set.id;
+    done.text = Format("%s semaphore set %d; %s", queue.empty() ? "removed" : (queue + " and").c_str(), set.id,
+                       DeadServer(server.pid).c_str());
     return done;
 }
 
@@ -93,7 +95,7 @@ static Cleaning CleanLocked(const std::string& name)
         nothing.text = "nothing is left of a server";
         return nothing;
     }
-    case State::Up: return Refusal(Wrong, "server " + std::to_string(server.pid) + " (" + server.program + ") lives");
+    case State::Up: return Refusal(Wrong, Format("server %ld (%s) lives", server.pid, server.program.c_str()));
     case State::Unknown: return Refusal(NoRights, RemarkOn(server));
     case State::Stale: break;
     default: return Refusal(Wrong, RemarkOn(server));
@@ -109,12 +111,14 @@ Cleaning Clean(const std::string& name)
     if (ftok_orvm(name.c_str()) < 0)
         return Refusal(NoServer, "there is no key file of this name");
     const KeyLocks locks(KeyFilesOf(name), LockMilliseconds);
-    if (!locks.Held() && locks.Error() == EWOULDBLOCK)
+    switch (locks.Error()) {
+    case 0: return CleanLocked(name);
+    case EWOULDBLOCK:
         return Refusal(Wrong, "a server starts or ends at this moment, or a stopped process holds the key file's lock");
-    if (!locks.Held())
-        return Refusal(locks.Error() == EACCES ? NoRights : Wrong,
-                       std::string("its key file cannot be locked: ") + std::strerror(locks.Error()));
-    return CleanLocked(name);
+    default:
+        return Refusal(CodeOf(locks.Error()),
+                       Format("its key file cannot be locked: %s", std::strerror(locks.Error())));
+    }
 }
 
 void WriteText(const std::string& name, const Cleaning& cleaning, std::ostream& out)

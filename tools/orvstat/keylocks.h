@@ -19,8 +19,8 @@ public:
     KeyLocks(const KeyLocks&) = delete;
     KeyLocks& operator=(const KeyLocks&) = delete;
 
-    bool Held() const { return error == 0; }
-    /// The host's error number why not: EWOULDBLOCK when somebody else has one, else why a file could not be opened.
+    /// 0 when it holds them all; else the host's error number: EWOULDBLOCK when somebody else has one, or why a file could
+    /// not be opened.
     int Error() const { return error; }
 
 private:

@@ -2,11 +2,11 @@
 #include "ping.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "Misc/Error.h"
 #include "Misc/proginfo.h"
 #include "askerprocess.h"
+#include "format.h"
 #include "report.h"
 #include "servers.h"
 #include "table.h"
@@ -59,58 +59,60 @@ static Course Follow(const AskerProcess& asker, Clock::time_point end, Ping& pin
     return course;
 }
 
-static std::string CodeText(short code)
-{
-    return std::string(ErrorReporter::GetErrorType(code)) + " (" + std::to_string(code) + ")";
-}
-
 static bool IsGone(short code)
 {
     return code >= ErrorReporter::SERVER_GONE && code <= ErrorReporter::IPC_RECV_PROCESS_GONE;
 }
 
-static std::string RelayOf(const Target& target) { return target.host + ", service " + target.service; }
-
 // Why the asker has ended of itself, before it had all answers.
 static std::string ReasonOf(const Target& target, const Word& last)
 {
-    const std::string where = RelayOf(target);
+    const char* host = target.host.c_str();
+    const char* service = target.service.c_str();
     switch (last.kind) {
     case Word::NoQueue: return "its queue cannot be used: it has ended meanwhile, or there is no right to it";
-    case Word::NoRelay: return "nothing listens at " + where + ", or one of the names is not known here";
-    case Word::NoServer: return "a relay listens at " + where + ", but there is no server behind it";
+    case Word::NoRelay:
+        return Format("nothing listens at %s, service %s, or one of the names is not known here", host, service);
+    case Word::NoServer:
+        return Format("a relay listens at %s, service %s, but there is no server behind it", host, service);
     default: break;
     }
     if (!IsGone(last.code))
-        return (last.kind == Word::SendFailed ? "sending failed: " : "receiving failed: ") + CodeText(last.code);
+        return Format("%s (%d)", ErrorReporter::GetErrorType(last.code), last.code);
     if (target.host.empty())
         return "the server has ended before it answered";
-    return "the relay has ended the connection: its server has ended, or it does not take " +
-           std::string(ProgInfo::GetNodeName()) + " for this host's name";
+    return Format(
+        "the relay has ended the connection: its server has ended, or it does not take %s for this host's name",
+        ProgInfo::GetNodeName());
 }
 
-static std::string Limit(std::chrono::milliseconds limit) { return " within " + std::to_string(limit.count()) + " ms"; }
-
-// Why the time was not enough.
-static std::string ReasonOfSilence(const Target& target, const Course& course)
+// Why a relay, or the server behind it, has not answered.
+static std::string SilenceOfRelay(const Target& target, const Course& course)
 {
-    if (!target.host.empty())
-        return course.isSent
-                   ? "the relay at " + RelayOf(target) + ", has taken the request, but its server says nothing"
-                   : "no relay answers at " + RelayOf(target);
+    const char* host = target.host.c_str();
+    const char* service = target.service.c_str();
+    if (!course.isSent)
+        return Format("no relay answers at %s, service %s", host, service);
+    return Format("the relay at %s, service %s, has taken the request, but its server says nothing", host, service);
+}
+
+// Why a server of this host has not answered.
+static std::string SilenceOfServer(const Target& target, const Course& course)
+{
     const Server server = LookAtServer(target.name);
     if (!server.queue || server.pid == 0)
         return "the server has ended meanwhile";
-    const Queue& queue = *server.queue;
-    const std::string waiting = Messages(queue) + " of " + std::to_string(queue.capacity);
     const std::string who = server.state == State::Stopped
                                 ? RemarkOn(server)
-                                : "server " + std::to_string(server.pid) + " lives, but is busy or hangs";
+                                : Format("server %ld lives, but is busy or hangs", server.pid);
+    const std::string waiting = Messages(*server.queue);
+    const long long capacity = server.queue->capacity;
     if (!course.isSent)
-        return who + "; its queue has no room for a request: " + waiting;
-    if (queue.messages == 0)
-        return who + "; it has taken the request from its queue";
-    return who + "; on its queue wait " + waiting + ", where the request stays until it is taken";
+        return Format("%s; its queue has no room for a request: %s of %lld", who.c_str(), waiting.c_str(), capacity);
+    if (server.queue->messages == 0)
+        return Format("%s; it has taken the request from its queue", who.c_str());
+    return Format("%s; on its queue wait %s of %lld, where the request stays until it is taken", who.c_str(),
+                  waiting.c_str(), capacity);
 }
 
 static ExitCode CodeOf(const Course& course)
@@ -125,20 +127,30 @@ static ExitCode CodeOf(const Course& course)
     }
 }
 
+static std::string WithinLimit(const Course& course, const Ping& ping)
+{
+    const bool isLimitOfBoth = course.isCutShort || (!ping.response && !ping.acknowledgement);
+    return isLimitOfBoth ? Format("within %lld ms", static_cast<long long>(LongestWait.count()))
+                         : Format("within %lld ms more", static_cast<long long>(WaitForTheOther.count()));
+}
+
+// Says what is missing, and why as far as that can be told.
 static void Conclude(const Target& target, const Course& course, Ping& ping)
 {
     if (ping.response && ping.acknowledgement)
         return;
-    const std::string reason = course.end ? ReasonOf(target, *course.end) : "";
-    if (ping.response || ping.acknowledgement) {
-        const std::string missing = ping.response ? "no acknowledgement" : "no response";
-        const std::string limit = course.isCutShort ? Limit(LongestWait) : Limit(WaitForTheOther) + " more";
-        ping.text = missing + (course.end ? ": " + reason : limit);
+    const bool isNone = !ping.response && !ping.acknowledgement;
+    const char* missing = isNone ? "no answer" : ping.response ? "no acknowledgement" : "no response";
+    if (isNone)
+        ping.code = CodeOf(course);
+    if (course.end) {
+        ping.text = Format("%s: %s", missing, ReasonOf(target, *course.end).c_str());
         return;
     }
-    ping.code = CodeOf(course);
-    ping.text =
-        "no answer" + (course.end ? ": " + reason : Limit(LongestWait) + ": " + ReasonOfSilence(target, course));
+    const std::string limit = WithinLimit(course, ping);
+    ping.text = Format("%s %s", missing, limit.c_str());
+    if (isNone)
+        ping.text += ": " + (target.host.empty() ? SilenceOfServer(target, course) : SilenceOfRelay(target, course));
 }
 
 static Ping Refusal(ExitCode code, const std::string& text)
@@ -162,7 +174,8 @@ static Ping Refusal(const Server& server)
     default: return Refusal(Wrong, RemarkOn(server));
     }
     if (!server.queue->blockSize)
-        return Refusal(NoRights, "no right to use its queue (user " + std::to_string(server.queue->owner.user) + ")");
+        return Refusal(
+            NoRights, Format("no right to use its queue, of user %u", static_cast<unsigned>(server.queue->owner.user)));
     return Ping();
 }
 
@@ -179,13 +192,11 @@ Ping SendPing(const Target& target)
     return ping;
 }
 
-static std::string Describe(const std::string& what, const Answer& answer)
+static std::string Describe(const char* what, const Answer& answer)
 {
-    char time[40];
-    std::snprintf(time, sizeof time, "%.1f ms", static_cast<double>(answer.microseconds) / 1000);
-    const std::string bytes = answer.bytes > 0 ? ", " + std::to_string(answer.bytes) + " bytes" : "";
-    return what + " after " + time + ": event " + std::to_string(answer.event) + ", status " +
-           std::to_string(answer.status) + bytes;
+    const std::string bytes = answer.bytes > 0 ? Format(", %u bytes", answer.bytes) : "";
+    return Format("%s after %.1f ms: event %d, status %d%s", what, static_cast<double>(answer.microseconds) / 1000,
+                  answer.event, answer.status, bytes.c_str());
 }
 
 void WriteText(const Target& target, const Ping& ping, std::ostream& out)

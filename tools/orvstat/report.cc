@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "report.h"
 
-#include <cstdio>
-
 #include "Misc/proginfo.h"
+#include "format.h"
 #include "table.h"
 
 namespace orvstat {
@@ -29,12 +28,7 @@ static const Column Columns[] = {
     {nullptr, "remark", false},
 };
 
-static std::string KeyText(key_t key)
-{
-    char text[20];
-    std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(key));
-    return text;
-}
+static std::string KeyText(key_t key) { return Format("0x%08x", static_cast<unsigned>(key)); }
 
 static Tone ToneOf(State state)
 {
@@ -46,49 +40,55 @@ static Tone ToneOf(State state)
     }
 }
 
-static std::string ProcessesThatWait(const std::vector<long>& pids)
-{
-    return pids.size() == 1 ? "1 process waits" : std::to_string(pids.size()) + " processes wait";
-}
-
 std::string Messages(const Queue& queue)
 {
-    if (queue.messages == 0)
-        return "no message";
-    return std::to_string(queue.messages) + (queue.messages == 1 ? " message, " : " messages, ") +
-           std::to_string(queue.bytes) + " bytes";
+    const long long messages = queue.messages;
+    const long long bytes = queue.bytes;
+    switch (messages) {
+    case 0: return "no message";
+    case 1: return Format("1 message, %lld bytes", bytes);
+    default: return Format("%lld messages, %lld bytes", messages, bytes);
+    }
 }
+
+static std::string RemarkOnBlocked(size_t senders)
+{
+    switch (senders) {
+    case 0: return "";
+    case 1: return "1 process waits for room on the queue";
+    default: return Format("%zu processes wait for room on the queue", senders);
+    }
+}
+
+std::string DeadServer(long pid) { return pid > 0 ? Format("server %ld is dead", pid) : "no server is registered"; }
 
 static std::string RemarkOnStale(const Server& server)
 {
-    const std::string who =
-        server.pid > 0 ? "server " + std::to_string(server.pid) + " is dead" : std::string("no server is registered");
-    const std::string what = server.queue ? "its queue and semaphore set are left" : "its semaphore set is left";
-    const std::string name =
-        server.names.empty() ? "" : "; \"orvstat clean " + server.names[0] + "\" removes what is left";
-    return who + ", " + what + name;
+    const char* left = server.queue ? "its queue and semaphore set are left" : "its semaphore set is left";
+    const std::string dead = DeadServer(server.pid);
+    if (server.names.empty())
+        return Format("%s, %s", dead.c_str(), left);
+    return Format("%s, %s; \"orvstat clean %s\" removes what is left", dead.c_str(), left, server.names[0].c_str());
 }
 
 std::string RemarkOn(const Server& server)
 {
-    const std::string pid = std::to_string(server.pid);
-    char mode[8];
     switch (server.state) {
     case State::None: return "no server runs";
-    case State::Up:
-        return server.blockedSenders.empty() ? "" : ProcessesThatWait(server.blockedSenders) + " for room on the queue";
-    case State::Stopped: return "server " + pid + " is stopped by a signal or a debugger";
-    case State::Starting: return "server " + pid + " is starting: it has no queue yet";
+    case State::Up: return RemarkOnBlocked(server.blockedSenders.size());
+    case State::Stopped: return Format("server %ld is stopped by a signal or a debugger", server.pid);
+    case State::Starting: return Format("server %ld is starting: it has no queue yet", server.pid);
     case State::Stale: return RemarkOnStale(server);
     case State::NoSet:
-        return "nothing tells whose queue " + std::to_string(server.queue->id) +
-               " is: its semaphore set is gone; if no process uses it, \"ipcrm -q " + std::to_string(server.queue->id) +
-               "\" removes it";
+        return Format(
+            "nothing tells whose queue %d is: its semaphore set is gone; if no process uses it, \"ipcrm -q %d\" "
+            "removes it",
+            server.queue->id, server.queue->id);
     case State::Unknown: break;
     }
-    std::snprintf(mode, sizeof mode, "%03o", static_cast<unsigned>(server.set->owner.mode & 0777));
-    return "no right to read its semaphore set (user " + std::to_string(server.set->owner.user) + ", mode " + mode +
-           ")";
+    const Owner& owner = server.set->owner;
+    return Format("no right to read its semaphore set (user %u, mode %03o)", static_cast<unsigned>(owner.user),
+                  static_cast<unsigned>(owner.mode & 0777));
 }
 
 static Cell Pid(long pid) { return pid > 0 ? Cell(int64_t{pid}) : Cell(); }
@@ -133,7 +133,7 @@ static void WriteRemarks(const Host& host, std::ostream& out)
 {
     for (const Server& server : host.servers) {
         const std::string remark = RemarkOn(server);
-        const std::string name = server.names.empty() ? "queue " + std::to_string(server.queue->id) : server.Name();
+        const std::string name = server.names.empty() ? Format("queue %d", server.queue->id) : server.Name();
         if (!remark.empty())
             out << Visible(name + ": " + remark) << '\n';
         if (server.names.empty())

@@ -24,6 +24,9 @@ ExitCode ExitCodeOf(const Host& host);
 /// Why a server is not simply up, without its name; empty when it is.
 std::string RemarkOn(const Server& server);
 
+/// "server 4711 is dead"; "no server is registered" when the process id is 0.
+std::string DeadServer(long pid);
+
 /// "no message", "1 message, 300 bytes", "2 messages, 600 bytes".
 std::string Messages(const Queue& queue);
 
