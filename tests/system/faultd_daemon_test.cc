@@ -107,8 +107,12 @@ TEST_F(FaultDaemonTest, LeavesTerminalParentAndDescriptors)
     EXPECT_NE(getsid(daemon), daemon) << "a session leader could get a terminal again";
     EXPECT_NE(getsid(daemon), getsid(0));
     const std::string process = "/proc/" + std::to_string(daemon);
-    const std::string status = ReadFile(process + "/stat");
-    EXPECT_EQ(status.substr(status.rfind(')')).find(") S 1 "), 0u) << status;
+    std::string status;
+    const auto waits = [&] { // with 1 as its parent
+        status = ReadFile(process + "/stat");
+        return status.substr(status.rfind(')')).find(") S 1 ") == 0;
+    };
+    EXPECT_TRUE(WaitUntil(waits)) << status;
     EXPECT_NE(status.find(" 0 -1 "), std::string::npos) << "no terminal, no terminal group: " << status;
     for (const char* fd : {"0", "1", "2"})
         EXPECT_EQ(std::filesystem::read_symlink(process + "/fd/" + fd), DaemonLog);
