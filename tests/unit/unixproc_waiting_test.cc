@@ -35,9 +35,8 @@ TEST(UnixProcess, ProcessExistsTellsWhetherAnIdIsThatOfAProcess)
     EXPECT_FALSE(UnixProcess::ProcessExists(-1));
     EXPECT_FALSE(UnixProcess::ProcessExists(LONG_MIN));
     EXPECT_FALSE(UnixProcess::ProcessExists(LONG_MAX));
-    if (sizeof(long) > 4)
-        EXPECT_FALSE(UnixProcess::ProcessExists(static_cast<long>((1LL << 32) + getpid())))
-            << "not cut to the width of a process id";
+    const long wide = sizeof(long) > 4 ? static_cast<long>((1LL << 32) + getpid()) : -1;
+    EXPECT_FALSE(UnixProcess::ProcessExists(wide)) << "not cut to the width of a process id";
     EXPECT_TRUE(UnixProcess::ProcessExists(getpid()));
     EXPECT_TRUE(UnixProcess::ProcessExists(0));
 
