@@ -12,8 +12,11 @@
 
 [[maybe_unused]] static const char* ModuleId() { return "$Id: deadline.cc,v 1.1 2026/11/21 12:00:00 orv Exp $"; }
 
-#ifndef sigev_notify_thread_id // the C library may have the member without the name
-#define sigev_notify_thread_id _sigev_un._tid
+// The member for a thread's id, for which not every C library has a name.
+#ifdef sigev_notify_thread_id
+#define THREAD_OF(event) (event).sigev_notify_thread_id
+#else
+#define THREAD_OF(event) (event)._sigev_un._tid
 #endif
 
 namespace svr4 {
@@ -46,7 +49,7 @@ int Make(Timer* timer, int sig, bool forThread)
     struct sigevent event = {};
     event.sigev_signo = sig;
     event.sigev_notify = forThread ? SIGEV_THREAD_ID : SIGEV_SIGNAL;
-    event.sigev_notify_thread_id = ThisThread();
+    THREAD_OF(event) = ThisThread();
     if (syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer->id) != 0)
         return -1;
     timer->process = getpid();

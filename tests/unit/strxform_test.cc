@@ -435,6 +435,8 @@ TEST_F(StringTransformerTest, ALongerTimeWritesNothing)
 
 TEST_F(StringTransformerTest, ATimeBeyondTheYearsWritesNothing)
 {
+    if (sizeof(long) == 4)
+        GTEST_SKIP() << "every time has its year here";
     StringTransformer t("t", "", Variable, "%Y", TimeVariable);
     t.OutputTime(LONG_MAX);
     t.OutputTime(LONG_MIN);
