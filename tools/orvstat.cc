@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <string>
@@ -95,12 +94,18 @@ static ExitCode Watch(orvstat::Form form, int seconds)
     }
 }
 
+// Of the environment.
+static const char* Setting(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
 static ExitCode Show(const Arguments& arguments)
 {
-    const char* noColour = std::getenv("NO_COLOR");
-    const char* terminal = std::getenv("TERM");
-    const bool coloured = isatty(STDOUT_FILENO) && (noColour == nullptr || *noColour == '\0') && terminal != nullptr &&
-                          std::strcmp(terminal, "dumb") != 0;
+    const std::string noColour = Setting("NO_COLOR");
+    const std::string terminal = Setting("TERM");
+    const bool coloured = isatty(STDOUT_FILENO) && noColour.empty() && !terminal.empty() && terminal != "dumb";
     const orvstat::Form plain = coloured ? orvstat::Form::ColouredText : orvstat::Form::Text;
     const orvstat::Form form = arguments.json ? orvstat::Form::Json : plain;
     return arguments.watchSeconds > 0 ? Watch(form, arguments.watchSeconds) : ShowOnce(form);
@@ -124,7 +129,7 @@ static ExitCode Ping(const Arguments& arguments)
 {
     orvstat::Target target = arguments.target;
     target.name = arguments.words[1];
-    if (target.service.empty())
+    if (target.service.empty() && !target.host.empty())
         target.service = target.name;
     const orvstat::Ping ping = orvstat::SendPing(target);
     if (arguments.json)
@@ -188,14 +193,18 @@ static ExitCode Run(const Arguments& arguments)
     const Words& words = arguments.words;
     const orvstat::Target& target = arguments.target;
     const bool hasTarget = !target.host.empty() || !target.service.empty() || target.object != 0;
+    if (words.empty() && hasTarget)
+        return Misused("--host, --service and --object belong to ping");
     if (words.empty())
-        return hasTarget ? Misused("--host, --service and --object belong to ping") : Show(arguments);
+        return Show(arguments);
     if (words[0] != "clean" && words[0] != "ping")
         return Misused("unknown command " + words[0]);
     if (words.size() != 2 || arguments.watchSeconds > 0)
         return Misused(words[0] + " takes a server's name");
+    if (words[0] == "clean" && hasTarget)
+        return Misused("clean works on this host alone");
     if (words[0] == "clean")
-        return hasTarget ? Misused("clean works on this host alone") : Clean(arguments);
+        return Clean(arguments);
     if (target.host.empty() && hasTarget)
         return Misused("--service and --object go with --host");
     return Ping(arguments);

@@ -145,6 +145,7 @@ TEST_F(OrvstatTest, NamesThoseWhoAreBlocked)
     SetQueueLimit(16384);
     const pid_t server = StartDeafServer("hello");
     const pid_t first = StartBlockedSender("hello", server);
+    EXPECT_NE(Shown().find("\nhello: 1 process waits for room on the queue\n"), std::string::npos);
     const pid_t second = StartBlockedSender("hello", server);
     const int qid = QueueOf("hello");
     const pid_t receiver = StartChild([=] {
@@ -397,6 +398,10 @@ TEST_F(OrvstatTest, ColoursStandOnTerminalsOnly)
     EXPECT_FALSE(has(
         OnATerminal({"--json"}, nullptr, [](const std::string& text) { return text.find("\n}") != std::string::npos; }),
         "\033"));
+    const auto isRemarked = [](const std::string& text) { return CountOf(text, "\n") == 3; };
+    Stop(server);
+    EXPECT_TRUE(has(OnATerminal({}, nullptr, isRemarked), "hello  \033[33mstopped\033[0m  "));
+    kill(server, SIGCONT);
     EndChild(server, SIGTERM);
     LeaveStale("hello");
     const std::string stale =

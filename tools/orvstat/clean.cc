@@ -29,13 +29,18 @@ static Cleaning Refusal(ExitCode code, const std::string& reason)
     return refused;
 }
 
-static bool IsSame(const Server& a, const Server& b)
+// What must stay as it is.
+static std::string Sight(const Server& server)
 {
-    if (a.state != b.state || a.queue.has_value() != b.queue.has_value() || a.set.has_value() != b.set.has_value())
-        return false;
-    if (a.queue && (a.queue->id != b.queue->id || a.queue->changed != b.queue->changed))
-        return false;
-    return !a.set || (a.set->id == b.set->id && a.set->changed == b.set->changed && a.set->slots == b.set->slots);
+    std::string sight = StateName(server.state);
+    if (server.queue)
+        sight += Format(", queue %d of %lld", server.queue->id, static_cast<long long>(server.queue->changed));
+    if (server.set)
+        sight += Format(", set %d of %lld:", server.set->id, static_cast<long long>(server.set->changed));
+    if (server.set && server.set->slots)
+        for (const long pid : *server.set->slots)
+            sight += Format(" %ld", pid);
+    return sight;
 }
 
 static bool IsGone(int error) { return error == EINVAL || error == EIDRM; }
@@ -53,6 +58,8 @@ static ExitCode CodeOf(int error) { return error == EPERM || error == EACCES ? N
 // Why an object is still there.
 static std::string Reason(const char* what, int id, const Owner& owner, int error)
 {
+    if (error == EBUSY)
+        return "a server starts at this moment";
     if (error == EPERM)
         return Format("%s %d belongs to user %u", what, id, static_cast<unsigned>(owner.user));
     return Format("%s %d: %s", what, id, std::strerror(error));
@@ -62,27 +69,26 @@ static std::string Reason(const char* what, int id, const Owner& owner, int erro
 static Cleaning Remove(const Server& server)
 {
     Cleaning done;
-    std::string queue;
     if (server.queue) {
         const int error = RemoveQueue(server.queue->id);
         if (error != 0 && !IsGone(error))
             return Refusal(CodeOf(error), Reason("queue", server.queue->id, server.queue->owner, error));
         done.removedQueue = server.queue->id;
-        queue = Format("removed queue %d (%s)", server.queue->id, Messages(*server.queue).c_str());
+        done.text = Format("removed queue %d (%s)", server.queue->id, Messages(*server.queue).c_str());
     }
     const SemaphoreSet& set = *server.set;
-    const bool isTaken = HasBeenTakenOver(set);
-    const int error = isTaken ? EBUSY : RemoveSet(set.id);
+    const int error = HasBeenTakenOver(set) ? EBUSY : RemoveSet(set.id);
     if (error != 0 && !IsGone(error)) {
-        const std::string reason =
-            isTaken ? "a server starts at this moment" : Reason("semaphore set", set.id, set.owner, error);
+        const std::string reason = Reason("semaphore set", set.id, set.owner, error);
+        if (!server.queue)
+            return Refusal(CodeOf(error), reason);
         done.code = CodeOf(error);
-        done.text = Format("%s, but not all: %s", queue.empty() ? "not cleaned" : queue.c_str(), reason.c_str());
+        done.text += ", but not all: " + reason;
         return done;
     }
     done.removedSet = set.id;
-    done.text = Format("%s semaphore set %d; %s", queue.empty() ? "removed" : (queue + " and").c_str(), set.id,
-                       DeadServer(server.pid).c_str());
+    done.text += server.queue ? " and" : "removed";
+    done.text += Format(" semaphore set %d; %s", set.id, DeadServer(server.pid).c_str());
     return done;
 }
 
@@ -101,7 +107,7 @@ static Cleaning CleanLocked(const std::string& name)
     default: return Refusal(Wrong, RemarkOn(server));
     }
     nanosleep(&Moment, nullptr);
-    if (!IsSame(server, LookAtServer(name)))
+    if (Sight(server) != Sight(LookAtServer(name)))
         return Refusal(Wrong, "a server starts or ends at this moment");
     return Remove(server);
 }
@@ -129,11 +135,12 @@ void WriteText(const std::string& name, const Cleaning& cleaning, std::ostream& 
 void WriteJson(const std::string& name, const Cleaning& cleaning, std::ostream& out)
 {
     const auto id = [](int number) { return number >= 0 ? Cell(int64_t{number}) : Cell(); };
-    WriteJson({{"name", name},
-               {"removed_queue", id(cleaning.removedQueue)},
-               {"removed_set", id(cleaning.removedSet)},
-               {"remark", cleaning.text}},
-              out);
+    Members members;
+    members.emplace_back("name", name);
+    members.emplace_back("removed_queue", id(cleaning.removedQueue));
+    members.emplace_back("removed_set", id(cleaning.removedSet));
+    members.emplace_back("remark", cleaning.text);
+    WriteJson(members, out);
     out << '\n';
 }
 

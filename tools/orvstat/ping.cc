@@ -182,7 +182,9 @@ static Ping Refusal(const Server& server)
 Ping SendPing(const Target& target)
 {
     const Clock::time_point end = Clock::now() + LongestWait;
-    Ping ping = target.host.empty() ? Refusal(LookAtServer(target.name)) : Ping();
+    Ping ping;
+    if (target.host.empty())
+        ping = Refusal(LookAtServer(target.name));
     if (ping.code != Fine)
         return ping;
     const AskerProcess asker(target);
@@ -194,9 +196,11 @@ Ping SendPing(const Target& target)
 
 static std::string Describe(const char* what, const Answer& answer)
 {
-    const std::string bytes = answer.bytes > 0 ? Format(", %u bytes", answer.bytes) : "";
-    return Format("%s after %.1f ms: event %d, status %d%s", what, static_cast<double>(answer.microseconds) / 1000,
-                  answer.event, answer.status, bytes.c_str());
+    std::string text = Format("%s after %.1f ms: event %d, status %d", what,
+                              static_cast<double>(answer.microseconds) / 1000, answer.event, answer.status);
+    if (answer.bytes > 0)
+        text += Format(", %u bytes", answer.bytes);
+    return text;
 }
 
 void WriteText(const Target& target, const Ping& ping, std::ostream& out)
@@ -218,8 +222,8 @@ void WriteJson(const Target& target, const Ping& ping, std::ostream& out)
         return answer ? Cell(int64_t{(*answer).*member}) : Cell();
     };
     add("name", target.name);
-    add("host", target.host.empty() ? Cell() : Cell(target.host));
-    add("service", target.host.empty() ? Cell() : Cell(target.service));
+    add("host", target.host);
+    add("service", target.service);
     add("response_microseconds", number(ping.response, &Answer::microseconds));
     add("response_event", number(ping.response, &Answer::event));
     add("response_status", number(ping.response, &Answer::status));
@@ -227,7 +231,7 @@ void WriteJson(const Target& target, const Ping& ping, std::ostream& out)
     add("acknowledgement_microseconds", number(ping.acknowledgement, &Answer::microseconds));
     add("acknowledgement_event", number(ping.acknowledgement, &Answer::event));
     add("acknowledgement_status", number(ping.acknowledgement, &Answer::status));
-    add("remark", ping.text.empty() ? Cell() : Cell(ping.text));
+    add("remark", ping.text);
     WriteJson(members, out);
     out << '\n';
 }

@@ -8,8 +8,9 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <set>
 #include <sstream>
+#include <utility>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -128,15 +129,13 @@ Blocked AllBlocked()
         if (pid == getpid())
             continue;
         bool isSeen = true;
+        std::set<std::pair<int, bool>> named;
         for (const long thread : NumbersIn(Of(pid, "task"))) {
             std::string line;
             const int error = Read(Of(pid, ("task/" + std::to_string(thread) + "/syscall").c_str()), line);
             isSeen = isSeen && !IsRefusal(error);
             const std::optional<BlockedCall> call = error == 0 ? ReadCall(pid, line) : std::nullopt;
-            const auto isSame = [&](const BlockedCall& other) {
-                return other.pid == pid && other.queue == call->queue && other.sends == call->sends;
-            };
-            if (call && std::none_of(blocked.calls.begin(), blocked.calls.end(), isSame))
+            if (call && named.emplace(call->queue, call->sends).second)
                 blocked.calls.push_back(*call);
         }
         blocked.unseen += !isSeen;

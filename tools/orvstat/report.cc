@@ -60,7 +60,12 @@ static std::string RemarkOnBlocked(size_t senders)
     }
 }
 
-std::string DeadServer(long pid) { return pid > 0 ? Format("server %ld is dead", pid) : "no server is registered"; }
+std::string DeadServer(long pid)
+{
+    if (pid == 0)
+        return "no server is registered";
+    return Format("server %ld is dead", pid);
+}
 
 static std::string RemarkOnStale(const Server& server)
 {
@@ -91,32 +96,62 @@ std::string RemarkOn(const Server& server)
                   static_cast<unsigned>(owner.mode & 0777));
 }
 
-static Cell Pid(long pid) { return pid > 0 ? Cell(int64_t{pid}) : Cell(); }
+// A number that is known if it is not 0.
+static Cell Known(int64_t number)
+{
+    if (number <= 0)
+        return Cell();
+    return Cell(number);
+}
 
-static Cell Moment(int64_t seconds) { return seconds > 0 ? Cell(Time{seconds}) : Cell(); }
+static Cell Moment(int64_t seconds)
+{
+    if (seconds <= 0)
+        return Cell();
+    return Cell(Time{seconds});
+}
+
+// Adds what is said of the queue: as many cells if there is none.
+static void AddQueue(const Server& server, std::vector<Cell>& row)
+{
+    if (!server.queue) {
+        row.resize(row.size() + 8);
+        return;
+    }
+    const Queue& queue = *server.queue;
+    row.emplace_back(queue.messages);
+    row.emplace_back(queue.bytes, server.blockedSenders.empty() ? Tone::Plain : Tone::Bad);
+    row.emplace_back(queue.capacity);
+    row.push_back(Known(queue.blockSize.value_or(0)));
+    row.push_back(Known(queue.lastSender));
+    row.push_back(Moment(queue.sent));
+    row.push_back(Known(queue.lastReceiver));
+    row.push_back(Moment(queue.received));
+}
+
+// The number of an object that may not be there.
+template <class Object>
+static Cell Id(const std::optional<Object>& object)
+{
+    if (!object)
+        return Cell();
+    return Cell(int64_t{object->id});
+}
 
 static std::vector<Cell> RowOf(const Server& server)
 {
-    std::vector<Cell> row = {
-        server.names.empty() ? Cell() : Cell(server.Name()),
-        KeyText(server.key),
-        Cell(std::string(StateName(server.state)), ToneOf(server.state)),
-        Pid(server.pid),
-        server.program.empty() ? Cell() : Cell(server.program),
-        server.queue ? Cell(int64_t{server.queue->id}) : Cell(),
-        server.set ? Cell(int64_t{server.set->id}) : Cell(),
-    };
-    if (server.queue) {
-        const Queue& queue = *server.queue;
-        const bool isFull = !server.blockedSenders.empty();
-        row.insert(row.end(), {queue.messages, Cell(queue.bytes, isFull ? Tone::Bad : Tone::Plain), queue.capacity,
-                               queue.blockSize ? Cell(int64_t{*queue.blockSize}) : Cell(), Pid(queue.lastSender),
-                               Moment(queue.sent), Pid(queue.lastReceiver), Moment(queue.received)});
-    } else {
-        row.resize(row.size() + 8);
-    }
-    const std::string remark = RemarkOn(server);
-    row.insert(row.end(), {server.blockedSenders, server.blockedReceivers, remark.empty() ? Cell() : Cell(remark)});
+    std::vector<Cell> row;
+    row.emplace_back(server.Name());
+    row.emplace_back(KeyText(server.key));
+    row.emplace_back(StateName(server.state), ToneOf(server.state));
+    row.push_back(Known(server.pid));
+    row.emplace_back(server.program);
+    row.push_back(Id(server.queue));
+    row.push_back(Id(server.set));
+    AddQueue(server, row);
+    row.emplace_back(server.blockedSenders);
+    row.emplace_back(server.blockedReceivers);
+    row.emplace_back(RemarkOn(server));
     return row;
 }
 

@@ -69,9 +69,9 @@ static std::vector<std::string> NamesInProgramDirectory()
         return names;
     while (const struct dirent* entry = readdir(open)) {
         struct stat status;
-        const std::string name = entry->d_name;
-        if (stat((ProgramDirectory + name).c_str(), &status) == 0 && S_ISREG(status.st_mode))
-            names.push_back(name);
+        const std::string path = std::string(ProgramDirectory) + entry->d_name;
+        if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
+            names.emplace_back(entry->d_name);
     }
     closedir(open);
     std::sort(names.begin(), names.end());
@@ -180,7 +180,8 @@ std::vector<std::string> KeyFilesOf(const std::string& name)
 {
     const key_t key = ftok_orvm(name.c_str());
     std::set<std::string> files;
-    if (IsPath(name) || ftok((ProgramDirectory + name).c_str(), KeyProject) != key)
+    const std::string path = ProgramDirectory + name;
+    if (IsPath(name) || ftok(path.c_str(), KeyProject) != key)
         files.insert(name);
     const NamesByKey known = KnownNames();
     const auto same = known.find(key);
@@ -192,17 +193,19 @@ std::vector<std::string> KeyFilesOf(const std::string& name)
 
 Server LookAtServer(const std::string& name)
 {
+    const std::vector<std::string> names(1, name);
     const key_t key = ftok_orvm(name.c_str());
     if (key < 0) {
         Server missing;
-        missing.names = {name};
+        missing.names = names;
         return missing;
     }
-    const Server server = Find(key, {name}, AllObjects());
-    if (!IsDoubtful(server))
-        return server;
-    nanosleep(&Moment, nullptr);
-    return Find(key, {name}, AllObjects());
+    Server server = Find(key, names, AllObjects());
+    if (IsDoubtful(server)) {
+        nanosleep(&Moment, nullptr);
+        server = Find(key, names, AllObjects());
+    }
+    return server;
 }
 
 } // namespace orvstat

@@ -9,7 +9,7 @@
 namespace orvstat {
 
 static const char Nothing[] = "-";
-static const char Gap[] = "  ";
+static const size_t Gap = 2; // blanks between two columns
 
 static const char* ColourOf(Tone tone)
 {
@@ -31,7 +31,12 @@ std::string Visible(const std::string& text)
     return visible;
 }
 
-static std::string TextOf(const std::string& value) { return value.empty() ? Nothing : Visible(value); }
+static std::string TextOf(const std::string& value)
+{
+    if (value.empty())
+        return Nothing;
+    return Visible(value);
+}
 
 // Both forms have the same width.
 static std::string TextOf(Time time, int64_t now)
@@ -97,16 +102,24 @@ static std::vector<Line> LinesOf(const Table& table, int64_t now)
     return lines;
 }
 
+static void WriteToned(const std::string& text, Tone tone, std::ostream& out)
+{
+    if (tone == Tone::Plain)
+        out << text;
+    else
+        out << ColourOf(tone) << text << "\033[0m";
+}
+
 static void WriteLine(const Line& line, const std::vector<size_t>& widths, const std::vector<bool>& areNumbers,
                       bool coloured, std::ostream& out)
 {
-    std::string pending; // blanks, which do not end a line
+    size_t pending = 0; // blanks, which do not end a line
     for (size_t i = 0; i < line.texts.size(); i++) {
-        const std::string blanks(widths[i] - line.texts[i].size(), ' ');
-        const bool isToned = coloured && line.tones[i] != Tone::Plain;
-        out << pending << (areNumbers[i] ? blanks : "") << (isToned ? ColourOf(line.tones[i]) : "") << line.texts[i]
-            << (isToned ? "\033[0m" : "");
-        pending = (areNumbers[i] ? "" : blanks) + Gap;
+        const size_t blanks = widths[i] - line.texts[i].size();
+        const size_t before = areNumbers[i] ? blanks : 0;
+        out << std::string(pending + before, ' ');
+        WriteToned(line.texts[i], coloured ? line.tones[i] : Tone::Plain, out);
+        pending = Gap + blanks - before;
     }
     out << '\n';
 }
@@ -147,7 +160,8 @@ std::string JsonText(const std::string& text)
 static std::string JsonOf(const Cell& cell)
 {
     if (const auto* text = std::get_if<std::string>(&cell.value))
-        return JsonText(*text);
+        if (!text->empty())
+            return JsonText(*text);
     if (const auto* number = std::get_if<int64_t>(&cell.value))
         return std::to_string(*number);
     if (const auto* time = std::get_if<Time>(&cell.value))
@@ -175,7 +189,9 @@ void WriteJson(const Table& table, const std::string& indent, std::ostream& out)
             members.emplace_back(table.columns[column].key, table.rows[i][column]);
         WriteJson(members, out);
     }
-    out << (table.rows.empty() ? "]" : "\n" + indent.substr(0, indent.size() / 2) + "]");
+    if (!table.rows.empty())
+        out << '\n' << indent.substr(0, indent.size() / 2);
+    out << ']';
 }
 
 } // namespace orvstat

@@ -19,7 +19,7 @@ struct Time {
 
 enum class Tone { Plain, Good, Doubtful, Bad };
 
-/// A value of a table. Nothing at all is "-" in text and null in JSON.
+/// A value of a table. Nothing at all, and an empty text, are "-" in text and null in JSON.
 struct Cell {
     Cell() = default;
     Cell(const std::string& text, Tone theTone = Tone::Plain) : value(text), tone(theTone) {}
