@@ -56,7 +56,7 @@ std::vector<std::string> ExpectedFrames()
     return {"Discounted(long const*, long) at " + path + "tariff.cc:" + LineOf("tariff.cc", "*rates * items"),
             "TariffOf at " + path + "tariff.cc:" + LineOf("tariff.cc", "= Discounted("),
             "Order::Price(long const*) const at " + path + "orderd.cc:" + LineOf("orderd.cc", "= TariffOf("),
-            "main at " + path + "orderd.cc:" + LineOf("orderd.cc", "= second.Price(")};
+            "main at " + path + "orderd.cc:" + LineOf("orderd.cc", "second.Price(")};
 }
 
 // What orvcrash says, with the paths of the sources from the tree on: a compiler cache may make them relative.
@@ -221,6 +221,18 @@ TEST_F(OrvCrash, NamesTheFramesOfAProgramAtAFixedPlace)
     const ChildResult result = Ask({Crash("orderd_static")});
     EXPECT_EQ(result.exitCode, 0);
     ExpectFrames(result.out);
+}
+
+TEST_F(OrvCrash, NamesTheCallerOfAPointerThatLeadsNowhere)
+{
+    setenv("ORDER_ASKS", "", 1);
+    const std::string file = Crash("orderd");
+    unsetenv("ORDER_ASKS");
+    const std::vector<std::string> frames = Frames(Ask({file}).out);
+    ASSERT_GE(frames.size(), 3u);
+    EXPECT_EQ(frames[0], "") << "no module is at 0";
+    EXPECT_EQ(frames[1], "AskFor at tests/system/victim/tariff.cc:" + LineOf("tariff.cc", "= price()"));
+    EXPECT_EQ(frames[2], ExpectedFrames()[3]);
 }
 
 TEST_F(OrvCrash, ShowsTheReportThatIsAskedFor)

@@ -31,6 +31,6 @@ int main(int argc, char** argv, char** envp)
     ProgInfo::Initialize(argc, argv, envp, "1.0");
     const Order first(4711, 3);
     const Order second(4712, 20);
-    const long price = second.Price(nullptr);
+    const long price = getenv("ORDER_ASKS") != nullptr ? AskFor(nullptr) : second.Price(nullptr);
     return price == 0 ? 0 : 1;
 }

@@ -13,3 +13,9 @@ long TariffOf(const long* rates, long items)
     const long price = Discounted(rates, items);
     return price + 1;
 }
+
+long AskFor(long (*price)())
+{
+    const long answer = price();
+    return answer + 1;
+}

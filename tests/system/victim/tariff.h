@@ -5,4 +5,7 @@
 /// What an order costs: `rates` has the price of one item.
 extern "C" [[gnu::visibility("default")]] long TariffOf(const long* rates, long items);
 
+/// Asks somebody else, who may not be there.
+extern "C" [[gnu::visibility("default")]] long AskFor(long (*price)());
+
 #endif
