@@ -23,7 +23,7 @@ until_true() {
         if "$@" >/dev/null 2>&1; then return 0; fi
         sleep 0.1
     done
-    fail "still not so after 30 seconds: $*"
+    fail "still not so after 300 tries: $*"
 }
 
 touch /opt/orv/bin/orvd

@@ -34,7 +34,7 @@ until_true() {
         if "$@" 2>/dev/null; then return 0; fi
         sleep 0.1
     done
-    fail "still not so after 30 seconds: $*"
+    fail "still not so after 300 tries: $*"
 }
 without_times() { sed -E 's|[0-9]{2}/[0-9]{2}/[0-9]{4} [0-9:]{8}|<time>|g' "$1"; }
 queue_is_there() { "$@" list >/dev/null; }
