@@ -2,7 +2,6 @@
 #include "askerprocess.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <thread>
@@ -17,6 +16,7 @@
 
 namespace orvstat {
 
+static const std::chrono::milliseconds TimeToEndOfItself(50); // for one that has said all
 static const std::chrono::milliseconds TimeToEnd(250);
 static const std::chrono::milliseconds Step(2);
 
@@ -64,6 +64,8 @@ AskerProcess::~AskerProcess()
         close(words);
     if (pid <= 0)
         return;
+    if (HasEnded(pid, Clock::now() + TimeToEndOfItself))
+        return;
     kill(pid, SIGTERM);
     if (HasEnded(pid, Clock::now() + TimeToEnd))
         return;
@@ -73,17 +75,13 @@ AskerProcess::~AskerProcess()
 
 std::optional<Word> AskerProcess::Listen(Clock::time_point end) const
 {
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-        struct pollfd descriptor = {words, POLLIN, 0};
-        const int ready = poll(&descriptor, 1, static_cast<int>(std::max<int64_t>(left, 0)));
-        if (ready < 0 && errno == EINTR)
-            continue;
-        Word word;
-        if (ready <= 0 || read(words, &word, sizeof word) != sizeof word) // a word is written whole
-            return std::nullopt;
-        return word;
-    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+    struct pollfd descriptor = {words, POLLIN, 0};
+    const int ready = poll(&descriptor, 1, static_cast<int>(std::max<int64_t>(left, 0)));
+    Word word;
+    if (ready <= 0 || read(words, &word, sizeof word) != sizeof word) // a word is written whole
+        return std::nullopt;
+    return word;
 }
 
 } // namespace orvstat

@@ -19,7 +19,7 @@ static const std::chrono::milliseconds Step(2);
 static int Lock(int fd, Clock::time_point end)
 {
     while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR)
+        if (errno != EWOULDBLOCK) // signals are held back
             return errno;
         if (Clock::now() >= end)
             return EWOULDBLOCK;

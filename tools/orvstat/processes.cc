@@ -32,11 +32,11 @@ static std::string FirstLine(const std::string& path)
 
 Life LifeOf(long pid)
 {
-    if (pid <= 0 || (kill(static_cast<pid_t>(pid), 0) < 0 && errno == ESRCH))
+    if (kill(static_cast<pid_t>(pid), 0) < 0 && errno == ESRCH)
         return Life::Gone;
     const std::string status = FirstLine(Of(pid, "stat")); // the program's name in it may hold blanks and parentheses
-    const size_t name = status.rfind(')');
-    const char state = name != std::string::npos && name + 2 < status.size() ? status[name + 2] : '?';
+    const size_t name = status.rfind(") ");
+    const char state = name != std::string::npos ? status[name + 2] : '?';
     if (state == 'Z' || state == 'X')
         return Life::Gone;
     return state == 'T' || state == 't' ? Life::Stopped : Life::Runs;

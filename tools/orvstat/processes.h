@@ -15,7 +15,7 @@ enum class Life {
     Gone     // there is none, or it has ended and only waits for its parent to take note
 };
 
-/// A process whose state cannot be read, though it exists, runs.
+/// A process whose state cannot be read, though it exists, runs. REQUIRES: the process id is positive.
 Life LifeOf(long pid);
 
 /// The name of its program, of which the host keeps 15 characters; empty when it cannot be told.

@@ -20,16 +20,8 @@ static const struct timespec Moment = {0, 50 * 1000 * 1000}; // in which a serve
 
 const char* StateName(State state)
 {
-    switch (state) {
-    case State::None: return "none";
-    case State::Up: return "up";
-    case State::Stopped: return "stopped";
-    case State::Starting: return "starting";
-    case State::Stale: return "stale";
-    case State::NoSet: return "no set";
-    case State::Unknown: break;
-    }
-    return "unknown";
+    static const char* const names[] = {"none", "up", "stopped", "starting", "stale", "no set", "unknown"};
+    return names[static_cast<int>(state)]; // in the order of the states
 }
 
 std::string Server::Name() const

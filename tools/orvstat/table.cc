@@ -13,13 +13,8 @@ static const size_t Gap = 2; // blanks between two columns
 
 static const char* ColourOf(Tone tone)
 {
-    switch (tone) {
-    case Tone::Good: return "\033[32m";
-    case Tone::Doubtful: return "\033[33m";
-    case Tone::Bad: return "\033[1;31m";
-    case Tone::Plain: break;
-    }
-    return "";
+    static const char* const colours[] = {"", "\033[32m", "\033[33m", "\033[1;31m"}; // in the order of the tones
+    return colours[static_cast<int>(tone)];
 }
 
 std::string Visible(const std::string& text)
@@ -46,7 +41,7 @@ static std::string TextOf(Time time, int64_t now)
     struct tm today = {};
     localtime_r(&moments[0], &then);
     localtime_r(&moments[1], &today);
-    const bool isToday = then.tm_year == today.tm_year && then.tm_yday == today.tm_yday;
+    const bool isToday = 1000 * then.tm_year + then.tm_yday == 1000 * today.tm_year + today.tm_yday;
     char text[40];
     std::strftime(text, sizeof text, isToday ? "%H:%M:%S" : "%m/%d/%y", &then);
     return text;
