@@ -49,7 +49,7 @@ static void Unlimit()
 // a complaint in what the test captures.
 static bool FilesCanBeWritten()
 {
-    prctl(PR_SET_NAME, zeloo_leaves_counts);
+    prctl(PR_SET_NAME, NameOfLeaving);
     const int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
     if (fd == -1)
         return false;

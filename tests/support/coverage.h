@@ -10,7 +10,7 @@ extern "C" {
 [[gnu::weak]] void zeloo_keep_counts();
 
 /// The name (see prctl) of a process from where it leaves its counts: whoever makes its system calls fail lets it be.
-constexpr char zeloo_leaves_counts[] = "leaves counts";
+constexpr char NameOfLeaving[] = "leaves counts";
 
 /// Lets memory be found again, in tests where it can fail; null in others.
 [[gnu::weak]] void zeloo_let_memory_be();

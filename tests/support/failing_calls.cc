@@ -123,7 +123,7 @@ static bool LeavesCounts(long id)
         return false;
     std::ifstream file("/proc/" + std::to_string(id) + "/comm");
     std::string name;
-    return std::getline(file, name) && name == zeloo_leaves_counts;
+    return std::getline(file, name) && name == NameOfLeaving;
 }
 
 // Whether the call is one of the program under test: not of one that a child became.
