@@ -5,19 +5,12 @@
 # library's. It compiles unchanged and without a warning, with every compiler that is here, shared and static, and says
 # what it said there.
 set -eu
-build=$(cd "$1" && pwd)
-source=$(cd "$2" && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-prefix=$work/usr
+# shellcheck source=tests/system/installed.sh
+. "$(dirname "$0")/installed.sh"
+LD_LIBRARY_PATH=$libraries
+export LD_LIBRARY_PATH
 sandbox=$source/scripts/sandbox
-fail() { echo "old_program_test: $*" >&2; exit 1; }
-
 "$sandbox" true || exit 77
-cmake --install "$build" --prefix "$prefix" >/dev/null
-PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zeloo-svr4.pc)")
-LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libzeloo.so)")
-export PKG_CONFIG_PATH LD_LIBRARY_PATH
 
 cp -R "$source/tests/system/old_program" "$work/watch"
 cd "$work/watch"

@@ -4,15 +4,9 @@
 # compiles alone, CMake's find_package and pkg-config both lead to a program that runs, and the programs printed in
 # README.md are the ones in examples/.
 set -eu
-build=$(cd "$1" && pwd)
-source=$(cd "$2" && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-prefix=$work/usr
+# shellcheck source=tests/system/installed.sh
+. "$(dirname "$0")/installed.sh"
 compiler="${CXX:-c++} -std=c++17 -Wall -Wextra -Wpedantic -Werror"
-fail() { echo "package_test: $*" >&2; exit 1; }
-
-cmake --install "$build" --prefix "$prefix" >/dev/null
 
 echo "== every public header compiles alone"
 cd "$prefix/include/zeloo"
@@ -36,9 +30,6 @@ cmake --build "$work/examples" >/dev/null
 "$work/examples/faultctl" --help >/dev/null
 
 echo "== pkg-config: a program built by hand runs"
-PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zeloo.pc)")
-export PKG_CONFIG_PATH
-libraries=$(dirname "$(find "$prefix" -name libzeloo.so)")
 # shellcheck disable=SC2046 # one word a flag
 $compiler "$source/examples/hello_client.cc" -o "$work/hello_client" $(pkg-config --cflags --libs zeloo)
 LD_LIBRARY_PATH=$libraries "$work/hello_client" >/dev/null 2>&1 && fail "hello_client found a server where none runs"

@@ -3,19 +3,12 @@
 # porting_test BUILD SOURCE: what docs/porting.md prints is true: its Makefile builds the old program, its code compiles,
 # its commands run in a sandbox and find what they are for. What changes the host itself is not run.
 set -eu
-build=$(cd "$1" && pwd)
-source=$(cd "$2" && pwd)
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-prefix=$work/usr
+# shellcheck source=tests/system/installed.sh
+. "$(dirname "$0")/installed.sh"
+LD_LIBRARY_PATH=$libraries
+export LD_LIBRARY_PATH
 sandbox=$source/scripts/sandbox
-fail() { echo "porting_test: $*" >&2; exit 1; }
-
 "$sandbox" env 2>/dev/null | grep -qx ZELOO_SANDBOX=private || exit 77 # the commands make key files
-cmake --install "$build" --prefix "$prefix" >/dev/null
-PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zeloo-svr4.pc)")
-LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libzeloo.so)")
-export PKG_CONFIG_PATH LD_LIBRARY_PATH
 cp -R "$source/tests/system/old_program" "$work/watch"
 cd "$work/watch"
 
