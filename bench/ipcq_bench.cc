@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // A message queue with the library's protocol beside the same bytes over msgsnd and msgrcv alone: a request with its
 // response.
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -24,17 +23,17 @@ public:
     LibraryEnds() : client(0, QueueServer::KeyFile) { IPCMessageMaxDataLen = BlockSize; }
     IPCQClient& Client() { return client; }
     /// The processor time that the server has taken.
-    double ServerMicroseconds() const
+    double ServerSeconds() const
     {
         clockid_t clock;
         Require(clock_getcpuclockid(server.Pid(), &clock) == 0, "clock of the server");
-        return Microseconds(clock);
+        return Seconds(clock);
     }
-    static double Microseconds(clockid_t clock)
+    static double Seconds(clockid_t clock)
     {
         struct timespec time;
         clock_gettime(clock, &time);
-        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_nsec) / 1e3;
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
     }
 
     /// The capacity of the library's queue.
@@ -104,29 +103,23 @@ private:
     RawMessage message;
 };
 
-// The processor time that it took: as a label, since a counter that not all rows have is none to the table's format.
-void Label(benchmark::State& state, const char* who, double microseconds)
-{
-    char label[64];
-    std::snprintf(label, sizeof label, "%s: %.0f us of processor time", who, microseconds);
-    state.SetLabel(label);
-}
-
-// What it costs to wait a second for an answer.
+// The processor time that it costs to wait a second for an answer.
 void SlowAnswer(benchmark::State& state)
 {
     LibraryEnds ends;
     short event;
     Buffer data;
-    const double before = LibraryEnds::Microseconds(CLOCK_PROCESS_CPUTIME_ID);
-    for (auto _ : state)
+    const double before = LibraryEnds::Seconds(CLOCK_PROCESS_CPUTIME_ID);
+    for (auto _ : state) {
         if (ends.Client().send_event_with_response(QueueServer::SlowEvent, nullptr, 0) != 0 ||
             ends.Client().receive_response(event, data) != 0)
             state.SkipWithError("no response");
-    Label(state, "client", LibraryEnds::Microseconds(CLOCK_PROCESS_CPUTIME_ID) - before);
+        state.SetIterationTime(LibraryEnds::Seconds(CLOCK_PROCESS_CPUTIME_ID) - before);
+    }
+    state.SetLabel("processor time of the client");
 }
 
-// What a server costs for which nothing comes, after it has served.
+// The processor time of a server for which nothing comes, after it has served.
 void IdleServer(benchmark::State& state)
 {
     LibraryEnds ends;
@@ -137,14 +130,16 @@ void IdleServer(benchmark::State& state)
             ends.Client().receive_response(event, data) != 0)
             state.SkipWithError("no response");
     sleep(1);
-    const double before = ends.ServerMicroseconds();
-    for (auto _ : state)
+    const double before = ends.ServerSeconds();
+    for (auto _ : state) {
         sleep(static_cast<unsigned>(state.range(0)));
-    Label(state, "server", ends.ServerMicroseconds() - before);
+        state.SetIterationTime(ends.ServerSeconds() - before);
+    }
+    state.SetLabel("processor time of the server");
 }
 
-BENCHMARK(SlowAnswer)->Iterations(1)->UseRealTime();
-BENCHMARK(IdleServer)->ArgName("seconds")->Arg(5)->Iterations(1)->UseRealTime();
+BENCHMARK(SlowAnswer)->Iterations(1)->UseManualTime();
+BENCHMARK(IdleServer)->ArgName("seconds")->Arg(5)->Iterations(1)->UseManualTime();
 
 // The limit of the host on the bytes in a new queue, which the sandbox has for itself.
 class QueueLimit {
