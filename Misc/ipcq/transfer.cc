@@ -19,7 +19,6 @@
 static const long AckSeconds = 300;
 static const long FirstSlice = 1;              // milliseconds: the own mail may be just what fills the queue
 static const long IdleSlice = 100;             // of a server's wait for an event, in which nothing is urgent
-static const long AnswerSlice = 160;           // of a wait for an answer, the first
 static const long PatientSlice = 500;          // of a client that stands in nobody's way: a thousand of them may wait
 static const int64_t GraceMilliseconds = 1000; // in which a stranger puts back what he took off the data channel
 
@@ -226,7 +225,7 @@ public:
     long FirstSlice() const override
     {
         if (partner != 0)
-            return AnswerSlice;
+            return PatientSlice;
         return end.mail.HasToTend() || MoreAreMalformed() ? IdleSlice : 0;
     }
     long LongestSlice() const override { return partner != 0 ? PatientSlice : IdleSlice; }
