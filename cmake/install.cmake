@@ -43,6 +43,9 @@ zeloo_install_unit(relayd COMPONENT tools)
 # The examples are built by who reads them; only a package has them ready to run.
 if(ZELOO_EXAMPLES)
   install(TARGETS faultd faultctl hello_server hello_client RUNTIME COMPONENT examples EXCLUDE_FROM_ALL)
+  install(FILES docs/man/faultctl.1 docs/man/hello_client.1 docs/man/hello_server.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT examples EXCLUDE_FROM_ALL)
+  install(FILES docs/man/faultd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT examples EXCLUDE_FROM_ALL)
   install(FILES packaging/zeloo-examples.tmpfiles DESTINATION lib/tmpfiles.d RENAME zeloo-examples.conf
     COMPONENT examples EXCLUDE_FROM_ALL)
   zeloo_install_unit(faultd COMPONENT examples EXCLUDE_FROM_ALL)

@@ -132,6 +132,15 @@ int WaitForExit(pid_t pid, int seconds)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// Without the line that an emulator of another processor adds when a signal ends what it runs.
+static std::string WithoutEmulator(std::string text)
+{
+    const size_t start = text.rfind("qemu: uncaught target signal ");
+    if (start != std::string::npos)
+        text.erase(start, text.find('\n', start) - start + 1);
+    return text;
+}
+
 ChildResult RunInChild(const std::function<void()>& body, int seconds, const std::function<void(pid_t)>& meanwhile)
 {
     const int out = OpenUnlinkedFile();
@@ -153,7 +162,7 @@ ChildResult RunInChild(const std::function<void()>& body, int seconds, const std
     else
         result.signal = WTERMSIG(status);
     result.out = Contents(out);
-    result.err = Contents(err);
+    result.err = WithoutEmulator(Contents(err));
     close(out);
     close(err);
     return result;

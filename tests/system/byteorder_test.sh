@@ -7,28 +7,8 @@ own=$(cd "$1" && pwd)
 other=$(cd "$2" && pwd)
 shift 2
 emulator=$*
-[ "${ZELOO_SANDBOX:-}" = private ] || { echo "byteorder_test: no sandbox of its own: skipped"; exit 77; }
-
-work=$(mktemp -d)
-pids=
-cleanup() {
-    for pid in $pids; do kill "$pid" 2>/dev/null || true; done
-    for pid in $pids; do wait "$pid" 2>/dev/null || true; done
-    rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "byteorder_test: $*" >&2; cat "$work"/*.log >&2; exit 1; }
-until_true() {
-    for _ in $(seq 300); do
-        if "$@" >/dev/null 2>&1; then return 0; fi
-        sleep 0.1
-    done
-    fail "still not so after 300 tries: $*"
-}
-
-touch /opt/orv/bin/orvd
-echo "orvd 4711/tcp" >>/etc/services
-echo "$(uname -n) full" >/var/orv/data/orvnodes.dat
+# shellcheck source=tests/system/twobuilds.sh
+. "$(dirname "$0")/twobuilds.sh"
 head -c 234567 /dev/urandom >"$work/large" # more than a hundred records
 
 # exchange SERVER CLIENT EARLIER: how a program of the server's and of the client's side is run, up to its path; and how many

@@ -299,7 +299,29 @@ TEST(SignalledContext, HasTheLabelsOfACrashDumpInTheirOrder)
     EXPECT_EQ(result.exitCode, 0);
 }
 
+#if defined(__x86_64__) || defined(__i386__)
+
 #if defined(__x86_64__)
+const uint64_t AccumulatorValue = 0x1111222233334444;
+const size_t SegmentsKept = 2; // of those below
+
+void StopWithKnownRegisters()
+{
+    asm volatile("movabs $0x1111222233334444, %%rax\n\tmov $2, %%ebx\n\tmov $3, %%ecx\n\tmov $4, %%edx\n\t"
+                 "mov $5, %%esi\n\tmov $6, %%edi\n\tmov %%rsp, %%rbp\n\tud2" ::
+                     : "rax", "rbx", "rcx", "rdx", "rsi", "rdi", "memory");
+}
+#else
+const uint64_t AccumulatorValue = 0xf1112222;
+const size_t SegmentsKept = 6;
+
+void StopWithKnownRegisters()
+{
+    asm volatile("mov $0xf1112222, %%eax\n\tmov $2, %%ebx\n\tmov $3, %%ecx\n\tmov $4, %%edx\n\t"
+                 "mov $5, %%esi\n\tmov $6, %%edi\n\tmov %%esp, %%ebp\n\tud2" ::
+                     : "eax", "ebx", "ecx", "edx", "esi", "edi", "memory");
+}
+#endif
 
 TEST(SignalledContext, HoldsWhatTheRegistersHeld)
 {
@@ -310,50 +332,13 @@ TEST(SignalledContext, HoldsWhatTheRegistersHeld)
             if (svr4::signalled_context(&context) != 0)
                 _exit(1);
             const auto value = [&context](const char* label) { return Value(context, label); };
-            if (value("EAX") != 0x1111222233334444 || value("EBX") != 2 || value("ECX") != 3 || value("EDX") != 4 ||
+            if (value("EAX") != AccumulatorValue || value("EBX") != 2 || value("ECX") != 3 || value("EDX") != 4 ||
                 value("ESI") != 5 || value("EDI") != 6)
                 _exit(2);
             if (value("TRAPNO") != 6 || value("ERR") != 0)
                 _exit(3);
             unsigned short instruction; // at any address, so aligned or not
             std::memcpy(&instruction, reinterpret_cast<const void*>(value("EIP")), sizeof instruction);
-            if (instruction != 0x0b0f) // the illegal instruction itself
-                _exit(4);
-            if (value("UESP") != value("ESP") || value("UESP") == 0 || value("EBP") != value("ESP") ||
-                context.stackPointer != value("ESP") || context.framePointer != value("EBP"))
-                _exit(5);
-            unsigned short cs, ss;
-            asm("mov %%cs, %0" : "=r"(cs));
-            asm("mov %%ss, %0" : "=r"(ss));
-            if (value("CS") != cs || value("SS") != ss || value("EFL") == 0)
-                _exit(6);
-            _exit(0);
-        });
-        asm volatile("movabs $0x1111222233334444, %%rax\n\tmov $2, %%ebx\n\tmov $3, %%ecx\n\tmov $4, %%edx\n\t"
-                     "mov $5, %%esi\n\tmov $6, %%edi\n\tmov %%rsp, %%rbp\n\tud2" ::
-                         : "rax", "rbx", "rcx", "rdx", "rsi", "rdi", "memory");
-    });
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-}
-
-#elif defined(__i386__)
-
-TEST(SignalledContext, HoldsWhatTheRegistersHeld)
-{
-    const ChildResult result = RunInChild([] {
-        svr4::use_alternate_stack();
-        svr4::capture_signal(SIGILL, [](int) {
-            svr4::SignalledContext context;
-            if (svr4::signalled_context(&context) != 0)
-                _exit(1);
-            const auto value = [&context](const char* label) { return Value(context, label); };
-            if (value("EAX") != 0xf1112222 || value("EBX") != 2 || value("ECX") != 3 || value("EDX") != 4 ||
-                value("ESI") != 5 || value("EDI") != 6)
-                _exit(2);
-            if (value("TRAPNO") != 6 || value("ERR") != 0)
-                _exit(3);
-            unsigned short instruction;
-            std::memcpy(&instruction, reinterpret_cast<const void*>(context.registers[4]), sizeof instruction);
             if (instruction != 0x0b0f) // the illegal instruction itself
                 _exit(4);
             if (value("UESP") != value("ESP") || value("UESP") == 0 || value("EBP") != value("ESP") ||
@@ -367,14 +352,12 @@ TEST(SignalledContext, HoldsWhatTheRegistersHeld)
             asm("mov %%es, %0" : "=r"(segments[3]));
             asm("mov %%fs, %0" : "=r"(segments[4]));
             asm("mov %%gs, %0" : "=r"(segments[5]));
-            for (int i = 0; i < 6; i++)
+            for (size_t i = 0; i < SegmentsKept; i++)
                 if ((value(labels[i]) & 0xffff) != segments[i]) // the host leaves the upper half to chance
                     _exit(6);
             _exit(value("EFL") != 0 ? 0 : 7);
         });
-        asm volatile("mov $0xf1112222, %%eax\n\tmov $2, %%ebx\n\tmov $3, %%ecx\n\tmov $4, %%edx\n\t"
-                     "mov $5, %%esi\n\tmov $6, %%edi\n\tmov %%esp, %%ebp\n\tud2" ::
-                         : "eax", "ebx", "ecx", "edx", "esi", "edi", "memory");
+        StopWithKnownRegisters();
     });
     EXPECT_EQ(result.exitCode, 0) << result.err;
 }

@@ -103,14 +103,13 @@ inline std::string WithoutDates(const std::string& text)
     return result;
 }
 
-// Standard error without what AddressSanitizer says about stacks that it does not know, and an emulator of a core image.
+// Standard error without what AddressSanitizer says about stacks that it does not know.
 inline std::string WithoutSanitizer(const std::string& text)
 {
     std::string kept;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);)
-        if (line.compare(0, 2, "==") != 0 && line.compare(0, 29, "qemu: uncaught target signal ") != 0 &&
-            line.find("False positive error reports") == std::string::npos &&
+        if (line.compare(0, 2, "==") != 0 && line.find("False positive error reports") == std::string::npos &&
             line.find("For details see https://github.com/google/sanitizers") == std::string::npos)
             kept += line + "\n";
     return kept;
