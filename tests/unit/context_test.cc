@@ -26,6 +26,12 @@ extern "C" const char* __asan_default_options()
 
 namespace {
 
+#if defined(__x86_64__) || defined(__i386__) || defined(__aarch64__)
+const bool KnowsRegisters = true;
+#else
+const bool KnowsRegisters = false; // of this processor all are 0
+#endif
+
 const uintptr_t PageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
 
 uintptr_t Address(const void* p) { return reinterpret_cast<uintptr_t>(p); }
@@ -215,7 +221,7 @@ TEST(CaptureSignal, TheHandlerMayReturn)
             if (after.ss_sp != before.ss_sp || (after.ss_flags & SS_DISABLE) != 0)
                 _exit(5);
         }
-        _exit(svr4::signalled_context(&context) == 0 && context.stackPointer != 0 ? 0 : 6);
+        _exit(svr4::signalled_context(&context) == 0 && (context.stackPointer != 0) == KnowsRegisters ? 0 : 6);
     });
     EXPECT_EQ(result.exitCode, 0);
 }
@@ -231,10 +237,10 @@ TEST(CaptureSignal, AnOverflowOfTheStackIsHandled)
             svr4::SignalledContext context;
             svr4::signalled_context(&context);
             uintptr_t low, high, own;
-            if (svr4::mapping_of(context.framePointer, &low, &high) != 0)
-                _exit(1);
             const uintptr_t here = Address(__builtin_frame_address(0));
-            if (here >= low && here < high)
+            if (KnowsRegisters && svr4::mapping_of(context.framePointer, &low, &high) != 0)
+                _exit(1);
+            if (KnowsRegisters && here >= low && here < high)
                 _exit(2);
             if (svr4::mapping_of(here, &own, &high) != 0 || high - own < 256 * 1024)
                 _exit(3);
