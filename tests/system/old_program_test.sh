@@ -33,8 +33,9 @@ builds_and_runs() {
 
 builds_and_runs "${CXX:-c++}, shared" CXX="${CXX:-c++}"
 builds_and_runs "${CXX:-c++}, static" CXX="${CXX:-c++}" LDLIBS="$(find "$prefix" -name libzeloo.a)"
+case ${CXX:-c++} in *" -m32") width=" -m32" ;; *) width= ;; esac
 if command -v clang++ >/dev/null; then
-    builds_and_runs "clang++, shared" CXX=clang++ CC=clang
+    builds_and_runs "clang++$width, shared" CXX="clang++$width" CC="clang$width"
 fi
 
 echo "== every header compiles alone and behind the host's, in C and C++, and so do the library's behind them"
@@ -43,10 +44,10 @@ cd "$prefix/include/zeloo-svr4"
 for header in *.h sys/*.h; do
     echo "#include <$header>" >"$work/header.cc"
     cat "$work/header.cc" "$work/header.cc" >"$work/header.c"
-    for compiler in ${CXX:-c++} clang++; do
-        command -v "$compiler" >/dev/null || continue
+    for compiler in "${CXX:-c++}" "clang++$width"; do
+        command -v "${compiler%% *}" >/dev/null || continue
         # shellcheck disable=SC2086 # one word a flag
-        "$compiler" -std=c++17 $flags "$work/header.cc" || fail "$header, $compiler"
+        $compiler -std=c++17 $flags "$work/header.cc" || fail "$header, $compiler"
     done
     case $header in iostream.h | fstream.h | iomanip.h) continue ;; esac
     for standard in gnu17 c17 gnu89 c89; do
