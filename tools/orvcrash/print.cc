@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // The text that a reader sees.
-#include <algorithm>
 #include <iomanip>
 
 #include "case.h"
@@ -113,12 +112,13 @@ void Printer::PrintSteps()
     Section("Frames");
     const size_t first = shown.steps.size() - report.frames.size(); // where the signal found the program
     size_t number = 0;
-    for (size_t i = 0; i < shown.steps.size(); i++) {
+    for (size_t i = 0; i <= shown.steps.size(); i++) {
         if (report.framesLeftOut != 0 && i == first + report.leftOutBehind) {
             out << "       " << report.framesLeftOut << " frames left out\n";
-            number += static_cast<size_t>(std::max(0L, report.framesLeftOut));
+            number += report.framesLeftOut;
         }
-        PrintStep(number++, shown.steps[i]);
+        if (i < shown.steps.size())
+            PrintStep(number++, shown.steps[i]);
     }
 }
 
@@ -161,7 +161,7 @@ void Printer::PrintAll()
     PrintHead();
     if (!report.registers.empty())
         PrintRegisters();
-    if (!shown.steps.empty())
+    if (!shown.steps.empty() || report.framesLeftOut != 0)
         PrintSteps();
     if (!shown.block.modules.empty())
         PrintModules();

@@ -77,9 +77,11 @@ bool Reader::TakeFrame(std::string_view line)
 {
     std::string_view address;
     Frame frame;
+    long number;
     if (TakePrefix(line, "\t ")) {
-        if (!TakeUntil(line, " frame(s) left out", &address) || !ReadDecimal(address, &report.framesLeftOut))
+        if (!TakeUntil(line, " frame(s) left out", &address) || !ReadDecimal(address, &number) || number <= 0)
             return false;
+        report.framesLeftOut = static_cast<size_t>(number);
         report.leftOutBehind = report.frames.size();
         return true;
     }

@@ -39,7 +39,7 @@ struct Report {
     std::vector<std::pair<std::string, uint64_t>> registers;
     bool hasFrames = false;
     std::vector<Frame> frames;
-    long framesLeftOut = 0;   // by the capture, of a deep recursion
+    size_t framesLeftOut = 0; // by the capture, of a deep recursion
     size_t leftOutBehind = 0; // this number of frames
     std::string stackHeading; // empty without a stack
     std::vector<std::string> stackRows;
