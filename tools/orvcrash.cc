@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // Shows the crash files that MonitoredObject leaves. Nothing in them, nor in the maps beside them, is believed without a
 // look. Needs nothing of this library, and so runs where a file was brought to.
-#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -32,20 +32,35 @@ static const char Usage[] =
 
 namespace {
 
+const long All = 0; // reports, in place of the number of one
+const long Last = -1;
+
 struct Settings {
     std::string file, map, root;
-    std::string report = "last";
+    long report = Last;
     bool isJson = false;
 };
+
+bool ReadReportOption(const std::string& text, long* report)
+{
+    if (text == "last")
+        *report = Last;
+    else if (text == "all")
+        *report = All;
+    else
+        return ReadDecimal(text, report) && *report > 0;
+    return true;
+}
 
 // Reads the arguments; false when they are wrong.
 bool ReadOptions(int argc, char** argv, Settings* settings)
 {
+    std::string report = "last";
     for (int i = 1; i < argc; i++) {
         const std::string argument = argv[i];
         std::string* value = argument == "--map"      ? &settings->map
                              : argument == "--root"   ? &settings->root
-                             : argument == "--report" ? &settings->report
+                             : argument == "--report" ? &report
                                                       : nullptr;
         if (value != nullptr) {
             if (++i == argc || *argv[i] == '\0')
@@ -59,10 +74,7 @@ bool ReadOptions(int argc, char** argv, Settings* settings)
             settings->file = argument;
         }
     }
-    long number = 0;
-    const std::string& report = settings->report;
-    return !settings->file.empty() &&
-           (report == "last" || report == "all" || (ReadDecimal(report, &number) && number > 0));
+    return !settings->file.empty() && ReadReportOption(report, &settings->report);
 }
 
 int Fail(const std::string& text)
@@ -72,26 +84,19 @@ int Fail(const std::string& text)
 }
 
 // Which reports are asked for: from `*from` on, below `*to`. False when there is none.
-bool Choose(const std::string& report, size_t count, size_t* from, size_t* to)
+bool Choose(long report, size_t count, size_t* from, size_t* to)
 {
-    *from = 0;
-    *to = count;
-    long number = 0;
-    if (report == "last") {
-        *from = count - 1;
-    } else if (report != "all") {
-        if (!ReadDecimal(report, &number) || static_cast<unsigned long>(number) > count)
-            return false;
-        *to = static_cast<size_t>(number);
-        *from = *to - 1;
-    }
-    return true;
+    *to = report > 0 ? static_cast<size_t>(report) : count;
+    *from = report == All ? 0 : *to - 1;
+    return *to <= count;
 }
 
 // Reads report `number`, from 0 on, and what the map says of it.
 Case ReadCase(const ReportFile& reports, size_t number, const ReportFile* map, const Settings& settings)
 {
-    Case result = {number + 1, reports.Count(), {}, {}, "", {}, {}};
+    Case result;
+    result.number = number + 1;
+    result.count = reports.Count();
     bool isCut = false;
     result.report = ReadReport(reports.Text(number, &isCut));
     if (isCut)
@@ -152,10 +157,13 @@ int Show(Settings settings)
             std::cout << "\n\n";
         Print(one, inColour, std::cout);
     }
+    if (!map.Problem().empty())
+        settings.map.clear();
     if (settings.isJson)
-        PrintJson(settings.file, map.Problem().empty() ? settings.map : "", reports.Count(), cases, std::cout);
-    std::cout.flush();
-    return std::cout ? 0 : Fail("the output could not be written");
+        PrintJson(settings.file, settings.map, reports.Count(), cases, std::cout);
+    if (std::cout.flush())
+        return 0;
+    return Fail("the output could not be written");
 }
 
 } // namespace
@@ -163,6 +171,7 @@ int Show(Settings settings)
 int main(int argc, char** argv)
 {
     setenv("LC_ALL", "C", 1); // for the programs whose output is read
+    signal(SIGCHLD, SIG_DFL); // how they end is asked
     if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
         std::cout << Usage;
         return 0;

@@ -314,6 +314,8 @@ TEST_F(OrvCrashInput, ObjectsAreShownAsTheyBeginAndEnd)
                 among = {"  the report ends among the objects"};
     const std::string begin = Heading + DumpLine + Registers + FrameLines + Stack + "\nMonitored Objects: \n";
     EXPECT_EQ(Warnings(begin + Begin("3") + "a\n"), within);
+    const std::string cut = Heading + DumpLine + Registers + "*** The rest is left out: signal 11 ***\n";
+    EXPECT_EQ(Warnings(cut + "Monitored Objects: \n" + Begin("3") + "a\n"), Texts()) << "it has said so before";
     EXPECT_EQ(Warnings(begin + "*** Begin dump of object tag: 3"), within) << "nothing is behind its beginning";
     EXPECT_EQ(Warnings(begin + Begin("3") + "a" + End("3")), among);
     EXPECT_EQ(Warnings(begin), among);
@@ -339,6 +341,8 @@ TEST_F(OrvCrashInput, FramesThatWereLeftOutAreCounted)
               Texts({at0, count, "  #5001        08048031"}));
     const std::string json = Shown(before + first + leftOut + second + behind, {"--json"});
     EXPECT_EQ(CountOf(json, ",\"frames_left_out\":5000,"), 1) << json;
+    EXPECT_EQ(Section(Shown(before + first + "bp=bf000030\tip=00000000\n" + behind), "Frames"),
+              Texts({at0, at1, "  #2           00000000"}));
 }
 
 // The first row of the stack has the caller of a pointer that leads nowhere.
@@ -361,7 +365,7 @@ TEST_F(OrvCrashInput, TheCallerIsTakenFromTheTopOfTheStackOnly)
     for (const char* top : {"", "bf00000c", "bf000020", "bf000012", "7f00bf000010"})
         EXPECT_EQ(second(top, row), "") << top;
     for (const char* damaged :
-         {"", "\t dup 2\n", "bf000010: 08000010\n", "bf000010: 08000010 08000011 08000012 08000013\n",
+         {"", "\t dup 2\n", "\t dup 2: 1\n", "bf000010: 08000010\n", "bf000010: 08000010 08000011 08000012 08000013\n",
           "bf000010: 08000010 x 08000012 08000013 [    ]\n", "bf000010: 7f000010 08000011 08000012 08000013 [    ]\n"})
         EXPECT_EQ(second("bf000010", damaged), "") << damaged;
     // Addresses of 64 bits: the lower half first, or the upper one.

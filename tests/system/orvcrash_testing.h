@@ -26,13 +26,15 @@ inline const std::string Data = "/var/orv/data/";
 inline const std::string Programs = "/opt/orv/bin/";
 inline const std::string Segv = std::to_string(SIGSEGV);
 
-inline bool Has(const std::string& program)
+/// The path of a program of the host; empty when it is not there.
+inline std::string PathOf(const std::string& program)
 {
     for (const char* directory : {"/usr/bin/", "/bin/", "/usr/local/bin/"})
         if (access((directory + program).c_str(), X_OK) == 0)
-            return true;
-    return false;
+            return directory + program;
+    return "";
 }
+inline bool Has(const std::string& program) { return !PathOf(program).empty(); }
 
 inline void Copy(const std::string& from, const std::string& to)
 {

@@ -24,7 +24,7 @@ struct Step {
 
 /// What is known of one report.
 struct Case {
-    size_t number, count; // from 1 on, of so many
+    size_t number = 0, count = 0; // from 1 on, of so many
     Report report;
     ModuleBlock block;
     std::string mapProblem;             // why there are no modules

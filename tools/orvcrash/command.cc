@@ -15,15 +15,17 @@
 namespace orvcrash {
 
 static const time_t Patience = 60; // seconds
+static const time_t TimeToEnd = 5; // seconds, of a program that has closed its output
 static const size_t MostOutput = 256 * 1024 * 1024;
 
-bool HasProgram(const std::string& name)
+bool HasProgram(const char* name)
 {
     const char* const path = getenv("PATH");
     std::string rest = path != nullptr ? path : "/usr/bin:/bin";
     while (!rest.empty()) {
         const size_t end = rest.find(':');
-        if (end != 0 && access((rest.substr(0, end) + "/" + name).c_str(), X_OK) == 0)
+        const std::string file = rest.substr(0, end) + "/" + name;
+        if (end != 0 && access(file.c_str(), X_OK) == 0)
             return true;
         rest.erase(0, end == std::string::npos ? rest.size() : end + 1);
     }
@@ -51,9 +53,9 @@ static bool Collect(int fd, std::string* output)
         if (found <= 0)
             return false;
         const ssize_t n = read(fd, block, sizeof block);
-        if (n == 0)
-            return true;
-        if (n < 0 || output->size() + static_cast<size_t>(n) > MostOutput)
+        if (n <= 0)
+            return n == 0;
+        if (output->size() + static_cast<size_t>(n) > MostOutput)
             return false;
         output->append(block, static_cast<size_t>(n));
     }
@@ -78,6 +80,21 @@ static pid_t Start(const std::vector<std::string>& arguments, int output)
     return failure == 0 ? pid : -1;
 }
 
+// Waits for a program, and kills one that gives no more output that is wanted and goes on. Whether it has succeeded.
+static bool HasSucceeded(pid_t pid, bool isWanted)
+{
+    const time_t until = isWanted ? Seconds() + TimeToEnd : 0;
+    const struct timespec moment = {0, 1000000};
+    int status;
+    pid_t ended;
+    while ((ended = waitpid(pid, &status, WNOHANG)) == 0) {
+        if (Seconds() >= until)
+            kill(pid, SIGKILL);
+        nanosleep(&moment, nullptr);
+    }
+    return ended == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 bool Run(const std::vector<std::string>& arguments, std::string* output)
 {
     output->clear();
@@ -86,17 +103,9 @@ bool Run(const std::vector<std::string>& arguments, std::string* output)
         return false;
     const pid_t pid = Start(arguments, ends[1]);
     close(ends[1]);
-    bool isWhole = pid > 0 && Collect(ends[0], output);
+    const bool isWhole = pid > 0 && Collect(ends[0], output);
     close(ends[0]);
-    if (pid > 0) {
-        if (!isWhole)
-            kill(pid, SIGKILL);
-        int status;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR)
-            continue;
-        isWhole = isWhole && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    }
-    return isWhole;
+    return pid > 0 && HasSucceeded(pid, isWhole) && isWhole;
 }
 
 } // namespace orvcrash

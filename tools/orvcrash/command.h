@@ -9,10 +9,11 @@
 namespace orvcrash {
 
 /// Whether a program of this name is on the PATH.
-bool HasProgram(const std::string& name);
+bool HasProgram(const char* name);
 
 /// Runs a program of the PATH without input and without its complaints, and puts what it writes to standard output into
-/// `output`. False when it cannot be run, fails, takes longer than a minute or writes more than 256 MB; it is killed then.
+/// `output`. False when it cannot be run, fails, takes longer than a minute, writes more than 256 MB or goes on behind its output; it
+/// is killed then. The ends of children must not be ignored (SIGCHLD).
 bool Run(const std::vector<std::string>& arguments, std::string* output);
 
 } // namespace orvcrash

@@ -52,23 +52,42 @@ std::string Texts(const std::vector<std::string>& texts)
     return list.Text();
 }
 
-std::string OrNull(const std::string& text) { return text.empty() ? "null" : Quoted(text); }
+std::string OrNull(const std::string& text)
+{
+    if (text.empty())
+        return "null";
+    return Quoted(text);
+}
+
+std::string OrNull(long number)
+{
+    if (number == 0)
+        return "null";
+    return std::to_string(number);
+}
 
 void AddPlace(const Place& place, List* list)
 {
     list->Add("function", OrNull(place.function));
     list->Add("file", OrNull(place.file));
-    list->Add("line", place.line != 0 ? std::to_string(place.line) : "null");
+    list->Add("line", OrNull(place.line));
 }
 
 std::string StepText(const Step& step, const std::vector<Module>& modules)
 {
     List list('{', '}');
     list.Add("address", Number(step.address));
-    list.Add("frame", step.frame ? Number(*step.frame) : "null");
     const Name& name = step.name;
-    list.Add("module", name.module >= 0 ? Quoted(modules[name.module].path) : "null");
-    list.Add("offset", name.module >= 0 ? Number(name.offset) : "null");
+    std::string frame = "null", module = "null", offset = "null";
+    if (step.frame)
+        frame = Number(*step.frame);
+    if (name.module >= 0) {
+        module = Quoted(modules[name.module].path);
+        offset = Number(name.offset);
+    }
+    list.Add("frame", frame);
+    list.Add("module", module);
+    list.Add("offset", offset);
     AddPlace(name.places.empty() ? Place() : name.places[0], &list);
     List inlined('[', ']');
     for (size_t i = 1; i < name.places.size(); i++) {
@@ -114,13 +133,17 @@ std::string Elements(const std::vector<Element>& elements, const Text& text)
 void AddHeading(const Case& shown, List* list)
 {
     const Report& report = shown.report;
-    const bool is = report.hasHeading;
     list->Add("number", std::to_string(shown.number));
-    list->Add("date", is ? Quoted(report.heading.date) : "null");
-    list->Add("signal", is ? std::to_string(report.heading.signal) : "null");
-    list->Add("signal_name", is ? Quoted(SignalName(report.heading.signal)) : "null");
-    list->Add("command", is ? Quoted(report.heading.command) : "null");
-    list->Add("pid", shown.block.pid != 0 ? std::to_string(shown.block.pid) : "null");
+    if (report.hasHeading) {
+        list->Add("date", Quoted(report.heading.date));
+        list->Add("signal", std::to_string(report.heading.signal));
+        list->Add("signal_name", Quoted(SignalName(report.heading.signal)));
+        list->Add("command", Quoted(report.heading.command));
+    } else {
+        for (const char* name : {"date", "signal", "signal_name", "command"})
+            list->Add(name, "null");
+    }
+    list->Add("pid", OrNull(shown.block.pid));
 }
 
 std::string CaseText(const Case& shown)

@@ -137,7 +137,7 @@ Names::Names(const std::vector<Module>& modules_p, std::string root_p)
     : modules(modules_p), root(std::move(root_p)), sources(modules_p.size()), found(modules_p.size())
 {
     for (const char* program : {"addr2line", "readelf", "nm"})
-        if (!HasProgram(program) && problem.empty())
+        if (problem.empty() && !HasProgram(program))
             problem = std::string("no names: ") + program + " (binutils) is not here";
 }
 
@@ -157,15 +157,16 @@ bool Names::IsFileOf(const Module& module, const std::string& path, bool needsId
     const std::string id = BuildIdOf(path);
     if (id == module.buildId)
         return true;
-    source->problem = path + " is another one, and is not used: its build id is " + (id.empty() ? "missing" : id) +
-                      ", not " + (module.buildId.empty() ? "missing" : module.buildId);
+    const auto shown = [](const std::string& buildId) { return buildId.empty() ? "missing" : buildId.c_str(); };
+    source->problem =
+        path + " is another one, and is not used: its build id is " + shown(id) + ", not " + shown(module.buildId);
     return false;
 }
 
 // The file with the names of a module, or an empty text.
 std::string Names::FindFile(const Module& module, Source* source) const
 {
-    static const std::string deleted = " (deleted)"; // how the host names a program that has been replaced
+    constexpr std::string_view deleted = " (deleted)"; // how the host names a program that has been replaced
     std::string path = module.path;
     if (path.size() > deleted.size() && path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0)
         path.resize(path.size() - deleted.size());
@@ -192,8 +193,7 @@ std::string Names::FindFile(const Module& module, Source* source) const
 void Names::FindIn(size_t module, const std::vector<uint64_t>& offsets)
 {
     Source& source = sources[module];
-    if (source.used.empty() && source.problem.empty())
-        source.used = FindFile(modules[module], &source);
+    source.used = FindFile(modules[module], &source);
     if (source.used.empty())
         return;
     source.problem.clear(); // of what was tried before

@@ -34,7 +34,7 @@ public:
     /// The modules must live as long. `root`, which may be empty, stands before all paths.
     Names(const std::vector<Module>& modules_p, std::string root_p);
 
-    /// Looks the names of these addresses up, for Of.
+    /// Looks the names of these addresses up, for Of. To be called once.
     void Find(const std::vector<uint64_t>& addresses);
     /// What Find has found.
     Name Of(uint64_t address) const;

@@ -22,7 +22,9 @@ private:
     // In colour, if there is one.
     std::string Marked(const char* colour, const std::string& text) const
     {
-        return inColour ? colour + text + "\033[0m" : text;
+        if (!inColour)
+            return text;
+        return colour + text + "\033[0m";
     }
     void Warn(const std::string& text) { out << "  " << Marked("\033[31m", Printable(text)) << '\n'; }
 
@@ -55,10 +57,12 @@ void Printer::PrintHead()
     if (report.hasHeading)
         title += ": " + report.heading.date + ", " + SignalName(report.heading.signal);
     out << Marked("\033[1m", title) << '\n';
-    const std::string text = SignalText(report.heading.signal);
-    if (report.hasHeading)
-        out << "  signal   " << report.heading.signal << (text.empty() ? "" : " (" + text + ")") << "\n  command  "
-            << Printable(report.heading.command) << '\n';
+    if (report.hasHeading) {
+        out << "  signal   " << report.heading.signal;
+        if (const std::string text = SignalText(report.heading.signal); !text.empty())
+            out << " (" << text << ')';
+        out << "\n  command  " << Printable(report.heading.command) << '\n';
+    }
     if (shown.block.pid != 0)
         out << "  process  " << shown.block.pid << '\n';
     if (!shown.mapProblem.empty())
@@ -82,9 +86,14 @@ void Printer::PrintRegisters()
 
 std::string Located(const Place& place)
 {
-    std::string text = place.function.empty() ? "??" : place.function;
-    if (!place.file.empty())
-        text += " at " + place.file + (place.line != 0 ? ":" + std::to_string(place.line) : "");
+    std::string text = "??";
+    if (!place.function.empty())
+        text = place.function;
+    if (!place.file.empty()) {
+        text += " at " + place.file;
+        if (place.line != 0)
+            text += ":" + std::to_string(place.line);
+    }
     return Printable(text);
 }
 
@@ -102,7 +111,10 @@ void Printer::PrintStep(size_t number, const Step& step)
         out << "  " << Printable(path) << "+0x" << std::hex << name.offset << std::dec << '\n';
         return;
     }
-    out << "  " << Located(name.places[0]) << (name.places[0].file.empty() ? " in " + Printable(path) : "") << '\n';
+    out << "  " << Located(name.places[0]);
+    if (name.places[0].file.empty())
+        out << " in " << Printable(path);
+    out << '\n';
     for (size_t i = 1; i < name.places.size(); i++)
         out << std::string(25, ' ') << "inlined in " << Located(name.places[i]) << '\n';
 }
@@ -150,10 +162,12 @@ void Printer::PrintObjects()
     Section("Objects");
     for (const std::string& line : report.objectLines)
         out << "  " << Printable(line) << '\n';
-    for (const Object& object : report.objects)
-        out << "\n  " << Marked("\033[1m", "object " + std::to_string(object.tag))
-            << (object.isWhole ? "" : Marked("\033[31m", " (not whole)")) << '\n'
-            << Indented(object.text);
+    for (const Object& object : report.objects) {
+        out << "\n  " << Marked("\033[1m", "object " + std::to_string(object.tag));
+        if (!object.isWhole)
+            out << Marked("\033[31m", " (not whole)");
+        out << '\n' << Indented(object.text);
+    }
 }
 
 void Printer::PrintAll()

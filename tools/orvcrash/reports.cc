@@ -147,7 +147,7 @@ void Reader::EndObject(bool isWhole)
     isOpen = false;
     Object& object = report.objects.back();
     object.isWhole = isWhole;
-    if (!object.text.empty() && object.text.back() == '\n') // before the line that ends it
+    if (!object.text.empty()) // the line end before the line that ends it
         object.text.pop_back();
 }
 

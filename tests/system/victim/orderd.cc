@@ -31,6 +31,7 @@ int main(int argc, char** argv, char** envp)
     ProgInfo::Initialize(argc, argv, envp, "1.0");
     const Order first(4711, 3);
     const Order second(4712, 20);
-    const long price = getenv("ORDER_ASKS") != nullptr ? AskFor(nullptr) : second.Price(nullptr);
+    const char* const asks = getenv("ORDER_ASKS");
+    const long price = asks == nullptr ? second.Price(nullptr) : AskFor(*asks == '\0' ? nullptr : HalfTariff);
     return price == 0 ? 0 : 1;
 }
