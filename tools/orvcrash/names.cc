@@ -166,7 +166,7 @@ bool Names::IsFileOf(const Module& module, const std::string& path, bool needsId
 // The file with the names of a module, or an empty text.
 std::string Names::FindFile(const Module& module, Source* source) const
 {
-    constexpr std::string_view deleted = " (deleted)"; // how the host names a program that has been replaced
+    const std::string_view deleted = " (deleted)"; // how the host names a program that has been replaced
     std::string path = module.path;
     if (path.size() > deleted.size() && path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0)
         path.resize(path.size() - deleted.size());
