@@ -343,6 +343,10 @@ TEST_F(OrvCrashInput, FramesThatWereLeftOutAreCounted)
     EXPECT_EQ(CountOf(json, ",\"frames_left_out\":5000,"), 1) << json;
     EXPECT_EQ(Section(Shown(before + first + "bp=bf000030\tip=00000000\n" + behind), "Frames"),
               Texts({at0, at1, "  #2           00000000"}));
+    WriteFile(map, "\n" + Heading + "pid=7\tmodules=1\nlow=0\thigh=8048021\tbias=0\tbuildid=\tpath=billd\n");
+    EXPECT_EQ(Section(Shown(before + first + "bp=bf000030\tip=00000000\n" + behind), "Frames"),
+              Texts({at0 + "  billd+0x8048010", at1 + "  billd+0x8048021", "  #2           00000000  billd+0x0"}))
+        << "a return address behind the last call of the module is in it";
 }
 
 // The first row of the stack has the caller of a pointer that leads nowhere.

@@ -302,7 +302,7 @@ TEST_F(OrvCrashNames, AProgramThatFailsCostsNamesOnly)
             frame = Unnamed(frame);
         return shown;
     };
-    const std::string answer = "echo 0x1; echo f; echo x.cc:1; ";
+    const std::string answer = PathOf("addr2line") + " \"$@\"\n";
     Replace("addr2line", answer + "exit 1\n");
     EXPECT_EQ(frames(), exported);
     Replace("addr2line", answer + "kill -TERM $$\n");
@@ -336,8 +336,8 @@ TEST_F(OrvCrashNames, AProgramThatGoesOnBehindItsOutputIsStopped)
 TEST_F(OrvCrashNames, AProgramThatWritesWithoutEndIsStopped)
 {
     Replace("readelf", "");
-    Replace("addr2line",
-            "echo 0x1234; echo f; echo x.cc:1; exec /usr/bin/yes 0123456789012345678901234567890123456789\n");
+    Replace("addr2line", "trap '' PIPE\necho 0x1234; echo f; echo x.cc:1\n"
+                         "/usr/bin/yes 0123456789012345678901234567890123456789\nexit 0\n");
     const Texts frames = Frames(Shown({Made()}));
     ASSERT_EQ(frames.size(), 1u);
     EXPECT_EQ(Replaced(frames[0], path.Path().c_str(), ""), "/billd+0x1234");
