@@ -382,8 +382,8 @@ std::string Lasting(const std::string& text)
         const size_t end = std::min(text.find('\n', at), text.size() - 1);
         const std::string line = text.substr(at, end - at);
         at = end + 1;
-        const bool isOther = line.find("/usr/lib/") != std::string::npos ||
-                             line.find("linux-vdso") != std::string::npos ||
+        const bool isOther = line.find(" /usr/lib") != std::string::npos ||
+                             line.find("  linux-") != std::string::npos || // linux-vdso.so.1, linux-gate.so.1
                              line.find("__libc_start") != std::string::npos || line == "  ...";
         const bool isRow = line.find("\t dup ") != std::string::npos ||
                            (!line.empty() && Replaced(line, "^  [0-9a-f]+: [0-9a-f]{8} .*$", "").empty());
