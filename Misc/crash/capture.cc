@@ -237,8 +237,9 @@ static int OpenCrashFile(int sig)
 static void WriteHeading(std::ostream& file)
 {
     file << reportDate << ". SIGNAL " << lastSignal << " detected. ProgInfo=";
-    for (int i = 0; i < ProgInfo::Getargc(); i++)
-        file << ProgInfo::Getargv()[i] << ' ';
+    char* const* const argv = ProgInfo::Getargv();
+    for (int i = 0; i < ProgInfo::Getargc() && argv[i] != nullptr; i++) // the program may have changed them
+        file << argv[i] << ' ';
     file << '\n';
 }
 

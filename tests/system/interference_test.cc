@@ -102,8 +102,8 @@ protected:
     {
         if (!InSandbox())
             GTEST_SKIP() << "needs a private /var and /opt/orv/bin";
-        char name[] = "interference";
-        char* arguments[] = {name, nullptr};
+        static char name[] = "interference";
+        static char* arguments[] = {name, nullptr};
         ProgInfo::Initialize(1, arguments, arguments + 1, "1.0");
         MakeKeyFile(Server);
     }

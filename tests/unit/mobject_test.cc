@@ -417,6 +417,19 @@ TEST_F(Capture, ReportsAccumulate)
     unlink(CrashFile("twice").c_str());
 }
 
+TEST_F(Capture, AnArgumentThatTheProgramHasTakenOutIsNotMissed)
+{
+    const Crash crash = CrashAs("taken", [] {
+        const_cast<char**>(ProgInfo::Getargv())[1] = nullptr;
+        MonitoredObject object;
+        WriteToNull();
+    });
+    const std::string heading = "\nDATE. SIGNAL 11 detected. ProgInfo=/opt/orv/bin/taken \n";
+    EXPECT_EQ(crash.report.substr(0, heading.size()), heading);
+    EXPECT_NE(crash.report.find("\nStack: 0x"), std::string::npos);
+    unlink(CrashFile("taken").c_str());
+}
+
 TEST_F(Capture, ALargeFileIsMovedAway)
 {
     const std::string name = CrashFile("large");

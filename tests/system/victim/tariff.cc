@@ -2,7 +2,7 @@
 // The shared object of orderd.
 #include "tests/system/victim/tariff.h"
 
-static long Discounted(const long* rates, long items)
+[[gnu::noinline]] static long Discounted(const long* rates, long items)
 {
     const long price = *rates * items;
     return items > 10 ? price - price / 10 : price;
