@@ -64,7 +64,7 @@ Block* NewBlock()
 
 void GiveBack(Block* block)
 {
-    if (block != nullptr)
+    if (block->size != 0)
         munmap(block, block->size);
 }
 
@@ -137,7 +137,7 @@ BuildId BuildIdOf(const struct dl_phdr_info& info)
 // The path of a module; of the program where `name` is empty. `place` has room for PATH_MAX bytes.
 const char* PathOf(const char* name, char* place)
 {
-    if (name == nullptr || *name == '\0') {
+    if (*name == '\0') {
         const ssize_t length = readlink("/proc/self/exe", place, PATH_MAX - 1);
         if (length >= 0) {
             place[length] = '\0';
@@ -150,19 +150,17 @@ const char* PathOf(const char* name, char* place)
     return realpath(name, place) != nullptr ? place : name;
 }
 
+// From the first segment to the last, as the loader reserves them: they stand in the order of their addresses.
 void FindBounds(const struct dl_phdr_info& info, Module* module)
 {
-    module->low = UINTPTR_MAX;
-    module->high = 0;
     for (int i = 0; i < info.dlpi_phnum; i++) {
         const ElfW(Phdr)& load = info.dlpi_phdr[i];
         if (load.p_type != PT_LOAD)
             continue;
         const uintptr_t low = info.dlpi_addr + load.p_vaddr;
-        if (low < module->low)
+        if (module->high == 0)
             module->low = low;
-        if (low + load.p_memsz > module->high)
-            module->high = low + load.p_memsz;
+        module->high = low + load.p_memsz;
     }
 }
 
@@ -174,8 +172,6 @@ void Note(const struct dl_phdr_info& info, Block* block)
     const size_t pathSize = strlen(path) + 1;
     Module found = {};
     FindBounds(info, &found);
-    if (found.low >= found.high)
-        return;
     block->count++;
     void* memory = Take(block, sizeof(Module) + id.length + pathSize);
     if (memory == nullptr)
@@ -198,13 +194,14 @@ void Note(const struct dl_phdr_info& info, Block* block)
 
 // ---- All modules ----
 
-std::atomic<Block*> kept{nullptr};
+Block none = {&none, 0, 0, 0, 0, nullptr, nullptr, 0};
+std::atomic<Block*> kept{&none};
 std::atomic<pid_t> maker{0}; // the process in which a list is being made: a forked child may have another one's
 
 int IsAsKept(struct dl_phdr_info* info, size_t, void*)
 {
     const Block* block = kept;
-    return block != nullptr && block->additions == info->dlpi_adds && block->removals == info->dlpi_subs ? 1 : 2;
+    return block->additions == info->dlpi_adds && block->removals == info->dlpi_subs ? 1 : 2;
 }
 
 int NoteNext(struct dl_phdr_info* info, size_t, void* block)
@@ -232,11 +229,8 @@ void keep_modules()
         block->earlier = kept;
         Close(block);
         kept = block;
-        if (block->earlier != nullptr) {
-            Block* oldest = block->earlier->earlier;
-            // Its last mention is in memory that cannot be written any more, and is not followed again.
-            GiveBack(oldest);
-        }
+        // Its last mention is in memory that cannot be written any more, and is not followed again.
+        GiveBack(block->earlier->earlier);
     }
     maker = 0;
 }
@@ -244,7 +238,7 @@ void keep_modules()
 ModuleList kept_modules()
 {
     const Block* block = kept;
-    return block != nullptr ? ModuleList{block->first, block->count} : ModuleList{nullptr, 0};
+    return {block->first, block->count};
 }
 
 } // namespace svr4

@@ -30,12 +30,8 @@ SignalFile& Map() { return Immortal<SignalFile, MapFile>(); }
 // Puts the name of the map of a crash file into `name`.
 void NameMap(const char* crashFile, char (&name)[NameLength])
 {
-    snprintf(name, sizeof name - sizeof ".old", "%s", crashFile);
-    char* const suffix = strrchr(name, '.');
-    if (suffix != nullptr && strcmp(suffix, ".sig") == 0)
-        strcpy(suffix, ".map");
-    else
-        name[0] = '\0'; // a name that was cut
+    const size_t stem = strlen(crashFile) - strlen(".sig");
+    snprintf(name, sizeof name, "%.*s.map", static_cast<int>(stem), crashFile);
 }
 
 void MoveAway(const char* map)
@@ -84,12 +80,18 @@ int OpenMap(const char* name)
         if (status.st_size > MapBeyond)
             MoveAway(name);
     }
-    const int fd = OpenForDump(name, O_APPEND | O_NOFOLLOW);
-    if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return OpenForDump(name, O_APPEND | O_NOFOLLOW);
+}
+
+void WriteBlock(void (*heading)(std::ostream& file), SignalFile& file)
+{
+    file << '\n';
+    heading(file);
+    const svr4::ModuleList modules = svr4::kept_modules();
+    file << "pid=" << getpid() << "\tmodules=" << modules.count << '\n';
+    for (const svr4::Module* module = modules.first; module != nullptr && file; module = module->next)
+        WriteModule(*module, file);
+    file.flush();
 }
 
 } // namespace
@@ -100,22 +102,18 @@ void WriteModuleMap(const char* crashFile, void (*heading)(std::ostream& file))
 {
     char name[NameLength];
     NameMap(crashFile, name);
-    const int fd = name[0] != '\0' ? OpenMap(name) : -1;
+    const int fd = OpenMap(name);
     if (fd < 0)
         return;
     struct stat before = {};
     fstat(fd, &before);
-    SignalFile& file = Map();
-    file.Attach(fd, 0, nullptr);
-    file << '\n';
-    heading(file);
-    const svr4::ModuleList modules = svr4::kept_modules();
-    file << "pid=" << getpid() << "\tmodules=" << modules.count << '\n';
-    for (const svr4::Module* module = modules.first; module != nullptr && file; module = module->next)
-        WriteModule(*module, file);
-    file.flush();
-    if (!file) // the report needs the room; a block that another process has put behind it meanwhile is no better off
-        (void)!ftruncate(fd, before.st_size);
+    if (S_ISREG(before.st_mode)) { // still
+        SignalFile& file = Map();
+        file.Attach(fd, 0, nullptr);
+        WriteBlock(heading, file);
+        if (!file) // the report needs the room; a block that another process has put behind it meanwhile is no better off
+            (void)!ftruncate(fd, before.st_size);
+    }
     close(fd);
 }
 
@@ -123,8 +121,7 @@ void RotateModuleMap(const char* crashFile)
 {
     char name[NameLength];
     NameMap(crashFile, name);
-    if (name[0] != '\0')
-        MoveAway(name);
+    MoveAway(name);
 }
 
 } // namespace zeloo

@@ -89,9 +89,7 @@ std::streambuf::int_type SignalStream::overflow(std::streambuf::int_type c)
     using traits = std::streambuf::traits_type;
     if (sync() != 0)
         return traits::eof();
-    if (!traits::eq_int_type(c, traits::eof()))
-        sputc(traits::to_char_type(c));
-    return traits::not_eof(c);
+    return sputc(traits::to_char_type(c)); // there is room now
 }
 
 int SignalStream::sync()

@@ -263,6 +263,44 @@ TEST_F(ModuleMap, ADirectoryCostsNothing)
     rmdir(MapFile("map-directory").c_str());
 }
 
+TEST_F(ModuleMap, AMapThatMayNotBeWrittenCostsNothing)
+{
+    WriteFile(MapFile("map-rights"), "earlier map\n");
+    ASSERT_EQ(chmod(MapFile("map-rights").c_str(), 0444), 0);
+    const Crash crash = CrashAs("map-rights", [] {
+        DropPrivileges();
+        CrashWithAnObject();
+    });
+    if (crash.child.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to be a user without rights here";
+    EXPECT_EQ(crash.err, CaptureMessages("map-rights", SIGSEGV));
+    EXPECT_EQ(CheckReport(crash.report, "map-rights", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
+    EXPECT_EQ(Map("map-rights"), "earlier map\n");
+    unlink(CrashFile("map-rights").c_str());
+}
+
+TEST_F(ModuleMap, ABlockOfManyModulesThatDoesNotFitIsTakenBack)
+{
+    const TemporaryDirectory directory;
+    std::vector<std::string> paths;
+    for (int i = 0; i < 30; i++) {
+        paths.push_back(directory.File(std::string(200, 'm') + std::to_string(i)));
+        WriteFile(paths.back(), ReadFile(CRASHING_MODULE));
+    }
+    WriteFile(MapFile("no-room"), std::string(5000, '\n'));
+    const Crash crash = CrashAs("no-room", [&] {
+        for (const std::string& path : paths)
+            CHILD_CHECK(dlopen(path.c_str(), RTLD_NOW) != nullptr);
+        Probe object("object");
+        object.talks = false;
+        LimitFileSize(5100);
+        WriteToNull();
+    });
+    EXPECT_EQ(Map("no-room"), std::string(5000, '\n'));
+    EXPECT_EQ(crash.report.compare(0, Heading("no-room", SIGSEGV).size(), Heading("no-room", SIGSEGV)), 0);
+    unlink(CrashFile("no-room").c_str());
+}
+
 TEST_F(ModuleMap, ABlockThatDoesNotFitIsTakenBack)
 {
     // The heading fits, the modules don't; the crash file is empty before, the map is not.

@@ -11,12 +11,14 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <gtest/gtest.h>
 
 #include "Misc/crash/stackdump.h"
+#include "tests/support/failing_calls.h"
 #include "tests/support/stack_overflow.h"
 #include "tests/support/testing.h"
 #include "tests/unit/crash_testing.h"
@@ -608,6 +610,55 @@ TEST_F(Capture, StandardErrorIsUsedWhateverItsState)
     EXPECT_EQ(crash.child.signal, SIGABRT);
     EXPECT_EQ(crash.err, CaptureMessages("state", SIGSEGV));
     unlink(CrashFile("state").c_str());
+}
+
+TEST_F(Capture, AStandardErrorWithoutABufferDoesNoHarm)
+{
+    const Crash crash = CrashAs("bufferless", [] {
+        MonitoredObject object;
+        std::cerr.rdbuf(nullptr);
+        WriteToNull();
+    });
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.err, CaptureMessages("bufferless", SIGSEGV));
+    unlink(CrashFile("bufferless").c_str());
+}
+
+// A crash whose calls of those numbers fail; in its end the child does not say how many.
+Crash CrashWithFailing(const std::string& name, std::vector<long> numbers, const FailingCalls::Rule& rule)
+{
+    FailingCalls calls(std::move(numbers), rule);
+    Crash crash;
+    crash.child = calls.Run([&] {
+        BecomeProgram(name);
+        MonitoredObject object;
+        calls.Begin();
+        WriteToNull();
+    });
+    EXPECT_TRUE(calls.Failed() > 0 || crash.child.exitCode == NotPossibleHere);
+    crash.report = WithoutDates(ReadFile(CrashFile(name)));
+    crash.err = WithoutDates(WithoutSanitizer(crash.child.err));
+    unlink(CrashFile(name).c_str());
+    return crash;
+}
+
+TEST_F(Capture, WhatInterruptsTheLookAtTheOutputsLosesNothing)
+{
+    const Crash crash = CrashWithFailing("interrupted", {SYS_poll, SYS_ppoll}, {EINTR, 0, 5});
+    if (crash.child.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to make system calls fail here";
+    EXPECT_EQ(crash.err, CaptureMessages("interrupted", SIGSEGV));
+    EXPECT_EQ(CheckReport(crash.report, "interrupted", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
+}
+
+TEST_F(Capture, OutputsThatCannotBeLookedAtAreNotWritten)
+{
+    const Crash crash = CrashWithFailing("unknown", {SYS_poll, SYS_ppoll}, {ENOMEM});
+    if (crash.child.exitCode == NotPossibleHere)
+        GTEST_SKIP() << "no way to make system calls fail here";
+    EXPECT_EQ(crash.child.signal, SIGABRT);
+    EXPECT_EQ(crash.err, "");
+    EXPECT_EQ(CheckReport(crash.report, "unknown", SIGSEGV), StateDump(0, 0, 1, ObjectDump(0, "not avail\n")));
 }
 
 // ---- The hex dump ----

@@ -371,4 +371,21 @@ TEST_F(Netconfig, AnAddressHasNames)
     svr4::netdir_free(address, svr4::ND_ADDR);
 }
 
+TEST_F(Netconfig, EachErrorHasItsText)
+{
+    const std::vector<std::pair<int, const char*>> texts = {
+        {svr4::ND_OK, "no error"},
+        {svr4::ND_BADARG, "bad argument"},
+        {svr4::ND_NOMEM, "out of memory"},
+        {svr4::ND_NOHOST, "host not found"},
+        {svr4::ND_NOSERV, "service not found"},
+        {svr4::ND_SYSTEM, "the name service failed"},
+        {77, "unknown error"},
+    };
+    for (const auto& [code, text] : texts) {
+        svr4::_nderror = code;
+        EXPECT_STREQ(svr4::netdir_sperror(), text);
+    }
+}
+
 } // namespace
