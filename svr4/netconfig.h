@@ -67,8 +67,8 @@ enum { ND_ADDR = 0, ND_HOSTSERVLIST = 2, ND_ADDRLIST = 3 };
 
 /// The addresses of a service on a host for one transport. The service is a name of the host's services for tcp or a
 /// port number from 1 to 65535, the host a name or numeric address known to the host's resolver; HOST_SELF gives the
-/// wildcard address. `*addrs` gets all addresses, once each, in the resolver's order; the caller frees them with
-/// netdir_free. Returns 0, or the reason, also in _nderror, with `*addrs` null: ND_NOHOST, ND_NOSERV, ND_NOMEM,
+/// wildcard address. `*addrs` gets all addresses, one at least, once each, in the resolver's order; the caller frees
+/// them with netdir_free. Returns 0, or the reason, also in _nderror, with `*addrs` null: ND_NOHOST, ND_NOSERV, ND_NOMEM,
 /// ND_SYSTEM (the resolver failed), ND_BADARG (a null argument or unknown transport).
 int netdir_getbyname(const struct netconfig* config, const struct nd_hostserv* service, struct nd_addrlist** addrs);
 

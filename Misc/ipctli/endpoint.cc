@@ -71,7 +71,7 @@ bool IPCTli::Open(const char* device)
 short IPCTli::Topen(const char* host, const char* service)
 {
     CloseEndpoint();
-    if (!get_addrs_and_provider(zeloo::HostOrSelf(host), service) || addrs->n_cnt < 1 || provider == nullptr)
+    if (!get_addrs_and_provider(zeloo::HostOrSelf(host), service) || provider == nullptr)
         return 0;
     if (!Open(provider))
         return 0;
@@ -110,7 +110,7 @@ short IPCTli::Bind(const char* host, const char* service)
         std::cout << "get info failed for host: " << host << " service: " << zeloo::TextOrEmpty(service) << std::endl;
         return 0;
     }
-    if (addrs->n_cnt < 1 || provider == nullptr) {
+    if (provider == nullptr) {
         std::cout << "no address or provider to Tprelisten" << std::endl;
         return 0;
     }

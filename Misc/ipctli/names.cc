@@ -109,11 +109,9 @@ void IPCTli::get_ascii_addr(const char* host, const char* service, char* addr)
     const Path path = OpenPath();
     svr4::nd_addrlist* list;
     while (const svr4::netconfig* config = NextTransport(path, host, service, &list)) {
-        if (list->n_cnt > 0) {
-            char* text = svr4::taddr2uaddr(config, &list->n_addrs[0]);
-            std::snprintf(addr, AsciiAddrSize, "%s", zeloo::TextOrEmpty(text));
-            std::free(text);
-        }
+        char* text = svr4::taddr2uaddr(config, &list->n_addrs[0]);
+        std::snprintf(addr, AsciiAddrSize, "%s", zeloo::TextOrEmpty(text));
+        std::free(text);
         svr4::netdir_free(list, svr4::ND_ADDRLIST);
     }
 }
@@ -163,7 +161,7 @@ void IPCTli::info(const char* host, const char* service, std::ostream& out)
         out << "There are <" << list->n_cnt << "> addresses for the " << service << " service on " << host << '\n';
         for (int i = 0; i < list->n_cnt; i++)
             PrintAddress(*config, list->n_addrs[i], out);
-        found = found || list->n_cnt > 0;
+        found = true;
         svr4::netdir_free(list, svr4::ND_ADDRLIST);
     }
     if (!found)

@@ -770,6 +770,23 @@ TEST(CString, WithoutMemoryNewTextsAreEmpty)
         EXPECT_EQ(Text(*s), Text(globalEmpty));
 }
 
+TEST(CString, ALongTextWhoseSecondBlockCannotBeHadIsEmpty)
+{
+    const std::string text(5000, 'x');
+    const MemoryFailure failure = MemoryFailure::OfSize(sizeof(CStringRep), testing_support::NewObject);
+    const CString s(text.c_str());
+    EXPECT_TRUE(failure.HasHappened());
+    EXPECT_EQ(Str(s), "");
+}
+
+TEST(CString, ARepresentationWithoutMemoryHasNoText)
+{
+    const MemoryFailure failure = MemoryFailure::Of(AnyAllocation);
+    const CStringRep rep;
+    EXPECT_EQ(rep.rep, nullptr);
+    EXPECT_EQ(rep.len, 0u);
+}
+
 TEST(CString, ThereIsAnEmptyStringEvenWithoutAnyMemory)
 {
     const ChildResult child = RunInChild([] {

@@ -79,6 +79,27 @@ TEST(WithoutMemory, AnAddressHasNoText)
     svr4::endnetpath(handle);
 }
 
+TEST(WithoutMemory, ATextHasNoAddressAndAnAddressNoNames)
+{
+    const struct svr4::netconfig* config = svr4::getnetconfigent("tcp");
+    struct svr4::netbuf* address = svr4::uaddr2taddr(config, "127.0.0.1.0.25");
+    ASSERT_NE(address, nullptr);
+    struct svr4::nd_hostservlist* names = nullptr;
+    {
+        const MemoryFailure failure = MemoryFailure::OfNext(Malloc | Calloc);
+        EXPECT_EQ(svr4::netdir_getbyaddr(config, &names, address), svr4::ND_NOMEM);
+    }
+    EXPECT_EQ(names, nullptr);
+    EXPECT_STREQ(svr4::netdir_sperror(), "out of memory");
+    svr4::_nderror = svr4::ND_OK;
+    {
+        const MemoryFailure failure = MemoryFailure::OfNext(Malloc | Calloc);
+        EXPECT_EQ(svr4::uaddr2taddr(config, "127.0.0.1.0.25"), nullptr);
+    }
+    EXPECT_EQ(svr4::_nderror, svr4::ND_NOMEM);
+    svr4::netdir_free(address, svr4::ND_ADDR);
+}
+
 TEST_F(Tli, WithoutMemoryThereIsNoEndpoint)
 {
     ASSERT_EQ(RunInChild([] { // the first endpoint, for which there is no table yet
