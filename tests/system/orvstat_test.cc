@@ -1,21 +1,17 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // orvstat, run for real, beside servers that live, hang, start and have died.
 #include <csignal>
-#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <regex>
 #include <string>
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include "tests/system/orvstat_testing.h"
 
@@ -28,7 +24,12 @@ namespace {
 TEST_F(OrvstatTest, WithoutServersThereIsNothingToShow)
 {
     MakeKeyFile("hello");
+    ASSERT_EQ(symlink("nowhere", "/opt/orv/bin/dangling"), 0);
+    ASSERT_EQ(mkdir("/opt/orv/bin/directory", 0755), 0);
+    const int ofTheDirectory = msgget(ftok_orvm("/opt/orv/bin/directory"), IPC_CREAT | 0660);
     EXPECT_EQ(Result({}), "0: No server has a queue on this host.\n");
+    msgctl(ofTheDirectory, IPC_RMID, nullptr);
+    rmdir("/opt/orv/bin/directory");
 }
 
 TEST_F(OrvstatTest, ShowsALivingServer)
@@ -117,6 +118,16 @@ TEST_F(OrvstatTest, TellsTheStatesApart)
     MakeKeyFile("d-empty");
     const int empty = semget(ftok_orvm("d-empty"), 1, IPC_CREAT | 0660);
 
+    MakeKeyFile("e-second"); // in which two are registered
+    const int two = semget(ftok_orvm("e-second"), 2, IPC_CREAT | 0660);
+    const pid_t gone = DeadProcess();
+    ASSERT_EQ(semctl(two, 0, SETVAL, static_cast<int>(gone)), 0);
+    ASSERT_EQ(semctl(two, 1, SETVAL, static_cast<int>(starting)), 0);
+    MakeKeyFile("f-dead");
+    const int dead = semget(ftok_orvm("f-dead"), 2, IPC_CREAT | 0660);
+    for (const int slot : {0, 1})
+        ASSERT_EQ(semctl(dead, slot, SETVAL, static_cast<int>(gone)), 0);
+
     const std::string shown = Shown(1);
     const auto has = [&](const std::string& part) {
         EXPECT_NE(("\n" + shown).find("\n" + part), std::string::npos) << part << "\n" << shown;
@@ -132,11 +143,15 @@ TEST_F(OrvstatTest, TellsTheStatesApart)
     has("d-empty: no server is registered, its semaphore set is left; \"orvstat clean d-empty\" removes what is "
         "left\n");
 
+    has("e-second starting " + Number(starting) + " ");
+    has("f-dead stale " + Number(gone) + " ");
+
     EndChild(starting);
     kill(stopped, SIGCONT);
     EndChild(stopped, SIGTERM);
     semctl(set, 0, IPC_RMID);
-    semctl(empty, 0, IPC_RMID);
+    for (const int semid : {empty, two, dead})
+        semctl(semid, 0, IPC_RMID);
     msgctl(lost, IPC_RMID, nullptr);
 }
 
@@ -173,13 +188,19 @@ TEST_F(OrvstatTest, FindsQueuesWhoseFilesItDoesNotKnow)
     });
     ASSERT_TRUE(WaitUntil([&] { return WaitsOnAQueue(server); }));
     const PrivateQueue other; // somebody else's, as is the next, without a set
+    const int privateSet = semget(IPC_PRIVATE, 1, 0660);
     const int foreign = msgget(0x01FEDCBA, IPC_CREAT | 0660);
+    const int larger = msgget(0x01FEDCBB, IPC_CREAT | 0660); // whose set is none of a server
+    const int largerSet = semget(0x01FEDCBB, 2, IPC_CREAT | 0660);
     char key[20];
     std::snprintf(key, sizeof key, "0x%08x", static_cast<unsigned>(ftok_orvm(path.c_str())));
     const std::string queue = Number(QueueOf(path.c_str()));
     EXPECT_EQ(Shown(), "- up " + Number(server) + " " + OwnProgram() + " " + queue + " 0 0 500736 1700 - - - - - " +
                            Number(server) + "\nqueue " + queue + ": no file in /opt/orv/bin has its key " + key + "\n");
-    msgctl(foreign, IPC_RMID, nullptr);
+    for (const int qid : {foreign, larger})
+        msgctl(qid, IPC_RMID, nullptr);
+    for (const int semid : {privateSet, largerSet})
+        semctl(semid, 0, IPC_RMID);
     EXPECT_EQ(Result({"ping", path}).compare(0, 3 + path.size(), "0: " + path), 0);
     EndChild(server, SIGKILL);
     EXPECT_EQ(Call({}).exitCode, 0) << "nobody knows whether it is a server's";
@@ -231,64 +252,26 @@ TEST_F(OrvstatTest, SaysWhatItMayNotSee)
     EndChild(server, SIGTERM);
 }
 
-#ifndef SYS_ipc // there one call has all of these
-// Makes the removal of the objects of a kind fail for this process: the call with that number, whose command is one of
-// its arguments.
-void MakeRemovalFail(long number, int argument, int error)
+// A time zone whose day has ended since the last message was sent.
+TEST_F(OrvstatTest, MomentsOfOtherDaysAreDates)
 {
-    const unsigned lowHalf = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? 0 : 4;
-    const unsigned place =
-        static_cast<unsigned>(offsetof(struct seccomp_data, args)) + 8U * static_cast<unsigned>(argument);
-    sock_filter rules[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, place + lowHalf),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPC_RMID, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter = {sizeof rules / sizeof rules[0], rules};
-    ChildNeeds(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0);
-}
-
-TEST_F(OrvstatTest, SaysWhatItMayNotRemove)
-{
-    LeaveStale("hello");
-    const int qid = QueueOf("hello");
-    const int semid = SetOf("hello");
-    const auto clean = [](long number, int argument, int error) {
-        return RunInChild([=] {
-            MakeRemovalFail(number, argument, error);
-            Execute(Orvstat, {"clean", "hello"});
-        });
-    };
-    const ChildResult queue = clean(SYS_msgctl, 1, EPERM);
-    if (queue.exitCode != NotPossibleHere) {
-        EXPECT_EQ(queue.exitCode, 4);
-        EXPECT_EQ(queue.err, "hello: not cleaned: queue " + Number(qid) + " belongs to user 0\n");
-        EXPECT_TRUE(QueueExists(qid));
-        const ChildResult set = clean(SYS_semctl, 2, EFAULT);
-        EXPECT_EQ(set.exitCode, 1);
-        EXPECT_EQ(set.err, "hello: removed queue " + Number(qid) + " (no message), but not all: semaphore set " +
-                               Number(semid) + ": Bad address\n");
-    }
-    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
-}
-#endif
-
-TEST_F(OrvstatTest, CleansNothingWhoseKeyFileItMayNotRead)
-{
-    LeaveStale("hello");
-    chmod("/opt/orv/bin/hello", 0);
-    const ChildResult result = RunInChild([] {
-        DropPrivileges();
-        Execute(Orvstat, {"clean", "hello"});
+    const pid_t server = StartDeafServer("hello");
+    const time_t sent = QueueStatus(QueueOf("hello")).msg_stime;
+    ASSERT_TRUE(WaitUntil([&] { return time(nullptr) > sent; }));
+    const long west = (sent + 1) % 86400; // there the day ends behind that second
+    char zone[40];
+    std::snprintf(zone, sizeof zone, "ORV+%ld:%ld:%ld", west / 3600, west / 60 % 60, west % 60);
+    const time_t there = sent - west;
+    char date[20];
+    struct tm day;
+    std::strftime(date, sizeof date, " %m/%d/%y ", gmtime_r(&there, &day));
+    const ChildResult shown = RunInChild([&] {
+        setenv("TZ", zone, 1);
+        Execute(Orvstat, {});
     });
-    if (result.exitCode != NotPossibleHere) {
-        EXPECT_EQ(result.exitCode, 4);
-        EXPECT_EQ(result.err, "hello: not cleaned: its key file cannot be locked: Permission denied\n");
-    }
-    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
+    EXPECT_NE(Squeezed(shown.out).find(" " + Number(getpid()) + date), std::string::npos) << shown.out << date;
+    EXPECT_NE(Call({"--json"}).out.find("\"last_sent\": " + Number(sent) + ","), std::string::npos);
+    EndChild(server, SIGTERM);
 }
 
 // ---- JSON, terminals, watching ----------------------------------------------------------------------------------
@@ -318,7 +301,7 @@ TEST_F(OrvstatTest, WritesJson)
 {
     EXPECT_TRUE(IsJson(Call({"--json"}).out));
     EXPECT_TRUE(PythonReads(Call({"--json"}).out));
-    const pid_t server = StartServer("odd \"name\"\t\xFC", ServeEchoes);
+    const pid_t server = StartServer("odd \"name\"\\\t\x7F\xFC", ServeEchoes);
     ASSERT_TRUE(WaitUntil([&] { return WaitsOnAQueue(server); }));
     const pid_t dead = LeaveStale("gone");
     const ChildResult result = Call({"--json"});
@@ -342,12 +325,12 @@ TEST_F(OrvstatTest, WritesJson)
               "[], \"remark\": \"server " + Number(dead) +
                   " is dead, its queue and semaphore set are left; \\\"orvstat clean gone\\\" removes what is left\"") +
         ",\n" +
-        entry("odd \"name\"\t\xFC", "odd \\\"name\\\"\\u0009\\u00fc",
+        entry("odd \"name\"\\\t\x7F\xFC", "odd \\\"name\\\"\\\\\\u0009\\u007f\\u00fc",
               "\"state\": \"up\", \"pid\": " + Number(server) + ", \"program\": \"" + OwnProgram() + "\"",
-              QueueOf("odd \"name\"\t\xFC"), "[" + Number(server) + "], \"remark\": null") +
+              QueueOf("odd \"name\"\\\t\x7F\xFC"), "[" + Number(server) + "], \"remark\": null") +
         "\n  ],\n";
     EXPECT_NE(result.out.find(servers), std::string::npos) << result.out << "\n" << servers;
-    EXPECT_NE(Call({}).out.find("\nodd \"name\"?? "), std::string::npos);
+    EXPECT_NE(Call({}).out.find("\nodd \"name\"\\??? "), std::string::npos);
     EndChild(server, SIGTERM);
     const std::string queue = Number(QueueOf("gone"));
     const std::string set = Number(SetOf("gone"));
@@ -357,7 +340,7 @@ TEST_F(OrvstatTest, WritesJson)
                                                        Number(dead) + " is dead\"}\n");
 }
 
-// Runs orvstat on a terminal until `enough` of what it wrote, then interrupts it.
+// Runs orvstat on a terminal until `enough` of what it wrote, and interrupts it then if it watches.
 std::string OnATerminal(const std::vector<std::string>& arguments, const char* setting,
                         const std::function<bool(const std::string&)>& enough)
 {
@@ -381,7 +364,9 @@ std::string OnATerminal(const std::vector<std::string>& arguments, const char* s
             text.append(bytes, static_cast<size_t>(read(terminal, bytes, sizeof bytes)));
         return enough(text);
     })) << text;
-    EndChild(pid, SIGINT);
+    if (!arguments.empty() && arguments[0] == "--watch")
+        kill(pid, SIGINT);
+    EXPECT_LT(WaitForExit(pid), 2);
     close(other);
     close(terminal);
     return Replaced(text, "\r", "");
@@ -440,142 +425,15 @@ TEST_F(OrvstatTest, WatchesUntilItIsInterrupted)
     EXPECT_TRUE(IsJson(objects.substr(0, objects.find("\n}\n") + 3)));
 }
 
-// ---- Cleaning ---------------------------------------------------------------------------------------------------
-
-TEST_F(OrvstatTest, CleansUpAfterADeadServer)
+TEST_F(OrvstatTest, AWatchThatNobodyCanReadEnds)
 {
-    const pid_t dead = LeaveStale("hello");
-    const int qid = QueueOf("hello");
-    const std::string set = Number(SetOf("hello"));
-    SendRecord(qid, dead, IPCQMessage(), 300);
-    SendRecord(qid, dead, IPCQMessage(), 308);
-    EXPECT_EQ(Result({"clean", "hello"}), "0: hello: removed queue " + Number(qid) +
-                                              " (2 messages, 608 bytes) and semaphore set " + set + "; server " +
-                                              Number(dead) + " is dead\n");
-    EXPECT_EQ(ObjectsOf("msg"), 0);
-    EXPECT_EQ(ObjectsOf("sem"), 0);
-    EXPECT_EQ(Result({"clean", "hello"}), "0: hello: nothing is left of a server\n");
-    EXPECT_EQ(Result({"clean", "unknown"}), "3: unknown: not cleaned: there is no key file of this name\n");
-}
-
-TEST_F(OrvstatTest, CleansUpAfterOneWhoseParentTakesNoNotice)
-{
-    const pid_t server = StartServer("hello", ServeEchoes);
-    kill(server, SIGKILL);
-    siginfo_t ended;
-    waitid(P_PID, static_cast<id_t>(server), &ended, WEXITED | WNOWAIT);
-    EXPECT_EQ(Shown(1).compare(0, 12, "hello stale "), 0);
-    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
-    EXPECT_EQ(ObjectsOf("msg") + ObjectsOf("sem"), 0);
-    WaitForExit(server);
-}
-
-TEST_F(OrvstatTest, CleansAwayASetWithoutAQueue)
-{
-    const pid_t dead = LeaveStale("hello");
-    const std::string set = Number(SetOf("hello"));
-    msgctl(QueueOf("hello"), IPC_RMID, nullptr);
-    EXPECT_EQ(Result({"clean", "hello"}),
-              "0: hello: removed semaphore set " + set + "; server " + Number(dead) + " is dead\n");
-    EXPECT_EQ(ObjectsOf("sem"), 0);
-}
-
-TEST_F(OrvstatTest, CleansNothingOfALivingServer)
-{
-    const pid_t server = StartServer("hello", ServeEchoes);
-    EXPECT_EQ(Result({"clean", "hello"}),
-              "1: hello: not cleaned: server " + Number(server) + " (" + OwnProgram() + ") lives\n");
-    Stop(server);
-    EXPECT_EQ(Result({"clean", "hello"}),
-              "1: hello: not cleaned: server " + Number(server) + " is stopped by a signal or a debugger\n");
-    kill(server, SIGCONT);
-    EXPECT_TRUE(Client("hello").Connected());
-    EndChild(server, SIGTERM);
-}
-
-TEST_F(OrvstatTest, CleansNothingOfWhichItIsNotSure)
-{
-    const pid_t starting = IdleProcess();
-    MakeKeyFile("hello");
-    const int set = semget(ftok_orvm("hello"), 1, IPC_CREAT | 0660);
-    ASSERT_EQ(semctl(set, 0, SETVAL, static_cast<int>(starting)), 0);
-    EXPECT_EQ(Result({"clean", "hello"}),
-              "1: hello: not cleaned: server " + Number(starting) + " is starting: it has no queue yet\n");
-    EndChild(starting);
-    semctl(set, 0, IPC_RMID);
-    const int qid = msgget(ftok_orvm("hello"), IPC_CREAT | 0660);
-    EXPECT_EQ(Result({"clean", "hello"}).compare(0, 48, "1: hello: not cleaned: nothing tells whose queue"), 0);
-    msgctl(qid, IPC_RMID, nullptr);
-}
-
-TEST_F(OrvstatTest, CleansNothingWhileTheKeyFileIsLocked)
-{
-    LeaveStale("hello");
-    const int file = open("/opt/orv/bin/hello", O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(flock(file, LOCK_EX), 0);
-    EXPECT_EQ(Result({"clean", "hello"}), "1: hello: not cleaned: a server starts or ends at this moment, or a stopped "
-                                          "process holds the key file's lock\n");
-    EXPECT_TRUE(QueueExists(QueueOf("hello")));
-    close(file);
-    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
-}
-
-// Enters a living process in the set of a dead server between the two looks of clean, if this process is run in time, as
-// a server does that may not read its key file and so starts without the lock. What clean says.
-std::string CleanWhileAServerStarts()
-{
-    LeaveStale("hello");
-    const int semid = SetOf("hello");
-    const pid_t living = IdleProcess();
     const TemporaryDirectory directory;
-    const std::string log = directory.File("log");
-    const int file = open("/opt/orv/bin/hello", O_RDONLY | O_CLOEXEC);
-    const pid_t clean = StartProgram(Orvstat, {"clean", "hello"}, log);
-    const auto isLocked = [&] {
-        const bool isFree = flock(file, LOCK_EX | LOCK_NB) == 0;
-        if (isFree)
-            flock(file, LOCK_UN);
-        return !isFree;
-    };
-    WaitUntil(isLocked, 2); // from the first look to the last
-    usleep(100000);
-    semctl(semid, 0, SETVAL, static_cast<int>(living));
-    WaitForExit(clean);
-    close(file);
-    EndChild(living);
-    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
-    return ReadFile(log);
-}
-
-TEST_F(OrvstatTest, CleansNothingThatChangesMeanwhile)
-{
-    std::string said;
-    const std::string expected = "hello: not cleaned: a server starts or ends at this moment\n";
-    for (int attempt = 0; attempt < 10 && said != expected; attempt++)
-        said = CleanWhileAServerStarts();
-    EXPECT_EQ(said, expected);
-}
-
-TEST_F(OrvstatTest, NeverTakesAStartingServersQueue)
-{
-    for (int round = 0; round < 15; round++) {
-        LeaveStale("hello");
-        const pid_t server = StartChild([&] {
-            usleep(static_cast<unsigned>(round) * 10000); // before, in and after what clean does
-            Server starting("hello");
-            CHILD_CHECK(starting.Created());
-            ServeEchoes(starting);
-        });
-        Call({"clean", "hello"});
-        const auto serves = [&] {
-            Client client("hello");
-            return client.Connected() && client.GetServerPID() == server;
-        };
-        EXPECT_TRUE(WaitUntil(serves)) << "round " << round;
-        EXPECT_EQ(Call({"clean", "hello"}).exitCode, 1);
-        EXPECT_TRUE(serves());
-        EXPECT_EQ(EndChild(server, SIGTERM), 0);
-    }
+    const ChildResult result = RunInChild([&] {
+        const int full = open(directory.File("none").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+        dup2(full, 1); // no write to it succeeds
+        Execute(Orvstat, {"--watch"});
+    });
+    EXPECT_EQ(result.exitCode, 0);
 }
 
 // ---- The command line -------------------------------------------------------------------------------------------
@@ -594,7 +452,13 @@ TEST_F(OrvstatTest, ComplainsOfWrongUsage)
                                               {"ping", ""},
                                               {"--host", "h"},
                                               {"clean", "a", "--host", "h"},
+                                              {"--service", "s"},
+                                              {"--object", "4"},
+                                              {"--object", "-99999", "ping", "a", "--host", "h"},
                                               {"--watch", "0"},
+                                              {"--watch", ""},
+                                              {"--watch", "86401"},
+                                              {"--watch", "99999999999"},
                                               {"--watch", "1", "clean", "a"},
                                               {"--colour"},
                                               {"--help", "x"}};

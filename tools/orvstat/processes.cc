@@ -6,19 +6,22 @@
 #include <charconv>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "files.h"
+
 namespace orvstat {
+
+static const size_t Arguments = 6; // of any call of the host
 
 static std::string Of(long pid, const char* file) { return "/proc/" + std::to_string(pid) + "/" + file; }
 
@@ -37,9 +40,10 @@ Life LifeOf(long pid)
     const std::string status = FirstLine(Of(pid, "stat")); // the program's name in it may hold blanks and parentheses
     const size_t name = status.rfind(") ");
     const char state = name != std::string::npos ? status[name + 2] : '?';
-    if (state == 'Z' || state == 'X')
+    const auto isOneOf = [state](std::string_view states) { return states.find(state) != std::string_view::npos; };
+    if (isOneOf("ZX"))
         return Life::Gone;
-    return state == 'T' || state == 't' ? Life::Stopped : Life::Runs;
+    return isOneOf("Tt") ? Life::Stopped : Life::Runs;
 }
 
 std::string ProgramOf(long pid) { return FirstLine(Of(pid, "comm")); }
@@ -51,21 +55,15 @@ void EndWith(long parent)
         raise(SIGTERM);
 }
 
-// The names in a directory that are numbers, in their order.
+// The numbers among the names in a directory of /proc, where no other name begins with a digit, in their order.
 static std::vector<long> NumbersIn(const std::string& directory)
 {
     std::vector<long> numbers;
-    DIR* open = opendir(directory.c_str());
-    if (open == nullptr)
-        return numbers;
-    while (const struct dirent* entry = readdir(open)) {
+    for (const std::string& name : NamesIn(directory)) {
         long number = 0;
-        const char* end = entry->d_name + std::strlen(entry->d_name);
-        const std::from_chars_result read = std::from_chars(entry->d_name, end, number);
-        if (read.ec == std::errc() && read.ptr == end)
+        if (std::from_chars(name.data(), name.data() + name.size(), number).ec == std::errc())
             numbers.push_back(number);
     }
-    closedir(open);
     std::sort(numbers.begin(), numbers.end());
     return numbers;
 }
@@ -76,7 +74,7 @@ static bool IsQueueCall(long number, [[maybe_unused]] std::vector<uint64_t>& arg
 #ifdef SYS_ipc
     const uint64_t sendOfIpc = 11;
     const uint64_t receiveOfIpc = 12;
-    if (number == SYS_ipc && !arguments.empty()) {
+    if (number == SYS_ipc) {
         const uint64_t call = arguments[0] & 0xFFFF;
         arguments.erase(arguments.begin());
         *sends = call == sendOfIpc;
@@ -101,9 +99,10 @@ std::optional<BlockedCall> ReadCall(long pid, const std::string& line)
     for (uint64_t argument; in >> std::hex >> argument;)
         arguments.push_back(argument);
     bool sends = false;
-    if (!IsQueueCall(number, arguments, &sends) || arguments.empty() || arguments[0] > INT32_MAX)
+    arguments.resize(Arguments);
+    if (!IsQueueCall(number, arguments, &sends))
         return std::nullopt;
-    return BlockedCall{pid, static_cast<int>(arguments[0]), sends};
+    return BlockedCall{pid, static_cast<int>(arguments[0]), sends}; // what stands in the upper half means nothing
 }
 
 // Reads a file of /proc, which is made when it is read. 0, or the host's error number.
@@ -133,7 +132,7 @@ Blocked AllBlocked()
         for (const long thread : NumbersIn(Of(pid, "task"))) {
             std::string line;
             const int error = Read(Of(pid, ("task/" + std::to_string(thread) + "/syscall").c_str()), line);
-            isSeen = isSeen && !IsRefusal(error);
+            isSeen &= !IsRefusal(error);
             const std::optional<BlockedCall> call = error == 0 ? ReadCall(pid, line) : std::nullopt;
             if (call && named.emplace(call->queue, call->sends).second)
                 blocked.calls.push_back(*call);

@@ -3,14 +3,14 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <set>
 
-#include <dirent.h>
 #include <sys/ipc.h>
-#include <sys/stat.h>
 
 #include "Misc/ipcq.h"
+#include "files.h"
 
 namespace orvstat {
 
@@ -53,28 +53,18 @@ static Objects AllObjects()
     return objects;
 }
 
-static std::vector<std::string> NamesInProgramDirectory()
-{
-    std::vector<std::string> names;
-    DIR* open = opendir(ProgramDirectory);
-    if (open == nullptr)
-        return names;
-    while (const struct dirent* entry = readdir(open)) {
-        struct stat status;
-        const std::string path = std::string(ProgramDirectory) + entry->d_name;
-        if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
-            names.emplace_back(entry->d_name);
-    }
-    closedir(open);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
+// The names of the files in the program directory, in their order.
 static NamesByKey KnownNames()
 {
+    std::vector<std::string> names = NamesIn(ProgramDirectory);
+    std::sort(names.begin(), names.end());
     NamesByKey known;
-    for (const std::string& name : NamesInProgramDirectory())
-        known[ftok((ProgramDirectory + name).c_str(), KeyProject)].push_back(name);
+    for (const std::string& name : names) {
+        const std::string path = ProgramDirectory + name;
+        std::error_code error;
+        if (std::filesystem::is_regular_file(path, error))
+            known[ftok(path.c_str(), KeyProject)].push_back(name);
+    }
     known.erase(-1); // a file that went meanwhile
     return known;
 }
