@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
@@ -98,6 +99,24 @@ TEST_F(OrvstatTest, AHostThatShowsNoProcessesHasServers)
     }
     EndChild(server, SIGTERM);
     EXPECT_EQ(Call({"clean", "gone"}).exitCode, 0);
+}
+
+TEST_F(OrvstatTest, AHostWithoutProgramsHasNoServers)
+{
+    const pid_t server = StartServer("hello", ServeEchoes);
+    const ChildResult shown = RunInChild([] {
+        const int program = open(Orvstat.c_str(), O_RDONLY | O_CLOEXEC);
+        ChildNeeds(unshare(CLONE_NEWNS) == 0 && mount("none", "/opt", "tmpfs", 0, "size=16k") == 0);
+        char name[] = "orvstat";
+        char* const arguments[] = {name, nullptr};
+        fexecve(program, arguments, environ);
+    });
+    if (shown.exitCode != NotPossibleHere) {
+        EXPECT_EQ(shown.exitCode, 0);
+        EXPECT_NE(shown.out.find(": no file in /opt/orv/bin has its key "), std::string::npos)
+            << shown.out << shown.err;
+    }
+    EndChild(server, SIGTERM);
 }
 
 } // namespace

@@ -34,6 +34,8 @@ public:
         return Number(code) + ": " + Replaced(ReadFile(directory.File("log")), "after [0-9]+\\.[0-9] ms", "after <ms>");
     }
 
+    pid_t Process() const { return pid; }
+
 private:
     TemporaryDirectory directory;
     std::chrono::steady_clock::time_point begin;
@@ -106,6 +108,23 @@ TEST_F(OrvstatTest, PingSaysWhichAnswersCame)
         EXPECT_EQ(Waiting(QueueOf(name)), 0u);
     for (const pid_t server : {both, acknowledges, responds, rejects})
         EndChild(server, SIGTERM);
+}
+
+// An answer behind the acknowledgement is the response, whatever it carries.
+TEST_F(OrvstatTest, PingTellsTwoAnswersWithoutDataApart)
+{
+    const pid_t server = StartServer("bare", [](Server& inBasket) {
+        for (;;) {
+            short event, response, ack;
+            Buffer data;
+            inBasket.receive_event(event, data, response, ack);
+            inBasket.send_response(AckEvent, 0, nullptr, 0);
+            inBasket.send_response(5, 3, nullptr, 0);
+        }
+    });
+    EXPECT_EQ(Pinged({"bare"}), "0: bare: response after <ms>: event 5, status 3\n"
+                                "bare: acknowledgement after <ms>: event 77, status 0\n");
+    EndChild(server, SIGTERM);
 }
 
 TEST_F(OrvstatTest, PingTakesAnAnswerOfAnyLength)
@@ -200,6 +219,23 @@ TEST_F(OrvstatTest, PingLeavesNobodyBehindWhenItIsKilled)
     EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
 }
 
+// The one that asks cannot tell of it, nor end when it is told to.
+TEST_F(OrvstatTest, PingTellsOfAServerThatHasGoneUnseen)
+{
+    const pid_t server = StartServer("hello", ServeEchoes);
+    Stop(server);
+    Pinging ping({"hello"});
+    EXPECT_TRUE(WaitUntil([] { return Waiting(QueueOf("hello")) == 1; }));
+    const std::vector<pid_t> askers = relayd_testing::ChildrenOf(ping.Process());
+    ASSERT_EQ(askers.size(), 1u);
+    EXPECT_TRUE(WaitUntil([&] { return WaitsOnAQueue(askers[0]); }));
+    kill(askers[0], SIGSTOP);
+    EndChild(server, SIGKILL);
+    EXPECT_EQ(Call({"clean", "hello"}).exitCode, 0);
+    EXPECT_EQ(ping.Result(), "1: hello: no answer within 4500 ms: the server has ended meanwhile\n");
+    EXPECT_FALSE(process_exists(askers[0]));
+}
+
 TEST_F(OrvstatTest, PingTellsOfAServerThatDies)
 {
     const pid_t server = StartServer("hello", [](Server& inBasket) {
@@ -247,6 +283,22 @@ TEST_F(OrvstatTest, PingSaysWhyItCannotAsk)
         EXPECT_EQ(alone.exitCode, 1);
         EXPECT_EQ(alone.err, "hello: no process can be started\n");
     }
+    const auto without = [](std::initializer_list<long> calls, int error) {
+        const ChildResult result = RunInChild([&] {
+            MakeCallsFail(calls, error);
+            Execute(Orvstat, {"ping", "hello"});
+        });
+        return result.exitCode == NotPossibleHere ? "" : Number(result.exitCode) + ": " + result.err;
+    };
+    const auto expect = [](const std::string& result, const std::string& expected) {
+        EXPECT_TRUE(result.empty() || result == expected) << result;
+    };
+    expect(without({SYS_pipe, SYS_pipe2}, EMFILE), "1: hello: no process can be started\n");
+#ifndef SYS_ipc // there one call is all of these
+    expect(without({SYS_msgget}, EACCES), "3: hello: no answer: its queue cannot be used: it has ended meanwhile, or "
+                                          "there is no right to it\n");
+    expect(without({SYS_msgsnd}, EACCES), "1: hello: no answer: An ipc message queue error occurred (60)\n");
+#endif
     EndChild(server, SIGTERM);
 }
 

@@ -236,6 +236,19 @@ TEST_F(RelaydTest, AServerThatDiesBeforeItAnswersIs65)
         EXPECT_EQ(WaitForExit(client), 0);
 }
 
+// The relay takes blocks of 1700 bytes; this queue has blocks of 1092, whose number goes beyond its limit.
+TEST_F(RelaydTest, AnEventThatIsTooLongForTheQueueIs60)
+{
+    SetQueueLimit(16384);
+    StartEchoes();
+    StartRelay();
+    IPCClient client(0, "orvd", FarHost);
+    const std::string text(40000000, 'x');
+    EXPECT_EQ(client.send_event_with_response(Echo, text.data(), static_cast<long>(text.size())), 0);
+    EXPECT_EQ(client.receive_response(event, data), 60);
+    EXPECT_EQ(client.send_event_wait_ack(Echo, "\x08", 1), 8) << "the connection goes on";
+}
+
 TEST_F(RelaydTest, AReconnectClientRecovers)
 {
     StartEchoes();

@@ -31,18 +31,25 @@ HostAddress::HostAddress(const struct sockaddr* address) : HostAddress()
     }
 }
 
+static bool AreEqual(const struct in6_addr& a, const struct in6_addr& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+// Whether the address is one of the older form.
+static bool IsMapped(const struct in6_addr& address)
+{
+    return std::memcmp(&address, "\0\0\0\0\0\0\0\0\0\0\xFF\xFF", 12) == 0;
+}
+
 bool HostAddress::operator==(const HostAddress& other) const
 {
-    return IN6_ARE_ADDR_EQUAL(&bytes, &other.bytes) && scope == other.scope;
+    return AreEqual(bytes, other.bytes) && scope == other.scope;
 }
 
 bool HostAddress::IsOwn() const
 {
-    if (IN6_IS_ADDR_LOOPBACK(&bytes) || (IN6_IS_ADDR_V4MAPPED(&bytes) && bytes.s6_addr[12] == IN_LOOPBACKNET))
+    if (AreEqual(bytes, in6addr_loopback) || (IsMapped(bytes) && bytes.s6_addr[12] == IN_LOOPBACKNET))
         return true;
     struct ifaddrs* interfaces = nullptr;
-    if (IN6_IS_ADDR_UNSPECIFIED(&bytes) ||
-        getifaddrs(&interfaces) != 0) // an interface may have addresses of any family
+    if (AreEqual(bytes, in6addr_any) || getifaddrs(&interfaces) != 0) // an interface may have addresses of any family
         return false;
     bool isOwn = false;
     for (const struct ifaddrs* next = interfaces; next != nullptr && !isOwn; next = next->ifa_next)
@@ -53,7 +60,7 @@ bool HostAddress::IsOwn() const
 
 std::string HostAddress::Text() const
 {
-    const bool isMapped = IN6_IS_ADDR_V4MAPPED(&bytes);
+    const bool isMapped = IsMapped(bytes);
     char text[INET6_ADDRSTRLEN] = "";
     inet_ntop(isMapped ? AF_INET : AF_INET6, &bytes.s6_addr[isMapped ? 12 : 0], text, sizeof text);
     return text;
