@@ -161,8 +161,10 @@ void Mail::Sweep(long channel, long owner)
 bool Mail::Keep(const IPCQMessage& message)
 {
     IPCQMsg* holder = new (std::nothrow) IPCQMsg;
-    if (holder == nullptr)
+    if (holder == nullptr) {
+        (void)GivesBack(message); // the room that it had is there still
         return false;
+    }
     holder->msg = message;
     const svr4::SignalsHeld held(svr4::all_but_faults()); // a handler reads the array
     aside.AddItem(holder);

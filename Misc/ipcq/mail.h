@@ -147,6 +147,7 @@ private:
     bool AwaitsEarlyBlocks(long sender) const;
     bool IsReadEarly(long channel) const;
     void GatherEarly(EarlyEvent& early);
+    // Keeps a record that has been taken off the queue. False without memory: it is on the queue again, behind the others.
     bool Keep(const IPCQMessage& message);
     bool StaysAway(const IPCQMessage& message) const;
 

@@ -293,7 +293,9 @@ TEST_F(OrvstatTest, PingSaysWhyItCannotAsk)
     const auto expect = [](const std::string& result, const std::string& expected) {
         EXPECT_TRUE(result.empty() || result == expected) << result;
     };
+#ifndef __SANITIZE_ADDRESS__ // a sanitizer needs pipes of its own
     expect(without({SYS_pipe, SYS_pipe2}, EMFILE), "1: hello: no process can be started\n");
+#endif
 #ifndef SYS_ipc // there one call is all of these
     expect(without({SYS_msgget}, EACCES), "3: hello: no answer: its queue cannot be used: it has ended meanwhile, or "
                                           "there is no right to it\n");
