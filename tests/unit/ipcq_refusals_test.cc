@@ -75,6 +75,7 @@ TEST_F(IpcqRefusals, GarbageAmongTheBlocksOfAnEventBeforeItsTurnIsDroppedWithARe
         AwaitAcknowledgement();
         CHILD_CHECK(SendRaw(queue.id, DataChannel(getpid(), me), "garbage", 7) == 0);
         CHILD_CHECK(SendRecord(queue.id, DataChannel(getpid(), me), LaterBlock(2, "234567", 0)) == 0);
+        CHILD_CHECK(WaitUntil([&] { return Waiting(queue.id) == 1; })); // the first block of the other event
         TakeBlocks();
         pause();
     });
