@@ -109,6 +109,36 @@ int ReplaceFile(const char* path, const void* bytes, std::size_t size)
     return error;
 }
 
+int MakeDirectory(const char* directory)
+{
+    if (mkdir(directory, 0755) != 0 && errno != EEXIST)
+        return errno;
+    const std::string path = directory;
+    return SyncDirectory(path.substr(0, path.rfind('/') + 1).c_str());
+}
+
+static bool EndsIn(const std::string& text, const std::string& end)
+{
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+int ReadNames(DIR* files, std::vector<std::string>& names)
+{
+    names.clear();
+    errno = 0;
+    while (const dirent* file = readdir(files)) {
+        const std::string name = file->d_name;
+        if (EndsIn(name, HalfWritten))
+            unlinkat(dirfd(files), name.c_str(), 0);
+        else if (name[0] != '.')
+            names.push_back(name);
+        errno = 0;
+    }
+    const int error = errno;
+    closedir(files);
+    return error;
+}
+
 int SyncDirectory(const char* directory)
 {
     const Descriptor fd(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -4,6 +4,10 @@
 #define EXAMPLES_DURABLEFILE_H
 
 #include <cstddef>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
 
 #include "Misc/buffer.h"
 
@@ -20,6 +24,13 @@ int ReadWholeFile(const char* path, Buffer& content);
 /// its name, so that whatever happens there is the old file or the new one; SyncDirectory makes sure that it is the new
 /// one. A failure changes nothing and leaves no file behind.
 int ReplaceFile(const char* path, const void* bytes, std::size_t size);
+
+/// Makes a directory, unless it is there, and puts its name on the disk.
+int MakeDirectory(const char* directory);
+
+/// Reads the names of the files of an open directory, but for those that begin with a dot, and closes it. Files that a
+/// crash left half written are removed on the way.
+int ReadNames(DIR* files, std::vector<std::string>& names);
 
 /// Puts the names of the files of a directory on the disk: those that came, went or were replaced.
 int SyncDirectory(const char* directory);

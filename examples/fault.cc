@@ -5,8 +5,8 @@
 #include <climits>
 #include <cstring>
 
-static const char* const EventNames[FaultEvents] = {"NONE", "STATUS", "RAISE", "LIST",  "FETCH", "CLEAR",
-                                                    "RUN",  "START",  "MOVE",  "MOVES", "EXIT"};
+static const char* const EventNames[FaultEvents] = {"NONE",  "STATUS", "RAISE", "LIST", "FETCH",   "CLEAR",       "RUN",
+                                                    "START", "MOVE",   "MOVES", "EXIT", "CHANGES", "CHANGES_DONE"};
 
 const char* FaultEventName(short event) { return event >= 0 && event < FaultEvents ? EventNames[event] : "(unknown)"; }
 
@@ -173,6 +173,81 @@ void FaultMove::scanFrom(ZEListream& in)
 {
     ScanId(in, id);
     Scan(in, state);
+}
+
+void FaultChange::printOn(ZELostream& out) const
+{
+    out << number << time << static_cast<int>(kind);
+    if (kind == Raised)
+        fault.printOn(out);
+    else if (kind != Began)
+        fault.summary.hdr.myId.printOn(out);
+    if (kind == Moved)
+        out << fault.summary.state;
+}
+
+void FaultChange::scanFrom(ZEListream& in)
+{
+    int read = Kinds;
+    Scan(in, number);
+    Scan(in, time);
+    Scan(in, read);
+    if (number <= 0 || read < 0 || read >= Kinds || !in.good()) {
+        in.SetReadErrorFlag();
+        return;
+    }
+    kind = static_cast<Kind>(read);
+    if (kind == Raised)
+        fault.scanFrom(in);
+    else if (kind != Began)
+        ScanId(in, fault.summary.hdr.myId);
+    if (kind == Moved)
+        Scan(in, fault.summary.state);
+}
+
+void ChangesRequest::printOn(ZELostream& out) const { out << since << most; }
+
+void ChangesRequest::scanFrom(ZEListream& in)
+{
+    Scan(in, since);
+    Scan(in, most);
+    if (since < 0 || most <= 0)
+        in.SetReadErrorFlag();
+}
+
+void FaultChangeList::printOn(ZELostream& out) const
+{
+    out << journal << last << static_cast<int>(changes.size());
+    for (const FaultChange& change : changes)
+        change.printOn(out);
+}
+
+void FaultChangeList::scanFrom(ZEListream& in)
+{
+    int count = 0;
+    Scan(in, journal);
+    Scan(in, last);
+    Scan(in, count);
+    changes.clear();
+    long earlier = 0;
+    for (int i = 0; i < count && in.good(); i++) {
+        changes.emplace_back();
+        changes.back().scanFrom(in);
+        if (changes.back().number <= earlier || changes.back().number > last)
+            in.SetReadErrorFlag();
+        earlier = changes.back().number;
+    }
+    if (count < 0 || last < 0)
+        in.SetReadErrorFlag();
+}
+
+void ChangesDone::printOn(ZELostream& out) const { out << number; }
+
+void ChangesDone::scanFrom(ZEListream& in)
+{
+    Scan(in, number);
+    if (number < 0)
+        in.SetReadErrorFlag();
 }
 
 void CommandResult::printOn(ZELostream& out) const

@@ -30,7 +30,10 @@ enum FaultEvent : short {
     MoveEvent,   // FaultMove                  nothing
     MovesEvent,  // FaultId                    a plain text: abbreviation "|" title "|" of each state to move to
     ExitEvent,   // nothing                    nothing; the server ends
-    FaultEvents  // their number
+    // Those of a journal, which a server without one does not support:
+    ChangesEvent,     // ChangesRequest        FaultChangeList
+    ChangesDoneEvent, // ChangesDone           nothing; from the server's own host only
+    FaultEvents       // their number
 };
 
 /// The name of an event; "(unknown)" for a number that is none.
@@ -87,6 +90,51 @@ struct FaultCommand {
 struct FaultMove {
     FaultId id;
     CString state;
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+/// A change of the faults, as a journal keeps it.
+struct FaultChange {
+    enum Kind : int {
+        Began,   // what was said before of the faults here is void; a Raised for each that is there follows
+        Raised,  // `fault` is there, whole, in its state, in the place of the one of its id
+        Moved,   // the fault of that id is in that state: no more of `fault` counts
+        Cleared, // the fault of that id is gone: no more of `fault` counts
+        Kinds    // their number
+    };
+    long number = 0; // from 1 on
+    long time = 0;   // when it happened, in seconds since the epoch
+    Kind kind = Began;
+    FaultRecord fault; // which Began has none of
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+/// The changes that are wanted: the first `most` of those with numbers beyond `since`.
+struct ChangesRequest {
+    long since = 0;
+    int most = 1;
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+/// Changes in the order of their numbers.
+struct FaultChangeList {
+    CString journal; // the name of the journal that numbered them, which no other one has, of any host or time
+    long last = 0;   // the number of its newest change
+    std::vector<FaultChange> changes;
+
+    void printOn(ZELostream& out) const;
+    void scanFrom(ZEListream& in);
+};
+
+/// The changes up to that number, that one included, are not needed any more.
+struct ChangesDone {
+    long number = 0;
 
     void printOn(ZELostream& out) const;
     void scanFrom(ZEListream& in);

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Misc/nfstream.h"
@@ -26,7 +26,8 @@ bool FaultStore::ByNodeAndNumber::operator()(const FaultId& a, const FaultId& b)
 }
 
 FaultStore::FaultStore(const char* directory)
-    : directory(directory), listFile(this->directory + "/list"), isInStep(false), ids(nullptr)
+    : directory(directory), listFile(this->directory + "/list"), isNew(false), hasLost(false), isInStep(false),
+      ids(nullptr)
 {
 }
 
@@ -41,16 +42,24 @@ static FaultRecord LostRecord(const FaultId& id)
 
 short FaultStore::Load()
 {
-    bool isNew = false;
+    const short status = Read();
+    return status == NO_ERRORS ? Mend() : status;
+}
+
+short FaultStore::Read()
+{
     FaultIdList saved(nullptr);
-    Files broken; // what was read and is not whole
-    short status = Open(isNew);
+    short status = Open();
     if (status == NO_ERRORS)
-        status = LoadList(saved, broken, isNew);
+        status = ReadList(saved);
     if (status == NO_ERRORS)
-        status = LoadRecords(saved, broken);
-    if (status == NO_ERRORS)
-        status = MoveAside(broken);
+        status = ReadRecords(saved);
+    return status;
+}
+
+short FaultStore::Mend()
+{
+    short status = MoveAside();
     isInStep = status == NO_ERRORS;
     if (isInStep && (isNew || broken.count(listFile) != 0))
         status = SaveList();
@@ -58,39 +67,23 @@ short FaultStore::Load()
     return status;
 }
 
-static bool EndsIn(const std::string& text, const std::string& end)
-{
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 // Makes the directory, or removes from it what a crash left half written. `isNew` is set when no file is seen in it.
-short FaultStore::Open(bool& isNew) const
+short FaultStore::Open()
 {
-    if (mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
-        return Fail(MKDIR_FAILED, directory, errno);
-    if (const int error = SyncDirectory(directory.substr(0, directory.rfind('/') + 1).c_str()))
+    if (const int error = MakeDirectory(directory.c_str()))
         return Fail(MKDIR_FAILED, directory, error);
     DIR* files = opendir(directory.c_str());
     if (files == nullptr)
         return Fail(errno == ENOTDIR ? MKDIR_FAILED : OPENING_FILE, directory, errno);
-    isNew = true;
-    errno = 0;
-    while (const dirent* file = readdir(files)) {
-        const std::string name = file->d_name;
-        if (EndsIn(name, HalfWritten))
-            unlink((directory + "/" + name).c_str());
-        else if (name[0] != '.')
-            isNew = false; // a list that is missing beside other files has been lost
-        errno = 0;
-    }
-    const int error = errno;
-    closedir(files);
+    std::vector<std::string> names;
+    const int error = ReadNames(files, names);
+    isNew = names.empty(); // a list that is missing beside other files has been lost
     return error == 0 ? static_cast<short>(NO_ERRORS) : Fail(READING_FROM_FILE, directory, error);
 }
 
 // A directory without files has no list. But a host may show a directory as empty that it failed to read: `isNew` stays
 // set only when the list is not there either.
-short FaultStore::LoadList(FaultIdList& saved, Files& broken, bool& isNew) const
+short FaultStore::ReadList(FaultIdList& saved)
 {
     Buffer data;
     const int error = ReadWholeFile(listFile.c_str(), data);
@@ -107,22 +100,22 @@ short FaultStore::LoadList(FaultIdList& saved, Files& broken, bool& isNew) const
     if (errno == ENOMEM || GetErrorCount() != reports)
         return Fail(READING_FROM_FILE, listFile, ENOMEM); // the list may be sound
     if (!in.good() || bytes.peek() != std::istringstream::traits_type::eof())
-        NoteBroken(listFile, broken);
+        NoteBroken(listFile);
     return NO_ERRORS;
 }
 
 // Reads the faults of the list.
-short FaultStore::LoadRecords(FaultIdList& saved, Files& broken)
+short FaultStore::ReadRecords(FaultIdList& saved)
 {
     while (const FaultId* id = saved.GetNext()) {
         errno = 0;
         if (!IsFaultId(*id)) {
             if (errno == ENOMEM)
                 return Fail(OUT_OF_MEMORY, listFile, ENOMEM);
-            NoteBroken(listFile, broken);
+            NoteBroken(listFile);
             continue;
         }
-        const short status = LoadRecord(*id, broken);
+        const short status = ReadRecord(*id);
         if (status != NO_ERRORS)
             return status;
         ids.AddFaultId(*id);
@@ -132,33 +125,37 @@ short FaultStore::LoadRecords(FaultIdList& saved, Files& broken)
     return NO_ERRORS;
 }
 
-short FaultStore::LoadRecord(const FaultId& id, Files& broken)
+short FaultStore::ReadRecord(const FaultId& id)
 {
     const std::string file = RecordFile(id);
     Buffer data;
     FaultRecord fault;
-    const int error = ReadWholeFile(file.c_str(), data);
-    errno = 0;
+    int error = ReadWholeFile(file.c_str(), data);
     const bool isWhole = error == 0 && Unpack(data, fault) && fault.summary.hdr.myId == id;
-    if (error == 0 || error == ENOENT)
-        faults.emplace(id, isWhole ? fault : LostRecord(id));
-    if ((error != 0 && error != ENOENT) || errno == ENOMEM)
-        return Fail(READING_FROM_FILE, file, error != 0 ? error : ENOMEM); // the record may be sound
+    if (error == 0 && !isWhole && errno == ENOMEM)
+        error = ENOMEM; // the record may be sound
+    if (error != 0 && error != ENOENT)
+        return Fail(READING_FROM_FILE, file, error);
+    errno = 0;
+    faults.emplace(id, isWhole ? fault : LostRecord(id));
+    if (errno == ENOMEM)
+        return Fail(READING_FROM_FILE, file, ENOMEM);
+    hasLost = hasLost || !isWhole;
     if (error == ENOENT)
         Fail(READING_FROM_FILE, file, ENOENT);
     else if (!isWhole)
-        NoteBroken(file, broken);
+        NoteBroken(file);
     return NO_ERRORS;
 }
 
-void FaultStore::NoteBroken(const std::string& file, Files& broken) const
+void FaultStore::NoteBroken(const std::string& file)
 {
     if (broken.insert(file).second)
         Fail(READING_FROM_FILE, file, 0);
 }
 
 // Sets the files aside. The list keeps its place until another takes it, so that there always is one.
-short FaultStore::MoveAside(const Files& broken) const
+short FaultStore::MoveAside() const
 {
     for (const std::string& file : broken) {
         int error = SetAside(file.c_str());
@@ -178,19 +175,26 @@ const FaultRecord* FaultStore::Find(const FaultId& id) const
     return at != faults.end() ? &at->second : nullptr;
 }
 
+short FaultStore::FindRoom(const FaultId& id) const
+{
+    if (Find(id) == nullptr && ids.MyQuantity() == SHRT_MAX)
+        return Fail(TOO_MANY_FAULTS, static_cast<const char*>(id), 0);
+    return NO_ERRORS;
+}
+
 short FaultStore::Put(const FaultRecord& fault)
 {
     const FaultId& id = fault.summary.hdr.myId;
-    const bool isNew = Find(id) == nullptr;
-    if (isNew && ids.MyQuantity() == SHRT_MAX)
-        return Fail(TOO_MANY_FAULTS, static_cast<const char*>(id), 0);
+    const bool isAdded = Find(id) == nullptr;
+    if (FindRoom(id) != NO_ERRORS)
+        return TOO_MANY_FAULTS;
     Faults copy; // made first: what is on the disk is in memory, too, and whole
     errno = 0;
     copy.emplace(id, fault);
     if (errno == ENOMEM)
         return Fail(OUT_OF_MEMORY, static_cast<const char*>(id), ENOMEM);
     short status = SaveRecord(fault);
-    if (status == NO_ERRORS && isNew)
+    if (status == NO_ERRORS && isAdded)
         status = Enlist(id);
     if (status != NO_ERRORS)
         return status;

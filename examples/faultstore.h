@@ -37,26 +37,38 @@ public:
     /// may read them. Only what was read and is not whole is reported and set aside, under a name that nothing takes
     /// later: "list.broken", "list.broken.2" and so on. Of a list what was read counts. A fault whose file is missing, or
     /// was set aside, is kept with a text that says so.
-    short Load();
+    virtual short Load();
     const Faults& All() const { return faults; }
     /// The fault of that name, or null. It belongs to the store.
     const FaultRecord* Find(const FaultId& id) const;
     /// Adds a fault, or replaces the one of its name.
-    short Put(const FaultRecord& fault);
+    virtual short Put(const FaultRecord& fault);
     /// Changes the state of a fault of the store.
-    short SetState(const FaultId& id, const char* state);
-    short Remove(const FaultId& id);
-    void dumpOn(std::ostream& out) const;
+    virtual short SetState(const FaultId& id, const char* state);
+    virtual short Remove(const FaultId& id);
+    virtual void dumpOn(std::ostream& out) const;
+
+protected:
+    /// The first half of Load: reads the faults and sets nothing aside.
+    short Read();
+    /// Its second half: sets aside what Read found broken. Once it has succeeded the store takes changes.
+    short Mend();
+    /// Whether Read found no faults of an earlier start, something broken, or a fault without its record.
+    bool IsDamaged() const { return isNew || hasLost || !broken.empty(); }
+    /// Whether the disk is known to hold what is in memory, so that the store takes changes.
+    bool IsInStep() const { return isInStep; }
+    /// Refuses a fault that is one too many.
+    short FindRoom(const FaultId& id) const;
 
 private:
     typedef std::set<std::string> Files;
 
-    short Open(bool& isNew) const;
-    short LoadList(FaultIdList& saved, Files& broken, bool& isNew) const;
-    short LoadRecords(FaultIdList& saved, Files& broken);
-    short LoadRecord(const FaultId& id, Files& broken);
-    void NoteBroken(const std::string& file, Files& broken) const;
-    short MoveAside(const Files& broken) const;
+    short Open();
+    short ReadList(FaultIdList& saved);
+    short ReadRecords(FaultIdList& saved);
+    short ReadRecord(const FaultId& id);
+    void NoteBroken(const std::string& file);
+    short MoveAside() const;
     short Enlist(const FaultId& id);
     short SaveRecord(const FaultRecord& fault);
     short SaveList();
@@ -66,6 +78,9 @@ private:
 
     const std::string directory;
     const std::string listFile;
+    bool isNew;      // no file was seen in the directory
+    bool hasLost;    // a fault is without its record
+    Files broken;    // what was read and is not whole
     bool isInStep;   // the files are known to hold what is in memory
     FaultIdList ids; // of all faults
     Faults faults;

@@ -415,7 +415,9 @@ TEST_F(FaultdTest, RefusesBadPayloads)
     EXPECT_EQ(Status(Start, id + "0|"), 22) << "an empty command";
     EXPECT_EQ(Status(Move, id + "9|working"), 22) << "a state that comes short";
     EXPECT_EQ(Status(Move, id + "7|Working"), 27) << "no such state";
-    EXPECT_EQ(Status(11, ""), 81) << "no such event";
+    EXPECT_EQ(Status(11, "0|1|"), 47) << "it has no journal";
+    EXPECT_EQ(Status(12, "0|"), 47) << "it has no journal";
+    EXPECT_EQ(Status(13, ""), 81) << "no such event";
     EXPECT_EQ(Status(-1, ""), 81) << "the server's own";
     EXPECT_EQ(Status(0, ""), 0) << "a sign of life";
     EXPECT_EQ(WithoutTimes(Ctl({"list"}).out), "alpha/00000007\t<time>\tnew\t3\ttext\n");
