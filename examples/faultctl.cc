@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // The command-line client of faultd, on its host or another. Each command is one event, sent with data and answered.
+#include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <climits>
 #include <cstring>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -38,6 +42,11 @@ static const char Usage[] =
     "                                          wait for their turn; the output goes to the log of the server\n"
     "  load FILE                               raise a fault on this node for each line of a log that tells of an\n"
     "                                          error, numbered by line; - reads standard input\n"
+    "  changes [--since N] [--most M]          the changes that a server with a journal has kept, those behind the "
+    "number\n"
+    "                                          N, the first M of them; one a line: number, time, what (began, raised,\n"
+    "                                          moved or cleared), id, state, text, between tabs\n"
+    "  changes-done N                          on the server's host: the changes up to N need not be kept any more\n"
     "  status                                  print the state of the server\n"
     "  exit                                    end the server\n"
     "  batch                                   run the commands on standard input, one a line, over one connection;\n"
@@ -52,10 +61,16 @@ typedef std::vector<std::string> Words;
 /// What follows the command.
 struct Arguments {
     Words words; // as many as the command takes
-    std::string file;
+    std::map<std::string, std::string> once;
     Words options; // "NAME=VALUE"
 
     const std::string& operator[](size_t i) const { return words[i]; }
+    // What was given behind an option that may be given once; empty when it was not.
+    std::string Given(const char* option) const
+    {
+        const auto at = once.find(option);
+        return at != once.end() ? at->second : "";
+    }
 };
 
 static ExitCode Complain(ExitCode code, const std::string& message)
@@ -122,13 +137,18 @@ static ExitCode AskFor(Server& server, short event, const Buffer& request, Objec
     return Unpack(answer, object) ? code : Complain(Failed, "the server's answer cannot be read");
 }
 
+static bool ReadNumber(const std::string& text, long& number)
+{
+    const char* end = text.data() + text.size();
+    const std::from_chars_result read = std::from_chars(text.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end;
+}
+
 // Reads NODE and NUMBER, the first two arguments.
 static bool ReadId(const Arguments& arguments, FaultId& id)
 {
     long number = 0;
-    const char* end = arguments[1].data() + arguments[1].size();
-    const std::from_chars_result read = std::from_chars(arguments[1].data(), end, number);
-    if (arguments[0].empty() || read.ec != std::errc() || read.ptr != end)
+    if (arguments[0].empty() || !ReadNumber(arguments[1], number))
         return false;
     id = FaultId(number, arguments[0].c_str());
     return IsFaultId(id);
@@ -180,8 +200,9 @@ static ExitCode Raise(Server& server, const Arguments& arguments)
         if (!ReadOption(text, *option))
             return Misused("--option takes NAME=VALUE, not " + text);
     }
-    if (!arguments.file.empty() && !fault.attachment.LoadBufferFromFile(arguments.file.c_str()))
-        return Complain(Failed, "cannot read " + arguments.file);
+    const std::string file = arguments.Given("--attach");
+    if (!file.empty() && !fault.attachment.LoadBufferFromFile(file.c_str()))
+        return Complain(Failed, "cannot read " + file);
     summary.attached = static_cast<int>(fault.attachment.Size());
     Buffer request, answer;
     Pack(fault, request);
@@ -218,8 +239,9 @@ static ExitCode Show(Server& server, const Arguments& arguments)
         const Option& option = *summary.options[static_cast<int>(i)];
         std::cout << "Option:   " << option.Name << "=" << option.Value << "\n";
     }
-    if (!arguments.file.empty() && fault.attachment.SaveBufferToFile(arguments.file.c_str(), 0) != 0)
-        return Complain(Failed, "cannot write " + arguments.file);
+    const std::string file = arguments.Given("--save");
+    if (!file.empty() && fault.attachment.SaveBufferToFile(file.c_str(), 0) != 0)
+        return Complain(Failed, "cannot write " + file);
     return Done;
 }
 
@@ -337,6 +359,51 @@ static ExitCode Load(Server& server, const Arguments& arguments)
     return Done;
 }
 
+static void PrintLine(const FaultChange& change)
+{
+    static const char* const kinds[FaultChange::Kinds] = {"began", "raised", "moved", "cleared"};
+    const FaultSummary& fault = change.fault.summary;
+    std::cout << change.number << "\t" << Dates::GetDateTime(change.time) << "\t" << kinds[change.kind] << "\t"
+              << fault.hdr.myId << "\t" << fault.state << "\t" << fault.text << "\n";
+}
+
+// Asks as long as there is more: an answer holds a part only.
+static ExitCode Changes(Server& server, const Arguments& arguments)
+{
+    const std::string since = arguments.Given("--since"), most = arguments.Given("--most");
+    ChangesRequest wanted;
+    long left = LONG_MAX;
+    if ((!since.empty() && !ReadNumber(since, wanted.since)) || wanted.since < 0)
+        return Misused("--since takes the number of a change or 0, not " + since);
+    if ((!most.empty() && !ReadNumber(most, left)) || left <= 0)
+        return Misused("--most takes a number from 1 on, not " + most);
+    for (;;) {
+        wanted.most = static_cast<int>(std::min<long>(left, INT_MAX));
+        Buffer request;
+        Pack(wanted, request);
+        FaultChangeList list;
+        const ExitCode code = AskFor(server, ChangesEvent, request, list);
+        for (const FaultChange& change : list.changes)
+            PrintLine(change);
+        left -= static_cast<long>(list.changes.size());
+        if (code != Done || list.changes.empty() || left <= 0)
+            return code;
+        wanted.since = list.changes.back().number;
+        if (wanted.since >= list.last)
+            return Done;
+    }
+}
+
+static ExitCode ChangesAreDone(Server& server, const Arguments& arguments)
+{
+    ChangesDone done;
+    if (!ReadNumber(arguments[0], done.number) || done.number < 0)
+        return Misused("N must be the number of a change");
+    Buffer request, answer;
+    Pack(done, request);
+    return Ask(server, ChangesDoneEvent, request, answer);
+}
+
 static ExitCode Status(Server& server, const Arguments&)
 {
     Buffer answer;
@@ -356,25 +423,27 @@ static ExitCode Batch(Server& server, const Arguments&);
 struct Command {
     const char* name;
     const char* takes;
-    size_t count;           // of its words
-    const char* fileOption; // that may be given with a file, or null
-    bool hasOptions;        // --option may be given, several times
+    size_t count;        // of its words
+    const char* once[2]; // options that may be given, once, with a value, or null
+    bool hasOptions;     // --option may be given, several times
     ExitCode (*run)(Server& server, const Arguments& arguments);
 };
 
 static const Command Commands[] = {
-    {"raise", "NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]...", 3, "--attach", true, Raise},
-    {"list", "no arguments", 0, nullptr, false, List},
-    {"show", "NODE NUMBER [--save FILE]", 2, "--save", false, Show},
-    {"move", "NODE NUMBER STATE", 3, nullptr, false, Move},
-    {"moves", "NODE NUMBER", 2, nullptr, false, Moves},
-    {"clear", "NODE NUMBER", 2, nullptr, false, Clear},
-    {"run", "NODE NUMBER COMMAND", 3, nullptr, false, Run},
-    {"start", "NODE NUMBER COMMAND", 3, nullptr, false, Start},
-    {"load", "FILE", 1, nullptr, false, Load},
-    {"status", "no arguments", 0, nullptr, false, Status},
-    {"exit", "no arguments", 0, nullptr, false, Exit},
-    {"batch", "no arguments", 0, nullptr, false, Batch},
+    {"raise", "NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]...", 3, {"--attach"}, true, Raise},
+    {"list", "no arguments", 0, {}, false, List},
+    {"show", "NODE NUMBER [--save FILE]", 2, {"--save"}, false, Show},
+    {"move", "NODE NUMBER STATE", 3, {}, false, Move},
+    {"moves", "NODE NUMBER", 2, {}, false, Moves},
+    {"clear", "NODE NUMBER", 2, {}, false, Clear},
+    {"run", "NODE NUMBER COMMAND", 3, {}, false, Run},
+    {"start", "NODE NUMBER COMMAND", 3, {}, false, Start},
+    {"load", "FILE", 1, {}, false, Load},
+    {"changes", "[--since N] [--most M]", 0, {"--since", "--most"}, false, Changes},
+    {"changes-done", "N", 1, {}, false, ChangesAreDone},
+    {"status", "no arguments", 0, {}, false, Status},
+    {"exit", "no arguments", 0, {}, false, Exit},
+    {"batch", "no arguments", 0, {}, false, Batch},
 };
 
 // Sorts what follows the command. False when it is not what the command takes.
@@ -387,8 +456,10 @@ static bool ReadArguments(const Command& command, const Words& words, Arguments&
     for (auto word = rest; word != words.end(); word += 2) {
         if (word + 1 == words.end())
             return false;
-        if (command.fileOption != nullptr && *word == command.fileOption && arguments.file.empty())
-            arguments.file = word[1];
+        const bool isOnce = std::any_of(std::begin(command.once), std::end(command.once),
+                                        [&](const char* option) { return option != nullptr && *word == option; });
+        if (isOnce && arguments.once[*word].empty())
+            arguments.once[*word] = word[1];
         else if (command.hasOptions && *word == "--option")
             arguments.options.push_back(word[1]);
         else

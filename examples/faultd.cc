@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include <fcntl.h>
@@ -18,17 +19,21 @@
 #include "Misc/proginfo.h"
 #include "Misc/unixproc.h"
 
+#include "faultjournal.h"
 #include "faultserver.h"
 #include "faultstore.h"
+#include "journaledstore.h"
 #include "starter.h"
 
 static const char DataDirectory[] = "/var/orv/data";
 static const char StateFile[] = "/var/orv/data/faultd.state";
 static const char LockedName[] = "/var/orv/data/faultd"; // the lock file is that name with ".lock"
 static const char FaultDirectory[] = "/var/orv/data/faults";
+static const char JournalDirectory[] = "/var/orv/data/journal";
 
 static const char Usage[] =
     "usage: faultd [--foreground] [--log FILE] [--debug LEVEL] [--time-limit SECONDS] [--remote-access ACCESS]\n"
+    "              [--journal]\n"
     "Keeps faults for faultctl, as a daemon, until `faultctl exit` or SIGTERM.\n"
     "  --foreground            stays with the terminal and writes there instead of the log\n"
     "  --log FILE              what the daemon's messages go to the end of (default /var/orv/data/faultd.log)\n"
@@ -36,6 +41,9 @@ static const char Usage[] =
     "  --time-limit SECONDS    how long a command may run that a client waits for (default 30)\n"
     "  --remote-access ACCESS  what nodes may do that /var/orv/data/orvnodes.dat does not list: none (the default),\n"
     "                          read, full; or global: every node may do everything, the list does not matter\n"
+    "  --journal               keeps all changes of the faults in /var/orv/data/journal until `faultctl "
+    "changes-done`;\n"
+    "                          a change that cannot be kept is refused\n"
     "Environment: FAULT_MESSAGE is the template of the messages, CFTIME the format of the times in them.\n"
     "Exit codes: 0 ended as asked, or serves in the background; 1 could not start; 2 wrong usage.\n";
 
@@ -45,6 +53,7 @@ struct Settings {
     short debug = 0;
     long seconds = 30;
     const char* remoteAccess = "none";
+    bool journal = false;
 };
 
 template <class Number>
@@ -80,6 +89,8 @@ static bool ReadOptions(int argc, char** argv, Settings& settings)
     for (int i = 1; i < argc; i++) {
         if (std::strcmp(argv[i], "--foreground") == 0)
             settings.foreground = true;
+        else if (std::strcmp(argv[i], "--journal") == 0)
+            settings.journal = true;
         else if (i + 1 == argc || !ReadOption(argv[i], argv[i + 1], settings))
             return false;
         else
@@ -103,10 +114,17 @@ static int Serve(const Settings& settings, Starter& starter)
     LockFile lock(name, 0);
     if (!lock.Locked())
         return RefuseUnlocked(starter, lock);
-    FaultStore store(FaultDirectory);
-    if (store.Load() != ErrorReporter::NO_ERRORS)
-        return starter.Refuse("the faults cannot be kept in /var/orv/data/faults");
-    FaultServer server(store, settings.seconds, settings.remoteAccess);
+    FaultJournal journal(JournalDirectory);
+    if (!settings.journal && journal.LoseStep() != ErrorReporter::NO_ERRORS)
+        return starter.Refuse("an earlier journal in /var/orv/data/journal would not know of this start without it");
+    const std::unique_ptr<FaultStore> store = settings.journal
+                                                  ? std::make_unique<JournaledStore>(FaultDirectory, journal)
+                                                  : std::make_unique<FaultStore>(FaultDirectory);
+    if (store->Load() != ErrorReporter::NO_ERRORS)
+        return starter.Refuse(settings.journal
+                                  ? "the faults cannot be kept in /var/orv/data/faults and /var/orv/data/journal"
+                                  : "the faults cannot be kept in /var/orv/data/faults");
+    FaultServer server(*store, settings.seconds, settings.remoteAccess, settings.journal ? &journal : nullptr);
     if (!server.InBasket().Created())
         return starter.Refuse("no message queue: another server has it, or the host refuses one");
     starter.Serves();

@@ -20,8 +20,8 @@
 static const short TickEvent = -1;     // the time-out of a receive; no client's event
 static const long SilenceSeconds = 30; // for which a client may hold all others in the middle of an event
 
-FaultServer::FaultServer(FaultStore& store, long commandSeconds, const char* remoteAccess)
-    : EventManager(FaultServerName, &std::clog), store(store), commandSeconds(commandSeconds),
+FaultServer::FaultServer(FaultStore& store, long commandSeconds, const char* remoteAccess, FaultJournal* journal)
+    : EventManager(FaultServerName, &std::clog), store(store), journal(journal), commandSeconds(commandSeconds),
       remoteAccess(remoteAccess)
 {
     InBasket().SetReceiveTimeOutEvent(TickEvent);
@@ -48,7 +48,8 @@ short FaultServer::GetNextEvent(short& event, Buffer& data, short& responseRqd, 
 
 static bool OnlyAsks(short event)
 {
-    return event == NoEvent || event == StatusEvent || event == ListEvent || event == FetchEvent || event == MovesEvent;
+    return event == NoEvent || event == StatusEvent || event == ListEvent || event == FetchEvent ||
+           event == MovesEvent || event == ChangesEvent;
 }
 
 short FaultServer::AcceptEvent(short event, const char* program, const char* node)
@@ -57,9 +58,19 @@ short FaultServer::AcceptEvent(short event, const char* program, const char* nod
         return 0;
     if (std::strcmp(node, ProgInfo::GetNodeName()) == 0)
         return 1;
+    if (event == ChangesDoneEvent) // what is cut is gone for all who follow the changes
+        return 0;
     CString access;
     GetAccessOptionForNode(node, remoteAccess, access);
     return access == "full" || access == "global" || (access == "read" && OnlyAsks(event));
+}
+
+// A journal that nobody could read would fill a full file system for ever.
+int FaultServer::FileSystemFull()
+{
+    const int full = EventManager::FileSystemFull();
+    const bool makesRoom = CurrentEvent == ChangesEvent || CurrentEvent == ChangesDoneEvent;
+    return journal != nullptr && makesRoom ? 0 : full;
 }
 
 short FaultServer::Handle_NULL_event()
@@ -91,6 +102,12 @@ short FaultServer::HandleEvent(short event)
     case StartEvent: status = Start(); break;
     case MoveEvent: status = Move(); break;
     case MovesEvent: status = Moves(answer); break;
+    case ChangesEvent:
+    case ChangesDoneEvent:
+        if (journal == nullptr)
+            return Handle_UNSUPPORTED_event();
+        status = event == ChangesEvent ? Changes(answer) : ChangesAreDone();
+        break;
     default: return Handle_UNSUPPORTED_event();
     }
     Answer(status, answer);
@@ -266,6 +283,28 @@ short FaultServer::Moves(Buffer& answer)
     life.GetVisibleTransitionList(state, list.data());
     answer.Append(list.data());
     return NO_ERRORS;
+}
+
+short FaultServer::Changes(Buffer& answer)
+{
+    ChangesRequest request;
+    if (!Unpack(CurrentEventData, request))
+        return INVALID_DATA;
+    FaultChangeList list;
+    const short status = journal->List(request, list);
+    errno = 0;
+    if (status == NO_ERRORS)
+        Pack(list, answer);
+    if (errno != ENOMEM)
+        return status;
+    answer.PurgeContents(); // it has room for a part only
+    return OUT_OF_MEMORY;
+}
+
+short FaultServer::ChangesAreDone()
+{
+    ChangesDone done;
+    return Unpack(CurrentEventData, done) ? journal->Remove(done.number) : static_cast<short>(INVALID_DATA);
 }
 
 // Finds the fault that the current event names.

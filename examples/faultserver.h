@@ -7,6 +7,7 @@
 #include "Misc/mobject.h"
 
 #include "fault.h"
+#include "faultjournal.h"
 #include "faultlife.h"
 #include "faultmessage.h"
 #include "faultstore.h"
@@ -17,11 +18,13 @@
 /// Events from this node are always accepted. What another node may do is its access option in the node list
 /// /var/orv/data/orvnodes.dat: with "full" or "global" everything, with "read" ask for faults and status, with any
 /// other nothing. A node that is not listed is reported and logged once, and has `remoteAccess` as its option; with
-/// "global" there every node may do everything, and the list is not looked at.
+/// "global" there every node may do everything, and the list is not looked at. That changes are not needed any more is for
+/// this node alone to say.
 class FaultServer : public EventManager, public MonitoredObject {
 public:
-    /// `commandSeconds` is the time limit of the commands that a client waits for. `store` must outlive the server.
-    FaultServer(FaultStore& store, long commandSeconds, const char* remoteAccess);
+    /// `commandSeconds` is the time limit of the commands that a client waits for. `journal` has the changes of `store`; it
+    /// may be null. Both must outlive the server.
+    FaultServer(FaultStore& store, long commandSeconds, const char* remoteAccess, FaultJournal* journal = nullptr);
 
     const char* Event_to_Name(short event) override { return FaultEventName(event); }
     short Name_to_Event(const char* name) override { return FaultEventNumber(name); }
@@ -34,6 +37,7 @@ public:
     short Handle_NULL_event() override;
     short Handle_EXIT_event(short& exitnow) override;
     short HandleEvent(short event) override;
+    int FileSystemFull() override;                 // never while that could make room
     void dumpOn(std::ostream& out) const override; // what `faultctl status`, SIGUSR1 and a crash show
 
 private:
@@ -46,6 +50,8 @@ private:
     short Start();
     short Move();
     short Moves(Buffer& answer);
+    short Changes(Buffer& answer);
+    short ChangesAreDone();
     short FindFault(const FaultRecord*& fault);
     short FindFault(const FaultId& id, const FaultRecord*& fault);
     short FindForCommand(FaultCommand& request, const FaultRecord*& fault);
@@ -53,6 +59,7 @@ private:
     void Tell(const char* happened, const FaultSummary& fault);
 
     FaultStore& store;
+    FaultJournal* const journal; // of the store, or null
     FaultLife life;
     FaultMessage message;
     const long commandSeconds;

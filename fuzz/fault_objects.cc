@@ -42,7 +42,7 @@ void Check(const std::string& bytes)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     Input in(data, size);
-    const unsigned kind = in.Below(7);
+    const unsigned kind = in.Below(11);
     const std::string bytes = in.Rest();
     switch (kind) {
     case 0: Check<FaultSummary>(bytes); break;
@@ -51,6 +51,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     case 3: Check<FaultCommand>(bytes); break;
     case 4: Check<FaultMove>(bytes); break;
     case 5: Check<CommandResult>(bytes); break;
+    case 7: Check<FaultChange>(bytes); break;
+    case 8: Check<FaultChangeList>(bytes); break;
+    case 9: Check<ChangesRequest>(bytes); break;
+    case 10: Check<ChangesDone>(bytes); break;
     default: {
         Buffer buffer = BufferOf(bytes);
         FaultId id;
