@@ -28,7 +28,7 @@ using faultjournal_testing::Replay;
 namespace {
 
 const char JournalDirectory[] = "/var/orv/data/journal";
-const short Rejected = 81, Unsupported = 47, Invalid = 22;
+const short Rejected = 81, Invalid = 22;
 
 class FaultdJournalTest : public FaultdTest {
 protected:
