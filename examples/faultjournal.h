@@ -43,7 +43,7 @@ public:
 
     /// Appends a change. It is on the disk when this returns. A change that is too large for an answer is refused.
     short Append(FaultChange::Kind kind, const FaultRecord& fault);
-    /// Removes the newest change, which did not happen; that fails where Withhold does not.
+    /// Removes the newest change, which did not happen. Where that fails it is withheld.
     void TakeBack();
     /// Leaves the newest change, of which nobody can say whether it happened, for the next start; the journal is out of
     /// step until then.

@@ -248,14 +248,16 @@ TEST_F(FaultdJournalTest, RefusesBadPayloads)
 
 TEST_F(FaultdJournalTest, AFullFileSystemIsEmptiedByWhoPassesTheChangesOn)
 {
+    if (std::filesystem::space("/var/orv/data").capacity > 64 << 20)
+        GTEST_SKIP() << "needs a small file system";
     const std::string file = directory.File("attachment");
     WriteFile(file, std::string(1 << 18, 'a'));
     StartJournal();
-    int raised = 0; // /var of the sandbox is small
-    while (raised < 100 && Ctl({"raise", "alpha", "1", "t", "--attach", file}).exitCode == 0)
+    int raised = 0;
+    while (raised < 1000 && Ctl({"raise", "alpha", "1", "t", "--attach", file}).exitCode == 0)
         raised++;
     ASSERT_GT(raised, 2);
-    ASSERT_LT(raised, 100);
+    ASSERT_LT(raised, 1000);
     EXPECT_RESULT(Ctl({"move", "alpha", "1", "working"}), 1, "", "faultctl: MOVE: File System Full. (76)\n");
     EXPECT_EQ(CountOf(Changes(), "\traised\t"), raised);
     EXPECT_RESULT(Ctl({"changes-done", std::to_string(raised + 1)}), 0, "", "");
