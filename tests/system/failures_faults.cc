@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // The scenario of the fault daemon: its handlers with its store, in this process.
+#include <algorithm>
 #include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "examples/faultserver.h"
+#include "examples/journaledstore.h"
 #include "tests/system/failures_testing.h"
 
 using namespace testing_support;
@@ -17,7 +19,7 @@ namespace {
 // The server without its loop: events are handed to its handlers.
 class Handlers : public FaultServer {
 public:
-    explicit Handlers(FaultStore& store) : FaultServer(store, 3, "none") {}
+    explicit Handlers(FaultStore& store, FaultJournal* journal = nullptr) : FaultServer(store, 3, "none", journal) {}
 
     template <class Object>
     short Handle(short event, const Object& object)
@@ -33,8 +35,10 @@ public:
 
 // What the disk must hold at the next start: that is known after each change that succeeded.
 enum Known { Unknown, Absent, New, Working };
-bool hasKept = false; // the fault that every run leaves alone
-Known changing = Unknown;
+struct OnDisk {
+    bool hasKept = false; // the fault that every run leaves alone
+    Known changing = Unknown;
+};
 
 } // namespace
 
@@ -60,52 +64,80 @@ static bool IsIn(const FaultStore& store, const FaultId& id, Known state)
 
 // What a start has read is what the last run said that it kept. A record that was reported missing, since the host said
 // so, is known by its name only.
-static void CheckLoaded(const FaultStore& store, const FaultId& kept, const FaultId& changed, bool isReported)
+static void CheckLoaded(const OnDisk& disk, const FaultStore& store, const FaultId& kept, const FaultId& changed,
+                        bool isReported)
 {
     const FaultRecord* fault = store.Find(kept);
-    if (hasKept)
+    if (disk.hasKept)
         CHILD_CHECK(fault != nullptr);
-    if (hasKept && !isReported)
+    if (disk.hasKept && !isReported)
         CHILD_CHECK(fault->summary.text == KeptText && fault->attachment.Size() == 8);
-    if (changing != Unknown && !isReported)
-        CHILD_CHECK(IsIn(store, changed, changing));
+    if (disk.changing != Unknown && !isReported)
+        CHILD_CHECK(IsIn(store, changed, disk.changing));
     CHILD_CHECK(store.All().size() <= 2);
 }
 
 // Notes what an event says that it did. True when it succeeded: then it is so in memory, too.
-static bool Note(short status, const FaultStore& store, const FaultId& id, Known after)
+static bool Note(OnDisk& disk, short status, const FaultStore& store, const FaultId& id, Known after)
 {
-    changing = status == ErrorReporter::NO_ERRORS ? after : Unknown;
+    disk.changing = status == ErrorReporter::NO_ERRORS ? after : Unknown;
     if (status == ErrorReporter::NO_ERRORS)
         CHILD_CHECK(IsIn(store, id, after));
     return status == ErrorReporter::NO_ERRORS;
 }
 
-bool Faults(const std::string& directory)
+// Starts with the store, and has the server handle events on it.
+static bool Serve(OnDisk& disk, FaultStore& store, FaultJournal* journal)
 {
     static const FaultRecord kept = Record(100, KeptText), changed = Record(1, "changed");
     static const FaultId keptId = kept.summary.hdr.myId, id = changed.summary.hdr.myId;
     static const FaultMove move = {id, "working"};
-    FaultStore store(PathIn(directory, "faults"));
     const int reports = ErrorReporter::GetErrorCount();
     if (store.Load() != ErrorReporter::NO_ERRORS) {
         CHILD_CHECK(ErrorReporter::GetErrorCount() > reports);
         return false;
     }
-    CheckLoaded(store, keptId, id, ErrorReporter::GetErrorCount() > reports);
-    Handlers server(store);
+    CheckLoaded(disk, store, keptId, id, ErrorReporter::GetErrorCount() > reports);
+    if (journal != nullptr)
+        journal->Remove(journal->Newest()); // what a run that failed has not cut would pile up
+    Handlers server(store, journal);
     if (!server.InBasket().Created())
         return false;
-    if (!hasKept)
-        hasKept = server.Handle(RaiseEvent, kept) == ErrorReporter::NO_ERRORS;
-    bool isWhole = Note(server.Handle(RaiseEvent, changed), store, id, New);
-    isWhole &= store.Find(id) != nullptr && Note(server.Handle(MoveEvent, move), store, id, Working);
+    if (!disk.hasKept)
+        disk.hasKept = server.Handle(RaiseEvent, kept) == ErrorReporter::NO_ERRORS;
+    bool isWhole = Note(disk, server.Handle(RaiseEvent, changed), store, id, New);
+    isWhole &= store.Find(id) != nullptr && Note(disk, server.Handle(MoveEvent, move), store, id, Working);
     for (const short event : {FetchEvent, MovesEvent})
         isWhole &= server.Handle(event, keptId) == ErrorReporter::NO_ERRORS;
     for (const short event : {ListEvent, StatusEvent})
         isWhole &= server.Handle(event, FaultId()) == ErrorReporter::NO_ERRORS;
-    isWhole &= store.Find(id) != nullptr && Note(server.Handle(ClearEvent, id), store, id, Absent);
-    return isWhole && hasKept;
+    isWhole &= store.Find(id) != nullptr && Note(disk, server.Handle(ClearEvent, id), store, id, Absent);
+    if (journal != nullptr) {
+        isWhole &= server.Handle(ChangesEvent, ChangesRequest{0, 100}) == ErrorReporter::NO_ERRORS;
+        isWhole &= server.Handle(ChangesDoneEvent, ChangesDone{journal->Newest()}) == ErrorReporter::NO_ERRORS;
+    }
+    return isWhole && disk.hasKept;
+}
+
+bool Faults(const std::string& directory)
+{
+    static OnDisk disk;
+    FaultStore store(PathIn(directory, "faults"));
+    return Serve(disk, store, nullptr);
+}
+
+// The journal goes on over all runs: no number is given twice.
+bool JournaledFaults(const std::string& directory)
+{
+    static OnDisk disk;
+    static long newest = 0;
+    FaultJournal journal(PathIn(directory, "journal"));
+    JournaledStore store(PathIn(directory, "journaled"), journal);
+    const bool isWhole = Serve(disk, store, &journal);
+    if (isWhole)
+        CHILD_CHECK(journal.Newest() > newest);
+    newest = std::max(newest, journal.Newest());
+    return isWhole;
 }
 
 static const char Garbage[] = "garbage";

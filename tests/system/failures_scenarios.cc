@@ -187,6 +187,7 @@ const std::vector<Scenario> Scenarios = {
     {"Events", Events},
 #ifdef WITH_EXAMPLES
     {"Faults", Faults, true},
+    {"JournaledFaults", JournaledFaults, true},
     {"BrokenFaults", BrokenFaults, true},
 #endif
 };

@@ -39,6 +39,7 @@ bool Connections(const std::string& directory);
 bool Clients(const std::string& directory);
 bool Events(const std::string& directory);
 bool Faults(const std::string& directory);
+bool JournaledFaults(const std::string& directory);
 bool BrokenFaults(const std::string& directory);
 
 /// Cleared while failures are injected: then a scenario waits for nothing that may not come.
