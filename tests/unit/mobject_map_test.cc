@@ -279,14 +279,10 @@ TEST_F(ModuleMap, AMapThatMayNotBeWrittenCostsNothing)
     unlink(CrashFile("map-rights").c_str());
 }
 
-TEST_F(ModuleMap, ABlockOfManyModulesThatDoesNotFitIsTakenBack)
+// A program that has loaded `paths` has room for the heading of a block, but not for its modules; the crash file is empty
+// before, the map is not.
+void ExpectTakenBack(const std::vector<std::string>& paths)
 {
-    const TemporaryDirectory directory;
-    std::vector<std::string> paths;
-    for (int i = 0; i < 30; i++) {
-        paths.push_back(directory.File(std::string(200, 'm') + std::to_string(i)));
-        WriteFile(paths.back(), ReadFile(CRASHING_MODULE));
-    }
     WriteFile(MapFile("no-room"), std::string(5000, '\n'));
     const Crash crash = CrashAs("no-room", [&] {
         for (const std::string& path : paths)
@@ -301,19 +297,17 @@ TEST_F(ModuleMap, ABlockOfManyModulesThatDoesNotFitIsTakenBack)
     unlink(CrashFile("no-room").c_str());
 }
 
-TEST_F(ModuleMap, ABlockThatDoesNotFitIsTakenBack)
+TEST_F(ModuleMap, ABlockThatDoesNotFitIsTakenBack) { ExpectTakenBack({}); }
+
+TEST_F(ModuleMap, ABlockOfManyModulesThatDoesNotFitIsTakenBack)
 {
-    // The heading fits, the modules don't; the crash file is empty before, the map is not.
-    WriteFile(MapFile("no-room"), std::string(5000, '\n'));
-    const Crash crash = CrashAs("no-room", [] {
-        Probe object("object");
-        object.talks = false;
-        LimitFileSize(5100);
-        WriteToNull();
-    });
-    EXPECT_EQ(Map("no-room"), std::string(5000, '\n'));
-    EXPECT_EQ(crash.report.compare(0, Heading("no-room", SIGSEGV).size(), Heading("no-room", SIGSEGV)), 0);
-    unlink(CrashFile("no-room").c_str());
+    const TemporaryDirectory directory;
+    std::vector<std::string> paths;
+    for (int i = 0; i < 30; i++) {
+        paths.push_back(directory.File(std::string(200, 'm') + std::to_string(i)));
+        WriteFile(paths.back(), ReadFile(CRASHING_MODULE));
+    }
+    ExpectTakenBack(paths);
 }
 
 TEST_F(ModuleMap, AFullDiskLeavesItsRoomToTheReport)
