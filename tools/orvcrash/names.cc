@@ -92,13 +92,12 @@ struct Symbol {
 
 } // namespace
 
-// The functions among the dynamic symbols of a file, which are there in a stripped one as well, by address.
-static std::vector<Symbol> DynamicSymbols(const std::string& file)
+// Adds the functions that nm lists with these options.
+static void ReadSymbols(const std::vector<std::string>& arguments, std::vector<Symbol>* symbols)
 {
-    std::vector<Symbol> symbols;
     std::string output;
-    if (!Run({"nm", "-D", "-S", "-C", "--defined-only", file}, &output))
-        return symbols;
+    if (!Run(arguments, &output))
+        return;
     ForEachLine(output, [&](std::string_view line) {
         std::string_view from, size, type;
         Symbol symbol;
@@ -106,18 +105,29 @@ static std::vector<Symbol> DynamicSymbols(const std::string& file)
             ReadHex(from, &symbol.from) && ReadHex(size, &symbol.size) &&
             std::string_view("TtWwi").find(type) != std::string_view::npos) {
             symbol.name = line;
-            symbols.push_back(std::move(symbol));
+            symbols->push_back(std::move(symbol));
         }
     });
+}
+
+// The functions of a file by address. Stripped, it has the dynamic ones still.
+static std::vector<Symbol> SymbolsOf(const std::string& file)
+{
+    std::vector<Symbol> symbols;
+    ReadSymbols({"nm", "-S", "-C", "--defined-only", file}, &symbols);
+    ReadSymbols({"nm", "-D", "-S", "-C", "--defined-only", file}, &symbols);
     std::stable_sort(symbols.begin(), symbols.end(), [](const Symbol& a, const Symbol& b) { return a.from < b.from; });
     return symbols;
 }
 
+// Names the addresses that addr2line knows no line of. Its names for them are not used: they are those of the nearest
+// function before, whether that is so long or not.
 static void AskNm(const std::string& file, const std::vector<uint64_t>& offsets,
                   std::map<uint64_t, std::vector<Place>>* found)
 {
-    const std::vector<Symbol> symbols = DynamicSymbols(file);
+    const std::vector<Symbol> symbols = SymbolsOf(file);
     for (const uint64_t offset : offsets) {
+        (*found)[offset].clear();
         const auto behind = std::upper_bound(symbols.begin(), symbols.end(), offset,
                                              [](uint64_t at, const Symbol& symbol) { return at < symbol.from; });
         if (behind == symbols.begin())
@@ -198,14 +208,14 @@ void Names::FindIn(size_t module, const std::vector<uint64_t>& offsets)
         return;
     source.problem.clear(); // of what was tried before
     AskAddr2line(source.used, offsets, &found[module]);
-    std::vector<uint64_t> nameless;
+    std::vector<uint64_t> lineless;
     for (const uint64_t offset : offsets) {
         const auto at = found[module].find(offset);
-        if (at == found[module].end() || at->second.empty() || at->second[0].function.empty())
-            nameless.push_back(offset);
+        if (at == found[module].end() || at->second.empty() || at->second[0].file.empty())
+            lineless.push_back(offset);
     }
-    if (!nameless.empty())
-        AskNm(source.used, nameless, &found[module]);
+    if (!lineless.empty())
+        AskNm(source.used, lineless, &found[module]);
 }
 
 void Names::Find(const std::vector<uint64_t>& addresses)
