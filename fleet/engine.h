@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: BSD-2-Clause
+// The distributed engine that carries the changes of many hosts, as the programs here use it.
+#ifndef FLEET_ENGINE_H
+#define FLEET_ENGINE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <nats/nats.h>
+
+#include "examples/fault.h"
+
+namespace fleet {
+
+/// The stream that keeps the changes of all hosts. Those of a node lie on the subject ChangeSubject(node), the pieces of
+/// an attachment on PieceSubject of its change.
+const char StreamName[] = "FAULTS";
+
+/// `name` as a part of a subject: letters, digits, - and _ as they are, all else as = and two hex digits.
+std::string Token(const std::string& name);
+std::string ChangeSubject(const std::string& node);
+/// Of one piece: `index` counts from 0.
+std::string PieceSubject(const std::string& node, const std::string& journal, long change, long index);
+/// Where the gate of a node takes requests.
+std::string RequestSubject(const std::string& node);
+
+/// How the engine is reached.
+struct EngineAddress {
+    std::string servers = "nats://localhost:4222"; // URLs between commas
+    std::string credentials; // a directory with ca.crt, client.crt and client.key; empty: neither TLS nor a credential
+    std::string name;        // of the program and its node: what the engine's operator sees
+    std::string inbox;       // the first part of the subjects of answers, which no other client may read
+};
+
+/// What came of an operation.
+enum class Outcome {
+    Done,
+    Nothing, // there is no such message
+    Passed,  // another message has been stored meanwhile: the expected last one is not the last
+    Refused, // by the engine: rights, limits, or a stream that has not been set up
+    Away     // the engine could not be asked, or did not answer; whether the operation was done is not known
+};
+
+/// What the engine's last message of a node says: how far the node's journal has been passed on.
+struct Position {
+    uint64_t sequence = 0; // of that message in the stream; 0: there is none
+    std::string journal;
+    long number = 0; // of the last change in it
+};
+
+struct StreamSettings {
+    long replicas = 1; // servers that have a copy
+    long bytes = -1;   // that the stream may have; -1: no limit
+};
+
+/// A connection to the engine, made again whenever it breaks. One thread uses it. Operations wait for at most five
+/// seconds; what failed last is in Problem().
+class Engine {
+public:
+    explicit Engine(const EngineAddress& address);
+    ~Engine();
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    /// Makes the connection when there is none. False when that fails.
+    bool Connect();
+    /// Makes the stream, or gives it these settings. What it holds stays.
+    Outcome SetUp(const StreamSettings& settings);
+    /// How far the changes of `node` have come. Outcome::Nothing: nothing has been stored, and `position` is empty.
+    Outcome Last(const std::string& node, Position* position);
+    /// Stores changes of `node`, the list's last one being `position.number` of `position.journal`, if the message
+    /// `position.sequence` is its last one; then that becomes the number of the new message.
+    Outcome Publish(const std::string& node, const Buffer& changes, Position* position);
+    /// Stores what is the only message of its subject. One that is there already stays: that is Done, too.
+    Outcome PublishOnce(const std::string& subject, const void* bytes, std::size_t size);
+
+    const std::string& Problem() const { return problem; }
+    natsConnection* Connection() const { return connection; }
+
+private:
+    Outcome Note(const std::string& what, natsStatus status, jsErrCode code = static_cast<jsErrCode>(0));
+    Outcome Store(natsMsg* message, uint64_t after, uint64_t* sequence);
+
+    const EngineAddress address;
+    natsConnection* connection = nullptr;
+    jsCtx* stream = nullptr;
+    std::string problem;
+};
+
+} // namespace fleet
+
+#endif

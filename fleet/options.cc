@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: BSD-2-Clause
+#include "options.h"
+
+#include <charconv>
+#include <cstring>
+
+namespace fleet {
+
+bool ReadEngineOption(const char* option, const char* value, EngineAddress* address)
+{
+    std::string* place = std::strcmp(option, "--engine") == 0        ? &address->servers
+                         : std::strcmp(option, "--credentials") == 0 ? &address->credentials
+                                                                     : nullptr;
+    if (place == nullptr || *value == '\0')
+        return false;
+    *place = value;
+    return true;
+}
+
+bool ReadCount(const char* text, long* number)
+{
+    const char* end = text + std::strlen(text);
+    const std::from_chars_result read = std::from_chars(text, end, *number);
+    return read.ec == std::errc() && read.ptr == end && *number > 0;
+}
+
+} // namespace fleet
