@@ -165,9 +165,10 @@ static bool ReadPosition(natsMsg* message, Position* position)
     return read.ec == std::errc() && read.ptr == end && position->number > 0 && position->sequence != 0;
 }
 
-Outcome Engine::Last(const std::string& node, Position* position)
+Outcome Engine::Last(const std::string& node, Position* position, Buffer* changes)
 {
     *position = Position();
+    changes->PurgeContents();
     jsOptions options;
     jsOptions_Init(&options);
     options.Wait = LongestWait;
@@ -183,6 +184,8 @@ Outcome Engine::Last(const std::string& node, Position* position)
         problem = "the last message on " + subject + " is not one of a gate";
         return Outcome::Refused;
     }
+    if (status == NATS_OK)
+        changes->Append(natsMsg_GetData(found), static_cast<unsigned>(natsMsg_GetDataLength(found)));
     return Note("the last change of " + node, status);
 }
 

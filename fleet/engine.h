@@ -67,8 +67,9 @@ public:
     bool Connect();
     /// Makes the stream, or gives it these settings. What it holds stays.
     Outcome SetUp(const StreamSettings& settings);
-    /// How far the changes of `node` have come. Outcome::Nothing: nothing has been stored, and `position` is empty.
-    Outcome Last(const std::string& node, Position* position);
+    /// How far the changes of `node` have come, and its last message. Outcome::Nothing: nothing has been stored, and
+    /// `position` is empty. A server that lags behind the others may tell of an earlier message than the last.
+    Outcome Last(const std::string& node, Position* position, Buffer* changes);
     /// Stores changes of `node`, the list's last one being `position.number` of `position.journal`, if the message
     /// `position.sequence` is its last one; then that becomes the number of the new message.
     Outcome Publish(const std::string& node, const Buffer& changes, Position* position);

@@ -14,6 +14,9 @@ namespace fleet {
 /// long the engine, the daemon or this program were away. It remembers nothing: what has been stored is what the engine's
 /// last message of the node says, and each message is stored only if that is still the last one. Two of a node do no
 /// harm: one of them finds that the other was faster.
+///
+/// A journal that is an old copy, put back, or in which changes are missing that have not been passed on, and for which no
+/// later Began makes up, is refused.
 class Publisher {
 public:
     enum Step {
@@ -31,9 +34,13 @@ public:
     const Position& Reached() const { return position; }
 
 private:
-    Step Fail(const std::string& what);
+    bool Take(FaultChangeList* list);
     bool FindPosition();
+    bool Agrees(Buffer& stored);
     bool Fetch(FaultChangeList* list);
+    bool Follow(FaultChangeList* list);
+    bool Ask(long since, int most, FaultChangeList* list);
+    bool Fail(const std::string& what);
     bool Pass(FaultChangeList& list);
     bool PassAttachment(const FaultChange& change);
     bool Confirm();
@@ -44,8 +51,9 @@ private:
     const std::string node;
     std::string problem;
     Position position;
-    bool knowsPosition = false;
-    long confirmed = 0; // what the daemon was told of last
+    bool knowsPosition = false; // until something fails
+    bool isMissing = false;     // a change that should be the next
+    long confirmed = 0;         // what the daemon was told of last
 };
 
 } // namespace fleet

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: BSD-2-Clause
+// What the tests of fleet/ share: servers of the engine, what lies in its stream, and a storm of changes.
+#ifndef TESTS_SYSTEM_FLEET_TESTING_H
+#define TESTS_SYSTEM_FLEET_TESTING_H
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "examples/fault.h"
+#include "fleet/engine.h"
+#include "tests/system/faultjournal_replay.h"
+#include "tests/support/testing.h"
+
+namespace fleet_testing {
+
+using namespace testing_support;
+
+const std::string Faultgate = ProgramUnderTest(FAULTGATE);
+const std::string Faultfleet = ProgramUnderTest(FAULTFLEET);
+const std::string Faultd = ProgramUnderTest(FAULTD);
+const std::string Faultctl = ProgramUnderTest(FAULTCTL);
+
+/// The engine's server program; empty where it is not installed.
+std::string EngineProgram();
+
+/// One server of the engine, or several as a cluster, on the loopback, which the sandbox has for itself. Their storage
+/// goes with the object, and they end with it.
+class EngineServers {
+public:
+    /// Nothing is started yet. `extra` comes into the configuration of each.
+    explicit EngineServers(int count = 1, std::string extra = "");
+    ~EngineServers();
+    /// Starts one that does not run.
+    void Start(int index = 0);
+    void StartAll();
+    /// Ends one and waits for its end.
+    void End(int index = 0, int signal = SIGKILL);
+    pid_t Process(int index = 0) const { return processes[static_cast<std::size_t>(index)]; }
+    /// The URLs of all, between commas.
+    std::string Urls() const;
+    /// Waits until the stream, if there is one, and the cluster can be used: until `faultfleet setup` with these
+    /// arguments succeeds.
+    bool SetUp(const std::vector<std::string>& settings = {}) const;
+    /// The number of the server that leads the stream; -1: none does.
+    int Leader() const;
+    std::string Log(int index = 0) const;
+
+private:
+    std::string Configuration(int index) const;
+
+    const std::string extra;
+    TemporaryDirectory directory;
+    std::vector<pid_t> processes;
+};
+
+/// A message of the stream.
+struct Stored {
+    std::string subject;
+    std::string journal; // these two of changes
+    long number = 0;
+    std::string data;
+};
+
+/// All messages that are in the stream, in their order. It is a failure of the test when they cannot be read.
+std::vector<Stored> ReadStream(const std::string& urls);
+
+/// A node's changes in the stream, with their attachments. It is a failure of the test when a message is not sound, the
+/// numbers of a journal don't go up by one from Began on, a journal comes again after another, or an attachment is not
+/// whole or has been stored twice.
+struct History {
+    std::vector<std::string> journals;
+    std::vector<FaultChange> changes;
+    faultjournal_testing::Replay replay; // of the last journal
+};
+History ReadHistory(const std::string& urls, const std::string& node);
+
+/// A change as bytes.
+std::string PackedChange(const FaultChange& change);
+
+/// The changes that the daemon's journal has, and the daemon's faults with their attachments.
+FaultChangeList ChangesOfServer(long since = 0);
+faultjournal_testing::Faults FaultsOfServer();
+
+/// A process that raises, moves and clears faults, whatever becomes of the daemon, as far as it is allowed to.
+class Storm {
+public:
+    /// Every `every`-th raise has an attachment of up to `size` bytes.
+    Storm(unsigned seed, int every, unsigned size);
+    ~Storm();
+    /// Lets it do `count` more raises.
+    void Allow(int count) { shared->allowed = shared->allowed + count; }
+    int Raised() const { return shared->raised; }
+    /// Waits until it has done so many.
+    bool HasRaised(int count) const;
+    /// Waits until it has done what it may.
+    bool Settles() const { return HasRaised(shared->allowed); }
+
+private:
+    struct Shared {
+        volatile int allowed, raised;
+    };
+    static void Run(Shared& shared, unsigned seed, int every, unsigned size);
+
+    Shared* shared;
+    pid_t process;
+};
+
+} // namespace fleet_testing
+
+#endif
