@@ -147,8 +147,7 @@ bool Publisher::Follow(FaultChangeList* list)
     }
     isMissing = true;
     return Fail("the journal has no change " + std::to_string(position.number + 1) +
-                ", which has not been passed on: somebody else has removed it, or the engine has lost it; a new one "
-                "begins when its directory is removed");
+                ", which should be the next: somebody else has removed it, or the engine has lost it or lags behind");
 }
 
 bool Publisher::Pass(FaultChangeList& list)

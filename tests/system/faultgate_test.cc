@@ -26,6 +26,7 @@ ChildResult Ctl(const std::vector<std::string>& arguments) { return RunProgram(F
 
 class FaultgateTest : public ::testing::Test {
 protected:
+    explicit FaultgateTest(int engines = 1) : engine(engines) {}
     void SetUp() override
     {
         static char name[] = "faultgate_test";
@@ -68,8 +69,8 @@ protected:
     void StartGate(std::size_t index = 0)
     {
         std::remove(gateLog(static_cast<int>(index)).c_str());
-        const pid_t gate = StartProgram(Faultgate, {"--engine", engine.Urls(), "--interval", "10"},
-                                        gateLog(static_cast<int>(index)));
+        const pid_t gate =
+            StartProgram(Faultgate, {"--engine", engine.Urls(), "--interval", "10"}, gateLog(static_cast<int>(index)));
         if (index == gates.size())
             gates.push_back(gate);
         else
@@ -324,8 +325,9 @@ protected:
 TEST_F(FaultgateOldCopyTest, IsRefused)
 {
     MakeOldCopy();
-    const std::string text = "the journal ends at 3, and 5 of it has been passed on: it is an old copy; a new one begins "
-                             "when its directory is removed";
+    const std::string text =
+        "the journal ends at 3, and 5 of it has been passed on: it is an old copy; a new one begins "
+        "when its directory is removed";
     ExpectRefusal(text);
     Ctl({"raise", "beta", "1", "other"});
     ExpectRefusal("the journal ends at 4" + text.substr(text.find(", and")));
@@ -337,8 +339,9 @@ TEST_F(FaultgateOldCopyTest, IsRefusedThoughItHasGoneFurther)
     MakeOldCopy();
     for (const char* number : {"1", "2", "3"})
         Ctl({"raise", "beta", number, "other"});
-    ExpectRefusal("change 5 of the journal is another than the one that has been passed on: it is an old copy; a new one "
-                  "begins when its directory is removed");
+    ExpectRefusal(
+        "change 5 of the journal is another than the one that has been passed on: it is an old copy; a new one "
+        "begins when its directory is removed");
     ExpectThatANewOneHelps();
 }
 
@@ -379,8 +382,9 @@ TEST_F(FaultgateTest, RefusesToLeaveChangesOut)
     const std::size_t stored = ReadStream(engine.Urls()).size();
     const ChildResult refused = Once();
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_EQ(refused.err, "faultgate: the journal has no change 3, which has not been passed on: somebody else has "
-                           "removed it, or the engine has lost it; a new one begins when its directory is removed\n");
+    EXPECT_EQ(refused.err,
+              "faultgate: the journal has no change 3, which should be the next: somebody else has removed "
+              "it, or the engine has lost it or lags behind\n");
     EXPECT_EQ(ReadStream(engine.Urls()).size(), stored);
 }
 
@@ -427,8 +431,29 @@ TEST_F(FaultgateTest, AFullStreamMakesItWait)
 
 class FaultgateClusterTest : public FaultgateTest {
 protected:
-    FaultgateClusterTest() : cluster(3) {}
-    EngineServers cluster;
+    FaultgateClusterTest() : FaultgateTest(3) {}
 };
+
+TEST_F(FaultgateClusterTest, TheLeaderIsKilledInAStorm)
+{
+    engine.StartAll();
+    ASSERT_TRUE(engine.SetUp({"--replicas", "3"})) << engine.Log();
+    StartDaemon();
+    StartGate();
+    Storm storm(5, 20, 3000);
+    std::mt19937 random(5);
+    for (int kills = 0; kills < 3; kills++) {
+        int leader = -1;
+        ASSERT_TRUE(WaitUntil([&] { return (leader = engine.Leader()) >= 0; }, 120)) << "all are in step";
+        const int until = storm.Raised() + static_cast<int>(random() % 100);
+        storm.Allow(200);
+        ASSERT_TRUE(storm.HasRaised(until));
+        engine.End(leader);
+        ASSERT_TRUE(storm.Settles());
+        EXPECT_TRUE(AllPassedOn()) << "two servers are enough: " << ReadFile(gateLog());
+        engine.Start(leader);
+    }
+    ExpectAgreement();
+}
 
 } // namespace

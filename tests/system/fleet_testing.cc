@@ -53,7 +53,8 @@ std::string EngineServers::Configuration(int index) const
         return text;
     text += "cluster { name: fleet, listen: \"127.0.0.1:" + std::to_string(FirstClusterPort + index) + "\", routes: [";
     for (int other = 0; other < static_cast<int>(processes.size()); other++)
-        text += " \"nats://127.0.0.1:" + std::to_string(FirstClusterPort + other) + "\"";
+        text += (other == 0 ? "\"nats://127.0.0.1:" : ", \"nats://127.0.0.1:") +
+                std::to_string(FirstClusterPort + other) + "\"";
     return text + " ] }\n";
 }
 
@@ -88,8 +89,7 @@ std::string EngineServers::Urls() const
 {
     std::string urls;
     for (std::size_t i = 0; i < processes.size(); i++)
-        urls += (i == 0 ? "nats://127.0.0.1:" : ",nats://127.0.0.1:") +
-                std::to_string(FirstPort + static_cast<int>(i));
+        urls += (i == 0 ? "nats://127.0.0.1:" : ",nats://127.0.0.1:") + std::to_string(FirstPort + static_cast<int>(i));
     return urls;
 }
 
@@ -134,14 +134,18 @@ public:
     Look(const Look&) = delete;
     Look& operator=(const Look&) = delete;
 
-    // The newest number, and the server that leads.
+    // The newest number, and the server that leads, if all are in step with it.
     bool Info(uint64_t* last, std::string* leader)
     {
         jsStreamInfo* found = nullptr;
         if (stream == nullptr || js_GetStreamInfo(&found, stream, fleet::StreamName, nullptr, nullptr) != NATS_OK)
             return false;
         *last = found->State.LastSeq;
-        *leader = found->Cluster != nullptr && found->Cluster->Leader != nullptr ? found->Cluster->Leader : "";
+        const jsClusterInfo* cluster = found->Cluster;
+        *leader = cluster != nullptr && cluster->Leader != nullptr ? cluster->Leader : "";
+        for (int i = 0; cluster != nullptr && i < cluster->ReplicasLen; i++)
+            if (!cluster->Replicas[i]->Current || cluster->Replicas[i]->Offline || cluster->Replicas[i]->Lag > 0)
+                leader->clear();
         jsStreamInfo_Destroy(found);
         return true;
     }

@@ -12,8 +12,8 @@
 
 #include "examples/fault.h"
 #include "fleet/engine.h"
-#include "tests/system/faultjournal_replay.h"
 #include "tests/support/testing.h"
+#include "tests/system/faultjournal_replay.h"
 
 namespace fleet_testing {
 
@@ -45,7 +45,7 @@ public:
     /// Waits until the stream, if there is one, and the cluster can be used: until `faultfleet setup` with these
     /// arguments succeeds.
     bool SetUp(const std::vector<std::string>& settings = {}) const;
-    /// The number of the server that leads the stream; -1: none does.
+    /// The number of the server that leads the stream; -1 while none does, or while others lag behind it.
     int Leader() const;
     std::string Log(int index = 0) const;
 
