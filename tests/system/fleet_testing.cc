@@ -33,10 +33,7 @@ std::string EngineProgram()
     return "";
 }
 
-EngineServers::EngineServers(int count, std::string extra)
-    : extra(std::move(extra)), processes(static_cast<std::size_t>(count), 0)
-{
-}
+EngineServers::EngineServers(int count) : processes(static_cast<std::size_t>(count), 0) {}
 
 EngineServers::~EngineServers()
 {
@@ -58,12 +55,24 @@ std::string EngineServers::Configuration(int index) const
     return text + " ] }\n";
 }
 
+std::string EngineServers::File(int index, const char* suffix) const
+{
+    return directory.File("engine-" + std::to_string(index) + suffix);
+}
+
 void EngineServers::Start(int index)
 {
-    const std::string file = directory.File("engine-" + std::to_string(index) + ".conf");
-    WriteFile(file, Configuration(index));
-    processes[static_cast<std::size_t>(index)] = StartProgram(
-        EngineProgram(), {"-c", file, "-l", directory.File("engine-" + std::to_string(index) + ".log")}, "/dev/null");
+    WriteFile(File(index, ".conf"), Configuration(index));
+    processes[static_cast<std::size_t>(index)] =
+        StartProgram(EngineProgram(), {"-c", File(index, ".conf"), "-l", File(index, ".log")}, File(index, ".out"));
+}
+
+bool EngineServers::Reload(int index)
+{
+    const int earlier = CountOf(Log(index), "Reloaded server configuration");
+    WriteFile(File(index, ".conf"), Configuration(index));
+    kill(Process(index), SIGHUP);
+    return WaitUntil([&] { return CountOf(Log(index), "Reloaded server configuration") > earlier; });
 }
 
 void EngineServers::StartAll()
@@ -82,7 +91,7 @@ void EngineServers::End(int index, int signal)
 
 std::string EngineServers::Log(int index) const
 {
-    return ReadFile(directory.File("engine-" + std::to_string(index) + ".log"));
+    return ReadFile(File(index, ".out")) + ReadFile(File(index, ".log"));
 }
 
 std::string EngineServers::Urls() const
@@ -110,7 +119,7 @@ static std::unique_ptr<Object, void (*)(Object*)> Owned(Object* object, void (*d
 // A connection for one look at the stream.
 class Look {
 public:
-    explicit Look(const std::string& urls)
+    Look(const std::string& urls, const std::string& credentials)
     {
         natsOptions* options = nullptr;
         natsOptions_Create(&options);
@@ -122,6 +131,12 @@ public:
         for (const std::string& url : list)
             servers.push_back(url.c_str());
         natsOptions_SetServers(options, servers.data(), static_cast<int>(servers.size()));
+        if (!credentials.empty()) {
+            natsOptions_SetSecure(options, true);
+            natsOptions_LoadCATrustedCertificates(options, (credentials + "/ca.crt").c_str());
+            natsOptions_LoadCertificatesChain(options, (credentials + "/client.crt").c_str(),
+                                              (credentials + "/client.key").c_str());
+        }
         if (natsConnection_Connect(&connection, options) == NATS_OK)
             natsConnection_JetStream(&stream, connection, nullptr);
         natsOptions_Destroy(options);
@@ -157,7 +172,7 @@ private:
 
 int EngineServers::Leader() const
 {
-    Look look(Urls());
+    Look look(Urls(), "");
     uint64_t last = 0;
     std::string leader;
     if (!look.Info(&last, &leader) || leader.find("engine-") != 0)
@@ -171,10 +186,10 @@ static std::string Header(natsMsg* message, const char* name)
     return natsMsgHeader_Get(message, name, &value) == NATS_OK ? value : "";
 }
 
-std::vector<Stored> ReadStream(const std::string& urls)
+std::vector<Stored> ReadStream(const std::string& urls, const std::string& credentials)
 {
     std::vector<Stored> all;
-    Look look(urls);
+    Look look(urls, credentials);
     uint64_t last = 0;
     std::string leader;
     EXPECT_TRUE(WaitUntil([&] { return look.Info(&last, &leader); }));
@@ -220,12 +235,12 @@ static void Attach(const std::string& node, const std::string& journal, std::map
     change.fault.attachment.Append(attachment.data(), static_cast<unsigned>(attachment.size()));
 }
 
-History ReadHistory(const std::string& urls, const std::string& node)
+History ReadHistory(const std::string& urls, const std::string& node, const std::string& credentials)
 {
     History history;
     std::map<std::string, std::string> pieces;
     std::map<std::string, int> seen;
-    for (const Stored& stored : ReadStream(urls)) {
+    for (const Stored& stored : ReadStream(urls, credentials)) {
         if (stored.subject != fleet::ChangeSubject(node)) {
             EXPECT_EQ(pieces.count(stored.subject), 0u) << stored.subject << " came twice";
             pieces[stored.subject] = stored.data;

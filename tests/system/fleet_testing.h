@@ -31,14 +31,18 @@ std::string EngineProgram();
 /// goes with the object, and they end with it.
 class EngineServers {
 public:
-    /// Nothing is started yet. `extra` comes into the configuration of each.
-    explicit EngineServers(int count = 1, std::string extra = "");
+    /// Nothing is started yet.
+    explicit EngineServers(int count = 1);
     ~EngineServers();
+    /// What comes into their configuration from now on, besides what each needs.
+    void Configure(const std::string& text) { extra = text; }
     /// Starts one that does not run.
     void Start(int index = 0);
     void StartAll();
     /// Ends one and waits for its end.
     void End(int index = 0, int signal = SIGKILL);
+    /// Has one read its configuration again, and waits until it has.
+    bool Reload(int index = 0);
     pid_t Process(int index = 0) const { return processes[static_cast<std::size_t>(index)]; }
     /// The URLs of all, between commas.
     std::string Urls() const;
@@ -50,9 +54,10 @@ public:
     std::string Log(int index = 0) const;
 
 private:
+    std::string File(int index, const char* suffix) const;
     std::string Configuration(int index) const;
 
-    const std::string extra;
+    std::string extra;
     TemporaryDirectory directory;
     std::vector<pid_t> processes;
 };
@@ -66,7 +71,7 @@ struct Stored {
 };
 
 /// All messages that are in the stream, in their order. It is a failure of the test when they cannot be read.
-std::vector<Stored> ReadStream(const std::string& urls);
+std::vector<Stored> ReadStream(const std::string& urls, const std::string& credentials = "");
 
 /// A node's changes in the stream, with their attachments. It is a failure of the test when a message is not sound, the
 /// numbers of a journal don't go up by one from Began on, a journal comes again after another, or an attachment is not
@@ -76,7 +81,7 @@ struct History {
     std::vector<FaultChange> changes;
     faultjournal_testing::Replay replay; // of the last journal
 };
-History ReadHistory(const std::string& urls, const std::string& node);
+History ReadHistory(const std::string& urls, const std::string& node, const std::string& credentials = "");
 
 /// A change as bytes.
 std::string PackedChange(const FaultChange& change);
