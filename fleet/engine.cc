@@ -96,8 +96,12 @@ static natsStatus Configure(natsOptions* options, const EngineAddress& address)
 
 bool Engine::Connect()
 {
-    if (connection != nullptr)
+    if (IsConnected())
         return true;
+    jsCtx_Destroy(stream);
+    natsConnection_Destroy(connection);
+    stream = nullptr;
+    connection = nullptr;
     natsOptions* made = nullptr;
     natsStatus status = natsOptions_Create(&made);
     const Options options(made, natsOptions_Destroy);

@@ -63,7 +63,7 @@ public:
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
-    /// Makes the connection when there is none. False when that fails.
+    /// Makes the connection when there is none, or the engine has thrown this client out. False when that fails.
     bool Connect();
     /// Makes the stream, or gives it these settings. What it holds stays.
     Outcome SetUp(const StreamSettings& settings);
@@ -78,6 +78,7 @@ public:
 
     const std::string& Problem() const { return problem; }
     natsConnection* Connection() const { return connection; }
+    bool IsConnected() const { return connection != nullptr && !natsConnection_IsClosed(connection); }
 
 private:
     Outcome Note(const std::string& what, natsStatus status, jsErrCode code = static_cast<jsErrCode>(0));

@@ -116,6 +116,7 @@ protected:
         if (!InSandbox())
             GTEST_SKIP() << "needs a private /var and /opt/orv/bin";
         ProgInfo::Initialize(1, argv, argv + 1, FaultVersion);
+        MakeKeyFile(FaultServerName);
         node = ProgInfo::GetNodeName();
         Make({"authority"});
         Make({"engine", "127.0.0.1"});
@@ -147,6 +148,13 @@ protected:
     ChildResult Gate(const std::string& credentials) const
     {
         return RunProgram(Faultgate, {"--engine", engine.Urls(), "--credentials", credentials, "--once"});
+    }
+
+    // What a new account uses of another works from the next reading on only.
+    void ReloadForNewNodes()
+    {
+        for (int i = 0; i < 2; i++)
+            EXPECT_TRUE(engine.Reload()) << engine.Log();
     }
 
     TemporaryDirectory directory;
@@ -282,15 +290,36 @@ TEST_F(FaultgateRightsTest, WhoIsRevokedIsOut)
     EXPECT_TRUE(two.IsIn()) << "others don't notice";
     Make({"node", "one"});
     Make({"node", "three"});
-    ASSERT_TRUE(engine.Reload()) << engine.Log();
+    ReloadForNewNodes();
     EXPECT_TRUE(GetsIn(Place("node-one")));
-    EXPECT_TRUE(Client(engine.Urls(), Place("node-three")).MayPublish("fault.change.three"));
+    EXPECT_NE(Client(engine.Urls(), Place("node-three"), "_INBOX_three").Request("fault.change.three", "x"), "");
+    EXPECT_NE(Client(engine.Urls(), Place("node-one"), "_INBOX_one").Request("fault.change.one", "x"), "");
     EXPECT_FALSE(GetsIn(copy)) << "the earlier one does not come back";
     EXPECT_TRUE(two.IsIn());
     const std::string list = Run(directory.File("fleet"), {"list"}).out;
     EXPECT_EQ(CountOf(list, "node one node.one."), 1) << list;
     EXPECT_EQ(Run(directory.File("fleet"), {"revoke", "node", "four"}).err,
               "credentials: no node of that name: four\n");
+}
+
+// The client library gives a connection up when it is refused twice.
+TEST_F(FaultgateRightsTest, AGateThatIsLetInAgainGoesOn)
+{
+    const std::string log = directory.File("gate.log");
+    const pid_t gate =
+        StartProgram(Faultgate, {"--engine", engine.Urls(), "--credentials", Place("node-" + node)}, log);
+    const std::string daemonAway = "faultgate: the daemon's changes: ";
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), daemonAway) > 0; })) << ReadFile(log);
+    Make({"revoke", "node", node});
+    EXPECT_TRUE(engine.Reload()) << engine.Log();
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(log).find("no connection to") != std::string::npos; }, 60))
+        << ReadFile(log);
+    Make({"node", node});
+    ReloadForNewNodes();
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(ReadFile(log), daemonAway) > 1; }, 60)) << ReadFile(log);
+    Client centre(engine.Urls(), Place("centre-c1"), "_INBOX_c1");
+    EXPECT_TRUE(WaitUntil([&] { return !centre.Request("fault.request." + fleet::Token(node), "x").empty(); }));
+    EXPECT_EQ(EndChild(gate, SIGTERM), 0);
 }
 
 // A node's credential is none of a server: its owner cannot pretend to be the engine.

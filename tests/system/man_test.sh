@@ -11,7 +11,7 @@ fail() { echo "man_test: $*" >&2; exit 1; }
 command -v groff >/dev/null || { echo "man_test: no groff here: skipped" >&2; exit 77; }
 
 checked=0
-for program in "$build"/tools/* "$build"/examples/*; do
+for program in "$build"/tools/* "$build"/examples/* "$build"/fleet/*; do
     if ! [ -f "$program" ] || ! [ -x "$program" ]; then continue; fi
     name=${program##*/}
     page=$(find "$source/docs" "$source/tools" "$source/examples" -name "$name.[1-9]")
