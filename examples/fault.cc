@@ -5,6 +5,8 @@
 #include <climits>
 #include <cstring>
 
+#include "scan.h"
+
 static const char* const EventNames[FaultEvents] = {"NONE",  "STATUS", "RAISE", "LIST", "FETCH",   "CLEAR",       "RUN",
                                                     "START", "MOVE",   "MOVES", "EXIT", "CHANGES", "CHANGES_DONE"};
 
@@ -29,22 +31,10 @@ bool IsFaultId(const FaultId& id)
     return id == FaultId(id.GetId(), node);
 }
 
-// What is not the name of a fault, or does not come whole, is noted as a read error.
-static void ScanId(ZEListream& in, FaultId& id)
+void ScanId(ZEListream& in, FaultId& id)
 {
     id.scanFrom(in);
     if (!IsFaultId(id))
-        in.SetReadErrorFlag();
-}
-
-// Reads one number or text. A stream leaves its position alone when it cannot read one, and can move it one beyond
-// the end of a text that is cut short: both are noted as read errors.
-template <class Value>
-static void Scan(ZEListream& in, Value& value)
-{
-    const unsigned start = in.tellg();
-    in >> value;
-    if (in.tellg() == start || in.eof())
         in.SetReadErrorFlag();
 }
 
@@ -58,8 +48,7 @@ static bool Holds(ZEListream& in, int length)
     return there;
 }
 
-// Raw bytes travel behind their length.
-static void ScanBytes(ZEListream& in, int length, Buffer& bytes)
+void ScanBytes(ZEListream& in, int length, Buffer& bytes)
 {
     bytes.PurgeContents();
     if (!in.good() || !Holds(in, length)) {
@@ -75,7 +64,7 @@ static void ScanBytes(ZEListream& in, int length, Buffer& bytes)
         in.SetReadErrorFlag(); // out of memory
 }
 
-static void PrintBytes(ZELostream& out, const Buffer& bytes)
+void PrintBytes(ZELostream& out, const Buffer& bytes)
 {
     out.write(static_cast<const char*>(static_cast<const void*>(bytes)), bytes.Size());
 }

@@ -22,12 +22,15 @@
 #include "Misc/ipcobject.h"
 #include "Misc/proginfo.h"
 
-#include "fault.h"
+#include "centrectl.h"
+#include "ctl.h"
 
 static const char Usage[] =
-    "usage: faultctl [--host NAME] COMMAND\n"
+    "usage: faultctl [--host NAME] [--centre] COMMAND\n"
     "  --host NAME  the host of the server, which a relayd there makes accessible; without it the server is sought on\n"
     "               this host and then on the one named in /var/orv/data/orvdserver.host\n"
+    "  --centre     asks a centre, which has the faults of many hosts; without --host one on this host, or on the one\n"
+    "               named in /var/orv/data/orvcentreserver.host\n"
     "Commands:\n"
     "  raise NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]...\n"
     "                                          raise a fault, or replace the one that is there\n"
@@ -52,113 +55,20 @@ static const char Usage[] =
     "  batch                                   run the commands on standard input, one a line, over one connection;\n"
     "                                          words with blanks stand in double quotes; the exit code is that of the\n"
     "                                          last command that failed\n"
+    "Commands with --centre, where HOST is the node name of a host:\n"
+    "  list [HOST]                             its faults, or those of all hosts, one a line: host, id, time, state,\n"
+    "                                          attached bytes, text, between tabs\n"
+    "  watch                                   until it is interrupted, what happens to them, one a line: time, host,\n"
+    "                                          what (raised, moved or cleared), id, state, text, between tabs; of\n"
+    "                                          changes that follow each other closely only the last is shown\n"
+    "  show HOST NODE NUMBER [--save FILE]     these ask the daemon of HOST, as above; its node list decides what "
+    "this\n"
+    "  move HOST NODE NUMBER STATE             host may do there\n"
+    "  clear HOST NODE NUMBER\n"
+    "  run HOST NODE NUMBER COMMAND\n"
+    "  status                                  print the state of the server\n"
+    "  exit                                    end the server\n"
     "Exit codes: 0 done, 1 refused or failed, 2 wrong usage, 3 no server.\n";
-
-enum ExitCode { Done = 0, Failed = 1, WrongUsage = 2, NoServer = 3 };
-
-typedef std::vector<std::string> Words;
-
-/// What follows the command.
-struct Arguments {
-    Words words; // as many as the command takes
-    std::map<std::string, std::string> once;
-    Words options; // "NAME=VALUE"
-
-    const std::string& operator[](size_t i) const { return words[i]; }
-    // What was given behind an option that may be given once; empty when it was not.
-    std::string Given(const char* option) const
-    {
-        const auto at = once.find(option);
-        return at != once.end() ? at->second : "";
-    }
-};
-
-static ExitCode Complain(ExitCode code, const std::string& message)
-{
-    std::cerr << "faultctl: " << message << std::endl;
-    return code;
-}
-
-static ExitCode Misused(const std::string& message) { return Complain(WrongUsage, message + "; see faultctl --help"); }
-
-/// The server. It is connected to when the first command needs it, and again when it was started again.
-class Server {
-public:
-    CString host;         // empty: wherever it is
-    bool patient = false; // waits a little for a server that is being started again
-
-    ReconnectClient& Client()
-    {
-        if (client == nullptr) {
-            client = std::make_unique<ReconnectClient>(0, FaultServerName, host);
-            client->SetRetryCount(patient ? 3 : 1);
-            client->SetRetryWaitTime(1);
-        }
-        return *client;
-    }
-    ExitCode Missing() const
-    {
-        if (host.strlen() > 0)
-            return Complain(NoServer, "no server: none on " + std::string(host) + ", or no relay to it");
-        return Complain(NoServer, "no server: faultd is not running here, and there is no relay to another host");
-    }
-
-private:
-    std::unique_ptr<ReconnectClient> client;
-};
-
-// Sends `event` to the server and waits for its answer. Says on standard error what went wrong, if anything did; the
-// answer's data may be of use even then.
-static ExitCode Ask(Server& server, short event, const Buffer& request, Buffer& answer)
-{
-    ReconnectClient& client = server.Client();
-    const bool wasThere = client.ServerConnected();
-    const short code = client.SendEventWithResponse(event, answer, event, request, static_cast<long>(request.Size()));
-    if (code == 0)
-        return Done;
-    if (!wasThere && !client.ServerConnected())
-        return server.Missing();
-    if (event == ExitEvent && code == ErrorReporter::SERVER_GONE) // it may go before the answer is read
-        return Done;
-    const bool gone = code >= ErrorReporter::SERVER_GONE && code <= ErrorReporter::IPC_RECV_PROCESS_GONE;
-    const std::string message = ErrorReporter::GetErrorType(code);
-    return Complain(gone ? NoServer : Failed,
-                    std::string(FaultEventName(event)) + ": " + message + " (" + std::to_string(code) + ")");
-}
-
-// Asks for an object, which may come with a failure too.
-template <class Object>
-static ExitCode AskFor(Server& server, short event, const Buffer& request, Object& object)
-{
-    Buffer answer;
-    const ExitCode code = Ask(server, event, request, answer);
-    if (answer.Size() == 0 && code != Done)
-        return code;
-    return Unpack(answer, object) ? code : Complain(Failed, "the server's answer cannot be read");
-}
-
-static bool ReadNumber(const std::string& text, long& number)
-{
-    const char* end = text.data() + text.size();
-    const std::from_chars_result read = std::from_chars(text.data(), end, number);
-    return read.ec == std::errc() && read.ptr == end;
-}
-
-// Reads NODE and NUMBER, the first two arguments.
-static bool ReadId(const Arguments& arguments, FaultId& id)
-{
-    long number = 0;
-    if (arguments[0].empty() || !ReadNumber(arguments[1], number))
-        return false;
-    id = FaultId(number, arguments[0].c_str());
-    return IsFaultId(id);
-}
-
-static ExitCode BadId()
-{
-    return Misused("NODE must be 1 to " + std::to_string(FaultNodeLimit) +
-                   " visible characters without / and :, NUMBER from 0 to 2147483647");
-}
 
 // Reads "NAME=VALUE" into an option.
 static bool ReadOption(const std::string& text, Option& option)
@@ -172,22 +82,11 @@ static bool ReadOption(const std::string& text, Option& option)
     return true;
 }
 
-static void PrintBytes(const Buffer& bytes)
-{
-    std::cout.write(static_cast<const char*>(static_cast<const void*>(bytes)), bytes.Size());
-}
-
-static void PrintLine(const FaultSummary& fault)
-{
-    std::cout << fault.hdr.myId << "\t" << Dates::GetDateTime(fault.raised) << "\t" << fault.state << "\t"
-              << fault.attached << "\t" << fault.text << "\n";
-}
-
 static ExitCode Raise(Server& server, const Arguments& arguments)
 {
     FaultRecord fault;
     FaultSummary& summary = fault.summary;
-    if (!ReadId(arguments, summary.hdr.myId))
+    if (!ReadId(arguments, 0, summary.hdr.myId))
         return BadId();
     if (arguments[2].size() > FaultTextLimit)
         return Misused("TEXT is longer than " + std::to_string(FaultTextLimit) + " characters");
@@ -221,34 +120,19 @@ static ExitCode List(Server& server, const Arguments&)
 static ExitCode Show(Server& server, const Arguments& arguments)
 {
     FaultId id;
-    if (!ReadId(arguments, id))
+    if (!ReadId(arguments, 0, id))
         return BadId();
     Buffer request;
     Pack(id, request);
     FaultRecord fault;
     const ExitCode code = AskFor(server, FetchEvent, request, fault);
-    if (code != Done)
-        return code;
-    const FaultSummary& summary = fault.summary;
-    std::cout << "Fault:    " << summary.hdr.myId << "\n"
-              << "Raised:   " << Dates::GetDateTime(summary.raised) << "\n"
-              << "State:    " << summary.state << "\n"
-              << "Attached: " << summary.attached << " bytes\n"
-              << "Text:     " << summary.text << "\n";
-    for (unsigned i = 0; i < summary.options.Quantity(); i++) {
-        const Option& option = *summary.options[static_cast<int>(i)];
-        std::cout << "Option:   " << option.Name << "=" << option.Value << "\n";
-    }
-    const std::string file = arguments.Given("--save");
-    if (!file.empty() && fault.attachment.SaveBufferToFile(file.c_str(), 0) != 0)
-        return Complain(Failed, "cannot write " + file);
-    return Done;
+    return code == Done ? ShowFault(fault, arguments.Given("--save")) : code;
 }
 
 static ExitCode Move(Server& server, const Arguments& arguments)
 {
     FaultMove move;
-    if (!ReadId(arguments, move.id))
+    if (!ReadId(arguments, 0, move.id))
         return BadId();
     move.state = arguments[2].c_str();
     Buffer request, answer;
@@ -259,7 +143,7 @@ static ExitCode Move(Server& server, const Arguments& arguments)
 static ExitCode Moves(Server& server, const Arguments& arguments)
 {
     FaultId id;
-    if (!ReadId(arguments, id))
+    if (!ReadId(arguments, 0, id))
         return BadId();
     Buffer request, answer;
     Pack(id, request);
@@ -273,44 +157,28 @@ static ExitCode Moves(Server& server, const Arguments& arguments)
 static ExitCode Clear(Server& server, const Arguments& arguments)
 {
     FaultId id;
-    if (!ReadId(arguments, id))
+    if (!ReadId(arguments, 0, id))
         return BadId();
     Buffer request, answer;
     Pack(id, request);
     return Ask(server, ClearEvent, request, answer);
 }
 
-// Makes the request of a command for a fault.
-static ExitCode PackCommand(const Arguments& arguments, Buffer& request)
-{
-    FaultCommand command;
-    if (!ReadId(arguments, command.id))
-        return BadId();
-    if (arguments[2].empty() || arguments[2].size() > FaultTextLimit)
-        return Misused("COMMAND must be 1 to " + std::to_string(FaultTextLimit) + " characters");
-    command.command = arguments[2].c_str();
-    Pack(command, request);
-    return Done;
-}
-
 static ExitCode Run(Server& server, const Arguments& arguments)
 {
     Buffer request;
-    ExitCode code = PackCommand(arguments, request);
+    ExitCode code = PackCommand(arguments, 0, request);
     if (code != Done)
         return code;
     CommandResult result;
     code = AskFor(server, RunEvent, request, result);
-    PrintBytes(result.output);
-    if (code == Done && result.exitStatus != 0)
-        return Complain(Failed, "the command ended with status " + std::to_string(result.exitStatus));
-    return code;
+    return ShowResult(result, code);
 }
 
 static ExitCode Start(Server& server, const Arguments& arguments)
 {
     Buffer request, answer;
-    const ExitCode code = PackCommand(arguments, request);
+    const ExitCode code = PackCommand(arguments, 0, request);
     return code == Done ? Ask(server, StartEvent, request, answer) : code;
 }
 
@@ -404,32 +272,13 @@ static ExitCode ChangesAreDone(Server& server, const Arguments& arguments)
     return Ask(server, ChangesDoneEvent, request, answer);
 }
 
-static ExitCode Status(Server& server, const Arguments&)
-{
-    Buffer answer;
-    const ExitCode code = Ask(server, StatusEvent, Buffer(), answer);
-    PrintBytes(answer);
-    return code;
-}
+static ExitCode Status(Server& server, const Arguments&) { return ShowStatus(server, StatusEvent); }
 
-static ExitCode Exit(Server& server, const Arguments&)
-{
-    Buffer answer;
-    return Ask(server, ExitEvent, Buffer(), answer);
-}
+static ExitCode Exit(Server& server, const Arguments&) { return EndServer(server, ExitEvent); }
 
 static ExitCode Batch(Server& server, const Arguments&);
 
-struct Command {
-    const char* name;
-    const char* takes;
-    size_t count;        // of its words
-    const char* once[2]; // options that may be given, once, with a value, or null
-    bool hasOptions;     // --option may be given, several times
-    ExitCode (*run)(Server& server, const Arguments& arguments);
-};
-
-static const Command Commands[] = {
+static const std::vector<Command> Commands = {
     {"raise", "NODE NUMBER TEXT [--attach FILE] [--option NAME=VALUE]...", 3, {"--attach"}, true, Raise},
     {"list", "no arguments", 0, {}, false, List},
     {"show", "NODE NUMBER [--save FILE]", 2, {"--save"}, false, Show},
@@ -446,44 +295,6 @@ static const Command Commands[] = {
     {"batch", "no arguments", 0, {}, false, Batch},
 };
 
-// Sorts what follows the command. False when it is not what the command takes.
-static bool ReadArguments(const Command& command, const Words& words, Arguments& arguments)
-{
-    if (words.size() < 1 + command.count)
-        return false;
-    const auto rest = words.begin() + 1 + static_cast<std::ptrdiff_t>(command.count);
-    arguments.words.assign(words.begin() + 1, rest);
-    for (auto word = rest; word != words.end(); word += 2) {
-        if (word + 1 == words.end())
-            return false;
-        const bool isOnce = std::any_of(std::begin(command.once), std::end(command.once),
-                                        [&](const char* option) { return option != nullptr && *word == option; });
-        if (isOnce && arguments.once[*word].empty())
-            arguments.once[*word] = word[1];
-        else if (command.hasOptions && *word == "--option")
-            arguments.options.push_back(word[1]);
-        else
-            return false;
-    }
-    return true;
-}
-
-// Runs the command in the first of the words.
-static ExitCode Execute(Server& server, const Words& words)
-{
-    if (words.empty())
-        return Misused("no command");
-    for (const Command& command : Commands) {
-        if (words[0] != command.name)
-            continue;
-        Arguments arguments;
-        if (!ReadArguments(command, words, arguments))
-            return Misused(std::string(command.name) + " takes " + command.takes);
-        return command.run(server, arguments);
-    }
-    return Misused("unknown command " + words[0]);
-}
-
 static ExitCode Batch(Server& server, const Arguments&)
 {
     server.patient = true;
@@ -495,7 +306,7 @@ static ExitCode Batch(Server& server, const Arguments&)
             words.push_back(word);
         if (words.empty())
             continue;
-        const ExitCode code = Execute(server, words);
+        const ExitCode code = Execute(server, Commands, words);
         std::cout.flush(); // whoever writes the next command may want to see what came of this one
         if (code != Done)
             result = code;
@@ -511,10 +322,23 @@ int main(int argc, char** argv, char** envp)
         std::cout << Usage;
         return Done;
     }
+    bool isCentre = false;
     Server server;
-    if (words.size() >= 2 && words[0] == "--host") {
-        server.host = words[1].c_str();
-        words.erase(words.begin(), words.begin() + 2);
+    for (;;) {
+        if (words.size() >= 2 && words[0] == "--host" && server.host.strlen() == 0) {
+            server.host = words[1].c_str();
+            words.erase(words.begin(), words.begin() + 2);
+        } else if (!words.empty() && words[0] == "--centre" && !isCentre) {
+            isCentre = true;
+            words.erase(words.begin());
+        } else {
+            break;
+        }
     }
-    return Execute(server, words);
+    if (!isCentre)
+        return Execute(server, Commands, words);
+    server.name = CentreServerName;
+    server.program = "faultcentre";
+    server.eventName = CentreEventName;
+    return Execute(server, CentreCommands(), words);
 }

@@ -154,7 +154,7 @@ int main(int argc, char** argv, char** envp)
         std::cerr << Usage;
         return 2;
     }
-    Starter starter;
+    Starter starter("faultd");
     if (access(FaultKeyFile, F_OK) != 0)
         return starter.Refuse(std::string("the key file ") + FaultKeyFile + " is missing; create it with `touch`");
     if (access(DataDirectory, W_OK) != 0)

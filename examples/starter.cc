@@ -17,7 +17,6 @@
 static const char Serving = '\0';      // what is told when the daemon serves; otherwise it is the reason, a text
 static const char Ready[] = "READY=1"; // what a service manager is told then
 static const int LowestKept = 60;      // the descriptors below this one do not survive daemonize
-static const char Name[] = "faultd: "; // in front of what is told
 
 Starter::~Starter()
 {
@@ -26,7 +25,7 @@ Starter::~Starter()
 }
 
 // Waits for what the daemon tells, however long its start takes, and ends with it.
-[[noreturn]] static void EndAsTold(int daemon, const char* log)
+[[noreturn]] static void EndAsTold(int daemon, const std::string& name, const char* log)
 {
     std::string told;
     char text[256];
@@ -36,7 +35,7 @@ Starter::~Starter()
             told.append(text, static_cast<std::size_t>(n));
     if (told == std::string(1, Serving))
         _exit(0);
-    std::cerr << (told.empty() ? Name + std::string("ended before it served; see ") + log + "\n" : told) << std::flush;
+    std::cerr << (told.empty() ? name + ": ended before it served; see " + log + "\n" : told) << std::flush;
     _exit(1);
 }
 
@@ -54,7 +53,7 @@ int Starter::Daemonize(const char* log)
         return Refuse(std::string("no way into the background: ") + std::strerror(errno)), -1;
     if (pid > 0) {
         close(caller);
-        EndAsTold(ends[0], log);
+        EndAsTold(ends[0], name, log);
     }
     close(ends[0]);
     const short status = daemonize(log, 1);
@@ -103,7 +102,7 @@ void Starter::Serves()
 
 int Starter::Refuse(const std::string& reason)
 {
-    const std::string line = Name + reason + "\n";
+    const std::string line = name + ": " + reason + "\n";
     std::cerr << line; // in one piece: several may be writing to the log
     Tell(caller, line);
     return 1;

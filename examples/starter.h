@@ -10,7 +10,8 @@
 /// standard error.
 class Starter {
 public:
-    Starter() : caller(-1) {}
+    /// Of the program of that name, which stands in front of what is told.
+    explicit Starter(const char* name) : name(name), caller(-1) {}
     Starter(const Starter&) = delete;
     Starter& operator=(const Starter&) = delete;
     ~Starter();
@@ -25,6 +26,7 @@ public:
     int Refuse(const std::string& reason);
 
 private:
+    const std::string name;
     int caller; // the way to the process that was called; -1 when nobody waits
 };
 

@@ -9,10 +9,6 @@
 
 namespace fleet {
 
-static const int64_t LongestWait = 5000; // milliseconds
-static const char JournalHeader[] = "Fault-Journal";
-static const char NumberHeader[] = "Fault-Change";
-
 std::string Token(const std::string& name)
 {
     std::string token;
@@ -29,14 +25,17 @@ std::string ChangeSubject(const std::string& node) { return "fault.change." + To
 
 std::string PieceSubject(const std::string& node, const std::string& journal, long change, long index)
 {
-    return "fault.piece." + Token(node) + "." + Token(journal) + "." + std::to_string(change) + "." +
-           std::to_string(index);
+    const std::string all = PieceSubjects(node, journal, change);
+    return all.substr(0, all.size() - 1) + std::to_string(index);
+}
+
+std::string PieceSubjects(const std::string& node, const std::string& journal, long change)
+{
+    return "fault.piece." + Token(node) + "." + Token(journal) + "." + std::to_string(change) + ".*";
 }
 
 std::string RequestSubject(const std::string& node) { return "fault.request." + Token(node); }
 
-// What the engine gives and the caller destroys.
-typedef std::unique_ptr<natsMsg, decltype(&natsMsg_Destroy)> Message;
 typedef std::unique_ptr<natsOptions, decltype(&natsOptions_Destroy)> Options;
 
 Engine::Engine(const EngineAddress& address) : address(address) {}

@@ -17,13 +17,24 @@ namespace fleet {
 /// an attachment on PieceSubject of its change.
 const char StreamName[] = "FAULTS";
 
+// The headers of a message with changes: the name of their journal, and the number of the last of them.
+const char JournalHeader[] = "Fault-Journal";
+const char NumberHeader[] = "Fault-Change";
+
 /// `name` as a part of a subject: letters, digits, - and _ as they are, all else as = and two hex digits.
 std::string Token(const std::string& name);
 std::string ChangeSubject(const std::string& node);
 /// Of one piece: `index` counts from 0.
 std::string PieceSubject(const std::string& node, const std::string& journal, long change, long index);
+/// Of all pieces of a change.
+std::string PieceSubjects(const std::string& node, const std::string& journal, long change);
 /// Where the gate of a node takes requests.
 std::string RequestSubject(const std::string& node);
+
+const int64_t LongestWait = 5000; // milliseconds for an operation
+
+/// What the engine gives and the caller destroys.
+typedef std::unique_ptr<natsMsg, decltype(&natsMsg_Destroy)> Message;
 
 /// How the engine is reached.
 struct EngineAddress {
@@ -77,11 +88,14 @@ public:
     Outcome PublishOnce(const std::string& subject, const void* bytes, std::size_t size);
 
     const std::string& Problem() const { return problem; }
+    /// For what is asked of the engine elsewhere, once Connect has succeeded.
     natsConnection* Connection() const { return connection; }
     bool IsConnected() const { return connection != nullptr && !natsConnection_IsClosed(connection); }
+    jsCtx* Streams() const { return stream; }
+    /// What came of an operation that was named `what`. Keeps what failed for Problem().
+    Outcome Note(const std::string& what, natsStatus status, jsErrCode code = static_cast<jsErrCode>(0));
 
 private:
-    Outcome Note(const std::string& what, natsStatus status, jsErrCode code = static_cast<jsErrCode>(0));
     Outcome Store(natsMsg* message, uint64_t after, uint64_t* sequence);
 
     const EngineAddress address;

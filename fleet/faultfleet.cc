@@ -4,22 +4,27 @@
 #include <iostream>
 #include <string>
 
+#include "bucket.h"
 #include "options.h"
 
 using namespace fleet;
 
 static const char Usage[] =
     "usage: faultfleet [--engine URL[,URL...]] [--credentials DIRECTORY] setup [--replicas NUMBER] [--bytes NUMBER]\n"
-    "Makes the stream that takes the changes of all hosts, or gives it other settings.\n" FLEET_ENGINE_USAGE
+    "                  [--lease SECONDS]\n"
+    "Makes the stream that takes the changes of all hosts, and the buckets with their faults, or gives them other\n"
+    "settings.\n" FLEET_ENGINE_USAGE
     "  --replicas NUMBER         servers that have a copy, 1 (the default), 3 or 5, of which none, one or two may "
     "fail\n"
     "  --bytes NUMBER            what the stream may take of their disks (default: no limit); a full one refuses\n"
     "                            changes, which then wait on their hosts\n"
+    "  --lease SECONDS           after which another centre goes on in the place of one that is silent (default 10)\n"
     "Exit codes: 0 done; 1 failed; 2 wrong usage.\n";
 
 struct Settings {
     EngineAddress engine;
     StreamSettings stream;
+    BucketSettings buckets;
 };
 
 static bool ReadOption(const char* option, const char* value, Settings* settings)
@@ -28,6 +33,8 @@ static bool ReadOption(const char* option, const char* value, Settings* settings
         return ReadCount(value, &settings->stream.replicas);
     if (std::strcmp(option, "--bytes") == 0)
         return ReadCount(value, &settings->stream.bytes);
+    if (std::strcmp(option, "--lease") == 0)
+        return ReadCount(value, &settings->buckets.lease);
     return ReadEngineOption(option, value, &settings->engine);
 }
 
@@ -58,8 +65,10 @@ int main(int argc, char** argv)
         return 2;
     }
     settings.engine.name = "faultfleet";
+    settings.buckets.replicas = settings.stream.replicas;
     Engine engine(settings.engine);
-    if (engine.Connect() && engine.SetUp(settings.stream) == Outcome::Done)
+    if (engine.Connect() && engine.SetUp(settings.stream) == Outcome::Done &&
+        SetUpBuckets(engine, settings.buckets) == Outcome::Done)
         return 0;
     std::cerr << "faultfleet: " << engine.Problem() << std::endl;
     return 1;

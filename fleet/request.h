@@ -3,7 +3,7 @@
 #ifndef FLEET_REQUEST_H
 #define FLEET_REQUEST_H
 
-#include "fault.h"
+#include "examples/fault.h"
 
 namespace fleet {
 

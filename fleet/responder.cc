@@ -5,8 +5,8 @@
 
 namespace fleet {
 
-static const int64_t LongestWait = 1000; // milliseconds
-static const char Group[] = "gates";     // of which one gets a message
+static const int64_t Turn = 1000;    // milliseconds, after which whoever runs this may want to do something else
+static const char Group[] = "gates"; // of which one gets a message
 
 Responder::Responder(Engine& engine, const std::string& node) : engine(engine), node(node) {}
 
@@ -22,7 +22,7 @@ bool Responder::Run()
     if (!Subscribe())
         return false;
     natsMsg* message = nullptr;
-    if (natsSubscription_NextMsg(&message, subscription, LongestWait) == NATS_OK)
+    if (natsSubscription_NextMsg(&message, subscription, Turn) == NATS_OK)
         Answer(message);
     natsMsg_Destroy(message);
     return true;
@@ -38,7 +38,7 @@ bool Responder::Subscribe()
     const std::string subject = RequestSubject(node);
     natsStatus status = natsConnection_QueueSubscribeSync(&subscription, engine.Connection(), subject.c_str(), Group);
     if (status == NATS_OK)
-        status = natsConnection_FlushTimeout(engine.Connection(), 5 * LongestWait);
+        status = natsConnection_FlushTimeout(engine.Connection(), LongestWait);
     if (status == NATS_OK)
         return true;
     natsSubscription_Destroy(subscription);
@@ -65,7 +65,7 @@ void Responder::Answer(natsMsg* message)
     }
     natsConnection_Publish(engine.Connection(), reply, static_cast<const void*>(packed),
                            static_cast<int>(packed.Size()));
-    natsConnection_FlushTimeout(engine.Connection(), 5 * LongestWait);
+    natsConnection_FlushTimeout(engine.Connection(), LongestWait);
 }
 
 // A daemon trusts its own node with everything, so nobody else may speak in its name.

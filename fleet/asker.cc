@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: BSD-2-Clause
+#include "asker.h"
+
+#include <cstring>
+#include <random>
+
+#include "Misc/Dates.h"
+
+#include "request.h"
+
+namespace fleet {
+
+static const long AnswerSeconds = 35; // a command has 30
+static const long ForgetSeconds = 60; // behind these
+static const std::size_t MostRequests = 1000;
+static const int64_t LookAround = 5; // milliseconds for an answer that is about to come
+
+// Numbers begin anywhere, so that those of a server before mean nothing.
+Asker::Asker(Engine& engine, const std::string& centre, const std::string& inbox)
+    : engine(engine), centre(centre), inbox(inbox), last(static_cast<long>(std::random_device()() >> 2))
+{
+}
+
+Asker::~Asker()
+{
+    while (!requests.empty())
+        Drop(requests.begin());
+}
+
+void Asker::Drop(Requests::iterator at)
+{
+    natsSubscription_Destroy(at->second.answers);
+    requests.erase(at);
+}
+
+long Asker::Ask(const CentreRequest& request)
+{
+    const long now = Dates::CurrentTime();
+    while (!requests.empty() && requests.begin()->second.time < now - AnswerSeconds - ForgetSeconds)
+        Drop(requests.begin());
+    if (requests.size() >= MostRequests || !engine.Connect() ||
+        natsConnection_Status(engine.Connection()) != NATS_CONN_STATUS_CONNECTED)
+        return 0;
+    Asked asked;
+    asked.time = now;
+    if (!Send(request, &asked.answers)) {
+        natsSubscription_Destroy(asked.answers);
+        return 0;
+    }
+    requests[++last] = asked;
+    return last;
+}
+
+bool Asker::Send(const CentreRequest& request, natsSubscription** answers)
+{
+    FleetRequest sent;
+    sent.centre = centre.c_str();
+    sent.event = request.event;
+    sent.data = request.data;
+    Buffer data;
+    Pack(sent, data);
+    natsInbox* made = nullptr; // "_INBOX." and what no other has
+    natsStatus status = natsInbox_Create(&made);
+    const std::string reply = status == NATS_OK ? inbox + std::strchr(made, '.') : "";
+    natsInbox_Destroy(made);
+    if (status == NATS_OK)
+        status = natsConnection_SubscribeSync(answers, engine.Connection(), reply.c_str());
+    if (status == NATS_OK)
+        status =
+            natsConnection_PublishRequest(engine.Connection(), RequestSubject(std::string(request.node)).c_str(),
+                                          reply.c_str(), static_cast<const void*>(data), static_cast<int>(data.Size()));
+    return engine.Note("a request to " + std::string(request.node), status) == Outcome::Done;
+}
+
+bool Asker::Take(long number, CentreAnswer* answer)
+{
+    const auto at = requests.find(number);
+    if (at == requests.end())
+        return false;
+    Receive(at->second.answers, answer);
+    if (answer->progress == CentreAnswer::Waits && Dates::CurrentTime() - at->second.time > AnswerSeconds)
+        answer->progress = CentreAnswer::Silent;
+    if (answer->progress != CentreAnswer::Waits)
+        Drop(at);
+    return true;
+}
+
+void Asker::Receive(natsSubscription* answers, CentreAnswer* answer)
+{
+    natsMsg* received = nullptr;
+    const natsStatus status = natsSubscription_NextMsg(&received, answers, LookAround);
+    const Message message(received, natsMsg_Destroy);
+    if (status == NATS_NO_RESPONDERS)
+        answer->progress = CentreAnswer::NoGate;
+    if (status != NATS_OK)
+        return;
+    FleetAnswer given;
+    Buffer data;
+    data.Append(natsMsg_GetData(received), static_cast<unsigned>(natsMsg_GetDataLength(received)));
+    answer->progress = CentreAnswer::Answered;
+    answer->status = Unpack(data, given) ? given.status : static_cast<short>(ErrorReporter::INVALID_DATA);
+    answer->data = given.data;
+}
+
+void Asker::dumpOn(std::ostream& out) const { out << "Requests: " << requests.size() << " wait" << std::endl; }
+
+} // namespace fleet

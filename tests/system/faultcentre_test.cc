@@ -1,0 +1,355 @@
+// SPDX-License-Identifier: BSD-2-Clause
+// Hosts with daemons and gates, and two centres, each with a name, queues and files of its own, on one network.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Misc/proginfo.h"
+#include "fleet/daemon.h"
+#include "fleet/request.h"
+#include "tests/system/centre_testing.h"
+
+using namespace centre_testing;
+using namespace fleet;
+
+namespace {
+
+const std::string Faultd = ProgramUnderTest(FAULTD);
+const std::string Faultctl = ProgramUnderTest(FAULTCTL);
+const std::string Faultgate = ProgramUnderTest(FAULTGATE);
+const std::string Faultcentre = ProgramUnderTest(FAULTCENTRE);
+const std::string Relayd = ProgramUnderTest(RELAYD);
+
+class Host {
+public:
+    explicit Host(const std::string& name) : name(name)
+    {
+        const std::string ready = directory.File("ready");
+        holder = StartChild([&] {
+            CHILD_CHECK(unshare(CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNS) == 0);
+            CHILD_CHECK(sethostname(name.data(), name.size()) == 0);
+            for (const char* path : {"/opt/orv", "/var/orv"})
+                CHILD_CHECK(mount("tmpfs", path, "tmpfs", 0, "size=8m") == 0);
+            std::filesystem::create_directories("/opt/orv/bin");
+            std::filesystem::create_directories("/var/orv/data");
+            MakeKeyFile("orvd");
+            MakeKeyFile("orvcentre");
+            WriteFile(ready, "yes");
+            for (;;)
+                pause();
+        });
+        EXPECT_TRUE(WaitUntil([&] { return ReadFile(ready) == "yes"; }));
+    }
+    ~Host()
+    {
+        for (const pid_t process : processes)
+            EndChild(process, SIGTERM);
+        EndChild(holder);
+    }
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    pid_t Start(const std::string& program, const std::vector<std::string>& arguments)
+    {
+        const pid_t pid = StartProgram("/usr/bin/nsenter", There(program, arguments), Log());
+        processes.push_back(pid);
+        return pid;
+    }
+    /// Ends one that was started, and waits for it.
+    int End(pid_t pid, int signal)
+    {
+        for (pid_t& process : processes)
+            if (process == pid)
+                process = processes.back();
+        processes.pop_back();
+        return EndChild(pid, signal);
+    }
+    ChildResult Run(const std::string& program, const std::vector<std::string>& arguments) const
+    {
+        return RunProgram("/usr/bin/nsenter", There(program, arguments));
+    }
+    ChildResult Ctl(const std::vector<std::string>& arguments) const { return Run(Faultctl, arguments); }
+    /// What --centre says there, without the times; "?" when it fails.
+    std::string Centre(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), "--centre");
+        const ChildResult result = Ctl(arguments);
+        return result.exitCode == 0 ? WithoutTimes(result.out) : "? " + result.err;
+    }
+    void Write(const std::string& path, const std::string& text) const
+    {
+        std::ofstream("/proc/" + std::to_string(holder) + "/root" + path, std::ios::app) << text;
+    }
+    /// A child of the test that goes on there.
+    pid_t StartBody(const std::function<void()>& body)
+    {
+        const pid_t pid = StartChild([=] {
+            for (const char* space : {"ipc", "uts", "mnt"}) {
+                const int fd = open(("/proc/" + std::to_string(holder) + "/ns/" + space).c_str(), O_RDONLY);
+                CHILD_CHECK(fd >= 0 && setns(fd, 0) == 0);
+            }
+            body();
+        });
+        processes.push_back(pid);
+        return pid;
+    }
+    std::string Log() const { return directory.File("log"); }
+
+    const std::string name;
+
+private:
+    std::vector<std::string> There(const std::string& program, const std::vector<std::string>& arguments) const
+    {
+        std::vector<std::string> all = {"--ipc", "--uts", "--mount", "--target", std::to_string(holder), program};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return all;
+    }
+
+    TemporaryDirectory directory;
+    pid_t holder = 0;
+    std::vector<pid_t> processes;
+};
+
+class FaultcentreTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!InSandbox())
+            GTEST_SKIP() << "needs namespaces";
+        if (EngineProgram().empty())
+            GTEST_SKIP() << "needs nats-server";
+        static char name[] = "faultcentre_test";
+        static char* argv[] = {name, nullptr};
+        ProgInfo::Initialize(1, argv, argv + 1, "1.0");
+        engine.Start();
+        ASSERT_TRUE(engine.SetUp({"--lease", "1"})) << engine.Log();
+        for (const char* name : {"alpha", "beta", "north", "south"})
+            hosts.push_back(std::make_unique<Host>(name));
+        for (Host* host : {&Alpha(), &Beta()}) {
+            host->Start(Faultd, {"--foreground", "--journal"});
+            host->Start(Faultgate, {"--engine", Url, "--interval", "20"});
+            ASSERT_TRUE(WaitUntil([=] { return host->Ctl({"list"}).exitCode == 0; })) << ReadFile(host->Log());
+        }
+        for (Host* host : {&North(), &South()})
+            StartCentre(*host);
+    }
+    static pid_t StartCentre(Host& host)
+    {
+        const pid_t pid = host.Start(Faultcentre, {"--engine", Url, "--foreground"});
+        EXPECT_TRUE(WaitUntil([&] { return host.Centre({"list"})[0] != '?'; })) << ReadFile(host.Log());
+        return pid;
+    }
+    // What a centre is to list of a host: what its daemon does.
+    static std::string ListOf(const Host& host)
+    {
+        std::string lines = "\n" + WithoutTimes(host.Ctl({"list"}).out);
+        lines = Replaced(lines, "\n", "\n" + host.name + "\t");
+        return lines.substr(1, lines.size() - host.name.size() - 2);
+    }
+    void ExpectSame(const std::vector<const Host*>& centres)
+    {
+        for (const Host* centre : centres) {
+            std::string listed, expected;
+            EXPECT_TRUE(WaitUntil([&] {
+                return (listed = centre->Centre({"list"})) == (expected = ListOf(Alpha()) + ListOf(Beta()));
+            })) << centre->name
+                << ReadFile(centre->Log());
+            EXPECT_EQ(listed, expected);
+        }
+    }
+    void ExpectSame() { ExpectSame({&North(), &South()}); }
+    Host& Alpha() { return *hosts[0]; }
+    Host& Beta() { return *hosts[1]; }
+    Host& North() { return *hosts[2]; }
+    Host& South() { return *hosts[3]; }
+
+    EngineServer engine;
+    std::vector<std::unique_ptr<Host>> hosts;
+};
+
+TEST_F(FaultcentreTest, ListsWhatTheDaemonsDo)
+{
+    ExpectSame();
+    for (Host* host : {&Alpha(), &Beta()}) {
+        host->Ctl({"raise", "x", "1", "one of " + host->name, "--attach", "/etc/passwd"});
+        host->Ctl({"raise", "x", "2", "two of " + host->name, "--option", "a=b"});
+        host->Ctl({"raise", host->name, "3", "three"});
+        host->Ctl({"move", "x", "2", "working"});
+    }
+    ExpectSame();
+    EXPECT_EQ(North().Centre({"list", "beta"}), ListOf(Beta()));
+    EXPECT_EQ(North().Centre({"list", "b"}), "");
+    Alpha().Ctl({"clear", "x", "1"});
+    Beta().Ctl({"raise", "x", "2", "again"});
+    ExpectSame();
+    const std::string status = North().Centre({"status"});
+    EXPECT_EQ(CountOf(status, "Fleet: 5 faults"), 1) << status;
+
+    EXPECT_EQ(North().Ctl({"--centre", "raise", "x", "1", "t"}).exitCode, 2) << "a centre has no faults of its own";
+    EXPECT_EQ(North().Ctl({"--centre", "list", "alpha", "beta"}).err,
+              "faultctl: list takes [HOST]; see faultctl --help\n");
+    EXPECT_EQ(Alpha().Ctl({"--centre", "list"}).err,
+              "faultctl: no server: faultcentre is not running here, and there is no relay to another host\n");
+    EXPECT_EQ(North().Ctl({"--centre", "exit"}).exitCode, 0);
+    EXPECT_TRUE(WaitUntil([&] { return North().Ctl({"--centre", "list"}).exitCode == 3; }));
+}
+
+TEST_F(FaultcentreTest, ListsMoreThanAnAnswerHolds)
+{
+    const TemporaryDirectory directory;
+    std::string lines;
+    const std::string text(3900, 't');
+    for (int i = 0; i < 700; i++)
+        lines += "raise x " + std::to_string(i) + " " + text + "\n";
+    WriteFile(directory.File("commands"), lines);
+    EXPECT_EQ(Beta().Run("/bin/sh", {"-c", Faultctl + " batch <" + directory.File("commands")}).exitCode, 0);
+    ExpectSame();
+    EXPECT_EQ(CountOf(North().Centre({"list"}), "\n"), 700);
+}
+
+TEST_F(FaultcentreTest, ShowsChangesAsTheyCome)
+{
+    Alpha().Ctl({"raise", "x", "1", "before"});
+    ExpectSame();
+    const TemporaryDirectory directory;
+    const std::string seen = directory.File("seen");
+    North().Start("/bin/sh", {"-c", "exec " + Faultctl + " --centre watch >" + seen});
+    const auto sees = [&](const std::string& line) {
+        return WaitUntil([&] { return CountOf(WithoutTimes(ReadFile(seen)), line) == 1; });
+    };
+    EXPECT_TRUE(WaitUntil([&] { // it looks from when it begins on
+        Beta().Ctl({"raise", "x", "9", "begins"});
+        return CountOf(ReadFile(seen), "begins") > 0;
+    }));
+    Alpha().Ctl({"raise", "x", "2", "two"});
+    EXPECT_TRUE(sees("<time>\talpha\traised\tx/00000002\tnew\ttwo\n"));
+    Alpha().Ctl({"move", "x", "2", "working"});
+    EXPECT_TRUE(sees("<time>\talpha\tmoved\tx/00000002\tworking\ttwo\n"));
+    Alpha().Ctl({"clear", "x", "2"});
+    EXPECT_TRUE(sees("<time>\talpha\tcleared\tx/00000002\t\t\n"));
+    EXPECT_EQ(CountOf(ReadFile(seen), "before"), 0);
+}
+
+TEST_F(FaultcentreTest, EachOfItsProcessesEndsWithTheOther)
+{
+    hosts[2].reset(); // one centre is enough
+    hosts[2] = std::make_unique<Host>("north");
+    for (const int signal : {SIGKILL, SIGTERM, 0}) {
+        const pid_t centre = StartCentre(North());
+        std::ifstream in("/proc/" + std::to_string(centre) + "/task/" + std::to_string(centre) + "/children");
+        pid_t applier = 0;
+        ASSERT_TRUE(in >> applier);
+        if (signal == 0) {
+            kill(applier, SIGKILL);
+            EXPECT_EQ(North().End(centre, 0), 1) << "it says that it could not go on";
+        } else {
+            North().End(centre, signal);
+        }
+        EXPECT_TRUE(WaitUntil([&] { return kill(applier, 0) != 0; }));
+        const std::string text = std::to_string(signal);
+        Alpha().Ctl({"raise", "x", text.substr(0, 1), "after signal " + text});
+    }
+    StartCentre(North());
+    ExpectSame();
+}
+
+TEST_F(FaultcentreTest, OutlivesTheEngine)
+{
+    Alpha().Ctl({"raise", "x", "1", "before"});
+    ExpectSame();
+    engine.End();
+    Alpha().Ctl({"clear", "x", "1"});
+    Alpha().Ctl({"raise", "x", "2", "while it is away"});
+    EXPECT_EQ(CountOf(North().Centre({"list"}), "before"), 1) << "what is known is shown meanwhile";
+    engine.Start();
+    ExpectSame();
+}
+
+// ---- Requests ----
+
+TEST_F(FaultcentreTest, AsksTheDaemonOfAHost)
+{
+    Alpha().Ctl({"raise", "x", "1", "one", "--attach", "/etc/passwd", "--option", "a=b"});
+    ExpectSame();
+    EXPECT_EQ(North().Centre({"show", "nowhere", "x", "1"}), "? faultctl: no gate of nowhere is there\n");
+    EXPECT_EQ(North().Ctl({"--centre", "show", "nowhere", "x", "1"}).exitCode, 3);
+    Alpha().Write("/var/orv/data/orvnodes.dat", "north full\nsouth read\n");
+    std::string shown;
+    EXPECT_TRUE(WaitUntil([&] { return (shown = North().Centre({"show", "alpha", "x", "1"}))[0] != '?'; })) << shown;
+    EXPECT_EQ(shown, WithoutTimes(Alpha().Ctl({"show", "x", "1"}).out));
+    const TemporaryDirectory directory;
+    EXPECT_EQ(North().Centre({"show", "alpha", "x", "1", "--save", directory.File("saved")}), shown);
+    EXPECT_EQ(ReadFile(directory.File("saved")), ReadFile("/etc/passwd"));
+    EXPECT_EQ(North().Centre({"run", "alpha", "x", "1", "echo $FAULT_NODE on $(uname -n)"}), "x on alpha\n");
+    EXPECT_EQ(North().Centre({"run", "alpha", "x", "1", "exit 3"}), "? faultctl: the command ended with status 3\n");
+    EXPECT_EQ(North().Centre({"move", "alpha", "x", "1", "working"}), "");
+    ExpectSame();
+    EXPECT_EQ(CountOf(North().Centre({"list"}), "working"), 1);
+    EXPECT_EQ(North().Centre({"move", "alpha", "x", "1", "closed"}),
+              "? faultctl: MOVE: An invalid transition was encountered. (26)\n");
+    EXPECT_EQ(South().Centre({"show", "alpha", "x", "1"})[0], 'F');
+    EXPECT_EQ(South().Centre({"clear", "alpha", "x", "1"}),
+              "? faultctl: CLEAR: request for service was rejected. (81)\n")
+        << "the daemon's node list decides";
+    EXPECT_EQ(North().Centre({"clear", "alpha", "x", "1"}), "");
+    EXPECT_EQ(North().Centre({"clear", "alpha", "x", "1"}),
+              "? faultctl: CLEAR: Cannot find the data item, it does not exist. (56)\n");
+    ExpectSame();
+}
+
+TEST_F(FaultcentreTest, ASlowHostHoldsNobodyUp)
+{
+    Alpha().Ctl({"raise", "x", "1", "one"});
+    ExpectSame();
+    Alpha().Write("/var/orv/data/orvnodes.dat", "north full\n");
+    ASSERT_TRUE(WaitUntil([&] { return North().Centre({"show", "alpha", "x", "1"})[0] != '?'; }));
+    const TemporaryDirectory directory;
+    const std::string go = directory.File("go"), began = directory.File("began"), done = directory.File("done");
+    North().Start("/bin/sh", {"-c", Faultctl + " --centre run alpha x 1 'echo >" + began + "; while [ ! -e " + go +
+                                        " ]; do sleep 0.1; done; echo ran' >" + done});
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(began); }));
+    EXPECT_EQ(CountOf(North().Centre({"list"}), "one"), 1);
+    EXPECT_EQ(North().Centre({"show", "nowhere", "x", "1"}), "? faultctl: no gate of nowhere is there\n");
+    EXPECT_EQ(ReadFile(done), "");
+    WriteFile(go, "");
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(done) == "ran\n"; }));
+}
+
+// ---- Clients on other hosts ----
+
+TEST_F(FaultcentreTest, ServesOtherHostsOverTheRelay)
+{
+    std::ofstream("/etc/services", std::ios::app) << "\norvcentre 4713/tcp\n";
+    std::ofstream("/etc/hosts", std::ios::app) << "\n127.0.0.1 north alpha beta\n";
+    Alpha().Ctl({"raise", "x", "1", "one"});
+    Alpha().Write("/var/orv/data/orvnodes.dat", "north full\n");
+    ExpectSame();
+    North().Write("/var/orv/data/orvnodes.dat", "alpha full\nbeta read\n");
+    North().Start(Relayd, {"--service", "orvcentre"});
+    const auto far = [](const Host& host, std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"--host", "north", "--centre"});
+        const ChildResult result = host.Ctl(arguments);
+        return result.exitCode == 0 ? WithoutTimes(result.out) : "? " + result.err;
+    };
+    const std::string expected = ListOf(Alpha());
+    EXPECT_TRUE(WaitUntil([&] { return far(Beta(), {"list"}) == expected; })) << far(Beta(), {"list"});
+    EXPECT_EQ(far(Beta(), {"show", "alpha", "x", "1"})[0], 'F');
+    const std::string rejected = "? faultctl: REQUEST: request for service was rejected. (81)\n";
+    EXPECT_EQ(far(Beta(), {"move", "alpha", "x", "1", "working"}), rejected);
+    EXPECT_EQ(far(Beta(), {"run", "alpha", "x", "1", "true"}), rejected);
+    EXPECT_EQ(far(Beta(), {"exit"}), "? faultctl: EXIT: request for service was rejected. (81)\n");
+    EXPECT_EQ(far(Alpha(), {"move", "alpha", "x", "1", "working"}), "");
+    ExpectSame();
+}
+
+} // namespace
