@@ -87,7 +87,7 @@ public:
         natsMsg* answer = nullptr;
         if (natsConnection_RequestString(&answer, connection, subject.c_str(), text.c_str(), 5000) != NATS_OK)
             return "";
-        const std::string data(natsMsg_GetData(answer), static_cast<std::size_t>(natsMsg_GetDataLength(answer)));
+        std::string data(natsMsg_GetData(answer), static_cast<std::size_t>(natsMsg_GetDataLength(answer)));
         natsMsg_Destroy(answer);
         return data;
     }

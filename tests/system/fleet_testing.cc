@@ -128,6 +128,7 @@ public:
         for (std::string url; std::getline(text, url, ',');)
             list.push_back(url);
         std::vector<const char*> servers;
+        servers.reserve(list.size());
         for (const std::string& url : list)
             servers.push_back(url.c_str());
         natsOptions_SetServers(options, servers.data(), static_cast<int>(servers.size()));

@@ -44,7 +44,7 @@ const svr4::Module* Holding(const void* address)
 
 void Function() {}
 
-const svr4::ModuleList atTheStart = svr4::kept_modules();
+const svr4::ModuleList AtTheStart = svr4::kept_modules();
 
 // The shared object as a file that a test may spoil.
 class Image {
@@ -80,8 +80,8 @@ void* Load(const std::string& path)
 
 TEST(Modules, BeforeTheFirstCallThereAreNone)
 {
-    EXPECT_EQ(atTheStart.first, nullptr);
-    EXPECT_EQ(atTheStart.count, 0u);
+    EXPECT_EQ(AtTheStart.first, nullptr);
+    EXPECT_EQ(AtTheStart.count, 0u);
 }
 
 TEST(Modules, TheProgramIsTheFirstAndTheSharedObjectsFollow)
