@@ -11,7 +11,7 @@ fail() { echo "check_docs_test: $*" >&2; exit 1; }
 command -v doxygen >/dev/null || { echo "check_docs_test: no doxygen here: skipped" >&2; exit 77; }
 
 mkdir "$work/Misc"
-cp -R "$source/docs" "$source/scripts" "$source/examples" "$source"/*.md "$work"
+cp -R "$source/docs" "$source/scripts" "$source/examples" "$source/fleet" "$source"/*.md "$work"
 cp "$source"/Misc/*.h "$work/Misc"
 "$work/scripts/check-docs" || fail "the tree itself is refused"
 
