@@ -15,7 +15,7 @@ set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON) # strips, and makes packages of what a core image or a crash file is read with
-set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/packages_strip.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/packages_finish.cmake)
 set(CPACK_ZELOO_STRIP ${CMAKE_STRIP})
 set(CPACK_COMPONENTS_ALL common runtime development tools)
 if(ZELOO_EXAMPLES)
@@ -33,6 +33,7 @@ set(ZELOO_SAME_VERSION "(= ${PROJECT_VERSION})")
 
 find_program(ZELOO_GZIP gzip)
 mark_as_advanced(ZELOO_GZIP)
+set(CPACK_ZELOO_GZIP ${ZELOO_GZIP})
 
 # zeloo_package(COMPONENT NAME SECTION SYNOPSIS DESCRIPTION): the text's lines end in \n.
 function(zeloo_package component name section synopsis description)

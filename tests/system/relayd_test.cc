@@ -243,7 +243,8 @@ TEST_F(RelaydTest, AnEventThatIsTooLongForTheQueueIs60)
     StartEchoes();
     StartRelay();
     IPCClient client(0, "orvd", FarHost);
-    const std::string text(40000000, 'x');
+    std::string text;
+    text.resize(40000000, 'x');
     EXPECT_EQ(client.send_event_with_response(Echo, text.data(), static_cast<long>(text.size())), 0);
     EXPECT_EQ(client.receive_response(event, data), 60);
     EXPECT_EQ(client.send_event_wait_ack(Echo, "\x08", 1), 8) << "the connection goes on";
