@@ -20,6 +20,7 @@
 
 #include "applier.h"
 #include "centreserver.h"
+#include "complaints.h"
 #include "examples/starter.h"
 #include "options.h"
 
@@ -81,20 +82,6 @@ static bool ReadOptions(int argc, char** argv, Settings* settings)
     return true;
 }
 
-// Says what does not work, once for as long as it is the same, and that it works again.
-class Complaints {
-public:
-    void Note(const std::string& problem)
-    {
-        if (problem != current)
-            std::cerr << "faultcentre: " << (problem.empty() ? "goes on" : problem) << std::endl;
-        current = problem;
-    }
-
-private:
-    std::string current;
-};
-
 // Applies changes until SIGTERM, or until the server has gone, which sends that.
 static int ApplyChanges(const Settings& settings, pid_t server)
 {
@@ -108,7 +95,7 @@ static int ApplyChanges(const Settings& settings, pid_t server)
     const std::string node(ProgInfo::GetNodeName());
     Engine engine(settings.engine);
     Applier applier(engine, node + " " + std::to_string(getpid()), settings.keepCleared);
-    Complaints complaints;
+    Complaints complaints("faultcentre");
     for (;;) {
         const Applier::Step step = applier.Run(500);
         complaints.Note(step == Applier::Stuck ? applier.Problem() : "");
@@ -152,7 +139,7 @@ static int Serve(const Settings& settings, Starter& starter)
     Engine engine(settings.engine);
     FleetView view(engine);
     Asker asker(engine, std::string(ProgInfo::GetNodeName()), settings.engine.inbox);
-    Complaints complaints;
+    Complaints complaints("faultcentre");
     while (!ConnectWithoutSignals(engine) || !view.Refresh()) {
         complaints.Note(engine.Problem());
         if (waitpid(applier, nullptr, WNOHANG) != 0)

@@ -13,6 +13,7 @@
 
 #include "Misc/proginfo.h"
 
+#include "complaints.h"
 #include "options.h"
 #include "publisher.h"
 #include "responder.h"
@@ -55,20 +56,6 @@ static bool ReadOptions(int argc, char** argv, Settings* settings)
     return true;
 }
 
-// Says what does not work, once for as long as it is the same, and that it works again.
-class Complaints {
-public:
-    void Note(const std::string& problem)
-    {
-        if (problem != current)
-            std::cerr << "faultgate: " + (problem.empty() ? "goes on" : problem) + "\n" << std::flush;
-        current = problem;
-    }
-
-private:
-    std::string current;
-};
-
 // The process that answers requests: a command for which a centre waits must not hold the changes up. It ends with
 // `parent`, at once.
 [[noreturn]] static void AnswerRequests(const Settings& settings, const std::string& node, pid_t parent)
@@ -78,7 +65,7 @@ private:
         _exit(1);
     Engine engine(settings.engine);
     Responder responder(engine, node);
-    Complaints complaints;
+    Complaints complaints("faultgate");
     for (;;) {
         const bool works = responder.Run();
         if (engine.IsConnected()) // else the other process tells
@@ -102,7 +89,7 @@ static int PassOn(const Settings& settings, const std::string& node, const sigse
     Engine engine(settings.engine);
     Daemon daemon;
     Publisher publisher(engine, daemon, node);
-    Complaints complaints;
+    Complaints complaints("faultgate");
     for (;;) {
         const Publisher::Step step = publisher.Run();
         complaints.Note(step == Publisher::Stuck ? publisher.Problem() : "");
