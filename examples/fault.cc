@@ -129,16 +129,7 @@ void FaultList::printOn(ZELostream& out) const
         fault.printOn(out);
 }
 
-void FaultList::scanFrom(ZEListream& in)
-{
-    int count = 0;
-    Scan(in, count);
-    faults.clear();
-    for (int i = 0; i < count && in.good(); i++) {
-        faults.emplace_back();
-        faults.back().scanFrom(in);
-    }
-}
+void FaultList::scanFrom(ZEListream& in) { ScanList(in, faults); }
 
 void FaultCommand::printOn(ZELostream& out) const
 {

@@ -27,17 +27,6 @@ static void PrintFaults(ZELostream& out, const std::vector<CentreFault>& faults)
         fault.printOn(out);
 }
 
-static void ScanFaults(ZEListream& in, std::vector<CentreFault>& faults)
-{
-    int count = 0;
-    Scan(in, count);
-    faults.clear();
-    for (int i = 0; i < count && in.good(); i++) {
-        faults.emplace_back();
-        faults.back().scanFrom(in);
-    }
-}
-
 void CentreFault::printOn(ZELostream& out) const
 {
     out << node << static_cast<int>(kind) << time;
@@ -81,7 +70,7 @@ void CentreList::printOn(ZELostream& out) const
 void CentreList::scanFrom(ZEListream& in)
 {
     Scan(in, after);
-    ScanFaults(in, faults);
+    ScanList(in, faults);
 }
 
 void CentreWatchRequest::printOn(ZELostream& out) const { out << since; }
@@ -105,7 +94,7 @@ void CentreChanges::scanFrom(ZEListream& in)
     Scan(in, since);
     Scan(in, all);
     isAll = all != 0;
-    ScanFaults(in, faults);
+    ScanList(in, faults);
 }
 
 void CentreRequest::printOn(ZELostream& out) const

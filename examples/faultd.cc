@@ -10,7 +10,6 @@
 #include <memory>
 #include <string>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -132,16 +131,6 @@ static int Serve(const Settings& settings, Starter& starter)
     return 0;
 }
 
-// Leaves the terminal for the log. Returns 0, or -1 when that failed, which has been told.
-static int Daemonize(Starter& starter, const char* log)
-{
-    const int fd = open(log, O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK, 0644); // a FIFO may have nobody who reads it
-    if (fd < 0)
-        return -starter.Refuse(std::string("no way to write the log ") + log + ": " + std::strerror(errno));
-    close(fd);
-    return starter.Daemonize(log);
-}
-
 int main(int argc, char** argv, char** envp)
 {
     ProgInfo::Initialize(argc, argv, envp, FaultVersion);
@@ -159,7 +148,7 @@ int main(int argc, char** argv, char** envp)
         return starter.Refuse(std::string("the key file ") + FaultKeyFile + " is missing; create it with `touch`");
     if (access(DataDirectory, W_OK) != 0)
         return starter.Refuse(std::string("no way to write into ") + DataDirectory + ": " + std::strerror(errno));
-    if (!settings.foreground && Daemonize(starter, settings.log) != 0)
+    if (!settings.foreground && starter.Daemonize(settings.log) != 0)
         return 1;
     umask(022);
     std::signal(SIGCHLD, SIG_IGN); // ProcMgr's commands are not waited for

@@ -3,6 +3,8 @@
 #ifndef EXAMPLES_SCAN_H
 #define EXAMPLES_SCAN_H
 
+#include <vector>
+
 #include "Misc/FaultId.h"
 #include "Misc/ZELstream.h"
 #include "Misc/buffer.h"
@@ -19,6 +21,19 @@ void Scan(ZEListream& in, Value& value)
     in >> value;
     if (in.tellg() == start || in.eof())
         in.SetReadErrorFlag();
+}
+
+/// Reads objects behind their number.
+template <class Object>
+void ScanList(ZEListream& in, std::vector<Object>& list)
+{
+    int count = 0;
+    Scan(in, count);
+    list.clear();
+    for (int i = 0; i < count && in.good(); i++) {
+        list.emplace_back();
+        list.back().scanFrom(in);
+    }
 }
 
 /// Reads raw bytes. Their length, which the sender chose, is an error when they are not all there.

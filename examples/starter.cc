@@ -41,6 +41,10 @@ Starter::~Starter()
 
 int Starter::Daemonize(const char* log)
 {
+    const int fd = open(log, O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK, 0644); // a FIFO may have nobody who reads it
+    if (fd < 0)
+        return -Refuse(std::string("no way to write the log ") + log + ": " + std::strerror(errno));
+    close(fd);
     if (getppid() == 1) // of the system's first process the caller is the daemon itself, see daemonize
         return daemonize(log, 1) == 0 ? 0 : -1;
     int ends[2] = {-1, -1};
