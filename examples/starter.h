@@ -17,7 +17,8 @@ public:
     ~Starter();
 
     /// Goes into the background as daemonize(log, 1) does, and goes on there. Returns 0, or -1 when that failed, such as
-    /// for a log that cannot be written, which has been told. REQUIRES: nothing that belongs to the process, as locks and queues do, has been made.
+    /// for a log that cannot be written, which has been told. REQUIRES: nothing that belongs to the process, as locks
+    /// and queues do, has been made.
     int Daemonize(const char* log);
     /// Tells that the daemon serves: the caller's next command finds it. Also told is a service manager that waits for it
     /// (NOTIFY_SOCKET in the environment, which is gone afterwards).

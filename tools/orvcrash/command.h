@@ -12,8 +12,8 @@ namespace orvcrash {
 bool HasProgram(const char* name);
 
 /// Runs a program of the PATH without input and without its complaints, and puts what it writes to standard output into
-/// `output`. False when it cannot be run, fails, takes longer than a minute, writes more than 256 MB or goes on behind its output; it
-/// is killed then. The ends of children must not be ignored (SIGCHLD).
+/// `output`. False when it cannot be run, fails, takes longer than a minute, writes more than 256 MB or goes on behind
+/// its output; it is killed then. The ends of children must not be ignored (SIGCHLD).
 bool Run(const std::vector<std::string>& arguments, std::string* output);
 
 } // namespace orvcrash
