@@ -66,12 +66,14 @@ int Starter::Daemonize(const char* log)
     return status == 0 ? 0 : -1;
 }
 
-// A caller that has gone, or does not listen, is no reason to end.
+// A caller that has gone, or does not listen, is no reason to end. It waits for the end of what it is told, which a child
+// of the daemon must not hold up.
 static void Tell(int& caller, const std::string& text)
 {
     if (caller < 0)
         return;
     send(caller, text.data(), text.size(), MSG_NOSIGNAL);
+    shutdown(caller, SHUT_WR);
     close(caller);
     caller = -1;
 }

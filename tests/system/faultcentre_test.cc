@@ -204,6 +204,19 @@ TEST_F(FaultcentreTest, ListsWhatTheDaemonsDo)
     EXPECT_TRUE(WaitUntil([&] { return North().Ctl({"--centre", "list"}).exitCode == 3; }));
 }
 
+// It returns when it serves, although its second process goes on.
+TEST_F(FaultcentreTest, ServesInTheBackground)
+{
+    EXPECT_EQ(North().Ctl({"--centre", "exit"}).exitCode, 0);
+    EXPECT_TRUE(WaitUntil([&] { return North().Ctl({"--centre", "list"}).exitCode == 3; }));
+    EXPECT_TRUE(WaitUntil([&] { // until the lock of the one before has gone
+        return North().Run(Faultcentre, {"--engine", Url}).exitCode == 0;
+    }));
+    EXPECT_EQ(North().Ctl({"--centre", "list"}).exitCode, 0);
+    EXPECT_EQ(North().Ctl({"--centre", "exit"}).exitCode, 0);
+    EXPECT_TRUE(WaitUntil([&] { return North().Ctl({"--centre", "list"}).exitCode == 3; }));
+}
+
 TEST_F(FaultcentreTest, ListsMoreThanAnAnswerHolds)
 {
     const TemporaryDirectory directory;
