@@ -19,10 +19,11 @@
 
 using namespace fleet;
 
-static const char Usage[] = "usage: centrebench fill FAULTS HOSTS    puts so many faults into the bucket\n"
-                            "       centrebench apply CHANGES HOSTS CHANGES-A-MESSAGE\n"
-                            "                                        stores changes, then applies them\n"
-                            "       centrebench latency RAISES       from a raise here to its place in the list\n";
+static const char Usage[] =
+    "usage: centrebench [--engine URL[,URL...]] fill FAULTS HOSTS    puts so many faults into the bucket\n"
+    "       centrebench [--engine URL[,URL...]] apply CHANGES HOSTS CHANGES-A-MESSAGE\n"
+    "                                                                stores changes, then applies them\n"
+    "       centrebench latency RAISES                               from a raise here to its place in the list\n";
 
 typedef std::chrono::steady_clock Clock;
 
@@ -167,17 +168,21 @@ static int Latency(long raises)
 int main(int argc, char** argv, char** envp)
 {
     ProgInfo::Initialize(argc, argv, envp, FaultVersion);
-    std::vector<long> numbers;
-    for (int i = 2; i < argc; i++) {
-        long number = 0;
-        if (!ReadCount(argv[i], &number))
+    EngineAddress address;
+    int at = 1;
+    for (; at + 1 < argc && std::strncmp(argv[at], "--", 2) == 0; at += 2)
+        if (!ReadEngineOption(argv[at], argv[at + 1], &address))
             return Fail(Usage);
-        numbers.push_back(number);
+    const std::string mode = at < argc ? argv[at] : "";
+    std::vector<long> numbers;
+    while (++at < argc) {
+        numbers.push_back(0);
+        if (!ReadCount(argv[at], &numbers.back()))
+            return Fail(Usage);
     }
-    const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "latency" && numbers.size() == 1)
         return Latency(numbers[0]);
-    Engine engine((EngineAddress()));
+    Engine engine(address);
     if (!engine.Connect())
         return Fail(engine.Problem());
     if (mode == "fill" && numbers.size() == 2)
