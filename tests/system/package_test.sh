@@ -29,6 +29,17 @@ cmake -S "$source/examples" -B "$work/examples" -G Ninja -DCMAKE_PREFIX_PATH="$p
 cmake --build "$work/examples" >/dev/null
 "$work/examples/faultctl" --help >/dev/null
 
+echo "== find_package: fleet/ builds on the installed library, where the client library of its engine is"
+if ! grep -q '^NATS_LIBRARY:.*=/' "$build/CMakeCache.txt"; then
+    echo "without libnats-dev here: not built"
+else
+    cmake -S "$source/fleet" -B "$work/fleet" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug >/dev/null
+    cmake --build "$work/fleet" >/dev/null
+    "$work/fleet/faultgate" --help >/dev/null
+    ninja -C "$work/fleet" -t deps | grep '/Misc/' >"$work/headers"
+    ! grep -v '/include/zeloo/Misc/' "$work/headers" || fail "fleet/ sees more of the library than is installed"
+fi
+
 echo "== pkg-config: a program built by hand runs"
 # shellcheck disable=SC2046 # one word a flag
 $compiler "$source/examples/hello_client.cc" -o "$work/hello_client" $(pkg-config --cflags --libs zeloo)
