@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: BSD-2-Clause
 # What `cmake --install` puts in place: both libraries, the public headers, System V's headers for programs that
 # move, the CMake package, the pkg-config files, and what the programs need of a host. The programs of tools/ install
-# themselves. Each Debian package is a component: runtime, development, common, tools and examples (packages.cmake); what
+# themselves. Each Debian package is a component: runtime, development, common, tools, examples and fleet (packages.cmake); what
 # names none here is for development.
 include(CMakePackageConfigHelpers)
 
@@ -49,4 +49,20 @@ if(ZELOO_EXAMPLES)
   install(FILES packaging/zeloo-examples.tmpfiles DESTINATION lib/tmpfiles.d RENAME zeloo-examples.conf
     COMPONENT examples EXCLUDE_FROM_ALL)
   zeloo_install_unit(faultd COMPONENT examples EXCLUDE_FROM_ALL)
+endif()
+
+# The programs of many hosts are a package's, too. The name credentials is too common for a directory of all programs.
+if(TARGET zeloo_fleet)
+  install(TARGETS faultgate faultcentre faultfleet RUNTIME COMPONENT fleet EXCLUDE_FROM_ALL)
+  install(PROGRAMS fleet/credentials DESTINATION ${CMAKE_INSTALL_BINDIR} RENAME faultcredentials
+    COMPONENT fleet EXCLUDE_FROM_ALL)
+  install(FILES docs/man/faultgate.8 docs/man/faultcentre.8 docs/man/faultfleet.8 docs/man/faultcredentials.8
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT fleet EXCLUDE_FROM_ALL)
+  install(FILES packaging/zeloo-fleet.sysusers DESTINATION lib/sysusers.d RENAME zeloo-fleet.conf
+    COMPONENT fleet EXCLUDE_FROM_ALL)
+  install(FILES packaging/zeloo-fleet.tmpfiles DESTINATION lib/tmpfiles.d RENAME zeloo-fleet.conf
+    COMPONENT fleet EXCLUDE_FROM_ALL)
+  foreach(service faultgate faultcentre faultengine)
+    zeloo_install_unit(${service} COMPONENT fleet EXCLUDE_FROM_ALL)
+  endforeach()
 endif()

@@ -21,6 +21,9 @@ set(CPACK_COMPONENTS_ALL common runtime development tools)
 if(ZELOO_EXAMPLES)
   list(APPEND CPACK_COMPONENTS_ALL examples)
 endif()
+if(TARGET zeloo_fleet)
+  list(APPEND CPACK_COMPONENTS_ALL fleet)
+endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -108,5 +111,16 @@ and runs commands for them, its client faultctl, and the smallest server and\n\
 client.")
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS "zeloo-common ${ZELOO_SAME_VERSION}")
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS libzeloo-dev)
+
+# nats-server is for the few hosts that are servers of the engine; its installation starts a service of its own, which is
+# no business of the others. zeloo-examples has faultd, whose changes a gate passes on, and faultctl.
+zeloo_package(fleet zeloo-fleet net "fault-management library - faults of many hosts"
+"Brings the faults of many hosts together, under NATS JetStream: faultgate passes\n\
+on the changes that faultd keeps on its host, faultcentre shows the faults of\n\
+all hosts, and faultfleet and faultcredentials set the servers up and say who\n\
+gets in. It has services for them and for nats-server.")
+set(CPACK_DEBIAN_FLEET_PACKAGE_DEPENDS "adduser, zeloo-common ${ZELOO_SAME_VERSION}")
+set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS "openssl, zeloo-examples ${ZELOO_SAME_VERSION}")
+set(CPACK_DEBIAN_FLEET_PACKAGE_SUGGESTS nats-server)
 
 include(CPack)

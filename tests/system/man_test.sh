@@ -11,9 +11,10 @@ fail() { echo "man_test: $*" >&2; exit 1; }
 command -v groff >/dev/null || { echo "man_test: no groff here: skipped" >&2; exit 77; }
 
 checked=0
-for program in "$build"/tools/* "$build"/examples/* "$build"/fleet/*; do
+for program in "$build"/tools/* "$build"/examples/* "$build"/fleet/* "$source/fleet/credentials"; do
     if ! [ -f "$program" ] || ! [ -x "$program" ]; then continue; fi
     name=${program##*/}
+    [ "$name" != credentials ] || name=faultcredentials # as which it is installed
     page=$(find "$source/docs" "$source/tools" "$source/examples" -name "$name.[1-9]")
     [ -n "$page" ] || fail "$name has no manual page"
     groff -k -man -ww -rHY=0 -Tutf8 -P -cbou "$page" >"$work/page" 2>"$work/warnings" || fail "$page"
