@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "bucket.h"
 #include "cleaner.h"
-#include "faultstate.h"
+#include "faulttable.h"
 #include "lease.h"
 #include "reader.h"
 
@@ -26,6 +25,7 @@ namespace fleet {
 class Applier {
 public:
     enum Step {
+        Looked,  // at a part of the faults in the bucket, all of which it knows before it applies the first change
         Applied, // changes; there may be more
         Idle,    // there are none, or another centre has the lease
         Stuck    // Problem() tells why; a later step may succeed
@@ -34,7 +34,7 @@ public:
     /// `name` tells the centre's operator who has the lease. Faults that were cleared stay for `keepSeconds`.
     Applier(Engine& engine, const std::string& name, long keepSeconds);
 
-    /// Applies some changes. When there are none, waits for up to `milliseconds`.
+    /// Does a part of the work. When there is nothing to apply, waits for up to `milliseconds`.
     Step Run(long milliseconds);
     bool IsActive() const { return isActive; }
     const std::string& Problem() const { return problem; }
@@ -53,25 +53,24 @@ private:
     Step Fail(const std::string& what);
     bool Begin();
     bool FindPlace();
+    Step ReadBucket();
+    Step FollowChanges(long milliseconds);
     bool Apply(const std::vector<StreamMessage>& messages);
     bool ApplyTo(const std::string& node, const std::vector<Changes>& changes);
-    bool Load(const std::string& node);
     bool StoreFaults(std::vector<std::string>* nodes);
-    bool StorePart(std::vector<Write>& writes, std::vector<HostFaults::Entry*>& entries);
-    bool StorePlace(uint64_t sequence);
+    bool StorePlace();
 
     Engine& engine;
     Lease lease;
     Cleaner cleaner;
-    BulkWriter writer;
+    FaultTable table;
     std::string problem;
     bool isActive = false;
-    long taken = 0;                          // the lease, when this began
-    std::unique_ptr<Reader> reader;          // null: it has not begun
-    Place applied;                           // how far all is in the bucket
-    uint64_t appliedRevision = 0;            // of the key that tells it
-    std::map<std::string, HostFaults> hosts; // by node; those that are known
-    std::size_t known = 0;                   // faults of these
+    long taken = 0;                 // the lease, when the table was begun
+    std::unique_ptr<Reader> reader; // of the changes; null: it has not begun
+    Place applied;                  // how far all is in the bucket, as that tells
+    uint64_t appliedRevision = 0;   // of the key that tells it
+    Place reached;                  // how far all is in the table and the bucket
 };
 
 } // namespace fleet

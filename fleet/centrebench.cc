@@ -112,7 +112,7 @@ static int Apply(Engine& engine, long changes, long hosts, long perMessage)
         const Applier::Step step = applier.Run(1);
         if (step == Applier::Stuck)
             return Fail(applier.Problem());
-        if (step == Applier::Applied && !hasBegun) {
+        if ((step == Applier::Applied || step == Applier::Looked) && !hasBegun) {
             begin = now;
             hasBegun = true;
         }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "faultstate.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <tuple>
@@ -79,23 +80,40 @@ static std::string PiecesOf(const FleetFault& fault)
     return PieceSubjects(std::string(fault.last.node), std::string(fault.journal), fault.raised);
 }
 
-void HostFaults::Set(Entry& entry, const FleetFault& fault)
+// All of an entry that its fault says.
+static void Describe(HostFaults::Entry& entry, const FleetFault& fault)
 {
-    Buffer data;
-    Pack(fault, data);
     entry.place = fault.place;
     entry.isThere = fault.last.kind != FaultChange::Cleared;
     entry.pieces = PiecesOf(fault);
+}
+
+HostFaults::Fault& HostFaults::At(const FaultId& id) { return *entries.try_emplace(TextOf(id)).first; }
+
+void HostFaults::Set(Fault& known, const FleetFault& fault)
+{
+    Entry& entry = known.second;
+    Buffer data;
+    Pack(fault, data);
+    Describe(entry, fault);
     entry.value.assign(static_cast<const char*>(static_cast<const void*>(data)), data.Size());
+    if (!entry.isNew)
+        fresh.push_back(&known);
     entry.isNew = true;
 }
 
-void HostFaults::Know(const FleetFault& fault, uint64_t revision)
+void HostFaults::Know(const FleetFault& fault, const std::string& value, uint64_t revision)
 {
-    Entry& entry = entries[TextOf(fault.last.fault.hdr.myId)];
-    Set(entry, fault);
+    Entry& entry = At(fault.last.fault.hdr.myId).second;
+    Describe(entry, fault);
+    entry.value = value;
     entry.revision = revision;
-    entry.isNew = false;
+}
+
+void HostFaults::DropStored()
+{
+    fresh.erase(std::remove_if(fresh.begin(), fresh.end(), [](const Fault* fault) { return !fault->second.isNew; }),
+                fresh.end());
 }
 
 bool HostFaults::Apply(const FaultChange& change, const std::string& journal, const Place& place)
@@ -106,7 +124,7 @@ bool HostFaults::Apply(const FaultChange& change, const std::string& journal, co
     case FaultChange::Moved: return Move(change, place);
     case FaultChange::Cleared: {
         const FaultId& id = change.fault.summary.hdr.myId;
-        Clear(entries[TextOf(id)], id, change.time, place);
+        Clear(At(id), id, change.time, place);
         return true;
     }
     default: return true;
@@ -118,13 +136,14 @@ void HostFaults::Raise(const FaultChange& change, const std::string& journal, co
     const FleetFault fault = {
         place, journal.c_str(), change.number, {node.c_str(), FaultChange::Raised, change.time, change.fault.summary}};
     const std::string pieces = PiecesOf(fault);
-    Entry& entry = entries[TextOf(change.fault.summary.hdr.myId)];
+    Fault& known = At(change.fault.summary.hdr.myId);
+    const Entry& entry = known.second;
     const bool isNewer = entry.place < place;
     const std::string& useless = isNewer ? entry.pieces : pieces;
     if (!useless.empty() && entry.pieces != pieces)
         obsolete.push_back(useless);
     if (isNewer)
-        Set(entry, fault);
+        Set(known, fault);
 }
 
 bool HostFaults::Move(const FaultChange& change, const Place& place)
@@ -140,12 +159,13 @@ bool HostFaults::Move(const FaultChange& change, const Place& place)
     fault.last.kind = FaultChange::Moved;
     fault.last.time = change.time;
     fault.last.fault.state = change.fault.summary.state;
-    Set(at->second, fault);
+    Set(*at, fault);
     return true;
 }
 
-void HostFaults::Clear(Entry& entry, const FaultId& id, long time, const Place& place)
+void HostFaults::Clear(Fault& known, const FaultId& id, long time, const Place& place)
 {
+    const Entry& entry = known.second;
     if (!(entry.place < place))
         return;
     if (!entry.pieces.empty())
@@ -156,16 +176,15 @@ void HostFaults::Clear(Entry& entry, const FaultId& id, long time, const Place& 
     fault.last.kind = FaultChange::Cleared;
     fault.last.time = time;
     fault.last.fault.hdr.myId = id;
-    Set(entry, fault);
+    Set(known, fault);
 }
 
 void HostFaults::ClearAll(long time, const Place& place)
 {
-    for (auto& each : entries) {
-        Entry& entry = each.second;
+    for (Fault& known : entries) {
         FleetFault fault;
-        if (entry.isThere && ReadFleetFault(entry.value.data(), entry.value.size(), &fault))
-            Clear(entry, fault.last.fault.hdr.myId, time, place);
+        if (known.second.isThere && ReadFleetFault(known.second.value.data(), known.second.value.size(), &fault))
+            Clear(known, fault.last.fault.hdr.myId, time, place);
     }
 }
 

@@ -53,27 +53,34 @@ public:
         std::string value;  // packed
     };
     typedef std::map<std::string, Entry> Entries; // by the text of the fault's id
+    typedef Entries::value_type Fault;
 
     explicit HostFaults(const std::string& node) : node(node) {}
 
-    /// Takes what the bucket has.
-    void Know(const FleetFault& fault, uint64_t revision);
+    /// Takes what the bucket has: `fault`, which was read from `value`.
+    void Know(const FleetFault& fault, const std::string& value, uint64_t revision);
     /// Applies a change of `journal`. An older one than what is known of its fault changes nothing. False when it moves a
     /// fault that is not known.
     bool Apply(const FaultChange& change, const std::string& journal, const Place& place);
     Entries& All() { return entries; }
+    /// Those that are to be stored; who has stored one says so in its entry.
+    const std::vector<Fault*>& New() const { return fresh; }
+    /// Leaves only those in the list that have not been stored.
+    void DropStored();
     /// The subjects of pieces that belong to no fault any more.
     std::vector<std::string>& Obsolete() { return obsolete; }
 
 private:
     void Raise(const FaultChange& change, const std::string& journal, const Place& place);
     bool Move(const FaultChange& change, const Place& place);
-    void Clear(Entry& entry, const FaultId& id, long time, const Place& place);
+    void Clear(Fault& known, const FaultId& id, long time, const Place& place);
     void ClearAll(long time, const Place& place);
-    void Set(Entry& entry, const FleetFault& fault);
+    Fault& At(const FaultId& id);
+    void Set(Fault& known, const FleetFault& fault);
 
     const std::string node;
     Entries entries;
+    std::vector<Fault*> fresh;
     std::vector<std::string> obsolete;
 };
 
