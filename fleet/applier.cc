@@ -38,8 +38,7 @@ Applier::Step Applier::Run(long milliseconds)
     return table.IsWhole() ? FollowChanges(milliseconds) : ReadBucket();
 }
 
-// What was known when the lease was lost, or before another centre went further nevertheless, may not be so any more. The
-// bucket has all up to its place when it is read after that.
+// What is known holds as long as nobody else has gone further. The place is read before the bucket, which has all up to it.
 bool Applier::Begin()
 {
     if (reader != nullptr && taken == lease.Taken())
@@ -47,7 +46,7 @@ bool Applier::Begin()
     reader.reset();
     if (!FindPlace())
         return false;
-    if (taken != lease.Taken() || reached < applied) {
+    if (reached < applied) {
         table.Forget();
         reached = applied;
     }

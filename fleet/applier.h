@@ -66,7 +66,7 @@ private:
     FaultTable table;
     std::string problem;
     bool isActive = false;
-    long taken = 0;                 // the lease, when the table was begun
+    long taken = 0;                 // the lease, when the place was read
     std::unique_ptr<Reader> reader; // of the changes; null: it has not begun
     Place applied;                  // how far all is in the bucket, as that tells
     uint64_t appliedRevision = 0;   // of the key that tells it

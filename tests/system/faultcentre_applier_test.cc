@@ -1,153 +1,14 @@
 // SPDX-License-Identifier: BSD-2-Clause
-// The faults that the centres make of the changes of many hosts, whatever happens to the centres and to the engine.
-#include <csignal>
-#include <iostream>
-#include <random>
+// The faults that the centres make of the changes of many hosts, and what they remove.
 #include <string>
 #include <vector>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include "fleet/applier.h"
-#include "tests/system/centre_testing.h"
+#include "tests/system/applier_testing.h"
 
 using namespace centre_testing;
 using namespace fleet;
 
 namespace {
-
-const int Hosts = 5;
-const int Most = 3; // appliers
-
-struct Shared {
-    volatile int stored;        // messages, by the hosts
-    volatile bool active[Most]; // which applier works
-    volatile long runs[Most];
-};
-
-class ApplierTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (!InSandbox())
-            GTEST_SKIP() << "needs a network of its own";
-        if (EngineProgram().empty())
-            GTEST_SKIP() << "needs nats-server";
-        void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        ASSERT_NE(memory, MAP_FAILED);
-        shared = new (memory) Shared();
-        engine.Start();
-        ASSERT_TRUE(engine.SetUp({"--lease", "1"})) << engine.Log();
-    }
-    void TearDown() override
-    {
-        for (int i = 0; i < Most; i++)
-            EndApplier(i);
-        if (hosts > 0)
-            EndChild(hosts);
-        if (shared != nullptr)
-            munmap(shared, sizeof(Shared));
-    }
-
-    void StartApplier(int i, long keepSeconds = 3600)
-    {
-        Shared* const state = shared;
-        state->active[i] = false;
-        appliers[i] = StartChild([=] {
-            const std::string name = "centre-" + std::to_string(i);
-            Engine connection(Address(name.c_str()));
-            Applier applier(connection, name, keepSeconds);
-            for (;;) {
-                const Applier::Step step = applier.Run(100);
-                state->active[i] = applier.IsActive();
-                state->runs[i] = state->runs[i] + 1;
-                if (step == Applier::Stuck)
-                    std::clog << name << ": " << applier.Problem() << std::endl;
-                if (!applier.IsActive())
-                    usleep(20000);
-            }
-        });
-    }
-    void EndApplier(int i)
-    {
-        if (appliers[i] > 0)
-            EndChild(appliers[i]);
-        appliers[i] = 0;
-        if (shared != nullptr)
-            shared->active[i] = false;
-    }
-    int Active() const
-    {
-        for (int i = 0; i < Most; i++)
-            if (shared->active[i])
-                return i;
-        return -1;
-    }
-    bool OneIsActive() const
-    {
-        return WaitUntil([&] { return Active() >= 0; });
-    }
-
-    /// Starts the hosts, each of which stores so many messages, some a second. `Expected()` is what comes of them.
-    void StartHosts(int messages, unsigned pause, unsigned seed = 1)
-    {
-        Shared* const state = shared;
-        hosts = StartChild([=] {
-            Engine connection(Address("hosts"));
-            Connect(connection);
-            std::vector<MadeUpHost> all;
-            all.reserve(Hosts);
-            for (int i = 0; i < Hosts; i++)
-                all.emplace_back("host." + std::to_string(i), seed * 100 + static_cast<unsigned>(i));
-            for (int n = 0; n < messages; n++)
-                for (MadeUpHost& host : all) {
-                    host.Go(connection);
-                    state->stored = state->stored + 1;
-                    usleep(host.Random()() % (2 * pause + 1));
-                }
-            std::string lines;
-            for (const MadeUpHost& host : all)
-                lines += host.Faults();
-            WriteFile(directory.File("expected"), lines);
-        });
-    }
-    std::string Expected()
-    {
-        EXPECT_EQ(WaitForExit(hosts, 120), 0);
-        hosts = 0;
-        return ReadFile(directory.File("expected"));
-    }
-    /// Waits until the bucket has these faults.
-    static void ExpectFaults(const std::string& expected)
-    {
-        std::string faults;
-        EXPECT_TRUE(WaitUntil([&] { return (faults = FaultsInBucket()) == expected; }, 30));
-        EXPECT_EQ(faults, expected);
-    }
-    /// Waits until the stream has nothing but the last message of each host and the pieces of attachments that are there.
-    static void ExpectTrimmed(int attachments)
-    {
-        std::string subjects;
-        const auto isTrimmed = [&] {
-            subjects = SubjectsInStream();
-            bool isSmall = CountOf(subjects, "fault.piece.") == attachments;
-            for (int i = 0; i < Hosts; i++)
-                isSmall = isSmall && CountOf(subjects, "fault.change.host=2E" + std::to_string(i) + " 1\n") == 1;
-            return isSmall;
-        };
-        EXPECT_TRUE(WaitUntil(isTrimmed, 30)) << subjects;
-    }
-    static int Attachments(const std::string& faults) { return CountOf(faults, "\t5\ttext"); }
-
-    TemporaryDirectory directory;
-    EngineServer engine;
-    Shared* shared = nullptr;
-    pid_t appliers[Most] = {};
-    pid_t hosts = 0;
-};
 
 TEST_F(ApplierTest, MakesTheFaultsOfAllHosts)
 {
@@ -313,42 +174,6 @@ TEST_F(ApplierTest, AClearedFaultIsForgottenAfterAWhile)
     EXPECT_TRUE(WaitUntil([&] { return keys() == wanted; })) << keys() << " of " << wanted;
     StartHosts(40, 0, 3);
     ExpectFaults(Expected());
-}
-
-TEST_F(ApplierTest, KilledAtRandomWithTheEngineItAgreesWithTheHosts)
-{
-    const int messages = 200;
-    for (int i = 0; i < Most; i++)
-        StartApplier(i);
-    StartHosts(messages, 2000);
-    std::mt19937 random(3);
-    int kills = 0, stops = 0, restarts = 0;
-    for (int stored = 0; stored < messages * Hosts && !HasFailure(); stored = shared->stored) {
-        usleep(random() % 200000);
-        const int victim = static_cast<int>(random() % Most);
-        switch (random() % 6) {
-        case 0:
-            engine.End();
-            usleep(random() % 200000);
-            engine.Start();
-            restarts++;
-            break;
-        case 1:
-            kill(appliers[victim], SIGSTOP);
-            usleep(1000000 + random() % 500000);
-            kill(appliers[victim], SIGCONT);
-            stops++;
-            break;
-        default:
-            EndApplier(victim);
-            StartApplier(victim);
-            kills++;
-        }
-    }
-    EXPECT_GT(kills + stops + restarts, 5);
-    const std::string expected = Expected();
-    ExpectFaults(expected);
-    ExpectTrimmed(Attachments(expected));
 }
 
 } // namespace
