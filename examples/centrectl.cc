@@ -81,6 +81,8 @@ static ExitCode AskHost(Server& server, const std::string& host, short event, co
             return Complain(NoServer, "no gate of " + host + " is there");
         if (code == Done && given.progress == CentreAnswer::Silent)
             return Complain(NoServer, "no answer from " + host + " in time; it may have done what was asked");
+        if (code == Done && given.progress == CentreAnswer::Lost)
+            return Complain(Failed, "a part of the answer of " + host + " was lost; it has done what was asked");
         if (code == Done && given.progress == CentreAnswer::Answered)
             return given.status == 0 ? Done : ComplainOf(FaultEventName(event), given.status);
         usleep(pause);

@@ -96,6 +96,7 @@ struct CentreAnswer {
         Answered, // by the daemon, with `status` and `data`
         NoGate,   // none of that host is there
         Silent,   // no answer came in time: what was asked for may have been done
+        Lost,     // a part of the answer did not come; what was asked for has been done
         States    // their number
     };
     Progress progress = Waits;

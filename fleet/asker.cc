@@ -3,10 +3,9 @@
 
 #include <cstring>
 #include <random>
+#include <utility>
 
 #include "Misc/Dates.h"
-
-#include "request.h"
 
 namespace fleet {
 
@@ -47,7 +46,7 @@ long Asker::Ask(const CentreRequest& request)
         natsSubscription_Destroy(asked.answers);
         return 0;
     }
-    requests[++last] = asked;
+    requests[++last] = std::move(asked);
     return last;
 }
 
@@ -77,7 +76,7 @@ bool Asker::Take(long number, CentreAnswer* answer)
     const auto at = requests.find(number);
     if (at == requests.end())
         return false;
-    Receive(at->second.answers, answer);
+    Receive(at->second, answer);
     if (answer->progress == CentreAnswer::Waits && Dates::CurrentTime() - at->second.time > AnswerSeconds)
         answer->progress = CentreAnswer::Silent;
     if (answer->progress != CentreAnswer::Waits)
@@ -85,21 +84,28 @@ bool Asker::Take(long number, CentreAnswer* answer)
     return true;
 }
 
-void Asker::Receive(natsSubscription* answers, CentreAnswer* answer)
+// Takes what has come; only for the first part it waits a little.
+void Asker::Receive(Asked& asked, CentreAnswer* answer)
 {
-    natsMsg* received = nullptr;
-    const natsStatus status = natsSubscription_NextMsg(&received, answers, LookAround);
-    const Message message(received, natsMsg_Destroy);
-    if (status == NATS_NO_RESPONDERS)
-        answer->progress = CentreAnswer::NoGate;
-    if (status != NATS_OK)
-        return;
-    FleetAnswer given;
-    Buffer data;
-    data.Append(natsMsg_GetData(received), static_cast<unsigned>(natsMsg_GetDataLength(received)));
-    answer->progress = CentreAnswer::Answered;
-    answer->status = Unpack(data, given) ? given.status : static_cast<short>(ErrorReporter::INVALID_DATA);
-    answer->data = given.data;
+    natsStatus status = NATS_OK;
+    for (int64_t wait = LookAround; answer->progress == CentreAnswer::Waits && status == NATS_OK; wait = 0) {
+        natsMsg* received = nullptr;
+        status = natsSubscription_NextMsg(&received, asked.answers, wait);
+        const Message message(received, natsMsg_Destroy);
+        if (status == NATS_NO_RESPONDERS)
+            answer->progress = CentreAnswer::NoGate;
+        if (status != NATS_OK)
+            break;
+        FleetAnswer given;
+        asked.time = Dates::CurrentTime();
+        if (!asked.parts.Take(received)) {
+            answer->progress = CentreAnswer::Lost;
+        } else if (asked.parts.IsWhole()) {
+            answer->progress = CentreAnswer::Answered;
+            answer->status = asked.parts.Read(&given) ? given.status : static_cast<short>(ErrorReporter::INVALID_DATA);
+            answer->data = given.data;
+        }
+    }
 }
 
 void Asker::dumpOn(std::ostream& out) const { out << "Requests: " << requests.size() << " wait" << std::endl; }

@@ -9,6 +9,7 @@
 
 #include "engine.h"
 #include "examples/faultcentre.h"
+#include "request.h"
 
 namespace fleet {
 
@@ -32,12 +33,13 @@ public:
 private:
     struct Asked {
         natsSubscription* answers = nullptr;
-        long time = 0; // in seconds since the epoch
+        long time = 0; // of the request, then of the last part of its answer, in seconds since the epoch
+        AnswerParts parts;
     };
     typedef std::map<long, Asked> Requests;
 
     bool Send(const CentreRequest& request, natsSubscription** answers);
-    void Receive(natsSubscription* answers, CentreAnswer* answer);
+    static void Receive(Asked& asked, CentreAnswer* answer);
     void Drop(Requests::iterator at);
 
     Engine& engine;

@@ -52,19 +52,11 @@ void Responder::Answer(natsMsg* message)
     const char* reply = natsMsg_GetReply(message);
     if (reply == nullptr || *reply == '\0')
         return; // who does not wait for an answer is no centre
-    Buffer data, packed;
+    Buffer data;
     data.Append(natsMsg_GetData(message), static_cast<unsigned>(natsMsg_GetDataLength(message)));
     FleetAnswer answer;
     answer.status = Handle(data, answer.data);
-    Pack(answer, packed);
-    if (packed.Size() > static_cast<uint64_t>(natsConnection_GetMaxPayload(engine.Connection()))) {
-        answer.status = ErrorReporter::IPC_ERROR;
-        answer.data.PurgeContents();
-        packed.PurgeContents();
-        Pack(answer, packed);
-    }
-    natsConnection_Publish(engine.Connection(), reply, static_cast<const void*>(packed),
-                           static_cast<int>(packed.Size()));
+    AnswerParts::Send(engine.Connection(), reply, answer); // without an answer the centre gives up in a while
     natsConnection_FlushTimeout(engine.Connection(), LongestWait);
 }
 

@@ -39,7 +39,7 @@ public:
             CHILD_CHECK(unshare(CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNS) == 0);
             CHILD_CHECK(sethostname(name.data(), name.size()) == 0);
             for (const char* path : {"/opt/orv", "/var/orv"})
-                CHILD_CHECK(mount("tmpfs", path, "tmpfs", 0, "size=8m") == 0);
+                CHILD_CHECK(mount("tmpfs", path, "tmpfs", 0, "size=32m") == 0);
             std::filesystem::create_directories("/opt/orv/bin");
             std::filesystem::create_directories("/var/orv/data");
             MakeKeyFile("orvd");
@@ -318,6 +318,22 @@ TEST_F(FaultcentreTest, AsksTheDaemonOfAHost)
     EXPECT_EQ(North().Centre({"clear", "alpha", "x", "1"}),
               "? faultctl: CLEAR: Cannot find the data item, it does not exist. (56)\n");
     ExpectSame();
+}
+
+TEST_F(FaultcentreTest, ShowsAFaultWhateverItsSize)
+{
+    const TemporaryDirectory directory;
+    std::string bytes;
+    for (long i = 0; i < 3000000; i++)
+        bytes += static_cast<char>(i * 7919 >> 8);
+    WriteFile(directory.File("large"), bytes);
+    Alpha().Ctl({"raise", "x", "1", "one", "--attach", directory.File("large")});
+    Alpha().Write("/var/orv/data/orvnodes.dat", "north full\n");
+    ExpectSame();
+    EXPECT_EQ(North().Centre({"show", "alpha", "x", "1", "--save", directory.File("saved")}),
+              WithoutTimes(Alpha().Ctl({"show", "x", "1"}).out));
+    EXPECT_TRUE(ReadFile(directory.File("saved")) == bytes);
+    EXPECT_TRUE(North().Ctl({"--centre", "run", "alpha", "x", "1", "cat " + directory.File("large")}).out == bytes);
 }
 
 TEST_F(FaultcentreTest, ASlowHostHoldsNobodyUp)

@@ -18,7 +18,7 @@ using namespace fleet_testing;
 
 namespace {
 
-const short Rejected = 81, Invalid = 22, Gone = 65, TooLarge = 60, Missing = ErrorReporter::ITEM_DOES_NOT_EXIST;
+const short Rejected = 81, Invalid = 22, Gone = 65, Missing = ErrorReporter::ITEM_DOES_NOT_EXIST;
 const short NoAnswer = -1, Unreadable = -2;
 
 std::string Text(const Buffer& data)
@@ -51,16 +51,23 @@ protected:
     // What the gate answers to these bytes.
     short Send(const std::string& bytes, Buffer* answer = nullptr)
     {
-        natsMsg* message = nullptr;
-        if (natsConnection_Request(&message, connection, fleet::RequestSubject(node).c_str(), bytes.data(),
-                                   static_cast<int>(bytes.size()), 20000) != NATS_OK)
-            return NoAnswer;
-        Buffer data;
-        data.Append(natsMsg_GetData(message), static_cast<unsigned>(natsMsg_GetDataLength(message)));
-        natsMsg_Destroy(message);
+        static int asked = 0;
+        const std::string reply = "_INBOX.requests." + std::to_string(asked++);
+        natsSubscription* answers = nullptr;
+        natsConnection_SubscribeSync(&answers, connection, reply.c_str());
+        natsConnection_PublishRequest(connection, fleet::RequestSubject(node).c_str(), reply.c_str(), bytes.data(),
+                                      static_cast<int>(bytes.size()));
+        fleet::AnswerParts parts;
+        short failure = 0;
+        for (natsMsg* message = nullptr; failure == 0 && !parts.IsWhole(); natsMsg_Destroy(message))
+            if (natsSubscription_NextMsg(&message, answers, 20000) != NATS_OK)
+                failure = NoAnswer;
+            else if (!parts.Take(message))
+                failure = Unreadable;
+        natsSubscription_Destroy(answers);
         fleet::FleetAnswer read;
-        if (!Unpack(data, read))
-            return Unreadable;
+        if (failure != 0 || !parts.Read(&read))
+            return failure != 0 ? failure : Unreadable;
         if (answer != nullptr)
             *answer = read.data;
         return read.status;
@@ -188,13 +195,66 @@ TEST_F(FaultgateRequestsTest, DamagedRequestsAreAnswered)
     EXPECT_EQ(Send(whole), 0);
 }
 
-TEST_F(FaultgateRequestsTest, WhatIsTooLargeOrAwayIsSaid)
+TEST_F(FaultgateRequestsTest, AnAnswerMayBeLargerThanAMessage)
 {
     const std::string file = directory.File("large");
-    WriteFile(file, std::string(1100000, 'l'));
-    ASSERT_EQ(Ctl({"raise", "alpha", "2", "t", "--attach", file}).exitCode, 0);
-    EXPECT_EQ(Ask("boss", FetchEvent, FaultId(2, "alpha")), TooLarge);
-    EXPECT_EQ(Status("boss", ListEvent), 0) << "it goes on";
+    std::string bytes;
+    for (long i = 0; i < 3000000; i++)
+        bytes += static_cast<char>(i * 7919 >> 8);
+    for (const std::size_t size : {std::size_t(512 << 10), std::size_t(1 << 20), bytes.size()}) {
+        WriteFile(file, bytes.substr(0, size));
+        ASSERT_EQ(Ctl({"raise", "alpha", "2", "t", "--attach", file}).exitCode, 0);
+        Buffer answer;
+        FaultRecord fault;
+        EXPECT_EQ(Ask("boss", FetchEvent, FaultId(2, "alpha"), &answer), 0);
+        EXPECT_TRUE(Unpack(answer, fault));
+        EXPECT_TRUE(Text(fault.attachment) == bytes.substr(0, size)) << size;
+    }
+    Buffer answer;
+    CommandResult result;
+    EXPECT_EQ(Ask("boss", RunEvent, FaultCommand{id, ("cat " + file).c_str()}, &answer), 0);
+    EXPECT_TRUE(Unpack(answer, result));
+    EXPECT_TRUE(Text(result.output) == bytes);
+}
+
+// Whoever may answer can send what he likes.
+TEST_F(FaultgateRequestsTest, PartsThatAreNoneAreNotTaken)
+{
+    const auto take = [](fleet::AnswerParts& parts, const char* left, const std::string& bytes) {
+        natsMsg* message = nullptr;
+        natsMsg_Create(&message, "x", nullptr, bytes.data(), static_cast<int>(bytes.size()));
+        if (*left != '\0')
+            natsMsgHeader_Set(message, "Fault-Left", left);
+        const bool isTaken = parts.Take(message);
+        natsMsg_Destroy(message);
+        return isTaken;
+    };
+    for (const char* wrong : {"", "x", "-1", "1x", " 1", "99999999999999999999"}) {
+        fleet::AnswerParts parts;
+        EXPECT_FALSE(take(parts, wrong, "bytes")) << wrong;
+        EXPECT_FALSE(parts.IsWhole());
+    }
+    fleet::FleetAnswer answer;
+    fleet::AnswerParts parts;
+    EXPECT_TRUE(take(parts, "2", "bytes"));
+    EXPECT_FALSE(take(parts, "2", "bytes")) << "again";
+    EXPECT_FALSE(take(parts, "0", "bytes")) << "one is missing";
+    EXPECT_TRUE(take(parts, "1", "bytes"));
+    EXPECT_FALSE(parts.IsWhole());
+    EXPECT_TRUE(take(parts, "0", "bytes"));
+    EXPECT_TRUE(parts.IsWhole());
+    EXPECT_FALSE(parts.Read(&answer));
+    EXPECT_FALSE(take(parts, "0", "bytes")) << "behind the last";
+    fleet::AnswerParts large;
+    const std::string part(1 << 20, 'p');
+    int taken = 0;
+    while (taken < 1000 && take(large, std::to_string(1000 - taken).c_str(), part))
+        taken++;
+    EXPECT_EQ(taken, 64);
+}
+
+TEST_F(FaultgateRequestsTest, WhatIsAwayIsSaid)
+{
     EXPECT_TRUE(AllPassedOn());
     EndDaemon(SIGTERM);
     EXPECT_EQ(Status("boss", ListEvent), Gone);
