@@ -81,14 +81,14 @@ static bool ReadOptions(int argc, char** argv, Settings* settings)
     return true;
 }
 
-// Applies changes until SIGTERM, or until the server has gone, which sends that.
+// Applies changes until SIGTERM. When the server is gone it is killed, as it may be at any time.
 static int ApplyChanges(const Settings& settings, pid_t server)
 {
     sigset_t ends; // blocked in the engine's threads, too
     sigemptyset(&ends);
     sigaddset(&ends, SIGTERM);
     sigprocmask(SIG_BLOCK, &ends, nullptr);
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != server)
         return 0;
     const std::string node(ProgInfo::GetNodeName());
@@ -117,6 +117,17 @@ static bool ConnectWithoutSignals(Engine& engine)
     const bool isConnected = engine.Connect();
     sigprocmask(SIG_SETMASK, &before, nullptr);
     return isConnected;
+}
+
+// The applier ends after what it is at, unless the engine lets it wait.
+static void EndApplier(pid_t applier)
+{
+    kill(applier, SIGTERM);
+    for (int i = 0; i < 100; i++, usleep(20000))
+        if (waitpid(applier, nullptr, WNOHANG) != 0)
+            return;
+    kill(applier, SIGKILL);
+    waitpid(applier, nullptr, 0);
 }
 
 static int Serve(const Settings& settings, Starter& starter)
@@ -153,8 +164,7 @@ static int Serve(const Settings& settings, Starter& starter)
     centre.main();
     if (!centre.HasApplier())
         return starter.Refuse("the applier ended");
-    kill(applier, SIGTERM);
-    waitpid(applier, nullptr, 0);
+    EndApplier(applier);
     return 0;
 }
 

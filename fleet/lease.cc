@@ -64,8 +64,11 @@ long Lease::Rest() const
 
 void Lease::Release()
 {
-    if (revision != 0) // that value, and none that another centre has stored
-        js_DeleteMsg(engine.Streams(), BucketStream(CentreBucket).c_str(), revision, nullptr, nullptr);
+    jsOptions options;
+    jsOptions_Init(&options);
+    options.Wait = 1000; // it lapses of itself
+    if (revision != 0)   // that value, and none that another centre has stored
+        js_DeleteMsg(engine.Streams(), BucketStream(CentreBucket).c_str(), revision, &options, nullptr);
     revision = 0;
 }
 

@@ -42,6 +42,7 @@ protected:
         void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         ASSERT_NE(memory, MAP_FAILED);
         shared = new (memory) Shared();
+        Urls = engine.Urls();
         engine.Start();
         ASSERT_TRUE(engine.SetUp({"--lease", "1"})) << engine.Log();
     }
@@ -152,7 +153,7 @@ protected:
     static int Attachments(const std::string& faults) { return CountOf(faults, "\t5\ttext"); }
 
     TemporaryDirectory directory;
-    EngineServer engine;
+    EngineServers engine;
     Shared* shared = nullptr;
     pid_t appliers[Most] = {};
     pid_t hosts = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-2-Clause
-// What the tests of the centre share: a server of the engine, hosts whose changes are made up, and what the bucket has.
+// What the tests of the centre share besides servers of the engine: hosts whose changes are made up, and what the bucket has.
 // The engine's client has threads, so that only children use it, which are forked before.
 #ifndef TESTS_SYSTEM_CENTRE_TESTING_H
 #define TESTS_SYSTEM_CENTRE_TESTING_H
@@ -15,32 +15,16 @@
 #include "fleet/bucket.h"
 #include "fleet/engine.h"
 #include "fleet/faultstate.h"
-#include "tests/support/testing.h"
+#include "tests/system/fleet_testing.h"
 
 namespace centre_testing {
 
-using namespace testing_support;
+using namespace fleet_testing;
 
-const std::string Faultfleet = ProgramUnderTest(FAULTFLEET);
-const char Url[] = "nats://127.0.0.1:4222";
+const std::string Faultcentre = ProgramUnderTest(FAULTCENTRE);
 
-/// The engine's server program; empty where it is not installed.
-std::string EngineProgram();
-
-/// A server of the engine, whose storage goes with the object.
-class EngineServer {
-public:
-    ~EngineServer();
-    void Start();
-    void End(int signal = SIGKILL);
-    /// `faultfleet setup` with these arguments, until it succeeds.
-    bool SetUp(const std::vector<std::string>& arguments = {}) const;
-    std::string Log() const { return ReadFile(directory.File("log")); }
-
-private:
-    TemporaryDirectory directory;
-    pid_t process = 0;
-};
+/// The servers of the engine that all here ask. A test says which.
+inline std::string Urls;
 
 /// A connection, which is made if that takes no longer than a while. For children.
 void Connect(fleet::Engine& engine);

@@ -7,118 +7,16 @@
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include "Misc/proginfo.h"
-#include "fleet/daemon.h"
-#include "fleet/request.h"
-#include "tests/system/centre_testing.h"
+#include "tests/system/hosts_testing.h"
 
 using namespace centre_testing;
-using namespace fleet;
 
 namespace {
 
-const std::string Faultd = ProgramUnderTest(FAULTD);
-const std::string Faultctl = ProgramUnderTest(FAULTCTL);
-const std::string Faultgate = ProgramUnderTest(FAULTGATE);
-const std::string Faultcentre = ProgramUnderTest(FAULTCENTRE);
 const std::string Relayd = ProgramUnderTest(RELAYD);
-
-class Host {
-public:
-    explicit Host(const std::string& name) : name(name)
-    {
-        const std::string ready = directory.File("ready");
-        holder = StartChild([&] {
-            CHILD_CHECK(unshare(CLONE_NEWIPC | CLONE_NEWUTS | CLONE_NEWNS) == 0);
-            CHILD_CHECK(sethostname(name.data(), name.size()) == 0);
-            for (const char* path : {"/opt/orv", "/var/orv"})
-                CHILD_CHECK(mount("tmpfs", path, "tmpfs", 0, "size=32m") == 0);
-            std::filesystem::create_directories("/opt/orv/bin");
-            std::filesystem::create_directories("/var/orv/data");
-            MakeKeyFile("orvd");
-            MakeKeyFile("orvcentre");
-            WriteFile(ready, "yes");
-            for (;;)
-                pause();
-        });
-        EXPECT_TRUE(WaitUntil([&] { return ReadFile(ready) == "yes"; }));
-    }
-    ~Host()
-    {
-        for (const pid_t process : processes)
-            EndChild(process, SIGTERM);
-        EndChild(holder);
-    }
-    Host(const Host&) = delete;
-    Host& operator=(const Host&) = delete;
-
-    pid_t Start(const std::string& program, const std::vector<std::string>& arguments)
-    {
-        const pid_t pid = StartProgram("/usr/bin/nsenter", There(program, arguments), Log());
-        processes.push_back(pid);
-        return pid;
-    }
-    /// Ends one that was started, and waits for it.
-    int End(pid_t pid, int signal)
-    {
-        for (pid_t& process : processes)
-            if (process == pid)
-                process = processes.back();
-        processes.pop_back();
-        return EndChild(pid, signal);
-    }
-    ChildResult Run(const std::string& program, const std::vector<std::string>& arguments) const
-    {
-        return RunProgram("/usr/bin/nsenter", There(program, arguments));
-    }
-    ChildResult Ctl(const std::vector<std::string>& arguments) const { return Run(Faultctl, arguments); }
-    /// What --centre says there, without the times; "?" when it fails.
-    std::string Centre(std::vector<std::string> arguments) const
-    {
-        arguments.insert(arguments.begin(), "--centre");
-        const ChildResult result = Ctl(arguments);
-        return result.exitCode == 0 ? WithoutTimes(result.out) : "? " + result.err;
-    }
-    void Write(const std::string& path, const std::string& text) const
-    {
-        std::ofstream("/proc/" + std::to_string(holder) + "/root" + path, std::ios::app) << text;
-    }
-    /// A child of the test that goes on there.
-    pid_t StartBody(const std::function<void()>& body)
-    {
-        const pid_t pid = StartChild([=] {
-            for (const char* space : {"ipc", "uts", "mnt"}) {
-                const int fd = open(("/proc/" + std::to_string(holder) + "/ns/" + space).c_str(), O_RDONLY);
-                CHILD_CHECK(fd >= 0 && setns(fd, 0) == 0);
-            }
-            body();
-        });
-        processes.push_back(pid);
-        return pid;
-    }
-    std::string Log() const { return directory.File("log"); }
-
-    const std::string name;
-
-private:
-    std::vector<std::string> There(const std::string& program, const std::vector<std::string>& arguments) const
-    {
-        std::vector<std::string> all = {"--ipc", "--uts", "--mount", "--target", std::to_string(holder), program};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return all;
-    }
-
-    TemporaryDirectory directory;
-    pid_t holder = 0;
-    std::vector<pid_t> processes;
-};
 
 class FaultcentreTest : public ::testing::Test {
 protected:
@@ -131,24 +29,20 @@ protected:
         static char name[] = "faultcentre_test";
         static char* argv[] = {name, nullptr};
         ProgInfo::Initialize(1, argv, argv + 1, "1.0");
+        Urls = engine.Urls();
         engine.Start();
         ASSERT_TRUE(engine.SetUp({"--lease", "1"})) << engine.Log();
         for (const char* name : {"alpha", "beta", "north", "south"})
             hosts.push_back(std::make_unique<Host>(name));
         for (Host* host : {&Alpha(), &Beta()}) {
             host->Start(Faultd, {"--foreground", "--journal"});
-            host->Start(Faultgate, {"--engine", Url, "--interval", "20"});
+            host->Start(Faultgate, {"--engine", Urls, "--interval", "20"});
             ASSERT_TRUE(WaitUntil([=] { return host->Ctl({"list"}).exitCode == 0; })) << ReadFile(host->Log());
         }
         for (Host* host : {&North(), &South()})
             StartCentre(*host);
     }
-    static pid_t StartCentre(Host& host)
-    {
-        const pid_t pid = host.Start(Faultcentre, {"--engine", Url, "--foreground"});
-        EXPECT_TRUE(WaitUntil([&] { return host.Centre({"list"})[0] != '?'; })) << ReadFile(host.Log());
-        return pid;
-    }
+    static pid_t StartCentre(Host& host) { return centre_testing::StartCentre(host, {"--engine", Urls}); }
     // What a centre is to list of a host: what its daemon does.
     static std::string ListOf(const Host& host)
     {
@@ -173,7 +67,7 @@ protected:
     Host& North() { return *hosts[2]; }
     Host& South() { return *hosts[3]; }
 
-    EngineServer engine;
+    EngineServers engine;
     std::vector<std::unique_ptr<Host>> hosts;
 };
 

@@ -11,97 +11,11 @@
 #include <gtest/gtest.h>
 
 #include "Misc/proginfo.h"
-#include "tests/system/fleet_testing.h"
+#include "tests/system/client_testing.h"
 
 using namespace fleet_testing;
 
 namespace {
-
-// A client that shows a credential, with what a program can do that is not one of ours.
-class Client {
-public:
-    Client(const std::string& url, const std::string& credentials, const std::string& inbox = "")
-    {
-        natsOptions* options = nullptr;
-        natsOptions_Create(&options);
-        natsOptions_SetURL(options, url.c_str());
-        natsOptions_SetAllowReconnect(options, false);
-        natsOptions_SetSecure(options, true);
-        natsOptions_SkipServerVerification(options, true); // it is not the server that is to be protected here
-        if (!inbox.empty())
-            natsOptions_SetCustomInboxPrefix(options, inbox.c_str());
-        if (!credentials.empty())
-            natsOptions_LoadCertificatesChain(options, (credentials + "/client.crt").c_str(),
-                                              (credentials + "/client.key").c_str());
-        if (natsConnection_Connect(&connection, options) != NATS_OK)
-            connection = nullptr;
-        natsOptions_Destroy(options);
-    }
-    ~Client()
-    {
-        natsSubscription_Destroy(subscription);
-        natsConnection_Destroy(connection);
-    }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    bool IsIn() const { return connection != nullptr && natsConnection_FlushTimeout(connection, 5000) == NATS_OK; }
-    bool IsClosed() const { return natsConnection_IsClosed(connection); }
-    // What the engine says of what has been sent; empty: nothing against it.
-    std::string Objection() const
-    {
-        natsConnection_FlushTimeout(connection, 5000);
-        const char* text = nullptr;
-        natsConnection_GetLastError(connection, &text);
-        return text != nullptr ? text : "";
-    }
-    bool MayPublish(const std::string& subject) const
-    {
-        natsConnection_PublishString(connection, subject.c_str(), "text");
-        return Objection().empty();
-    }
-    bool MaySubscribe(const std::string& subject, const char* group = nullptr)
-    {
-        const natsStatus status =
-            group != nullptr ? natsConnection_QueueSubscribeSync(&subscription, connection, subject.c_str(), group)
-                             : natsConnection_SubscribeSync(&subscription, connection, subject.c_str());
-        return status == NATS_OK && Objection().empty();
-    }
-    void Publish(const std::string& subject, const std::string& reply, const std::string& text) const
-    {
-        natsConnection_PublishRequestString(connection, subject.c_str(), reply.c_str(), text.c_str());
-        natsConnection_FlushTimeout(connection, 5000);
-    }
-    // Answers the next message of the subscription.
-    bool Answer(const std::string& text) const
-    {
-        natsMsg* message = nullptr;
-        if (natsSubscription_NextMsg(&message, subscription, 5000) != NATS_OK)
-            return false;
-        const natsStatus status = natsConnection_PublishString(connection, natsMsg_GetReply(message), text.c_str());
-        natsMsg_Destroy(message);
-        return status == NATS_OK && Objection().empty();
-    }
-    std::string Request(const std::string& subject, const std::string& text) const
-    {
-        natsMsg* answer = nullptr;
-        if (natsConnection_RequestString(&answer, connection, subject.c_str(), text.c_str(), 5000) != NATS_OK)
-            return "";
-        std::string data(natsMsg_GetData(answer), static_cast<std::size_t>(natsMsg_GetDataLength(answer)));
-        natsMsg_Destroy(answer);
-        return data;
-    }
-    int Waiting() const
-    {
-        uint64_t count = 0;
-        natsSubscription_QueuedMsgs(subscription, &count);
-        return static_cast<int>(count);
-    }
-
-private:
-    natsConnection* connection = nullptr;
-    natsSubscription* subscription = nullptr;
-};
 
 class FaultgateRightsTest : public ::testing::Test {
 protected:
@@ -118,31 +32,21 @@ protected:
         ProgInfo::Initialize(1, argv, argv + 1, FaultVersion);
         MakeKeyFile(FaultServerName);
         node = ProgInfo::GetNodeName();
-        Make({"authority"});
-        Make({"engine", "127.0.0.1"});
-        Make({"operator", "main"});
         Make({"centre", "c1"});
         Make({"node", "one"});
         Make({"node", "two"});
         Make({"node", node});
-        std::string text = ReadFile(Place("engine-127.0.0.1") + "/engine.conf");
-        text = Replaced(text.substr(text.find("tls {")), "/etc/faultengine", Place("engine-127.0.0.1"));
-        engine.Configure(Replaced(text, "include accounts.conf",
-                                  "include \"../" + directory.File("fleet").substr(5) + "/accounts.conf\""));
+        engine.Configure(credentials.Configuration());
         engine.Start();
         ASSERT_TRUE(engine.SetUp({"--credentials", Place("operator-main")})) << engine.Log();
     }
 
-    std::string Place(const std::string& name) const { return directory.File("fleet/" + name); }
+    std::string Place(const std::string& name) const { return credentials.Place(name); }
+    void Make(const std::vector<std::string>& arguments) const { credentials.Make(arguments); }
     ChildResult Run(const std::string& place, std::vector<std::string> arguments) const
     {
         arguments.insert(arguments.begin(), place);
         return RunProgram(CREDENTIALS, arguments);
-    }
-    void Make(const std::vector<std::string>& arguments) const
-    {
-        const ChildResult made = Run(directory.File("fleet"), arguments);
-        ASSERT_EQ(made.exitCode, 0) << made.err;
     }
     bool GetsIn(const std::string& credentials) const { return Client(engine.Urls(), credentials).IsIn(); }
     ChildResult Gate(const std::string& credentials) const
@@ -158,6 +62,7 @@ protected:
     }
 
     TemporaryDirectory directory;
+    Credentials credentials;
     EngineServers engine;
     std::string node;
 };
@@ -296,10 +201,9 @@ TEST_F(FaultgateRightsTest, WhoIsRevokedIsOut)
     EXPECT_NE(Client(engine.Urls(), Place("node-one"), "_INBOX_one").Request("fault.change.one", "x"), "");
     EXPECT_FALSE(GetsIn(copy)) << "the earlier one does not come back";
     EXPECT_TRUE(two.IsIn());
-    const std::string list = Run(directory.File("fleet"), {"list"}).out;
+    const std::string list = Run(credentials.Place(), {"list"}).out;
     EXPECT_EQ(CountOf(list, "node one node.one."), 1) << list;
-    EXPECT_EQ(Run(directory.File("fleet"), {"revoke", "node", "four"}).err,
-              "credentials: no node of that name: four\n");
+    EXPECT_EQ(Run(credentials.Place(), {"revoke", "node", "four"}).err, "credentials: no node of that name: four\n");
 }
 
 // The client library gives a connection up when it is refused twice.
@@ -358,7 +262,7 @@ TEST_F(FaultgateRightsTest, ConfigurationsOfThreeAndFiveAreSound)
 
 TEST_F(FaultgateRightsTest, ComplainsOfWrongUse)
 {
-    const std::string place = directory.File("fleet");
+    const std::string place = credentials.Place();
     for (const std::vector<std::string>& wrong :
          {std::vector<std::string>{}, {"x"}, {"node"}, {"node", ""}, {"revoke", "node"}, {"engine"}, {"list", "x"}})
         EXPECT_EQ(Run(place, wrong).exitCode, 2);

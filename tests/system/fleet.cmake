@@ -1,25 +1,16 @@
 # SPDX-License-Identifier: BSD-2-Clause
 # The tests of the programs of many hosts, with servers of their engine.
-add_library(zeloo_fleet_testing STATIC fleet_testing.cc)
+add_library(zeloo_fleet_testing STATIC fleet_testing.cc centre_testing.cc)
 target_link_libraries(zeloo_fleet_testing PUBLIC zeloo_fleet zeloo_testing GTest::gtest)
-foreach(program faultd faultctl faultgate faultfleet)
+foreach(program faultd faultctl faultgate faultfleet faultcentre relayd)
   string(TOUPPER ${program} macro)
   add_dependencies(zeloo_fleet_testing ${program})
   target_compile_definitions(zeloo_fleet_testing PUBLIC ${macro}="$<TARGET_FILE:${program}>")
 endforeach()
 target_compile_definitions(zeloo_fleet_testing PUBLIC CREDENTIALS="${PROJECT_SOURCE_DIR}/fleet/credentials")
-foreach(test faultgate_test faultgate_requests_test faultgate_rights_test faultgate_servers_test)
+foreach(test faultgate_test faultgate_requests_test faultgate_rights_test faultgate_servers_test faultstate_test
+        faultcentre_test faultcentre_applier_test faultcentre_takeover_test faultcentre_cluster_test
+        faultcentre_rights_test)
   add_executable(${test} ${test}.cc)
   zeloo_link_test(${test} zeloo_fleet_testing)
-endforeach()
-
-foreach(test faultstate_test faultcentre_test faultcentre_applier_test faultcentre_takeover_test)
-  add_executable(${test} ${test}.cc)
-  target_include_directories(${test} PRIVATE ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${test} PRIVATE zeloo_fleet)
-  zeloo_link_test(${test} zeloo_static)
-endforeach()
-foreach(test faultcentre_test faultcentre_applier_test faultcentre_takeover_test)
-  target_sources(${test} PRIVATE centre_testing.cc)
-  zeloo_test_programs(${test} faultfleet faultcentre faultgate faultd faultctl relayd)
 endforeach()

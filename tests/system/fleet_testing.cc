@@ -151,10 +151,10 @@ public:
     Look& operator=(const Look&) = delete;
 
     // The newest number, and the server that leads, if all are in step with it.
-    bool Info(uint64_t* last, std::string* leader)
+    bool Info(uint64_t* last, std::string* leader, const std::string& name = fleet::StreamName)
     {
         jsStreamInfo* found = nullptr;
-        if (stream == nullptr || js_GetStreamInfo(&found, stream, fleet::StreamName, nullptr, nullptr) != NATS_OK)
+        if (stream == nullptr || js_GetStreamInfo(&found, stream, name.c_str(), nullptr, nullptr) != NATS_OK)
             return false;
         *last = found->State.LastSeq;
         const jsClusterInfo* cluster = found->Cluster;
@@ -171,14 +171,38 @@ private:
     natsConnection* connection = nullptr;
 };
 
-int EngineServers::Leader() const
+int EngineServers::Leader(const std::string& stream) const
 {
     Look look(Urls(), "");
     uint64_t last = 0;
     std::string leader;
-    if (!look.Info(&last, &leader) || leader.find("engine-") != 0)
+    if (!look.Info(&last, &leader, stream) || leader.find("engine-") != 0)
         return -1;
     return std::stoi(leader.substr(7));
+}
+
+Credentials::Credentials()
+{
+    Make({"authority"});
+    Make({"engine", "127.0.0.1"});
+    Make({"operator", "main"});
+}
+
+void Credentials::Make(const std::vector<std::string>& arguments) const
+{
+    std::vector<std::string> all = {Place()};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    const ChildResult made = RunProgram(CREDENTIALS, all);
+    EXPECT_EQ(made.exitCode, 0) << made.err;
+}
+
+// Without what EngineServers sets itself. An included file's name counts from the directory of the configuration.
+std::string Credentials::Configuration() const
+{
+    const std::string place = Place("engine-127.0.0.1");
+    std::string text = ReadFile(place + "/engine.conf");
+    text = Replaced(text.substr(text.find("tls {")), "/etc/faultengine", place);
+    return Replaced(text, "include accounts.conf", "include \"../" + Place("accounts.conf").substr(5) + "\"");
 }
 
 static std::string Header(natsMsg* message, const char* name)

@@ -49,8 +49,8 @@ public:
     /// Waits until the stream, if there is one, and the cluster can be used: until `faultfleet setup` with these
     /// arguments succeeds.
     bool SetUp(const std::vector<std::string>& settings = {}) const;
-    /// The number of the server that leads the stream; -1 while none does, or while others lag behind it.
-    int Leader() const;
+    /// The number of the server that leads a stream; -1 while none does, or while others lag behind it.
+    int Leader(const std::string& stream = fleet::StreamName) const;
     std::string Log(int index = 0) const;
 
 private:
@@ -60,6 +60,24 @@ private:
     std::string extra;
     TemporaryDirectory directory;
     std::vector<pid_t> processes;
+};
+
+/// The credentials of a fleet, whose engine is one server.
+class Credentials {
+public:
+    /// Those of the engine and of an operator are made.
+    Credentials();
+    /// Has `credentials` do what these arguments say. That it fails is a failure of the test.
+    void Make(const std::vector<std::string>& arguments) const;
+    /// Where it puts what has that name.
+    std::string Place(const std::string& name) const { return directory.File("fleet/" + name); }
+    std::string Place() const { return directory.File("fleet"); }
+    /// What EngineServers::Configure needs.
+    std::string Configuration() const;
+    std::string Operator() const { return Place("operator-main"); }
+
+private:
+    TemporaryDirectory directory;
 };
 
 /// A message of the stream.
