@@ -3,7 +3,6 @@
 // ends on an exit event and on SIGTERM, and its faults are there again at its next start; SIGUSR1 writes its state to a
 // file, and a crash leaves the state in /var/orv/data/faultd.sig.
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <iostream>
@@ -18,6 +17,7 @@
 #include "Misc/proginfo.h"
 #include "Misc/unixproc.h"
 
+#include "commandline.h"
 #include "faultjournal.h"
 #include "faultserver.h"
 #include "faultstore.h"
@@ -55,14 +55,6 @@ struct Settings {
     bool journal = false;
 };
 
-template <class Number>
-static bool ReadNumber(const char* text, Number& number)
-{
-    const char* end = text + std::strlen(text);
-    const std::from_chars_result read = std::from_chars(text, end, number);
-    return read.ptr == end && read.ec == std::errc();
-}
-
 static bool ReadOption(const char* option, const char* value, Settings& settings)
 {
     if (std::strcmp(option, "--log") == 0) {
@@ -70,14 +62,12 @@ static bool ReadOption(const char* option, const char* value, Settings& settings
         return *value != '\0';
     }
     if (std::strcmp(option, "--debug") == 0)
-        return ReadNumber(value, settings.debug) && settings.debug >= 0;
+        return ReadNumber(value, &settings.debug) && settings.debug >= 0;
     if (std::strcmp(option, "--time-limit") == 0)
-        return ReadNumber(value, settings.seconds) && settings.seconds > 0;
+        return ReadNumber(value, &settings.seconds) && settings.seconds > 0;
     if (std::strcmp(option, "--remote-access") == 0) {
         settings.remoteAccess = value;
-        for (const char* access : {"none", "read", "full", "global"})
-            if (std::strcmp(value, access) == 0)
-                return true;
+        return IsAccessOption(value);
     }
     return false;
 }
@@ -85,25 +75,13 @@ static bool ReadOption(const char* option, const char* value, Settings& settings
 // False when the command line is wrong.
 static bool ReadOptions(int argc, char** argv, Settings& settings)
 {
-    for (int i = 1; i < argc; i++) {
-        if (std::strcmp(argv[i], "--foreground") == 0)
-            settings.foreground = true;
-        else if (std::strcmp(argv[i], "--journal") == 0)
-            settings.journal = true;
-        else if (i + 1 == argc || !ReadOption(argv[i], argv[i + 1], settings))
-            return false;
-        else
-            i++;
-    }
-    return true;
-}
-
-static int RefuseUnlocked(Starter& starter, const LockFile& lock)
-{
-    if (lock.Error() == EAGAIN)
-        return starter.Refuse("another faultd is running: /var/orv/data/faultd.lock holds its process id");
-    return starter.Refuse(std::string("no way to take the lock /var/orv/data/faultd.lock: ") +
-                          std::strerror(lock.Error()));
+    return ReadCommandLine(
+        argc, argv,
+        [&](const char* word) {
+            return TakesFlag(word, "--foreground", &settings.foreground) ||
+                   TakesFlag(word, "--journal", &settings.journal);
+        },
+        [&](const char* option, const char* value) { return ReadOption(option, value, settings); });
 }
 
 // Serves until it is told to end.
@@ -112,7 +90,7 @@ static int Serve(const Settings& settings, Starter& starter)
     CString name(LockedName);
     LockFile lock(name, 0);
     if (!lock.Locked())
-        return RefuseUnlocked(starter, lock);
+        return starter.RefuseUnlocked(lock.Error(), LockedName);
     FaultJournal journal(JournalDirectory);
     if (!settings.journal && journal.LoseStep() != ErrorReporter::NO_ERRORS)
         return starter.Refuse("an earlier journal in /var/orv/data/journal would not know of this start without it");

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,19 +12,12 @@
 
 #include "Misc/Dates.h"
 #include "Misc/ProcMgr.h"
-#include "Misc/misc.h"
 #include "Misc/proginfo.h"
 #include "Misc/unixproc.h"
 
-static const short TickEvent = -1;     // the time-out of a receive; no client's event
-static const long SilenceSeconds = 30; // for which a client may hold all others in the middle of an event
-
 FaultServer::FaultServer(FaultStore& store, long commandSeconds, const char* remoteAccess, FaultJournal* journal)
-    : EventManager(FaultServerName, &std::clog), store(store), journal(journal), commandSeconds(commandSeconds),
-      remoteAccess(remoteAccess)
+    : NodeServer(FaultServerName, remoteAccess), store(store), journal(journal), commandSeconds(commandSeconds)
 {
-    InBasket().SetReceiveTimeOutEvent(TickEvent);
-    InBasket().SetTransferTimeOut(SilenceSeconds);
 }
 
 // Whether commands wait or run.
@@ -56,13 +48,10 @@ short FaultServer::AcceptEvent(short event, const char* program, const char* nod
 {
     if (!EventManager::AcceptEvent(event, program, node))
         return 0;
-    if (std::strcmp(node, ProgInfo::GetNodeName()) == 0)
-        return 1;
-    if (event == ChangesDoneEvent) // what is cut is gone for all who follow the changes
+    const bool isHere = std::strcmp(node, ProgInfo::GetNodeName()) == 0;
+    if (event == ChangesDoneEvent && !isHere) // what is cut is gone for all who follow the changes
         return 0;
-    CString access;
-    GetAccessOptionForNode(node, remoteAccess, access);
-    return access == "full" || access == "global" || (access == "read" && OnlyAsks(event));
+    return IsAllowed(node, OnlyAsks(event));
 }
 
 // A journal that nobody could read would fill a full file system for ever.
@@ -73,19 +62,11 @@ int FaultServer::FileSystemFull()
     return journal != nullptr && makesRoom ? 0 : full;
 }
 
-short FaultServer::Handle_NULL_event()
-{
-    Answer(NO_ERRORS, Buffer());
-    return NO_ERRORS;
-}
-
 short FaultServer::Handle_EXIT_event(short& exitnow)
 {
     for (unsigned i = 0; i < ProcMgr::commands.Quantity(); i++)
         std::cout << "not started any more: " << ProcMgr::commands[static_cast<int>(i)]->cmd << std::endl;
-    Answer(NO_ERRORS, Buffer());
-    exitnow = 1;
-    return NO_ERRORS;
+    return NodeServer::Handle_EXIT_event(exitnow);
 }
 
 short FaultServer::HandleEvent(short event)
@@ -114,27 +95,9 @@ short FaultServer::HandleEvent(short event)
     return status;
 }
 
-// Answers the sender of the current event when it waits. The answer carries the event's own number.
-void FaultServer::Answer(short status, const Buffer& data)
-{
-    if (!CurrentEventResponseRqd)
-        return;
-    const short sent = InBasket().send_response(CurrentEvent, status, data, static_cast<long>(data.Size()));
-    if (sent == IPC_ERROR) // too much for a message; the sender need not wait for more
-        InBasket().send_response(CurrentEvent, sent, nullptr, 0);
-}
-
 void FaultServer::Tell(const char* happened, const FaultSummary& fault)
 {
     std::cout << message.Text(happened, fault) << std::endl;
-}
-
-short FaultServer::Status(Buffer& answer)
-{
-    std::ostringstream text;
-    dumpOn(text);
-    answer.Append(text.str().c_str());
-    return NO_ERRORS;
 }
 
 // Whether the options can be those of a fault. A fault is shown on lines, so line ends in them become blanks.

@@ -3,24 +3,19 @@
 #ifndef EXAMPLES_FAULTSERVER_H
 #define EXAMPLES_FAULTSERVER_H
 
-#include "Misc/eventmgr.h"
-#include "Misc/mobject.h"
-
 #include "fault.h"
 #include "faultjournal.h"
 #include "faultlife.h"
 #include "faultmessage.h"
 #include "faultstore.h"
+#include "nodeserver.h"
 
 /// Keeps the faults of many nodes in `store`, moves them through their states and runs commands for them. What it does
 /// stands on standard output, a line each (see FaultMessage); its whole state in the dumps of MonitoredObject.
 ///
-/// Events from this node are always accepted. What another node may do is its access option in the node list
-/// /var/orv/data/orvnodes.dat: with "full" or "global" everything, with "read" ask for faults and status, with any
-/// other nothing. A node that is not listed is reported and logged once, and has `remoteAccess` as its option; with
-/// "global" there every node may do everything, and the list is not looked at. That changes are not needed any more is for
-/// this node alone to say.
-class FaultServer : public EventManager, public MonitoredObject {
+/// Another node may do what its access option says (see NodeServer): "read" lets it ask for faults and status. That changes
+/// are not needed any more is for this node alone to say.
+class FaultServer : public NodeServer {
 public:
     /// `commandSeconds` is the time limit of the commands that a client waits for. `journal` has the changes of `store`; it
     /// may be null. Both must outlive the server.
@@ -34,14 +29,12 @@ public:
     short IsExitEvent(short event) override { return event == ExitEvent; }
     short GetNextEvent(short& event, Buffer& data, short& responseRqd, short& AckRqd, short& error) override;
     short AcceptEvent(short event, const char* program, const char* node) override;
-    short Handle_NULL_event() override;
     short Handle_EXIT_event(short& exitnow) override;
     short HandleEvent(short event) override;
     int FileSystemFull() override;                 // never while that could make room
     void dumpOn(std::ostream& out) const override; // what `faultctl status`, SIGUSR1 and a crash show
 
 private:
-    short Status(Buffer& answer);
     short Raise();
     short List(Buffer& answer);
     short Fetch(Buffer& answer);
@@ -55,7 +48,6 @@ private:
     short FindFault(const FaultRecord*& fault);
     short FindFault(const FaultId& id, const FaultRecord*& fault);
     short FindForCommand(FaultCommand& request, const FaultRecord*& fault);
-    void Answer(short status, const Buffer& data);
     void Tell(const char* happened, const FaultSummary& fault);
 
     FaultStore& store;
@@ -63,7 +55,6 @@ private:
     FaultLife life;
     FaultMessage message;
     const long commandSeconds;
-    const CString remoteAccess;
 };
 
 #endif

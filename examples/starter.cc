@@ -113,3 +113,10 @@ int Starter::Refuse(const std::string& reason)
     Tell(caller, line);
     return 1;
 }
+
+int Starter::RefuseUnlocked(int error, const std::string& locked)
+{
+    const std::string file = locked + ".lock";
+    return Refuse(error == EAGAIN ? "another " + name + " is running: " + file + " holds its process id"
+                                  : "no way to take the lock " + file + ": " + std::strerror(error));
+}

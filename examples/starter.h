@@ -25,6 +25,8 @@ public:
     void Serves();
     /// Tells why the daemon does not start, on standard error and to the caller. Returns 1, an exit code.
     int Refuse(const std::string& reason);
+    /// The same of a LockFile `locked`, which was refused with `error`.
+    int RefuseUnlocked(int error, const std::string& locked);
 
 private:
     const std::string name;

@@ -1,29 +1,20 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "centreserver.h"
 
-#include <cstring>
-#include <iostream>
-#include <sstream>
+#include <cerrno>
 
 #include <sys/wait.h>
-
-#include "Misc/misc.h"
-#include "Misc/proginfo.h"
 
 #include "request.h"
 
 namespace fleet {
 
-static const short TickEvent = -1;              // the time-out of a receive; no client's event
-static const long SilenceSeconds = 30;          // for which a client may hold all others in the middle of an event
 static const std::size_t LargeAnswer = 1 << 20; // bytes of faults, from which on an answer takes no more
 
 CentreServer::CentreServer(FleetView& view, Asker& asker, const char* remoteAccess, pid_t applier)
-    : EventManager(CentreServerName, &std::clog), view(view), asker(asker), remoteAccess(remoteAccess), applier(applier)
+    : NodeServer(CentreServerName, remoteAccess), view(view), asker(asker), applier(applier)
 {
-    InBasket().SetReceiveTimeOutEvent(TickEvent);
     InBasket().SetReceiveTimeOut(1);
-    InBasket().SetTransferTimeOut(SilenceSeconds);
 }
 
 // Waits for an event. Follows the bucket meanwhile, so that little is left to do for each event.
@@ -49,28 +40,6 @@ short CentreServer::AcceptEvent(short event, const char* program, const char* no
     return IsAllowed(node, event != CentreExitEvent); // what a request asks for is looked at when it is handled
 }
 
-bool CentreServer::IsAllowed(const char* node, bool onlyAsks)
-{
-    if (std::strcmp(node, ProgInfo::GetNodeName()) == 0)
-        return true;
-    CString access;
-    GetAccessOptionForNode(node, remoteAccess, access);
-    return access == "full" || access == "global" || (access == "read" && onlyAsks);
-}
-
-short CentreServer::Handle_NULL_event()
-{
-    Answer(NO_ERRORS, Buffer());
-    return NO_ERRORS;
-}
-
-short CentreServer::Handle_EXIT_event(short& exitnow)
-{
-    Answer(NO_ERRORS, Buffer());
-    exitnow = 1;
-    return NO_ERRORS;
-}
-
 short CentreServer::HandleEvent(short event)
 {
     Buffer answer;
@@ -86,24 +55,6 @@ short CentreServer::HandleEvent(short event)
     }
     Answer(status, answer);
     return status;
-}
-
-// Answers the sender of the current event when it waits. The answer carries the event's own number.
-void CentreServer::Answer(short status, const Buffer& data)
-{
-    if (!CurrentEventResponseRqd)
-        return;
-    const short sent = InBasket().send_response(CurrentEvent, status, data, static_cast<long>(data.Size()));
-    if (sent == IPC_ERROR) // too much for a message; the sender need not wait for more
-        InBasket().send_response(CurrentEvent, sent, nullptr, 0);
-}
-
-short CentreServer::Status(Buffer& answer)
-{
-    std::ostringstream text;
-    dumpOn(text);
-    answer.Append(text.str().c_str());
-    return NO_ERRORS;
 }
 
 short CentreServer::List(Buffer& answer)

@@ -20,6 +20,7 @@
 #include "applier.h"
 #include "centreserver.h"
 #include "complaints.h"
+#include "examples/commandline.h"
 #include "examples/starter.h"
 #include "options.h"
 
@@ -59,10 +60,7 @@ static bool ReadOption(const char* option, const char* value, Settings* settings
         return ReadCount(value, &settings->keepCleared);
     if (std::strcmp(option, "--remote-access") == 0) {
         settings->remoteAccess = value;
-        for (const char* access : {"none", "read", "full", "global"})
-            if (std::strcmp(value, access) == 0)
-                return true;
-        return false;
+        return IsAccessOption(value);
     }
     return ReadEngineOption(option, value, &settings->engine);
 }
@@ -70,15 +68,9 @@ static bool ReadOption(const char* option, const char* value, Settings* settings
 // False when the command line is wrong.
 static bool ReadOptions(int argc, char** argv, Settings* settings)
 {
-    for (int i = 1; i < argc; i++) {
-        if (std::strcmp(argv[i], "--foreground") == 0)
-            settings->foreground = true;
-        else if (i + 1 == argc || !ReadOption(argv[i], argv[i + 1], settings))
-            return false;
-        else
-            i++;
-    }
-    return true;
+    return ReadCommandLine(
+        argc, argv, [&](const char* word) { return TakesFlag(word, "--foreground", &settings->foreground); },
+        [&](const char* option, const char* value) { return ReadOption(option, value, settings); });
 }
 
 // Applies changes until SIGTERM. When the server is gone it is killed, as it may be at any time.
@@ -135,11 +127,7 @@ static int Serve(const Settings& settings, Starter& starter)
     CString name(LockedName);
     LockFile lock(name, 0);
     if (!lock.Locked())
-        return starter.Refuse(
-            lock.Error() == EAGAIN
-                ? "another faultcentre is running: /var/orv/data/faultcentre.lock holds its process id"
-                : std::string("no way to take the lock /var/orv/data/faultcentre.lock: ") +
-                      std::strerror(lock.Error()));
+        return starter.RefuseUnlocked(lock.Error(), LockedName);
     const pid_t server = getpid();
     const pid_t applier = fork();
     if (applier < 0)

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "bucket.h"
+#include "examples/commandline.h"
 #include "options.h"
 
 using namespace fleet;
@@ -42,15 +43,10 @@ static bool ReadOption(const char* option, const char* value, Settings* settings
 static bool ReadWords(int argc, char** argv, Settings* settings)
 {
     bool hasCommand = false;
-    for (int i = 1; i < argc; i++) {
-        if (std::strcmp(argv[i], "setup") == 0 && !hasCommand)
-            hasCommand = true;
-        else if (i + 1 == argc || !ReadOption(argv[i], argv[i + 1], settings))
-            return false;
-        else
-            i++;
-    }
-    return hasCommand;
+    return ReadCommandLine(
+               argc, argv, [&](const char* word) { return !hasCommand && TakesFlag(word, "setup", &hasCommand); },
+               [&](const char* option, const char* value) { return ReadOption(option, value, settings); }) &&
+           hasCommand;
 }
 
 int main(int argc, char** argv)

@@ -14,6 +14,7 @@
 #include "Misc/proginfo.h"
 
 #include "complaints.h"
+#include "examples/commandline.h"
 #include "options.h"
 #include "publisher.h"
 #include "responder.h"
@@ -45,15 +46,9 @@ static bool ReadOption(const char* option, const char* value, Settings* settings
 // False when the command line is wrong.
 static bool ReadOptions(int argc, char** argv, Settings* settings)
 {
-    for (int i = 1; i < argc; i++) {
-        if (std::strcmp(argv[i], "--once") == 0)
-            settings->once = true;
-        else if (i + 1 == argc || !ReadOption(argv[i], argv[i + 1], settings))
-            return false;
-        else
-            i++;
-    }
-    return true;
+    return ReadCommandLine(
+        argc, argv, [&](const char* word) { return TakesFlag(word, "--once", &settings->once); },
+        [&](const char* option, const char* value) { return ReadOption(option, value, settings); });
 }
 
 // The process that answers requests: a command for which a centre waits must not hold the changes up. It ends with

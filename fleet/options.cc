@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "options.h"
 
-#include <charconv>
 #include <cstring>
+
+#include "examples/commandline.h"
 
 namespace fleet {
 
@@ -17,11 +18,6 @@ bool ReadEngineOption(const char* option, const char* value, EngineAddress* addr
     return true;
 }
 
-bool ReadCount(const char* text, long* number)
-{
-    const char* end = text + std::strlen(text);
-    const std::from_chars_result read = std::from_chars(text, end, *number);
-    return read.ec == std::errc() && read.ptr == end && *number > 0;
-}
+bool ReadCount(const char* text, long* number) { return ReadNumber(text, number) && *number > 0; }
 
 } // namespace fleet
