@@ -50,7 +50,7 @@ Outcome FaultTable::Read()
     for (const StreamMessage& message : messages)
         if (ReadValue(message, &fault, &value))
             Know(Of(std::string(fault.last.node)), fault, value, message);
-    isWhole = outcome == Outcome::Nothing;
+    isWhole = outcome == Outcome::Nothing || (outcome == Outcome::Done && reader->IsAtEnd());
     if (isWhole)
         reader.reset();
     if (outcome != Outcome::Done && outcome != Outcome::Nothing)

@@ -4,6 +4,7 @@
 #include "Misc/Dates.h"
 
 #include "bucket.h"
+#include "clock.h"
 #include "faultstate.h"
 
 namespace fleet {
@@ -19,23 +20,33 @@ bool FleetView::Refresh()
 {
     if (!engine.Connect())
         return false;
-    std::vector<StreamMessage> messages;
+    const Turn turn;
     Outcome outcome = Outcome::Done;
-    while ((outcome = reader.Read(MostMessages, 0, &messages)) == Outcome::Done) {
-        if (created != reader.Created()) {
-            entries.clear();
-            order.clear();
-            cleared.clear();
-            there = 0;
-            newest = 0;
-        }
-        created = reader.Created();
-        for (const StreamMessage& message : messages)
-            Take(message);
+    bool isAtEnd = false;
+    while (outcome == Outcome::Done && !isAtEnd && !(isKnown && turn.IsOver())) {
+        outcome = ReadPart();
+        isAtEnd = reader.IsAtEnd();
     }
     Forget();
-    isKnown = isKnown || outcome == Outcome::Nothing;
-    return outcome == Outcome::Nothing;
+    isKnown = isKnown || (isAtEnd && outcome == Outcome::Done) || outcome == Outcome::Nothing;
+    return outcome == Outcome::Done || outcome == Outcome::Nothing;
+}
+
+Outcome FleetView::ReadPart()
+{
+    std::vector<StreamMessage> messages;
+    const Outcome outcome = reader.Read(MostMessages, 0, &messages);
+    if (created != reader.Created() && outcome == Outcome::Done) {
+        entries.clear();
+        order.clear();
+        cleared.clear();
+        there = 0;
+        newest = 0;
+        created = reader.Created();
+    }
+    for (const StreamMessage& message : messages)
+        Take(message);
+    return outcome;
 }
 
 void FleetView::Take(const StreamMessage& message)

@@ -19,7 +19,8 @@ class FleetView {
 public:
     explicit FleetView(Engine& engine);
 
-    /// Takes what the bucket has got meanwhile. False when the engine could not be asked; what is known stays then.
+    /// Takes what the bucket has got meanwhile, for a short while unless it has never been whole. False when the engine
+    /// could not be asked; what is known stays then.
     bool Refresh();
     /// Whether it has ever been whole.
     bool IsKnown() const { return isKnown; }
@@ -39,6 +40,7 @@ private:
     };
     typedef std::map<std::string, Entry> Entries;
 
+    Outcome ReadPart();
     void Take(const StreamMessage& message);
     void Forget();
 

@@ -102,7 +102,7 @@ Outcome Reader::Fetch(int most, int64_t milliseconds, std::vector<StreamMessage>
         else
             status = NATS_MISMATCH;
     natsMsgList_Destroy(&list);
-    if (status == NATS_TIMEOUT)
+    if (status == NATS_TIMEOUT && messages->empty())
         waiting = 0; // they are counted again
     return status == NATS_TIMEOUT ? Outcome::Done : engine.Note("the messages of " + stream, status);
 }

@@ -37,6 +37,8 @@ public:
     /// Reads up to `most` messages that are there; when there are none, waits up to `milliseconds` for the first.
     /// Outcome::Nothing: there are none.
     Outcome Read(int most, int64_t milliseconds, std::vector<StreamMessage>* messages);
+    /// Whether it has given all that there was when it gave the last one: more may have come since, without an end.
+    bool IsAtEnd() const { return waiting == 0; }
     /// When the stream was made, in nanoseconds since the epoch: tells a stream from another one of its name.
     int64_t Created() const { return created; }
 

@@ -116,7 +116,7 @@ TEST_F(TakeoverTest, OneThatWasStoppedLearnsWhatAnotherHasDoneMeanwhile)
 {
     const std::string filled = Fill(2500);
     unsigned seed = 1;
-    for (const int looks : {2, 4}) {
+    for (const int looks : {2, 3}) {
         StartHosts(30, 0, seed++);
         const std::string before = Expected();
         shared->stopAfter[0] = looks;
