@@ -14,8 +14,8 @@ static const char PlaceKey[] = "applied";
 static const int MostMessages = 500; // at once
 static const int MostTries = 20;
 
-Applier::Applier(Engine& engine, const std::string& name, long keepSeconds)
-    : engine(engine), lease(engine, "applier", name), cleaner(engine), table(engine, keepSeconds)
+Applier::Applier(Engine& engine, const std::string& name, long keepSeconds, long changeSeconds)
+    : engine(engine), lease(engine, "applier", name), cleaner(engine, changeSeconds), table(engine, keepSeconds)
 {
 }
 
@@ -38,7 +38,9 @@ Applier::Step Applier::Run(long milliseconds)
     return table.IsWhole() ? FollowChanges(milliseconds) : ReadBucket();
 }
 
-// What is known holds as long as nobody else has gone further. The place is read before the bucket, which has all up to it.
+// What was known when the lease was lost, or something failed, may not be so any more: another centre may have gone further,
+// and an engine that loses a server may lose what it has taken last. The place is read before the bucket, which has all up
+// to it.
 bool Applier::Begin()
 {
     if (reader != nullptr && taken == lease.Taken())
@@ -46,10 +48,7 @@ bool Applier::Begin()
     reader.reset();
     if (!FindPlace())
         return false;
-    if (reached < applied) {
-        table.Forget();
-        reached = applied;
-    }
+    table.Forget();
     taken = lease.Taken();
     reader = std::make_unique<Reader>(engine, StreamName, "fault.change.*", applied.sequence + 1, applied.stream);
     return true;
@@ -133,8 +132,7 @@ bool Applier::Apply(const std::vector<StreamMessage>& messages)
         if (!StoreFaults(&nodes))
             return false;
     }
-    reached = {reader->Created(), messages.back().sequence, LONG_MAX}; // all of that message
-    if (!StorePlace())
+    if (!StorePlace(messages.back().sequence))
         return false;
     for (const auto& host : all)
         cleaner.Done(host.first, host.second.back().sequence);
@@ -168,9 +166,10 @@ bool Applier::StoreFaults(std::vector<std::string>* nodes)
     return false;
 }
 
-bool Applier::StorePlace()
+bool Applier::StorePlace(uint64_t sequence)
 {
-    const std::string value = std::to_string(reached.stream) + " " + std::to_string(reached.sequence);
+    const Place next = {reader->Created(), sequence, LONG_MAX}; // all of that message
+    const std::string value = std::to_string(next.stream) + " " + std::to_string(next.sequence);
     Write write;
     write.subject = KeySubject(FaultBucket, PlaceKey);
     write.bytes = value.data();
@@ -181,7 +180,7 @@ bool Applier::StorePlace()
         problem = outcome == Outcome::Passed ? "another centre applies the changes, too" : engine.Problem();
         return false;
     }
-    applied = reached;
+    applied = next;
     appliedRevision = write.revision;
     return true;
 }

@@ -31,8 +31,9 @@ public:
         Stuck    // Problem() tells why; a later step may succeed
     };
 
-    /// `name` tells the centre's operator who has the lease. Faults that were cleared stay for `keepSeconds`.
-    Applier(Engine& engine, const std::string& name, long keepSeconds);
+    /// `name` tells the centre's operator who has the lease. Faults that were cleared stay for `keepSeconds`, and changes
+    /// that have been applied for `changeSeconds`.
+    Applier(Engine& engine, const std::string& name, long keepSeconds, long changeSeconds = 60);
 
     /// Does a part of the work. When there is nothing to apply, waits for up to `milliseconds`.
     Step Run(long milliseconds);
@@ -58,7 +59,7 @@ private:
     bool Apply(const std::vector<StreamMessage>& messages);
     bool ApplyTo(const std::string& node, const std::vector<Changes>& changes);
     bool StoreFaults(std::vector<std::string>* nodes);
-    bool StorePlace();
+    bool StorePlace(uint64_t sequence);
 
     Engine& engine;
     Lease lease;
@@ -66,11 +67,10 @@ private:
     FaultTable table;
     std::string problem;
     bool isActive = false;
-    long taken = 0;                 // the lease, when the place was read
+    long taken = 0;                 // the lease, when the table was begun
     std::unique_ptr<Reader> reader; // of the changes; null: it has not begun
-    Place applied;                  // how far all is in the bucket, as that tells
+    Place applied;                  // how far all is in the bucket
     uint64_t appliedRevision = 0;   // of the key that tells it
-    Place reached;                  // how far all is in the table and the bucket
 };
 
 } // namespace fleet

@@ -5,7 +5,7 @@
 
 namespace fleet {
 
-static const int64_t Interval = 5 * Second; // between two times that a host's changes are removed
+Cleaner::Cleaner(Engine& engine, long keepSeconds) : engine(engine), keep(keepSeconds * Second), begun(Now()) {}
 
 void Cleaner::Done(const std::string& node, uint64_t sequence)
 {
@@ -29,8 +29,9 @@ bool Cleaner::Purge(const std::string& subject, uint64_t before)
 bool Cleaner::Run()
 {
     const int64_t now = Now();
-    if (round.empty() && (now - begun >= Interval || now < begun)) {
-        round.swap(done);
+    if (round.empty() && (now - begun >= keep || now < begun)) {
+        round.swap(waits);
+        waits.swap(done);
         begun = now;
     }
     for (const Turn turn; !round.empty() && !turn.IsOver(); round.erase(round.begin()))

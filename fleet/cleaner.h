@@ -15,7 +15,9 @@ namespace fleet {
 /// far it came; and pieces of attachments. Whatever is removed here twice, or late, or never, does no harm.
 class Cleaner {
 public:
-    explicit Cleaner(Engine& engine) : engine(engine) {}
+    /// Changes stay for `keepSeconds` after they have been applied: the engine's servers may forget what they have stored
+    /// last when one of them fails, and all is made anew then from how far the bucket tells.
+    Cleaner(Engine& engine, long keepSeconds);
 
     /// The changes of `node` up to the message `sequence` have been applied, which the bucket tells.
     void Done(const std::string& node, uint64_t sequence);
@@ -28,9 +30,11 @@ private:
     typedef std::map<std::string, uint64_t> Messages; // by node
 
     Engine& engine;
+    const int64_t keep; // nanoseconds
     Messages done;
-    Messages round;    // of these, what is being removed
-    int64_t begun = 0; // when that round began, in nanoseconds
+    Messages waits;    // what was done before the last round began
+    Messages round;    // what is being removed
+    int64_t begun = 0; // when that round began, in nanoseconds since the epoch
 };
 
 } // namespace fleet

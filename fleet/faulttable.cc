@@ -38,10 +38,10 @@ Outcome FaultTable::Read()
         return Outcome::Nothing;
     if (reader == nullptr)
         reader = std::make_unique<Reader>(engine, BucketStream(FaultBucket), KeySubject(FaultBucket, "fault.>"));
-    const int64_t created = reader->Created();
+    const long begun = reader->Begun();
     std::vector<StreamMessage> messages;
     const Outcome outcome = reader->Read(MostValues, 0, &messages);
-    if (created != 0 && created != reader->Created()) { // what was read was of another bucket
+    if (begun != reader->Begun()) { // what was read was of another bucket
         Forget();
         return Outcome::Done;
     }

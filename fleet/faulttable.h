@@ -33,8 +33,8 @@ public:
     HostFaults& Of(const std::string& node);
     /// Stores what is new of the faults of these nodes, a part at a time, with `between` called before each. Those
     /// remain in the list of which another centre has stored something meanwhile: their faults have been read again, and
-    /// what is not in the bucket of their changes is to be applied again. When something failed, Problem() tells what; a
-    /// later call stores what is left, and finds what was stored nevertheless.
+    /// what is not in the bucket of their changes is to be applied again. When something failed, Problem() tells what, and
+    /// what is known may not be so any more.
     Outcome Store(std::vector<std::string>* nodes, const std::function<void()>& between);
     /// Removes some faults that were cleared long ago and of which no change can come any more, the changes up to
     /// `applied` having been applied. Whether there may be more to do at once.

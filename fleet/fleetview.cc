@@ -36,13 +36,13 @@ Outcome FleetView::ReadPart()
 {
     std::vector<StreamMessage> messages;
     const Outcome outcome = reader.Read(MostMessages, 0, &messages);
-    if (created != reader.Created() && outcome == Outcome::Done) {
+    if (begun != reader.Begun()) {
         entries.clear();
         order.clear();
         cleared.clear();
         there = 0;
         newest = 0;
-        created = reader.Created();
+        begun = reader.Begun();
     }
     for (const StreamMessage& message : messages)
         Take(message);

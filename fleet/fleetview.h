@@ -46,7 +46,7 @@ private:
 
     Engine& engine;
     Reader reader;
-    int64_t created = 0; // the stream of the bucket
+    long begun = 0; // the reading
     bool isKnown = false;
     Entries entries;                                   // by what a key has behind "fault."
     std::map<uint64_t, Entries::const_iterator> order; // by revision

@@ -7,6 +7,7 @@ namespace fleet {
 
 static const int64_t Millisecond = 1000000; // nanoseconds
 static const int64_t Forgotten = 60000 * Millisecond;
+static const std::chrono::seconds LongestQuiet(5);
 static const int64_t WaitForCounted = 1000; // milliseconds: what was counted may have been removed meanwhile
 
 Outcome Reader::Read(int most, int64_t milliseconds, std::vector<StreamMessage>* messages)
@@ -17,9 +18,14 @@ Outcome Reader::Read(int most, int64_t milliseconds, std::vector<StreamMessage>*
         outcome = Count();
     if (outcome == Outcome::Done && (waiting > 0 || milliseconds > 0))
         outcome = Fetch(most, waiting > 0 ? WaitForCounted : milliseconds, messages);
+    if (!messages->empty())
+        quiet = Clock::now();
+    // What the engine may have sent is asked for again. And who is silent may lag behind the other servers, or not follow
+    // them any more: another one may be found.
+    if (outcome != Outcome::Done || Clock::now() - quiet > LongestQuiet)
+        Close();
     if (outcome == Outcome::Done)
         return messages->empty() ? Outcome::Nothing : Outcome::Done;
-    Close(); // what the engine may have sent is asked for again
     return messages->empty() ? outcome : Outcome::Done;
 }
 
@@ -30,8 +36,10 @@ Outcome Reader::Look()
     jsErrCode code = static_cast<jsErrCode>(0);
     const natsStatus status = js_GetStreamInfo(&info, engine.Streams(), stream.c_str(), nullptr, &code);
     if (status == NATS_OK) {
-        if (created != 0 && created != info->Created)
+        if ((created != 0 && created != info->Created) || next > info->State.LastSeq + 1) {
             next = 1;
+            begun++;
+        }
         created = info->Created;
     }
     jsStreamInfo_Destroy(info);
@@ -56,6 +64,7 @@ Outcome Reader::Open()
     options.Config.MemoryStorage = true;
     given = 0;
     waiting = 0;
+    quiet = Clock::now();
     jsErrCode code = static_cast<jsErrCode>(0);
     const natsStatus status =
         js_PullSubscribe(&subscription, engine.Streams(), subject.c_str(), nullptr, nullptr, &options, &code);

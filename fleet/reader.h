@@ -3,6 +3,7 @@
 #ifndef FLEET_READER_H
 #define FLEET_READER_H
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,8 @@ struct StreamMessage {
 };
 
 /// Reads the messages on some subjects of a stream, each once and in their order, from one on. It goes on behind the last
-/// one it gave whatever happens to the connection and the engine meanwhile; of a stream that was removed and made anew it
-/// begins with the first.
+/// one it gave whatever happens to the connection and the engine meanwhile; of a stream that was removed and made anew, or
+/// that has lost its last messages with a server, it begins with the first. A server of the engine that lags behind the others may let it wait for some seconds.
 class Reader {
 public:
     /// Of the messages on `subject` those from the number `next` on, if the stream is the one that was made at `created`;
@@ -39,10 +40,14 @@ public:
     Outcome Read(int most, int64_t milliseconds, std::vector<StreamMessage>* messages);
     /// Whether it has given all that there was when it gave the last one: more may have come since, without an end.
     bool IsAtEnd() const { return waiting == 0; }
+    /// How often it has begun with the first message because the stream is another one, or has lost messages that it gave.
+    long Begun() const { return begun; }
     /// When the stream was made, in nanoseconds since the epoch: tells a stream from another one of its name.
     int64_t Created() const { return created; }
 
 private:
+    typedef std::chrono::steady_clock Clock;
+
     Outcome Open();
     Outcome Look();
     void Close();
@@ -55,9 +60,11 @@ private:
     const std::string subject;
     uint64_t next;
     int64_t created;
+    long begun = 0;
     natsSubscription* subscription = nullptr;
-    uint64_t given = 0;   // by the subscription
-    uint64_t waiting = 0; // to be given, as far as is known
+    uint64_t given = 0;      // by the subscription
+    uint64_t waiting = 0;    // to be given, as far as is known
+    Clock::time_point quiet; // since when there have been none
 };
 
 } // namespace fleet

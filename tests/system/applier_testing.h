@@ -64,7 +64,7 @@ protected:
         appliers[i] = StartChild([=] {
             const std::string name = "centre-" + std::to_string(i);
             Engine connection(Address(name.c_str()));
-            Applier applier(connection, name, keepSeconds);
+            Applier applier(connection, name, keepSeconds, 1);
             for (;;) {
                 const Applier::Step step = applier.Run(100);
                 state->active[i] = applier.IsActive();

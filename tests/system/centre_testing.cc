@@ -189,22 +189,22 @@ std::string FaultsInBucket()
     });
 }
 
-std::string SubjectsInStream()
+std::string Subjects(Engine& engine)
 {
-    return AskEngine([](Engine& engine) {
-        std::map<std::string, int> counts;
-        Reader reader(engine, StreamName, ">");
-        std::vector<StreamMessage> messages;
-        Outcome outcome = Outcome::Done;
-        while ((outcome = reader.Read(1000, 0, &messages)) == Outcome::Done)
-            for (const StreamMessage& message : messages)
-                counts[message.Subject()]++;
-        CHILD_CHECK(outcome == Outcome::Nothing);
-        std::string lines;
-        for (const auto& count : counts)
-            lines += count.first + " " + std::to_string(count.second) + "\n";
-        return lines;
-    });
+    std::map<std::string, int> counts;
+    Reader reader(engine, StreamName, ">");
+    std::vector<StreamMessage> messages;
+    Outcome outcome = Outcome::Done;
+    while ((outcome = reader.Read(1000, 0, &messages)) == Outcome::Done)
+        for (const StreamMessage& message : messages)
+            counts[message.Subject()]++;
+    CHILD_CHECK(outcome == Outcome::Nothing);
+    std::string lines;
+    for (const auto& count : counts)
+        lines += count.first + " " + std::to_string(count.second) + "\n";
+    return lines;
 }
+
+std::string SubjectsInStream() { return AskEngine(Subjects); }
 
 } // namespace centre_testing

@@ -64,6 +64,8 @@ std::string AskEngine(const std::function<std::string(fleet::Engine& engine)>& b
 std::string FaultsInBucket();
 /// The subjects of the messages in the stream, and how many each has, a line each.
 std::string SubjectsInStream();
+/// The same, for children.
+std::string Subjects(fleet::Engine& engine);
 
 } // namespace centre_testing
 

@@ -153,8 +153,8 @@ TEST_F(FaultcentreTest, ChangesWithoutAnEndHoldNobodyUp)
         host->Start("/bin/sh", {"-c", "while :; do " + Faultctl + " raise x 1 storm; done >/dev/null"});
     const TemporaryDirectory directory;
     const std::string done = directory.File("done");
-    North().Start("/bin/sh", {"-c", "for i in 1 2 3 4 5 6 7 8 9 10; do " + Faultctl +
-                                        " --centre list; sleep 0.2; done >/dev/null; echo >" + done});
+    North().Start("/bin/sh", {"-c", "for i in $(seq 40); do " + Faultctl +
+                                        " --centre list; sleep 0.05; done >/dev/null; echo >" + done});
     EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(done); }, 30));
 }
 
