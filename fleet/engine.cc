@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <vector>
 
@@ -35,6 +36,14 @@ std::string PieceSubjects(const std::string& node, const std::string& journal, l
 }
 
 std::string RequestSubject(const std::string& node) { return "fault.request." + Token(node); }
+
+void HoldBrokenPipes()
+{
+    sigset_t pipes;
+    sigemptyset(&pipes);
+    sigaddset(&pipes, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &pipes, nullptr);
+}
 
 typedef std::unique_ptr<natsOptions, decltype(&natsOptions_Destroy)> Options;
 

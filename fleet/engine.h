@@ -65,6 +65,10 @@ struct StreamSettings {
     long bytes = -1;   // that the stream may have; -1: no limit
 };
 
+/// Has a connection that breaks tell so by an error only, in this thread and in those that are made from now on. To ignore
+/// SIGPIPE is not enough: a client of a daemon has it end the process.
+void HoldBrokenPipes();
+
 /// A connection to the engine, made again whenever it breaks. One thread uses it. Operations wait for at most five
 /// seconds; what failed last is in Problem().
 class Engine {

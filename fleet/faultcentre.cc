@@ -179,7 +179,7 @@ int main(int argc, char** argv, char** envp)
     if (!settings.foreground && starter.Daemonize(settings.log) != 0)
         return 1;
     umask(022);
-    std::signal(SIGPIPE, SIG_IGN);
+    HoldBrokenPipes();
     MonitoredObject::SetDumpStateFileName(StateFile);
     return Serve(settings, starter);
 }

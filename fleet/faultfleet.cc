@@ -60,6 +60,7 @@ int main(int argc, char** argv)
         std::cerr << Usage;
         return 2;
     }
+    HoldBrokenPipes();
     settings.engine.name = "faultfleet";
     settings.buckets.replicas = settings.stream.replicas;
     Engine engine(settings.engine);

@@ -146,6 +146,6 @@ int main(int argc, char** argv, char** envp)
     const std::string node(ProgInfo::GetNodeName());
     settings.engine.name = "faultgate " + node;
     settings.engine.inbox = "_INBOX_" + Token(node);
-    std::signal(SIGPIPE, SIG_IGN);
+    HoldBrokenPipes();
     return Run(settings, node);
 }
