@@ -4,8 +4,8 @@
 # blocks are marked), each page from its beginning to its end in a shell of a user without rights who may use sudo, in a
 # root of its own: a copy of this one over which nothing of zeloo lies, with queues, network and processes of its own.
 #
-# All pages begin where step 2 of README.md ends: BUILD is installed, and the tree's build/examples has the programs of the
-# examples. With --full README.md begins before that and builds; it takes minutes. With --root the copies are of another
+# All pages begin where step 2 of README.md ends: BUILD is installed, and the tree's build/examples and build/fleet have their
+# programs. With --full README.md begins before that and builds; it takes minutes. With --root the copies are of another
 # root than this host's, such as a bare one with what README.md names: debootstrap --variant=minbase
 # --include=mount,sudo,g++,cmake,ninja-build,pkg-config,procps bookworm DIRECTORY.
 set -eu
@@ -114,9 +114,11 @@ inside() {
     (cd "$source" && tar -cf - --exclude='./build*' --exclude=./.git .) | tar -xf - -C "$tree" --no-same-owner
     if [ "$full" = no ] || [ "$page" != README.md ]; then
         DESTDIR=$root cmake --install "$build" --prefix /usr/local >/dev/null
-        mkdir -p "$tree/build/examples"
-        for program in "$build"/examples/*; do
-            if [ -f "$program" ] && [ -x "$program" ]; then cp "$program" "$tree/build/examples"; fi
+        for programs in examples fleet; do
+            mkdir -p "$tree/build/$programs"
+            for program in "$build/$programs"/*; do
+                if [ -f "$program" ] && [ -x "$program" ]; then cp "$program" "$tree/build/$programs"; fi
+            done
         done
         chroot "$root" ldconfig
     fi
@@ -152,7 +154,7 @@ shift 2
 blocks=$source/scripts/doc-blocks
 cd "$source"
 if [ $# -eq 0 ]; then
-    set -- *.md docs/*.md examples/*.md
+    set -- *.md docs/*.md examples/*.md fleet/*.md
 fi
 work=$(mktemp -d)
 : >"$work/missing"
@@ -199,6 +201,9 @@ number=0
 : >"$work/pages"
 for page in "$@"; do
     "$blocks" "$page" | grep -qE ' (run|file) ' || continue
+    if [ "${page%%/*}" = fleet ] && ! [ -x "$build/fleet/faultgate" ]; then
+        echo "$page needs a build with fleet/" >>"$work/missing"
+    fi
     if grep "^$page needs" "$work/missing"; then
         echo "skipped: $page"
         continue
