@@ -14,3 +14,11 @@ foreach(test faultgate_test faultgate_requests_test faultgate_rights_test faultg
   add_executable(${test} ${test}.cc)
   zeloo_link_test(${test} zeloo_fleet_testing)
 endforeach()
+
+# A short form; `./check fleetstorm` runs the full one.
+file(GLOB FLEETSTORM CONFIGURE_DEPENDS fleetstorm/*.cc)
+add_executable(fleetstorm ${FLEETSTORM})
+target_link_libraries(fleetstorm PRIVATE zeloo_fleet zeloo_testing GTest::gtest)
+zeloo_test_programs(fleetstorm faultfleet faultcentre faultgate faultd)
+add_test(NAME fleetstorm COMMAND ${SANDBOX} $<TARGET_FILE:fleetstorm> --seconds 20 --hosts 6)
+set_tests_properties(fleetstorm PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 300 LABELS storm)
