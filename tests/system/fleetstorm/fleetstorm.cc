@@ -40,7 +40,7 @@ static const char Usage[] =
     "nats-server.\n";
 
 static const long TickMilliseconds = 20;
-static const long LongestRest = 90; // seconds without any progress, once nothing is broken any more
+static const long LongestRest = 60; // seconds without any progress, once nothing is broken any more
 
 static volatile sig_atomic_t interrupted = 0;
 
