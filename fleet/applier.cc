@@ -50,6 +50,7 @@ bool Applier::Begin()
         return false;
     table.Forget();
     taken = lease.Taken();
+    cleaner.Begin(applied);
     reader = std::make_unique<Reader>(engine, StreamName, "fault.change.*", applied.sequence + 1, applied.stream);
     return true;
 }
@@ -135,7 +136,8 @@ bool Applier::Apply(const std::vector<StreamMessage>& messages)
     if (!StorePlace(messages.back().sequence))
         return false;
     for (const auto& host : all)
-        cleaner.Done(host.first, host.second.back().sequence);
+        for (const Changes& part : host.second)
+            cleaner.Done(host.first, {reached.stream, part.sequence, 0});
     return true;
 }
 
@@ -149,7 +151,7 @@ bool Applier::ApplyTo(const std::string& node, const std::vector<Changes>& chang
                           << ", which is not there\n";
     // Before what tells of them is gone.
     for (const std::string& subject : host.Obsolete())
-        if (!cleaner.Purge(subject)) {
+        if (!cleaner.Remove(subject)) {
             problem = engine.Problem();
             return false;
         }

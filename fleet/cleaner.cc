@@ -1,43 +1,92 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "cleaner.h"
 
+#include <algorithm>
+
+#include "bucket.h"
 #include "clock.h"
 
 namespace fleet {
 
-Cleaner::Cleaner(Engine& engine, long keepSeconds) : engine(engine), keep(keepSeconds * Second), begun(Now()) {}
+static const int MostMessages = 100; // of one look
+static const int MostPieces = 10;
 
-void Cleaner::Done(const std::string& node, uint64_t sequence)
+Cleaner::Cleaner(Engine& engine, long keepSeconds) : engine(engine), keep(keepSeconds) {}
+
+void Cleaner::Begin(const Place& applied)
 {
-    if (sequence > 1) // the engine takes "before the first" for "all"
-        done[node] = sequence;
+    last.clear();
+    obsolete.clear();
+    stream = applied.stream;
+    leftUntil = applied.sequence;
+    left = leftUntil == 0 ? nullptr : std::make_unique<Reader>(engine, StreamName, "fault.change.*", 1, applied.stream);
 }
 
-bool Cleaner::Purge(const std::string& subject, uint64_t before)
+void Cleaner::Done(const std::string& node, const Place& place)
+{
+    if (place.stream != stream) // numbers of another one mean nothing
+        Begin({place.stream, 0, 0});
+    uint64_t& stays = last[node];
+    if (stays != 0 && stays != place.sequence)
+        obsolete.push_back({std::min(stays, place.sequence), std::chrono::steady_clock::now()});
+    stays = std::max(stays, place.sequence);
+}
+
+bool Cleaner::Delete(uint64_t sequence)
 {
     jsOptions options;
     jsOptions_Init(&options);
     options.Wait = LongestWait;
-    options.Stream.Purge.Subject = subject.c_str();
-    options.Stream.Purge.Sequence = before;
     jsErrCode code = static_cast<jsErrCode>(0);
-    const natsStatus status = js_PurgeStream(engine.Streams(), StreamName, &options, &code);
-    return engine.Note("to remove " + subject, status, code) == Outcome::Done;
+    const natsStatus status = js_DeleteMsg(engine.Streams(), StreamName, sequence, &options, &code);
+    return code == JSSequenceNotFoundErr || code == JSStreamMsgDeleteFailed || // it is not there any more
+           engine.Note("to remove message " + std::to_string(sequence), status, code) == Outcome::Done;
 }
 
-// Not at once: to remove many changes of a host takes no longer than one.
+bool Cleaner::Remove(const std::string& subjects)
+{
+    Reader reader(engine, StreamName, subjects);
+    std::vector<StreamMessage> messages;
+    Outcome outcome = Outcome::Done;
+    while ((outcome = reader.Read(MostPieces, 0, &messages)) == Outcome::Done)
+        for (const StreamMessage& message : messages)
+            if (!Delete(message.sequence))
+                return false;
+    return outcome == Outcome::Nothing;
+}
+
+// Looks through a part of what others may have left.
+bool Cleaner::Look()
+{
+    static const std::size_t prefix = ChangeSubject("").size();
+    std::vector<StreamMessage> messages;
+    const Outcome outcome = left->Read(MostMessages, 0, &messages);
+    if (outcome != Outcome::Done && outcome != Outcome::Nothing)
+        return false;
+    bool isOver = outcome == Outcome::Nothing || left->Created() != stream;
+    for (auto at = messages.begin(); at != messages.end() && !isOver; ++at) {
+        isOver = at->sequence > leftUntil;
+        if (!isOver)
+            Done(NameOf(at->Subject().substr(prefix)), {stream, at->sequence, 0});
+    }
+    if (isOver)
+        left.reset();
+    return true;
+}
+
+bool Cleaner::IsDue() const
+{
+    return !obsolete.empty() && std::chrono::steady_clock::now() - obsolete.front().since >= keep;
+}
+
 bool Cleaner::Run()
 {
-    const int64_t now = Now();
-    if (round.empty() && (now - begun >= keep || now < begun)) {
-        round.swap(waits);
-        waits.swap(done);
-        begun = now;
-    }
-    for (const Turn turn; !round.empty() && !turn.IsOver(); round.erase(round.begin()))
-        if (!Purge(ChangeSubject(round.begin()->first), round.begin()->second))
+    if (left != nullptr)
+        return Look();
+    for (const Turn turn; IsDue() && !turn.IsOver(); obsolete.pop_front())
+        if (!Delete(obsolete.front().sequence))
             return false;
-    return !round.empty();
+    return IsDue();
 }
 
 } // namespace fleet

@@ -3,38 +3,57 @@
 #ifndef FLEET_CLEANER_H
 #define FLEET_CLEANER_H
 
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "engine.h"
+#include "faultstate.h"
+#include "reader.h"
 
 namespace fleet {
 
 /// Removes changes that have been applied from the stream, but for the last message of each host, which tells its gate how
 /// far it came; and pieces of attachments. Whatever is removed here twice, or late, or never, does no harm.
+///
+/// Messages are removed one by one, by their numbers. To have the engine purge a subject would be one request for many,
+/// but a server of a cluster (nats-server 2.9) that is started again takes each purge that it finds in its log for one of
+/// the whole stream, and has lost all that was stored before it.
 class Cleaner {
 public:
     /// Changes stay for `keepSeconds` after they have been applied: the engine's servers may forget what they have stored
     /// last when one of them fails, and all is made anew then from how far the bucket tells.
     Cleaner(Engine& engine, long keepSeconds);
 
-    /// The changes of `node` up to the message `sequence` have been applied, which the bucket tells.
-    void Done(const std::string& node, uint64_t sequence);
-    /// Removes the messages of these subjects, which may have wildcards, before the number `before`; 0: all.
-    bool Purge(const std::string& subject, uint64_t before = 0);
+    /// All up to `applied` has been applied, by whomever: what is left of it is looked for.
+    void Begin(const Place& applied);
+    /// The message of `node` at that place has been applied, which the bucket tells.
+    void Done(const std::string& node, const Place& place);
+    /// Removes all messages of these subjects, which may have wildcards.
+    bool Remove(const std::string& subjects);
     /// Does a part of what there is to do. Whether there may be more to do at once.
     bool Run();
 
 private:
-    typedef std::map<std::string, uint64_t> Messages; // by node
+    struct Obsolete {
+        uint64_t sequence;
+        std::chrono::steady_clock::time_point since;
+    };
+
+    bool Look();
+    bool IsDue() const;
+    bool Delete(uint64_t sequence);
 
     Engine& engine;
-    const int64_t keep; // nanoseconds
-    Messages done;
-    Messages waits;    // what was done before the last round began
-    Messages round;    // what is being removed
-    int64_t begun = 0; // when that round began, in nanoseconds since the epoch
+    const std::chrono::seconds keep;
+    int64_t stream = 0;                   // whose messages they are: when it was made
+    std::map<std::string, uint64_t> last; // applied, by node: what stays
+    std::deque<Obsolete> obsolete;        // the first to be so first
+    std::unique_ptr<Reader> left;         // of what has been applied before; null: that has been looked through
+    uint64_t leftUntil = 0;
 };
 
 } // namespace fleet
