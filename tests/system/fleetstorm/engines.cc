@@ -43,12 +43,14 @@ int EngineIndex(const std::string& name)
 
 std::string ConfigureEngine(const Settings& settings, int index)
 {
+    const std::string removals = std::string("$JS.API.STREAM.MSG.DELETE.") + fleet::StreamName;
     const std::string purges = std::string("$JS.API.STREAM.PURGE.") + fleet::StreamName;
     std::string text = "server_name: " + EngineName(index) + "\nlisten: \"" + At(ClientPort, index) + "\"\nhttp: \"" +
                        At(MonitorPort, index) + "\"\njetstream { store_dir: \"" + settings.directory + "/" +
-                       EngineName(index) + "\", max_file_store: 4GB }\nmappings = { \"" + purges + "\": \"" +
-                       WithheldPurges + "\", \"" + RealPurges + "\": \"" + purges + "\" }\n" +
-                       "cluster { name: fleet, listen: \"" + At(ClusterPort, index) + "\", routes: [";
+                       EngineName(index) + "\", max_file_store: 4GB }\nmappings = { \"" + removals + "\": \"" +
+                       WithheldRemovals + "\", \"" + purges + "\": \"storm.never\", \"" + RealRemovals +
+                       "\": \"" + removals + "\" }\n" + "cluster { name: fleet, listen: \"" + At(ClusterPort, index) +
+                       "\", routes: [";
     for (int other = 0; other < Engines; other++)
         text += (other == 0 ? "\"nats://" : ", \"nats://") + At(ClusterPort, other) + "\"";
     const std::string file = settings.directory + "/" + EngineName(index) + ".conf";

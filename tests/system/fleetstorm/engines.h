@@ -10,8 +10,8 @@
 namespace fleetstorm {
 
 /// Where requests to remove messages of the stream come out, and where they have to go instead of that to be obeyed.
-const char WithheldPurges[] = "storm.purge";
-const char RealPurges[] = "storm.trim";
+const char WithheldRemovals[] = "storm.remove";
+const char RealRemovals[] = "storm.obey";
 
 /// The engine's server program; empty where it is not installed.
 std::string EngineProgram();

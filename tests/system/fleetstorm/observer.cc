@@ -163,26 +163,24 @@ std::string Field(const std::string& json, const std::string& name)
     return json.substr(begin, json.find_first_of(",}", begin) - begin);
 }
 
-const char NotYet[] = "{\"type\":\"io.nats.jetstream.api.v1.stream_purge_response\",\"error\":{\"code\":503,"
-                      "\"err_code\":10000,\"description\":\"the observer has not read that\"},\"success\":false,"
-                      "\"purged\":0}";
+const char NotYet[] = "{\"type\":\"io.nats.jetstream.api.v1.stream_msg_delete_response\",\"error\":{\"code\":503,"
+                      "\"err_code\":10000,\"description\":\"the observer has not read that\"},\"success\":false}";
 
-// The engine maps what centres send to remove messages to WithheldPurges (see engines.cc): what the observer has read is
-// passed on from here.
+// The engine maps what centres send to remove messages to WithheldRemovals (see engines.cc): those of what the observer
+// has read are passed on from here. No other way to remove messages is let through.
 void Answer(natsConnection* connection, natsMsg* request)
 {
     const std::string text(natsMsg_GetData(request), static_cast<size_t>(natsMsg_GetDataLength(request)));
-    const std::string before = Field(text, "seq");
+    const std::string number = Field(text, "seq");
     uint64_t sequence = 0;
-    std::from_chars(before.data(), before.data() + before.size(), sequence);
-    const bool isOfPieces = Field(text, "filter").find("\"fault.piece.") != std::string::npos;
-    if (!isOfPieces && (sequence == 0 || sequence > shared->read + 1)) {
+    std::from_chars(number.data(), number.data() + number.size(), sequence);
+    if (sequence == 0 || sequence > shared->read) {
         shared->withheld++;
         natsConnection_PublishString(connection, natsMsg_GetReply(request), NotYet);
         return;
     }
     natsMsg* answer = nullptr;
-    const natsStatus status = natsConnection_Request(&answer, connection, RealPurges, natsMsg_GetData(request),
+    const natsStatus status = natsConnection_Request(&answer, connection, RealRemovals, natsMsg_GetData(request),
                                                      natsMsg_GetDataLength(request), LongestWait);
     if (status == NATS_OK)
         natsConnection_Publish(connection, natsMsg_GetReply(request), natsMsg_GetData(answer),
@@ -206,7 +204,7 @@ void RunDoorkeeper(const Settings& settings)
         if (requests == nullptr || !natsSubscription_IsValid(requests)) {
             natsSubscription_Destroy(requests);
             requests = nullptr;
-            if (natsConnection_SubscribeSync(&requests, engine.Connection(), WithheldPurges) != NATS_OK) {
+            if (natsConnection_SubscribeSync(&requests, engine.Connection(), WithheldRemovals) != NATS_OK) {
                 SleepMilliseconds(100);
                 continue;
             }
