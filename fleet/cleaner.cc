@@ -10,6 +10,7 @@ namespace fleet {
 
 static const int MostMessages = 100; // of one look
 static const int MostPieces = 10;
+static const int64_t Interval = 60 * Second; // between two removals of what settles others
 
 Cleaner::Cleaner(Engine& engine, long keepSeconds) : engine(engine), keep(keepSeconds) {}
 
@@ -79,8 +80,20 @@ bool Cleaner::IsDue() const
     return !obsolete.empty() && std::chrono::steady_clock::now() - obsolete.front().since >= keep;
 }
 
+// Now and then: each is small.
+bool Cleaner::RemoveSettled()
+{
+    const int64_t now = Now();
+    if (now - settled < Interval && now >= settled)
+        return true;
+    settled = now;
+    return Remove(SettledSubjects);
+}
+
 bool Cleaner::Run()
 {
+    if (!RemoveSettled())
+        return false;
     if (left != nullptr)
         return Look();
     for (const Turn turn; IsDue() && !turn.IsOver(); obsolete.pop_front())

@@ -45,6 +45,7 @@ private:
 
     bool Look();
     bool IsDue() const;
+    bool RemoveSettled();
     bool Delete(uint64_t sequence);
 
     Engine& engine;
@@ -54,6 +55,7 @@ private:
     std::deque<Obsolete> obsolete;        // the first to be so first
     std::unique_ptr<Reader> left;         // of what has been applied before; null: that has been looked through
     uint64_t leftUntil = 0;
+    int64_t settled = 0; // when what gates store to settle others was removed, in nanoseconds since the epoch
 };
 
 } // namespace fleet

@@ -35,6 +35,8 @@ std::string PieceSubjects(const std::string& node, const std::string& journal, l
     return "fault.piece." + Token(node) + "." + Token(journal) + "." + std::to_string(change) + ".*";
 }
 
+std::string SettledSubject(const std::string& node) { return "fault.piece." + Token(node) + ".settled"; }
+
 std::string RequestSubject(const std::string& node) { return "fault.request." + Token(node); }
 
 void HoldBrokenPipes()
@@ -217,6 +219,18 @@ Outcome Engine::Store(natsMsg* message, uint64_t after, uint64_t* sequence)
         *sequence = stored->Sequence;
     jsPubAck_Destroy(stored);
     return Note(std::string("a message to ") + natsMsg_GetSubject(message), status, code);
+}
+
+Outcome Engine::Settle(const std::string& node)
+{
+    jsPubOptions options;
+    jsPubOptions_Init(&options);
+    options.MaxWait = LongestWait;
+    options.ExpectStream = StreamName;
+    jsErrCode code = static_cast<jsErrCode>(0);
+    const std::string subject = SettledSubject(node);
+    const natsStatus status = js_Publish(nullptr, stream, subject.c_str(), "", 0, &options, &code);
+    return Note("a message to " + subject, status, code);
 }
 
 Outcome Engine::Publish(const std::string& node, const Buffer& changes, Position* position)

@@ -28,6 +28,9 @@ std::string ChangeSubject(const std::string& node);
 std::string PieceSubject(const std::string& node, const std::string& journal, long change, long index);
 /// Of all pieces of a change.
 std::string PieceSubjects(const std::string& node, const std::string& journal, long change);
+/// Where its gate stores what means nothing; and the subjects of all of these.
+std::string SettledSubject(const std::string& node);
+const char SettledSubjects[] = "fault.piece.*.settled";
 /// Where the gate of a node takes requests.
 std::string RequestSubject(const std::string& node);
 
@@ -85,6 +88,11 @@ public:
     /// How far the changes of `node` have come, and its last message. Outcome::Nothing: nothing has been stored, and
     /// `position` is empty. A server that lags behind the others may tell of an earlier message than the last.
     Outcome Last(const std::string& node, Position* position, Buffer* changes);
+    /// Waits until what has been sent before is stored, or never will be: stores a message of no meaning behind it. Until
+    /// then the engine may store what an earlier Publish was for that came to Outcome::Away, in spite of a later one: the
+    /// servers of a cluster (nats-server 2.9) hold a message against the last one of its subject when they take it, and
+    /// not when it gets its place.
+    Outcome Settle(const std::string& node);
     /// Stores changes of `node`, the list's last one being `position.number` of `position.journal`, if the message
     /// `position.sequence` is its last one; then that becomes the number of the new message.
     Outcome Publish(const std::string& node, const Buffer& changes, Position* position);

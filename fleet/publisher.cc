@@ -61,6 +61,9 @@ bool Publisher::FindPosition()
     isMissing = false;
     if (knowsPosition)
         return true;
+    isSettled = isSettled || engine.Settle(node) == Outcome::Done; // a gate before may have sent something, too
+    if (!isSettled)
+        return Fail(engine.Problem());
     Buffer stored;
     const Outcome outcome = engine.Last(node, &position, &stored);
     confirmed = 0;
@@ -162,7 +165,8 @@ bool Publisher::Pass(FaultChangeList& list)
         Position next = position;
         next.number = change.number;
         const Outcome outcome = engine.Publish(node, message, &next);
-        if (!Settle(outcome))
+        isSettled = outcome != Outcome::Away;
+        if (!Check(outcome))
             return false;
         position = next;
         message.PurgeContents();
@@ -178,14 +182,14 @@ bool Publisher::PassAttachment(const FaultChange& change)
     for (unsigned at = 0, index = 0; change.kind == FaultChange::Raised && at < attachment.Size(); index++) {
         const unsigned size = std::min(attachment.Size() - at, PieceSize);
         const std::string subject = PieceSubject(node, position.journal, change.number, index);
-        if (!Settle(engine.PublishOnce(subject, bytes + at, size)))
+        if (!Check(engine.PublishOnce(subject, bytes + at, size)))
             return false;
         at += size;
     }
     return true;
 }
 
-bool Publisher::Settle(Outcome outcome)
+bool Publisher::Check(Outcome outcome)
 {
     if (outcome == Outcome::Done)
         return true;

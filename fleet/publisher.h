@@ -44,13 +44,14 @@ private:
     bool Pass(FaultChangeList& list);
     bool PassAttachment(const FaultChange& change);
     bool Confirm();
-    bool Settle(Outcome outcome);
+    bool Check(Outcome outcome);
 
     Engine& engine;
     Daemon& daemon;
     const std::string node;
     std::string problem;
     Position position;
+    bool isSettled = false;     // nothing that was sent before can be stored any more
     bool knowsPosition = false; // until something fails
     bool isMissing = false;     // a change that should be the next
     long confirmed = 0;         // what the daemon was told of last

@@ -39,9 +39,11 @@ TEST_F(ApplierTest, OnlyWhatIsAppliedIsRemovedAndTheLastMessageStays)
                 CHILD_CHECK(connection.Publish(node, data, &position) == Outcome::Done);
             }
         }
-        cleaner.Done("one", 1); // the first of the stream, behind which two have not been applied
-        cleaner.Done("two", 5);
-        cleaner.Done("three", 9);
+        cleaner.Done("one", {1, 1, 0}); // the first of the stream, behind which two have not been applied
+        for (const uint64_t sequence : {4, 5})
+            cleaner.Done("two", {1, sequence, 0});
+        for (const uint64_t sequence : {7, 8, 9})
+            cleaner.Done("three", {1, sequence, 0});
         const std::string before = Subjects(connection);
         cleaner.Run();
         CHILD_CHECK(Subjects(connection) == before); // not at once
@@ -51,6 +53,29 @@ TEST_F(ApplierTest, OnlyWhatIsAppliedIsRemovedAndTheLastMessageStays)
         return std::string();
     });
     EXPECT_EQ(SubjectsInStream(), "fault.change.one 3\nfault.change.three 1\nfault.change.two 2\n");
+}
+
+TEST_F(ApplierTest, WhatOthersHaveAppliedAndLeftIsRemoved)
+{
+    AskEngine([](Engine& connection) {
+        Buffer data;
+        for (const char* node : {"one", "two"}) {
+            Position position;
+            position.journal = "j";
+            for (position.number = 1; position.number <= 3; position.number++)
+                CHILD_CHECK(connection.Publish(node, data, &position) == Outcome::Done);
+        }
+        CHILD_CHECK(connection.Settle("one") == Outcome::Done);
+        Reader reader(connection, StreamName, "fault.change.*");
+        std::vector<StreamMessage> messages;
+        CHILD_CHECK(reader.Read(1, 0, &messages) == Outcome::Done);
+        Cleaner cleaner(connection);
+        cleaner.Begin({reader.Created(), 5, 0}); // the sixth has not been applied
+        for (int i = 0; i < 3; i++)
+            cleaner.Run();
+        return std::string();
+    });
+    EXPECT_EQ(SubjectsInStream(), "fault.change.one 1\nfault.change.two 2\n");
 }
 
 TEST_F(ApplierTest, AppliedAgainTheyAreTheSame)

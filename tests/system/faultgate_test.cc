@@ -59,7 +59,7 @@ TEST_F(FaultgateTest, SaysWhyItCannot)
     EXPECT_EQ(Once().err.compare(0, away.size(), away), 0) << Once().err;
     engine.Start();
     StartDaemon();
-    const std::string text = "faultgate: the last change of " + node + ": ";
+    const std::string text = "faultgate: a message to fault.piece." + node + ".settled: ";
     ASSERT_TRUE(WaitUntil([&] { return Once().err.find(text) == 0; }, 60)) << "there is no stream";
     ASSERT_TRUE(engine.SetUp());
     EXPECT_EQ(Once().exitCode, 0);

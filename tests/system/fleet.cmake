@@ -8,8 +8,8 @@ foreach(program faultd faultctl faultgate faultfleet faultcentre relayd)
   target_compile_definitions(zeloo_fleet_testing PUBLIC ${macro}="$<TARGET_FILE:${program}>")
 endforeach()
 target_compile_definitions(zeloo_fleet_testing PUBLIC CREDENTIALS="${PROJECT_SOURCE_DIR}/fleet/credentials")
-foreach(test faultgate_test faultgate_requests_test faultgate_rights_test faultgate_servers_test faultstate_test
-        faultcentre_test faultcentre_applier_test faultcentre_takeover_test faultcentre_cluster_test
+foreach(test faultgate_test faultgate_cluster_test faultgate_requests_test faultgate_rights_test faultgate_servers_test
+        faultstate_test faultcentre_test faultcentre_applier_test faultcentre_takeover_test faultcentre_cluster_test
         faultcentre_rights_test)
   add_executable(${test} ${test}.cc)
   zeloo_link_test(${test} zeloo_fleet_testing)

@@ -229,6 +229,8 @@ std::vector<Stored> ReadStream(const std::string& urls, const std::string& crede
         const auto message = Owned(found, natsMsg_Destroy);
         Stored stored;
         stored.subject = natsMsg_GetSubject(found);
+        if (stored.subject.find(".settled") != std::string::npos)
+            continue; // it means nothing
         stored.journal = Header(found, "Fault-Journal");
         stored.number = std::atol(Header(found, "Fault-Change").c_str());
         stored.data.assign(natsMsg_GetData(found), static_cast<std::size_t>(natsMsg_GetDataLength(found)));

@@ -127,6 +127,8 @@ private:
                                                  static_cast<size_t>(natsMsg_GetDataLength(message.message.get())));
         if (outcome != Outcome::Nothing)
             return;
+        for (int host = 0; host < MostHosts; host++)
+            pieces.erase(SettledSubject(HostName(host))); // it means nothing
         uint32_t lost = 0;
         for (const auto& host : attached)
             for (const auto& fault : host.second) {
