@@ -21,7 +21,7 @@ namespace fleetstorm {
 
 static const double Second = 1e9; // nanoseconds
 static const int64_t EndsWithin = 20 * int64_t(Second);
-static const uint32_t StepsBeforeKill = 3; // looks at the engine that find it whole
+static const uint32_t StepsBeforeKill = 6; // looks at the engine, two a second, that find it whole
 
 Breaker::Breaker(const Settings& settings, Hosts& hosts)
     : settings(settings), hosts(hosts), random(static_cast<unsigned>(settings.seed))

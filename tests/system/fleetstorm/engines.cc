@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: BSD-2-Clause
 #include "tests/system/fleetstorm/engines.h"
 
+#include <cstdlib>
+
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,8 +50,8 @@ std::string ConfigureEngine(const Settings& settings, int index)
     std::string text = "server_name: " + EngineName(index) + "\nlisten: \"" + At(ClientPort, index) + "\"\nhttp: \"" +
                        At(MonitorPort, index) + "\"\njetstream { store_dir: \"" + settings.directory + "/" +
                        EngineName(index) + "\", max_file_store: 4GB }\nmappings = { \"" + removals + "\": \"" +
-                       WithheldRemovals + "\", \"" + purges + "\": \"storm.never\", \"" + RealRemovals +
-                       "\": \"" + removals + "\" }\n" + "cluster { name: fleet, listen: \"" + At(ClusterPort, index) +
+                       WithheldRemovals + "\", \"" + purges + "\": \"storm.never\", \"" + RealRemovals + "\": \"" +
+                       removals + "\" }\n" + "cluster { name: fleet, listen: \"" + At(ClusterPort, index) +
                        "\", routes: [";
     for (int other = 0; other < Engines; other++)
         text += (other == 0 ? "\"nats://" : ", \"nats://") + At(ClusterPort, other) + "\"";
@@ -58,7 +60,8 @@ std::string ConfigureEngine(const Settings& settings, int index)
     return file;
 }
 
-bool IsHealthy(int index)
+// What a server's monitor says; empty when it does not.
+static std::string Ask(int index, const std::string& what)
 {
     const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const struct timeval limit = {2, 0};
@@ -68,16 +71,31 @@ bool IsHealthy(int index)
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(MonitorPort + index));
     inet_pton(AF_INET, BridgeAddress, &address.sin_addr);
-    static const char request[] = "GET /healthz HTTP/1.0\r\n\r\n";
-    const ssize_t length = sizeof request - 1;
+    const std::string request = "GET " + what + " HTTP/1.0\r\n\r\n";
     std::string answer;
-    char bytes[512];
+    char bytes[4096];
     if (connect(connection, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0 &&
-        send(connection, request, static_cast<size_t>(length), MSG_NOSIGNAL) == length)
+        send(connection, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size()))
         for (ssize_t got; (got = recv(connection, bytes, sizeof bytes, 0)) > 0;)
             answer.append(bytes, static_cast<size_t>(got));
     close(connection);
-    return answer.find("\"ok\"") != std::string::npos;
+    return answer;
+}
+
+bool IsHealthy(int index) { return Ask(index, "/healthz").find("\"ok\"") != std::string::npos; }
+
+std::map<std::string, uint64_t> LastOfStreams(int index)
+{
+    static const std::string name = "\"name\": \"", last = "\"last_seq\": ";
+    const std::string text = Ask(index, "/jsz?streams=true&accounts=true");
+    std::map<std::string, uint64_t> all;
+    for (const char* stream : {fleet::StreamName, "KV_faults"}) {
+        const size_t at = text.find(name + stream + "\"");
+        const size_t number = at == std::string::npos ? at : text.find(last, at);
+        if (number != std::string::npos)
+            all[stream] = std::strtoull(text.c_str() + number + last.size(), nullptr, 10);
+    }
+    return all;
 }
 
 } // namespace fleetstorm

@@ -3,6 +3,8 @@
 #ifndef TESTS_SYSTEM_FLEETSTORM_ENGINES_H
 #define TESTS_SYSTEM_FLEETSTORM_ENGINES_H
 
+#include <cstdint>
+#include <map>
 #include <string>
 
 #include "tests/system/fleetstorm/shared.h"
@@ -23,6 +25,8 @@ std::string EngineName(int index);
 int EngineIndex(const std::string& name);
 /// Whether a server says that all it has to keep is there.
 bool IsHealthy(int index);
+/// The number of the last message that each stream of a server has, as far as it says.
+std::map<std::string, uint64_t> LastOfStreams(int index);
 
 } // namespace fleetstorm
 

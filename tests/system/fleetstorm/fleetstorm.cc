@@ -83,7 +83,7 @@ static Verdict Settle(const Settings& settings, Breaker& breaker)
         before = progress;
         if (!isKnown)
             continue;
-        if (verdict.seen == verdict.changes && verdict.wrong == 0 && shared->piecesLost + shared->piecesLeft == 0)
+        if (verdict.seen == verdict.changes && verdict.wrong == 0 && shared->piecesLost == 0)
             break;
         shared->round++;
         shared->pieceRound++;

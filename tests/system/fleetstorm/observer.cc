@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: BSD-2-Clause
 // What looks at the engine: the observer reads each change of the stream, the doorkeeper lets nobody remove what it has
 // not read, and the lookout tells when the servers of the engine are in step.
+#include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <map>
 
 #include "fleet/bucket.h"
@@ -221,10 +221,9 @@ void RunDoorkeeper(const Settings& settings)
 
 // ---- The lookout ----
 
-// Whether all servers have what the leader of a stream has, as good as.
+// Whether all servers of a stream are there and up to date, as its leader says.
 static bool IsInStep(Engine& engine, const std::string& stream, std::string* leader)
 {
-    const uint64_t mostBehind = 100;
     jsStreamInfo* info = nullptr;
     if (js_GetStreamInfo(&info, engine.Streams(), stream.c_str(), nullptr, nullptr) != NATS_OK)
         return false;
@@ -232,15 +231,33 @@ static bool IsInStep(Engine& engine, const std::string& stream, std::string* lea
     bool isInStep = cluster != nullptr && cluster->Leader != nullptr && cluster->ReplicasLen == Engines - 1;
     *leader = isInStep ? cluster->Leader : "";
     for (int i = 0; isInStep && i < cluster->ReplicasLen; i++)
-        isInStep =
-            cluster->Replicas[i]->Current && !cluster->Replicas[i]->Offline && cluster->Replicas[i]->Lag <= mostBehind;
+        isInStep = cluster->Replicas[i]->Current && !cluster->Replicas[i]->Offline;
     jsStreamInfo_Destroy(info);
     return isInStep;
+}
+
+// Whether each server has stored at least what any had at the look before. The leader counts what a server has taken, but
+// one that has not stored that yet is no server to go on with.
+static bool HaveFollowed(std::map<std::string, uint64_t>* before)
+{
+    std::map<std::string, uint64_t> most = *before;
+    bool haveFollowed = !before->empty();
+    for (int i = 0; i < Engines; i++) {
+        const std::map<std::string, uint64_t> all = LastOfStreams(i);
+        haveFollowed = haveFollowed && all.size() == before->size() && IsHealthy(i);
+        for (const auto& stream : all) {
+            haveFollowed = haveFollowed && stream.second >= (*before)[stream.first];
+            most[stream.first] = std::max(most[stream.first], stream.second);
+        }
+    }
+    *before = most;
+    return haveFollowed;
 }
 
 void RunLookout(const Settings& settings)
 {
     Engine engine(Address(settings, "lookout"));
+    std::map<std::string, uint64_t> lasts;
     while (!shared->othersAreToEnd) {
         bool isInStep = engine.Connect();
         for (const std::string& stream :
@@ -249,8 +266,7 @@ void RunLookout(const Settings& settings)
             isInStep = isInStep && IsInStep(engine, stream, &leader);
             shared->leader = isInStep ? EngineIndex(leader) : -1;
         }
-        for (int i = 0; i < Engines && isInStep; i++)
-            isInStep = IsHealthy(i);
+        isInStep = HaveFollowed(&lasts) && isInStep;
         if (isInStep)
             shared->looksInStep++;
         else
