@@ -4,15 +4,12 @@
 #include <algorithm>
 #include <climits>
 #include <iostream>
-#include <sstream>
 
 #include "message.h"
 
 namespace fleet {
 
-static const char PlaceKey[] = "applied";
 static const int MostMessages = 500; // at once
-static const int MostTries = 20;
 
 Applier::Applier(Engine& engine, const std::string& name, long keepSeconds, long changeSeconds)
     : engine(engine), lease(engine, "applier", name), cleaner(engine, changeSeconds), table(engine, keepSeconds)
@@ -29,35 +26,36 @@ Applier::Step Applier::Run(long milliseconds)
 {
     problem.clear();
     isActive = engine.Connect() && lease.Hold();
-    if (!isActive) {
+    isSure = isSure && isActive && taken == lease.Taken();
+    if (!isSure)
         reader.reset();
+    if (!isActive)
         return engine.Connection() == nullptr || lease.Failed() ? Fail(engine.Problem()) : Idle;
-    }
-    if (!Begin())
-        return Stuck;
-    return table.IsWhole() ? FollowChanges(milliseconds) : ReadBucket();
+    if (!isSure && table.Begin() != Outcome::Done)
+        return Fail(table.Problem());
+    isSure = true;
+    taken = lease.Taken();
+    if (!table.IsWhole())
+        return ReadBucket();
+    if (reader == nullptr)
+        Begin();
+    return FollowChanges(milliseconds);
 }
 
 // What was known when the lease was lost, or something failed, may not be so any more: another centre may have gone further,
-// and an engine that loses a server may lose what it has taken last. The place is read before the bucket, which has all up
-// to it.
-bool Applier::Begin()
+// and an engine that loses a server may lose what it has taken last. So all is read anew, and goes on from where that is.
+void Applier::Begin()
 {
-    if (reader != nullptr && taken == lease.Taken())
-        return true;
-    reader.reset();
-    if (!FindPlace())
-        return false;
-    table.Forget();
-    taken = lease.Taken();
+    applied = table.Applied();
+    appliedRevision = table.AppliedRevision();
     cleaner.Begin(applied);
     reader = std::make_unique<Reader>(engine, StreamName, "fault.change.*", applied.sequence + 1, applied.stream);
-    return true;
 }
 
 Applier::Step Applier::ReadBucket()
 {
     const Outcome outcome = table.Read();
+    isSure = outcome != Outcome::Refused;
     return outcome == Outcome::Done || outcome == Outcome::Nothing ? Looked : Fail(table.Problem());
 }
 
@@ -74,22 +72,8 @@ Applier::Step Applier::FollowChanges(long milliseconds)
         return Idle;
     if (outcome != Outcome::Done)
         return Fail(engine.Problem());
-    if (Apply(messages))
-        return Applied;
-    reader.reset(); // from the place that the bucket tells
-    return Stuck;
-}
-
-bool Applier::FindPlace()
-{
-    std::string value;
-    const Outcome outcome = Get(engine, FaultBucket, PlaceKey, &value, &appliedRevision);
-    applied = {0, 0, LONG_MAX};
-    std::istringstream text(value);
-    if (outcome == Outcome::Nothing || (outcome == Outcome::Done && text >> applied.stream >> applied.sequence))
-        return true;
-    problem = outcome == Outcome::Done ? "the bucket does not tell how far the changes are applied" : engine.Problem();
-    return false;
+    isSure = Apply(messages); // else from the place that the bucket tells
+    return isSure ? Applied : Stuck;
 }
 
 // Reads the changes of a message. False when it is not one of a gate.
@@ -120,24 +104,17 @@ bool Applier::Apply(const std::vector<StreamMessage>& messages)
             std::clog << "message " << message.sequence << " on " << message.Subject() << " is not one of a gate\n";
     }
     std::vector<std::string> nodes;
-    for (const auto& host : all)
+    for (const auto& host : all) {
+        if (!ApplyTo(host.first, host.second))
+            return false;
         nodes.push_back(host.first);
-    for (int tries = 0; !nodes.empty(); tries++) {
-        if (tries == MostTries) {
-            problem = "another centre stores the same faults";
-            return false;
-        }
-        for (const std::string& node : nodes)
-            if (!ApplyTo(node, all[node]))
-                return false;
-        if (!StoreFaults(&nodes))
-            return false;
     }
-    if (!StorePlace(messages.back().sequence))
+    const Place next = {reader->Created(), messages.back().sequence, LONG_MAX}; // all of that message
+    if (!StoreFaults(nodes) || !StorePlace(next))
         return false;
     for (const auto& host : all)
         for (const Changes& part : host.second)
-            cleaner.Done(host.first, {reached.stream, part.sequence, 0});
+            cleaner.Done(host.first, {applied.stream, part.sequence, 0});
     return true;
 }
 
@@ -159,18 +136,17 @@ bool Applier::ApplyTo(const std::string& node, const std::vector<Changes>& chang
     return true;
 }
 
-// Those remain in the list whose changes are to be applied again.
-bool Applier::StoreFaults(std::vector<std::string>* nodes)
+bool Applier::StoreFaults(const std::vector<std::string>& nodes)
 {
-    if (table.Store(nodes, [this] { lease.Hold(); }) == Outcome::Done)
+    const Outcome outcome = table.Store(nodes, [this] { lease.Hold(); });
+    if (outcome == Outcome::Done)
         return true;
-    problem = table.Problem();
+    problem = outcome == Outcome::Passed ? "another centre stores the same faults" : table.Problem();
     return false;
 }
 
-bool Applier::StorePlace(uint64_t sequence)
+bool Applier::StorePlace(const Place& next)
 {
-    const Place next = {reader->Created(), sequence, LONG_MAX}; // all of that message
     const std::string value = std::to_string(next.stream) + " " + std::to_string(next.sequence);
     Write write;
     write.subject = KeySubject(FaultBucket, PlaceKey);

@@ -52,14 +52,13 @@ private:
     typedef std::map<std::string, std::vector<Changes>> ChangesOfHosts; // by node, in their order
 
     Step Fail(const std::string& what);
-    bool Begin();
-    bool FindPlace();
+    void Begin();
     Step ReadBucket();
     Step FollowChanges(long milliseconds);
     bool Apply(const std::vector<StreamMessage>& messages);
     bool ApplyTo(const std::string& node, const std::vector<Changes>& changes);
-    bool StoreFaults(std::vector<std::string>* nodes);
-    bool StorePlace(uint64_t sequence);
+    bool StoreFaults(const std::vector<std::string>& nodes);
+    bool StorePlace(const Place& next);
 
     Engine& engine;
     Lease lease;
@@ -67,7 +66,8 @@ private:
     FaultTable table;
     std::string problem;
     bool isActive = false;
-    long taken = 0;                 // the lease, when the table was begun
+    bool isSure = false;            // that nothing of what is known has been replaced, as far as can be known
+    long taken = 0;                 // the lease, when it became sure
     std::unique_ptr<Reader> reader; // of the changes; null: it has not begun
     Place applied;                  // how far all is in the bucket
     uint64_t appliedRevision = 0;   // of the key that tells it

@@ -98,6 +98,20 @@ Outcome Store(Engine& engine, Write& write)
     return write.outcome = engine.Note("a value for " + write.subject, status, code);
 }
 
+Outcome StoreLast(Engine& engine, const std::string& subject, uint64_t* revision)
+{
+    jsPubOptions options;
+    jsPubOptions_Init(&options);
+    options.MaxWait = LongestWait;
+    jsPubAck* stored = nullptr;
+    jsErrCode code = static_cast<jsErrCode>(0);
+    const natsStatus status = js_Publish(&stored, engine.Streams(), subject.c_str(), "", 0, &options, &code);
+    if (status == NATS_OK)
+        *revision = stored->Sequence;
+    jsPubAck_Destroy(stored);
+    return engine.Note("a value for " + subject, status, code);
+}
+
 Outcome Get(Engine& engine, const std::string& bucket, const std::string& key, std::string* value, uint64_t* revision)
 {
     value->clear();

@@ -18,6 +18,9 @@ const char FaultBucket[] = "faults";
 /// What the centres agree on for a while: its values go after the time that the bucket was set up with.
 const char CentreBucket[] = "centre";
 
+/// The key of FaultBucket that tells how far the changes have been applied.
+const char PlaceKey[] = "applied";
+
 /// The name of the stream that keeps a bucket, and the subject of a key, which may have wildcards.
 std::string BucketStream(const std::string& bucket);
 std::string KeySubject(const std::string& bucket, const std::string& key);
@@ -50,6 +53,9 @@ struct Write {
 
 /// Stores a value if its key still has the revision that is expected; Outcome::Passed when it hasn't.
 Outcome Store(Engine& engine, Write& write);
+
+/// Stores an empty value whatever its key has. Once that has its revision, so has all that was stored before.
+Outcome StoreLast(Engine& engine, const std::string& subject, uint64_t* revision);
 
 /// Gets the last value of a key. Outcome::Nothing: there is none.
 Outcome Get(Engine& engine, const std::string& bucket, const std::string& key, std::string* value, uint64_t* revision);

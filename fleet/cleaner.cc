@@ -16,6 +16,7 @@ Cleaner::Cleaner(Engine& engine, long keepSeconds) : engine(engine), keep(keepSe
 
 void Cleaner::Begin(const Place& applied)
 {
+    copies = 0;
     last.clear();
     obsolete.clear();
     stream = applied.stream;
@@ -44,8 +45,35 @@ bool Cleaner::Delete(uint64_t sequence)
            engine.Note("to remove message " + std::to_string(sequence), status, code) == Outcome::Done;
 }
 
+bool Cleaner::Purge(const std::string& subjects)
+{
+    jsOptions options;
+    jsOptions_Init(&options);
+    options.Wait = LongestWait;
+    options.Stream.Purge.Subject = subjects.c_str();
+    jsErrCode code = static_cast<jsErrCode>(0);
+    const natsStatus status = js_PurgeStream(engine.Streams(), StreamName, &options, &code);
+    return engine.Note("to remove " + subjects, status, code) == Outcome::Done;
+}
+
+bool Cleaner::CountCopies()
+{
+    jsStreamInfo* info = nullptr;
+    jsErrCode code = static_cast<jsErrCode>(0);
+    const natsStatus status = js_GetStreamInfo(&info, engine.Streams(), StreamName, nullptr, &code);
+    if (status == NATS_OK)
+        copies = info->Config->Replicas;
+    jsStreamInfo_Destroy(info);
+    return engine.Note(std::string("the stream ") + StreamName, status == NATS_NOT_FOUND ? NATS_ERR : status, code) ==
+           Outcome::Done;
+}
+
 bool Cleaner::Remove(const std::string& subjects)
 {
+    if (copies == 0 && !CountCopies())
+        return false;
+    if (copies == 1)
+        return Purge(subjects);
     Reader reader(engine, StreamName, subjects);
     std::vector<StreamMessage> messages;
     Outcome outcome = Outcome::Done;

@@ -19,9 +19,9 @@ namespace fleet {
 /// Removes changes that have been applied from the stream, but for the last message of each host, which tells its gate how
 /// far it came; and pieces of attachments. Whatever is removed here twice, or late, or never, does no harm.
 ///
-/// Messages are removed one by one, by their numbers. To have the engine purge a subject would be one request for many,
-/// but a server of a cluster (nats-server 2.9) that is started again takes each purge that it finds in its log for one of
-/// the whole stream, and has lost all that was stored before it.
+/// Where several servers have copies, messages are removed one by one, by their numbers: such a server (nats-server 2.9)
+/// that is started again takes each purge of a subject that it finds in its log for one of the whole stream, and has lost
+/// all that was stored before it. One that is alone knows after a crash of purges only, so pieces go by these there.
 class Cleaner {
 public:
     /// Changes stay for `keepSeconds` after they have been applied: the engine's servers may forget what they have stored
@@ -47,9 +47,12 @@ private:
     bool IsDue() const;
     bool RemoveSettled();
     bool Delete(uint64_t sequence);
+    bool Purge(const std::string& subjects);
+    bool CountCopies();
 
     Engine& engine;
     const std::chrono::seconds keep;
+    int64_t copies = 0;                   // of the stream; 0: not known
     int64_t stream = 0;                   // whose messages they are: when it was made
     std::map<std::string, uint64_t> last; // applied, by node: what stays
     std::deque<Obsolete> obsolete;        // the first to be so first

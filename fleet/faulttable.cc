@@ -2,7 +2,9 @@
 #include "faulttable.h"
 
 #include <algorithm>
+#include <climits>
 #include <iostream>
+#include <sstream>
 
 #include "clock.h"
 
@@ -10,13 +12,21 @@ namespace fleet {
 
 static const std::size_t MostWrites = 4000; // in a part
 static const int MostValues = 1000;
+static const int64_t Patience = 200; // milliseconds with a server that lags
+static const char FenceKey[] = "fence";
 
-FaultTable::FaultTable(Engine& engine, long keepSeconds) : engine(engine), writer(engine), keep(keepSeconds * Second) {}
+FaultTable::FaultTable(Engine& engine, long keepSeconds) : engine(engine), writer(engine), keep(keepSeconds * Second)
+{
+    Forget();
+}
 
 void FaultTable::Forget()
 {
     reader.reset();
+    seen = 0;
     isWhole = false;
+    applied = {0, 0, LONG_MAX};
+    appliedRevision = 0;
     hosts.clear();
     cleared.clear();
 }
@@ -32,51 +42,65 @@ static bool ReadValue(const StreamMessage& message, FleetFault* fault, std::stri
     return false;
 }
 
-Outcome FaultTable::Read()
+Outcome FaultTable::Begin()
 {
-    if (isWhole)
-        return Outcome::Nothing;
-    if (reader == nullptr)
-        reader = std::make_unique<Reader>(engine, BucketStream(FaultBucket), KeySubject(FaultBucket, "fault.>"));
-    const long begun = reader->Begun();
-    std::vector<StreamMessage> messages;
-    const Outcome outcome = reader->Read(MostValues, 0, &messages);
-    if (begun != reader->Begun()) { // what was read was of another bucket
-        Forget();
-        return Outcome::Done;
-    }
-    FleetFault fault;
-    std::string value;
-    for (const StreamMessage& message : messages)
-        if (ReadValue(message, &fault, &value))
-            Know(Of(std::string(fault.last.node)), fault, value, message);
-    isWhole = outcome == Outcome::Nothing || (outcome == Outcome::Done && reader->IsAtEnd());
-    if (isWhole)
-        reader.reset();
-    if (outcome != Outcome::Done && outcome != Outcome::Nothing)
+    Forget();
+    const Outcome outcome = StoreLast(engine, KeySubject(FaultBucket, FenceKey), &fence);
+    if (outcome != Outcome::Done)
         problem = engine.Problem();
     return outcome;
 }
 
-Outcome FaultTable::Reload(const std::string& node)
+// Takes a value of the bucket. False when it is not what it should be.
+bool FaultTable::Take(const StreamMessage& message)
 {
-    HostFaults host(node);
-    Reader values(engine, BucketStream(FaultBucket), KeySubject(FaultBucket, FaultKeys(node)));
-    std::vector<StreamMessage> messages;
+    seen = message.sequence;
     FleetFault fault;
     std::string value;
-    Outcome outcome = Outcome::Done;
-    while ((outcome = values.Read(MostValues, 0, &messages)) == Outcome::Done)
-        for (const StreamMessage& message : messages)
-            if (ReadValue(message, &fault, &value))
-                Know(host, fault, value, message);
-    if (outcome != Outcome::Nothing) {
+    if (message.Subject() == KeySubject(FaultBucket, FenceKey))
+        return true;
+    if (message.Subject() != KeySubject(FaultBucket, PlaceKey)) {
+        if (ReadValue(message, &fault, &value))
+            Know(Of(std::string(fault.last.node)), fault, value, message);
+        return true;
+    }
+    const natsMsg* found = message.message.get();
+    std::istringstream text(
+        std::string(natsMsg_GetData(found), static_cast<std::size_t>(natsMsg_GetDataLength(found))));
+    appliedRevision = message.sequence;
+    applied = {0, 0, LONG_MAX};
+    return static_cast<bool>(text >> applied.stream >> applied.sequence);
+}
+
+Outcome FaultTable::Read()
+{
+    if (isWhole)
+        return Outcome::Nothing;
+    const std::string stream = BucketStream(FaultBucket), all = KeySubject(FaultBucket, ">");
+    if (reader == nullptr)
+        reader = std::make_unique<Reader>(engine, stream, all);
+    const long begun = reader->Begun();
+    std::vector<StreamMessage> messages;
+    const Outcome outcome = reader->Read(MostValues, Patience, &messages);
+    if (begun != reader->Begun()) {
+        problem = "the bucket is another one, or has lost its last values";
+        return Outcome::Refused;
+    }
+    if (outcome != Outcome::Done && outcome != Outcome::Nothing) {
         problem = engine.Problem();
         return outcome;
     }
-    hosts.erase(node);
-    hosts.emplace(node, std::move(host));
-    return Outcome::Done;
+    for (const StreamMessage& message : messages)
+        if (!Take(message)) {
+            problem = "the bucket does not tell how far the changes are applied";
+            return Outcome::Refused;
+        }
+    isWhole = seen >= fence;
+    if (isWhole)
+        reader.reset();
+    else if (outcome == Outcome::Nothing) // the server lags; another may not
+        reader = std::make_unique<Reader>(engine, stream, all, seen + 1, reader->Created());
+    return isWhole ? Outcome::Nothing : Outcome::Done;
 }
 
 void FaultTable::Know(HostFaults& host, const FleetFault& fault, const std::string& value, const StreamMessage& message)
@@ -89,36 +113,29 @@ void FaultTable::Know(HostFaults& host, const FleetFault& fault, const std::stri
 
 HostFaults& FaultTable::Of(const std::string& node) { return hosts.try_emplace(node, node).first->second; }
 
-Outcome FaultTable::Store(std::vector<std::string>* nodes, const std::function<void()>& between)
+Outcome FaultTable::Store(const std::vector<std::string>& nodes, const std::function<void()>& between)
 {
     std::vector<New> all;
-    for (const std::string& node : *nodes)
+    for (const std::string& node : nodes)
         for (HostFaults::Fault* fault : Of(node).New())
             all.push_back({&node, fault});
-    std::vector<std::string> passed;
-    Outcome outcome = StoreParts(all, between, &passed);
-    for (const std::string& node : *nodes)
+    const Outcome outcome = StoreParts(all, between);
+    for (const std::string& node : nodes)
         Of(node).DropStored();
-    for (std::size_t i = 0; i < passed.size() && outcome == Outcome::Done; i++) {
-        between();
-        outcome = Reload(passed[i]);
-    }
-    *nodes = passed;
     return outcome;
 }
 
-Outcome FaultTable::StoreParts(const std::vector<New>& all, const std::function<void()>& between,
-                               std::vector<std::string>* passed)
+Outcome FaultTable::StoreParts(const std::vector<New>& all, const std::function<void()>& between)
 {
     Outcome outcome = Outcome::Done;
     for (std::size_t done = 0; done < all.size() && outcome == Outcome::Done; done += MostWrites) {
         between();
-        outcome = StorePart(all.data() + done, std::min(MostWrites, all.size() - done), passed);
+        outcome = StorePart(all.data() + done, std::min(MostWrites, all.size() - done));
     }
     return outcome;
 }
 
-Outcome FaultTable::StorePart(const New* part, std::size_t count, std::vector<std::string>* passed)
+Outcome FaultTable::StorePart(const New* part, std::size_t count)
 {
     std::vector<Write> writes(count);
     for (std::size_t i = 0; i < count; i++) {
@@ -128,20 +145,19 @@ Outcome FaultTable::StorePart(const New* part, std::size_t count, std::vector<st
         writes[i].size = entry.value.size();
         writes[i].expected = entry.revision;
     }
-    const Outcome outcome = writer.Store(writes);
+    Outcome outcome = writer.Store(writes);
     if (outcome != Outcome::Done)
         problem = writer.Problem().empty() ? engine.Problem() : writer.Problem();
     for (std::size_t i = 0; i < count; i++) {
         HostFaults::Entry& entry = part[i].fault->second;
-        const std::string& node = *part[i].node;
-        if (writes[i].outcome == Outcome::Passed && (passed->empty() || passed->back() != node))
-            passed->push_back(node);
+        if (writes[i].outcome == Outcome::Passed && outcome == Outcome::Done)
+            outcome = Outcome::Passed;
         if (writes[i].outcome != Outcome::Done)
             continue;
         entry.revision = writes[i].revision;
         entry.isNew = false;
         if (!entry.isThere)
-            cleared.push_back({entry.revision, Now(), node, part[i].fault->first});
+            cleared.push_back({entry.revision, Now(), *part[i].node, part[i].fault->first});
     }
     return outcome;
 }

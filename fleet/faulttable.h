@@ -18,30 +18,39 @@
 namespace fleet {
 
 /// A copy of the faults in the bucket, which is read whole before it is used, and the way of what is new into the bucket.
-/// What others store there meanwhile is found when a value of it is to be replaced; then that host's faults are read again.
+/// What others store there meanwhile is found when a value of it is to be replaced; then all is to be read again.
+///
+/// A server of a cluster that lags behind the others may be asked, and even lead them for a moment: what it has is old,
+/// and it finds that values are the last ones that are not. So something is stored before anything is read: once the
+/// server has that, it has all that was stored before.
 class FaultTable {
 public:
     /// Faults that were cleared stay for `keepSeconds`.
     FaultTable(Engine& engine, long keepSeconds);
 
-    /// Forgets all, whose reading begins anew then.
-    void Forget();
-    /// Reads a part of what the bucket has, some 1000 faults. Outcome::Nothing: all is known.
+    /// Forgets all, and stores what is to be read before the copy is whole again.
+    Outcome Begin();
+    /// Reads a part of what the bucket has, some 1000 faults. Outcome::Nothing: all is known. Refused: it cannot be
+    /// relied on, and is to be begun again; after another failure the reading goes on.
     Outcome Read();
     bool IsWhole() const { return isWhole; }
+    /// How far the changes have been applied, as the bucket tells; and the revision of that, 0: it does not.
+    const Place& Applied() const { return applied; }
+    uint64_t AppliedRevision() const { return appliedRevision; }
 
     HostFaults& Of(const std::string& node);
-    /// Stores what is new of the faults of these nodes, a part at a time, with `between` called before each. Those
-    /// remain in the list of which another centre has stored something meanwhile: their faults have been read again, and
-    /// what is not in the bucket of their changes is to be applied again. When something failed, Problem() tells what, and
-    /// what is known may not be so any more.
-    Outcome Store(std::vector<std::string>* nodes, const std::function<void()>& between);
+    /// Stores what is new of the faults of these nodes, a part at a time, with `between` called before each. Passed: another
+    /// centre has stored something meanwhile. When something failed, Problem() tells what. Then, too, it is to be begun
+    /// again.
+    Outcome Store(const std::vector<std::string>& nodes, const std::function<void()>& between);
     /// Removes some faults that were cleared long ago and of which no change can come any more, the changes up to
     /// `applied` having been applied. Whether there may be more to do at once.
     bool RemoveCleared(const Place& applied);
     const std::string& Problem() const { return problem; }
 
 private:
+    void Forget();
+
     struct Cleared { // a value in the bucket
         uint64_t revision;
         int64_t time; // when it was stored, in nanoseconds since the epoch
@@ -53,10 +62,9 @@ private:
         HostFaults::Fault* fault;
     };
 
-    Outcome Reload(const std::string& node);
-    Outcome StoreParts(const std::vector<New>& all, const std::function<void()>& between,
-                       std::vector<std::string>* passed);
-    Outcome StorePart(const New* part, std::size_t count, std::vector<std::string>* passed);
+    Outcome StoreParts(const std::vector<New>& all, const std::function<void()>& between);
+    Outcome StorePart(const New* part, std::size_t count);
+    bool Take(const StreamMessage& message);
     void Know(HostFaults& host, const FleetFault& fault, const std::string& value, const StreamMessage& message);
     HostFaults::Entry* Find(const Cleared& value);
 
@@ -64,8 +72,12 @@ private:
     BulkWriter writer;
     const int64_t keep; // nanoseconds
     std::string problem;
-    std::unique_ptr<Reader> reader; // of all faults; null: it has not begun, or is done
+    std::unique_ptr<Reader> reader; // of the bucket; null: it has not begun, or is done
+    uint64_t fence = 0;             // the revision behind which all that was stored before has been read
+    uint64_t seen = 0;              // the last revision that was read
     bool isWhole = false;
+    Place applied = {0, 0, 0};
+    uint64_t appliedRevision = 0;
     std::map<std::string, HostFaults> hosts; // by node
     std::deque<Cleared> cleared;             // oldest first, more or less
 };

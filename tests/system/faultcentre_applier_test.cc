@@ -200,7 +200,7 @@ TEST_F(ApplierTest, AClearedFaultIsForgottenAfterAWhile)
             return count;
         });
     };
-    const std::string wanted = std::to_string(CountOf(expected, "\n") + 1); // and the place
+    const std::string wanted = std::to_string(CountOf(expected, "\n") + 2); // and the place and the fence
     EXPECT_TRUE(WaitUntil([&] { return keys() == wanted; })) << keys() << " of " << wanted;
     StartHosts(40, 0, 3);
     ExpectFaults(Expected());

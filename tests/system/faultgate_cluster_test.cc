@@ -49,7 +49,7 @@ TEST_F(EngineClusterTest, WhatIsRemovedTakesNothingElseWithItWhenServersStartAga
     EXPECT_EQ(WithEngine([](Engine& engine) {
                   Buffer data;
                   CHILD_CHECK(engine.PublishOnce("fault.piece.quiet.j.1.0", "piece", 5) == Outcome::Done);
-                  Cleaner cleaner(engine);
+                  Cleaner cleaner(engine, 0);
                   Position quiet, busy;
                   quiet.journal = busy.journal = "j";
                   quiet.number = 1;
@@ -96,13 +96,17 @@ TEST_F(EngineClusterTest, WhatWasUncertainIsSettledBeforeItIsTriedAgain)
                   uncertain.number = 2;
                   CHILD_CHECK(engine.Publish("one", data, &uncertain) == Outcome::Away);
                   signal(SIGCONT);
-                  CHILD_CHECK(WaitUntil([&] { return engine.Settle("one") == Outcome::Done; }, 60));
-                  Position last;
-                  CHILD_CHECK(WaitUntil([&] { return engine.Last("one", &last, &data) == Outcome::Done; }, 60));
-                  if (last.number == 1) { // it never will be stored, or this server lags
-                      position.number = 2;
-                      engine.Publish("one", data, &position);
-                  }
+                  CHILD_CHECK(WaitUntil(
+                      [&] {
+                          Position last;
+                          if (engine.Settle("one") != Outcome::Done ||
+                              engine.Last("one", &last, &data) != Outcome::Done)
+                              return false;
+                          uncertain = position;
+                          uncertain.number = 2;
+                          return last.number == 2 || engine.Publish("one", data, &uncertain) == Outcome::Done;
+                      },
+                      60));
               }),
               0);
     signal(SIGCONT);

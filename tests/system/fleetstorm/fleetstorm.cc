@@ -191,10 +191,9 @@ static int Storm(const Settings& settings)
         const Verdict verdict = Judge(settings, true);
         Print(settings, verdict, breaker.Done(), seconds, rest);
         const Damage& damage = breaker.Done();
-        const bool isWell =
-            hasEnded && verdict.changes > 0 && shared->shown > 0 && shared->refused == 0 &&
-            verdict.lost + verdict.doubled + verdict.order + verdict.strange + shared->piecesLeft == 0 &&
-            damage.fallen + damage.hung == 0;
+        const bool isWell = hasEnded && verdict.changes > 0 && shared->shown > 0 && shared->refused == 0 &&
+                            verdict.lost + verdict.doubled + verdict.order + verdict.strange == 0 &&
+                            damage.fallen + damage.hung == 0;
         code = interrupted == 0 && isWell ? 0 : 1;
     } else {
         std::cerr << "fleetstorm: the engine does not work\n";
