@@ -20,7 +20,7 @@ using testing_support::ReadFile;
 namespace fleetstorm {
 
 static const double Second = 1e9; // nanoseconds
-static const int64_t EndsWithin = 20 * int64_t(Second);
+static const int64_t EndsWithin = 60 * int64_t(Second);
 static const uint32_t StepsBeforeKill = 6; // looks at the engine, two a second, that find it whole
 
 Breaker::Breaker(const Settings& settings, Hosts& hosts)

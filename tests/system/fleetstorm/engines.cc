@@ -55,7 +55,7 @@ std::string ConfigureEngine(const Settings& settings, int index)
                        "\", routes: [";
     for (int other = 0; other < Engines; other++)
         text += (other == 0 ? "\"nats://" : ", \"nats://") + At(ClusterPort, other) + "\"";
-    const std::string file = settings.directory + "/" + EngineName(index) + ".conf";
+    std::string file = settings.directory + "/" + EngineName(index) + ".conf";
     testing_support::WriteFile(file, text + "] }\n");
     return file;
 }

@@ -161,6 +161,7 @@ static int Storm(const Settings& settings)
     const int64_t begin = Now();
     Hosts hosts;
     std::vector<std::string> names;
+    names.reserve(static_cast<size_t>(settings.hosts + Centres));
     for (int i = 0; i < settings.hosts; i++)
         names.push_back(HostName(i));
     for (int i = 0; i < Centres; i++)
