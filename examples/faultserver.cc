@@ -293,7 +293,7 @@ short FaultServer::FindForCommand(FaultCommand& request, const FaultRecord*& fau
 
 void FaultServer::dumpOn(std::ostream& out) const
 {
-    EventManager::dumpOn(out);
+    NodeServer::dumpOn(out);
     life.dumpOn(out);
     store.dumpOn(out);
     ProcMgr::dumpOn(out);

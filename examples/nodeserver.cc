@@ -63,3 +63,5 @@ short NodeServer::Status(Buffer& answer) const
     answer.Append(text.str().c_str());
     return NO_ERRORS;
 }
+
+void NodeServer::dumpOn(std::ostream& out) const { EventManager::dumpOn(out); }

@@ -23,7 +23,7 @@ public:
 
     short Handle_NULL_event() override;
     short Handle_EXIT_event(short& exitnow) override;
-    void dumpOn(std::ostream& out) const override = 0;
+    void dumpOn(std::ostream& out) const override;
 
 protected:
     static const short TickEvent = -1; // the time-out of a receive; no client's event

@@ -126,9 +126,9 @@ bool Applier::ApplyTo(const std::string& node, const std::vector<Changes>& chang
             if (!host.Apply(change, part.journal, {reader->Created(), part.sequence, change.number}))
                 std::clog << node << ": change " << change.number << " moves " << change.fault.summary.hdr.myId
                           << ", which is not there\n";
-    // Before what tells of them is gone.
+    // Before what tells of them is gone. They are in the stream before the changes that they belong to.
     for (const std::string& subject : host.Obsolete())
-        if (!cleaner.Remove(subject)) {
+        if (!cleaner.Remove(subject, changes.back().sequence)) {
             problem = engine.Problem();
             return false;
         }

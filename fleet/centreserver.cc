@@ -111,7 +111,7 @@ short CentreServer::GiveAnswer(Buffer& answer)
 
 void CentreServer::dumpOn(std::ostream& out) const
 {
-    EventManager::dumpOn(out);
+    NodeServer::dumpOn(out);
     view.dumpOn(out);
     asker.dumpOn(out);
 }

@@ -16,7 +16,6 @@ Cleaner::Cleaner(Engine& engine, long keepSeconds) : engine(engine), keep(keepSe
 
 void Cleaner::Begin(const Place& applied)
 {
-    copies = 0;
     last.clear();
     obsolete.clear();
     stream = applied.stream;
@@ -45,41 +44,46 @@ bool Cleaner::Delete(uint64_t sequence)
            engine.Note("to remove message " + std::to_string(sequence), status, code) == Outcome::Done;
 }
 
-bool Cleaner::Purge(const std::string& subjects)
+bool Cleaner::Purge(const std::string& subjects, uint64_t before)
 {
     jsOptions options;
     jsOptions_Init(&options);
     options.Wait = LongestWait;
     options.Stream.Purge.Subject = subjects.c_str();
+    options.Stream.Purge.Sequence = before;
     jsErrCode code = static_cast<jsErrCode>(0);
     const natsStatus status = js_PurgeStream(engine.Streams(), StreamName, &options, &code);
     return engine.Note("to remove " + subjects, status, code) == Outcome::Done;
 }
 
-bool Cleaner::CountCopies()
+// Each time: who sets the engine up may have changed it.
+bool Cleaner::CountCopies(int64_t* copies)
 {
     jsStreamInfo* info = nullptr;
     jsErrCode code = static_cast<jsErrCode>(0);
     const natsStatus status = js_GetStreamInfo(&info, engine.Streams(), StreamName, nullptr, &code);
     if (status == NATS_OK)
-        copies = info->Config->Replicas;
+        *copies = info->Config->Replicas;
     jsStreamInfo_Destroy(info);
     return engine.Note(std::string("the stream ") + StreamName, status == NATS_NOT_FOUND ? NATS_ERR : status, code) ==
            Outcome::Done;
 }
 
-bool Cleaner::Remove(const std::string& subjects)
+bool Cleaner::Remove(const std::string& subjects, uint64_t before)
 {
-    if (copies == 0 && !CountCopies())
+    int64_t copies = 0;
+    if (before <= 1) // the engine takes "before the first" for "all"
+        return true;
+    if (!CountCopies(&copies))
         return false;
     if (copies == 1)
-        return Purge(subjects);
+        return Purge(subjects, before);
     Reader reader(engine, StreamName, subjects);
     std::vector<StreamMessage> messages;
     Outcome outcome = Outcome::Done;
     while ((outcome = reader.Read(MostPieces, 0, &messages)) == Outcome::Done)
         for (const StreamMessage& message : messages)
-            if (!Delete(message.sequence))
+            if (message.sequence < before && !Delete(message.sequence))
                 return false;
     return outcome == Outcome::Nothing;
 }
@@ -115,7 +119,7 @@ bool Cleaner::RemoveSettled()
     if (now - settled < Interval && now >= settled)
         return true;
     settled = now;
-    return Remove(SettledSubjects);
+    return Remove(SettledSubjects, UINT64_MAX);
 }
 
 bool Cleaner::Run()

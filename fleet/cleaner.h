@@ -32,8 +32,8 @@ public:
     void Begin(const Place& applied);
     /// The message of `node` at that place has been applied, which the bucket tells.
     void Done(const std::string& node, const Place& place);
-    /// Removes all messages of these subjects, which may have wildcards.
-    bool Remove(const std::string& subjects);
+    /// Removes the messages of these subjects, which may have wildcards, before the number `before`.
+    bool Remove(const std::string& subjects, uint64_t before);
     /// Does a part of what there is to do. Whether there may be more to do at once.
     bool Run();
 
@@ -47,12 +47,11 @@ private:
     bool IsDue() const;
     bool RemoveSettled();
     bool Delete(uint64_t sequence);
-    bool Purge(const std::string& subjects);
-    bool CountCopies();
+    bool Purge(const std::string& subjects, uint64_t before);
+    bool CountCopies(int64_t* copies);
 
     Engine& engine;
     const std::chrono::seconds keep;
-    int64_t copies = 0;                   // of the stream; 0: not known
     int64_t stream = 0;                   // whose messages they are: when it was made
     std::map<std::string, uint64_t> last; // applied, by node: what stays
     std::deque<Obsolete> obsolete;        // the first to be so first

@@ -213,7 +213,7 @@ TEST_F(FaultDaemonTest, TellsItsCallerWhyItDoesNotServe)
     WriteFile(FaultDirectory, "not a directory");
     EXPECT_RESULT(RunProgram(Faultd, {}), 1, "", "faultd: the faults cannot be kept in /var/orv/data/faults\n");
     std::remove(FaultDirectory);
-    EXPECT_FALSE(std::filesystem::exists(LockFileName));
+    EXPECT_TRUE(WaitUntil([] { return !std::filesystem::exists(LockFileName); })) << "it ends after it has said so";
 
     const ChildResult ended = RunInChild([] {
         MakeCallsFail({SYS_setsid}, EPERM);

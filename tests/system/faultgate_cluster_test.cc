@@ -60,7 +60,7 @@ TEST_F(EngineClusterTest, WhatIsRemovedTakesNothingElseWithItWhenServersStartAga
                       cleaner.Done("busy", {1, busy.sequence, 0});
                   }
                   CHILD_CHECK(engine.PublishOnce("fault.piece.busy.j.1.0", "piece", 5) == Outcome::Done);
-                  CHILD_CHECK(cleaner.Remove("fault.piece.busy.j.1.*"));
+                  CHILD_CHECK(cleaner.Remove("fault.piece.busy.j.1.*", 100));
                   cleaner.Run();
               }),
               0);
