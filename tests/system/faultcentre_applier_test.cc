@@ -69,7 +69,7 @@ TEST_F(ApplierTest, WhatOthersHaveAppliedAndLeftIsRemoved)
         Reader reader(connection, StreamName, "fault.change.*");
         std::vector<StreamMessage> messages;
         CHILD_CHECK(reader.Read(1, 0, &messages) == Outcome::Done);
-        Cleaner cleaner(connection);
+        Cleaner cleaner(connection, 0);
         cleaner.Begin({reader.Created(), 5, 0}); // the sixth has not been applied
         for (int i = 0; i < 3; i++)
             cleaner.Run();

@@ -104,7 +104,7 @@ TEST_F(FaultcentreTest, ServesInTheBackground)
     EXPECT_EQ(North().Ctl({"--centre", "exit"}).exitCode, 0);
     EXPECT_TRUE(WaitUntil([&] { return North().Ctl({"--centre", "list"}).exitCode == 3; }));
     EXPECT_TRUE(WaitUntil([&] { // until the lock of the one before has gone
-        return North().Run(Faultcentre, {"--engine", Url}).exitCode == 0;
+        return North().Run(Faultcentre, {"--engine", Urls}).exitCode == 0;
     }));
     EXPECT_EQ(North().Ctl({"--centre", "list"}).exitCode, 0);
     EXPECT_EQ(North().Ctl({"--centre", "exit"}).exitCode, 0);
