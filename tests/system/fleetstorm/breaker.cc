@@ -211,7 +211,9 @@ void Breaker::KillEngine()
     const int leader = shared->leader;
     if (shared->looksInStep < StepsBeforeKill || leader < 0)
         return;
-    if (Random(2) == 0)
+    if (settings.spares && (shared->leaders >> server->index & 1) != 0)
+        return;
+    if (!settings.spares && Random(2) == 0)
         server = &*std::find_if(programs.begin(), programs.end(), [&](const Program& program) {
             return program.kind == Engine && program.index == leader;
         });
@@ -227,6 +229,8 @@ void Breaker::StopSomebody()
 {
     Program& program = Any(static_cast<Kind>(Random(Kinds)));
     if (program.process == 0 || program.wasKilled || (program.kind == Engine && shared->looksInStep < StepsBeforeKill))
+        return;
+    if (program.kind == Engine && settings.spares && (shared->leaders >> program.index & 1) != 0)
         return;
     if (program.kind == Engine)
         shared->looksInStep = 0;

@@ -25,7 +25,8 @@
 using namespace fleetstorm;
 
 static const char Usage[] =
-    "usage: fleetstorm [--seconds N] [--hosts N] [--seed N] [--rate N] [--calm] [--logs DIRECTORY]\n"
+    "usage: fleetstorm [--seconds N] [--hosts N] [--seed N] [--rate N] [--spare-leaders] [--calm]\n"
+    "                  [--logs DIRECTORY]\n"
     "Runs a fleet of N hosts (200) with an engine of three servers and two centres for N seconds (600), kills, stops "
     "and\n"
     "cuts everything off at random, and holds what the hosts were asked for against the engine's stream and the "
@@ -33,6 +34,7 @@ static const char Usage[] =
     "Needs scripts/sandbox.\n"
     "  --seed N          chooses whom it hits and when\n"
     "  --rate N          changes a second, of all hosts (half of one a host, 20 at least)\n"
+    "  --spare-leaders   neither kills nor stops servers of the engine that lead\n"
     "  --calm            kills nothing\n"
     "  --logs DIRECTORY  where the programs write to, and the engine (a new one in memory, which is removed)\n"
     "Exit codes: 0 nothing was lost, doubled or out of order; 1 something was; 2 wrong usage; 77 not in a sandbox, or "
@@ -205,13 +207,11 @@ static int Storm(const Settings& settings)
 
 static bool ReadOptions(int argc, char** argv, Settings* settings)
 {
-    static const struct option options[] = {{"seconds", required_argument, nullptr, 's'},
-                                            {"hosts", required_argument, nullptr, 'h'},
-                                            {"seed", required_argument, nullptr, 'r'},
-                                            {"rate", required_argument, nullptr, 'a'},
-                                            {"calm", no_argument, nullptr, 'c'},
-                                            {"logs", required_argument, nullptr, 'l'},
-                                            {nullptr, 0, nullptr, 0}};
+    static const struct option options[] = {
+        {"seconds", required_argument, nullptr, 's'}, {"hosts", required_argument, nullptr, 'h'},
+        {"seed", required_argument, nullptr, 'r'},    {"rate", required_argument, nullptr, 'a'},
+        {"calm", no_argument, nullptr, 'c'},          {"spare-leaders", no_argument, nullptr, 'p'},
+        {"logs", required_argument, nullptr, 'l'},    {nullptr, 0, nullptr, 0}};
     double rate = 0;
     for (int option; (option = getopt_long(argc, argv, "", options, nullptr)) != -1;)
         switch (option) {
@@ -220,6 +220,7 @@ static bool ReadOptions(int argc, char** argv, Settings* settings)
         case 'r': settings->seed = std::strtoul(optarg, nullptr, 10); break;
         case 'a': rate = std::atof(optarg); break;
         case 'c': settings->isCalm = true; break;
+        case 'p': settings->spares = true; break;
         case 'l': settings->directory = optarg; break;
         default: return false;
         }

@@ -260,12 +260,16 @@ void RunLookout(const Settings& settings)
     std::map<std::string, uint64_t> lasts;
     while (!shared->othersAreToEnd) {
         bool isInStep = engine.Connect();
+        uint32_t leaders = 0;
         for (const std::string& stream :
              {BucketStream(FaultBucket), BucketStream(CentreBucket), std::string(StreamName)}) {
             std::string leader;
             isInStep = isInStep && IsInStep(engine, stream, &leader);
             shared->leader = isInStep ? EngineIndex(leader) : -1;
+            if (isInStep && stream != BucketStream(CentreBucket))
+                leaders |= 1u << static_cast<unsigned>(EngineIndex(leader));
         }
+        shared->leaders = leaders;
         isInStep = HaveFollowed(&lasts) && isInStep;
         if (isInStep)
             shared->looksInStep++;

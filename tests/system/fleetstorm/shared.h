@@ -78,6 +78,7 @@ struct Shared {
     std::atomic<uint64_t> read;        // by the observer: the number of its last message in the stream
     std::atomic<uint32_t> looksInStep; // that found all servers of the engine there and in step, one after the other
     std::atomic<int32_t> leader;       // of the stream: the number of a server, or -1
+    std::atomic<uint32_t> leaders;     // servers that lead the stream or the faults' bucket, a bit each
 
     // ---- Counters ----
     std::atomic<uint64_t> asked, done, unknown, refused, large;
@@ -108,6 +109,7 @@ struct Settings {
     std::string directory; // of the logs, and of what the engine stores
     std::string engine;    // the URLs of its servers
     bool isCalm = false;   // nothing is killed
+    bool spares = false;   // the servers of the engine that lead
 };
 
 std::string HostName(int index);
