@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-2-Clause
-// What a gate and a centre rely on in an engine of three servers, whose servers are killed and stopped.
-#include <csignal>
+// What a gate and a centre rely on in an engine of three servers, whose servers are killed.
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -74,46 +74,6 @@ TEST_F(EngineClusterTest, WhatIsRemovedTakesNothingElseWithItWhenServersStartAga
         subjects.push_back(stored.subject + " " + std::to_string(stored.number));
     EXPECT_EQ(subjects,
               (std::vector<std::string>{"fault.piece.quiet.j.1.0 0", "fault.change.quiet 1", "fault.change.busy 5"}));
-}
-
-// The leader takes a message while it has nobody to agree with, and the gate tries again meanwhile.
-TEST_F(EngineClusterTest, WhatWasUncertainIsSettledBeforeItIsTriedAgain)
-{
-    const int leader = servers.Leader();
-    const pid_t others[] = {servers.Process((leader + 1) % 3), servers.Process((leader + 2) % 3)};
-    const auto signal = [&](int number) {
-        for (const pid_t other : others)
-            kill(other, number);
-    };
-    EXPECT_EQ(WithEngine([&](Engine& engine) {
-                  Buffer data;
-                  Position position;
-                  position.journal = "j";
-                  position.number = 1;
-                  CHILD_CHECK(engine.Publish("one", data, &position) == Outcome::Done);
-                  signal(SIGSTOP);
-                  Position uncertain = position;
-                  uncertain.number = 2;
-                  CHILD_CHECK(engine.Publish("one", data, &uncertain) == Outcome::Away);
-                  signal(SIGCONT);
-                  CHILD_CHECK(WaitUntil(
-                      [&] {
-                          Position last;
-                          if (engine.Settle("one") != Outcome::Done ||
-                              engine.Last("one", &last, &data) != Outcome::Done)
-                              return false;
-                          uncertain = position;
-                          uncertain.number = 2;
-                          return last.number == 2 || engine.Publish("one", data, &uncertain) == Outcome::Done;
-                      },
-                      60));
-              }),
-              0);
-    signal(SIGCONT);
-    int count = 0;
-    for (const Stored& stored : ReadStream(servers.Urls()))
-        count += stored.subject == "fault.change.one" && stored.number == 2;
-    EXPECT_EQ(count, 1);
 }
 
 } // namespace

@@ -207,11 +207,14 @@ void Breaker::KillCentre()
 // Two of three that are away are no engine, so the next goes when all are in step.
 void Breaker::KillEngine()
 {
-    Program* server = &Any(Engine);
     const int leader = shared->leader;
     if (shared->looksInStep < StepsBeforeKill || leader < 0)
         return;
-    if (settings.spares && (shared->leaders >> server->index & 1) != 0)
+    const uint32_t spared = settings.spares ? shared->leaders.load() : 0;
+    Program* server = &Any(Engine);
+    for (int tries = 0; tries < 20 && (spared >> server->index & 1) != 0; tries++)
+        server = &Any(Engine);
+    if ((spared >> server->index & 1) != 0)
         return;
     if (!settings.spares && Random(2) == 0)
         server = &*std::find_if(programs.begin(), programs.end(), [&](const Program& program) {
