@@ -50,7 +50,7 @@ bool Cleaner::Purge(const std::string& subjects, uint64_t before)
     jsOptions_Init(&options);
     options.Wait = LongestWait;
     options.Stream.Purge.Subject = subjects.c_str();
-    options.Stream.Purge.Sequence = before;
+    options.Stream.Purge.Sequence = before == UINT64_MAX ? 0 : before; // that many are none to the engine
     jsErrCode code = static_cast<jsErrCode>(0);
     const natsStatus status = js_PurgeStream(engine.Streams(), StreamName, &options, &code);
     return engine.Note("to remove " + subjects, status, code) == Outcome::Done;
