@@ -9,6 +9,9 @@ static const int64_t Millisecond = 1000000; // nanoseconds
 static const int64_t Forgotten = 60000 * Millisecond;
 static const std::chrono::seconds LongestQuiet(5);
 static const int64_t WaitForCounted = 1000; // milliseconds: what was counted may have been removed meanwhile
+// Milliseconds for a consumer, in all no more than for anything else. The engine puts it on any server of the stream, also
+// on one that is down, which does not answer: the next one may come to another.
+static const int64_t WaitsForConsumer[] = {500, 1500, LongestWait - 2000};
 
 Outcome Reader::Read(int most, int64_t milliseconds, std::vector<StreamMessage>* messages)
 {
@@ -65,9 +68,17 @@ Outcome Reader::Open()
     given = 0;
     waiting = 0;
     quiet = Clock::now();
+    natsStatus status = NATS_TIMEOUT;
     jsErrCode code = static_cast<jsErrCode>(0);
-    const natsStatus status =
-        js_PullSubscribe(&subscription, engine.Streams(), subject.c_str(), nullptr, nullptr, &options, &code);
+    for (const int64_t wait : WaitsForConsumer) {
+        jsOptions patience;
+        jsOptions_Init(&patience);
+        patience.Wait = wait;
+        status =
+            js_PullSubscribe(&subscription, engine.Streams(), subject.c_str(), nullptr, &patience, &options, &code);
+        if (status != NATS_TIMEOUT)
+            break;
+    }
     return engine.Note("the messages of " + stream, status, code);
 }
 
