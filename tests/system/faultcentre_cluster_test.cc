@@ -113,8 +113,8 @@ protected:
     void KillLeader(const std::string& stream, Centre* centre = nullptr)
     {
         ASSERT_TRUE(AreInStep()); // one that is not counts as one that is away, and of three one may be
-        const int leader = LeaderOf(stream);
-        ASSERT_GE(leader, 0);
+        int leader = -1;
+        ASSERT_TRUE(WaitUntil([&] { return (leader = LeaderOf(stream)) >= 0; }, 60));
         EXPECT_TRUE(StoresMore(10));
         engine.End(leader);
         if (centre != nullptr)
