@@ -98,6 +98,20 @@ Outcome Store(Engine& engine, Write& write)
     return write.outcome = engine.Note("a value for " + write.subject, status, code);
 }
 
+Outcome HasValue(Engine& engine, const std::string& bucket, const std::string& subject, bool* hasValue)
+{
+    jsOptions options;
+    jsOptions_Init(&options);
+    options.Wait = LongestWait;
+    natsMsg* found = nullptr;
+    jsErrCode code = static_cast<jsErrCode>(0);
+    const natsStatus status =
+        js_GetLastMsg(&found, engine.Streams(), BucketStream(bucket).c_str(), subject.c_str(), &options, &code);
+    natsMsg_Destroy(found);
+    *hasValue = status == NATS_OK;
+    return code == JSNoMessageFoundErr ? Outcome::Done : engine.Note("the value of " + subject, status, code);
+}
+
 Outcome StoreLast(Engine& engine, const std::string& subject, uint64_t* revision)
 {
     jsPubOptions options;

@@ -54,6 +54,12 @@ struct Write {
 /// Stores a value if its key still has the revision that is expected; Outcome::Passed when it hasn't.
 Outcome Store(Engine& engine, Write& write);
 
+/// Whether a key has a value, as the server has it that leads the bucket. Who expects none looks first: the servers of a
+/// cluster (nats-server 2.9) find out whether a message is the first of its subject when each of them stores it, and those
+/// that refuse one count it; a server that is started again may count another number than the others, takes what it has
+/// stored for what it has not, and is different from then on.
+Outcome HasValue(Engine& engine, const std::string& bucket, const std::string& subject, bool* hasValue);
+
 /// Stores an empty value whatever its key has. Once that has its revision, so has all that was stored before.
 Outcome StoreLast(Engine& engine, const std::string& subject, uint64_t* revision);
 

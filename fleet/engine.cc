@@ -203,7 +203,7 @@ Outcome Engine::Last(const std::string& node, Position* position, Buffer* change
     return Note("the last change of " + node, status);
 }
 
-// Stores a message behind the message `after` of its subject; 0: as the first one.
+// Stores a message behind the message `after` of its subject; 0: as the first one, which is asked for when there is none.
 Outcome Engine::Store(natsMsg* message, uint64_t after, uint64_t* sequence)
 {
     jsPubOptions options;
@@ -221,17 +221,7 @@ Outcome Engine::Store(natsMsg* message, uint64_t after, uint64_t* sequence)
     return Note(std::string("a message to ") + natsMsg_GetSubject(message), status, code);
 }
 
-Outcome Engine::Settle(const std::string& node)
-{
-    jsPubOptions options;
-    jsPubOptions_Init(&options);
-    options.MaxWait = LongestWait;
-    options.ExpectStream = StreamName;
-    jsErrCode code = static_cast<jsErrCode>(0);
-    const std::string subject = SettledSubject(node);
-    const natsStatus status = js_Publish(nullptr, stream, subject.c_str(), "", 0, &options, &code);
-    return Note("a message to " + subject, status, code);
-}
+Outcome Engine::Settle(const std::string& node) { return PublishPiece(SettledSubject(node), "", 0); }
 
 Outcome Engine::Publish(const std::string& node, const Buffer& changes, Position* position)
 {
@@ -249,17 +239,16 @@ Outcome Engine::Publish(const std::string& node, const Buffer& changes, Position
     return Store(made, position->sequence, &position->sequence);
 }
 
-Outcome Engine::PublishOnce(const std::string& subject, const void* bytes, std::size_t size)
+Outcome Engine::PublishPiece(const std::string& subject, const void* bytes, std::size_t size)
 {
-    natsMsg* made = nullptr;
+    jsPubOptions options;
+    jsPubOptions_Init(&options);
+    options.MaxWait = LongestWait;
+    options.ExpectStream = StreamName;
+    jsErrCode code = static_cast<jsErrCode>(0);
     const natsStatus status =
-        natsMsg_Create(&made, subject.c_str(), nullptr, static_cast<const char*>(bytes), static_cast<int>(size));
-    const Message message(made, natsMsg_Destroy);
-    if (status != NATS_OK)
-        return Note("a message", status);
-    uint64_t sequence = 0;
-    const Outcome outcome = Store(made, 0, &sequence);
-    return outcome == Outcome::Passed ? Outcome::Done : outcome;
+        js_Publish(nullptr, stream, subject.c_str(), bytes, static_cast<int>(size), &options, &code);
+    return Note("a message to " + subject, status, code);
 }
 
 } // namespace fleet

@@ -96,8 +96,9 @@ public:
     /// Stores changes of `node`, the list's last one being `position.number` of `position.journal`, if the message
     /// `position.sequence` is its last one; then that becomes the number of the new message.
     Outcome Publish(const std::string& node, const Buffer& changes, Position* position);
-    /// Stores what is the only message of its subject. One that is there already stays: that is Done, too.
-    Outcome PublishOnce(const std::string& subject, const void* bytes, std::size_t size);
+    /// Stores a piece of an attachment. One that is there already stays, with the same bytes: to expect none would let the
+    /// servers of a cluster become different, see HasValue in bucket.h.
+    Outcome PublishPiece(const std::string& subject, const void* bytes, std::size_t size);
 
     const std::string& Problem() const { return problem; }
     /// For what is asked of the engine elsewhere, once Connect has succeeded.

@@ -23,6 +23,27 @@ bool Lease::FindLifetime()
     return lifetime > Clock::duration::zero();
 }
 
+// Stores the holder in the place of what it has stored last, or of nothing. Of nothing only when there seems to be nothing:
+// see HasValue.
+Outcome Lease::Take()
+{
+    bool hasHolder = false;
+    Outcome outcome = revision == 0 ? HasValue(engine, CentreBucket, subject, &hasHolder) : Outcome::Done;
+    if (outcome != Outcome::Done || hasHolder)
+        return outcome == Outcome::Done ? Outcome::Passed : outcome;
+    Write write;
+    write.subject = subject;
+    write.bytes = holder.data();
+    write.size = holder.size();
+    write.expected = revision;
+    outcome = Store(engine, write);
+    if (outcome == Outcome::Done) {
+        taken += revision == 0;
+        revision = write.revision;
+    }
+    return outcome;
+}
+
 bool Lease::Hold()
 {
     const Clock::time_point now = Clock::now();
@@ -34,20 +55,12 @@ bool Lease::Hold()
     hasFailed = true;
     if (lifetime == Clock::duration::zero() && !FindLifetime())
         return false;
-    Write write;
-    write.subject = subject;
-    write.bytes = holder.data();
-    write.size = holder.size();
-    write.expected = revision;
-    const Outcome outcome = Store(engine, write);
+    const Outcome outcome = Take();
     hasFailed = outcome != Outcome::Done && outcome != Outcome::Passed;
-    if (outcome == Outcome::Done) {
-        taken += revision == 0;
-        revision = write.revision;
+    if (outcome == Outcome::Done)
         held = now; // it was not stored before
-    } else if (outcome == Outcome::Passed) {
+    else if (outcome == Outcome::Passed)
         revision = 0;
-    }
     return revision != 0 && Clock::now() - held < lifetime;
 }
 

@@ -32,6 +32,7 @@ private:
     typedef std::chrono::steady_clock Clock; // goes on while the process is stopped
 
     bool FindLifetime();
+    Outcome Take();
 
     Engine& engine;
     const std::string holder;

@@ -182,7 +182,7 @@ bool Publisher::PassAttachment(const FaultChange& change)
     for (unsigned at = 0, index = 0; change.kind == FaultChange::Raised && at < attachment.Size(); index++) {
         const unsigned size = std::min(attachment.Size() - at, PieceSize);
         const std::string subject = PieceSubject(node, position.journal, change.number, index);
-        if (!Check(engine.PublishOnce(subject, bytes + at, size)))
+        if (!Check(engine.PublishPiece(subject, bytes + at, size)))
             return false;
         at += size;
     }

@@ -40,7 +40,7 @@ void MadeUpHost::StorePieces(Engine& engine, const FaultChange& change)
 {
     const std::string subject = PieceSubject(name, position.journal, change.number, 0);
     for (;;) {
-        const Outcome outcome = engine.PublishOnce(subject, static_cast<const void*>(change.fault.attachment),
+        const Outcome outcome = engine.PublishPiece(subject, static_cast<const void*>(change.fault.attachment),
                                                    change.fault.attachment.Size());
         if (outcome == Outcome::Done)
             return;

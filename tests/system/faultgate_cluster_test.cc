@@ -48,7 +48,7 @@ TEST_F(EngineClusterTest, WhatIsRemovedTakesNothingElseWithItWhenServersStartAga
 {
     EXPECT_EQ(WithEngine([](Engine& engine) {
                   Buffer data;
-                  CHILD_CHECK(engine.PublishOnce("fault.piece.quiet.j.1.0", "piece", 5) == Outcome::Done);
+                  CHILD_CHECK(engine.PublishPiece("fault.piece.quiet.j.1.0", "piece", 5) == Outcome::Done);
                   Cleaner cleaner(engine, 0);
                   Position quiet, busy;
                   quiet.journal = busy.journal = "j";
@@ -59,7 +59,7 @@ TEST_F(EngineClusterTest, WhatIsRemovedTakesNothingElseWithItWhenServersStartAga
                       CHILD_CHECK(engine.Publish("busy", data, &busy) == Outcome::Done);
                       cleaner.Done("busy", {1, busy.sequence, 0});
                   }
-                  CHILD_CHECK(engine.PublishOnce("fault.piece.busy.j.1.0", "piece", 5) == Outcome::Done);
+                  CHILD_CHECK(engine.PublishPiece("fault.piece.busy.j.1.0", "piece", 5) == Outcome::Done);
                   CHILD_CHECK(cleaner.Remove("fault.piece.busy.j.1.*", 100));
                   cleaner.Run();
               }),
