@@ -55,6 +55,40 @@ TEST_F(ApplierTest, OnlyWhatIsAppliedIsRemovedAndTheLastMessageStays)
     EXPECT_EQ(SubjectsInStream(), "fault.change.one 3\nfault.change.three 1\nfault.change.two 2\n");
 }
 
+// The subjects of the messages that a connection has sent, each with the number that is expected there.
+static std::string Sent(natsSubscription* subscription)
+{
+    std::string lines;
+    natsMsg* message = nullptr;
+    while (natsSubscription_NextMsg(&message, subscription, 200) == NATS_OK) {
+        const char* expected = nullptr;
+        natsMsgHeader_Get(message, "Nats-Expected-Last-Subject-Sequence", &expected);
+        lines += natsMsg_GetSubject(message) + std::string(" ") + (expected == nullptr ? "-" : expected) + "\n";
+        natsMsg_Destroy(message);
+    }
+    return lines;
+}
+
+// Servers of a cluster that refuse such a message may become different.
+TEST_F(ApplierTest, NobodyExpectsNothingWithoutALook)
+{
+    EXPECT_EQ(AskEngine([](Engine& connection) {
+                  natsSubscription *values = nullptr, *pieces = nullptr;
+                  CHILD_CHECK(natsConnection_SubscribeSync(&values, connection.Connection(), "$KV.>") == NATS_OK);
+                  CHILD_CHECK(natsConnection_SubscribeSync(&pieces, connection.Connection(), "fault.piece.>") ==
+                              NATS_OK);
+                  Lease first(connection, "applier", "one"), second(connection, "applier", "two");
+                  CHILD_CHECK(first.Hold() && !second.Hold() && !second.Failed());
+                  for (int i = 0; i < 2; i++)
+                      CHILD_CHECK(connection.PublishPiece("fault.piece.one.j.1.0", "piece", 5) == Outcome::Done);
+                  const std::string sent = Sent(values) + Sent(pieces);
+                  natsSubscription_Destroy(values);
+                  natsSubscription_Destroy(pieces);
+                  return sent;
+              }),
+              "$KV.centre.applier 0\nfault.piece.one.j.1.0 -\nfault.piece.one.j.1.0 -\n");
+}
+
 TEST_F(ApplierTest, WhatOthersHaveAppliedAndLeftIsRemoved)
 {
     AskEngine([](Engine& connection) {
