@@ -7,6 +7,8 @@
 
 #include "Misc/Dates.h"
 
+#include "signals.h"
+
 namespace fleet {
 
 static const long AnswerSeconds = 35; // a command has 30
@@ -52,6 +54,7 @@ long Asker::Ask(const CentreRequest& request)
 
 bool Asker::Send(const CentreRequest& request, natsSubscription** answers)
 {
+    const SignalsHeld held;
     FleetRequest sent;
     sent.centre = centre.c_str();
     sent.event = request.event;

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "signals.h"
+
 namespace fleet {
 
 std::string Token(const std::string& name)
@@ -108,6 +110,7 @@ bool Engine::Connect()
 {
     if (IsConnected())
         return true;
+    const SignalsHeld held;
     jsCtx_Destroy(stream);
     natsConnection_Destroy(connection);
     stream = nullptr;
@@ -181,6 +184,7 @@ static bool ReadPosition(natsMsg* message, Position* position)
 
 Outcome Engine::Last(const std::string& node, Position* position, Buffer* changes)
 {
+    const SignalsHeld held;
     *position = Position();
     changes->PurgeContents();
     jsOptions options;
@@ -206,6 +210,7 @@ Outcome Engine::Last(const std::string& node, Position* position, Buffer* change
 // Stores a message behind the message `after` of its subject; 0: as the first one, which is asked for when there is none.
 Outcome Engine::Store(natsMsg* message, uint64_t after, uint64_t* sequence)
 {
+    const SignalsHeld held;
     jsPubOptions options;
     jsPubOptions_Init(&options);
     options.MaxWait = LongestWait;
@@ -241,6 +246,7 @@ Outcome Engine::Publish(const std::string& node, const Buffer& changes, Position
 
 Outcome Engine::PublishPiece(const std::string& subject, const void* bytes, std::size_t size)
 {
+    const SignalsHeld held;
     jsPubOptions options;
     jsPubOptions_Init(&options);
     options.MaxWait = LongestWait;

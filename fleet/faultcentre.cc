@@ -99,18 +99,6 @@ static int ApplyChanges(const Settings& settings, pid_t server)
     return 0;
 }
 
-// The engine's threads have the signals that are blocked when they are made: none is to interrupt them in the place of
-// the server, which waits for its alarms.
-static bool ConnectWithoutSignals(Engine& engine)
-{
-    sigset_t all, before;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &before);
-    const bool isConnected = engine.Connect();
-    sigprocmask(SIG_SETMASK, &before, nullptr);
-    return isConnected;
-}
-
 // The applier ends after what it is at, unless the engine lets it wait.
 static void EndApplier(pid_t applier)
 {
@@ -138,7 +126,7 @@ static int Serve(const Settings& settings, Starter& starter)
     FleetView view(engine);
     Asker asker(engine, std::string(ProgInfo::GetNodeName()), settings.engine.inbox);
     Complaints complaints("faultcentre");
-    while (!ConnectWithoutSignals(engine) || !view.Refresh()) {
+    while (!view.Refresh()) {
         complaints.Note(engine.Problem());
         if (waitpid(applier, nullptr, WNOHANG) != 0)
             return starter.Refuse("the applier ended");

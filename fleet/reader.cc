@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "signals.h"
+
 namespace fleet {
 
 static const int64_t Millisecond = 1000000; // nanoseconds
@@ -15,6 +17,7 @@ static const int64_t WaitsForConsumer[] = {500, 1500, LongestWait - 2000};
 
 Outcome Reader::Read(int most, int64_t milliseconds, std::vector<StreamMessage>* messages)
 {
+    const SignalsHeld held;
     messages->clear();
     Outcome outcome = Open();
     if (outcome == Outcome::Done && waiting == 0)

@@ -111,6 +111,47 @@ TEST_F(FaultcentreTest, ServesInTheBackground)
     EXPECT_TRUE(WaitUntil([&] { return North().Ctl({"--centre", "list"}).exitCode == 3; }));
 }
 
+static std::string FieldOf(const std::filesystem::path& status, const std::string& name)
+{
+    std::istringstream lines(ReadFile(status.string()));
+    for (std::string line; std::getline(lines, line);)
+        if (line.compare(0, name.size() + 2, name + ":\t") == 0)
+            return line.substr(name.size() + 2);
+    return "";
+}
+
+// The threads of programs that wait for alarms, but for the first of each, and those of them that would take one.
+static void CountThreads(int* all, std::string* takers)
+{
+    for (const auto& process : std::filesystem::directory_iterator("/proc")) {
+        const std::string id = process.path().filename(), name = FieldOf(process.path() / "status", "Name");
+        const std::string parent = FieldOf("/proc/" + FieldOf(process.path() / "status", "PPid") + "/status", "Name");
+        if (name != "faultgate" && (name != "faultcentre" || parent == name)) // the applier waits for none
+            continue;
+        for (const auto& thread : std::filesystem::directory_iterator(process.path() / "task")) {
+            if (thread.path().filename() == id)
+                continue;
+            ++*all;
+            const std::string held = FieldOf(thread.path() / "status", "SigBlk");
+            if ((std::strtoull(held.c_str(), nullptr, 16) >> (SIGALRM - 1) & 1) == 0)
+                *takers += name + " ";
+        }
+    }
+}
+
+// An alarm that another thread takes leaves the one that waits for it waiting.
+TEST_F(FaultcentreTest, NoThreadOfTheEnginesClientTakesAlarms)
+{
+    Alpha().Ctl({"raise", "x", "1", "text"});
+    ExpectSame();
+    North().Centre({"show", "alpha", "x", "1"}); // a request to a gate
+    int threads = 0;
+    std::string takers;
+    CountThreads(&threads, &takers);
+    EXPECT_GE(threads, 6 * 3) << "two gates of two processes each, and two centres";
+    EXPECT_EQ(takers, "");
+}
+
 TEST_F(FaultcentreTest, ListsMoreThanAnAnswerHolds)
 {
     const TemporaryDirectory directory;
