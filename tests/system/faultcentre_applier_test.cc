@@ -81,7 +81,7 @@ TEST_F(ApplierTest, NobodyExpectsNothingWithoutALook)
                   CHILD_CHECK(first.Hold() && !second.Hold() && !second.Failed());
                   for (int i = 0; i < 2; i++)
                       CHILD_CHECK(connection.PublishPiece("fault.piece.one.j.1.0", "piece", 5) == Outcome::Done);
-                  const std::string sent = Sent(values) + Sent(pieces);
+                  std::string sent = Sent(values) + Sent(pieces);
                   natsSubscription_Destroy(values);
                   natsSubscription_Destroy(pieces);
                   return sent;
