@@ -2,7 +2,6 @@
 // Measures the centre: fills the bucket, and applies changes. The engine runs and was set up.
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -14,8 +13,8 @@
 #include "Misc/proginfo.h"
 
 #include "applier.h"
+#include "benchline.h"
 #include "message.h"
-#include "options.h"
 
 using namespace fleet;
 
@@ -168,26 +167,18 @@ static int Latency(long raises)
 int main(int argc, char** argv, char** envp)
 {
     ProgInfo::Initialize(argc, argv, envp, FaultVersion);
-    EngineAddress address;
-    int at = 1;
-    for (; at + 1 < argc && std::strncmp(argv[at], "--", 2) == 0; at += 2)
-        if (!ReadEngineOption(argv[at], argv[at + 1], &address))
-            return Fail(Usage);
-    const std::string mode = at < argc ? argv[at] : "";
-    std::vector<long> numbers;
-    while (++at < argc) {
-        numbers.push_back(0);
-        if (!ReadCount(argv[at], &numbers.back()))
-            return Fail(Usage);
-    }
-    if (mode == "latency" && numbers.size() == 1)
+    BenchLine line;
+    if (!ReadBenchLine(argc, argv, &line))
+        return Fail(Usage);
+    const std::vector<long>& numbers = line.numbers;
+    if (line.Is("latency", 1))
         return Latency(numbers[0]);
-    Engine engine(address);
+    Engine engine(line.engine);
     if (!engine.Connect())
         return Fail(engine.Problem());
-    if (mode == "fill" && numbers.size() == 2)
+    if (line.Is("fill", 2))
         return Fill(engine, numbers[0], numbers[1]);
-    if (mode == "apply" && numbers.size() == 3)
+    if (line.Is("apply", 3))
         return Apply(engine, numbers[0], numbers[1], numbers[2]);
     return Fail(Usage);
 }

@@ -2,7 +2,6 @@
 // Measures the engine, which runs and was set up, as the gates of many hosts load it.
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -15,8 +14,8 @@
 #include "Misc/Dates.h"
 #include "Misc/proginfo.h"
 
+#include "benchline.h"
 #include "message.h"
-#include "options.h"
 
 using namespace fleet;
 
@@ -158,22 +157,14 @@ static int Connect(const EngineAddress& address, long hosts)
 int main(int argc, char** argv, char** envp)
 {
     ProgInfo::Initialize(argc, argv, envp, FaultVersion);
-    EngineAddress address;
-    int at = 1;
-    for (; at + 1 < argc && std::strncmp(argv[at], "--", 2) == 0; at += 2)
-        if (!ReadEngineOption(argv[at], argv[at + 1], &address))
-            return Fail(Usage);
-    address.name = "enginebench";
-    const std::string mode = at < argc ? argv[at] : "";
-    std::vector<long> numbers;
-    while (++at < argc) {
-        numbers.push_back(0);
-        if (!ReadCount(argv[at], &numbers.back()))
-            return Fail(Usage);
-    }
-    if (mode == "publish" && numbers.size() == 3)
-        return Publish(address, numbers[0], numbers[1], numbers[2]);
-    if (mode == "connect" && numbers.size() == 1)
-        return Connect(address, numbers[0]);
+    BenchLine line;
+    if (!ReadBenchLine(argc, argv, &line))
+        return Fail(Usage);
+    line.engine.name = "enginebench";
+    const std::vector<long>& numbers = line.numbers;
+    if (line.Is("publish", 3))
+        return Publish(line.engine, numbers[0], numbers[1], numbers[2]);
+    if (line.Is("connect", 1))
+        return Connect(line.engine, numbers[0]);
     return Fail(Usage);
 }

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <new>
 
 #include <sys/mman.h>
@@ -30,19 +29,6 @@ void MakeShared()
     }
     shared = static_cast<Shared*>(memory); // all zero
     shared->leader = -1;
-}
-
-int64_t Now()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-void SleepMilliseconds(long milliseconds)
-{
-    const struct timespec time = {milliseconds / 1000, milliseconds % 1000 * 1000000};
-    nanosleep(&time, nullptr);
 }
 
 void Note(const char* format, ...)

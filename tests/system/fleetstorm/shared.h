@@ -9,6 +9,7 @@
 #include <string>
 
 #include "examples/fault.h"
+#include "tests/support/monotonic.h"
 
 namespace fleetstorm {
 
@@ -123,8 +124,8 @@ std::string Attachment(int host, uint32_t op, uint32_t size);
 
 extern Shared* shared;
 void MakeShared();
-int64_t Now();
-void SleepMilliseconds(long milliseconds);
+using testing_support::Now;
+using testing_support::SleepMilliseconds;
 /// Writes a line about a fault; the first 60 of a storm.
 [[gnu::format(printf, 1, 2)]] void Note(const char* format, ...);
 

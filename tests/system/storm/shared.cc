@@ -4,7 +4,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <new>
 
 #include <fcntl.h>
@@ -29,19 +28,6 @@ void MakeShared()
 }
 
 void ResetShared() { new (shared) Shared(); }
-
-int64_t Now()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-void SleepMilliseconds(long milliseconds)
-{
-    const struct timespec time = {milliseconds / 1000, milliseconds % 1000 * 1000000};
-    nanosleep(&time, nullptr);
-}
 
 void Note(const char* format, ...)
 {

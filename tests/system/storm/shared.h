@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "tests/support/monotonic.h"
+
 namespace storm {
 
 constexpr int MostClients = 64;
@@ -53,8 +55,8 @@ void MakeShared();
 /// Sets everything to zero, for the next mode.
 void ResetShared();
 
-int64_t Now();
-void SleepMilliseconds(long milliseconds);
+using testing_support::Now;
+using testing_support::SleepMilliseconds;
 
 /// Writes a line about a fault to the standard error of the storm, whatever the process's own one is. A mode writes
 /// the first 40.
