@@ -41,7 +41,7 @@ void MadeUpHost::StorePieces(Engine& engine, const FaultChange& change)
     const std::string subject = PieceSubject(name, position.journal, change.number, 0);
     for (;;) {
         const Outcome outcome = engine.PublishPiece(subject, static_cast<const void*>(change.fault.attachment),
-                                                   change.fault.attachment.Size());
+                                                    change.fault.attachment.Size());
         if (outcome == Outcome::Done)
             return;
         usleep(50000);
