@@ -38,6 +38,7 @@ public:
     const Place& Applied() const { return applied; }
     uint64_t AppliedRevision() const { return appliedRevision; }
 
+    /// What is known of a node, which may be nothing. It stays the table's, until that is begun again.
     HostFaults& Of(const std::string& node);
     /// Stores what is new of the faults of these nodes, a part at a time, with `between` called before each. Passed: another
     /// centre has stored something meanwhile. When something failed, Problem() tells what. Then, too, it is to be begun

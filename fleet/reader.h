@@ -21,7 +21,8 @@ struct StreamMessage {
 
 /// Reads the messages on some subjects of a stream, each once and in their order, from one on. It goes on behind the last
 /// one it gave whatever happens to the connection and the engine meanwhile; of a stream that was removed and made anew, or
-/// that has lost its last messages with a server, it begins with the first. A server of the engine that lags behind the others may let it wait for some seconds.
+/// that has lost its last messages with a server, it begins with the first. A server of the engine that lags behind the
+/// others may let it wait for some seconds.
 class Reader {
 public:
     /// Of the messages on `subject` those from the number `next` on, if the stream is the one that was made at `created`;
